@@ -1,0 +1,56 @@
+# The library's own targets.
+#   qv_platform     headers of the chip's call contract
+#   olvex_det_core  all library sources but the exported functions, as objects, for tests and tools
+#   olvex_det       libolvex_det.so.1 (alias olvex::det), which exports the public functions alone
+
+find_package(Threads REQUIRED)
+
+add_library(qv_platform INTERFACE)
+target_include_directories(qv_platform INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")
+
+add_library(olvex_det_core OBJECT
+  base/ipu_engine/ipu_engine.cpp
+  base/postprocess/box_operations.cpp
+  base/postprocess/double_check.cpp
+  base/postprocess/ipu_decode.cpp
+  base/postprocess/raw_decode.cpp
+  base/postprocess/stable_box.cpp
+  base/sdet/sdet_model.cpp
+  base/tracker/iou_tracker/iout.cpp
+  utils/debug/debug.cpp
+  video/det/src/det_schedule.cpp)
+target_compile_features(olvex_det_core PUBLIC cxx_std_11)
+set_target_properties(olvex_det_core PROPERTIES
+  CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+  POSITION_INDEPENDENT_CODE ON)
+target_include_directories(olvex_det_core PUBLIC
+  "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records")
+target_link_libraries(olvex_det_core PUBLIC qv_platform olvex_numbers Threads::Threads
+                                     PRIVATE olvex_warnings)
+
+set(OLVEX_EXPORT_MAP "${PROJECT_SOURCE_DIR}/cmake/olvex_det.map")
+add_library(olvex_det SHARED video/det/src/olvex_det_impl.cpp)
+add_library(olvex::det ALIAS olvex_det)
+set_target_properties(olvex_det PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+  CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
+  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+  LINK_DEPENDS "${OLVEX_EXPORT_MAP}")
+set_source_files_properties(video/det/src/olvex_det_impl.cpp PROPERTIES
+  COMPILE_DEFINITIONS "OLVEX_COMMIT_DET=\"${OLVEX_COMMIT_DET}\"")
+target_include_directories(olvex_det
+  PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/video/det/include>"
+         "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/utils/records>"
+         "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>"
+         "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/olvex>"
+  PRIVATE "${PROJECT_SOURCE_DIR}")
+target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numbers)
+# The QV_ calls stay undefined: the application brings the chip's library or one of platform/.
+target_link_options(olvex_det PRIVATE "LINKER:--version-script=${OLVEX_EXPORT_MAP}"
+                                      "LINKER:-z,relro,-z,now" "LINKER:--as-needed")
+
+install(TARGETS olvex_det LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(FILES
+  video/det/include/olvex_det.h utils/records/algo_types.h
+  platform/include/qv_types.h platform/include/qv_sys.h platform/include/qv_ipu.h
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/olvex")

@@ -1,0 +1,17 @@
+# olvex_find_opencv(<module>...) makes the targets opencv_<module>. Debian packs OpenCV module by
+# module, and only the collection of them all brings OpenCVConfig.cmake; without that the modules
+# are looked up one by one.
+function(olvex_find_opencv)
+  find_package(OpenCV QUIET COMPONENTS ${ARGN})
+  foreach(module IN LISTS ARGN)
+    if(TARGET opencv_${module})
+      continue()
+    endif()
+    find_path(OLVEX_OPENCV_INCLUDE_DIR opencv2/${module}.hpp PATH_SUFFIXES opencv4 REQUIRED)
+    find_library(OLVEX_OPENCV_${module}_LIBRARY opencv_${module} REQUIRED)
+    add_library(opencv_${module} SHARED IMPORTED GLOBAL)
+    set_target_properties(opencv_${module} PROPERTIES
+      IMPORTED_LOCATION "${OLVEX_OPENCV_${module}_LIBRARY}"
+      INTERFACE_INCLUDE_DIRECTORIES "${OLVEX_OPENCV_INCLUDE_DIR}")
+  endforeach()
+endfunction()
