@@ -36,8 +36,10 @@ set_target_properties(olvex_det PROPERTIES
   CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   LINK_DEPENDS "${OLVEX_EXPORT_MAP}")
+# As an option: CMake drops definitions with a '#' in them.
+set(OLVEX_COMMIT_DET_OPTION "-DOLVEX_COMMIT_DET=\"${OLVEX_COMMIT_DET}\"")
 set_source_files_properties(video/det/src/olvex_det_impl.cpp PROPERTIES
-  COMPILE_DEFINITIONS "OLVEX_COMMIT_DET=\"${OLVEX_COMMIT_DET}\"")
+  COMPILE_OPTIONS "${OLVEX_COMMIT_DET_OPTION}")
 target_include_directories(olvex_det
   PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/video/det/include>"
          "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/utils/records>"

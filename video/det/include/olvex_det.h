@@ -123,6 +123,10 @@ typedef struct DetStrictModeParams_t {
 
 /* ---- Functions, in the order in which they are called ---------------------------------------- */
 
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
 /* Makes a handle with all options at their defaults (tracker, filter, stabiliser and strict mode
  * off).
  *
@@ -325,6 +329,10 @@ QV_S32 ALGO_DET_DeinitHandle(void* handle);
  *   E_ALGO_SUCCESS, always
  * State: none needed, none changed. */
 QV_S32 ALGO_DET_ReleaseHandle(void* handle);
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
 
 #ifdef __cplusplus
 }

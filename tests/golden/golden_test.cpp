@@ -1,0 +1,334 @@
+// golden_test.cpp - fixed tensors through the whole library: every build, compiler and processor
+// must report the same boxes, bit for bit. data/ holds one file per promise; after an intended
+// change run this program with OLVEX_GOLDEN_UPDATE=1 in the environment and read the difference.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "olvex_det.h"
+
+#include "platform/scripted/qv_scripted.h"
+#include "tests/support/scripted_test.h"
+#include "video/det/include/det_schedule.h"
+
+namespace {
+
+const QV_U32 kNetWidth = 320;
+const QV_U32 kNetHeight = 192;
+const int kFrames = 8;
+const size_t kListedBoxes = 12;
+
+// Integers only, so that the tensors themselves are the same everywhere.
+class Random {
+ public:
+  explicit Random(uint32_t seed) : state_(seed) {}
+  uint32_t next() {
+    state_ = state_ * 1664525u + 1013904223u;
+    return state_ >> 8;
+  }
+  // A multiple of 1/256 in [-range, range).
+  float value(int range) {
+    const int steps = static_cast<int>(next() % static_cast<uint32_t>(512 * range));
+    return static_cast<float>(steps - 256 * range) / 256.0f;
+  }
+
+ private:
+  uint32_t state_;
+};
+
+template <typename Value>
+Value element(float value, float scale);
+template <>
+float element<float>(float value, float /*scale*/) {
+  return value;
+}
+template <>
+int16_t element<int16_t>(float value, float scale) {
+  return static_cast<int16_t>(value / scale);
+}
+
+// One raw layer: most logits low, a few high ones that drift slowly over the frames, so that tracks
+// form. Every 97th cell holds a tie, and with `odd` some hold NaN, infinities and denormals.
+template <typename Value>
+qv_scripted::Bytes raw_layer(uint32_t seed, int frame, int cells, int channels, int classes,
+                             float scale, bool odd) {
+  Random random(seed);
+  std::vector<Value> values;
+  for (int cell = 0; cell < cells; ++cell) {
+    const bool hit = random.next() % 23 == 0;
+    for (int k = 0; k < channels; ++k) {
+      float v = random.value(2);
+      if (k >= 4 && k < 4 + classes) {
+        v = hit ? random.value(3) + 1.0f : -6.0f;
+        if (cell % 97 == 0) {
+          v = 2.0f;
+        }
+      } else if (k < 4) {
+        v += static_cast<float>(frame % 5) / 64.0f;
+      }
+      values.push_back(element<Value>(v, scale));
+    }
+  }
+  if (odd) {
+    const float extremes[] = {std::numeric_limits<float>::quiet_NaN(),
+                              std::numeric_limits<float>::infinity(),
+                              -std::numeric_limits<float>::infinity(),
+                              1e-40f,
+                              3e38f,
+                              -3e38f};
+    for (size_t i = 7; i < values.size(); i += 131) {
+      values[i] = element<Value>(extremes[(i / 131) % 6], 1.0f);
+    }
+  }
+  return qv_scripted::to_bytes(values);
+}
+
+struct Scenario {
+  const char* name;
+  const char* header;
+  QV_IPU_ELEMENT_FORMAT format;
+  int classes;
+  int keypoints;
+  int values_per_keypoint;
+  bool odd;
+  float threshold;
+  DetTrackParams_t options;
+  bool strict;
+  int list_layout;  // 0: raw layers; 4 or 5: accelerator-decoded with that many tensors
+};
+
+std::ostream& operator<<(std::ostream& stream, const Scenario& scenario) {
+  return stream << scenario.name;
+}
+
+const DetTrackParams_t kPlain = {0, 0, 0.0f, 0, 0.0f, 0};
+const DetTrackParams_t kTracked = {1, 0, 0.0f, 0, 0.0f, 2};
+const DetTrackParams_t kMoving = {1, 1, 0.98f, 0, 0.0f, 0};
+const DetTrackParams_t kSteady = {0, 0, 0.0f, 1, 0.5f, 0};
+const DetTrackParams_t kTrackedSteady = {1, 0, 0.0f, 1, 0.0f, 0};
+
+const Scenario kScenarios[] = {
+    {"raw_fp32", "model_out:zrpcd\n", QV_IPU_FORMAT_FP32, 3, 0, 0, false, 0.4f, kPlain, false, 0},
+    {"raw_int16", "model_out:zrpcn\n", QV_IPU_FORMAT_INT16, 6, 0, 0, false, 0.4f, kPlain, false, 0},
+    {"raw_fp32_extremes", "model_out:zrpcd\n", QV_IPU_FORMAT_FP32, 3, 0, 0, true, 0.3f, kPlain,
+     false, 0},
+    {"keypoints_fp32", "model_out:zrhpd\n", QV_IPU_FORMAT_FP32, 1, 17, 3, false, 0.5f, kPlain,
+     false, 0},
+    {"keypoint_pairs_int16", "model_out:zrlpd\n", QV_IPU_FORMAT_INT16, 1, 4, 2, false, 0.5f, kPlain,
+     false, 0},
+    {"tracked", "model_out:zrpcd\n", QV_IPU_FORMAT_FP32, 3, 0, 0, false, 0.6f, kTracked, false, 0},
+    {"moving_only", "", QV_IPU_FORMAT_FP32, 2, 0, 0, false, 0.6f, kMoving, false, 0},
+    {"strict_mapped", "model_out:zrpcnh;lib_out:zrpcn\n", QV_IPU_FORMAT_INT16, 7, 0, 0, false, 0.5f,
+     kTracked, true, 0},
+    {"steady", "model_out:zrpd\n", QV_IPU_FORMAT_FP32, 1, 0, 0, false, 0.6f, kSteady, false, 0},
+    {"tracked_steady", "model_out:zrpcn\n", QV_IPU_FORMAT_INT16, 6, 0, 0, false, 0.6f,
+     kTrackedSteady, false, 0},
+    {"list_fp32", "", QV_IPU_FORMAT_FP32, 5, 0, 0, false, 0.3f, kTracked, false, 5},
+    {"list_int16", "model_out:zrpd\n", QV_IPU_FORMAT_INT16, 1, 0, 0, false, 0.3f, kPlain, false, 4},
+};
+
+QV_IPU_TensorDesc_t tensor(const Scenario& s, const std::vector<QV_U32>& shape, float scale) {
+  return qv_scripted::nhwc_tensor("out", shape, s.format, scale);
+}
+
+qv_scripted::Bytes list_values(const Scenario& s, const std::vector<float>& values, float scale) {
+  if (s.format == QV_IPU_FORMAT_FP32) {
+    return qv_scripted::to_bytes(values);
+  }
+  std::vector<int16_t> integers;
+  for (const float v : values) {
+    integers.push_back(element<int16_t>(v, scale));
+  }
+  return qv_scripted::to_bytes(integers);
+}
+
+const float kRawScale = 1.0f / 256.0f;
+const float kListScales[] = {1.0f / 16.0f, 1.0f / 16384.0f};
+
+void add_raw_network(const Scenario& s, qv_scripted::Network& network) {
+  const int channels = 4 + s.classes + s.keypoints * s.values_per_keypoint;
+  std::vector<int> cells;
+  for (const QV_U32 stride : {8u, 16u, 32u}) {
+    const QV_U32 w = kNetWidth / stride;
+    const QV_U32 h = kNetHeight / stride;
+    network.outputs.push_back(tensor(s, {1, h, w, static_cast<QV_U32>(channels)}, kRawScale));
+    cells.push_back(static_cast<int>(w * h));
+  }
+  for (int frame = 0; frame < kFrames; ++frame) {
+    qv_scripted::Frame layers;
+    for (size_t l = 0; l < cells.size(); ++l) {
+      const uint32_t seed = 77u + 13u * static_cast<uint32_t>(l);
+      layers.push_back(
+          s.format == QV_IPU_FORMAT_FP32
+              ? raw_layer<float>(seed, frame, cells[l], channels, s.classes, kRawScale, s.odd)
+              : raw_layer<int16_t>(seed, frame, cells[l], channels, s.classes, kRawScale, false));
+    }
+    network.frames.push_back(layers);
+  }
+}
+
+void add_list_network(const Scenario& s, qv_scripted::Network& network) {
+  const QV_U32 rows = 60;
+  const bool has_classes = s.list_layout == 5;
+  network.outputs.push_back(tensor(s, {1, 1, rows, 4}, kListScales[0]));
+  if (has_classes) {
+    network.outputs.push_back(tensor(s, {1, 1, rows, 1}, 1.0f));
+  }
+  network.outputs.push_back(tensor(s, {1, 1, rows, 1}, kListScales[1]));
+  network.outputs.push_back(tensor(s, {1, rows}, 1.0f));
+  network.outputs.push_back(tensor(s, {1, 1}, 1.0f));
+  for (int frame = 0; frame < kFrames; ++frame) {
+    Random random(5);
+    std::vector<float> boxes, classes, scores, indices;
+    for (QV_U32 row = 0; row < rows; ++row) {
+      const float x = static_cast<float>(random.next() % 250);
+      const float y = static_cast<float>(random.next() % 150);
+      const float drift = static_cast<float>(frame * static_cast<int>(row % 5));
+      boxes.insert(boxes.end(), {x + drift, y, x + drift + 30.0f + random.value(8), y + 40.0f});
+      classes.push_back(static_cast<float>(random.next() % 5));
+      scores.push_back(static_cast<float>(random.next() % 256) / 256.0f);
+      indices.push_back(static_cast<float>((row * 7) % rows));
+    }
+    const float count = static_cast<float>(40 + frame);
+    qv_scripted::Frame tensors;
+    tensors.push_back(list_values(s, boxes, kListScales[0]));
+    if (has_classes) {
+      tensors.push_back(list_values(s, classes, 1.0f));
+    }
+    tensors.push_back(list_values(s, scores, kListScales[1]));
+    tensors.push_back(list_values(s, indices, 1.0f));
+    tensors.push_back(list_values(s, {count}, 1.0f));
+    network.frames.push_back(tensors);
+  }
+}
+
+uint32_t bits_of(float value) {
+  if (value != value) {
+    return 0x7fc00000u;  // one pattern for all NaNs
+  }
+  uint32_t bits;
+  std::memcpy(&bits, &value, sizeof(bits));
+  return bits;
+}
+
+// Writes numbers as text and keeps a digest (FNV-1a) of all of them.
+class Record {
+ public:
+  void number(uint64_t value, bool listed) {
+    for (int i = 0; i < 8; ++i) {
+      digest_ = (digest_ ^ ((value >> (8 * i)) & 0xffu)) * 1099511628211ull;
+    }
+    if (listed) {
+      text_ << ' ' << std::hex << value << std::dec;
+    }
+  }
+  std::ostringstream& text() { return text_; }
+  void end_frame() { text_ << "digest " << std::hex << digest_ << std::dec << '\n'; }
+
+ private:
+  std::ostringstream text_;
+  uint64_t digest_ = 14695981039346656037ull;
+};
+
+void record_frame(const DetHandle& handle, const Box_t* boxes, QV_S32 count, Record& record) {
+  record.text() << "boxes " << count << " list " << handle.mLastOutput_.size() << '\n';
+  for (QV_S32 i = 0; i < count; ++i) {
+    const bool listed = i < static_cast<QV_S32>(kListedBoxes);
+    for (const uint64_t v : {uint64_t{boxes[i].x}, uint64_t{boxes[i].y}, uint64_t{boxes[i].width},
+                             uint64_t{boxes[i].height}, uint64_t{boxes[i].class_id},
+                             uint64_t{bits_of(boxes[i].score)}, boxes[i].pts}) {
+      record.number(v, listed);
+    }
+    if (listed) {
+      record.text() << '\n';
+    }
+  }
+  for (const BoxInfo& box : handle.mLastOutput_) {
+    for (const float v : {box.x1, box.y1, box.x2, box.y2, box.score}) {
+      record.number(bits_of(v), false);
+    }
+    record.number(static_cast<uint32_t>(box.label), false);
+    record.number(box.track_id, false);
+    for (const KeyPt_t& point : box.keypts) {
+      for (const float v : {point.x, point.y, point.score}) {
+        record.number(bits_of(v), false);
+      }
+    }
+  }
+  record.end_frame();
+}
+
+std::string run_scenario(const Scenario& s) {
+  qv_scripted::Network network;
+  network.inputs.push_back(qv_scripted::picture_input(QV_IPU_FORMAT_NV12, kNetWidth, kNetHeight));
+  if (s.list_layout == 0) {
+    add_raw_network(s, network);
+  } else {
+    add_list_network(s, network);
+  }
+  std::vector<char> picture(static_cast<size_t>(network.inputs[0].s32AlignedBufSize));
+  qv_scripted::add_network(network);
+
+  const std::string model = testing::TempDir() + "golden_" + s.name + ".model";
+  std::ofstream(model, std::ios::binary) << s.header << "QTNX" << std::string(60, '.');
+
+  void* handle = nullptr;
+  ALGO_DET_CreateHandle(&handle);
+  DetectionInfo_t info = {};
+  std::snprintf(info.model, sizeof(info.model), "%s", model.c_str());
+  info.threshold = s.threshold;
+  info.disp_size.width = 1920;
+  info.disp_size.height = 1080;
+  EXPECT_EQ(ALGO_DET_InitHandle(handle, &info), 0);
+  ALGO_DET_SetTracker2(handle, s.options);
+  if (s.strict) {
+    DetStrictModeParams_t strict = {1};
+    ALGO_DET_SetStrictMode(handle, strict);
+  }
+  Record record;
+  std::vector<Box_t> boxes(ALGO_DET_MAX_BOXES);
+  for (int frame = 0; frame < kFrames; ++frame) {
+    ALGO_Input_t input = {picture.data(), 0, static_cast<QV_U32>(picture.size()),
+                          40ull * static_cast<QV_U64>(frame)};
+    QV_S32 count = -1;
+    EXPECT_EQ(ALGO_DET_Run(handle, &input, boxes.data(), &count), 0);
+    record_frame(*static_cast<DetHandle*>(handle), boxes.data(), count, record);
+  }
+  EXPECT_EQ(ALGO_DET_DeinitHandle(handle), 0);
+  std::remove(model.c_str());
+  return record.text().str();
+}
+
+class Golden : public ScriptedTest, public testing::WithParamInterface<Scenario> {};
+
+TEST_P(Golden, boxes_are_the_same_bits_everywhere) {
+  testing::internal::CaptureStdout();
+  const std::string result = run_scenario(GetParam());
+  testing::internal::GetCapturedStdout();
+
+  const std::string path = std::string(OLVEX_GOLDEN_DATA) + "/" + GetParam().name + ".txt";
+  if (std::getenv("OLVEX_GOLDEN_UPDATE") != nullptr) {
+    std::ofstream(path) << result;
+  }
+  std::ifstream file(path);
+  ASSERT_TRUE(file) << path << " is missing";
+  std::ostringstream expected;
+  expected << file.rdbuf();
+  EXPECT_EQ(result, expected.str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, Golden, testing::ValuesIn(kScenarios),
+                         [](const testing::TestParamInfo<Scenario>& scenario) {
+                           return std::string(scenario.param.name);
+                         });
+
+}  // namespace
