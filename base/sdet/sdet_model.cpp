@@ -97,23 +97,27 @@ int get_model_ptr(char* model_path, char*& p_model_file, unsigned int& model_fil
                      static_cast<int>(sizeof(file_size)),
                      static_cast<int>(sizeof(model_file_size)));
 
+  // The mapping, like its release, counts bytes in 32 bits. It outlives the descriptor.
   void* mapping = mmap(NULL, model_file_size, PROT_READ, MAP_SHARED, file, 0);
   const bool is_mapped = mapping != NULL && mapping != MAP_FAILED;
-  if (!is_mapped) {
-    perror("failed to do mmap");
-  } else if (model_file_size < kPatternSize) {
+  const bool is_too_short = model_file_size < kPatternSize;
+  if (is_too_short) {
     OLVEX_ERROR("model file size should not be smaller than start pattern!");
-    munmap(mapping, model_file_size);
-  } else {
-    p_model_file = static_cast<char*>(mapping);
-    get_model_kvs(p_model_file, model_file_size - kPatternSize, kvs, p_model);
-    close(file);
-    return E_ALGO_SUCCESS;
+  } else if (!is_mapped) {
+    perror("failed to do mmap");
   }
   close(file);
-  p_model_file = NULL;
-  model_file_size = 0;
-  return E_ALGO_LOADMODEL_FAIL;
+  if (is_too_short || !is_mapped) {
+    if (is_mapped) {
+      munmap(mapping, model_file_size);
+    }
+    p_model_file = NULL;
+    model_file_size = 0;
+    return E_ALGO_LOADMODEL_FAIL;
+  }
+  p_model_file = static_cast<char*>(mapping);
+  get_model_kvs(p_model_file, model_file_size - kPatternSize, kvs, p_model);
+  return E_ALGO_SUCCESS;
 }
 
 int H2SerializedReadFunc(void* dst, int offset, int size, char* ctx) {
@@ -147,7 +151,7 @@ struct ChannelGuess {
   int num_keypoints;
 };
 
-// Deliberate: no entry for 9 channels, which five classes would have: no model type has five.
+// Deliberate: no entry for 9 channels; such a model has to name its type.
 const ChannelGuess kChannelGuesses[] = {
     {5, 1, 0},  {6, 2, 0},   {7, 3, 0},  {8, 4, 0},  {10, 6, 0},  {11, 7, 0},  {12, 8, 0},
     {13, 1, 4}, {14, 10, 0}, {15, 1, 5}, {20, 1, 5}, {56, 1, 17}, {68, 1, 21},
@@ -178,6 +182,11 @@ const char* last_value(const olvex::vector<ModelKeyValue_t>& kvs, const char* ke
     }
   }
   return value;
+}
+
+// A tensor's shape is unsigned; the decoders' records are not.
+unsigned long channel_count(int channels) {
+  return static_cast<unsigned int>(channels);
 }
 
 // Division first, then multiplication, then the clamp; a NaN becomes 0.
@@ -237,8 +246,7 @@ OutputDecoder choose_output_decoder(const DetDecodeInfo& info) {
     OLVEX_DEBUG_FORMAT(
         "channels of out layers should be the same, however %lu(layer%d), %lu(layer%d), "
         "%lu(layer%d)\n",
-        static_cast<unsigned long>(c[0]), 0, static_cast<unsigned long>(c[1]), 1,
-        static_cast<unsigned long>(c[2]), 2);
+        channel_count(c[0]), 0, channel_count(c[1]), 1, channel_count(c[2]), 2);
   }
   return kDecoderNone;
 }
@@ -279,9 +287,7 @@ struct ClassRule {
 // Negative library ids travel on as labels: such boxes take part in tracking's double check and are
 // dropped from the output.
 const ClassRule kClassRules[] = {
-    // Deliberate: the first rule confirms with ids that its own map has made negative, so it
-    // confirms
-    // nothing.
+    // Its confirming ids are the ones before the mapping, which no box carries any more.
     {"zrphf", "zrpd", 2, {{1, -1}, {2, -2}}, 2, {1, 2}},
     {"zrpcnh", "zrpcn", 1, {{6, -6}}, 1, {-6}},
     {"zrpcnf", "zrpcn", 1, {{6, -6}}, 1, {-6}},
@@ -386,7 +392,7 @@ void DetAfModel::release_image() {
 }
 
 void DetAfModel::release_own_image() {
-  if (image_is_ours_) {
+  if (image_is_ours_ && p_model_file_ != NULL) {
     release_image();
   }
 }
@@ -404,16 +410,17 @@ int DetAfModel::cal_variable_size(char* model_path, unsigned int* variable_size)
   OLVEX_DEBUG("enter model file version DetAfModel::cal_variable_size");
   OLVEX_DEBUG_FORMAT("enter %s\n", "cal_variable_size");
   release_own_image();
-  // A file without a start pattern must not go on with the model of an earlier call.
+  // A file that cannot be read or has no start pattern must not go on with the model of an earlier
+  // call.
+  p_model_file_ = NULL;
   p_model_ = NULL;
-  unsigned int file_size = 0;
-  const int result = get_model_ptr(model_path, p_model_file_, file_size, model_kvs_, p_model_);
-  model_file_size_ = file_size;
+  image_is_ours_ = true;
+  const int result =
+      get_model_ptr(model_path, p_model_file_, model_file_size_, model_kvs_, p_model_);
   if (result != E_ALGO_SUCCESS) {
     OLVEX_ERROR_FORMAT("failed to get_model_ptr: %s\n", model_path);
     return E_ALGO_LOADMODEL_FAIL;
   }
-  image_is_ours_ = true;
   if (query_variable_size(variable_size) != 0) {
     OLVEX_ERROR_FORMAT("get Model variable buffer size failed! model path:%s\n", model_path);
     release_image();
@@ -429,6 +436,7 @@ int DetAfModel::cal_variable_size(char* model_buffer, unsigned int size,
   OLVEX_DEBUG("enter model pointer version DetAfModel::cal_variable_size");
   OLVEX_DEBUG_FORMAT("enter %s\n", "cal_variable_size");
   release_own_image();
+  image_is_ours_ = false;
   p_model_file_ = model_buffer;
   p_model_ = model_buffer;
   model_file_size_ = size;
@@ -451,8 +459,8 @@ int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
     return IpuEngine::model_init(input_buf_depth, output_buf_depth);
   }
 
-  // Deliberate: a failure below takes the device down, also one that the application made: a chip
-  // that refuses a channel needs a new device.
+  // Deliberate: a failure below takes the device down, also one that the application made, so that
+  // a model whose channel cannot be opened leaves no device behind.
   QV_S32 result = QV_IPU_CreateCHN(&u32channelid_, &attributes, H2SerializedReadFunc, p_model_);
   if (result != 0) {
     OLVEX_ERROR_FORMAT("create ipu channel failed! (error code = %x)\n",

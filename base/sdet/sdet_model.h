@@ -7,10 +7,10 @@
 
 #include "qv_ipu.h"
 
-#include "base/ipu_engine/ipu_engine.h"
-#include "base/postprocess/det_postprocess.h"
 #include "utils/olvex_stl/simplestl.h"
 #include "utils/records/det_records.h"
+#include "base/ipu_engine/ipu_engine.h"
+#include "base/postprocess/det_postprocess.h"
 
 // ---- Model image
 // ---------------------------------------------------------------------------------
@@ -27,14 +27,15 @@ struct ModelKeyValue_t {
 // Maps a model file read-only and splits it.
 //
 //   p_model_file     out: start of the mapping, released by the caller with munmap; NULL after a
-//                    failure, but untouched when the file cannot be opened
+//                    failure, but untouched when the file cannot be opened or measured
 //   model_file_size  out: bytes, in 32 bits; 0 after a failure
 //   kvs              out: the pairs, in order, duplicates kept
-//   p_model          out: the start pattern; left as it was when the file has none
+//   p_model          out: the start pattern; left as it was when the file has none that begins
+//                    before its last four bytes
 //
-// Returns E_ALGO_SUCCESS, also without a start pattern; E_ALGO_LOADMODEL_FAIL (logged, and the
-// system's message on standard error) when the file cannot be opened, measured or mapped, or is
-// shorter than the pattern.
+// Returns E_ALGO_SUCCESS, also without a start pattern; E_ALGO_LOADMODEL_FAIL when the file cannot
+// be opened or measured (logged, with the system's message on standard error), cannot be mapped
+// (the system's message alone), or is shorter than the pattern (logged).
 int get_model_ptr(char* model_path, char*& p_model_file, unsigned int& model_file_size,
                   olvex::vector<ModelKeyValue_t>& kvs, char*& p_model);
 
@@ -109,8 +110,10 @@ class DetAfModel : public IpuEngine {
   //
   // Returns E_ALGO_SUCCESS; E_ALGO_INPUT_DATA_NULL without input; the platform's code when the
   // network fails, after which the channel is closed; E_ALGO_LOADMODEL_FAIL for a model with one
-  // output; E_ALGO_INVALID_OUTPUT_SIZE or E_ALGO_INVALID_DECODE_MODE when the outputs cannot be
-  // decoded. Each failure is logged.
+  // output; E_ALGO_INVALID_OUTPUT_SIZE when no decoder takes the outputs' shapes or the classes are
+  // not known; E_ALGO_INVALID_DECODE_MODE for accelerator-decoded outputs of another element type
+  // than FP32 and INT16. Each failure is logged. A raw layer that cannot be decoded is logged and
+  // adds no boxes.
   int model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int* count,
                    unsigned int disp_width, unsigned int disp_height);
 
@@ -140,7 +143,7 @@ class DetAfModel : public IpuEngine {
   int num_key_point_;                  // key points per box
   char* p_model_file_;                 // the mapping or the caller's buffer; NULL once released
   char* p_model_;                      // its start pattern
-  size_t model_file_size_;             // bytes
+  unsigned int model_file_size_;       // bytes
   olvex::vector<olvex::pair<int, int> > class_id_map_;  // model class id, library class id
 
  private:

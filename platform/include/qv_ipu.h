@@ -23,8 +23,15 @@ extern "C" {
 #define QV_IPU_MAX_DIMENSIONS 10u   /* entries of a tensor shape */
 #define QV_IPU_TENSOR_NAME_SIZE 256u /* bytes of a tensor name; the last one may be in use too */
 
+/* In C++ an enumeration of fixed width can hold whatever number a platform reports. */
+#ifdef __cplusplus
+#define QV_ENUM_WIDTH : uint32_t
+#else
+#define QV_ENUM_WIDTH
+#endif
+
 /* Element type of a tensor; for an input tensor also the picture format that the camera delivers. */
-typedef enum QV_IPU_ELEMENT_FORMAT {
+typedef enum QV_IPU_ELEMENT_FORMAT QV_ENUM_WIDTH {
   QV_IPU_FORMAT_U8 = 0,        /* 8-bit unsigned; as a picture: three interleaved channels */
   QV_IPU_FORMAT_NV12 = 1,      /* a plane of Y, then one of interleaved U and V at half size */
   QV_IPU_FORMAT_INT16 = 2,     /* 16-bit signed, real value = integer x fScalar */
@@ -39,7 +46,7 @@ typedef enum QV_IPU_ELEMENT_FORMAT {
 } QV_IPU_ELEMENT_FORMAT;
 
 /* Order of the dimensions in a tensor shape. */
-typedef enum QV_IPU_LAYOUT_TYPE {
+typedef enum QV_IPU_LAYOUT_TYPE QV_ENUM_WIDTH {
   QV_IPU_LAYOUT_NHWC = 0, /* channels innermost; what this library expects everywhere */
   QV_IPU_LAYOUT_NCHW = 1
 } QV_IPU_LAYOUT_TYPE;

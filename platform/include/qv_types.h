@@ -31,10 +31,8 @@ typedef float QV_FLOAT;    /* 32-bit IEEE 754 */
 #elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
 #define QV_LAYOUT_ASSERT(condition, message) _Static_assert(condition, message)
 #else
-#define QV_LAYOUT_JOIN2(a, b) a##b
-#define QV_LAYOUT_JOIN(a, b) QV_LAYOUT_JOIN2(a, b)
-#define QV_LAYOUT_ASSERT(condition, message) \
-  typedef char QV_LAYOUT_JOIN(qv_layout_assert_, __LINE__)[(condition) ? 1 : -1]
+/* A declaration that may be repeated; an array of negative size does not compile. */
+#define QV_LAYOUT_ASSERT(condition, message) extern char qv_layout_assert[(condition) ? 1 : -1]
 #endif
 
 /* QV_BY_POINTER_SIZE(on64, on32): the value for this target's pointer width. */

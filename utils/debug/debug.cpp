@@ -67,7 +67,7 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
       while (*value == ' ') {
         ++value;
       }
-      strcpy(out, value);
+      memcpy(out, value, strlen(value) + 1);
       return 0;
     }
     if (starts_with(sLine, sTitle)) {

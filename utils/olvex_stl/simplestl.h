@@ -190,7 +190,7 @@ void vector<T>::append_copies(size_t n, const T& value) {
 template <typename T>
 void vector<T>::resize(size_t n, const T& value) {
   if (holds(&value)) {
-    const T copy(value);
+    const T copy(value);  // NOLINT(performance-unnecessary-copy-initialization): value moves
     resize(n, copy);
     return;
   }
@@ -207,7 +207,7 @@ void vector<T>::resize(size_t n, const T& value) {
 template <typename T>
 void vector<T>::push_back(const T& value) {
   if (holds(&value)) {
-    const T copy(value);
+    const T copy(value);  // NOLINT(performance-unnecessary-copy-initialization): value moves
     push_back(copy);
     return;
   }

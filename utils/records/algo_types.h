@@ -14,17 +14,16 @@ typedef enum E_ALGO_ERRORCODE_E {
   E_ALGO_HANDLE_NULL = 1,        /* the handle is NULL, where the function checks it */
   E_ALGO_INVALID_PARAM = 2,      /* an argument or a combination of options is not valid */
   E_ALGO_DEVICE_FAULT = 3,       /* the model could not be initialised on the accelerator */
-  E_ALGO_LOADMODEL_FAIL = 4,     /* the model could not be loaded, or has one output only */
+  E_ALGO_LOADMODEL_FAIL = 4,     /* the model has a single output; inside: it could not be loaded */
   E_ALGO_INIT_FAIL = 5,          /* reserved for initialisation faults */
   E_ALGO_NOT_INIT = 6,           /* the handle is not initialised */
   E_ALGO_INPUT_DATA_NULL = 7,    /* the init record or the frame is NULL */
   E_ALGO_INVALID_INPUT_SIZE = 8, /* reserved for input-size faults */
-  /* 9 is not assigned; 10 to 13 keep their values. */
+  /* Deliberate: 9 is not assigned, so that 10 to 13 keep the values that applications know. */
   E_ALGO_MEMORY_OUT = 10,          /* reserved for allocation faults */
   E_ALGO_FILEIO_ERROR = 11,        /* a frame dump could not be written */
   E_ALGO_INVALID_OUTPUT_SIZE = 12, /* the output tensors have a shape that no decoder takes */
-  E_ALGO_INVALID_DECODE_MODE =
-      13 /* the output tensors have an element type that no decoder takes */
+  E_ALGO_INVALID_DECODE_MODE = 13  /* accelerator-decoded outputs of an unknown element type */
 } E_ALGO_ERRORCODE_E;
 
 /* Options of box stabilisation: a new box that overlaps a box of the previous frame's output by

@@ -83,7 +83,14 @@ struct DetInfo_t {
   void* model_buffer;           // the offline model in memory, or NULL
   QV_U64 model_buffer_len;      // its bytes, or 0
 
-  DetInfo_t() : model_buffer(NULL), model_buffer_len(0) {}
+  DetInfo_t()
+      : ipu_firmware_path(),
+        model(),
+        threshold(0.0f),
+        disp_size(),
+        had_create_device(0),
+        model_buffer(NULL),
+        model_buffer_len(0) {}
 };
 
 QV_LAYOUT_ASSERT(sizeof(KeyPt_t) == 12, "KeyPt_t");

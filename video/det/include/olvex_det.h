@@ -6,21 +6,26 @@
  * Handle     An opaque pointer made by ALGO_DET_CreateHandle, one per model instance. Its life:
  *            created -> initialised (ALGO_DET_InitHandle or ALGO_DET_InitHandle2 returned 0) ->
  *            freed (ALGO_DET_DeinitHandle returned 0). Options are set on an initialised handle;
- *            before that they are ignored, with a line in the log.
+ *            before that they are ignored, with a line in the log. An initialised handle is not
+ *            initialised again.
  * Results    Every function returns an E_ALGO_ERRORCODE_E value (algo_types.h) as QV_S32; 0 is
  *            success. Where a call of the chip's interface fails, the platform's own code may be
  *            returned instead.
  * NULL       Only what a function's comment names is checked. Everything else is the caller's
  *            promise: a wrong pointer is undefined behaviour, as in the C library.
  * Threads    The library starts none. One handle must not be used by two threads at once; separate
- *            handles may run side by side. The accelerator device is one per process: let one
- *            handle create it and set had_create_device to 1 for all others.
- * Memory     The caller owns every record and buffer that it passes. The library keeps no pointer
- *            to them after the call, with one exception: see model_buffer below. Lack of memory
- *            is reported by the C++ runtime's allocation exception, which passes through these
- *            functions.
- * Output     All diagnostics go to standard output, one line each with a time stamp; failures of
- *            open, fstat, mmap and fopen also print the system's message on standard error.
+ *            handles may run side by side, but initialise one at a time.
+ * Device     The accelerator device is one per process. Let one handle create it, the one with the
+ *            model of the largest working memory, and free that handle last: with the device go the
+ *            channels of all others. Set had_create_device to 1 for the others. An application can
+ *            also create it by itself (qv_ipu.h) and set had_create_device to 1 everywhere.
+ * Memory     The caller owns every record and buffer that it passes, and the library keeps nothing
+ *            of them after the call. One is taken away: see model_buffer below. Lack of memory is
+ *            reported by the C++ runtime's allocation exception, which passes through these
+ *            functions; the handle stays valid.
+ * Output     Diagnostics go to standard output, each line with a time stamp but for the release
+ *            banner; failures of open, fstat, mmap and fopen print the system's message on
+ *            standard error.
  * Pixels     Boxes come in display pixels: the network's coordinates scaled to disp_size, x to the
  *            right, y down, (0, 0) at the upper left corner.
  *
@@ -78,7 +83,8 @@ typedef struct ALGO_Input_t {
 
 /* Initialisation from a model file. */
 typedef struct DetectionInfo_t {
-  char ipu_firmware_path[256]; /* accelerator firmware; "" selects /config/dla/ipu_firmware.bin */
+  char ipu_firmware_path[256]; /* accelerator firmware, terminated; "" selects
+                                  /config/dla/ipu_firmware.bin */
   char model[256];             /* path of the offline model file, terminated */
   QV_FLOAT threshold;          /* confidence that a box needs, 0..1, inclusive; not checked here */
   Rect_t disp_size;            /* pixels; boxes are scaled to it and clamped inside it */
@@ -99,9 +105,10 @@ typedef struct DetectionInfo2_t {
 typedef struct InputAttr_t {
   QV_U32 width;                 /* pixels */
   QV_U32 height;                /* pixels */
-  QV_IPU_ELEMENT_FORMAT format; /* picture format; NV12 rows start at multiples of 16 bytes and the Y
-                                   plane has an even number of rows, rows of the 4-byte formats start
-                                   at multiples of 16 bytes, all others are packed */
+  QV_IPU_ELEMENT_FORMAT format; /* picture format. With a device that a handle created, NV12 rows start
+                                   at multiples of 16 bytes and the Y plane has an even number of
+                                   rows, rows of the 4-byte formats start at multiples of 16 bytes,
+                                   and all others are packed */
 } InputAttr_t;
 
 /* Settings of tracker, static-object filter and stabiliser in one record. */
@@ -110,10 +117,13 @@ typedef struct DetTrackParams_t {
   QV_BOOL ignore_static_objects; /* 1: report only objects that move */
   QV_FLOAT static_sensitive;     /* overlap from which an object counts as standing still, 0..1;
                                     0 selects 0.85 */
-  QV_BOOL stable_bbox;           /* 1: hold boxes still while they overlap the previous ones */
+  QV_BOOL stable_bbox;           /* 1: hold boxes still while they overlap the previous ones, measured
+                                    on whole pixels; boxes far apart on a diagonal can count as
+                                    overlapping */
   QV_FLOAT stable_sensitive;     /* overlap above which a box is held, 0..1; 0 is taken as 0 */
-  QV_S32 ignore_frame_number;    /* frames an object must be seen before it is reported; 0 selects 1;
-                                    stored in 16 bits */
+  QV_S32 ignore_frame_number;    /* frames an object must be seen before it is reported, 1..10; 0
+                                    selects 1, less counts as 1, and with more than 10 nothing is ever
+                                    reported; stored in 16 bits */
 } DetTrackParams_t;
 
 /* Setting of strict mode. */
@@ -152,8 +162,9 @@ QV_S32 ALGO_DET_CreateHandle(void** handle);
  *   a platform code         the accelerator device could not be created
  * State: needs a created handle; success leaves it initialised. After a failure it is still created:
  * call this function again or free the handle. When a channel cannot be opened the device is
- * destroyed, also one that the caller created. When no model could be read at all, the device that
- * this call created stays up: the next attempt needs had_create_device = 1. */
+ * destroyed, also one that the caller or another handle created. When no model could be read at all,
+ * the device that this call created stays up and is the application's: the next attempt needs
+ * had_create_device = 1, and QV_IPU_DestroyDevice takes it down in the end. */
 QV_S32 ALGO_DET_InitHandle(void* handle, DetectionInfo_t* init_info);
 
 /* The same from a model in memory. The model's key/value pairs are read from the name of its first
@@ -230,8 +241,9 @@ QV_S32 ALGO_DET_SetTracker2(void* handle, DetTrackParams_t track_params);
 QV_S32 ALGO_DET_SetStableBox(void* handle, QV_BOOL stable);
 
 /* Switches strict mode: an object of class 0 that has never moved is reported only once its box has
- * covered half of a box, at a score of 0.5 or more, of one of the classes that the model names for
- * this purpose. Switching it on also switches the tracker on.
+ * covered half of a box, at a score of 0.5 or more, of one of the classes that the model's types name
+ * for this purpose. Nothing is held back when the model names no types or types without such classes.
+ * Switching it on also switches the tracker on; switching it off leaves the tracker on.
  *
  *   handle  from ALGO_DET_CreateHandle
  *   params  see DetStrictModeParams_t
@@ -250,7 +262,8 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
  *   num_bboxes  out: records written, 0..200
  *
  * Only the first 200 entries of the internal list are looked at, and an entry whose class the model
- * hides uses up one of them. Without the tracker they come in descending order of score.
+ * hides uses up one of them. Without tracker and stabiliser they come in descending order of score.
+ * A raw output layer that cannot be decoded is logged and adds no boxes.
  *
  * Returns
  *   E_ALGO_SUCCESS
@@ -260,7 +273,7 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
  *   E_ALGO_FILEIO_ERROR         the frame dump could not be written
  *   E_ALGO_INVALID_OUTPUT_SIZE  no decoder takes the shape of the output tensors, or the number of
  *                               classes is neither declared nor to be guessed
- *   E_ALGO_INVALID_DECODE_MODE  no decoder takes the element type of the output tensors
+ *   E_ALGO_INVALID_DECODE_MODE  accelerator-decoded outputs are neither FP32 nor INT16
  *   a platform code             the accelerator failed; its channel is closed and the handle must be
  *                               freed
  * After any error bboxes and num_bboxes are as they were.
@@ -310,7 +323,8 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
 QV_S32 ALGO_DET_Run(void* handle, const ALGO_Input_t* algo_input, Box_t* bboxes,
                     QV_S32* num_bboxes);
 
-/* Closes the channel, destroys the device unless the caller created it, and frees the handle.
+/* Closes the channel, destroys the device unless had_create_device was 1, and frees the handle. A handle
+ * that is not initialised is freed only.
  *
  *   handle  created or initialised; its value is dangling after success
  *

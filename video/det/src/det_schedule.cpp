@@ -24,6 +24,18 @@ uint32_t truncated(float position) {
   return olvex::saturating_cast<uint32_t>(static_cast<double>(position));
 }
 
+// Holds a handle's mutex for a scope, also when an allocation failure leaves it.
+class MutexGuard {
+ public:
+  explicit MutexGuard(DetHandle& handle) : handle_(handle) { handle_.lock_mutex_lock(); }
+  ~MutexGuard() { handle_.unlock_mutex_lock(); }
+  MutexGuard(const MutexGuard&) = delete;
+  MutexGuard& operator=(const MutexGuard&) = delete;
+
+ private:
+  DetHandle& handle_;
+};
+
 OlvexIouTracker* as_tracker(void* tracker) {
   return static_cast<OlvexIouTracker*>(tracker);
 }
@@ -43,8 +55,8 @@ TrackBBox to_track_box(const BoxInfo& box) {
 }  // namespace
 
 // Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
-// the differences of boxes that do not meet wrap. Different from the overlaps of suppression and
-// tracking.
+// the differences of boxes that do not meet wrap, so that two boxes far apart on a diagonal can
+// come out as overlapping. Different from the overlaps of suppression and tracking.
 float iou_ratio(const BoxInfo& a, const BoxInfo& b) {
   const uint32_t ix1 = truncated(olvex::max(a.x1, b.x1));
   const uint32_t iy1 = truncated(olvex::max(a.y1, b.y1));
@@ -275,10 +287,12 @@ int DetHandle::detect(const QV_SYS_BufInfo_s* buffer, olvex::vector<BoxInfo>& bo
   OLVEX_INFO("start to invoke");
   BoxInfo* det_box = NULL;
   int count = 0;
-  lock_mutex_lock();
-  const int result = detModel_.model_invoke(&tensors, &det_box, &count, mDetInfo_.disp_size.width,
-                                            mDetInfo_.disp_size.height);
-  unlock_mutex_lock();
+  int result;
+  {
+    const MutexGuard guard(*this);
+    result = detModel_.model_invoke(&tensors, &det_box, &count, mDetInfo_.disp_size.width,
+                                    mDetInfo_.disp_size.height);
+  }
   if (result != E_ALGO_SUCCESS) {
     OLVEX_ERROR("model invoke is failed");
     return result;
@@ -408,7 +422,9 @@ void DetHandle::stable_box(olvex::vector<BoxInfo>& boxes) {
         best_iou = ratio;
       }
     }
-    // A sensitivity below 0 would let a box without any overlap be replaced: there is none to take.
+    // Deliberate: the whole record is replaced, class, time stamp and track id with it, and no
+    // class is compared. OLVEX_StableBox holds the corners only, by another overlap. A sensitivity
+    // below 0 would let a box without any overlap be replaced: there is none to take.
     if (best_iou > 0.0f && mStableBboxPrams_.stable_sensitive < best_iou) {
       boxes[i] = mLastOutput_[best];
     }

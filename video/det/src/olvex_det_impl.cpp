@@ -5,7 +5,6 @@
 
 #include <stdint.h>
 #include <stdio.h>
-#include <string.h>
 
 #include "utils/log/olvex_log.h"
 #include "utils/numeric/saturating_cast.h"
@@ -41,10 +40,6 @@ bool is_null_handle(void* handle) {
 
 void print_banner() {
   printf("libolvex_det release version: %s\n", COMMIT_DET);
-}
-
-void clear_record(DetInfo_t& record) {
-  memset(static_cast<void*>(&record), 0, sizeof(record));
 }
 
 int init_handle(void* handle, DetInfo_t& record) {
@@ -106,6 +101,8 @@ QV_S32 ALGO_DET_CreateHandle(void** handle) {
   return E_ALGO_SUCCESS;
 }
 
+// Deliberate: nothing is freed here, so that a call before or after ALGO_DET_DeinitHandle is
+// harmless.
 QV_S32 ALGO_DET_ReleaseHandle(void* /*handle*/) {
   return E_ALGO_SUCCESS;
 }
@@ -134,11 +131,11 @@ QV_S32 ALGO_DET_InitHandle(void* handle, DetectionInfo_t* init_info) {
     return E_ALGO_INPUT_DATA_NULL;
   }
   DetInfo_t record;
-  clear_record(record);
+  // The fields are read within their 256 bytes, terminated or not.
   const bool has_firmware = init_info->ipu_firmware_path[0] != 0;
-  snprintf(record.ipu_firmware_path, sizeof(record.ipu_firmware_path), "%s",
+  snprintf(record.ipu_firmware_path, sizeof(record.ipu_firmware_path), "%.255s",
            has_firmware ? init_info->ipu_firmware_path : kDefaultFirmwarePath);
-  snprintf(record.model, sizeof(record.model), "%s", init_info->model);
+  snprintf(record.model, sizeof(record.model), "%.255s", init_info->model);
   record.threshold = init_info->threshold;
   record.disp_size.width = init_info->disp_size.width;
   record.disp_size.height = init_info->disp_size.height;
@@ -156,7 +153,6 @@ QV_S32 ALGO_DET_InitHandle2(void* handle, DetectionInfo2_t* init_info) {
     return E_ALGO_INPUT_DATA_NULL;
   }
   DetInfo_t record;
-  clear_record(record);
   snprintf(record.ipu_firmware_path, sizeof(record.ipu_firmware_path), "%s", kDefaultFirmwarePath);
   record.model_buffer = init_info->model_buffer;
   record.model_buffer_len = init_info->model_buffer_len;
@@ -218,8 +214,8 @@ QV_S32 ALGO_DET_SetTracker2(void* handle, DetTrackParams_t track_params) {
   static_params.ref_frame = kDefaultRefFrame;
   det->set_static_params(static_params);
 
-  // Deliberate: 0 selects the default of static_sensitive above, but is taken as 0 here, where it
-  // holds every box that overlaps an old one at all.
+  // Deliberate: 0 selects the default of static_sensitive above, but is taken as 0 here, where any
+  // overlap holds a box.
   DetStableBboxParams_t stable_params;
   stable_params.stable_bbox = track_params.stable_bbox;
   stable_params.stable_sensitive = track_params.stable_sensitive;
