@@ -19,9 +19,8 @@ add_library(olvex_det_core OBJECT
   base/tracker/iou_tracker/iout.cpp
   utils/debug/debug.cpp
   video/det/src/det_schedule.cpp)
-target_compile_features(olvex_det_core PUBLIC cxx_std_11)
 set_target_properties(olvex_det_core PROPERTIES
-  CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+  CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   POSITION_INDEPENDENT_CODE ON)
 target_include_directories(olvex_det_core PUBLIC
   "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records")

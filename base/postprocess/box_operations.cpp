@@ -92,8 +92,8 @@ float sigmoid(float x) {
 }
 
 void softmax_(const float* src, float* dst, int length) {
-  // Deliberate: the largest value is not subtracted, so that large logits overflow to NaN as they
-  // do in the trained networks' reference.
+  // Deliberate: the largest value is not subtracted. Doing so would change the last bits of every
+  // distance; logits above about 88 overflow to NaN instead.
   float sum = 0.0f;
   for (int k = 0; k < length; ++k) {
     dst[k] = expf(src[k]);
@@ -140,6 +140,7 @@ void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picke
 
   for (size_t i = 0; i < bboxes.size(); ++i) {
     bool keep = true;
+    // Deliberate: no early exit, so that the time depends on the number of boxes only.
     for (size_t k = 0; k < picked.size(); ++k) {
       const size_t p = static_cast<size_t>(picked[k]);
       const float intersection = suppression_intersection(bboxes[i], bboxes[p], class_specific);

@@ -21,8 +21,7 @@
 
 class OlvexIouTracker;
 
-// ---- Box operations
-// ------------------------------------------------------------------------------
+// ---- Box operations -----------------------------------------------------------------------------
 
 // Sorts the elements from index left to index right, both inclusive, by falling score: Hoare's
 // partition (C. A. R. Hoare, "Quicksort", The Computer Journal 5, 1962) around the middle element.
@@ -46,12 +45,12 @@ void softmax_(const float* src, float* dst, int length);
 // suppression). With class_specific non-zero, boxes of different labels have overlap 0.
 void nms(olvex::vector<BoxInfo>& input_boxes, float NMS_THRESH, unsigned char class_specific);
 
-// The same decision as indices: sorts bboxes and fills picked with the indices kept.
+// The same suppression as indices: sorts bboxes and fills picked with the indices kept. Decides like
+// nms for boxes without NaN corners.
 void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picked,
                        float nms_threshold, unsigned char class_specific);
 
-// ---- Decoding
-// ------------------------------------------------------------------------------------
+// ---- Decoding -----------------------------------------------------------------------------------
 
 // Decode parameters of one frame. Owns nothing: whoever makes it keeps the arrays for the call.
 struct DetDecodeInfo {
@@ -101,7 +100,7 @@ struct DetDecodeInfo {
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_PARAM for a layer that does not exist or an element type
 // other than FP32 and INT16; E_ALGO_INVALID_OUTPUT_SIZE when the input size is no equal multiple of
-// the layer's or the channels do not fit. Each failure is logged.
+// the layer's, the channels do not fit or a count is negative. Each failure is logged.
 int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out);
 
 // Clears out, decodes all layers into it and suppresses. A layer that fails contributes nothing.
@@ -111,14 +110,14 @@ void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 // boxes of one label. Sets info.num_classes to -1 and info.num_keypoints to what the tensors hold.
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_DECODE_MODE for an element type other than FP32 and INT16;
-// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout. Each failure is logged.
+// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout or box rows have fewer than four values.
+// Each failure is logged.
 int ipu_decode(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 // The two it chooses from; they append to boxes and do not suppress.
 int ipu_decode_fp32(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 int ipu_decode_int16(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
-// ---- Refinement
-// ----------------------------------------------------------------------------------
+// ---- Refinement ---------------------------------------------------------------------------------
 
 // Confirms tracks of the target class by this frame's boxes of other classes: sets double_check and
 // pass_double_check on the tracker's finished and live tracks.

@@ -20,6 +20,9 @@ struct Fp32Cell {
 
   Fp32Cell(const float* values, const float* /*end*/, float /*scalar*/) : values_(values) {}
 
+  // Floats have no scale: the array is not looked at.
+  static float layer_scale(const DetDecodeInfo& /*info*/, int /*layer*/) { return 1.0f; }
+
   float operator[](int k) const { return values_[k]; }
   float pair_score(int /*q*/) const { return 1.0f; }
 
@@ -33,6 +36,8 @@ struct Int16Cell {
 
   Int16Cell(const int16_t* values, const int16_t* end, float scalar)
       : values_(values), end_(end), scalar_(scalar) {}
+
+  static float layer_scale(const DetDecodeInfo& info, int layer) { return info.scalar[layer]; }
 
   float operator[](int k) const { return static_cast<float>(values_[k]) * scalar_; }
 
@@ -67,15 +72,18 @@ bool is_equal_multiple(int net_w, int net_h, int out_w, int out_h) {
          net_w / out_w == net_h / out_h;
 }
 
-// 3 or 2, whichever explains the channel count; 0 when neither does.
-int values_per_keypoint(const DetDecodeInfo& info, const LayerShape& shape) {
-  if (shape.channels == shape.first_keypoint + kKeyPointTriple * info.num_keypoints) {
+// 3 or 2, whichever explains the channel count; 0 when neither does. Negative counts describe no cell,
+// whatever the channels add up to. Sums are taken in 64 bits.
+int values_per_keypoint(const DetDecodeInfo& info, int channels) {
+  if (info.reg_max < 1 || info.num_classes < 0 || info.num_keypoints < 0) {
+    return 0;
+  }
+  const int64_t base = 4 * static_cast<int64_t>(info.reg_max) + info.num_classes;
+  const int64_t num_keypoints = info.num_keypoints;
+  if (channels == base + kKeyPointTriple * num_keypoints) {
     return kKeyPointTriple;
   }
-  if (shape.channels == shape.first_keypoint + kKeyPointPair * info.num_keypoints) {
-    return kKeyPointPair;
-  }
-  return 0;
+  return channels == base + kKeyPointPair * num_keypoints ? kKeyPointPair : 0;
 }
 
 int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
@@ -93,17 +101,15 @@ int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
     return E_ALGO_INVALID_OUTPUT_SIZE;
   }
   shape.stride = info.net_in_w / shape.columns;
-  shape.first_class = 4 * info.reg_max;
-  shape.first_keypoint = shape.first_class + info.num_classes;
-  shape.keypoint_values = values_per_keypoint(info, shape);
-  // Negative counts describe no cell, whatever the channels add up to.
-  if (shape.keypoint_values == 0 || info.reg_max < 1 || info.num_classes < 0 ||
-      info.num_keypoints < 0) {
+  shape.keypoint_values = values_per_keypoint(info, shape.channels);
+  if (shape.keypoint_values == 0) {
     OLVEX_ERROR_FORMAT(
         "mismatch between out shape(%d) with num_classes(%d) and num_keypoints(%d)\n",
         shape.channels, info.num_classes, info.num_keypoints);
     return E_ALGO_INVALID_OUTPUT_SIZE;
   }
+  shape.first_class = 4 * info.reg_max;
+  shape.first_keypoint = shape.first_class + info.num_classes;
   return E_ALGO_SUCCESS;
 }
 
@@ -182,7 +188,7 @@ int decode_cells(const DetDecodeInfo& info, int layer, const LayerShape& shape,
   const size_t num_bins = static_cast<size_t>(info.reg_max);
   olvex::vector<float> bins(num_bins, 0.0f);
   olvex::vector<float> probabilities(num_bins, 0.0f);
-  const float scalar = info.scalar == NULL ? 1.0f : info.scalar[layer];
+  const float scalar = Cell::layer_scale(info, layer);
 
   const Element* p = static_cast<const Element*>(info.data[layer]);
   const Element* end = p + static_cast<ptrdiff_t>(shape.rows) * shape.columns * shape.channels;
@@ -245,7 +251,8 @@ void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out) {
   OLVEX_INFO("det_postprocess");
   out.clear();
   for (int layer = 0; layer < info.num_out_layers; ++layer) {
-    // A layer that fails has logged why; the others still count.
+    // Deliberate: the result is ignored. A layer that fails has logged why, and the others still
+    // count.
     det_decode_one_layer(info, layer, out);
   }
   nms(out, info.nms_threshold, info.class_specific_nms);

@@ -23,6 +23,7 @@ float overlap_with_cached(const BoxInfo& box, const BoxInfo& cached) {
 }
 
 // Index of the cached box with the highest overlap, the first of equals; -1 when there is none.
+// Deliberate: starts below 0, unlike the handle's stabiliser, so that an overlap of 0 counts.
 int most_overlapping(const BoxInfo& box, const olvex::vector<BoxInfo>& cache, float& best_overlap) {
   int best = -1;
   best_overlap = -1.0f;
@@ -44,6 +45,7 @@ olvex::vector<BoxInfo> OLVEX_StableBox::stable_box(olvex::vector<BoxInfo> boxes)
     BoxInfo box(boxes[i]);
     float overlap;
     const int best = most_overlapping(box, cache_box, overlap);
+    // Deliberate: only the corners are held; class, score and time stamp are the new box's.
     if (static_cast<double>(overlap) > kHoldAbove) {
       const BoxInfo& held = cache_box[static_cast<size_t>(best)];
       box.x1 = held.x1;

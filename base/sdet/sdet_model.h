@@ -12,8 +12,7 @@
 #include "base/ipu_engine/ipu_engine.h"
 #include "base/postprocess/det_postprocess.h"
 
-// ---- Model image
-// ---------------------------------------------------------------------------------
+// ---- Model image --------------------------------------------------------------------------------
 //
 // Text entries "key:value", each ended by a newline or ';', up to the start pattern "QTNX", with
 // which the accelerator's offline model begins. The text may be empty; it holds no zero byte.
@@ -50,8 +49,7 @@ int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue
 // more than the model holds.
 int H2SerializedReadFunc(void* dst, int offset, int size, char* ctx);
 
-// ---- Output type
-// ---------------------------------------------------------------------------------
+// ---- Output type --------------------------------------------------------------------------------
 
 // Classes and key points of the model type that the first "model_out" pair names. Returns
 // E_ALGO_SUCCESS, or E_ALGO_INVALID_PARAM (logged) with the outputs untouched when the pair is
@@ -77,8 +75,7 @@ OutputDecoder choose_output_decoder(const DetDecodeInfo& info);
 int det_rescale_boxinfos(olvex::vector<BoxInfo>& boxes, int net_width, int net_height,
                          int img_width, int img_height, int keypointnum);
 
-// ---- Model
-// ---------------------------------------------------------------------------------------
+// ---- Model --------------------------------------------------------------------------------------
 
 class DetAfModel : public IpuEngine {
  public:

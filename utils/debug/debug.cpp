@@ -97,11 +97,12 @@ int save_buffer_to_file(void* buf, int len, const char* dir, const char* name) {
   }
 
   const int file = open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+  const int open_error = errno;
   if (file < 0) {
-    OLVEX_LOG_FORMAT(clock, OLVEX_TAG_ERROR, "fail to open :%s %s\n", path, strerror(errno));
+    OLVEX_LOG_FORMAT(clock, OLVEX_TAG_ERROR, "fail to open :%s %s\n", path, strerror(open_error));
     return E_ALGO_FILEIO_ERROR;
   }
-  const ssize_t written = write(file, buf, static_cast<unsigned int>(len));
+  const ssize_t written = write(file, buf, static_cast<size_t>(len));
   if (written < 0) {
     OLVEX_LOG_FORMAT(clock, OLVEX_TAG_ERROR, "failed to write data into %s\n", path);
     close(file);

@@ -1,4 +1,4 @@
-// debug.h - the debug level, the reader of one INI key, and the dump of a frame to a file. The
+// debug.h - the reader of one INI key and the dump of a frame to a file. The
 // detection handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
 #ifndef UTILS_DEBUG_DEBUG_H
 #define UTILS_DEBUG_DEBUG_H
@@ -9,12 +9,11 @@ enum { kIniLineSize = 1024 };
 
 // Finds a key in an INI file.
 //
-//   title     section name without brackets, at most 61 characters count
+//   title     section name without brackets, at most 61 characters
 //   key       compared with the beginning of each line that holds a '=': a prefix matches too
 //   filename  path; read anew on every call
 //   out       caller's buffer of at least kIniLineSize bytes; gets the text behind '=' and its
-//   blanks,
-//             with the line's newline when it has one. Untouched when nothing is found
+//             blanks, with the line's newline when it has one. Untouched when nothing is found
 //
 // Returns 0 when found; -1 when the file cannot be opened (the system's message goes to standard
 // error) or holds no such line behind the section's header.

@@ -4,8 +4,7 @@
 //
 // olvex::vector<T> at a glance
 //
-//   Invariants   size_ <= capacity_; data_ is NULL while nothing was ever reserved or after
-//   clear();
+//   Invariants   size_ <= capacity_; data_ is NULL while nothing was ever reserved or after clear();
 //                the slots behind the last element are zero bytes when the storage is new.
 //   Growth       Reserving n elements needs 3n/2 <= capacity/2 (integer division), and otherwise
 //                makes the capacity exactly 2n. So every push_back onto a full-grown list reserves
@@ -18,15 +17,13 @@
 //                    resize(10), resize(8), resize(5)        20, 16, 16
 //
 //   Elements     T must tolerate being moved by its bytes (no pointer into itself, no registration
-//   of
-//                its address): storage moves, erase and insert relocate with memmove. T must be
+//                of its address): storage moves, erase and insert relocate with memmove. T must be
 //                default-constructible where a vector is copied.
 //   Differences  from std::vector: no bounds checks, no allocator, growth as above, resize always
 //                takes a fill value, iterators are plain pointers, clear() frees the storage.
-//   Failure      Lack of memory raises the runtime's allocation exception and leaves the vector
-//   valid;
-//                nothing is logged. Indexing past the end and erasing from an empty vector are
-//                faults of the caller.
+//   Failure      Lack of memory raises the runtime's allocation exception, leaves the vector valid
+//                and leaks nothing; nothing is logged. Indexing past the end and erasing from an
+//                empty vector are faults of the caller.
 #ifndef UTILS_OLVEX_STL_SIMPLESTL_H
 #define UTILS_OLVEX_STL_SIMPLESTL_H
 
@@ -137,12 +134,12 @@ class vector {
 };
 
 template <typename T>
-vector<T>::vector(size_t n, const T& value) : data_(NULL), size_(0), capacity_(0) {
+vector<T>::vector(size_t n, const T& value) : vector() {
   resize(n, value);
 }
 
 template <typename T>
-vector<T>::vector(const vector& other) : data_(NULL), size_(0), capacity_(0) {
+vector<T>::vector(const vector& other) : vector() {
   *this = other;
 }
 
@@ -167,10 +164,12 @@ void vector<T>::try_alloc(size_t n) {
   // terminator relies on the zero-filled slack.
   const size_t need = 3 * n / 2;
   const size_t have = capacity_ / 2;
-  if (need <= have) {
+  // A count whose multiple wraps around must not pass for a small one.
+  const bool wraps = n > SIZE_MAX / 3;
+  if (need <= have && !wraps) {
     return;
   }
-  T* moved = reinterpret_cast<T*>(storage::reserve(2 * n, sizeof(T)));
+  T* moved = reinterpret_cast<T*>(storage::reserve(wraps ? SIZE_MAX : 2 * n, sizeof(T)));
   if (data_ != NULL) {
     memmove(static_cast<void*>(moved), static_cast<const void*>(data_), size_ * sizeof(T));
     storage::release(data_);
@@ -225,9 +224,6 @@ void vector<T>::insert(iterator pos, const_iterator first, const_iterator last) 
     return;
   }
   const size_t count = static_cast<size_t>(last - first);
-  if (count == 0) {
-    return;
-  }
   try_alloc(size_ + count);
   // The copies are constructed behind the last element and then rotated into place by their bytes:
   // no element is assigned over storage that another one still owns, and when a copy fails the
@@ -235,6 +231,9 @@ void vector<T>::insert(iterator pos, const_iterator first, const_iterator last) 
   const size_t old_size = size_;
   for (const_iterator source = first; source != last; ++source) {
     append_copies(size_ + 1, *source);
+  }
+  if (count == 0 || offset == old_size) {
+    return;  // in place already
   }
   const size_t bytes = count * sizeof(T);
   char* inserted = storage::reserve(count, sizeof(T));

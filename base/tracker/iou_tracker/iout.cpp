@@ -38,8 +38,8 @@ bool meet(const TrackBBox& a, const TrackBBox& b, bool same_class, Meeting& m) {
 
 }  // namespace
 
-// Deliberate: no extra pixel and a class switch, unlike the overlaps of suppression and
-// stabilisation.
+// Deliberate: no extra pixel, unlike suppression, and a class switch, unlike stabilisation: the
+// measures are part of each stage's results.
 float track_bbox_iou(TrackBBox& a, TrackBBox& b, bool same_class) {
   Meeting m;
   if (!meet(a, b, same_class, m)) {
@@ -82,7 +82,7 @@ OlvexIouTracker::OlvexIouTracker()
 // Continues live track j with its best detection, which is taken out of the list. False when none
 // overlaps enough.
 bool OlvexIouTracker::continue_track(size_t j, olvex::vector<TrackBBox>& detections) {
-  Track t(active_tracks_[j]);
+  Track& t = active_tracks_[j];
   TrackBBox last(t.boxes[t.boxes.size() - 1]);
   const int best = highest_iou(last, detections);
   if (best < 0 || static_cast<size_t>(best) >= detections.size()) {
@@ -104,8 +104,7 @@ bool OlvexIouTracker::continue_track(size_t j, olvex::vector<TrackBBox>& detecti
   if (static_cast<float>(t.boxes.size() - 1) >= iou_t_max_) {
     t.boxes.erase(t.boxes.begin());
   }
-  active_tracks_[j] = t;
-  active_tracks_[j].lost_times = 0;
+  t.lost_times = 0;
   return true;
 }
 
@@ -131,7 +130,8 @@ void OlvexIouTracker::start_tracks(const olvex::vector<TrackBBox>& detections) {
     track.boxes.push_back(box);
     track.max_score = box.score;
     track.id = track_id_;
-    ++track_id_;
+    // In unsigned arithmetic: a counter at its end goes on with negative ids.
+    track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
     active_tracks_.push_back(track);
     OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id,
                        static_cast<double>(box.x), static_cast<double>(box.y),
@@ -140,7 +140,6 @@ void OlvexIouTracker::start_tracks(const olvex::vector<TrackBBox>& detections) {
 }
 
 void OlvexIouTracker::collect_finished() {
-  finished_tracks_.clear();
   for (size_t j = 0; j < active_tracks_.size(); ++j) {
     const Track& track = active_tracks_[j];
     if (track.max_score >= iou_sigma_h_ && static_cast<float>(track.boxes.size()) >= iou_t_min_ &&
@@ -151,6 +150,9 @@ void OlvexIouTracker::collect_finished() {
 }
 
 void OlvexIouTracker::track_iou(olvex::vector<olvex::vector<TrackBBox> > frames) {
+  // Cleared first: the finished tracks are always a part of the live ones, also when an allocation
+  // fails on the way.
+  finished_tracks_.clear();
   for (size_t f = 0; f < frames.size(); ++f) {
     olvex::vector<TrackBBox> detections(frames[f]);
     match_frame(detections);

@@ -82,8 +82,7 @@ int DetHandle::assert_handle_inited() {
   return E_ALGO_NOT_INIT;
 }
 
-// ---- Mutex
-// ---------------------------------------------------------------------------------------
+// ---- Mutex --------------------------------------------------------------------------------------
 
 int DetHandle::init_mutex_lock() {
   const int result = pthread_mutex_init(&detMutex_, NULL);
@@ -208,8 +207,7 @@ int DetHandle::handle_deinit() {
   return E_ALGO_SUCCESS;
 }
 
-// ---- Options
-// -------------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 void DetHandle::get_input_attr(QV_U32* width, QV_U32* height, QV_IPU_ELEMENT_FORMAT* format) {
   if (assert_handle_inited() == E_ALGO_SUCCESS) {
@@ -264,8 +262,7 @@ void DetHandle::set_iou_tracker_params(IouTrackerParams_t& params) {
   }
 }
 
-// ---- One frame
-// -----------------------------------------------------------------------------------
+// ---- One frame ----------------------------------------------------------------------------------
 
 int DetHandle::detect(const QV_SYS_BufInfo_s* buffer, olvex::vector<BoxInfo>& boxes) {
   if (assert_handle_inited() != E_ALGO_SUCCESS) {
