@@ -1,0 +1,16 @@
+# Tests of the host accelerator and of its offline models, on small networks made by tiny_onnx.
+# make_test_network writes the same networks into files, for the tests of the command line.
+add_library(tiny_onnx STATIC "${PROJECT_SOURCE_DIR}/tests/support/tiny_onnx.cpp")
+target_compile_features(tiny_onnx PUBLIC cxx_std_17)
+target_include_directories(tiny_onnx PUBLIC "${PROJECT_SOURCE_DIR}")
+target_link_libraries(tiny_onnx PRIVATE olvex_warnings)
+
+add_executable(make_test_network "${PROJECT_SOURCE_DIR}/tests/support/make_test_network.cpp")
+target_link_libraries(make_test_network PRIVATE tiny_onnx olvex_warnings)
+
+olvex_add_test(NAME host_image_test LABEL platform SOURCES host_image_test.cpp
+               LIBRARIES qv_host_image)
+olvex_add_test(NAME host_accelerator_test LABEL platform
+               SOURCES host_accelerator_test.cpp host_refusal_test.cpp host_session.cpp
+               LIBRARIES qv_host qv_host_image tiny_onnx)
+olvex_add_contract_test(Host host_contract_hook.cpp "qv_host;qv_host_image;tiny_onnx")
