@@ -1,0 +1,285 @@
+"""run_test.py - olvex-det run as its users see it: files in, files out, exit codes.
+
+usage: run_test.py OLVEX_DET MAKE_TEST_NETWORK SCHEMA_FOLDER [unittest options]
+The network's candidates are the cells of a grid of 8 pixels, scored by their mean red, green and
+blue; see tests/support/tiny_onnx.h.
+"""
+import json
+import os
+import pathlib
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+TOOL, MAKE_NETWORK, SCHEMAS = (str(pathlib.Path(path).resolve()) for path in sys.argv[1:4])
+WIDTH, HEIGHT, CELL = 72, 64, 8  # NV12 rows of this width are padded
+
+
+def write_picture(path, squares, width=WIDTH, height=HEIGHT, side=CELL):
+    """A PPM with squares on black: {(column, row) of the cell: (red, green, blue)}."""
+    pixels = bytearray(width * height * 3)
+    for (column, row), colour in squares.items():
+        for y in range(row * CELL, row * CELL + side):
+            start = (y * width + column * CELL) * 3
+            pixels[start:start + side * 3] = bytes(colour) * side
+    path.write_bytes(b"P6 %d %d 255\n" % (width, height) + pixels)
+
+
+def read_json_lines(text):
+    return [json.loads(line) for line in text.splitlines()]
+
+
+def box_rows(frames):
+    """(frame, x, y, width, height, score, class) of every box, in order."""
+    return [(frame["frame"], box["x"], box["y"], box["width"], box["height"], box["score"],
+             box["class_id"]) for frame in frames for box in frame["boxes"]]
+
+
+def read_schema(name):
+    return json.loads((pathlib.Path(SCHEMAS) / f"{name}.schema.json").read_text())
+
+
+def schema_faults(value, schema, where="$"):
+    """What a value lacks, or has too much of, by the part of JSON Schema that we use."""
+    types = {"object": dict, "array": list, "string": str, "integer": int, "number": (int, float),
+             "null": type(None), "boolean": bool}
+    wanted = schema.get("type", [])
+    wanted = [wanted] if isinstance(wanted, str) else wanted
+    if wanted and not any(isinstance(value, types[name]) for name in wanted):
+        return [f"{where}: {value!r} is not {wanted}"]
+    if "const" in schema and value != schema["const"]:
+        return [f"{where}: {value!r} is not {schema['const']!r}"]
+    if isinstance(value, (int, float)) and value < schema.get("minimum", value):
+        return [f"{where}: {value!r} is too small"]
+    faults = []
+    if isinstance(value, dict):
+        faults += [f"{where}: no {name}" for name in schema.get("required", []) if name not in value]
+        for name, member in value.items():
+            known = schema.get("properties", {}).get(name, schema.get("additionalProperties"))
+            faults += (schema_faults(member, known, f"{where}.{name}") if known
+                       else [f"{where}: {name} is not in the schema"])
+    if isinstance(value, list):
+        for item in value:
+            faults += schema_faults(item, schema.get("items", {}), where + "[]")
+    return faults
+
+
+class RunTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.shared = tempfile.TemporaryDirectory()
+        cls.network = f"{cls.shared.name}/network.onnx"
+        subprocess.run([MAKE_NETWORK, "decoded", cls.network, str(WIDTH), str(HEIGHT), "8"],
+                       check=True)
+        cls.model = cls.pack("rgb")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.shared.cleanup()
+
+    @classmethod
+    def pack(cls, frame_format, *options):
+        image = f"{cls.shared.name}/{frame_format}{len(options)}.img"
+        options = options or ("--boxes", "boxes", "--scores", "scores")
+        if frame_format == "fp32":
+            options += ("--frame-order", "bgr")
+        subprocess.run([TOOL, "pack", cls.network, "-o", image, "--input-format", frame_format,
+                        "--scale", "1/255", *options], check=True, capture_output=True)
+        return image
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def run_tool(self, *arguments, code=0, environment=None, stdout=subprocess.PIPE):
+        result = subprocess.run([TOOL, "run", *map(str, arguments)], stdout=stdout, timeout=60,
+                                stderr=subprocess.PIPE, encoding="utf-8",
+                                env={**os.environ, **(environment or {})})
+        self.assertEqual(result.returncode, code, f"{arguments}: {result.stderr}")
+        return result
+
+    def frames_of(self, *arguments, **options):
+        return read_json_lines(self.run_tool(*arguments, "--jsonl", "-", **options).stdout)
+
+    def moving_squares(self):
+        """A red square that darkens, and from frame 4 a green one that jumps at frame 9."""
+        folder = self.folder / "pictures"
+        folder.mkdir()
+        for number in range(1, 13):
+            squares = {(1, 2): (250 if number <= 6 else 200, 0, 0)}
+            if number >= 4:
+                squares[(5, 6) if number < 9 else (7, 1)] = (0, 225, 0)
+            write_picture(folder / f"frame{number}.ppm", squares)
+        return folder
+
+    def test_outputs_agree_and_results_stay_clean(self):
+        out = {name: self.folder / name for name in ("mot", "coco", "summary", "log")}
+        result = self.run_tool(self.model, self.moving_squares(), "--track", "--jsonl", "-",
+                               "--mot", out["mot"], "--coco", out["coco"], "--summary-json",
+                               out["summary"], "--log", out["log"])
+        frames = read_json_lines(result.stdout)
+        self.assertEqual([fault for frame in frames
+                          for fault in schema_faults(frame, read_schema("frame"))], [])
+        self.assertEqual([pathlib.Path(frame["source"]).name for frame in frames],
+                         [f"frame{number}.ppm" for number in range(1, 13)])
+        rows = box_rows(frames)
+        mot = [line.split(",") for line in out["mot"].read_text().splitlines()]
+        self.assertEqual([(int(row[0]), *map(int, row[2:6]), float(row[6]), int(row[7]))
+                          for row in mot], rows)
+        self.assertEqual([int(row[1]) for row in mot],
+                         [box["track_id"] for frame in frames for box in frame["boxes"]])
+        self.assertEqual([(item["image_id"], *item["bbox"], item["score"], item["category_id"])
+                          for item in json.loads(out["coco"].read_text())], rows)
+        summary = json.loads(out["summary"].read_text())
+        self.assertEqual(schema_faults(summary, read_schema("summary")), [])
+        self.assertEqual((summary["frames"], summary["boxes"], summary["tracks"]),
+                         (12, len(rows), 3))
+        self.assertIn("DLA_INFO:", out["log"].read_text())
+        self.assertIn("12 frames", result.stderr)
+        self.assertNotIn("DLA_", result.stderr)
+
+    def test_track_ids_stay_with_their_objects(self):
+        # In frame 7 the scores change places; with the tracker the order of the list does not.
+        pictures = self.moving_squares()
+        places = {}
+        for frame in self.frames_of(self.model, pictures, "--track"):
+            for box in frame["boxes"]:
+                places.setdefault((box["x"], box["y"]), set()).add(box["track_id"])
+        self.assertEqual(places, {(8, 16): {1}, (40, 48): {2}, (56, 8): {3}})
+        untracked = self.frames_of(self.model, pictures)
+        self.assertEqual([box["class_id"] for box in untracked[6]["boxes"]], [1, 0])
+        self.assertEqual({box["track_id"] for frame in untracked for box in frame["boxes"]}, {None})
+
+    def test_ids_go_on_where_pictures_change_size(self):
+        for number, (width, height) in enumerate([(WIDTH, HEIGHT), (2 * WIDTH, HEIGHT)], 1):
+            write_picture(self.folder / f"{number}.ppm", {(4, 4): (255, 0, 0)}, width, height)
+        result = self.run_tool(self.model, self.folder, "--track", "--jsonl", "-",
+                               "--threshold", "0.3")
+        frames = read_json_lines(result.stdout)
+        self.assertEqual([box["track_id"] for frame in frames for box in frame["boxes"]], [1, 2])
+        self.assertEqual([frame["size"]["width"] for frame in frames], [WIDTH, 2 * WIDTH])
+        self.assertIn("--display", result.stderr)
+        same = self.frames_of(self.model, self.folder, "--track", "--display", "720x640",
+                              "--threshold", "0.3")
+        self.assertEqual([(box["track_id"], box["y"], box["height"]) for frame in same
+                          for box in frame["boxes"]][0], (1, 320, 80))
+
+    def test_every_frame_format_finds_the_same_and_dumps_replay(self):
+        picture = self.folder / "7.ppm"
+        write_picture(picture, {(1, 2): (255, 0, 0), (5, 4): (0, 255, 0), (7, 6): (0, 0, 255)},
+                      side=2 * CELL)
+        dumps = self.folder / "dumps"
+        ini = self.folder / "dump.ini"
+        ini.write_text(f"[SET_ENV]\nQK_ALGO_I={dumps}")
+        for frame_format in ("nv12", "argb8888", "abgr8888", "rgb", "bgr", "fp32"):
+            with self.subTest(frame_format):
+                model = self.pack(frame_format)
+                dumps.mkdir()
+                frames = self.frames_of(model, picture, environment={"QK_ALGO_S": str(ini)})
+                cells = {(box["x"] // CELL, box["y"] // CELL, box["class_id"])
+                         for box in frames[0]["boxes"]}
+                self.assertEqual(cells, {(column + i, row + j, label) for i in (0, 1)
+                                         for j in (0, 1)
+                                         for column, row, label in ((1, 2, 0), (5, 4, 1), (7, 6, 2))})
+                replayed = self.frames_of(model, dumps, "--pictures", self.folder / "shown")
+                self.assertEqual(box_rows(replayed), box_rows(frames))
+                dump = next(dumps.iterdir())
+                dump.write_bytes(dump.read_bytes()[:-1])
+                self.assertIn(str(dump.stat().st_size),
+                              self.run_tool(model, dump, code=4).stderr)
+                dump.unlink()
+                dumps.rmdir()
+
+    def test_key_points_display_size_and_models_in_memory(self):
+        model = self.pack("rgb", "--boxes", "boxes", "--scores", "scores", "--keypoints", "points",
+                          "--no-classes")
+        picture = self.folder / "picture.ppm"
+        write_picture(picture, {(3, 2): (255, 0, 0)})
+        frames = self.frames_of(model, picture, "--display", f"{10 * WIDTH}x{10 * HEIGHT}")
+        (box,) = frames[0]["boxes"]
+        self.assertEqual((box["x"], box["y"], box["width"], box["height"]), (240, 160, 80, 80))
+        row = 2 * (WIDTH // CELL) + 3
+        values = [(row + 1) * (k + 1) / 1024 * 10 * (HEIGHT if k % 2 else WIDTH) for k in range(8)]
+        found = [value for point in box["keypoints"] for value in (point["x"], point["y"])]
+        self.assertEqual(len(found), len(values))
+        for value, expected in zip(found, values):
+            self.assertAlmostEqual(value, expected, places=1)
+        self.assertEqual(box_rows(self.frames_of(self.model, picture, "--memory")),
+                         box_rows(self.frames_of(self.model, picture)))
+
+    def test_pictures_are_drawn(self):
+        out = {name: self.folder / name for name in ("video.mp4", "shown", "sheet.png")}
+        self.run_tool(self.model, self.moving_squares(), "--skip", 2, "--limit", 7, "--video",
+                      out["video.mp4"], "--pictures", out["shown"], "--contact-sheet",
+                      out["sheet.png"], "--contact-frames", 4)
+        names = sorted(path.name for path in out["shown"].iterdir())
+        self.assertEqual(names, [f"frame_{number:06}.png" for number in range(3, 10)])
+        for path, least in ((out["shown"] / names[0], (WIDTH, HEIGHT)), (out["sheet.png"], (400, 400))):
+            size = struct.unpack(">II", path.read_bytes()[16:24])
+            self.assertTrue(size[0] >= least[0] and size[1] >= least[1], (path, size))
+        self.assertEqual(len(self.frames_of(self.model, out["video.mp4"])), 7)
+
+    def test_errors_have_their_exit_code_and_name_the_cause(self):
+        picture = self.folder / "picture.ppm"
+        write_picture(picture, {})
+        damaged = self.folder / "damaged.img"
+        damaged.write_bytes(pathlib.Path(self.model).read_bytes()[:-100])
+        broken = self.folder / "broken.png"
+        broken.write_bytes(b"\x89PNG but not really")
+        empty = self.folder / "empty"
+        empty.mkdir()
+        (self.folder / "empty.mp4").touch()
+        cases = [
+            (4, "nowhere.mp4", [self.model, self.folder / "nowhere.mp4"]),
+            (4, str(empty), [self.model, empty]),
+            (4, "empty.mp4", [self.model, self.folder / "empty.mp4"]),
+            (4, "broken.png", [self.model, broken]),
+            (4, "--skip 1", [self.model, picture, "--skip", 1]),
+            (4, "/dev/video987", [self.model, "camera:987"]),
+            (3, "damaged.img", [damaged, picture]),
+            (3, "nothing.img", [self.folder / "nothing.img", picture]),
+            (2, "--threshold", [self.model, picture, "--threshold", "nan"]),
+            (2, "--track", [self.model, picture, "--ignore-static"]),
+            (2, "--no-track", [self.model, picture, "--strict", "--no-track"]),
+            (2, "--display", [self.model, picture, "--display", "64"]),
+            (2, "--mot", [self.model, picture, "--jsonl", "same", "--mot", "./same"]),
+            (2, "picture.ppm", [self.model, picture, "--jsonl", picture]),
+            (4, "/dev/full", [self.model, picture, "--jsonl", "/dev/full"]),
+            (4, "no/such", [self.model, picture, "--video", self.folder / "no/such/folder.mp4"]),
+        ]
+        for code, text, arguments in cases:
+            with self.subTest(text):
+                self.assertIn(text, self.run_tool(*arguments, code=code).stderr)
+        reader, writer = os.pipe()
+        os.close(reader)
+        with os.fdopen(writer, "w") as closed:
+            self.assertIn("ended", self.run_tool(self.model, picture, "--jsonl", "-", code=4,
+                                                 stdout=closed).stderr)
+
+    def test_an_interrupted_run_leaves_complete_files(self):
+        pictures = self.moving_squares()
+        for number in range(13, 5000):
+            os.link(pictures / "frame5.ppm", pictures / f"frame{number}.ppm")
+        out = {name: self.folder / name for name in ("jsonl", "mot", "coco", "video.mp4")}
+        process = subprocess.Popen([TOOL, "run", self.model, pictures, "--jsonl", out["jsonl"],
+                                    "--mot", out["mot"], "--coco", out["coco"], "--video",
+                                    out["video.mp4"]], stdout=subprocess.DEVNULL)
+        while process.poll() is None and not (out["mot"].exists() and out["mot"].stat().st_size):
+            time.sleep(0.01)
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(timeout=60), 130)
+        frames = read_json_lines(out["jsonl"].read_text())
+        self.assertTrue(0 < len(frames) < 4999)
+        boxes = len(box_rows(frames))
+        self.assertEqual(len(out["mot"].read_text().splitlines()), boxes)
+        self.assertEqual(len(json.loads(out["coco"].read_text())), boxes)
+        self.assertEqual(len(self.frames_of(self.model, out["video.mp4"])), len(frames))
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], *sys.argv[4:]])

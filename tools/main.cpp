@@ -1,0 +1,126 @@
+// main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
+// every failure into one message and an exit code.
+// Read command.h for the codes, then pack_command.cpp, inspect_command.cpp or run_command.cpp.
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "video/det/include/commit_det.h"
+
+#include "tools/command.h"
+#include "tools/suggestion.h"
+
+namespace {
+
+using olvex_tools::Command;
+using olvex_tools::ToolError;
+
+const char kExamples[] =
+    "Examples:\n"
+    "  olvex-det pack detector.onnx -o detector.img --boxes boxes --scores scores\n"
+    "  olvex-det inspect detector.img\n"
+    "  olvex-det SUBCOMMAND --help\n\n"
+    "Exit codes: 0 done, 1 a check failed, 2 wrong usage, 3 model, 4 input or output file,\n"
+    "            5 accelerator, 130 interrupted";
+
+std::vector<std::string> subcommand_names(const CLI::App& application) {
+  std::vector<std::string> names;
+  for (const CLI::App* subcommand : application.get_subcommands(nullptr)) {
+    names.push_back(subcommand->get_name());
+  }
+  return names;
+}
+
+std::vector<std::string> option_names(const CLI::App& application) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : application.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+bool is_option(const std::string& word) {
+  return word.size() > 1 && word[0] == '-';
+}
+
+// What to say of the words that the parser could not place; empty when it placed all.
+std::string describe_unknown_words(const CLI::App& application, const CLI::App& selected) {
+  const std::vector<std::string> words = application.remaining(true);
+  if (words.empty()) {
+    return "";
+  }
+  if (&selected == &application && !is_option(words.front())) {
+    return "unknown subcommand \"" + words.front() + "\"." +
+           olvex_tools::did_you_mean(words.front(), subcommand_names(application));
+  }
+  // A misspelt option leaves its value over too; the option is what to talk about.
+  const auto option = std::find_if(words.begin(), words.end(), is_option);
+  if (option == words.end()) {
+    return "unexpected argument \"" + words.front() + "\".";
+  }
+  const std::string name = option->substr(0, option->find('='));
+  return "unknown option \"" + name + "\"." +
+         olvex_tools::did_you_mean(name, option_names(selected));
+}
+
+void print_error(const CLI::App& application, const std::string& message) {
+  const auto chosen = application.get_subcommands();
+  const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
+  std::fprintf(stderr, "olvex-det%s: %s\n", name.c_str(), message.c_str());
+}
+
+int report_usage_error(const CLI::App& application, const CLI::ParseError& error) {
+  const auto chosen = application.get_subcommands();
+  const CLI::App& selected = chosen.empty() ? application : *chosen.front();
+  const std::string unknown = describe_unknown_words(application, selected);
+  print_error(application, unknown.empty() ? error.what() : unknown);
+  std::fprintf(stderr, "Try: olvex-det%s%s --help\n", chosen.empty() ? "" : " ",
+               chosen.empty() ? "" : selected.get_name().c_str());
+  return olvex_tools::kUsageError;
+}
+
+int run_command(const CLI::App& application, const Command& command) {
+  try {
+    return command();
+  } catch (const ToolError& error) {
+    print_error(application, error.what());
+    return error.exit_code();
+  } catch (const std::bad_alloc&) {
+    print_error(application, "out of memory");
+    return olvex_tools::kInputError;
+  } catch (const std::exception& error) {
+    print_error(application, std::string("unexpected error: ") + error.what());
+    return olvex_tools::kCheckFailed;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App application("Packs, inspects and runs detection models of libolvex_det.", "olvex-det");
+  application.set_version_flag(
+      "--version", "olvex-det " OLVEX_VERSION "\nlibolvex_det release version: " OLVEX_COMMIT_DET);
+  application.footer(kExamples);
+  application.require_subcommand(1);
+
+  Command command;
+  olvex_tools::add_pack_command(application, &command);
+  olvex_tools::add_inspect_command(application, &command);
+  olvex_tools::add_run_command(application, &command);
+  try {
+    application.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+      return application.exit(error);
+    }
+    return report_usage_error(application, error);
+  }
+  return run_command(application, command);
+}

@@ -1,0 +1,190 @@
+// picture_writers.cpp - video and folder of annotated frames. Read picture_writers.h first;
+// contact_sheet.cpp holds the third writer.
+#include "tools/picture_writers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include "tools/annotation.h"
+#include "tools/command.h"
+#include "tools/output_file.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+ToolError write_error(const std::string& path, const std::string& problem) {
+  return ToolError(kInputError, path + ": " + problem);
+}
+
+// The largest rectangle of the picture's shape in the middle of an area.
+cv::Rect fitted(cv::Size picture, cv::Size area) {
+  const double factor = std::min(static_cast<double>(area.width) / picture.width,
+                                 static_cast<double>(area.height) / picture.height);
+  const int width =
+      std::clamp(static_cast<int>(std::lround(picture.width * factor)), 1, area.width);
+  const int height =
+      std::clamp(static_cast<int>(std::lround(picture.height * factor)), 1, area.height);
+  return {(area.width - width) / 2, (area.height - height) / 2, width, height};
+}
+
+// H.264 wants even sizes.
+cv::Size even_size(cv::Size size) {
+  return {size.width + size.width % 2, size.height + size.height % 2};
+}
+
+class VideoWriter : public PictureWriter {
+ public:
+  VideoWriter(const std::string& path, double frames_per_second,
+              std::function<void(const std::string&)> notice)
+      : path_(path), rate_(frames_per_second), notice_(std::move(notice)) {
+    // The encoder says nothing of a file that cannot be made, so ask the system now.
+    errno = 0;
+    if (!std::ofstream(path_, std::ios::binary)) {
+      throw write_error(path_, std::string("cannot be written: ") + std::strerror(errno) + ".");
+    }
+  }
+
+  void write(FramePicture* picture) override {
+    if (!writer_.isOpened()) {
+      source_size_ = picture->annotated().size();
+      open(even_size(source_size_));
+    }
+    const bool same_size = picture->annotated().size() == source_size_;
+    const cv::Mat fitting = same_size ? picture->annotated() : picture->annotated_at(source_size_);
+    const cv::Size size = even_size(source_size_);
+    cv::Mat frame;
+    cv::copyMakeBorder(fitting, frame, 0, size.height - fitting.rows, 0, size.width - fitting.cols,
+                       cv::BORDER_REPLICATE);
+    writer_.write(frame);
+    ++written_;
+  }
+
+  void finish() override {
+    if (!writer_.isOpened()) {
+      fs::remove(path_);
+      return;
+    }
+    writer_.release();
+    require_complete();
+  }
+
+ private:
+  void open(cv::Size size) {
+    const int h264 = cv::VideoWriter::fourcc('a', 'v', 'c', '1');
+    const int mpeg4 = cv::VideoWriter::fourcc('m', 'p', '4', 'v');
+    if (writer_.open(path_, h264, rate_, size)) {
+      return;
+    }
+    if (!writer_.open(path_, mpeg4, rate_, size)) {
+      throw write_error(path_,
+                        "no video encoder for this kind of file. Name the video .mp4 or "
+                        ".avi, and check that OpenCV was built with FFmpeg.");
+    }
+    notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
+  }
+
+  // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
+  // it is where the number of frames stands or is reckoned from.
+  void require_complete() const {
+    cv::VideoCapture check(path_);
+    constexpr double kShareExpected = 0.98;
+    const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
+    if (found < kShareExpected * static_cast<double>(written_) - 1 || !check.grab()) {
+      throw write_error(path_, "the video is not complete. Is the disk full?");
+    }
+  }
+
+  std::string path_;
+  double rate_;
+  std::function<void(const std::string&)> notice_;
+  cv::VideoWriter writer_;
+  cv::Size source_size_;
+  long written_ = 0;
+};
+
+class FolderWriter : public PictureWriter {
+ public:
+  FolderWriter(const std::string& folder, const std::string& extension)
+      : folder_(folder), extension_(extension) {
+    std::error_code error;
+    fs::create_directories(folder_, error);
+    if (error) {
+      throw write_error(folder, "the folder cannot be made: " + error.message() + ".");
+    }
+  }
+
+  void write(FramePicture* picture) override {
+    char name[64];
+    std::snprintf(name, sizeof name, "frame_%06ld.", picture->record().number);
+    const std::string path = (folder_ / (name + extension_)).string();
+    OutputFile file(path, nullptr);
+    file.write(encoded_picture(path, picture->annotated()));
+    file.close();
+  }
+
+  void finish() override {}
+
+ private:
+  fs::path folder_;
+  std::string extension_;
+};
+
+}  // namespace
+
+const cv::Mat& FramePicture::annotated() {
+  if (annotated_.empty()) {
+    annotated_ = plain_.clone();
+    annotate(record_, class_names_, &annotated_);
+  }
+  return annotated_;
+}
+
+cv::Mat FramePicture::annotated_at(cv::Size size) const {
+  const cv::Scalar bars(40, 40, 40);
+  cv::Mat result(size, CV_8UC3, bars);
+  cv::Mat inside = result(fitted(plain_.size(), size));
+  cv::resize(plain_, inside, inside.size(), 0, 0, cv::INTER_AREA);
+  annotate(record_, class_names_, &inside);
+  return result;
+}
+
+std::string encoded_picture(const std::string& path, const cv::Mat& picture) {
+  // Encoding in memory leaves the writing to a place that notices a full disk.
+  std::vector<unsigned char> bytes;
+  bool encoded = false;
+  try {
+    encoded = cv::imencode(fs::path(path).extension().string(), picture, bytes);
+  } catch (const cv::Exception&) {
+    // An unknown extension, which is reported below like any other refusal.
+  }
+  if (!encoded) {
+    throw write_error(path, "the picture cannot be encoded. Name it .png or .jpg.");
+  }
+  return std::string(bytes.begin(), bytes.end());
+}
+
+std::unique_ptr<PictureWriter> make_video_writer(
+    const std::string& path, double frames_per_second,
+    const std::function<void(const std::string&)>& notice) {
+  return std::make_unique<VideoWriter>(path, frames_per_second, notice);
+}
+
+std::unique_ptr<PictureWriter> make_folder_writer(const std::string& folder,
+                                                  const std::string& extension) {
+  return std::make_unique<FolderWriter>(folder, extension);
+}
+
+}  // namespace olvex_tools

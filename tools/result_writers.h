@@ -1,0 +1,38 @@
+// result_writers.h - boxes as text: JSON lines, MOTChallenge rows, COCO results.
+// schema/frame.schema.json defines a JSON line; run_outputs.h puts the writers together.
+#ifndef TOOLS_RESULT_WRITERS_H
+#define TOOLS_RESULT_WRITERS_H
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/frame_record.h"
+
+namespace olvex_tools {
+
+class ResultWriter {
+ public:
+  virtual ~ResultWriter() = default;
+  virtual void write(const FrameRecord& record) = 0;
+  // Completes the file, also after a run that was cut short. Call it once.
+  virtual void finish() = 0;
+};
+
+// Each opens its file at once; path "-" is standard_output. Writing throws ToolError (kInputError).
+
+// One object per frame and line.
+std::unique_ptr<ResultWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
+                                                     const std::vector<std::string>& class_names);
+// frame,id,left,top,width,height,score,class,-1,-1 per box; id is -1 without the tracker.
+std::unique_ptr<ResultWriter> make_mot_writer(const std::string& path, FILE* standard_output);
+// An array of {image_id, category_id, bbox, score}, one per box.
+std::unique_ptr<ResultWriter> make_coco_writer(const std::string& path, FILE* standard_output);
+
+// The shortest decimal that reads back as the same float: 0.9, not 0.899999976.
+double shortest_decimal(float value);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_RESULT_WRITERS_H

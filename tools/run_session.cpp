@@ -1,0 +1,277 @@
+// run_session.cpp - the loop over the frames and what stands around it. Read run_session.h first,
+// then detector.h and frame_source.h for the two ends of the loop.
+#include "tools/run_session.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+
+#include <opencv2/core/utils/logger.hpp>
+
+#include "platform/host/host_image.h"
+#include "tools/command.h"
+#include "tools/frame_source.h"
+#include "tools/interruption.h"
+#include "tools/output_file.h"
+#include "tools/progress.h"
+#include "tools/run_log.h"
+#include "tools/run_summary.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double milliseconds_since(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+struct Model {
+  qv_host::Description description;
+  std::string text_header;
+};
+
+Model read_model(const std::string& path) {
+  Model model;
+  try {
+    model.description = qv_host::read_image_file(path, &model.text_header).description;
+  } catch (const qv_host::ImageError& error) {
+    throw ToolError(kModelError, error.what());
+  }
+  return model;
+}
+
+DetectorOptions at_start_pattern(DetectorOptions options, const Model& model) {
+  options.pattern_offset = model.text_header.size();
+  return options;
+}
+
+std::optional<long> frames_to_come(const FrameSource& source, const RunOptions& options) {
+  std::optional<long> total = source.length();
+  if (total) {
+    total = std::max(0L, *total - options.skip);
+  }
+  if (options.limit > 0) {
+    total = total ? std::min(*total, options.limit) : options.limit;
+  }
+  return total;
+}
+
+class Session {
+ public:
+  Session(const RunOptions& options, RunLog* log, const Interruption& interruption)
+      : options_(options),
+        log_(*log),
+        interruption_(interruption),
+        model_(read_model(options.detector.model)),
+        detector_options_(at_start_pattern(options.detector, model_)),
+        layout_(frame_layout(model_.description.input)),
+        source_(open_frame_source(options.input, layout_, options.picture_rate)),
+        progress_(frames_to_come(*source_, options), options.quiet),
+        outputs_(options.outputs, log->results(), model_.description.class_names,
+                 source_->frames_per_second(),
+                 [this](const std::string& text) { progress_.notice(text); }) {}
+
+  int run() {
+    try {
+      process_all();
+    } catch (...) {
+      finish_after_failure();
+      throw;
+    }
+    outputs_.finish();
+    report();
+    return interruption_.requested() ? kInterrupted : kDone;
+  }
+
+ private:
+  void process_all() {
+    announce();
+    source_->skip(options_.skip);
+    start_ = Clock::now();
+    bool ended = false;
+    while (!ended && !interruption_.requested() && !limit_reached()) {
+      ended = !process_next();
+      progress_.update(summary_.frames());
+    }
+    if (ended) {
+      check_end();
+    }
+  }
+
+  bool limit_reached() const { return options_.limit > 0 && summary_.frames() >= options_.limit; }
+
+  bool process_next() {
+    SourceFrame frame;
+    FrameRecord record;
+    const auto decoding = Clock::now();
+    if (!source_->next(&frame)) {
+      return false;
+    }
+    record.milliseconds.decode = milliseconds_since(decoding);
+    record.number = frame.number;
+    record.pts = frame.pts;
+    record.image_id = frame.image_id;
+    record.source = frame.name;
+    detect(&frame, &record);
+    log_.frame_done();
+
+    const auto writing = Clock::now();
+    if (outputs_.needs_picture() && frame.picture.empty()) {
+      frame.picture = picture_of_frame(frame.dump, layout_);
+    }
+    outputs_.write(record, frame.picture);
+    summary_.add(record, milliseconds_since(writing));
+    return true;
+  }
+
+  void detect(SourceFrame* frame, FrameRecord* record) {
+    const bool is_dump = frame->picture.empty();
+    const cv::Size own_size =
+        is_dump ? cv::Size(layout_.width, layout_.height) : frame->picture.size();
+    open_detector(options_.display.value_or(own_size));
+    record->width = display_.width;
+    record->height = display_.height;
+    if (!is_dump) {
+      const auto conversion = Clock::now();
+      convert_to_frame(frame->picture, layout_, &converted_);
+      record->milliseconds.conversion = milliseconds_since(conversion);
+    }
+    detector_->run(is_dump ? &frame->dump : &converted_, frame->pts, &record->detections,
+                   &record->milliseconds);
+    number_tracks(&record->detections);
+  }
+
+  // The library takes the display size once, so another size needs another handle.
+  void open_detector(cv::Size display) {
+    if (detector_ != nullptr && display == display_) {
+      return;
+    }
+    if (detector_ != nullptr && tracked()) {
+      progress_.notice(
+          "the pictures change size; objects are tracked anew from there. Set "
+          "--display to keep the tracks.");
+    }
+    detector_.reset();  // there is one accelerator device only
+    detector_ = std::make_unique<Detector>(detector_options_, display);
+    display_ = display;
+    first_track_ = last_track_;
+    const InputAttr_t input = detector_->input();
+    if (input.width != static_cast<QV_U32>(layout_.width) ||
+        input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
+      throw ToolError(kAcceleratorError, options_.detector.model +
+                                             ": the accelerator asks for another input than the "
+                                             "model's description. Pack the model anew.");
+    }
+  }
+
+  // Each handle counts its tracks from 1; a later handle's go on from the last one's.
+  void number_tracks(std::vector<Detection>* detections) {
+    for (Detection& detection : *detections) {
+      if (detection.track_id) {
+        *detection.track_id += first_track_;
+        last_track_ = std::max(last_track_, *detection.track_id);
+      }
+    }
+  }
+
+  bool tracked() const { return options_.detector.track || options_.detector.strict; }
+
+  void announce() {
+    if (options_.detector.from_memory && !model_.text_header.empty() &&
+        model_.description.name_pairs.empty()) {
+      progress_.notice(options_.detector.model +
+                       ": the text before the model is not seen when it is loaded from memory.");
+    }
+  }
+
+  // Called when the source has no more frames.
+  void check_end() {
+    if (summary_.frames() == 0) {
+      throw ToolError(kInputError, options_.input + ": no frame is left after --skip " +
+                                       std::to_string(options_.skip) + ".");
+    }
+    const std::optional<long> length = source_->length();
+    constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
+    const long read = options_.skip + summary_.frames();
+    if (length && static_cast<double>(read) < kShareExpected * static_cast<double>(*length) - 1) {
+      progress_.notice(options_.input + ": ended after " + std::to_string(read) + " of " +
+                       std::to_string(*length) + " frames; it is damaged or cut.");
+    }
+  }
+
+  void finish_after_failure() {
+    try {
+      outputs_.finish();
+    } catch (const ToolError&) {
+      // The failure that ended the run is the one to report.
+    }
+  }
+
+  void report() {
+    progress_.clear();
+    RunFacts facts;
+    facts.model = options_.detector.model;
+    facts.input = options_.input;
+    facts.class_names = model_.description.class_names;
+    facts.tracked = tracked();
+    facts.interrupted = interruption_.requested();
+    facts.seconds = milliseconds_since(start_) / 1000;
+    const bool results_on_screen = uses_standard_output(options_.outputs);
+    if (!options_.outputs.summary.empty()) {
+      OutputFile file(options_.outputs.summary, log_.results());
+      file.write(summary_.json(facts));
+      file.close();
+    }
+    if (options_.quiet) {
+      return;
+    }
+    if (results_on_screen) {
+      std::fputs(summary_.text(facts).c_str(), stderr);
+    } else {
+      OutputFile(kStandardOutput, log_.results()).write(summary_.text(facts));
+    }
+  }
+
+  const RunOptions& options_;
+  RunLog& log_;
+  const Interruption& interruption_;
+  Model model_;
+  DetectorOptions detector_options_;
+  FrameLayout layout_;
+  std::unique_ptr<FrameSource> source_;
+  Progress progress_;
+  RunOutputs outputs_;
+  RunSummary summary_;
+  std::unique_ptr<Detector> detector_;
+  cv::Size display_;               // of detector_
+  std::uint64_t first_track_ = 0;  // added to the ids of detector_
+  std::uint64_t last_track_ = 0;   // highest id so far
+  std::vector<unsigned char> converted_;
+  Clock::time_point start_;
+};
+
+}  // namespace
+
+int run_session(const RunOptions& options) {
+  // OpenCV's own lines say nothing that our errors do not say better.
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  require_separate_files(options.outputs, options.log, {options.input, options.detector.model});
+  // Outlives the log, which flushes what a closed pipe did not take.
+  const Interruption interruption;
+  RunLog log(options.log);
+  try {
+    return Session(options, &log, interruption).run();
+  } catch (const ToolError& error) {
+    // Errors since the last good frame: there are some only if the library took part.
+    const std::string lines = log.last_errors();
+    if (lines.empty()) {
+      throw;
+    }
+    throw ToolError(error.exit_code(),
+                    std::string(error.what()) + "\nThe library's log says:" + lines);
+  }
+}
+
+}  // namespace olvex_tools
