@@ -1,0 +1,48 @@
+# Checks what the finished library shows to the outside: exported names, libraries that it needs,
+# its name, and the build string in writable data. Run by ctest with
+#   -DLIBRARY= -DNM= -DREADELF= -DBUILD_STRING= -DSANITIZERS=
+
+function(run_tool result)
+  execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)
+  set(${result} "${output}" PARENT_SCOPE)
+endfunction()
+
+run_tool(symbols "${NM}" --dynamic --defined-only "${LIBRARY}")
+# The version node itself is an absolute symbol; everything else counts.
+string(REGEX REPLACE "[0-9a-f]+ A OLVEX_DET_1[^\n]*\n" "" symbols "${symbols}")
+string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
+set(exported "")
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE "^[0-9a-f]+ ([A-Za-z]) ([^@]+).*$" "\\1 \\2" entry "${line}")
+  list(APPEND exported "${entry}")
+endforeach()
+list(SORT exported)
+set(expected
+  "T ALGO_DET_CreateHandle" "T ALGO_DET_DeinitHandle" "T ALGO_DET_GetInputAttr"
+  "T ALGO_DET_InitHandle" "T ALGO_DET_InitHandle2" "T ALGO_DET_ReleaseHandle" "T ALGO_DET_Run"
+  "T ALGO_DET_SetStableBox" "T ALGO_DET_SetStrictMode" "T ALGO_DET_SetThreshold"
+  "T ALGO_DET_SetTracker" "T ALGO_DET_SetTracker2")
+if(NOT exported STREQUAL expected)
+  message(SEND_ERROR "exported: ${exported}\nexpected: ${expected}")
+endif()
+
+run_tool(dynamic "${READELF}" --dynamic --wide "${LIBRARY}")
+if(NOT dynamic MATCHES "SONAME[^\n]*\\[libolvex_det\\.so\\.1\\]")
+  message(SEND_ERROR "SONAME is not libolvex_det.so.1:\n${dynamic}")
+endif()
+set(allowed "libc|libm|libpthread|libstdc\\+\\+|libgcc_s|ld-linux[-a-z0-9_]*")
+if(SANITIZERS)
+  string(APPEND allowed "|libasan|libubsan|libtsan")
+endif()
+string(REGEX MATCHALL "NEEDED[^\n]*" needed "${dynamic}")
+foreach(line IN LISTS needed)
+  if(NOT line MATCHES "\\[(${allowed})\\.so\\.[0-9.]+\\]?")
+    message(SEND_ERROR "needs a library that a camera may not have: ${line}")
+  endif()
+endforeach()
+
+run_tool(data "${READELF}" --string-dump=.data "${LIBRARY}")
+string(FIND "${data}" "${BUILD_STRING}" position)
+if(position EQUAL -1)
+  message(SEND_ERROR "build string ${BUILD_STRING} is not in .data:\n${data}")
+endif()
