@@ -26,10 +26,7 @@ constexpr int kGap = 6;               // pixels between tiles
 class ContactSheetWriter : public PictureWriter {
  public:
   ContactSheetWriter(const std::string& path, std::size_t tiles)
-      : path_(path), file_(path, nullptr), wanted_(tiles) {
-    // A name that no encoder takes is better refused before the run than after it.
-    encoded_picture(path_, cv::Mat(1, 1, CV_8UC3, cv::Scalar()));
-  }
+      : path_(path), file_(path, nullptr), wanted_(tiles) {}
 
   void write(FramePicture* picture) override {
     if (seen_++ % stride_ != 0) {
@@ -73,7 +70,7 @@ class ContactSheetWriter : public PictureWriter {
 
   cv::Mat sheet() const {
     const std::size_t count = std::min(wanted_, kept_.size());
-    const auto columns = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(count))));
+    const std::size_t columns = columns_of(count);
     const std::size_t rows = (count + columns - 1) / columns;
     const cv::Scalar ground(255, 255, 255);
     cv::Mat result(offset(rows, tile_.height), offset(columns, tile_.width), CV_8UC3, ground);

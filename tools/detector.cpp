@@ -1,5 +1,5 @@
-// detector.cpp - create, initialise, configure, run, free; and the library's codes in words.
-// Read detector.h first.
+// detector.cpp - create, initialise, configure, run, free. Read detector.h first; result_codes.h puts
+// the library's codes into words.
 #include "tools/detector.h"
 
 #include <cerrno>
@@ -13,63 +13,16 @@
 #include "platform/host/qv_host.h"
 #include "tools/command.h"
 #include "tools/last_output.h"
+#include "tools/result_codes.h"
 
 namespace olvex_tools {
 
 namespace {
 
-// What a code of ALGO_DET_InitHandle or ALGO_DET_Run means to the user of this tool.
-struct Explanation {
-  QV_S32 code;
-  ExitCode exit_code;
-  const char* text;
-};
-
-const Explanation kExplanations[] = {
-    {E_ALGO_INVALID_PARAM, kUsageError,
-     "the options do not go together: strict mode needs the tracker"},
-    {E_ALGO_DEVICE_FAULT, kModelError,
-     "the accelerator refused the model. Check it with: olvex-det inspect"},
-    {E_ALGO_LOADMODEL_FAIL, kModelError,
-     "the model cannot be used: it has one output only, and no decoder takes that. Pack it with "
-     "its boxes and scores, or with its three raw layers"},
-    {E_ALGO_NOT_INIT, kModelError, "the detector is not initialised"},
-    {E_ALGO_FILEIO_ERROR, kInputError,
-     "the frame dump cannot be written. QK_ALGO_S names an INI file; check the folder that its key "
-     "QK_ALGO_I names (no line end after it), or unset QK_ALGO_S"},
-    {E_ALGO_INVALID_OUTPUT_SIZE, kModelError,
-     "no decoder takes the shape of the model's outputs. Check them with: olvex-det inspect"},
-    {E_ALGO_INVALID_DECODE_MODE, kModelError,
-     "no decoder takes the element type of the model's outputs; they must be FP32 or INT16"},
-    {QV_HOST_NO_DEVICE, kAcceleratorError, "the host accelerator has no device"},
-    {QV_HOST_DEVICE_EXISTS, kAcceleratorError,
-     "the host accelerator's device exists already in this process"},
-    {QV_HOST_NO_CHANNEL, kAcceleratorError, "the host accelerator's channel is closed"},
-    {QV_HOST_BAD_ARGUMENT, kAcceleratorError, "the host accelerator was given a NULL pointer"},
-    {QV_HOST_OUT_OF_ORDER, kAcceleratorError,
-     "the host accelerator got its output buffers back out of order"},
-    {QV_HOST_READ_FAILED, kAcceleratorError, "the host accelerator cannot read the model"},
-    {QV_HOST_BAD_IMAGE, kAcceleratorError, "the host accelerator finds the model damaged"},
-    {QV_HOST_BAD_NETWORK, kAcceleratorError,
-     "the host accelerator cannot load the model's network, or its outputs do not fit the "
-     "description"},
-    {QV_HOST_BAD_FRAME, kAcceleratorError,
-     "the host accelerator finds the frame missing or too short"},
-    {QV_HOST_INFERENCE_FAILED, kAcceleratorError,
-     "the host accelerator failed while it ran the network"},
-};
-
 [[noreturn]] void fail(QV_S32 code, const std::string& call, const std::string& model) {
-  ExitCode exit_code = kAcceleratorError;
-  std::string text = "the accelerator failed with a code of its own";
-  for (const Explanation& explanation : kExplanations) {
-    if (explanation.code == code) {
-      exit_code = explanation.exit_code;
-      text = explanation.text;
-    }
-  }
-  throw ToolError(exit_code,
-                  model + ": " + text + " (" + call + " returned " + std::to_string(code) + ").");
+  const ResultCode& result = explain_result(code);
+  throw ToolError(result.exit_code, model + ": " + result.text + " (" + call + " returned " +
+                                        std::to_string(code) + ").");
 }
 
 QV_BOOL flag(bool value) {

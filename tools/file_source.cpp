@@ -73,8 +73,12 @@ class FileSource : public FrameSource {
     return true;
   }
 
-  void skip(long frames) override {
-    position_ = std::min(paths_.size(), position_ + static_cast<std::size_t>(frames));
+  bool skip() override {
+    if (position_ >= paths_.size()) {
+      return false;
+    }
+    ++position_;
+    return true;
   }
   std::optional<long> length() const override { return static_cast<long>(paths_.size()); }
   double frames_per_second() const override { return rate_; }

@@ -65,7 +65,8 @@ std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(con
   for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {
     std::error_code ignored;
-    if (matches(entry->path()) && !entry->is_directory(ignored)) {
+    // Opening a pipe that lies there would wait for its writer.
+    if (matches(entry->path()) && !entry->is_directory(ignored) && !entry->is_fifo(ignored)) {
       files.push_back(entry->path());
     }
   }
@@ -113,6 +114,10 @@ std::string take_number(const std::string& text, std::size_t* position) {
 }
 
 }  // namespace
+
+bool is_frame_file(const fs::path& path) {
+  return is_picture(path) || is_dump(path);
+}
 
 bool natural_less(const std::string& left, const std::string& right) {
   std::size_t i = 0;

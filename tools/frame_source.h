@@ -32,8 +32,8 @@ class FrameSource {
 
   // Reads the next frame; false at the end. Throws ToolError (kInputError) when it is unreadable.
   virtual bool next(SourceFrame* frame) = 0;
-  // Leaves out that many frames; they keep their numbers.
-  virtual void skip(long frames) = 0;
+  // Leaves out the next frame, which keeps its number; false at the end.
+  virtual bool skip() = 0;
   // Frames in total; nothing for a camera and for a video that does not tell. For progress only:
   // a video's own statement is not always right.
   virtual std::optional<long> length() const = 0;
@@ -58,6 +58,9 @@ std::unique_ptr<FrameSource> make_dump_source(std::vector<std::filesystem::path>
 std::unique_ptr<FrameSource> make_video_source(const std::string& path);
 // name as the user wrote it; device as the system knows it: /dev/videoN
 std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
+
+// Whether a folder's file of that name counts as a frame.
+bool is_frame_file(const std::filesystem::path& path);
 
 // Order of file names in which runs of digits compare by value: frame2 before frame10.
 bool natural_less(const std::string& left, const std::string& right);

@@ -1,6 +1,7 @@
 // inspect_report.cpp - writes one inspection as text or JSON. Read inspect_report.h first.
 #include "tools/inspect_report.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
@@ -44,9 +45,13 @@ std::string or_none(const std::string& text) {
 
 // ---- Text ---------------------------------------------------------------------------------------
 
-std::string line(const std::string& label, const std::string& text) {
+// A file may hold any bytes; those that steer a terminal are not for the screen.
+std::string line(const std::string& label, std::string text) {
   char padded[32];
   std::snprintf(padded, sizeof padded, "%-16s", label.c_str());
+  std::replace_if(
+      text.begin(), text.end(),
+      [](unsigned char c) { return (c < 0x20 && c != '\n') || c == 0x7f; }, '?');
   return padded + text + "\n";
 }
 

@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 
 #include "video/det/include/commit_det.h"
@@ -86,6 +89,38 @@ int report_usage_error(const CLI::App& application, const CLI::ParseError& error
   return olvex_tools::kUsageError;
 }
 
+// A script's empty variable would silently read as zero, or as an output that is not wanted.
+void refuse_empty_values(const CLI::App& application) {
+  for (const CLI::App* selected : application.get_subcommands()) {
+    for (const CLI::Option* option : selected->get_options()) {
+      const std::vector<std::string>& values = option->results();
+      if (std::find(values.begin(), values.end(), "") != values.end()) {
+        throw CLI::ValidationError(option->get_name(), "the value is empty");
+      }
+    }
+  }
+}
+
+bool is_open(int descriptor) {
+  return fcntl(descriptor, F_GETFD) >= 0;
+}
+
+// The next file that is opened would take a closed stream's place and get what is printed there.
+bool prepare_standard_streams() {
+  if (!is_open(STDOUT_FILENO)) {
+    std::fputs(
+        "olvex-det: standard output is closed. Redirect it to /dev/null if it is not wanted.\n",
+        stderr);
+    return false;
+  }
+  for (const int descriptor : {STDIN_FILENO, STDERR_FILENO}) {
+    if (!is_open(descriptor)) {
+      open("/dev/null", O_RDWR);
+    }
+  }
+  return true;
+}
+
 int run_command(const CLI::App& application, const Command& command) {
   try {
     return command();
@@ -104,6 +139,9 @@ int run_command(const CLI::App& application, const Command& command) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (!prepare_standard_streams()) {
+    return olvex_tools::kInputError;
+  }
   CLI::App application("Packs, inspects and runs detection models of libolvex_det.", "olvex-det");
   application.set_version_flag(
       "--version", "olvex-det " OLVEX_VERSION "\nlibolvex_det release version: " OLVEX_COMMIT_DET);
@@ -116,6 +154,7 @@ int main(int argc, char** argv) {
   olvex_tools::add_run_command(application, &command);
   try {
     application.parse(argc, argv);
+    refuse_empty_values(application);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
       return application.exit(error);

@@ -74,7 +74,8 @@ class VideoWriter : public PictureWriter {
 
   void finish() override {
     if (!writer_.isOpened()) {
-      fs::remove(path_);
+      std::error_code ignored;  // an empty file that stays does no harm
+      fs::remove(path_, ignored);
       return;
     }
     writer_.release();

@@ -17,9 +17,9 @@ namespace {
 constexpr int kDisplayMost = 32767;   // pixels, each way
 constexpr int kTrackFramesMost = 10;  // the tracker remembers that many frames of an object
 constexpr int kContactFramesMost = 400;
+constexpr long kFramesMost = 1000000000;  // a year of video and more
 
-const char kDescription[] =
-    "Run a model on a video, pictures, dumped frames or a camera, and write what it finds";
+const char kDescription[] = "Run a model on video, pictures or a camera and write what it finds";
 
 const char kManual[] =
     "INPUT is a video file, a picture, a folder of pictures, a dumped frame or a folder of them\n"
@@ -117,6 +117,10 @@ void check_combinations(const CommandLine& line) {
   if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
     refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi.");
   }
+  const std::string& sheet = line.run.outputs.contact_sheet;
+  if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
+    refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg.");
+  }
 }
 
 // Standard output by its other names. Those lead to the library's log while a run goes on.
@@ -208,11 +212,11 @@ void add_input_options(CLI::App* command, CommandLine* line) {
   const std::string group = "Frames";
   command->add_option("--skip", line->run.skip, "Frames to leave out at the start")
       ->type_name("N")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0L, kFramesMost))
       ->group(group);
   command->add_option("--limit", line->run.limit, "Frames to process at most")
       ->type_name("N")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(1L, kFramesMost))
       ->group(group);
   command
       ->add_option("--fps", line->run.picture_rate,
@@ -224,22 +228,22 @@ void add_input_options(CLI::App* command, CommandLine* line) {
 
 void add_output_options(CLI::App* command, CommandLine* line) {
   OutputOptions* const outputs = &line->run.outputs;
-  const std::string group = "Outputs (FILE - is standard output)";
+  const std::string group = "Outputs (FILE|-: a file, or - for standard output)";
   command
       ->add_option("--jsonl", outputs->json_lines,
                    "One JSON object per frame and line, see frame.schema.json")
-      ->type_name("FILE")
+      ->type_name("FILE|-")
       ->group(group);
   command
       ->add_option("--mot", outputs->mot,
                    "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)")
-      ->type_name("FILE")
+      ->type_name("FILE|-")
       ->group(group);
   command->add_option("--coco", outputs->coco, "COCO results, a JSON array")
-      ->type_name("FILE")
+      ->type_name("FILE|-")
       ->group(group);
   command->add_option("--summary-json", outputs->summary, "The summary as JSON")
-      ->type_name("FILE")
+      ->type_name("FILE|-")
       ->group(group);
   command->add_option("--video", outputs->video, "Annotated video (.mp4, .mkv, .mov, .avi)")
       ->type_name("FILE")
@@ -256,7 +260,7 @@ void add_output_options(CLI::App* command, CommandLine* line) {
       ->group(group);
   command
       ->add_option("--contact-sheet", outputs->contact_sheet,
-                   "One picture with frames chosen evenly over the run")
+                   "One picture (.png, .jpg) with frames chosen evenly over the run")
       ->type_name("FILE")
       ->group(group);
   command->add_option("--contact-frames", outputs->contact_frames, "Frames on the contact sheet")

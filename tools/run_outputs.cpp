@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tools/command.h"
+#include "tools/frame_source.h"
 #include "tools/output_file.h"
 
 namespace olvex_tools {
@@ -48,8 +49,15 @@ bool same_file(const std::string& left, const std::string& right) {
     return true;
   }
   // A file that is yet to be made has a name only.
-  return fs::weakly_canonical(fs::absolute(left), error) ==
-         fs::weakly_canonical(fs::absolute(right), error);
+  const fs::path whole = fs::weakly_canonical(fs::absolute(left, error), error);
+  return !whole.empty() && whole == fs::weakly_canonical(fs::absolute(right, error), error);
+}
+
+// Whether writing there would replace a frame of the folder that is read, or add one.
+bool lies_among_frames(const std::string& output, const std::string& input) {
+  std::error_code error;
+  return is_frame_file(output) &&
+         fs::equivalent(fs::absolute(output, error).parent_path(), input, error);
 }
 
 template <typename Writers>
@@ -91,6 +99,11 @@ void require_separate_files(const OutputOptions& options, const std::string& log
       if (same_file(output->path, path)) {
         throw ToolError(kUsageError, std::string(output->option) + " would overwrite " + path +
                                          ", which is read. Name another file.");
+      }
+      if (lies_among_frames(output->path, path)) {
+        throw ToolError(kUsageError, std::string(output->option) + " " + output->path +
+                                         " would lie among the frames that are read. Name another "
+                                         "folder.");
       }
     }
   }

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <exception>
 #include <memory>
 
 #include <opencv2/core/utils/logger.hpp>
@@ -88,7 +90,7 @@ class Session {
  private:
   void process_all() {
     announce();
-    source_->skip(options_.skip);
+    skip_frames();
     start_ = Clock::now();
     bool ended = false;
     while (!ended && !interruption_.requested() && !limit_reached()) {
@@ -97,6 +99,13 @@ class Session {
     }
     if (ended) {
       check_end();
+    }
+  }
+
+  void skip_frames() {
+    long skipped = 0;
+    while (skipped < options_.skip && !interruption_.requested() && source_->skip()) {
+      ++skipped;
     }
   }
 
@@ -204,7 +213,7 @@ class Session {
   void finish_after_failure() {
     try {
       outputs_.finish();
-    } catch (const ToolError&) {
+    } catch (const std::exception&) {
       // The failure that ended the run is the one to report.
     }
   }
@@ -255,9 +264,12 @@ class Session {
 }  // namespace
 
 int run_session(const RunOptions& options) {
-  // OpenCV's own lines say nothing that our errors do not say better.
+  // OpenCV's own lines, and those of its video decoder, say nothing that our errors do not say
+  // better. Who wants the decoder's sets the variable.
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  require_separate_files(options.outputs, options.log, {options.input, options.detector.model});
+  setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
+  require_separate_files(options.outputs, options.log,
+                         {options.input, options.detector.model, options.detector.firmware});
   // Outlives the log, which flushes what a closed pipe did not take.
   const Interruption interruption;
   RunLog log(options.log);

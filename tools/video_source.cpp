@@ -64,10 +64,12 @@ class VideoSource : public FrameSource {
   }
 
   // Decodes and drops: seeking lands on another frame than asked for in many videos.
-  void skip(long frames) override {
-    for (long i = 0; i < frames && capture_.grab(); ++i) {
-      ++position_;
+  bool skip() override {
+    if (!capture_.grab()) {
+      return false;
     }
+    ++position_;
+    return true;
   }
 
   std::optional<long> length() const override {
@@ -126,11 +128,9 @@ class CameraSource : public FrameSource {
     return true;
   }
 
-  void skip(long frames) override {
+  bool skip() override {
     SourceFrame dropped;
-    for (long i = 0; i < frames; ++i) {
-      next(&dropped);
-    }
+    return next(&dropped);
   }
 
   std::optional<long> length() const override { return std::nullopt; }

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +18,8 @@
 namespace olvex_tools {
 
 namespace {
+
+constexpr std::size_t kLargestFile = 1u << 30;  // bytes; no model file takes more
 
 // The temporary file that a signal has to remove; only what may be used in a handler.
 char g_unfinished_path[4096];
@@ -50,11 +51,19 @@ std::vector<char> read_whole_file(const std::string& what, const std::string& pa
   if (stat(path.c_str(), &status) != 0) {
     fail("read " + what, path);
   }
-  if (!S_ISREG(status.st_mode)) {
+  // A pipe is as good as a file.
+  if (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode)) {
     throw ToolError(kInputError, "cannot read " + what + " " + path + ": it is not a file");
   }
   std::ifstream file(path, std::ios::binary);
-  std::vector<char> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::vector<char> bytes;
+  char part[1 << 16];
+  while (file.read(part, sizeof part) || file.gcount() > 0) {
+    if (bytes.size() > kLargestFile) {
+      throw ToolError(kInputError, "cannot read " + what + " " + path + ": it has more than 1 GiB");
+    }
+    bytes.insert(bytes.end(), part, part + file.gcount());
+  }
   if (!file.is_open() || file.bad()) {
     fail("read " + what, path);
   }

@@ -9,7 +9,7 @@
 
 namespace olvex_tools {
 
-// The bytes of a regular file. Throws ToolError (kInputError) with what ("the network") and path.
+// The bytes of a file or pipe, up to 1 GiB. Throws ToolError (kInputError) with what ("the network") and path.
 std::vector<char> read_whole_file(const std::string& what, const std::string& path);
 
 // A file that is written beside its target under a temporary name and takes the target's place in

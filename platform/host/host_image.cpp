@@ -27,6 +27,7 @@ constexpr int kMaxRows = 32767;  // an index must fit an INT16 tensor
 constexpr std::size_t kMaxName = QV_IPU_TENSOR_NAME_SIZE - 1;  // bytes, with room for the end mark
 constexpr std::size_t kMaxPairText = 127;  // bytes of a key or a value that the library keeps
 constexpr std::uint64_t kMaxTextHeader = 1u << 20;  // bytes of key/value text before the pattern
+constexpr int kMaxNesting = 16;                     // of JSON values; a description needs 4
 
 template <typename Value>
 struct Choice {
@@ -497,10 +498,16 @@ void read_outputs(const Json& json, Description* description) {
   reader.finish();
 }
 
-// JSON itself lets a name appear twice and a reader would silently use one of the two.
-Json parse_without_duplicates(const std::string& text) {
+// JSON itself lets a name appear twice and a reader would silently use one of the two. It also lets
+// values lie within each other as deep as the bytes reach, and printing one takes stack at each
+// level.
+Json parse_plain_json(const std::string& text) {
   std::vector<std::set<std::string>> seen;
-  const auto check = [&seen](int, Json::parse_event_t event, Json& value) {
+  const auto check = [&seen](int depth, Json::parse_event_t event, Json& value) {
+    if (depth > kMaxNesting) {
+      throw ImageError("the description nests its values more than " + std::to_string(kMaxNesting) +
+                       " deep; a right one needs 4 levels");
+    }
     if (event == Json::parse_event_t::object_start) {
       seen.emplace_back();
     } else if (event == Json::parse_event_t::object_end) {
@@ -670,7 +677,7 @@ std::string description_to_json(const Description& description) {
 }
 
 Description parse_description(const std::string& json) {
-  const Json root = parse_without_duplicates(json);
+  const Json root = parse_plain_json(json);
   Description description;
   ObjectReader reader(root, "");
   reader.read("title", Presence::kOptional, &description.title);

@@ -8,20 +8,14 @@ function(run_tool result)
 endfunction()
 
 run_tool(symbols "${NM}" --dynamic --defined-only "${LIBRARY}")
-# The version node itself is an absolute symbol; everything else counts.
-string(REGEX REPLACE "[0-9a-f]+ A OLVEX_DET_1[^\n]*\n" "" symbols "${symbols}")
-string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
-set(exported "")
-foreach(line IN LISTS lines)
-  string(REGEX REPLACE "^[0-9a-f]+ ([A-Za-z]) ([^@]+).*$" "\\1 \\2" entry "${line}")
-  list(APPEND exported "${entry}")
-endforeach()
+string(REGEX MATCHALL " [A-Za-z] [^@\n]+" exported "${symbols}")
+list(REMOVE_ITEM exported " A OLVEX_DET_1")  # the version node itself
 list(SORT exported)
 set(expected
-  "T ALGO_DET_CreateHandle" "T ALGO_DET_DeinitHandle" "T ALGO_DET_GetInputAttr"
-  "T ALGO_DET_InitHandle" "T ALGO_DET_InitHandle2" "T ALGO_DET_ReleaseHandle" "T ALGO_DET_Run"
-  "T ALGO_DET_SetStableBox" "T ALGO_DET_SetStrictMode" "T ALGO_DET_SetThreshold"
-  "T ALGO_DET_SetTracker" "T ALGO_DET_SetTracker2")
+  " T ALGO_DET_CreateHandle" " T ALGO_DET_DeinitHandle" " T ALGO_DET_GetInputAttr"
+  " T ALGO_DET_InitHandle" " T ALGO_DET_InitHandle2" " T ALGO_DET_ReleaseHandle" " T ALGO_DET_Run"
+  " T ALGO_DET_SetStableBox" " T ALGO_DET_SetStrictMode" " T ALGO_DET_SetThreshold"
+  " T ALGO_DET_SetTracker" " T ALGO_DET_SetTracker2")
 if(NOT exported STREQUAL expected)
   message(SEND_ERROR "exported: ${exported}\nexpected: ${expected}")
 endif()

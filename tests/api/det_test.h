@@ -1,5 +1,5 @@
-// det_test.h - fixtures of this folder: a test with the scripted accelerator, a directory of its
-// own and the library's log, and one with a handle of the public interface.
+// det_test.h - fixtures of this folder: DetTest with the scripted accelerator, a directory of its
+// own and the library's log, and PublicApi with a handle, its frame and its boxes.
 // list_network.h describes the networks, tests/support/scripted_test.h the fixture below these.
 #ifndef TESTS_API_DET_TEST_H
 #define TESTS_API_DET_TEST_H
@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@
 
 #include "tests/api/list_network.h"
 #include "tests/support/scripted_test.h"
+#include "video/det/include/det_schedule.h"
+#include "video/det/include/olvex_det.h"
 
 class DetTest : public ScriptedTest {
  protected:
@@ -33,10 +36,11 @@ class DetTest : public ScriptedTest {
   }
 
   void TearDown() override {
-    transcript_ += testing::internal::GetCapturedStdout();
+    const std::string rest = log();
+    testing::internal::GetCapturedStdout();
     ScriptedTest::TearDown();
     if (HasFailure()) {
-      std::fputs(transcript_.c_str(), stdout);
+      std::fputs(rest.c_str(), stdout);
     }
     std::filesystem::remove_all(directory_);
   }
@@ -44,7 +48,6 @@ class DetTest : public ScriptedTest {
   // What was printed since the last call.
   std::string log() {
     const std::string text = testing::internal::GetCapturedStdout();
-    transcript_ += text;
     testing::internal::CaptureStdout();
     return text;
   }
@@ -61,20 +64,14 @@ class DetTest : public ScriptedTest {
     return write_file("model.bin", header + kOfflineModel);
   }
 
-  // A file as a mapping of its own, which a model buffer has to be.
-  static char* map_file(const std::string& file, std::size_t size) {
-    const int descriptor = open(file.c_str(), O_RDONLY);
-    void* const mapping = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, descriptor, 0);
-    close(descriptor);
-    return mapping == MAP_FAILED ? nullptr : static_cast<char*>(mapping);
-  }
-
   static std::string read_file(const std::string& file) {
     std::ifstream stream(file, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
   }
 
-  static bool is_mapped(const std::string& file) { return count_of(read_maps(), file) > 0; }
+  static bool is_mapped(const std::string& file) {
+    return contains(read_file("/proc/self/maps"), file);
+  }
 
   static int count_of(const std::string& text, const std::string& part) {
     int count = 0;
@@ -89,10 +86,92 @@ class DetTest : public ScriptedTest {
   }
 
  private:
-  static std::string read_maps() { return read_file("/proc/self/maps"); }
-
   std::string directory_;
-  std::string transcript_;
+};
+
+// Its displays have the network's size.
+class PublicApi : public DetTest {
+ protected:
+  static constexpr QV_PHY kPhysicalAddress = 0x123456789000u;
+
+  void SetUp() override {
+    DetTest::SetUp();
+    unsetenv("QK_ALGO_S");
+    ASSERT_EQ(0, ALGO_DET_CreateHandle(&handle_));
+  }
+  void TearDown() override {
+    deinit();
+    DetTest::TearDown();
+  }
+
+  // A new handle on an accelerator in its first state.
+  void restart() {
+    deinit();
+    check_violations();
+    qv_scripted::reset();
+    ASSERT_EQ(0, ALGO_DET_CreateHandle(&handle_));
+  }
+
+  QV_S32 init_from_file(const std::string& model, QV_BOOL had_create_device = 0,
+                        const std::string& firmware = "") {
+    DetectionInfo_t info = {};
+    std::snprintf(info.ipu_firmware_path, sizeof info.ipu_firmware_path, "%s", firmware.c_str());
+    std::snprintf(info.model, sizeof info.model, "%s", model.c_str());
+    info.disp_size = {kNetWidth, kNetHeight};
+    info.had_create_device = had_create_device;
+    return ALGO_DET_InitHandle(handle_, &info);
+  }
+
+  // From a model file as a mapping of its own, which is what a model buffer has to be.
+  QV_S32 init_from_memory(const std::string& file) {
+    const int descriptor = open(file.c_str(), O_RDONLY);
+    DetectionInfo2_t info = {};
+    info.model_buffer_len = sizeof kOfflineModel - 1;
+    info.model_buffer = mmap(nullptr, info.model_buffer_len, PROT_READ, MAP_PRIVATE, descriptor, 0);
+    info.disp_size = {kNetWidth, kNetHeight};
+    close(descriptor);
+    buffer_ = info.model_buffer;
+    return ALGO_DET_InitHandle2(handle_, &info);
+  }
+
+  // Initialises on a network that shows these frames.
+  void start(const std::vector<Detections>& frames, const std::string& header = "") {
+    qv_scripted::add_network(list_network(frames));
+    ASSERT_EQ(0, init_from_file(write_model(header)));
+  }
+
+  QV_S32 run(QV_U64 pts = 0) {
+    const ALGO_Input_t input = {frame_.data(), kPhysicalAddress, static_cast<QV_U32>(frame_.size()),
+                                pts};
+    return ALGO_DET_Run(handle_, &input, boxes_.data(), &count_);
+  }
+
+  // The boxes of the next frame: "class@x,y,widthxheight ...".
+  std::string next_frame(QV_U64 pts = 0) {
+    EXPECT_EQ(0, run(pts));
+    std::ostringstream text;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count_); ++i) {
+      const Box_t& box = boxes_[i];
+      text << (i == 0 ? "" : " ") << box.class_id << '@' << box.x << ',' << box.y << ','
+           << box.width << 'x' << box.height;
+    }
+    return text.str();
+  }
+
+  QV_S32 deinit() {
+    void* const handle = handle_;
+    handle_ = nullptr;
+    return handle == nullptr ? 0 : ALGO_DET_DeinitHandle(handle);
+  }
+
+  // The object behind the handle, whose records are the same on both sides of the interface.
+  DetHandle& det() { return *static_cast<DetHandle*>(handle_); }
+
+  void* handle_ = nullptr;
+  void* buffer_ = nullptr;  // of init_from_memory
+  std::vector<unsigned char> frame_ = std::vector<unsigned char>(kNetWidth * kNetHeight);
+  std::vector<Box_t> boxes_ = std::vector<Box_t>(ALGO_DET_MAX_BOXES);
+  QV_S32 count_ = 0;
 };
 
 #endif  // TESTS_API_DET_TEST_H

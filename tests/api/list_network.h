@@ -1,5 +1,5 @@
 // list_network.h - scripted networks whose outputs are box lists that the accelerator has decoded,
-// so that a test can write down the detections of each frame. det_test.h has the fixture.
+// so that a test can write down the detections of each frame. det_test.h has the fixtures.
 #ifndef TESTS_API_LIST_NETWORK_H
 #define TESTS_API_LIST_NETWORK_H
 
@@ -21,32 +21,27 @@ struct Detection {
 };
 using Detections = std::vector<Detection>;
 
-// One frame of boxes, classes, scores, indices and count.
-inline qv_scripted::Frame list_frame(const Detections& detections) {
-  std::vector<float> boxes, classes, scores, indices;
-  for (const Detection& detection : detections) {
-    boxes.insert(boxes.end(), {detection.x1, detection.y1, detection.x2, detection.y2});
-    classes.push_back(detection.label);
-    indices.push_back(static_cast<float>(scores.size()));
-    scores.push_back(detection.score);
-  }
-  return {qv_scripted::to_bytes(boxes), qv_scripted::to_bytes(classes),
-          qv_scripted::to_bytes(scores), qv_scripted::to_bytes(indices),
-          qv_scripted::to_bytes<float>({static_cast<float>(detections.size())})};
-}
-
 // Shows these frames in turn and repeats the last one. rows: room for detections.
 inline qv_scripted::Network list_network(const std::vector<Detections>& frames, QV_U32 rows = 8,
                                          const std::string& first_output_name = "boxes") {
-  qv_scripted::Network network;
-  network.inputs = {qv_scripted::picture_input(QV_IPU_FORMAT_GRAY, kNetWidth, kNetHeight)};
-  network.outputs = {qv_scripted::fp32_tensor(first_output_name, {1, 1, rows, 4}),
-                     qv_scripted::fp32_tensor("classes", {1, 1, rows, 1}),
-                     qv_scripted::fp32_tensor("scores", {1, 1, rows, 1}),
-                     qv_scripted::fp32_tensor("indices", {1, rows, 1, 1}),
-                     qv_scripted::fp32_tensor("count", {1, 1, 1, 1})};
+  using namespace qv_scripted;
+  Network network;
+  network.inputs = {picture_input(QV_IPU_FORMAT_GRAY, kNetWidth, kNetHeight)};
+  network.outputs = {fp32_tensor(first_output_name, {1, 1, rows, 4}),
+                     fp32_tensor("classes", {1, 1, rows, 1}),
+                     fp32_tensor("scores", {1, 1, rows, 1}),
+                     fp32_tensor("indices", {1, rows, 1, 1}), fp32_tensor("count", {1, 1, 1, 1})};
   for (const Detections& detections : frames) {
-    network.frames.push_back(list_frame(detections));
+    std::vector<float> boxes, classes, scores, indices;
+    for (const Detection& detection : detections) {
+      boxes.insert(boxes.end(), {detection.x1, detection.y1, detection.x2, detection.y2});
+      classes.push_back(detection.label);
+      indices.push_back(static_cast<float>(scores.size()));
+      scores.push_back(detection.score);
+    }
+    const std::vector<float> count = {static_cast<float>(detections.size())};
+    network.frames.push_back(
+        {to_bytes(boxes), to_bytes(classes), to_bytes(scores), to_bytes(indices), to_bytes(count)});
   }
   return network;
 }

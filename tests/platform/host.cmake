@@ -11,6 +11,6 @@ target_link_libraries(make_test_network PRIVATE tiny_onnx olvex_warnings)
 olvex_add_test(NAME host_image_test LABEL platform SOURCES host_image_test.cpp
                LIBRARIES qv_host_image)
 olvex_add_test(NAME host_accelerator_test LABEL platform
-               SOURCES host_accelerator_test.cpp host_refusal_test.cpp host_session.cpp
+               SOURCES host_accelerator_test.cpp host_refusal_test.cpp
                LIBRARIES qv_host qv_host_image tiny_onnx)
 olvex_add_contract_test(Host host_contract_hook.cpp "qv_host;qv_host_image;tiny_onnx")

@@ -1,14 +1,22 @@
-// boxes.h - short ways to write boxes and to read log lines in the unit tests. The larger fixtures
-// are in the test sources that need them.
+// boxes.h - short ways to write boxes and tensors and to read the log's errors in the unit tests.
+// The larger fixtures are in the test sources that need them.
 #ifndef TESTS_UNIT_BOXES_H
 #define TESTS_UNIT_BOXES_H
 
-#include <initializer_list>
+#include <math.h>
+#include <stdint.h>
+
+#include <algorithm>
+#include <sstream>
 #include <string>
-#include <type_traits>
+#include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "qv_ipu.h"
+
+#include "utils/numeric/saturating_cast.h"
 #include "utils/records/det_records.h"
 #include "base/tracker/iou_tracker/iout.h"
 
@@ -16,53 +24,52 @@
 inline BoxInfo make_box(float x1, float y1, float x2, float y2, float score = 0.9f, int label = 0,
                         unsigned long long pts = 0) {
   BoxInfo box;
-  box.x1 = x1;
-  box.y1 = y1;
-  box.x2 = x2;
-  box.y2 = y2;
-  box.score = score;
-  box.label = label;
-  box.pts = pts;
+  std::tie(box.x1, box.y1, box.x2, box.y2) = std::tie(x1, y1, x2, y2);
+  std::tie(box.score, box.label, box.pts) = std::tie(score, label, pts);
   return box;
 }
 
 inline TrackBBox make_track_box(float x, float y, float w, float h, float score = 0.9f,
                                 int class_id = 0, unsigned long long pts = 0) {
   TrackBBox box;
-  box.x = x;
-  box.y = y;
-  box.w = w;
-  box.h = h;
-  box.score = score;
-  box.class_id = class_id;
-  box.pts = pts;
+  std::tie(box.x, box.y, box.w, box.h) = std::tie(x, y, w, h);
+  std::tie(box.score, box.class_id, box.pts) = std::tie(score, class_id, pts);
   return box;
 }
 
-template <typename Range>
-auto to_list(const Range& range) {
-  olvex::vector<typename std::decay<decltype(*range.begin())>::type> list;
-  for (const auto& element : range) {
-    list.push_back(element);
-  }
+template <typename T = BoxInfo>
+olvex::vector<T> list_of(const std::vector<T>& elements) {
+  olvex::vector<T> list;
+  list.insert(list.begin(), elements.data(), elements.data() + elements.size());
   return list;
 }
 
-template <typename T>
-olvex::vector<T> list_of(std::initializer_list<T> elements) {
-  return to_list(elements);
-}
+// A tensor in both element types; as INT16 it is stored in units of scale. The buffers end with the
+// last element, so that a sanitizer sees every overread.
+struct Tensor {
+  std::vector<float> floats;
+  std::vector<int16_t> integers;
 
-// Standard output since CaptureStdout, each line's header cut down to its level.
-inline std::string captured_messages() {
-  std::string text = testing::internal::GetCapturedStdout();
-  size_t at;
-  while ((at = text.find(", LINE: ")) != std::string::npos) {
-    const size_t begin = text.rfind('[', at);
-    text.erase(at, text.find(". ", at) + 1 - at);
-    text.erase(begin, text.find("] ", begin) + 2 - begin);
+  Tensor(const std::vector<float>& values, float scale) : floats(values), integers(values.size()) {
+    std::transform(values.begin(), values.end(), integers.begin(), [scale](float value) {
+      return olvex::saturating_cast<int16_t>(round(value / scale));
+    });
   }
-  return text;
+  void* data(QV_IPU_ELEMENT_FORMAT format) {
+    return format == QV_IPU_FORMAT_INT16 ? static_cast<void*>(integers.data()) : floats.data();
+  }
+};
+
+// The messages of the error lines since CaptureStdout.
+inline std::string captured_errors() {
+  std::istringstream log(testing::internal::GetCapturedStdout());
+  std::string line, errors;
+  while (std::getline(log, line)) {
+    if (line.find("] DLA_ERROR:, LINE: ") != std::string::npos) {
+      errors += line.substr(line.find(". ") + 2) + "\n";
+    }
+  }
+  return errors;
 }
 
 #endif  // TESTS_UNIT_BOXES_H

@@ -2,7 +2,6 @@
 #include "base/postprocess/det_postprocess.h"
 
 #include <math.h>
-#include <stdint.h>
 
 #include <string>
 #include <vector>
@@ -13,76 +12,49 @@
 
 namespace {
 
-const float kScale = 1.0f / 256;
-const QV_IPU_ELEMENT_FORMAT kFormats[] = {QV_IPU_FORMAT_FP32, QV_IPU_FORMAT_INT16};
+typedef std::vector<float> Values;
 
-// One layer of cells, in buffers that end with the last element so that a sanitizer sees every
-// overread. The elements are real values; as INT16 they are stored in units of kScale.
+// One layer of cells of stride 8.
 struct Layer {
-  std::vector<float> elements;
-  std::vector<int16_t> integers;
-  int width, height, channels;
-  float scale = kScale;
-  void* data = NULL;
+  float scale = 1.0f / 256;
+  Tensor cells;
+  int width[2], height[2], channels[2];  // a second layer is the same
+  void* data[2];
   DetDecodeInfo info;
+  olvex::vector<BoxInfo> boxes;
 
-  Layer(int w, int h, int c, const std::vector<float>& values)
-      : elements(values), width(w), height(h), channels(c) {
+  Layer(int w, int h, const Values& values, QV_IPU_ELEMENT_FORMAT format)
+      : cells(values, scale), width{w, w}, height{h, h} {
+    channels[0] = channels[1] = static_cast<int>(values.size()) / (w * h);
+    data[0] = data[1] = cells.data(format);
     info.net_in_w = 8 * w;
     info.net_in_h = 8 * h;
-    info.net_out_w = &width;
-    info.net_out_h = &height;
-    info.net_out_c = &channels;
+    info.net_out_w = width;
+    info.net_out_h = height;
+    info.net_out_c = channels;
     info.num_out_layers = 1;
     info.num_classes = 2;
-    info.conf_threshold = 0.5f;
-    info.nms_threshold = 0.5f;
-    info.data = &data;
+    info.conf_threshold = info.nms_threshold = 0.5f;
+    info.data = data;
     info.scalar = &scale;
-    use(QV_IPU_FORMAT_FP32);
+    info.out_format = format;
   }
   Layer(const Layer&) = delete;
 
-  void use(QV_IPU_ELEMENT_FORMAT format) {
-    info.out_format = format;
-    if (format == QV_IPU_FORMAT_INT16) {
-      for (const float element : elements) {
-        integers.push_back(static_cast<int16_t>(lroundf(element / kScale)));
-      }
-      data = integers.data();
-    } else {
-      data = elements.data();
-    }
-  }
+  int decode(int index = 0) { return det_decode_one_layer(info, index, boxes); }
 };
 
-struct Decoded {
-  int result;
-  olvex::vector<BoxInfo> boxes;
-  std::string messages;
-};
-
-Decoded decode(Layer& layer, int index = 0) {
-  Decoded decoded;
-  testing::internal::CaptureStdout();
-  decoded.result = det_decode_one_layer(layer.info, index, decoded.boxes);
-  decoded.messages = captured_messages();
-  return decoded;
-}
-
-// One cell of stride 8 with one value per side and two classes.
+// One cell with one value per side and two classes.
 TEST(RawDecode, PicksTheBestClassFromTheThresholdOn) {
   const float inf = INFINITY;
-  struct Row {
+  const struct {
     const char* name;
-    float conf_threshold;
-    float logit0, logit1;
+    float conf_threshold, logit0, logit1;
     int label;  // -1: dropped
     float score;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"logit equal to the threshold", 0.5f, 0, -1, 0, 0.5f},
-      {"logit just below the threshold", 0.5f, -kScale, -1, -1, 0},
+      {"logit just below the threshold", 0.5f, -1.0f / 256, -1, -1, 0},
       {"second class is better", 0.5f, 0, 1, 1, sigmoid(1)},
       {"lowest class of equals", 0.5f, 1, 1, 0, sigmoid(1)},
       {"threshold 0 keeps all", 0, -100, -90, 1, 0},
@@ -95,153 +67,117 @@ TEST(RawDecode, PicksTheBestClassFromTheThresholdOn) {
       {"nothing but NaN", 0.5f, NAN, NAN, -1, 0},
       {"nothing but NaN at threshold 0", 0, NAN, NAN, 0, 0},
   };
-  for (const Row& row : rows) {
-    for (const QV_IPU_ELEMENT_FORMAT format : kFormats) {
-      SCOPED_TRACE(std::string(row.name) + ", format " + std::to_string(format));
-      const std::vector<float> cell = {0, 0, 0, 0, row.logit0, row.logit1};
-      if (format == QV_IPU_FORMAT_INT16 && !isfinite(row.logit0 + row.logit1)) {
-        continue;
-      }
-      Layer layer(1, 1, 6, cell);
-      layer.info.conf_threshold = row.conf_threshold;
-      layer.use(format);
-      const Decoded decoded = decode(layer);
-      EXPECT_EQ(decoded.result, 0);
-      ASSERT_EQ(decoded.boxes.size(), row.label < 0 ? 0u : 1u);
-      if (row.label >= 0) {
-        EXPECT_EQ(decoded.boxes[0].label, row.label);
-        EXPECT_EQ(decoded.boxes[0].score, row.score);
-      }
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Layer layer(1, 1, {0, 0, 0, 0, row.logit0, row.logit1}, QV_IPU_FORMAT_FP32);
+    layer.info.conf_threshold = row.conf_threshold;
+    EXPECT_EQ(layer.decode(), 0);
+    ASSERT_EQ(layer.boxes.size(), row.label < 0 ? 0u : 1u);
+    if (row.label >= 0) {
+      EXPECT_TRUE(layer.boxes[0].label == row.label && layer.boxes[0].score == row.score);
     }
   }
 }
 
-// The only cell to pass is row 1, column 2 of a 3 x 2 grid of stride 8: its centre is (20, 12).
+// The only cell to pass is row 1, column 2 of a 3 x 2 grid: its centre is (20, 12).
 TEST(RawDecode, PlacesBoxesAndKeyPoints) {
-  typedef std::vector<float> T;
   const float low = -100, high = 100;  // sigmoid 0 and 1
-  const T zero(4, 0.0f), uniform(64, 0.0f), square = {-12, -20, 52, 44};
-  T peaks(64, low);  // one bin per side: 1, 2, 3 and 15
-  peaks[1] = peaks[16 + 2] = peaks[32 + 3] = peaks[48 + 15] = 0;
-  const T triples = {0.5f, 0.25f, 0, -1, 1, low}, triple_points = {24, 12, 0.5f, 0, 24, 0};
-  const T pairs = {0.5f, 0.25f, low, 1}, fp32_points = {24, 12, 1, -1584, 24, 1};
-  const T int16_points = {24, 12, 0, -1584, 24, 0.5f};  // the last one has nothing behind it
-  struct Row {
+  Values uniform(66, 0.0f), peaks(66, low);
+  uniform[64] = peaks[64] = -1;  // the logit of class 0
+  peaks[1] = peaks[16 + 2] = peaks[32 + 3] = peaks[48 + 15] = peaks[65] = 0;
+  const Values triples = {0, 0, 0, 0, -1, 0, 0.5f, 0.25f, 0, -1, 1, low};
+  const Values pairs = {0, 0, 0, 0, -1, 0, 0.5f, 0.25f, low, 1}, square = {-12, -20, 52, 44};
+  const Values triple_points = {24, 12, 0.5f, 0, 24, 0}, pair_points = {24, 12, 1, -1584, 24, 1};
+  const Values int16_points = {24, 12, 0, -1584, 24, 0.5f};  // the last one has nothing behind it
+  const struct {
     const char* name;
     int reg_max, num_keypoints;
-    T sides, keypoints, corners, fp32_points, int16_points;
+    Values cell, corners, fp32_points, int16_points;
+  } rows[] = {
+      {"left and right", 1, 0, {low, 0, high, low, -1, 0}, {20, -20, 148, 12}, {}, {}},
+      {"top and bottom", 1, 0, {low, high, 0, 0, -1, 0}, {20, -116, 52, 44}, {}, {}},
+      {"16 equal bins: 7.5 strides", 16, 0, uniform, {-40, -48, 80, 72}, {}, {}},
+      {"16 bins with peaks at 1, 2, 3 and 15", 16, 0, peaks, {12, -4, 44, 132}, {}, {}},
+      {"triples", 1, 2, triples, square, triple_points, triple_points},
+      {"pairs", 1, 2, pairs, square, pair_points, int16_points},
   };
-  const Row rows[] = {
-      {"one value 0: 4 strides", 1, 0, zero, {}, square, {}, {}},
-      {"left and right", 1, 0, {low, 0, high, low}, {}, {20, -20, 148, 12}, {}, {}},
-      {"top and bottom", 1, 0, {low, high, 0, 0}, {}, {20, -116, 52, 44}, {}, {}},
-      {"16 equal bins: 7.5 strides", 16, 0, uniform, {}, {-40, -48, 80, 72}, {}, {}},
-      {"16 bins with a peak each", 16, 0, peaks, {}, {12, -4, 44, 132}, {}, {}},
-      {"triples", 1, 2, zero, triples, square, triple_points, triple_points},
-      {"pairs", 1, 2, zero, pairs, square, fp32_points, int16_points},
-  };
-  for (const Row& row : rows) {
-    for (const QV_IPU_ELEMENT_FORMAT format : kFormats) {
+  for (const auto& row : rows) {
+    for (const QV_IPU_ELEMENT_FORMAT format : {QV_IPU_FORMAT_FP32, QV_IPU_FORMAT_INT16}) {
       SCOPED_TRACE(std::string(row.name) + ", format " + std::to_string(format));
-      T cell(row.sides);
-      cell.insert(cell.end(), {-1, 0});
-      cell.insert(cell.end(), row.keypoints.begin(), row.keypoints.end());
-      T cells(5 * cell.size(), -50.0f);
-      cells.insert(cells.end(), cell.begin(), cell.end());
-      Layer layer(3, 2, static_cast<int>(cell.size()), cells);
+      Values cells(5 * row.cell.size(), -50.0f);
+      cells.insert(cells.end(), row.cell.begin(), row.cell.end());
+      Layer layer(3, 2, cells, format);
       layer.info.reg_max = row.reg_max;
       layer.info.num_keypoints = row.num_keypoints;
-      layer.use(format);
-      const bool fp32 = format == QV_IPU_FORMAT_FP32;
-      const Decoded decoded = decode(layer);
-      EXPECT_EQ(decoded.messages,
-                "DLA_INFO: num_classes = 2; num_keypoints = " + std::to_string(row.num_keypoints) +
-                    "\nDLA_INFO: executing " + (fp32 ? "FP32" : "INT16") + " decode...\n");
-      ASSERT_EQ(decoded.boxes.size(), 1u);
-      const BoxInfo& box = decoded.boxes[0];
-      EXPECT_EQ((T{box.x1, box.y1, box.x2, box.y2}), row.corners);
-      EXPECT_TRUE(box.label == 1 && box.pts == 0 && box.track_id == 0);
-      T points;
+      EXPECT_EQ(layer.decode(), 0);
+      ASSERT_EQ(layer.boxes.size(), 1u);
+      const BoxInfo& box = layer.boxes[0];
+      EXPECT_EQ((Values{box.x1, box.y1, box.x2, box.y2}), row.corners);
+      EXPECT_EQ(box.label, 1);
+      Values points;
       for (const KeyPt_t& point : box.keypts) {
         points.insert(points.end(), {point.x, point.y, point.score});
       }
-      EXPECT_EQ(points, fp32 ? row.fp32_points : row.int16_points);
+      EXPECT_EQ(points, format == QV_IPU_FORMAT_FP32 ? row.fp32_points : row.int16_points);
     }
   }
 }
 
 TEST(RawDecode, Int16PairTakesItsScoreFromTheNextCell) {
-  Layer layer(2, 1, 8, {-100, 0, 0, 0, 0, 0, 0, 0, 100, 0, 0, 0, 0, 0, 0, 0});
+  Layer layer(2, 1, {-100, 0, 0, 0, 0, 0, 0, 0, 100, 0, 0, 0, 0, 0, 0, 0}, QV_IPU_FORMAT_INT16);
   layer.info.num_keypoints = 1;
-  layer.use(QV_IPU_FORMAT_INT16);
-  const Decoded decoded = decode(layer);
-  ASSERT_EQ(decoded.boxes.size(), 2u);
-  EXPECT_EQ(decoded.boxes[0].keypts[0].score, 1.0f);  // sigmoid of the next cell's 100
-  EXPECT_EQ(decoded.boxes[1].keypts[0].score, 0.5f);  // behind the last cell: 0
+  EXPECT_EQ(layer.decode(), 0);
+  ASSERT_EQ(layer.boxes.size(), 2u);
+  EXPECT_EQ(layer.boxes[0].keypts[0].score, 1.0f);  // sigmoid of the next cell's 100
+  EXPECT_EQ(layer.boxes[1].keypts[0].score, 0.5f);  // behind the last cell: 0
 }
 
 TEST(RawDecode, RefusesLayersThatDoNotFit) {
-  struct Row {
+  typedef DetDecodeInfo I;
+  const char kIndex[] = "illegal access to out layer", kShape[] = "Mismatch between input shape(";
+  const char kCell[] = "mismatch between out shape(", kType[] = "Not implemented out format: 4 !";
+  const struct {
     const char* name;
-    int index, net_w, width, height, channels, reg_max, classes, keypoints, format, result;
-    const char* message;
+    int index, result;
+    const char* error;
+    void (*change)(I&);
+  } rows[] = {
+      {"as it should be", 0, 0, "", [](I&) {}},
+      {"layer too large", 1, 2, kIndex, [](I&) {}},
+      {"layer negative", -1, 2, kIndex, [](I&) {}},
+      {"other multiple in height", 0, 12, kShape, [](I& i) { i.net_out_h[0] = 1; }},
+      {"height no multiple", 0, 12, kShape, [](I& i) { i.net_in_h = 17; }},
+      {"width no multiple", 0, 12, kShape, [](I& i) { i.net_in_w = 35; }},
+      {"no columns", 0, 12, kShape, [](I& i) { i.net_out_w[0] = 0; }},
+      {"no rows", 0, 12, kShape, [](I& i) { i.net_out_h[0] = 0; }},
+      {"a channel too many", 0, 12, kCell, [](I& i) { i.net_out_c[0] = 7; }},
+      {"too few for a pair", 0, 12, kCell, [](I& i) { i.num_keypoints = 1; }},
+      {"minus a triple", 0, 12, kCell, [](I& i) { i.num_keypoints = -1, i.net_out_c[0] = 3; }},
+      {"negative classes", 0, 12, kCell, [](I& i) { i.num_classes = -1, i.net_out_c[0] = 3; }},
+      {"no bins", 0, 12, kCell, [](I& i) { i.reg_max = 0, i.net_out_c[0] = 2; }},
+      {"element type", 0, 2, kType, [](I& i) { i.out_format = QV_IPU_FORMAT_INT8; }},
   };
-  const char kIndex[] = "DLA_ERROR: illegal access to out layer";
-  const char kShape[] = "DLA_ERROR: Mismatch between input shape(";
-  const char kChannels[] = "DLA_ERROR: mismatch between out shape(";
-  const Row rows[] = {
-      {"equal multiple", 0, 640, 80, 48, 6, 1, 2, 0, 5, 0, "DLA_INFO"},
-      {"other multiple in height", 0, 640, 80, 24, 6, 1, 2, 0, 5, 12, kShape},
-      {"height no multiple", 0, 640, 80, 40, 6, 1, 2, 0, 5, 12, kShape},
-      {"width no multiple", 0, 644, 80, 48, 6, 1, 2, 0, 5, 12, kShape},
-      {"no columns", 0, 640, 0, 48, 6, 1, 2, 0, 5, 12, kShape},
-      {"no rows", 0, 640, 80, 0, 6, 1, 2, 0, 5, 12, kShape},
-      {"layer too large", 1, 640, 80, 48, 6, 1, 2, 0, 5, 2, kIndex},
-      {"layer negative", -1, 640, 80, 48, 6, 1, 2, 0, 5, 2, kIndex},
-      {"a channel too many", 0, 640, 80, 48, 7, 1, 2, 0, 5, 12, kChannels},
-      {"neither triples nor pairs", 0, 640, 80, 48, 10, 1, 2, 1, 5, 12, kChannels},
-      {"negative key points", 0, 640, 80, 48, 3, 1, 2, -1, 5, 12, kChannels},
-      {"negative classes", 0, 640, 80, 48, 3, 1, -1, 0, 5, 12, kChannels},
-      {"no bins", 0, 640, 80, 48, 2, 0, 2, 0, 5, 12, kChannels},
-      {"other element type", 0, 640, 80, 48, 6, 1, 2, 0, 4, 2, "DLA_INFO"},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const int size = row.width * row.height * row.channels;
-    Layer layer(row.width, row.height, row.channels,
-                std::vector<float>(static_cast<size_t>(size), -9.0f));
-    layer.info.net_in_w = row.net_w;
-    layer.info.net_in_h = 384;
-    layer.info.reg_max = row.reg_max;
-    layer.info.num_classes = row.classes;
-    layer.info.num_keypoints = row.keypoints;
-    layer.use(static_cast<QV_IPU_ELEMENT_FORMAT>(row.format));
-    const Decoded decoded = decode(layer, row.index);
-    EXPECT_EQ(decoded.result, row.result);
-    EXPECT_EQ(decoded.messages.find(row.message), 0u) << decoded.messages;
-    EXPECT_EQ(
-        decoded.messages.find("DLA_ERROR: Not implemented out format: 4 !\n") != std::string::npos,
-        row.format == 4);
+    Layer layer(4, 2, Values(4 * 2 * 6, -9.0f), QV_IPU_FORMAT_FP32);
+    row.change(layer.info);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(layer.decode(row.index), row.result);
+    const std::string errors = captured_errors();
+    EXPECT_EQ(errors.find(row.error), 0u) << errors;
+    EXPECT_EQ(errors.empty(), row.result == 0);
   }
 }
 
 TEST(RawDecode, GoesOnBehindALayerThatFails) {
   // Both cells pass, with boxes that overlap by 57 / 73 and have different labels.
-  std::vector<float> elements = {0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2};
-  int width[] = {3, 2}, height[] = {1, 1}, channels[] = {6, 6};
-  void* data[] = {elements.data(), elements.data()};
-  Layer layer(2, 1, 6, {});
-  layer.info.net_out_w = width;
-  layer.info.net_out_h = height;
-  layer.info.net_out_c = channels;
-  layer.info.data = data;
+  Layer layer(2, 1, {0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2}, QV_IPU_FORMAT_FP32);
+  layer.channels[0] = 7;
   layer.info.num_out_layers = 2;
   for (const QV_BOOL class_specific : {QV_BOOL{1}, QV_BOOL{0}}) {
     layer.info.class_specific_nms = class_specific;
     olvex::vector<BoxInfo> boxes = list_of({make_box(1, 2, 3, 4)});
-    testing::internal::CaptureStdout();
     det_postprocess(layer.info, boxes);
-    EXPECT_EQ(captured_messages().find("DLA_INFO: det_postprocess\nDLA_ERROR: Mismatch"), 0u);
     ASSERT_EQ(boxes.size(), class_specific ? 2u : 1u);
     EXPECT_EQ(boxes[0].label, 1) << "the better one comes first";
   }

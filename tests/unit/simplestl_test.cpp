@@ -1,5 +1,5 @@
-// simplestl_test.cpp - the containers and the records' defaults. This program replaces operator
-// new[], so that it can count the containers' allocations and fail any of them.
+// simplestl_test.cpp - the containers. This program replaces operator new[], so that it can count
+// their allocations and fail any of them.
 #include "utils/olvex_stl/simplestl.h"
 
 #include <malloc.h>
@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <functional>
 #include <random>
 #include <set>
 #include <string>
@@ -16,14 +15,10 @@
 
 #include <gtest/gtest.h>
 
-#include "utils/records/det_records.h"
-
 namespace {
 
 int g_live_arrays = 0;
 int g_allocations_until_failure = 0;  // 0: none fails
-
-const size_t kLargestArray = size_t{1} << 24;
 
 }  // namespace
 
@@ -31,7 +26,7 @@ const size_t kLargestArray = size_t{1} << 24;
 __attribute__((noinline)) void* operator new[](size_t size) {
   void* memory = NULL;
   const bool fails = g_allocations_until_failure > 0 && --g_allocations_until_failure == 0;
-  if (!fails && size <= kLargestArray) {
+  if (!fails && size <= size_t{1} << 24) {
     memory = malloc(size > 0 ? size : 1);
   }
   if (memory == NULL) {
@@ -91,76 +86,17 @@ std::vector<int> contents(const olvex::vector<T>& v) {
   return std::vector<int>(v.begin(), v.end());
 }
 
-class Vector : public testing::Test {
- protected:
-  typedef std::function<void(CountedVector&)> Operation;
-
-  static Operation push() {
-    return [](CountedVector& v) { v.push_back(Counted(8)); };
+TEST(Vector, ReservesByItsOwnRule) {
+  CountedVector v;
+  std::vector<size_t> capacities;
+  for (const size_t size : {1u, 2u, 3u, 4u, 10u, 8u, 5u, 9u, 6u, 7u, 3u, 0u}) {
+    v.resize(size, 7);
+    capacities.push_back(v.capacity());
   }
-  static Operation resize(size_t n) {
-    return [n](CountedVector& v) { v.resize(n, Counted(7)); };
-  }
-  static Operation insert(size_t n) {
-    return [n](CountedVector& v) {
-      const std::vector<Counted> source(n);
-      v.insert(v.begin(), source.data(), source.data() + n);
-    };
-  }
-  static Operation erase() {
-    return [](CountedVector& v) { v.erase(v.begin()); };
-  }
-  static Operation clear() {
-    return [](CountedVector& v) { v.clear(); };
-  }
-  static Operation assign(size_t n) {
-    return [n](CountedVector& v) { v = CountedVector(n, Counted(9)); };
-  }
-};
-
-TEST_F(Vector, ReservesByItsOwnRule) {
-  struct Row {
-    const char* name;
-    std::vector<Operation> before;
-    Operation last;
-    size_t size, capacity;
-    bool moved;
-  };
-  const Row rows[] = {
-      {"first push_back", {}, push(), 1, 2, true},
-      {"second push_back", {push()}, push(), 2, 4, true},
-      {"third push_back", {push(), push()}, push(), 3, 6, true},
-      {"fourth push_back", {push(), push(), push()}, push(), 4, 8, true},
-      {"push_back with room left", {resize(10), resize(4)}, push(), 5, 20, false},
-      {"resize of an empty one", {}, resize(10), 10, 20, true},
-      {"resize to nothing", {}, resize(0), 0, 0, false},
-      {"resize to fewer that reserves", {resize(10)}, resize(8), 8, 16, true},
-      {"resize to fewer that does not", {resize(10), resize(8)}, resize(5), 5, 16, false},
-      {"resize to one third", {resize(9)}, resize(6), 6, 18, false},
-      {"resize above one third", {resize(9)}, resize(7), 7, 14, true},
-      {"erase", {resize(3)}, erase(), 2, 6, false},
-      {"clear", {resize(3)}, clear(), 0, 0, true},
-      {"push_back after clear", {resize(9), clear()}, push(), 1, 2, true},
-      {"insert", {resize(2)}, insert(3), 5, 10, true},
-      {"insert with room left", {resize(10), resize(2)}, insert(3), 5, 20, false},
-      {"insert of nothing follows the rule too", {resize(10), erase()}, insert(0), 9, 18, true},
-      {"assignment of fewer", {resize(10)}, assign(6), 6, 20, false},
-      {"assignment of more", {resize(10)}, assign(8), 8, 16, true},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    CountedVector v;
-    for (const Operation& operation : row.before) {
-      operation(v);
-    }
-    const Counted* const storage = v.data();
-    row.last(v);
-    EXPECT_EQ(v.size(), row.size);
-    EXPECT_EQ(v.capacity(), row.capacity);
-    EXPECT_EQ(v.data() != storage, row.moved);
-    EXPECT_EQ(v.data() == NULL, row.capacity == 0);
-    EXPECT_EQ(Counted::live().size(), row.size);
-  }
+  EXPECT_EQ(capacities, (std::vector<size_t>{2, 4, 6, 8, 20, 16, 16, 18, 18, 14, 14, 14}));
+  v.clear();
+  v.resize(0, 7);
+  EXPECT_TRUE(v.data() == NULL && v.capacity() == 0);
 }
 
 // std::vector for the contents, and the growth rule for the capacity.
@@ -177,65 +113,56 @@ struct Model {
 
 void step(std::mt19937& random, CountedVector& v, Model& model) {
   const auto below = [&random](size_t n) { return n == 0 ? 0 : random() % n; };
-  const size_t size = v.size();
-  const size_t at = below(size);
-  const size_t n = below(24);
-  Counted five(5);  // named, so that the choice between it and an element makes no copy
-  const auto offset = [](size_t i) { return static_cast<std::ptrdiff_t>(i); };
-  const std::vector<int> fresh(n, static_cast<int>(below(1000)));
-  switch (random() % 8) {
-    case 0:  // may be an element of the vector itself
+  const size_t size = v.size(), at = below(size), n = below(24);
+  const auto place = model.values.begin() + static_cast<ptrdiff_t>(at);
+  const Counted five(5);
+  const Counted& value = at < size ? v[at] : five;  // may be an element of the vector itself
+  const int number = value;
+  switch (random() % 7) {
+    case 0:
       model.reserve(size + 1);
-      model.values.push_back(at < size ? int{model.values[at]} : 5);
-      v.push_back(at < size ? v[at] : five);
+      model.values.push_back(number);
+      v.push_back(value);
       break;
     case 1:
       model.reserve(n);
-      model.values.resize(n, at < size ? int{model.values[at]} : 5);
-      v.resize(n, at < size ? v[at] : five);
+      model.values.resize(n, number);
+      v.resize(n, value);
       break;
     case 2:
       if (size > 0) {
-        model.values.erase(model.values.begin() + offset(at));
+        model.values.erase(place);
         EXPECT_EQ(v.erase(v.begin() + at), v.begin() + at);
       }
       break;
-    case 3: {
-      const std::vector<Counted> source(fresh.begin(), fresh.end());
-      model.reserve(size + n);
-      model.values.insert(model.values.begin() + offset(at), fresh.begin(), fresh.end());
-      v.insert(v.begin() + at, source.data(), source.data() + n);
+    case 3: {  // a range of another vector or of its own
+      const CountedVector other(n, 6);
+      const CountedVector& from = size > 60 || n % 2 == 0 ? other : v;
+      const size_t first = below(from.size() + 1), last = first + below(from.size() - first + 1);
+      const std::vector<int> source(from.begin() + first, from.begin() + last);
+      model.reserve(size + source.size());
+      model.values.insert(place, source.begin(), source.end());
+      v.insert(v.begin() + at, from.begin() + first, from.begin() + last);
       break;
     }
-    case 4: {  // a range of its own
-      const size_t first = below(size + 1);
-      const size_t count = size < 60 ? below(size - first + 1) : 0;
-      const std::vector<int> copy(model.values);
-      model.reserve(size + count);
-      model.values.insert(model.values.begin() + offset(at), copy.begin() + offset(first),
-                          copy.begin() + offset(first + count));
-      v.insert(v.begin() + at, v.begin() + first, v.begin() + first + count);
-      break;
-    }
-    case 5:
+    case 4:
       model = Model();
       v.clear();
       break;
-    case 6: {
+    case 5: {
       const CountedVector copy(v);
       EXPECT_EQ(copy.capacity(), 2 * size);
       model.reserve(size);
-      v.resize(0, Counted());
+      v.resize(0, five);
       v = copy;
       break;
     }
     default:
       v = *&v;
-      break;
   }
 }
 
-TEST_F(Vector, KeepsStepWithTheStandardVector) {
+TEST(Vector, KeepsStepWithTheStandardVector) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
@@ -251,22 +178,26 @@ TEST_F(Vector, KeepsStepWithTheStandardVector) {
   EXPECT_TRUE(Counted::live().empty());
 }
 
-TEST_F(Vector, SurvivesTheFailureOfEveryAllocation) {
-  struct Row {
+TEST(Vector, SurvivesTheFailureOfEveryAllocation) {
+  typedef CountedVector V;
+  const struct {
     const char* name;
-    Operation operation;
+    void (*operation)(V&);
+  } rows[] = {
+      {"push_back", [](V& v) { v.push_back(8); }},
+      {"push_back of its own", [](V& v) { v.push_back(v[0]); }},
+      {"resize", [](V& v) { v.resize(9, 7); }},
+      {"insert",
+       [](V& v) {
+         const Counted four[4];
+         v.insert(v.begin(), four, four + 4);
+       }},
+      {"insert of its own", [](V& v) { v.insert(v.begin(), v.begin(), v.end()); }},
+      {"assignment", [](V& v) { v = V(9, 9); }},
+      {"copy", [](V& v) { EXPECT_EQ(contents(V(v)), contents(v)); }},
+      {"swap", [](V& v) { olvex::swap(v[0], v[2]); }},
   };
-  const Row rows[] = {
-      {"push_back", push()},
-      {"push_back of its own", [](CountedVector& v) { v.push_back(v[0]); }},
-      {"resize", resize(9)},
-      {"insert", insert(4)},
-      {"insert of its own", [](CountedVector& v) { v.insert(v.begin(), v.begin(), v.end()); }},
-      {"assignment", assign(9)},
-      {"copy", [](CountedVector& v) { EXPECT_EQ(contents(CountedVector(v)), contents(v)); }},
-      {"swap", [](CountedVector& v) { olvex::swap(v[0], v[2]); }},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     const int arrays_before = g_live_arrays;
     bool failed = true;
     for (int n = 1; failed; ++n) {
@@ -290,13 +221,9 @@ TEST_F(Vector, SurvivesTheFailureOfEveryAllocation) {
   }
 }
 
-TEST_F(Vector, RefusesMoreThanAddressesCanName) {
-  const size_t too_many[] = {
-      SIZE_MAX / sizeof(int),  // the bytes do not fit
-      SIZE_MAX / 2 + 1,        // nor does twice the count, which wraps to 0
-      SIZE_MAX / 3 * 2 + 1,    // nor three times the count, which wraps to 1
-  };
-  for (const size_t n : too_many) {
+TEST(Vector, RefusesMoreThanAddressesCanName) {
+  // Twice the count wraps to 0, three times the count to 2, the bytes of twice the count to 0.
+  for (const size_t n : {SIZE_MAX / 2 + 1, SIZE_MAX / 3 + 1, SIZE_MAX / (2 * sizeof(int)) + 1}) {
     olvex::vector<int> v(3, 4);
     EXPECT_THROW(v.resize(n, 0), std::bad_alloc) << n;
     EXPECT_EQ(contents(v), std::vector<int>({4, 4, 4}));
@@ -305,26 +232,22 @@ TEST_F(Vector, RefusesMoreThanAddressesCanName) {
 
 TEST(String, KeepsItsTextTerminated) {
   typedef olvex::string S;
-  struct Row {
+  const struct {
     const char* name;
-    std::function<void(S&)> change;
+    void (*change)(S&);
     const char* text;  // NULL: no storage
     size_t capacity;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"default", [](S& s) { s = S(); }, NULL, 0},
       {"from an empty text", [](S& s) { s = S(""); }, NULL, 0},
-      {"from a text", [](S& s) { s = S("abc"); }, "abc", 6},
       {"shorter over longer", [](S& s) { s = S("abcdef"), s = S("xy"); }, "xy", 12},
       {"empty over longer", [](S& s) { s = S("abcdef"), s = S(""); }, "", 12},
       {"append a text", [](S& s) { s = S("ab"), s += "cde"; }, "abcde", 10},
-      {"append a string", [](S& s) { s = S("ab"), s += S("c"); }, "abc", 6},
       {"append itself", [](S& s) { s = S("ab"), s += *&s; }, "abab", 8},
-      {"append over a longer remainder", [](S& s) { s = S("abcdef"), s = S("x"), s += "y"; }, "xy",
-       12},
+      {"append over a rest", [](S& s) { s = "abcdef", s = "x", s += S("y"); }, "xy", 12},
       {"append nothing to nothing", [](S& s) { s += "", s += S(), s += *&s; }, NULL, 0},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     S s;
     row.change(s);
@@ -333,42 +256,16 @@ TEST(String, KeepsItsTextTerminated) {
     EXPECT_EQ(s.size(), row.text == NULL ? 0 : strlen(row.text));
     EXPECT_TRUE(s == S(s) && s == (row.text == NULL ? "" : row.text));
   }
-}
-
-TEST(String, ComparesByContents) {
-  const olvex::string abc("abc");
-  EXPECT_TRUE(abc == olvex::string("abc") && !(abc != "abc"));
-  EXPECT_TRUE(abc != "ab" && abc != "abd" && abc != "abcd" && abc != olvex::string());
-  EXPECT_TRUE(olvex::string() == olvex::string("") && olvex::string() == "");
+  const S abc("abc");
+  EXPECT_TRUE(abc == S("abc") && !(abc != "abc") && S() == S(""));
+  EXPECT_TRUE(abc != "ab" && abc != "abd" && abc != "abcd" && abc != S());
 }
 
 TEST(MinAndMax, ReturnAReferenceToTheFirstOnATie) {
   const float one = 1.0f, same = 1.0f, two = 2.0f, nan = NAN;
-  EXPECT_EQ(&olvex::max(one, same), &one);
-  EXPECT_EQ(&olvex::min(one, same), &one);
-  EXPECT_EQ(&olvex::max(one, two), &two);
-  EXPECT_EQ(&olvex::min(two, one), &one);
-  EXPECT_EQ(&olvex::max(nan, one), &nan);
-  EXPECT_EQ(&olvex::min(one, nan), &one);
-}
-
-TEST(Records, HaveTheirDefaults) {
-  const KeyPt_t point;
-  EXPECT_TRUE(point.x == 0.0f && point.y == 0.0f && point.score == -1.0f);
-  const DetStableBboxParams_t stable;
-  EXPECT_TRUE(stable.stable_bbox == 0 && stable.stable_sensitive == 0.63f);
-  const IoutStaticParams_t still;
-  EXPECT_TRUE(still.ignore_static_objects == 0 && still.static_sensitive == 0.85f);
-  EXPECT_EQ(still.ref_frame, 5);
-  const IouTrackerParams_t tracker;
-  EXPECT_EQ(tracker.enable, 0);
-  EXPECT_TRUE(tracker.ignore_frame_number == 1 && tracker.max_lost_times == 10);
-  const DetDoubleCheckParams_t check;
-  EXPECT_TRUE(check.enable == 0 && check.check_target_class == -1);
-  EXPECT_TRUE(check.check_with_classes.empty());
-  EXPECT_TRUE(check.overlap_threshold == 0.5f && check.check_class_conf_threshold == 0.5f);
-  const DetInfo_t info;
-  EXPECT_TRUE(info.model_buffer == NULL && info.model_buffer_len == 0);
+  EXPECT_TRUE(&olvex::max(one, same) == &one && &olvex::min(one, same) == &one);
+  EXPECT_TRUE(&olvex::max(one, two) == &two && &olvex::min(two, one) == &one);
+  EXPECT_TRUE(&olvex::max(nan, one) == &nan && &olvex::min(one, nan) == &one);
 }
 
 }  // namespace

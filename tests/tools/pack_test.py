@@ -1,0 +1,175 @@
+"""pack_test.py - olvex-det pack and inspect as their users see them: what is packed comes back, what
+cannot work is refused with a reason, and no failure leaves a file behind.
+
+See tool_test.py for the usage and tests/support/tiny_onnx.h for the networks.
+"""
+import json
+import resource
+
+from tool_test import ToolTest, main, make_network
+
+OUT = ["-o", "out.img"]
+LAYERS = ["--raw", "stride8", "stride16", "stride32", "--scale", "1/255"]
+BOXES = ["--boxes", "boxes", "--scores", "scores", "--scale", "1/255"]
+RAW = ["raw.onnx", *OUT, *LAYERS]
+DECODED = ["boxes.onnx", *OUT, *BOXES]
+
+REFUSALS = [  # exit code, words of the message, arguments
+    (2, ["--boxes", "stride32 1x6x2x2"], ["raw.onnx", *OUT]),
+    (2, ["--raw excludes"], [*RAW, "--boxes", "boxes"]),
+    (2, ["--background is for --boxes"], [*RAW, "--background", "0"]),
+    (2, ["nhcw", "Did you mean n"], [*RAW, "--layout", "nhcw"]),
+    (2, ["--mean", '"x" is no number'], [*RAW, "--mean", "1,x,2"]),
+    (2, ["--size", "640x384"], [*RAW, "--size", "64"]),
+    (2, ["Did you mean zrpcn?", "zrpcncdhf"], [*RAW, "--model-out", "zrpcnn"]),
+    (2, ["KEY=VALUE"], [*RAW, "--pair", "a"]),
+    (2, ['the key "a:b"', "':'"], [*RAW, "--pair", "a:b=c"]),
+    (2, ["newline"], [*RAW, "--pair", "a=b\nc"]),
+    (2, ["starts the offline model"], [*RAW, "--pair", "a=QTNX"]),
+    (2, ["128 bytes", "127"], [*RAW, "--pair", "a=" + 128 * "x"]),
+    (2, ["is empty"], [*RAW, "--lib-out", ""]),
+    (2, ["the network itself"], ["raw.onnx", "-o", "raw.onnx", *LAYERS]),
+    (2, ["max_boxes", "32767"], [*DECODED, "--max-boxes", "0"]),
+    (3, ['"strid32"', "stride8 1x6x8x8", "Did you mean stride32?"],
+     ["raw.onnx", *OUT, "--raw", "stride8", "stride16", "strid32"]),
+    (3, ["zrpcn", "10 channels", "have 6", "zrfsd"], [*RAW, "--model-out", "zrpcn"]),
+    (3, ["3 channels", "5, 6, 7, 8, 10", "zrlpd"],
+     ["pixels.onnx", *OUT, "--raw", "pixels0", "pixels1", "pixels2"]),
+    (3, ["3 raw layers", "--layout"], [*RAW, "--layout", "nhwc"]),
+    (3, ["32x32", "1x3x64x64"], [*RAW, "--size", "32x32"]),
+    (3, ["3 planes"], [*RAW, "--network-order", "gray"]),
+    (3, ["9", "3 columns"], [*DECODED, "--background", "9"]),
+    (3, ["1x6x8x8"], ["raw.onnx", *OUT, "--boxes", "stride8", "--scores", "stride16"]),
+    (3, ["not an ONNX network"], ["names.txt", *OUT]),
+    (4, ["none.onnx", "No such file"], ["none.onnx", *OUT]),
+    (4, ["names.txt", "picture"], [*RAW, "--picture", "names.txt"]),
+    (4, ["none/out.img", "No such file"], ["raw.onnx", "-o", "none/out.img", *LAYERS]),
+    (4, ["names.txt", "JSON"], ["raw.onnx", *OUT, "--description", "names.txt"]),
+]
+
+
+class PackTest(ToolTest):
+    def setUp(self):
+        super().setUp()
+        make_network(self.folder / "raw.onnx", "raw", 64, 64)
+        make_network(self.folder / "boxes.onnx", "decoded", 64, 32)
+        (self.folder / "names.txt").write_text("person\r\nbicycle\ncar\n\n")
+        self.image = self.folder / "out.img"
+
+    def packed(self, *arguments):
+        """What inspect says of the image that these arguments make."""
+        self.assertNotIn("DLA_", self.tool("pack", *arguments).stdout)  # the library's own log
+        return self.inspected()
+
+    def inspected(self):
+        report = json.loads(self.tool("inspect", "out.img", "--json").stdout)
+        self.assert_fits_schema(report, "inspect")
+        return report
+
+    def test_raw_layers_come_back_from_inspect_as_packed(self):
+        found = self.packed(*RAW, "--int16", "--raw-scale", "1/256", "--model-out", "zrfsd",
+                            "--lib-out", "zrpd", "--pair", "maker=we", "--title", "two classes",
+                            "--size", "64x64", "--class-names", "names.txt")
+        self.assertEqual(found["title"], "two classes")
+        self.assertEqual([(pair["key"], pair["value"]) for pair in found["pairs"]["file"]],
+                         [("model_out", "zrfsd"), ("lib_out", "zrpd"), ("maker", "we")])
+        self.assertEqual(found["pairs"]["valid"], "file")
+        self.assertEqual(found["type"], {"model_out": "zrfsd", "lib_out": "zrpd", "classes": 2,
+                                         "key_points": 0, "source": "model_out"})
+        self.assertEqual(found["class_map"],
+                         [{"model": 1, "library": -1}, {"model": 2, "library": -2}])
+        self.assertEqual(found["double_check"], {"target_class": 0, "with_classes": [1, 2]})
+        self.assertEqual(found["decoder"]["kind"], "raw")
+        self.assertEqual(found["inputs"][0]["format"], "NV12")
+        self.assertEqual(found["outputs"][1],
+                         {"name": "stride16", "shape": [1, 4, 4, 6], "format": "INT16",
+                          "scale": 0.00390625, "bytes": 192})
+
+    def test_pairs_in_the_first_name_replace_those_of_the_file(self):
+        self.packed(*RAW, "--model-out", "zrfsd", "--pairs-in-name")
+        image = self.image.read_bytes()
+        self.image.write_bytes(b"model_out:zrpcn\n" + image[image.index(b"QTNX"):])
+        found = self.inspected()
+        self.assertEqual((found["pairs"]["valid"], found["type"]["model_out"]), ("name", "zrfsd"))
+        self.assertEqual(found["image"]["offset"], 16)
+
+    def test_channels_last_layers_are_taken_with_their_layout(self):
+        make_network(self.folder / "last.onnx", "raw-nhwc", 64, 64)
+        found = self.packed("last.onnx", *OUT, *LAYERS, "--layout", "nhwc", "--input-format", "bgr")
+        self.assertEqual(found["outputs"][2]["shape"], [1, 2, 2, 6])
+        self.assertEqual(found["type"]["source"], "channels")
+
+    def test_box_lists_take_the_layout_that_the_options_ask_for(self):
+        make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
+        for network, options, outputs, third, key_points in (
+                ("boxes.onnx", [], 5, "scores", 0), ("boxes.onnx", ["--no-classes"], 4, "indices", 0),
+                ("points.onnx", ["--keypoints", "points"], 5, "points", 5)):
+            found = self.packed(network, *OUT, *BOXES, "--max-boxes", "7", "--background", "0",
+                                *options)
+            self.assertEqual(found["decoder"]["kind"], "box_list")
+            self.assertEqual((len(found["outputs"]), found["outputs"][2]["name"]), (outputs, third))
+            self.assertEqual(found["outputs"][0]["shape"][2], 7)
+            self.assertEqual(found["type"]["key_points"], key_points)
+            self.assertEqual(found["description"]["outputs"]["scores"]["background"], 0)
+
+    def test_a_printed_description_packs_the_same_image_again(self):
+        options = ["--class-names", "names.txt", "--box-order", "cxcywh", "--box-unit", "pixel",
+                   "--mean", "1,2.5,3", "--int16", "--input-format", "argb8888", "--min-score",
+                   "0.25", "--network-order", "bgr"]
+        self.packed(*DECODED, *options)
+        first = self.image.read_bytes()
+        printed = self.tool("pack", *DECODED, *options, "--print-description").stdout
+        self.assertEqual(json.loads(printed)["class_names"], ["person", "bicycle", "car"])
+        piped = self.tool("pack", *DECODED, *options[2:], "--print-description", "--class-names",
+                          "/dev/stdin", input="person\nbicycle\ncar").stdout
+        self.assertEqual(piped, printed)
+        (self.folder / "description.json").write_text(printed)
+        self.packed("--description", "description.json", "boxes.onnx", *OUT)
+        self.assertEqual(self.image.read_bytes(), first)
+
+    def test_a_refusal_says_why_and_changes_no_file(self):
+        make_network(self.folder / "pixels.onnx", "pixels", 64, 64)
+        self.image.write_text("the former image")
+        before = {path: path.read_bytes() for path in self.folder.iterdir()}
+        limit = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (700, 700))}
+        halfway = (4, ["cannot write out.img"], RAW, limit)
+        for code, said, arguments, *options in [*REFUSALS, halfway]:
+            with self.subTest(said):
+                result = self.tool("pack", *arguments, code=code, said=said, **dict(*options))
+                self.assertEqual(result.stdout, "")
+                after = {path: path.read_bytes() for path in self.folder.iterdir()}
+                self.assertEqual(after, before)
+
+    def test_inspect_tells_damage_from_a_missing_file_and_from_an_undecodable_model(self):
+        self.packed(*RAW)
+        image = self.image.read_bytes()
+        middle = len(image) // 2
+        (self.folder / "damaged.img").write_bytes(
+            image[:middle] + bytes([image[middle] ^ 1]) + image[middle + 1:])
+        (self.folder / "short.img").write_bytes(image[:-1])
+        for code, name, said in ((3, "damaged.img", ["damaged.img", "CRC-32"]),
+                                 (3, "short.img", ["truncated"]), (3, "names.txt", ["QTNX"]),
+                                 (4, "none.img", ["none.img", "No such file"])):
+            self.tool("inspect", name, code=code, said=said)
+        self.image.write_bytes(b"model_out:zrlpd\n" + image)
+        self.assertIn("17 or 13 channels", self.tool("inspect", "out.img", code=1).stdout)
+
+    def test_misspelt_words_are_answered_with_the_nearest_name(self):
+        for arguments, said in (
+                (["pcak"], 'olvex-det: unknown subcommand "pcak". Did you mean pack?'),
+                (["pack", *RAW, "--titel", "x"], 'unknown option "--titel". Did you mean --title?'),
+                (["inspect", "a", "--jsn"], 'unknown option "--jsn". Did you mean --json?'),
+                (["inspect", "--wholly-different", "a"], 'unknown option "--wholly-different".\n'),
+                (["--versoin"], "Did you mean --version?"),
+                (["inspect", "a", "b"], 'unexpected argument "b"'),
+                ([], "subcommand is required")):
+            self.assertEqual(self.tool(*arguments, code=2, said=[said]).stdout, "")
+
+    def test_help_and_version_go_to_standard_output(self):
+        for arguments in (["--help"], ["pack", "--help"], ["inspect", "-h"]):
+            self.assertIn("Examples:", self.tool(*arguments).stdout)
+        self.assertIn("libolvex_det release version: ", self.tool("--version").stdout)
+
+
+if __name__ == "__main__":
+    main()
