@@ -89,4 +89,10 @@ TEST(DoubleCheck, CopiesFlagsToAsManyLiveTracksAsAreReported) {
   EXPECT_FALSE(tracker.active_tracks_[0].pass_double_check);
 }
 
+TEST(Records, StartWithoutScoreTargetClassOrModel) {
+  EXPECT_EQ(KeyPt_t().score, -1.0f);
+  EXPECT_EQ(DetDoubleCheckParams_t().check_target_class, -1);
+  EXPECT_EQ(DetInfo_t().model_buffer, nullptr);
+}
+
 }  // namespace
