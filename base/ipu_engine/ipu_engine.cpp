@@ -39,7 +39,8 @@ int IpuEngine::model_init(int input_buf_depth, int output_buf_depth) {
   attributes.u32InputBufDepth = static_cast<QV_U32>(input_buf_depth);
   attributes.u32OutputBufDepth = static_cast<QV_U32>(output_buf_depth);
   if (QV_IPU_CreateCHN(&u32channelid_, &attributes, NULL, model_path_.data()) != 0) {
-    // Deliberate: the blank at the end belongs to the text.
+    // Deliberate: the blank at the end stays, as whoever searches logs looks for the text to the
+    // byte.
     OLVEX_ERROR("create ipu channel failed! ");
     QV_IPU_DestroyDevice();
     return E_ALGO_LOADMODEL_FAIL;

@@ -13,7 +13,8 @@ OLVEX_LOG_CLOCK;
 
 namespace {
 
-// Deliberate: widths count both border pixels (+1), unlike the other overlap measures.
+// Deliberate: widths count both border pixels (+1), unlike the other overlap measures; the
+// threshold of suppression is tuned to this one.
 float inclusive_area(const BoxInfo& box) {
   return (box.x2 - box.x1 + 1) * (box.y2 - box.y1 + 1);
 }

@@ -45,8 +45,8 @@ void softmax_(const float* src, float* dst, int length);
 // suppression). With class_specific non-zero, boxes of different labels have overlap 0.
 void nms(olvex::vector<BoxInfo>& input_boxes, float NMS_THRESH, unsigned char class_specific);
 
-// The same suppression as indices: sorts bboxes and fills picked with the indices kept. Decides like
-// nms for boxes without NaN corners.
+// The same suppression as indices: sorts bboxes and fills picked with the indices kept. Decides
+// like nms for boxes without NaN corners.
 void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picked,
                        float nms_threshold, unsigned char class_specific);
 
@@ -110,8 +110,8 @@ void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 // boxes of one label. Sets info.num_classes to -1 and info.num_keypoints to what the tensors hold.
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_DECODE_MODE for an element type other than FP32 and INT16;
-// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout or box rows have fewer than four values.
-// Each failure is logged.
+// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout or box rows have fewer than four
+// values. Each failure is logged.
 int ipu_decode(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 // The two it chooses from; they append to boxes and do not suppress.
 int ipu_decode_fp32(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);

@@ -69,7 +69,7 @@ void check_track(Track& t, olvex::vector<TrackBBox>& check_with_boxes, float ove
 
 void copy_flags_to_live_track(const Track& t, OlvexIouTracker& tracker) {
   // Deliberate: the bound is the size of the finished list while the index runs over the live list,
-  // as in the static/moving classification.
+  // as in the static/moving classification. Copying all flags would confirm other objects.
   for (size_t k = 0; k < tracker.finished_tracks_.size(); ++k) {
     Track& live = tracker.active_tracks_[k];
     if (live.id == t.id) {

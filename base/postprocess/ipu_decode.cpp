@@ -56,7 +56,8 @@ bool choose_roles(const DetDecodeInfo& info, TensorRoles& roles) {
   const int* c = info.net_out_c;
   // A row with fewer than four values holds no box, and its last row would be read beyond its end.
   const bool has_boxes = info.num_out_layers > 0 && c[0] >= kBoxValues;
-  // Deliberate: an index list of two dimensions has no channels; one with a single channel is refused.
+  // Deliberate: an index list of two dimensions has no channels; one with a single channel is
+  // refused.
   if (has_boxes && info.num_out_layers == 4 && c[1] == 1 && c[2] == 0) {
     roles = {0, kNoTensor, 1, kNoTensor, 2, 3};
     return true;
@@ -96,7 +97,8 @@ struct Int16Tensors {
   const DetDecodeInfo& info_;
 };
 
-// Adds a half and truncates toward zero, as the accelerator's counts and indices are whole numbers in a fractional type.
+// Adds a half and truncates toward zero, as the accelerator's counts and indices are whole numbers
+// in a fractional type.
 int rounded(float value) {
   return olvex::saturating_cast<int>(static_cast<double>(value) + 0.5);
 }

@@ -43,7 +43,7 @@ struct Int16Cell {
 
   // Deliberate: unlike the float path, which gives 1, the score of a key point without one comes
   // from the element behind its pair: the next key point's x, or the next cell's first element.
-  // Behind the last cell there is none, and 0 is used.
+  // Models are tuned to these scores. Behind the last cell there is none, and 0 is used.
   float pair_score(int q) const {
     const int16_t* behind = values_ + q + kKeyPointPair;
     const float value = behind < end_ ? static_cast<float>(*behind) * scalar_ : 0.0f;
@@ -72,8 +72,8 @@ bool is_equal_multiple(int net_w, int net_h, int out_w, int out_h) {
          net_w / out_w == net_h / out_h;
 }
 
-// 3 or 2, whichever explains the channel count; 0 when neither does. Negative counts describe no cell,
-// whatever the channels add up to. Sums are taken in 64 bits.
+// 3 or 2, whichever explains the channel count; 0 when neither does. Negative counts describe no
+// cell, whatever the channels add up to. Sums are taken in 64 bits.
 int values_per_keypoint(const DetDecodeInfo& info, int channels) {
   if (info.reg_max < 1 || info.num_classes < 0 || info.num_keypoints < 0) {
     return 0;

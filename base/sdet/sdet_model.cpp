@@ -281,8 +281,8 @@ struct ClassRule {
   int confirming[kMaxConfirmingClasses];
 };
 
-// Negative library ids travel on as labels: such boxes take part in tracking's double check and are
-// dropped from the output.
+// Deliberate: negative library ids travel on as labels. Such boxes confirm tracks in the double
+// check and are dropped only where boxes are tracked or written out.
 const ClassRule kClassRules[] = {
     // Its confirming ids are the ones before the mapping, which no box carries any more.
     {"zrphf", "zrpd", 2, {{1, -1}, {2, -2}}, 2, {1, 2}},
@@ -301,8 +301,9 @@ const ClassRule kClassRules[] = {
 
 // The first rule that one of the two words satisfies, or NULL.
 //
-// Deliberate: either word alone is enough, so a rule can match on the library type only, and a
-// later rule with the same first word is reached through its second.
+// Deliberate: either word alone is enough, so that a new model type works with a library type that
+// is known. A later rule with the same first word can only be reached through its second, and the
+// sixth not at all: earlier rules have both of its words.
 const ClassRule* find_class_rule(const char* model_type, const char* library_type) {
   for (const ClassRule& rule : kClassRules) {
     if (equal_text(model_type, rule.model_type) || equal_text(library_type, rule.library_type)) {

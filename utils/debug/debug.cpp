@@ -47,8 +47,8 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
     perror("fopen");
     return -1;
   }
-  // Deliberate: the flag is never reset, so that keys of every section behind the wanted header
-  // match.
+  // Deliberate: the flag is never reset, so that a key is found in any section behind the wanted
+  // header too; files in use may have it there.
   bool in_section = false;
   while (fgets(sLine, kIniLineSize, file) != NULL) {
     if (is_comment(sLine)) {
@@ -60,7 +60,7 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
         continue;
       }
       // Deliberate: the zero goes behind the terminator and not over the newline, so that the value
-      // keeps the line's newline.
+      // keeps the line's newline. Whoever wants none ends the file right behind the value.
       sLine[strlen(sLine) + 1] = 0;
       fclose(file);
       ++value;
@@ -108,7 +108,8 @@ int save_buffer_to_file(void* buf, int len, const char* dir, const char* name) {
     close(file);
     return E_ALGO_FILEIO_ERROR;
   }
-  // Deliberate: the only line that the debug level gates.
+  // Deliberate: the only line that the debug level gates, as it comes with every dumped frame;
+  // failures are always told.
   if (LOG_LEVEL > 1) {
     OLVEX_LOG_FORMAT(clock, OLVEX_TAG_INFO, "%d bytes written into %s\n", static_cast<int>(written),
                      path);

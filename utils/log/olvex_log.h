@@ -10,7 +10,8 @@
 // function that keeps a clock of its own names it: OLVEX_LOG_FORMAT(clock, OLVEX_TAG_INFO, "%d\n",
 // count).
 //
-// Lines are printed whatever the level: LOG_LEVEL (utils/debug/debug.cpp) gates the dump's line only.
+// Lines are printed whatever the level: LOG_LEVEL (utils/debug/debug.cpp) gates the dump's line
+// only.
 #ifndef UTILS_LOG_OLVEX_LOG_H
 #define UTILS_LOG_OLVEX_LOG_H
 

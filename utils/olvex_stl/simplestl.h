@@ -4,8 +4,8 @@
 //
 // olvex::vector<T> at a glance
 //
-//   Invariants   size_ <= capacity_; data_ is NULL while nothing was ever reserved or after clear();
-//                the slots behind the last element are zero bytes when the storage is new.
+//   Invariants   size_ <= capacity_; data_ is NULL while nothing was ever reserved and after a
+//                clear; the slots behind the last element are zero bytes when the storage is new.
 //   Growth       Reserving n elements needs 3n/2 <= capacity/2 (integer division), and otherwise
 //                makes the capacity exactly 2n. So every push_back onto a full-grown list reserves
 //                anew, and a resize to fewer elements may reserve anew too:

@@ -59,7 +59,8 @@ int highest_iou(TrackBBox box, olvex::vector<TrackBBox> candidates) {
   float best_iou = 0.0f;
   for (size_t k = 0; k < candidates.size(); ++k) {
     const float iou = track_bbox_iou(box, candidates[k], true);
-    // Deliberate: less or equal, so that equal overlaps go to the later candidate.
+    // Deliberate: less or equal, so that equal overlaps go to the later candidate. Which one it is
+    // decides the box and the score that the track goes on with.
     if (best_iou <= iou) {
       best = static_cast<int>(k);
       best_iou = iou;
@@ -187,7 +188,8 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
       }
     }
     // Deliberate: the bound is the size of the finished list while the index runs over the live
-    // list. A track further back keeps its new flags in the finished copy only.
+    // list. A track further back keeps its new flags in the finished copy only; copying them all
+    // would report other objects as moving.
     for (size_t k = 0; k < finished_tracks_.size(); ++k) {
       if (active_tracks_[k].id == t.id) {
         active_tracks_[k].moving = t.moving;

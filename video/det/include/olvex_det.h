@@ -88,13 +88,13 @@ typedef struct DetectionInfo_t {
   char model[256];             /* path of the offline model file, terminated */
   QV_FLOAT threshold;          /* confidence that a box needs, 0..1, inclusive; not checked here */
   Rect_t disp_size;            /* pixels; boxes are scaled to it and clamped inside it */
-  QV_BOOL had_create_device;   /* 1: the device exists; the handle neither creates nor destroys it */
+  QV_BOOL had_create_device;   /* 1: the device exists; the handle does not create or destroy it */
 } DetectionInfo_t;
 
 /* Initialisation from a model in memory. The firmware path is always the default one. */
 typedef struct DetectionInfo2_t {
-  void* model_buffer;        /* first byte of the offline model, its start pattern. Must be a mapping
-                                of its own (mmap): initialisation releases it with munmap */
+  void* model_buffer;        /* first byte of the offline model, its start pattern. Must be a
+                                mapping of its own (mmap): initialisation releases it with munmap */
   QV_U32 model_buffer_len;   /* bytes */
   QV_FLOAT threshold;        /* as in DetectionInfo_t */
   Rect_t disp_size;          /* as in DetectionInfo_t */
@@ -105,10 +105,10 @@ typedef struct DetectionInfo2_t {
 typedef struct InputAttr_t {
   QV_U32 width;                 /* pixels */
   QV_U32 height;                /* pixels */
-  QV_IPU_ELEMENT_FORMAT format; /* picture format. With a device that a handle created, NV12 rows start
-                                   at multiples of 16 bytes and the Y plane has an even number of
-                                   rows, rows of the 4-byte formats start at multiples of 16 bytes,
-                                   and all others are packed */
+  QV_IPU_ELEMENT_FORMAT format; /* picture format. With a device that a handle created, NV12 rows
+                                   start at multiples of 16 bytes and the Y plane has an even number
+                                   of rows, rows of the 4-byte formats start at multiples of 16
+                                   bytes, and all others are packed */
 } InputAttr_t;
 
 /* Settings of tracker, static-object filter and stabiliser in one record. */
@@ -117,18 +117,18 @@ typedef struct DetTrackParams_t {
   QV_BOOL ignore_static_objects; /* 1: report only objects that move */
   QV_FLOAT static_sensitive;     /* overlap from which an object counts as standing still, 0..1;
                                     0 selects 0.85 */
-  QV_BOOL stable_bbox;           /* 1: hold boxes still while they overlap the previous ones, measured
-                                    on whole pixels; boxes far apart on a diagonal can count as
-                                    overlapping */
+  QV_BOOL stable_bbox;           /* 1: hold boxes still while they overlap the previous ones,
+                                    measured on whole pixels; boxes far apart on a diagonal can
+                                    count as overlapping */
   QV_FLOAT stable_sensitive;     /* overlap above which a box is held, 0..1; 0 is taken as 0 */
   QV_S32 ignore_frame_number;    /* frames an object must be seen before it is reported, 1..10; 0
-                                    selects 1, less counts as 1, and with more than 10 nothing is ever
-                                    reported; stored in 16 bits */
+                                    selects 1, less counts as 1, and with more than 10 nothing is
+                                    ever reported; stored in 16 bits */
 } DetTrackParams_t;
 
 /* Setting of strict mode. */
 typedef struct DetStrictModeParams_t {
-  QV_BOOL enable; /* 1: objects of class 0 that never moved need a confirming box, see SetStrictMode */
+  QV_BOOL enable; /* 1: objects of class 0 that never moved need a box that confirms them */
 } DetStrictModeParams_t;
 
 /* ---- Functions, in the order in which they are called ---------------------------------------- */
@@ -147,8 +147,8 @@ typedef struct DetStrictModeParams_t {
  * State: leaves a created handle. Initialise it next, or free it with ALGO_DET_DeinitHandle. */
 QV_S32 ALGO_DET_CreateHandle(void** handle);
 
-/* Loads a model from a file, brings the accelerator up and opens a channel for the model. Prints the
- * release banner.
+/* Loads a model from a file, brings the accelerator up and opens a channel for the model. Prints
+ * the release banner.
  *
  *   handle     from ALGO_DET_CreateHandle
  *   init_info  see DetectionInfo_t; read during the call only
@@ -160,10 +160,10 @@ QV_S32 ALGO_DET_CreateHandle(void** handle);
  *   E_ALGO_DEVICE_FAULT     the model could not be opened: file missing, shorter than 4 bytes or
  *                           without a start pattern, model refused by the accelerator
  *   a platform code         the accelerator device could not be created
- * State: needs a created handle; success leaves it initialised. After a failure it is still created:
- * call this function again or free the handle. When a channel cannot be opened the device is
- * destroyed, also one that the caller or another handle created. When no model could be read at all,
- * the device that this call created stays up and is the application's: the next attempt needs
+ * State: needs a created handle; success leaves it initialised. After a failure it is still
+ * created: call this function again or free the handle. When a channel cannot be opened the device
+ * is destroyed, also one that the caller or another handle created. When no model could be read at
+ * all, the device that this call created stays up and is the application's: the next attempt needs
  * had_create_device = 1, and QV_IPU_DestroyDevice takes it down in the end. */
 QV_S32 ALGO_DET_InitHandle(void* handle, DetectionInfo_t* init_info);
 
@@ -241,8 +241,9 @@ QV_S32 ALGO_DET_SetTracker2(void* handle, DetTrackParams_t track_params);
 QV_S32 ALGO_DET_SetStableBox(void* handle, QV_BOOL stable);
 
 /* Switches strict mode: an object of class 0 that has never moved is reported only once its box has
- * covered half of a box, at a score of 0.5 or more, of one of the classes that the model's types name
- * for this purpose. Nothing is held back when the model names no types or types without such classes.
+ * covered half of a box, at a score of 0.5 or more, of one of the classes that the model's types
+ * name for this purpose. Nothing is held back when the model names no types or types without such
+ * classes.
  * Switching it on also switches the tracker on; switching it off leaves the tracker on.
  *
  *   handle  from ALGO_DET_CreateHandle
@@ -274,8 +275,8 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
  *   E_ALGO_INVALID_OUTPUT_SIZE  no decoder takes the shape of the output tensors, or the number of
  *                               classes is neither declared nor to be guessed
  *   E_ALGO_INVALID_DECODE_MODE  accelerator-decoded outputs are neither FP32 nor INT16
- *   a platform code             the accelerator failed; its channel is closed and the handle must be
- *                               freed
+ *   a platform code             the accelerator failed; its channel is closed and the handle must
+ *                               be freed
  * After any error bboxes and num_bboxes are as they were.
  * State: needs an initialised handle; leaves this frame's boxes as the reference of the next.
  *
@@ -323,8 +324,8 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
 QV_S32 ALGO_DET_Run(void* handle, const ALGO_Input_t* algo_input, Box_t* bboxes,
                     QV_S32* num_bboxes);
 
-/* Closes the channel, destroys the device unless had_create_device was 1, and frees the handle. A handle
- * that is not initialised is freed only.
+/* Closes the channel, destroys the device unless had_create_device was 1, and frees the handle. A
+ * handle that is not initialised is freed only.
  *
  *   handle  created or initialised; its value is dangling after success
  *

@@ -73,7 +73,8 @@ int track_and_refine(DetHandle& det, olvex::vector<BoxInfo>& boxes) {
   return E_ALGO_SUCCESS;
 }
 
-// Deliberate: the limit counts examined entries, so one with a negative label uses up a place.
+// Deliberate: the limit counts examined entries, so one with a negative label uses up a place:
+// the time spent here depends on the list alone, not on what the model hides.
 QV_S32 write_boxes(const olvex::vector<BoxInfo>& boxes, QV_U64 pts, Box_t* out) {
   QV_S32 written = 0;
   for (size_t i = 0; i < boxes.size() && i < ALGO_DET_MAX_BOXES; ++i) {
