@@ -170,12 +170,12 @@ TEST_F(Scripted, the_sanitizer_stops_reads_outside_a_tensor) {
 TEST_F(Scripted, reports_writes_outside_a_tensor_once) {
   Caller caller;
   ASSERT_NO_FATAL_FAILURE(caller.open());
-  caller.tensor<std::int16_t>(1)[3] = 0;
+  caller.tensor<char>(1)[3 * sizeof(std::int16_t)] = 0;
   caller.tensor<std::int16_t>(1)[2] = 0;
   expect_violation("channel 1: bytes after output tensor 1 were overwritten");
   EXPECT_EQ(1u, qv_scripted::violations().size());
   EXPECT_EQ(1u, qv_scripted::violations().size());
-  caller.tensor<float>(0)[-1] = 0;
+  caller.tensor<char>(0)[-1] = 0;
   expect_violation("channel 1: bytes before output tensor 0 were overwritten");
   EXPECT_EQ(0, caller.put());
   caller.tensor<float>(0)[2] = 0;

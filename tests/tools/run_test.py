@@ -80,7 +80,7 @@ class RunTest(ToolTest):
     def test_outputs_agree_and_results_stay_clean(self):
         result = self.run_tool(self.model, self.moving_squares(), "--track", "--jsonl", "-", "--mot",
                                "mot", "--coco", "coco", "--summary-json", "summary", "--log", "log",
-                               said=["12 frames"])
+                               "--display", f"{2 * WIDTH}x{HEIGHT}", said=["12 frames"])
         self.assertNotIn("DLA_", result.stderr)
         written = {path.name: path.read_text() for path in self.folder.iterdir() if path.is_file()}
         frames = read_json_lines(result.stdout)
