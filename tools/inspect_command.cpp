@@ -37,8 +37,6 @@ Inspection inspect_file(const std::string& path) {
     const qv_host::Image image = qv_host::read_image_file(path, &text_header);
     inspection.image = image.header;
     inspection.description = image.description;
-  } catch (const qv_host::ImageReadError& error) {
-    throw ToolError(kInputError, error.what());
   } catch (const qv_host::ImageError& error) {
     throw ToolError(kModelError, error.what());
   }

@@ -294,7 +294,7 @@ void apply_decoded_options(const PackOptions& options, const NetworkSignature& n
   }
   if (options.box_unit) {
     decoded->box_fractions =
-        choose<bool>("--box-unit", *options.box_unit, {{"fraction", true}, {"pixel", false}});
+        choose<bool>("--box-unit", *options.box_unit, {{"fractions", true}, {"pixels", false}});
   }
   decoded->background = options.background.value_or(decoded->background);
   decoded->emit_classes = options.classes.value_or(decoded->emit_classes);
@@ -506,7 +506,7 @@ void add_decoded_options(CLI::App* command, PackOptions* options) {
       ->group(group);
   command
       ->add_option("--box-unit", options->box_unit,
-                   "fraction of the input (default) or pixel of it")
+                   "fractions of the input (default) or pixels of it")
       ->type_name("WORD")
       ->group(group);
   command

@@ -113,7 +113,7 @@ class PackTest(ToolTest):
             self.assertEqual(found["description"]["outputs"]["scores"]["background"], 0)
 
     def test_a_printed_description_packs_the_same_image_again(self):
-        options = ["--class-names", "names.txt", "--box-order", "cxcywh", "--box-unit", "pixel",
+        options = ["--class-names", "names.txt", "--box-order", "cxcywh", "--box-unit", "pixels",
                    "--mean", "1,2.5,3", "--int16", "--input-format", "argb8888", "--min-score",
                    "0.25", "--network-order", "bgr"]
         self.packed(*DECODED, *options)
@@ -140,7 +140,7 @@ class PackTest(ToolTest):
                 after = {path: path.read_bytes() for path in self.folder.iterdir()}
                 self.assertEqual(after, before)
 
-    def test_inspect_tells_damage_from_a_missing_file_and_from_an_undecodable_model(self):
+    def test_inspect_names_the_damage_and_tells_it_from_an_undecodable_model(self):
         self.packed(*RAW)
         image = self.image.read_bytes()
         middle = len(image) // 2
@@ -149,7 +149,7 @@ class PackTest(ToolTest):
         (self.folder / "short.img").write_bytes(image[:-1])
         for code, name, said in ((3, "damaged.img", ["damaged.img", "CRC-32"]),
                                  (3, "short.img", ["truncated"]), (3, "names.txt", ["QTNX"]),
-                                 (4, "none.img", ["none.img", "No such file"])):
+                                 (3, "none.img", ["none.img", "No such file"])):
             self.tool("inspect", name, code=code, said=said)
         self.image.write_bytes(b"model_out:zrlpd\n" + image)
         self.assertIn("17 or 13 channels", self.tool("inspect", "out.img", code=1).stdout)
