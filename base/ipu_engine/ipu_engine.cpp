@@ -52,15 +52,7 @@ int IpuEngine::model_init(int input_buf_depth, int output_buf_depth) {
     QV_IPU_DestroyDevice();
     return E_ALGO_LOADMODEL_FAIL;
   }
-  for (unsigned int i = 0; i < readable_tensors(desc_.u32InputTensorCount); ++i) {
-    const QV_IPU_TensorDesc_t& tensor = desc_.astQV_InputTensorDescs[i];
-    OLVEX_INFO_FORMAT(
-        "input tensor [%d], name: %s, shape %d %d %d %d, format: %d, fScalar: %f\n",
-        static_cast<int>(i), TensorName(tensor).text, static_cast<int>(tensor.u32TensorShape[0]),
-        static_cast<int>(tensor.u32TensorShape[1]), static_cast<int>(tensor.u32TensorShape[2]),
-        static_cast<int>(tensor.u32TensorShape[3]), static_cast<int>(tensor.eElmFormat),
-        static_cast<double>(tensor.fScalar));
-  }
+  log_input_tensors();
   for (unsigned int i = 0; i < readable_tensors(desc_.u32OutputTensorCount); ++i) {
     const QV_IPU_TensorDesc_t& tensor = desc_.astQV_OutputTensorDescs[i];
     OLVEX_INFO_FORMAT(
@@ -73,6 +65,18 @@ int IpuEngine::model_init(int input_buf_depth, int output_buf_depth) {
   memset(&output_tensor_vector_, 0, sizeof(output_tensor_vector_));
   QV_IPU_GetOutputTensors(u32channelid_, &output_tensor_vector_);
   return 0;
+}
+
+void IpuEngine::log_input_tensors() {
+  for (unsigned int i = 0; i < readable_tensors(desc_.u32InputTensorCount); ++i) {
+    const QV_IPU_TensorDesc_t& tensor = desc_.astQV_InputTensorDescs[i];
+    OLVEX_INFO_FORMAT(
+        "input tensor [%d], name: %s, shape %d %d %d %d, format: %d, fScalar: %f\n",
+        static_cast<int>(i), TensorName(tensor).text, static_cast<int>(tensor.u32TensorShape[0]),
+        static_cast<int>(tensor.u32TensorShape[1]), static_cast<int>(tensor.u32TensorShape[2]),
+        static_cast<int>(tensor.u32TensorShape[3]), static_cast<int>(tensor.eElmFormat),
+        static_cast<double>(tensor.fScalar));
+  }
 }
 
 void IpuEngine::get_model_attri(unsigned int* width, unsigned int* height,

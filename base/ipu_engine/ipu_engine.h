@@ -42,6 +42,8 @@ class IpuEngine {
  protected:
   // Tensor descriptions that can be read, whatever the platform counts.
   static unsigned int readable_tensors(QV_U32 count);
+
+  void log_input_tensors();
 };
 
 // A tensor's name as a terminated text: the platform's array may be in use up to its last byte.

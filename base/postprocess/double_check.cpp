@@ -8,18 +8,6 @@ OLVEX_LOG_CLOCK;
 
 namespace {
 
-TrackBBox to_track_box(const BoxInfo& b) {
-  TrackBBox box;
-  box.x = b.x1;
-  box.y = b.y1;
-  box.w = b.x2 - b.x1;
-  box.h = b.y2 - b.y1;
-  box.score = b.score;
-  box.class_id = b.label;
-  box.pts = b.pts;
-  return box;
-}
-
 void collect_confirming(const BoxInfo* boxes, int count, const DetDoubleCheckParams_t& params,
                         olvex::vector<TrackBBox>& check_with_boxes) {
   for (int i = 0; i < count; ++i) {

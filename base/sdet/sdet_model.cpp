@@ -483,15 +483,7 @@ int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
 }
 
 void DetAfModel::log_tensors_and_learn_keys() {
-  for (unsigned int i = 0; i < readable_tensors(desc_.u32InputTensorCount); ++i) {
-    const QV_IPU_TensorDesc_t& tensor = desc_.astQV_InputTensorDescs[i];
-    OLVEX_INFO_FORMAT(
-        "input tensor [%d], name: %s, shape %d %d %d %d, format: %d, fScalar: %f\n",
-        static_cast<int>(i), TensorName(tensor).text, static_cast<int>(tensor.u32TensorShape[0]),
-        static_cast<int>(tensor.u32TensorShape[1]), static_cast<int>(tensor.u32TensorShape[2]),
-        static_cast<int>(tensor.u32TensorShape[3]), static_cast<int>(tensor.eElmFormat),
-        static_cast<double>(tensor.fScalar));
-  }
+  log_input_tensors();
   for (unsigned int i = 0; i < readable_tensors(desc_.u32OutputTensorCount); ++i) {
     const QV_IPU_TensorDesc_t& tensor = desc_.astQV_OutputTensorDescs[i];
     const TensorName name(tensor);

@@ -38,6 +38,18 @@ bool meet(const TrackBBox& a, const TrackBBox& b, bool same_class, Meeting& m) {
 
 }  // namespace
 
+TrackBBox to_track_box(const BoxInfo& box) {
+  TrackBBox track_box;
+  track_box.x = box.x1;
+  track_box.y = box.y1;
+  track_box.w = box.x2 - box.x1;
+  track_box.h = box.y2 - box.y1;
+  track_box.score = box.score;
+  track_box.class_id = box.label;
+  track_box.pts = box.pts;
+  return track_box;
+}
+
 // Deliberate: no extra pixel, unlike suppression, and a class switch, unlike stabilisation: the
 // measures are part of each stage's results.
 float track_bbox_iou(TrackBBox& a, TrackBBox& b, bool same_class) {

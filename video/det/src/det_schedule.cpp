@@ -40,18 +40,6 @@ OlvexIouTracker* as_tracker(void* tracker) {
   return static_cast<OlvexIouTracker*>(tracker);
 }
 
-TrackBBox to_track_box(const BoxInfo& box) {
-  TrackBBox track_box;
-  track_box.x = box.x1;
-  track_box.y = box.y1;
-  track_box.w = box.x2 - box.x1;
-  track_box.h = box.y2 - box.y1;
-  track_box.score = box.score;
-  track_box.class_id = box.label;
-  track_box.pts = box.pts;
-  return track_box;
-}
-
 }  // namespace
 
 // Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
