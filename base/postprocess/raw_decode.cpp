@@ -173,6 +173,7 @@ int decode_keypoints(const Cell& cell, const LayerShape& shape, int i, int j,
         keypts[k].score = cell.pair_score(q);
         break;
       default:
+        // Not reached while resolve_shape refuses every other layout.
         OLVEX_ERROR("error occurred while decoding keypoints");
         return E_ALGO_INVALID_OUTPUT_SIZE;
     }
