@@ -21,15 +21,19 @@ struct Pen {
   int margin;         // around a text
 };
 
-Pen pen_for(const cv::Mat& picture) {
-  const double side = std::min(picture.cols, picture.rows);
+Pen pen_with(int line, double font_scale) {
   Pen pen;
-  pen.line = std::max(1, static_cast<int>(std::lround(side / 250)));
+  pen.line = std::max(1, line);
   // Below 0.4 the letters run together.
-  pen.font_scale = std::max(0.4, side / 900);
+  pen.font_scale = std::max(0.4, font_scale);
   pen.text_line = std::max(1, static_cast<int>(std::lround(pen.font_scale * 1.4)));
   pen.margin = std::max(2, static_cast<int>(std::lround(pen.font_scale * 5)));
   return pen;
+}
+
+Pen pen_for(const cv::Mat& picture) {
+  const double side = std::min(picture.cols, picture.rows);
+  return pen_with(static_cast<int>(std::lround(side / 250)), side / 900);
 }
 
 // Display pixels to picture pixels. Drawing needs coordinates far below the limit of an int.
@@ -138,8 +142,33 @@ void annotate(const FrameRecord& record, const std::vector<std::string>& class_n
   }
 }
 
+void draw_labels(const std::vector<Label>& labels, cv::Mat* picture) {
+  Labels drawn(picture);
+  for (const Label& label : labels) {
+    drawn.draw(label.text, label.lower_left, label.ground);
+  }
+}
+
+int outline_width(const cv::Mat& picture) {
+  return pen_for(picture).line;
+}
+
 void draw_caption(const std::string& text, cv::Mat* picture) {
   Labels(picture).draw(text, {0, picture->rows}, cv::Scalar(40, 40, 40));
+}
+
+void draw_line_of_text(const std::string& text, cv::Mat* strip) {
+  const Pen pen = pen_with(1, strip->rows / 44.0);  // capitals half as high as the strip
+  // No letter is narrower than a pixel.
+  std::string shown = text.substr(0, static_cast<std::size_t>(strip->cols));
+  int below = 0;
+  cv::Size size = cv::getTextSize(shown, kFont, pen.font_scale, pen.text_line, &below);
+  for (std::size_t kept = shown.size(); size.width > strip->cols && kept > 0;) {
+    shown = text.substr(0, --kept) + "..";
+    size = cv::getTextSize(shown, kFont, pen.font_scale, pen.text_line, &below);
+  }
+  cv::putText(*strip, shown, {0, (strip->rows + size.height) / 2}, kFont, pen.font_scale,
+              cv::Scalar(0, 0, 0), pen.text_line, cv::LINE_AA);
 }
 
 }  // namespace olvex_tools

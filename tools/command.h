@@ -20,6 +20,7 @@ enum ExitCode {
   kModelError = 3,
   kInputError = 4,
   kAcceleratorError = 5,
+  kInternalError = 70,
   kInterrupted = 130
 };
 
@@ -42,6 +43,8 @@ using Command = std::function<int()>;
 void add_pack_command(CLI::App& application, Command* chosen);
 void add_inspect_command(CLI::App& application, Command* chosen);
 void add_run_command(CLI::App& application, Command* chosen);
+void add_eval_command(CLI::App& application, Command* chosen);
+void add_compare_command(CLI::App& application, Command* chosen);
 
 }  // namespace olvex_tools
 

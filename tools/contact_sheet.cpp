@@ -1,24 +1,18 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Read picture_writers.h first.
+// Read picture_writers.h first, tile_grid.h for the grid.
 #include "tools/picture_writers.h"
 
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
-#include <opencv2/imgproc.hpp>
-
 #include "tools/annotation.h"
 #include "tools/output_file.h"
+#include "tools/tile_grid.h"
 
 namespace olvex_tools {
 
 namespace {
-
-constexpr int kSheetWidth = 1920;     // pixels, about
-constexpr int kTileWidthLeast = 160;  // pixels
-constexpr int kTileWidthMost = 480;   // pixels
-constexpr int kGap = 6;               // pixels between tiles
 
 // Keeps every stride-th frame. When that makes four times as many as wanted, every second one goes
 // and the stride doubles; so at the end there are at least twice as many to choose from, all
@@ -50,11 +44,7 @@ class ContactSheetWriter : public PictureWriter {
   cv::Mat tile_of(FramePicture* picture) {
     if (tile_.empty()) {
       // Many tiles are small ones, which also bounds the memory that the kept ones take.
-      const int width = std::clamp(kSheetWidth / static_cast<int>(columns_of(wanted_)),
-                                   kTileWidthLeast, kTileWidthMost);
-      const cv::Size size = picture->annotated().size();
-      const double height = static_cast<double>(width) * size.height / size.width;
-      tile_ = {width, static_cast<int>(std::lround(std::clamp(height, 1.0, 1.5 * width)))};
+      tile_ = tile_size(picture->annotated().size(), columns_of(wanted_));
     }
     cv::Mat tile = picture->annotated_at(tile_);
     draw_caption("frame " + std::to_string(picture->record().number), &tile);
@@ -72,23 +62,17 @@ class ContactSheetWriter : public PictureWriter {
     const std::size_t count = std::min(wanted_, kept_.size());
     const std::size_t columns = columns_of(count);
     const std::size_t rows = (count + columns - 1) / columns;
-    const cv::Scalar ground(255, 255, 255);
-    cv::Mat result(offset(rows, tile_.height), offset(columns, tile_.width), CV_8UC3, ground);
+    TileGrid grid(tile_, rows, columns, GridStrips());
     for (std::size_t i = 0; i < count; ++i) {
       // From the first kept frame to the last one, both included.
       const std::size_t chosen = count == 1 ? 0 : i * (kept_.size() - 1) / (count - 1);
-      const cv::Point corner(offset(i % columns, tile_.width), offset(i / columns, tile_.height));
-      kept_[chosen].copyTo(result(cv::Rect(corner, tile_)));
+      kept_[chosen].copyTo(grid.tile(i / columns, i % columns));
     }
-    return result;
+    return grid.sheet();
   }
 
   static std::size_t columns_of(std::size_t count) {
     return static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(count))));
-  }
-
-  static int offset(std::size_t position, int size) {
-    return kGap + static_cast<int>(position) * (size + kGap);
   }
 
   std::string path_;

@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <system_error>
+
+#include <opencv2/core/utils/logger.hpp>
 
 #include "tools/command.h"
 
@@ -149,6 +152,11 @@ std::uint64_t time_stamp(long number, double frames_per_second) {
   constexpr double kMicroseconds = 1e6;
   return static_cast<std::uint64_t>(
       std::llround(static_cast<double>(number - 1) * kMicroseconds / frames_per_second));
+}
+
+void silence_opencv() {
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
 }
 
 std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const FrameLayout& layout,

@@ -40,6 +40,10 @@ class FrameSource {
   virtual double frames_per_second() const = 0;
 };
 
+// OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Who
+// wants the coder's sets OPENCV_FFMPEG_LOGLEVEL. Call it before anything is opened.
+void silence_opencv();
+
 // input    a path, /dev/videoN or camera:N
 // layout   what a dumped frame must look like
 // picture_rate  frames per second that a series of pictures or dumps stands for

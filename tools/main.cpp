@@ -1,6 +1,7 @@
 // main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
 // every failure into one message and an exit code.
-// Read command.h for the codes, then pack_command.cpp, inspect_command.cpp or run_command.cpp.
+// Read command.h for the codes, then pack_command.cpp, inspect_command.cpp, run_command.cpp,
+// eval/eval_command.cpp or compare_command.cpp.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -29,7 +30,27 @@ const char kExamples[] =
     "  olvex-det inspect detector.img\n"
     "  olvex-det SUBCOMMAND --help\n\n"
     "Exit codes: 0 done, 1 a check failed, 2 wrong usage, 3 model, 4 input or output file,\n"
-    "            5 accelerator, 130 interrupted";
+    "            5 accelerator, 70 a fault of this program, 130 interrupted";
+
+// The subcommands that the command line selects, from the outermost in: eval, then coco.
+std::vector<const CLI::App*> selected_subcommands(const CLI::App& application) {
+  std::vector<const CLI::App*> selected;
+  const CLI::App* current = &application;
+  while (!current->get_subcommands().empty()) {
+    current = current->get_subcommands().front();
+    selected.push_back(current);
+  }
+  return selected;
+}
+
+// As the user would type it: "olvex-det eval coco".
+std::string selected_name(const CLI::App& application) {
+  std::string name = "olvex-det";
+  for (const CLI::App* subcommand : selected_subcommands(application)) {
+    name += " " + subcommand->get_name();
+  }
+  return name;
+}
 
 std::vector<std::string> subcommand_names(const CLI::App& application) {
   std::vector<std::string> names;
@@ -59,9 +80,10 @@ std::string describe_unknown_words(const CLI::App& application, const CLI::App& 
   if (words.empty()) {
     return "";
   }
-  if (&selected == &application && !is_option(words.front())) {
+  const std::vector<std::string> subcommands = subcommand_names(selected);
+  if (!subcommands.empty() && !is_option(words.front())) {
     return "unknown subcommand \"" + words.front() + "\"." +
-           olvex_tools::did_you_mean(words.front(), subcommand_names(application));
+           olvex_tools::did_you_mean(words.front(), subcommands);
   }
   // A misspelt option leaves its value over too; the option is what to talk about.
   const auto option = std::find_if(words.begin(), words.end(), is_option);
@@ -74,24 +96,21 @@ std::string describe_unknown_words(const CLI::App& application, const CLI::App& 
 }
 
 void print_error(const CLI::App& application, const std::string& message) {
-  const auto chosen = application.get_subcommands();
-  const std::string name = chosen.empty() ? "" : " " + chosen.front()->get_name();
-  std::fprintf(stderr, "olvex-det%s: %s\n", name.c_str(), message.c_str());
+  std::fprintf(stderr, "%s: %s\n", selected_name(application).c_str(), message.c_str());
 }
 
 int report_usage_error(const CLI::App& application, const CLI::ParseError& error) {
-  const auto chosen = application.get_subcommands();
-  const CLI::App& selected = chosen.empty() ? application : *chosen.front();
+  const auto chosen = selected_subcommands(application);
+  const CLI::App& selected = chosen.empty() ? application : *chosen.back();
   const std::string unknown = describe_unknown_words(application, selected);
   print_error(application, unknown.empty() ? error.what() : unknown);
-  std::fprintf(stderr, "Try: olvex-det%s%s --help\n", chosen.empty() ? "" : " ",
-               chosen.empty() ? "" : selected.get_name().c_str());
+  std::fprintf(stderr, "Try: %s --help\n", selected_name(application).c_str());
   return olvex_tools::kUsageError;
 }
 
 // A script's empty variable would silently read as zero, or as an output that is not wanted.
 void refuse_empty_values(const CLI::App& application) {
-  for (const CLI::App* selected : application.get_subcommands()) {
+  for (const CLI::App* selected : selected_subcommands(application)) {
     for (const CLI::Option* option : selected->get_options()) {
       const std::vector<std::string>& values = option->results();
       if (std::find(values.begin(), values.end(), "") != values.end()) {
@@ -132,7 +151,7 @@ int run_command(const CLI::App& application, const Command& command) {
     return olvex_tools::kInputError;
   } catch (const std::exception& error) {
     print_error(application, std::string("unexpected error: ") + error.what());
-    return olvex_tools::kCheckFailed;
+    return olvex_tools::kInternalError;
   }
 }
 
@@ -152,6 +171,8 @@ int main(int argc, char** argv) {
   olvex_tools::add_pack_command(application, &command);
   olvex_tools::add_inspect_command(application, &command);
   olvex_tools::add_run_command(application, &command);
+  olvex_tools::add_eval_command(application, &command);
+  olvex_tools::add_compare_command(application, &command);
   try {
     application.parse(argc, argv);
     refuse_empty_values(application);

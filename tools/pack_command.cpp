@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -12,6 +14,7 @@
 #include "platform/host/host_image.h"
 #include "platform/host/qv_host.h"
 
+#include "tools/calibration.h"
 #include "tools/command.h"
 #include "tools/frame_conversion.h"
 #include "tools/library_model.h"
@@ -39,6 +42,9 @@ const char kExamples[] =
     "  Raw layers, with the type that tells the library their classes and key points:\n"
     "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
     "      --model-out zrpcn --lib-out zrpcn\n"
+    "  The same with 16-bit outputs, whose scales a folder of such pictures decides:\n"
+    "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
+    "      --model-out zrpcn --lib-out zrpcn --int16 --calibrate pictures/\n"
     "  A description to edit, and its use:\n"
     "    olvex-det pack people.onnx --boxes boxes --scores scores --print-description > d.json\n"
     "    olvex-det pack --description d.json people.onnx -o people.img\n"
@@ -101,6 +107,23 @@ cv::Mat test_picture(const PackOptions& options, const Description& description)
   return picture;
 }
 
+// What the library makes of the model, which is refused when that is not what was asked for.
+ModelFacts checked_facts(LibraryModel* model, const std::string& name, const Pairs& pairs,
+                         const Description& description) {
+  ModelFacts facts = collect_facts(model, file_header(pairs));
+  if (!facts.decoding.fault.empty()) {
+    throw ToolError(kModelError, name + ": " + facts.decoding.fault);
+  }
+  const Pairs& expected = description.name_pairs.empty() ? pairs : description.name_pairs;
+  if (facts.valid_pairs != expected) {
+    throw ToolError(kModelError, name +
+                                     ": the library reads other header entries than were given (" +
+                                     std::to_string(facts.valid_pairs.size()) +
+                                     " of them). Choose plainer keys and values");
+  }
+  return facts;
+}
+
 // Requires: a LibraryLog exists.
 TestRun try_model(const std::string& path, const std::string& name, const Pairs& pairs,
                   const Description& description, const cv::Mat& picture) {
@@ -108,17 +131,7 @@ TestRun try_model(const std::string& path, const std::string& name, const Pairs&
   convert_to_frame(picture, frame_layout(description.input), &frame);
   LibraryModel model(path, name);
   TestRun test;
-  test.facts = collect_facts(&model, file_header(pairs));
-  if (!test.facts.decoding.fault.empty()) {
-    throw ToolError(kModelError, name + ": " + test.facts.decoding.fault);
-  }
-  const Pairs& expected = description.name_pairs.empty() ? pairs : description.name_pairs;
-  if (test.facts.valid_pairs != expected) {
-    throw ToolError(kModelError, name +
-                                     ": the library reads other header entries than were given (" +
-                                     std::to_string(test.facts.valid_pairs.size()) +
-                                     " of them). Choose plainer keys and values");
-  }
+  test.facts = checked_facts(&model, name, pairs, description);
   test.boxes = model.detect(&frame, kTestThreshold);
   QV_HOST_LastInvokeTimes(&test.conversion_ms, &test.network_ms);
   return test;
@@ -165,8 +178,21 @@ std::string describe_test(const PackOptions& options, const Description& descrip
   return "  test run   " + picture + ": " + numbers + describe_boxes(test.boxes, description);
 }
 
+std::string describe_calibration(const std::string& pictures, const Calibration& calibration) {
+  std::string text = "  calibrated " + pictures + ", " + std::to_string(calibration.frames) +
+                     (calibration.frames == 1 ? " frame\n" : " frames\n");
+  for (const CalibratedOutput& output : calibration.outputs) {
+    char numbers[120];
+    std::snprintf(numbers, sizeof numbers, "largest value %.6g, scale %.6g, which reaches %.6g\n",
+                  output.largest, static_cast<double>(output.scale), output.reach);
+    text += "             " + output.name + ": " + numbers;
+  }
+  return text;
+}
+
 std::string describe_result(const PackOptions& options, const Description& description,
-                            std::size_t bytes, const TestRun& test) {
+                            const std::optional<Calibration>& calibration, std::size_t bytes,
+                            const TestRun& test) {
   std::string text = "packed " + options.image_path + ", " + std::to_string(bytes) + " bytes\n";
   for (const TensorFacts& tensor : test.facts.inputs) {
     text += "  input      " + describe(tensor) + "\n";
@@ -178,6 +204,9 @@ std::string describe_result(const PackOptions& options, const Description& descr
   text += "             " + describe_type(test.facts.decoding) + "\n";
   for (const Pair& pair : test.facts.valid_pairs) {
     text += "  header     " + pair.first + ":" + pair.second + "\n";
+  }
+  if (calibration) {
+    text += describe_calibration(*options.calibration_pictures, *calibration);
   }
   return text + describe_test(options, description, test);
 }
@@ -234,18 +263,49 @@ std::vector<char> build_model_file(const Pairs& pairs, const Description& descri
   return bytes;
 }
 
+// The file of the model that is calibrated with. It lies beside the model file to be written, so that
+// a folder without the right or the room for that shows before the pictures are run.
+std::string calibration_path(const PackOptions& options) {
+  if (!options.print_description) {
+    return options.image_path;
+  }
+  std::error_code ignored;  // without a folder for temporary files: the current one
+  return std::filesystem::temp_directory_path(ignored) / "olvex-det-pack";
+}
+
+// Nothing without --calibrate. Requires: a LibraryLog exists.
+std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs& pairs,
+                                         const std::vector<char>& network,
+                                         Description* description) {
+  if (!options.calibration_pictures) {
+    return std::nullopt;
+  }
+  Description exact = *description;
+  exact.output_format = QV_IPU_FORMAT_FP32;
+  ReplacementFile file(calibration_path(options));
+  file.write(build_model_file(pairs, exact, network));
+  LibraryModel model(file.temporary_path(), options.network_path);
+  checked_facts(&model, options.network_path, pairs, exact);
+  return calibrate(*options.calibration_pictures,
+                   options.calibration_limit.value_or(kUsualCalibrationFrames), &model,
+                   description);
+}
+
 // Returns what to print. Requires: a LibraryLog exists.
 std::string pack_and_describe(const PackOptions& options) {
   const Pairs pairs = header_pairs(options);
   const std::vector<char> network = read_whole_file("the network", options.network_path);
   const NetworkSignature signature = read_onnx_signature(options.network_path, network);
-  const Description description = describe_model(options, signature);
+  Description description = describe_model(options, signature);
   check_pair_places(options, pairs, description);
   if (options.print_description) {
+    choose_scales(options, pairs, network, &description);
     return qv_host::description_to_json(description) + "\n";
   }
   check_target(options);
   const cv::Mat picture = test_picture(options, description);
+  const std::optional<Calibration> calibration =
+      choose_scales(options, pairs, network, &description);
   const std::vector<char> bytes = build_model_file(pairs, description, network);
   ReplacementFile file(options.image_path);
   file.write(bytes);
@@ -253,7 +313,7 @@ std::string pack_and_describe(const PackOptions& options) {
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   file.commit();
   print_notes(description, signature, test);
-  return describe_result(options, description, bytes.size(), test);
+  return describe_result(options, description, calibration, bytes.size(), test);
 }
 
 int pack(const PackOptions& options) {

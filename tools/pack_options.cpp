@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/calibration.h"
 #include "tools/command.h"
 #include "tools/suggestion.h"
 #include "tools/whole_file.h"
@@ -26,6 +27,8 @@ using qv_host::BoxOrder;
 using qv_host::ColourOrder;
 using qv_host::Description;
 using qv_host::OutputKind;
+
+constexpr long kMostCalibrationFrames = 1000000;  // by far: a few hundred settle a scale
 
 [[noreturn]] void refuse_usage(const std::string& message) {
   throw ToolError(kUsageError, message);
@@ -174,6 +177,7 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
 
 std::string list_of(const std::vector<NetworkTensor>& tensors) {
   std::vector<std::string> texts;
+  texts.reserve(tensors.size());
   for (const NetworkTensor& tensor : tensors) {
     texts.push_back(describe(tensor));
   }
@@ -333,6 +337,14 @@ void refuse_stray_options(const PackOptions& options, const Description& descrip
            (options.raw_scale || options.box_scale || options.score_scale ||
             options.keypoint_scale),
        "--raw-scale, --box-scale, --score-scale and --keypoint-scale need --int16"},
+      {description.output_format != QV_IPU_FORMAT_INT16 && options.calibration_pictures,
+       "--calibrate chooses the scales of 16-bit outputs: add --int16"},
+      {options.calibration_pictures && (options.raw_scale || options.box_scale ||
+                                        options.score_scale || options.keypoint_scale),
+       "--calibrate chooses the scales itself: leave out --raw-scale, --box-scale, --score-scale "
+       "and --keypoint-scale"},
+      {options.calibration_limit && !options.calibration_pictures,
+       "--calibrate-limit is for --calibrate"},
   };
   for (const auto& entry : stray) {
     if (entry.first) {
@@ -539,6 +551,25 @@ void add_decoded_options(CLI::App* command, PackOptions* options) {
       ->group(group);
 }
 
+void add_element_options(CLI::App* command, PackOptions* options) {
+  const char group[] = "Element type of the outputs";
+  command->add_flag("--int16", options->int16, "Hand 16-bit integers to the library, not floats")
+      ->group(group);
+  command
+      ->add_option("--calibrate", options->calibration_pictures,
+                   "With --int16: choose the scales by the largest values that the network "
+                   "computes on these pictures (a folder, a picture or a video)")
+      ->type_name("PICTURES")
+      ->group(group);
+  command
+      ->add_option("--calibrate-limit", options->calibration_limit,
+                   "Frames to calibrate with at most, evenly spread (default " +
+                       std::to_string(kUsualCalibrationFrames) + ")")
+      ->type_name("N")
+      ->check(CLI::Range(1L, kMostCalibrationFrames))
+      ->group(group);
+}
+
 void add_header_options(CLI::App* command, PackOptions* options) {
   const char group[] = "Header";
   command
@@ -591,8 +622,7 @@ void add_pack_options(CLI::App* command, PackOptions* options) {
   add_input_options(command, options);
   add_raw_options(command, options);
   add_decoded_options(command, options);
-  command->add_flag("--int16", options->int16, "Hand 16-bit integers to the library, not floats")
-      ->group("Element type of the outputs");
+  add_element_options(command, options);
   add_header_options(command, options);
 }
 

@@ -55,6 +55,8 @@ struct PackOptions {
   std::optional<std::string> box_scale;
   std::optional<std::string> score_scale;
   std::optional<std::string> keypoint_scale;
+  std::optional<std::string> calibration_pictures;
+  std::optional<long> calibration_limit;  // frames
 
   std::string class_names_path;
   std::vector<std::string> pairs;

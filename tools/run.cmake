@@ -17,4 +17,5 @@ target_sources(olvex-det PRIVATE
   run_outputs.cpp
   run_session.cpp
   run_summary.cpp
+  tile_grid.cpp
   video_source.cpp)

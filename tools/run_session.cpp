@@ -4,11 +4,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <exception>
 #include <memory>
-
-#include <opencv2/core/utils/logger.hpp>
 
 #include "platform/host/host_image.h"
 #include "tools/command.h"
@@ -264,10 +261,7 @@ class Session {
 }  // namespace
 
 int run_session(const RunOptions& options) {
-  // OpenCV's own lines, and those of its video decoder, say nothing that our errors do not say
-  // better. Who wants the decoder's sets the variable.
-  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
+  silence_opencv();
   require_separate_files(options.outputs, options.log,
                          {options.input, options.detector.model, options.detector.firmware});
   // Outlives the log, which flushes what a closed pipe did not take.

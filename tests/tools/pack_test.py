@@ -13,6 +13,7 @@ LAYERS = ["--raw", "stride8", "stride16", "stride32", "--scale", "1/255"]
 BOXES = ["--boxes", "boxes", "--scores", "scores", "--scale", "1/255"]
 RAW = ["raw.onnx", *OUT, *LAYERS]
 DECODED = ["boxes.onnx", *OUT, *BOXES]
+CALIBRATE = ["--int16", "--input-format", "rgb", "--calibrate"]
 
 REFUSALS = [  # exit code, words of the message, arguments
     (2, ["--boxes", "stride32 1x6x2x2"], ["raw.onnx", *OUT]),
@@ -30,6 +31,16 @@ REFUSALS = [  # exit code, words of the message, arguments
     (2, ["is empty"], [*RAW, "--lib-out", ""]),
     (2, ["the network itself"], ["raw.onnx", "-o", "raw.onnx", *LAYERS]),
     (2, ["max_boxes", "32767"], [*DECODED, "--max-boxes", "0"]),
+    (2, ["--calibrate", "add --int16"], [*RAW, "--calibrate", "black.ppm"]),
+    (2, ["leave out --raw-scale"], [*RAW, *CALIBRATE, "black.ppm", "--raw-scale", "1"]),
+    (2, ["leave out", "--score-scale"], [*DECODED, *CALIBRATE, "black.ppm", "--score-scale", "1"]),
+    (2, ["--calibrate-limit is for"], [*RAW, "--int16", "--calibrate-limit", "2"]),
+    (2, ["--calibrate-limit"], [*RAW, *CALIBRATE, "black.ppm", "--calibrate-limit", "0"]),
+    (3, ['"boxes"', "zero", "--min-score"], [*DECODED, *CALIBRATE, "black.ppm"]),
+    (3, ["white.ppm", '"stride8"', "not finite"],
+     ["raw.onnx", *OUT, *LAYERS[:4], *CALIBRATE, "white.ppm", "--scale", "1e38"]),
+    (3, ["10 channels", "have 6"], [*RAW, *CALIBRATE, "black.ppm", "--model-out", "zrpcn"]),
+    (3, ["not UTF-8"], [*RAW, "--title", "\udcff"]),
     (3, ['"strid32"', "stride8 1x6x8x8", "Did you mean stride32?"],
      ["raw.onnx", *OUT, "--raw", "stride8", "stride16", "strid32"]),
     (3, ["zrpcn", "10 channels", "have 6", "zrfsd"], [*RAW, "--model-out", "zrpcn"]),
@@ -43,14 +54,28 @@ REFUSALS = [  # exit code, words of the message, arguments
     (3, ["not an ONNX network"], ["names.txt", *OUT]),
     (4, ["none.onnx", "No such file"], ["none.onnx", *OUT]),
     (4, ["names.txt", "picture"], [*RAW, "--picture", "names.txt"]),
+    (4, ["none:", "No such file"], [*RAW, *CALIBRATE, "none"]),
+    (4, ["damaged.ppm", "damaged"], [*RAW, *CALIBRATE, "damaged.ppm"]),
     (4, ["none/out.img", "No such file"], ["raw.onnx", "-o", "none/out.img", *LAYERS]),
     (4, ["names.txt", "JSON"], ["raw.onnx", *OUT, "--description", "names.txt"]),
 ]
 
 
+def write_picture(path, width, height, colour_at):
+    pixels = (colour_at(x, y) for y in range(height) for x in range(width))
+    path.write_bytes(b"P6 %d %d 255\n" % (width, height) + bytes(sum(pixels, ())))
+
+
+def write_gray(path, level):
+    write_picture(path, 8, 8, lambda x, y: 3 * (level,))
+
+
 class PackTest(ToolTest):
     def setUp(self):
         super().setUp()
+        write_gray(self.folder / "black.ppm", 0)
+        write_gray(self.folder / "white.ppm", 255)
+        (self.folder / "damaged.ppm").write_text("P6 8 8")
         make_network(self.folder / "raw.onnx", "raw", 64, 64)
         make_network(self.folder / "boxes.onnx", "decoded", 64, 32)
         (self.folder / "names.txt").write_text("person\r\nbicycle\ncar\n\n")
@@ -126,6 +151,58 @@ class PackTest(ToolTest):
         (self.folder / "description.json").write_text(printed)
         self.packed("--description", "description.json", "boxes.onnx", *OUT)
         self.assertEqual(self.image.read_bytes(), first)
+
+    def test_calibration_gives_every_scale_a_tenth_of_room(self):
+        make_network(self.folder / "points.onnx", "decoded", 64, 32, 63)
+        pictures = self.folder / "pictures"
+        pictures.mkdir()
+        # A class of a raw layer is 20 x level / 255 - 10; a score is level / 255.
+        for number, level in enumerate((51, 102, 0, 77)):
+            write_gray(pictures / f"{number}.ppm", level)
+        points = ["points.onnx", *OUT, *BOXES, "--keypoints", "points"]
+        for arguments, reach in (  # largest value x 1.1; of boxes at least 64 pixels, of scores 1
+                ([*RAW, *CALIBRATE, "pictures"], [11, 11, 11]),
+                ([*RAW, *CALIBRATE, "pictures", "--calibrate-limit", "2"], [11, 11, 11]),
+                ([*RAW, *CALIBRATE, "pictures", "--calibrate-limit", "1"], [6.6, 6.6, 6.6]),
+                ([*RAW, *CALIBRATE, "pictures/1.ppm"], [2.2, 2.2, 2.2]),
+                ([*DECODED, *CALIBRATE, "white.ppm"], [70.4, 32767, 1.1, 32767, 32767]),
+                ([*DECODED, *CALIBRATE, "pictures", "--box-unit", "pixels"],
+                 [64, 32767, 1, 32767, 32767]),
+                ([*points, *CALIBRATE, "white.ppm"], [70.4, 1.1, 134.2, 32767, 32767])):
+            with self.subTest(arguments):
+                found = self.packed(*arguments)["outputs"]
+                for tensor, expected in zip(found, reach, strict=True):
+                    self.assertAlmostEqual(tensor["scale"] * 32767 / expected, 1, 4)
+        said = self.tool("pack", *RAW, *CALIBRATE, "pictures").stdout
+        self.assertIn("pictures, 4 frames\n             stride8: largest value 10, scale 0.000335704",
+                      said)
+        first = self.image.read_bytes()
+        printed = self.tool("pack", *RAW, *CALIBRATE, "pictures", "--print-description").stdout
+        (self.folder / "description.json").write_text(printed)
+        self.packed("raw.onnx", *OUT, "--description", "description.json")
+        self.assertEqual(self.image.read_bytes(), first)
+
+    def test_calibrated_integers_find_the_boxes_of_floats(self):
+        picture = self.folder / "picture.ppm"
+        # No two planes have the same mean in a cell: each has one best class.
+        write_picture(picture, 64, 64, lambda x, y: (3 * x, 60 + 2 * y, 0))
+        calibrate = [*CALIBRATE, picture]
+        for arguments, step in ((RAW, 11 / 32767), (DECODED, 1.1 / 32767)):
+            found = []
+            for options in (calibrate[1:3], calibrate):
+                self.tool("pack", *arguments, *options)
+                result = self.tool("run", "out.img", picture, "--threshold", "0.1", "--jsonl", "-")
+                found.append(json.loads(result.stdout)["boxes"])
+            floats, integers = found
+            self.assertGreater(len(floats), 10)
+            self.assertEqual(len(integers), len(floats))
+            # Equal scores may change places, so each box looks for its own.
+            for box in floats:
+                self.assertTrue(any(
+                    abs(box["score"] - other["score"]) <= step and
+                    box["class_id"] == other["class_id"] and
+                    all(abs(box[side] - other[side]) <= 1 for side in ("x", "y", "width", "height"))
+                    for other in integers), box)
 
     def test_a_refusal_says_why_and_changes_no_file(self):
         make_network(self.folder / "pixels.onnx", "pixels", 64, 64)

@@ -1,0 +1,137 @@
+"""compare_test.py - olvex-det compare: which frames it shows, the sheet, and what it refuses.
+
+See tool_test.py for the usage. Runs are written by hand; the pictures are plain.
+"""
+import json
+import struct
+
+from tool_test import ToolTest, main
+
+WIDTH, HEIGHT, FRAMES = 160, 120, 40
+
+
+def box(x, class_id=0, **members):
+    return {"x": x, "y": 20, "width": 20, "height": 30, "class_id": class_id, "class": "person",
+            "score": 0.5, "track_id": None, "keypoints": [], **members}
+
+
+def frame(number, boxes=(), width=WIDTH, **members):
+    return {"schema_version": 1, "frame": number, "pts": (number - 1) * 40000, "source": "pictures",
+            "size": {"width": width, "height": HEIGHT}, "boxes": list(boxes), "milliseconds":
+            dict.fromkeys(("decode", "conversion", "network", "postprocessing"), 0), **members}
+
+
+def png_size(path):
+    return struct.unpack(">II", path.read_bytes()[16:24])
+
+
+class CompareTest(ToolTest):
+    def setUp(self):
+        super().setUp()
+        (self.folder / "pictures").mkdir()
+        for number in range(1, FRAMES + 1):
+            (self.folder / f"pictures/{number}.pgm").write_bytes(
+                b"P5 %d %d 255\n" % (WIDTH, HEIGHT) + bytes([number]) * (WIDTH * HEIGHT))
+        self.write("same.jsonl", [frame(number, [box(10)]) for number in range(1, FRAMES + 1)])
+
+    def write(self, name, lines):
+        text = "".join((line if isinstance(line, str) else json.dumps(line)) + "\n"
+                       for line in lines)
+        (self.folder / name).write_text(text)
+
+    def compare(self, *arguments, input="pictures", output="sheet.png", **options):
+        return self.tool("compare", input, *arguments, "--output", output, **options)
+
+    def frames_of(self, *arguments, **options):
+        return self.compare(*arguments, **options).stdout.splitlines()[0]
+
+    def test_frames_with_most_differences_are_spread_over_the_run(self):
+        # The parts are 1-10, 11-20, 21-30 and 31-40; the middle of the first is 6.
+        other = {10: [box(80)],                  # moved away: both boxes are alone
+                 11: [box(80), box(120)],        # more, but too near to frame 10
+                 17: [box(10, class_id=1)],      # of another class
+                 24: [box(14)], 25: [box(17)],   # IoU 16/24 is a counterpart, 13/27 is none
+                 38: [box(10), box(80)], 39: []}  # one box alone each, 38 is nearer to 36
+        self.write("other.jsonl", [frame(number, other.get(number, [box(10)]))
+                                   for number in range(1, FRAMES + 1)])
+        runs = ["a=same.jsonl", "b=other.jsonl"]
+        self.assertEqual(self.frames_of(*runs), "frames 10, 17, 25, 38")
+        self.assertEqual(self.frames_of("a=same.jsonl", "b=same.jsonl"), "frames 6, 16, 26, 36")
+        self.assertEqual(self.frames_of(*runs, "--at", "30,2,30"), "frames 2, 30")
+        # A frame that only one run holds is not shown.
+        self.write("short.jsonl", [frame(number) for number in (3, 10, 41)])
+        self.assertEqual(self.frames_of("a=same.jsonl", "b=short.jsonl"), "frames 3, 10")
+
+    def test_the_sheet_has_a_row_per_frame_and_a_column_per_run(self):
+        self.compare("a=same.jsonl", "b=same.jsonl", "--frames", 3)
+        # Tiles of 480x360 and gaps of 6; strips of 34 above the columns and 24 above each tile.
+        self.assertEqual(png_size(self.folder / "sheet.png"),
+                         (6 + 2 * (480 + 6), 6 + 34 + 3 * (24 + 360 + 6)))
+        self.write("boxes.jsonl", [frame(1, [
+            box(4294967295, score=None, track_id=7, keypoints=[{"x": None, "y": 1e9, "score": 1}]),
+            box(0, class_id=1000000, width=4294967295)], width=2 * WIDTH)])
+        self.compare("label" * 50 + "=boxes.jsonl", "--display", f"{2 * WIDTH}x{HEIGHT}",
+                     output="wide.jpg")
+        self.assertEqual((self.folder / "wide.jpg").read_bytes()[:3], b"\xff\xd8\xff")
+
+    def test_lines_that_run_does_not_write_are_refused_with_their_place(self):
+        for text, line in (
+                ("bad.jsonl:2: is not JSON: column", '{"schema_version": 1, "fra'),
+                ("bad.jsonl:2: is not JSON", '{"schema_version": 1e999}'),
+                ("64 deep", "[" * 100000),
+                ('"frame" twice', '{"frame": 2, "frame": 2}'),
+                ("object", "[]"),
+                ('no "boxes"', {name: value for name, value in frame(2).items() if name != "boxes"}),
+                ('"schema_version"', frame(2, schema_version=2)),
+                ("the numbers must rise", frame(1)),
+                ('"frame"', frame(2.0)),
+                ('"size": "width"', frame(2, width=0)),
+                ("at most 200", frame(2, [box(0)] * 201)),
+                ('box 2: "x"', frame(2, [box(0), box(-1)])),
+                ('"class_id"', frame(2, [box(0, class_id=1000001)])),
+                ('"score"', frame(2, [box(0, score="high")])),
+                ('"track_id"', frame(2, [box(0, track_id=0)])),
+                ('key point 1: has no "y"', frame(2, [box(0, keypoints=[{"x": 1}])])),
+                ("pixels", frame(2, width=WIDTH + 1))):
+            with self.subTest(text):
+                self.write("bad.jsonl", [frame(1), line])
+                self.compare("a=same.jsonl", "bad=bad.jsonl", code=4, said=["bad.jsonl:2: ", text])
+        self.assertFalse((self.folder / "sheet.png").exists())
+
+    def test_errors_have_their_exit_code_and_name_the_cause(self):
+        self.write("far.jsonl", [frame(FRAMES + 1)])
+        self.write("large.jsonl", [frame(1, width=2 * WIDTH)])
+        self.write("empty.jsonl", [])
+        self.write("lines.png", [frame(1)])
+        (self.folder / "1.bin").write_bytes(b"dump")
+        run = "a=same.jsonl"
+        for code, text, arguments, options in (
+                (2, "at least one run", [], {}),
+                (2, "LABEL=FILE", ["same.jsonl"], {}),
+                (2, "LABEL=FILE", ["=same.jsonl"], {}),
+                (2, "the label a", [run, run], {}),
+                (2, "room for 8", [f"{i}=same.jsonl" for i in range(9)], {}),
+                (2, ".png", [run], {"output": "sheet.gif"}),
+                (2, "among the frames", [run], {"output": "pictures/sheet.png"}),
+                (2, "overwrite", ["a=lines.png"], {"output": "./lines.png"}),
+                (2, "--display", [run, "--display", "64"], {}),
+                (2, "--at", [run, "--at", "0"], {}),
+                (2, "--at", [run, "--at", "1", "--frames", "2"], {}),
+                (2, "camera", [run], {"input": "camera:0"}),
+                (2, "dumped", [run], {"input": "1.bin"}),
+                (4, "nowhere.mp4", [run], {"input": "nowhere.mp4"}),
+                (4, "nothing.jsonl", ["a=nothing.jsonl"], {}),
+                (4, "holds no frame", ["a=empty.jsonl"], {}),
+                (4, "same.jsonl: has no frame 41; it goes from frame 1 to 40",
+                 [run, "--at", "3,41"], {}),
+                (4, "no frame in common", [run, "b=far.jsonl"], {}),
+                (4, "pictures: has 40 frames", ["a=far.jsonl"], {}),
+                (4, "large.jsonl:1: the boxes are for 320x120", ["a=large.jsonl"], {}),
+                (4, "--display says 64x64", [run, "--display", "64x64"], {}),
+                (4, "no/such", [run], {"output": "no/such/sheet.png"})):
+            with self.subTest(text):
+                self.compare(*arguments, code=code, said=[text], **options)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,409 @@
+"""eval_coco_test.py - olvex-det eval coco against values worked out by hand, and against a second,
+plainer implementation of the same definitions on random boxes.
+
+See tool_test.py for the usage. A truth box is (image, class, [x, y, width, height], members), a
+result (image, class, box, score).
+"""
+import json
+import random
+import xml.etree.ElementTree
+
+from tool_test import ToolTest, main
+
+A, B, C = [0, 0, 100, 100], [300, 0, 100, 100], [600, 0, 100, 100]  # boxes apart from each other
+NOWHERE = [0, 500, 100, 100]
+
+
+def tile(i):
+    """Boxes of 20x20 that do not touch, as many as one likes."""
+    return [i % 40 * 24, 200 + i // 40 * 24, 20, 20]
+
+
+def truth_file(boxes, classes=("person",), pictures=(1,), first_class=0):
+    return {"images": [{"id": i, "width": 1000, "height": 1000, "file_name": f"{i}.jpg"}
+                       for i in pictures],
+            "annotations": [{"id": n, "image_id": image, "category_id": kind, "bbox": box,
+                             **(members[0] if members else {})}
+                            for n, (image, kind, box, *members) in enumerate(boxes, 1)],
+            "categories": [{"id": i, "name": name} for i, name in enumerate(classes, first_class)]}
+
+
+def result_file(results):
+    return [{"image_id": image, "category_id": kind, "bbox": box, "score": score}
+            for image, kind, box, score in results]
+
+
+# ---- the second implementation ----
+
+def overlap(found, box, crowd):
+    width = min(found[0] + found[2], box[0] + box[2]) - max(found[0], box[0])
+    height = min(found[1] + found[3], box[1] + box[3]) - max(found[1], box[1])
+    common = max(width, 0) * max(height, 0)
+    return common / (found[2] * found[3] + (0 if crowd else box[2] * box[3] - common))
+
+
+def judged(truth, found, threshold, least, most, limit):
+    """(score, found something or None where it does not count) of a picture's results of a class."""
+    rows = [(box, members.get("iscrowd"), members.get("iscrowd") or members.get("ignore") or
+             not least <= members.get("area", box[2] * box[3]) <= most)
+            for _, _, box, members in truth]
+    used, verdicts = set(), []
+    for _, _, box, score in sorted(found, key=lambda row: -row[3])[:limit]:
+        chosen = max(((not ignored, overlap(box, other, crowd), i)
+                      for i, (other, crowd, ignored) in enumerate(rows)
+                      if (crowd or i not in used) and overlap(box, other, crowd) >= threshold),
+                     default=None)
+        if chosen is None:
+            verdicts.append((score, False if least <= box[2] * box[3] <= most else None))
+        else:
+            used.add(chosen[2])
+            verdicts.append((score, True if chosen[0] else None))
+    return verdicts, sum(not ignored for _, _, ignored in rows)
+
+
+def reference(truth, results, classes, pictures, thresholds, least=0, most=1e10, limit=100):
+    """(mean precision, mean recall) or (None, None)."""
+    precisions, recalls = [], []
+    for kind in range(classes):
+        for threshold in thresholds:
+            verdicts, number = [], 0
+            for picture in pictures:
+                mine = [[row for row in rows if row[:2] == (picture, kind)]
+                        for rows in (truth, results)]
+                more, positives = judged(*mine, threshold, least, most, limit)
+                verdicts, number = verdicts + more, number + positives
+            if number == 0:
+                continue
+            points, right, wrong = [], 0, 0
+            for _, verdict in sorted(verdicts, key=lambda row: -row[0]):
+                right, wrong = right + (verdict is True), wrong + (verdict is False)
+                points.append((right / number, right / max(right + wrong, 1)))
+            recalls.append(right / number)
+            precisions += [max((precision for recall, precision in points if recall >= level * 0.01),
+                               default=0) for level in range(101)]
+    return tuple(sum(values) / len(values) if values else None for values in (precisions, recalls))
+
+
+def random_case(seed):
+    numbers = random.Random(seed)
+    truth, results = [], []
+    for picture in range(1, 13):
+        for _ in range(numbers.randrange(6)):
+            width, height = (round(2 ** numbers.uniform(3, 8)) for _ in range(2))
+            box = [numbers.randrange(300), numbers.randrange(300), width, height]
+            members = {"area": width * height * numbers.choice([0.6, 1]),
+                       "iscrowd": int(numbers.random() < 0.1),
+                       "ignore": int(numbers.random() < 0.1)}
+            truth.append((picture, numbers.randrange(3), box, members))
+            for _ in range(numbers.randrange(4)):
+                moved = [box[i] + numbers.uniform(-0.15, 0.15) * box[2 + i % 2] for i in range(4)]
+                results.append((picture, truth[-1][1], moved, numbers.randrange(20) / 20))
+    numbers.shuffle(results)
+    return truth, results
+
+
+class EvalCocoTest(ToolTest):
+    def evaluate(self, truth, results, *options, **more):
+        """truth and results: files' contents; the JSON of the evaluation."""
+        (self.folder / "truth.json").write_text(json.dumps(truth))
+        (self.folder / "results.json").write_text(json.dumps(results))
+        output = self.tool("eval", "coco", "truth.json", "results.json", "--json", "-", *options,
+                           **more)
+        report = json.loads(output.stdout)
+        self.assert_fits_schema(report, "eval_coco")
+        return report
+
+    def metrics(self, truth, results, *options, classes=("person",), pictures=(1,)):
+        return self.evaluate(truth_file(truth, classes, pictures), result_file(results),
+                             *options)["metrics"]
+
+    def assert_metrics(self, actual, **wanted):
+        for name, value in wanted.items():
+            if value is None:
+                self.assertIsNone(actual[name], name)
+            else:
+                self.assertAlmostEqual(actual[name], value, 9, name)
+
+    def test_worked_out_by_hand(self):
+        half = 51 / 101  # levels up to recall 0.50
+        small, medium, large = [0, 0, 20, 20], [100, 0, 50, 50], [200, 0, 200, 200]
+        crowd, ignored = {"iscrowd": 1}, {"ignore": 1}
+        many = [(1, 0, tile(i), 0.9) for i in range(100)]
+        found_a = (1, 0, A, 0.9)
+        cases = {
+            "perfect": ([(1, 0, A), (1, 0, B)], [found_a, (1, 0, B, 0.2)],
+                        dict(AP=1, AP50=1, AP75=1, APl=1, APs=None, AR1=0.5, AR10=1, AR100=1)),
+            "no result": ([(1, 0, A)], [], dict(AP=0, AP50=0, AR100=0, ARl=0, APm=None)),
+            "no truth": ([], [found_a], dict(AP=None, AP50=None, AR1=None, ARl=None)),
+            "hit, then false": ([(1, 0, A), (1, 0, B)], [found_a, (1, 0, C, 0.8)],
+                                dict(AP50=half, AP=half, AR100=0.5)),
+            "false, then hit": ([(1, 0, A), (1, 0, B)], [(1, 0, C, 0.95), found_a],
+                                dict(AP50=half / 2)),
+            "the second of one box is false": ([(1, 0, A), (1, 0, B)],
+                                               [found_a, (1, 0, A, 0.8), (1, 0, B, 0.7)],
+                                               dict(AP50=(51 + 50 * 2 / 3) / 101)),
+            "equal scores stay in order": ([(1, 0, A)], [(1, 0, C, 0.9), found_a], dict(AP50=0.5)),
+            "the best overlap is taken": ([(1, 0, A), (1, 0, [0, 0, 100, 90])],
+                                          [(1, 0, [0, 0, 100, 91], 0.9), (1, 0, A, 0.8)],
+                                          dict(AP=1)),
+            "overlap .62": ([(1, 0, A)], [(1, 0, [0, 0, 100, 62], 1)], dict(AP=0.3, AP75=0)),
+            "overlap .75": ([(1, 0, A)], [(1, 0, [0, 0, 100, 75], 1)], dict(AP=0.6, AP75=1)),
+            "overlap .50": ([(1, 0, A)], [(1, 0, [0, 0, 100, 50], 1)], dict(AP=0.1, AP50=1)),
+            "overlap below .50": ([(1, 0, A)], [(1, 0, [0, 0, 100, 49.9], 1)], dict(AP50=0)),
+            "ignored": ([(1, 0, A), (1, 0, B, ignored)], [(1, 0, B, 0.9), (1, 0, A, 0.8)],
+                        dict(AP=1, AR100=1)),
+            "ignored, found twice": ([(1, 0, A), (1, 0, B, ignored)],
+                                     [(1, 0, B, 0.9), (1, 0, B, 0.85), (1, 0, A, 0.8)],
+                                     dict(AP=0.5)),
+            "crowd, found twice": ([(1, 0, A), (1, 0, B, crowd)],
+                                   [(1, 0, B, 0.9), (1, 0, [320, 0, 30, 30], 0.85), found_a],
+                                   dict(AP=1)),
+            "others before ignored": ([(1, 0, A, ignored), (1, 0, [0, 0, 100, 60])],
+                                      [(1, 0, A, 0.9)], dict(AP=0.3)),
+            "areas": ([(1, 0, small), (1, 0, medium), (1, 0, large)],
+                      [(1, 0, [500, 0, 10, 10], 0.9), (1, 0, small, 0.8), (1, 0, medium, 0.7)],
+                      dict(APs=0.5, APm=1, APl=0, ARs=1, ARm=1, ARl=0)),
+            "area of the object": ([(1, 0, large, {"area": 500})], [(1, 0, large, 1)],
+                                   dict(APs=1, APl=None)),
+            "area in two ranges": ([(1, 0, [0, 0, 32, 32])], [], dict(APs=0, APm=0, APl=None)),
+            "rank 101": ([(1, 0, A)], many + [(1, 0, A, 0.8)], dict(AR100=0, AP50=0)),
+            "rank 100": ([(1, 0, A)], many[1:] + [(1, 0, A, 0.8)],
+                         dict(AR100=1, AR10=0, AR1=0, AP50=0.01)),
+            # 35 * 0.01 is a little more than 7 / 20: its level is not reached.
+            "7 of 20": ([(1, 0, tile(i)) for i in range(20)],
+                        [(1, 0, tile(i), 0.9) for i in range(7)], dict(AP50=35 / 101)),
+        }
+        for name, (truth, results, wanted) in cases.items():
+            with self.subTest(name):
+                self.assert_metrics(self.metrics(truth, results), **wanted)
+
+    def test_pictures_come_by_id(self):
+        truth = [(1, 0, A), (2, 0, A)]
+        results = [(2, 0, A, 0.9), (1, 0, C, 0.9)]  # the false one is ranked first
+        self.assert_metrics(self.metrics(truth, results, pictures=(2, 1)), AP50=51 / 101 / 2)
+
+    def test_classes_without_truth_are_left_out(self):
+        file = truth_file([(1, 0, A), (1, 1, B)], ("person", "car", "dog"))
+        results = result_file([(1, 0, A, 0.9), (1, 2, C, 0.9)])
+        report = self.evaluate(file, results)
+        self.assertEqual([(item["name"], item["AP"], item["AP50"]) for item in report["classes"]],
+                         [("person", 1, 1), ("car", 0, 0), ("dog", None, None)])
+        self.assert_metrics(report["metrics"], AP=0.5, AR100=0.5)
+        text = self.tool("eval", "coco", "truth.json", "results.json").stdout
+        self.assertRegex(text, r"(?m)^dog +- +- +0 +0 +1$")
+        for classes in ("0,dog", "person,2"):
+            report = self.evaluate(file, results, "--classes", classes)
+            self.assertEqual((report["metrics"]["AP"], report["truth_boxes"], report["results"]),
+                             (1, 1, 2))
+        self.tool("eval", "coco", "truth.json", "results.json", "--classes", "persn", code=2,
+                  said=["Did you mean person?"])
+
+    def test_agrees_with_a_plainer_implementation(self):
+        overlaps = [0.5 + i * ((0.95 - 0.5) / 9) for i in range(10)]
+        ranges = {"s": (0, 1024), "m": (1024, 9216), "l": (9216, 1e10)}
+        for seed in range(6):
+            truth, results = random_case(seed)
+            actual = self.metrics(truth, results, classes=("a", "b", "c"), pictures=range(1, 13))
+
+            def expect(*more):
+                return reference(truth, results, 3, range(1, 13), *more)
+
+            wanted = dict(zip(("AP", "AR100"), expect(overlaps)))
+            wanted.update(AP50=expect([0.5])[0], AP75=expect([0.75])[0])
+            for limit in (1, 10):
+                wanted[f"AR{limit}"] = expect(overlaps, 0, 1e10, limit)[1]
+            for name, (least, most) in ranges.items():
+                wanted.update(zip((f"AP{name}", f"AR{name}"), expect(overlaps, least, most)))
+            self.assert_metrics(actual, **wanted)
+
+    def test_confusion_and_worst_pictures(self):
+        near = [10, 0, 100, 100]
+        file = truth_file([(1, 0, A), (1, 1, B), (1, 0, C), (2, 0, B, {"ignore": 1}), (3, 0, A)],
+                          ("person", "car"), (1, 2, 3))
+        results = result_file([(1, 0, A, 0.9), (1, 1, near, 0.99),  # A goes to the larger overlap
+                               (1, 0, B, 0.6), (1, 1, NOWHERE, 0.5), (1, 0, C, 0.4),
+                               (2, 1, B, 0.9), (3, 0, A, 0.9)])
+        report = self.evaluate(file, results)
+        self.assertEqual({(cell["truth"], cell["result"]): cell["count"]
+                          for cell in report["confusion"]["cells"]},
+                         {("person", "person"): 2, ("car", "person"): 1, ("person", None): 1,
+                          (None, "car"): 2})
+        self.assertEqual([(item["image_id"], item["missed"], item["false"], item["hit"])
+                          for item in report["worst_pictures"]], [(1, 2, 3, 1), (2, 0, 1, 0)])
+        report = self.evaluate(file, results, "--confusion-score", "0.4", "--worst", "1")
+        self.assertEqual([item["missed"] for item in report["worst_pictures"]], [1])
+        self.assertIn(["car", "1", "0", "0"],
+                      [line.split() for line in self.tool(
+                          "eval", "coco", "truth.json", "results.json").stdout.splitlines()])
+
+    def test_draws_the_worst_pictures(self):
+        folder = self.folder / "pictures"
+        folder.mkdir()
+        for number in (5, 12):
+            (folder / f"{number:05}.ppm").write_bytes(b"P6 500 500 255\n" + bytes(500 * 500 * 3))
+        file = truth_file([(12, 0, A), (12, 0, NOWHERE)], pictures=(5, 12))
+        results = result_file([(12, 0, A, 0.9), (12, 0, C, 0.8)])
+        options = ("--worst-pictures", "worst", "--input")
+        self.evaluate(file, results, *options, folder)
+        self.assertEqual([path.name for path in (self.folder / "worst").iterdir()],
+                         ["worst_01_image_12.png"])
+        picture = (self.folder / "worst" / "worst_01_image_12.png").read_bytes()
+        # More than the few hundred bytes of a black picture: something was drawn.
+        self.assertGreater(len(picture), 2500)
+        (folder / "00012.ppm").unlink()
+        for options, code, said in ((options + (folder,), 4, "no frame with the image id 12"),
+                                    (options[:2], 2, "--input"),
+                                    (options + ("absent",), 4, "absent: No such file")):
+            self.tool("eval", "coco", "truth.json", "results.json", *options, code=code,
+                      said=[said])
+
+    def test_plot(self):
+        names = ("<person> & \"child\"", "car")
+        self.evaluate(truth_file([(1, 0, A), (1, 1, B)], names), result_file([(1, 0, A, 0.9)]),
+                      "--plot", "curves.svg")
+        root = xml.etree.ElementTree.parse(self.folder / "curves.svg").getroot()
+        texts = [element.text for element in root.iter() if element.tag.endswith("}text")]
+        curves = [element.get("points").split() for element in root.iter()
+                  if element.tag.endswith("}polyline")]
+        for text in (names[0], "car", "mean of classes", "1.000", "0.500", "0.000"):
+            self.assertIn(text, texts)
+        # Precision 1 at every recall is the upper edge, precision 0 the axis.
+        heights = [{point.split(",")[1] for point in curve} for curve in curves]
+        self.assertEqual(heights, [{"56.0"}, {"536.0"}, {"296.0"}])
+
+    def test_minimums(self):
+        file = truth_file([(1, 0, A), (1, 1, B)], ("person", "a=b", "dog"))
+        results = result_file([(1, 0, A, 0.9)])
+        met = ("--min", "AP=0.5", "--min", "AP50:person=1")
+        report = self.evaluate(file, results, *met)
+        self.assertEqual(report["minimums"], [{"metric": "AP", "minimum": 0.5, "met": True},
+                                              {"metric": "AP50:person", "minimum": 1, "met": True}])
+        report = self.evaluate(file, results, *met, "--min", "AP50:a=b=0.1", "--min", "AP:dog=0",
+                               "--min", "AP=0.5001", code=1,
+                               said=["\nAP50:a=b is 0, below the minimum 0.1\n", "AP:dog is undefined",
+                                     "AP is 0.5, below the minimum 0.5001\n"])
+        self.assertEqual([item["met"] for item in report["minimums"]], [True, True] + 3 * [False])
+        for value, said in (("AP5=0.1", "Did you mean AP?"), ("mAP=0.1", "Metrics: AP, AP50,"),
+                            ("AP", "METRIC=VALUE"), ("AP=", "not a number"), ("AP=nan", "number"),
+                            ("AP=1e999", "number"), ("AP=0.5x", "number"), ("=1", "METRIC=VALUE")):
+            self.tool("eval", "coco", "truth.json", "results.json", "--min", value, code=2,
+                      said=[f"--min {value.split('=')[0]}", said])
+
+    def test_lint(self):
+        boxes = [[100 + 150 * i, 600, 100, 100] for i in range(5)]
+        truth = [(1, i % 3, box) for i, box in enumerate(boxes)]
+        right = [(1, i % 3, box, 0.9) for i, box in enumerate(boxes)]
+        corners = [(1, i % 3, [x, y, x + w, y + h], 0.9) for i, (x, y, w, h) in enumerate(boxes)]
+        down = [(image, kind - 1, box, score) for image, kind, box, score in right]
+        gaps = truth_file(truth, ("a", "b", "c"))
+        for name, old in (("categories", "id"), ("annotations", "category_id")):
+            for item in gaps[name]:
+                item[old] = {0: 1, 1: 3, 2: 7}[item[old]]
+        frames = [(i, 0, tile(20 * i)) for i in range(1, 6)]
+        shifted = [(i - 1, 0, box, 0.9) for i, _, box in frames]
+        wrong_area = [(1, 0, [5, 5, 0, 9], 0.9), (1, 0, [5, 5, 9, -9], 0.8)]
+        classes = ("a", "b", "c")
+        file = truth_file(truth, classes)
+        twice = truth_file(truth + [(1, 0, [1, 1, 1, -1])], classes)
+        twice["annotations"][1]["id"] = 1
+        many = [(1, 0, tile(i), 0.9) for i in range(101)]
+        cases = {
+            "nothing": (file, right, {}),
+            "truth": (twice, right, {"duplicate_annotation_ids": 1, "boxes_without_area": 1}),
+            "area": (file, right + wrong_area, {"boxes_without_area": 2}),
+            "outside": (file, right + [(1, 0, [-5, 0, 9, 9], 0.5)], {"boxes_outside_picture": 1}),
+            "corners": (file, corners, {"corners_instead_of_size": 5}),
+            "scores": (file, right + [(1, 0, NOWHERE, 1.5)], {"scores_out_of_range": 1}),
+            "repeated": (file, right + right[:2], {"duplicate_results": 2}),
+            "100 of classes": (file, [many[i][:1] + (i % 3,) + many[i][2:] for i in range(101)],
+                               {"many_boxes_in_picture": 1}),
+            "100 of a class": (file, many, {"many_boxes_in_picture": 1, "many_boxes_of_class": 1}),
+            "classes from 1": (truth_file([(1, i + 1, box) for _, i, box in truth], classes,
+                                          first_class=1), right, {"class_ids_shifted": 3}),
+            "classes down": (file, down, {"class_ids_shifted": 3}),
+            "classes by place": (gaps, right, {"class_ids_shifted": 3}),
+            "class unknown": (file, right + [(1, 8, NOWHERE, 0.5)], {"unknown_classes": 1}),
+            "pictures": (truth_file(frames, pictures=range(0, 6)), shifted,
+                         {"image_ids_shifted": 5}),
+        }
+        for name, (given, results, wanted) in cases.items():
+            with self.subTest(name):
+                report = self.evaluate(given, result_file(results))
+                self.assertEqual({item["kind"]: item["count"] for item in report["warnings"]},
+                                 wanted)
+        # Frames from 0 name a picture that is not there; the warning says why.
+        (self.folder / "truth.json").write_text(json.dumps(truth_file(frames, pictures=range(1, 6))))
+        self.tool("eval", "coco", "truth.json", "results.json", code=4,
+                  said=["one less than", "0 to 4 against 1 to 5", "is of picture 0"])
+
+    def test_refuses_bad_files(self):
+        good = truth_file([(1, 0, A)])
+        good_result = result_file([(1, 0, A, 0.5)])[0]
+
+        def truth_with(list_name, **members):
+            return json.dumps({**good, list_name: [{**good[list_name][0], **members}]})
+
+        def result_with(**members):
+            return json.dumps([good_result, {**good_result, **members}])
+
+        without = json.dumps([{name: good_result[name] for name in ("image_id", "bbox", "score")}])
+        deep = '[{"a":' + "[" * 100000 + "]" * 100000 + "}]"
+        cases = (
+            ("truth", "", "truth.json: the file is empty"),
+            ("truth", "{\"images\": [", "truth.json: is not JSON: parse error"),
+            ("truth", "[]", "not a COCO instances file"),
+            ("truth", "{}", "has no \"annotations\""),
+            ("truth", json.dumps({**good, "images": {}}), "\"images\" must be a list"),
+            ("truth", json.dumps({**good, "images": 3}), "\"images\" must be a list"),
+            ("truth", json.dumps({**good, "annotations": [7]}), "annotations [0] must be an object"),
+            ("truth", "{\"images\": [], \"images\": []}", "the member \"images\" twice"),
+            ("truth", truth_with("images", id="1"), "images [0]: \"id\" must be an integer"),
+            ("truth", truth_with("images", id=1.5), "\"id\" must be an integer"),
+            ("truth", truth_with("images", id=2**63), "\"id\" must be an integer"),
+            ("truth", truth_with("images", width=-4), "must not be negative"),
+            ("truth", truth_with("images", file_name=[]), "\"file_name\" must be a text"),
+            ("truth", truth_with("images", id=2), "id 1, which images does not have"),
+            ("truth", json.dumps({**good, "images": good["images"] * 2}), "the id 1 twice"),
+            ("truth", truth_with("categories", name=3), "categories [0]: \"name\" must be a text"),
+            ("truth", truth_with("annotations", category_id=5), "which categories does not have"),
+            ("truth", truth_with("annotations", iscrowd=2), "\"iscrowd\" must be 0 or 1"),
+            ("truth", truth_with("annotations", area="big"), "\"area\" must be a number"),
+            ("truth", truth_with("annotations", area=-1), "\"area\" must not be negative"),
+            ("results", json.dumps(good), "results.json: is not a list of results"),
+            ("results", without, "result [0]: has no \"category_id\""),
+            ("results", result_with(bbox=[1, 2, 3]), "result [1]: \"bbox\" must be a list of 4"),
+            ("results", result_with(bbox=[1, 2, 3, None]), "\"bbox\"[3] must be a number"),
+            ("results", result_with(bbox=[1, 2, 3, 1e300]), "from -1e9 to 1e9"),
+            ("results", result_with(score=[]), "\"score\" must be a number"),
+            ("results", result_with(score=float("nan")), "is not JSON"),
+            ("results", result_with(score=0).replace("0}", "1e999}"), "is not JSON"),
+            ("results", result_with(image_id=9), "result [1] is of picture 9"),
+            ("results", result_with()[:-1] + "garbage", "is not JSON"),
+            ("results", "[{\"score\": 1, \"score\": 2}]", "has the member \"score\" twice"),
+            ("results", deep, "more than 64 deep"),
+        )
+        for name, text, said in cases:
+            with self.subTest(said):
+                (self.folder / "truth.json").write_text(json.dumps(good))
+                (self.folder / "results.json").write_text(json.dumps([good_result]))
+                (self.folder / f"{name}.json").write_text(text)
+                self.tool("eval", "coco", "truth.json", "results.json", code=4, said=[said])
+
+    def test_refuses_wrong_usage(self):
+        self.evaluate(truth_file([(1, 0, A)]), [])
+        files = ("truth.json", "results.json")
+        for arguments, code, said in (
+                ((), 2, "subcommand"), (("cocoo",), 2, "Did you mean coco?"),
+                (("coco", *files, "--plott", "x"), 2, "Did you mean --plot?"),
+                (("coco", *files, "--json", "truth.json"), 2, "--json would overwrite truth.json"),
+                (("coco", *files, "--json", "a", "--plot", "./a"), 2, "a file of its own"),
+                (("coco", *files, "--confusion-score", "2"), 2, "from 0 to 1"),
+                (("coco", *files, "--classes", ""), 2, "the value is empty"),
+                (("coco", "truth.json"), 2, "Try: olvex-det eval coco --help"),
+                (("coco", "absent.json", "results.json"), 4, "absent.json"),
+                (("coco", *files, "--json", "/dev/full"), 4, "/dev/full: cannot be written")):
+            self.tool("eval", *arguments, code=code, said=[said])
+
+
+if __name__ == "__main__":
+    main()

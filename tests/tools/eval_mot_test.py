@@ -1,0 +1,273 @@
+"""eval_mot_test.py - olvex-det eval mot against values that were computed by hand.
+
+See tool_test.py for the usage. Boxes are squares of 100 pixels unless a test says otherwise: shifted
+by d pixels, two of them overlap by (100 - d) / (100 + d).
+"""
+import itertools
+import json
+import random
+import xml.etree.ElementTree
+
+from tool_test import ToolTest, main
+
+NAMES = "HOTA DetA AssA LocA MOTA MOTP IDF1 IDP IDR".split()
+FAR = 1000  # between objects that shall not overlap
+
+
+def truth(frame, track, left, consider=1, class_id=0, size="100,100"):
+    return f"{frame},{track},{left},0,{size},{consider},{class_id},1\n"
+
+
+def result(frame, track, left, class_id=0, size="100,100"):
+    return f"{frame},{track},{left},0,{size},0.9,{class_id},-1,-1\n"
+
+
+def span(kind, frames, track, left, *more):
+    return "".join(kind(frame, track, left, *more) for frame in frames)
+
+
+def overlap(left, right):
+    return max(0, 100 - abs(left - right)) / (100 + abs(left - right))
+
+
+def two_objects(frames):
+    return span(truth, frames, 1, 0) + span(truth, frames, 2, FAR)
+
+
+SWAPPED = (span(result, (1, 2), 5, 0) + span(result, (3, 4), 6, 0) +
+           span(result, (1, 2), 6, FAR) + span(result, (3, 4), 5, FAR))
+PERFECT = span(result, range(1, 5), 5, 0) + span(result, range(1, 5), 6, FAR)
+
+# name: (truth, result, {metric or count: value})
+CASES = {
+    "perfect": (two_objects(range(1, 5)), PERFECT,
+                {**dict.fromkeys(NAMES, 1), "truths": 8, "objects": 2, "mostly_tracked": 2,
+                 "misses": 0, "false_boxes": 0, "id_switches": 0, "fragments": 0}),
+    # Each id is right in 2 of the 6 frames that it or the object have: 4 + 4 - 2.
+    "ids swapped midway": (two_objects(range(1, 5)), SWAPPED,
+                           {"id_switches": 2, "fragments": 0, "MOTA": 1 - 2 / 8, "IDF1": 4 / 8,
+                            "DetA": 1, "AssA": 1 / 3, "HOTA": (1 / 3) ** 0.5}),
+    "gap": (span(truth, range(1, 11), 1, 0), span(result, (1, 2, 3, 4, 7, 8, 9, 10), 5, 0),
+            {"fragments": 1, "misses": 2, "id_switches": 0, "MOTA": 0.8, "mostly_tracked": 1,
+             "IDF1": 16 / 18, "DetA": 0.8, "AssA": 0.8, "HOTA": 0.8}),
+    "another id after a gap": (span(truth, range(1, 6), 1, 0),
+                               span(result, (1, 2), 5, 0) + span(result, (4,), 6, 0),
+                               {"fragments": 1, "id_switches": 1, "misses": 2, "IDF1": 4 / 8,
+                                "AssA": (2 * 2 / 5 + 1 / 5) / 3, "partly_tracked": 1}),
+    "absent is no gap": (span(truth, (1, 2, 7, 8), 1, 0), span(result, (1, 2, 7, 8), 5, 0),
+                         {"fragments": 0, "HOTA": 1, "MOTA": 1}),
+    "found in 1 of 6": (span(truth, range(1, 7), 1, 0), result(1, 5, 0), {"mostly_lost": 1}),
+    "found in 1 of 5": (span(truth, range(1, 6), 1, 0), result(1, 5, 0), {"partly_tracked": 1}),
+    "false boxes": (span(truth, (1, 2), 1, 0),
+                    span(result, (1, 2), 5, 0) + span(result, range(1, 7), 6, FAR),
+                    {"false_boxes": 6, "MOTA": -2, "DetA": 2 / 8, "AssA": 1, "IDP": 2 / 8, "IDR": 1}),
+    "no truth": ("", result(1, 5, 0), {**dict.fromkeys(NAMES), "false_boxes": 1}),
+    "no result": (truth(1, 1, 0), "", {**dict.fromkeys(NAMES, 0), "MOTP": None, "LocA": None,
+                                       "IDP": None, "misses": 1, "mostly_lost": 1}),
+    # Id 6 is of another class and id 7 nearer to the object that counts.
+    "ignored": (truth(1, 1, 0) + truth(1, 2, FAR, 0, 3) + truth(1, 3, 20, 0),
+                result(1, 7, 0) + result(1, 6, FAR), {"MOTA": 1, "results": 1, "truths": 1}),
+    "ignored once": (truth(1, 1, 0) + truth(1, 2, FAR, 0),
+                     result(1, 5, 0) + result(1, 6, FAR) + result(1, 7, FAR), {"false_boxes": 1}),
+    "another class": (truth(1, 1, 0, 1, 2), result(1, 5, 0, 1),
+                      {"misses": 1, "false_boxes": 1, "MOTA": -1, "HOTA": 0}),
+    # The best single pair (0 and 10) would leave 30 without one.
+    "crowded": (truth(1, 1, 0) + truth(1, 2, 30), result(1, 5, 10) + result(1, 6, -20),
+                {"misses": 0, "false_boxes": 0, "MOTP": 80 / 120}),
+    "a match is kept": (span(truth, (1, 2), 1, 0), result(1, 5, 0) + result(2, 5, 30) +
+                        result(2, 6, 0), {"id_switches": 0, "false_boxes": 1,
+                                          "MOTP": (1 + 70 / 130) / 2}),
+    "a match is not kept": (span(truth, (1, 2), 1, 0), result(1, 5, 0) + result(2, 5, 40) +
+                            result(2, 6, 0), {"id_switches": 1, "false_boxes": 1, "MOTP": 1}),
+    # In frame 4 both ids fit; id 6 goes better with the object, as id 5 has 20 frames of its own.
+    "HOTA follows whole tracks": (span(truth, range(1, 5), 1, 0),
+                                  span(result, (1, 2, 4), 5, 0) + span(result, (3, 4), 6, 0) +
+                                  span(result, range(5, 25), 5, FAR),
+                                  {"AssA": (2 * 2 / (4 + 23 - 2) + 2 * 2 / (4 + 2 - 2)) / 4,
+                                   "DetA": 4 / 25}),
+    # Ten of the nineteen thresholds are up to 0.5; at the others LocA counts 1.
+    "overlap at the threshold": (truth(1, 1, 0), result(1, 5, 0, 0, "100,50"),
+                                 {"misses": 0, "MOTP": 0.5, "HOTA": 10 / 19, "DetA": 10 / 19,
+                                  "LocA": (10 * 0.5 + 9) / 19}),
+    "overlap below it": (truth(1, 1, 0), result(1, 5, 0, 0, "100,49.9"),
+                         {"misses": 1, "false_boxes": 1, "MOTP": None, "IDF1": 0, "HOTA": 9 / 19}),
+}
+
+TRUTH_FAULTS = {
+    "1,1,0,0,9,9,1,0": "8 columns", "1,1,0,0,9,9,1,0,1,0,0": "11 columns", "x": "1 columns",
+    "0x1,1,0,0,9,9,1,0,1": 'frame "0x1" (column 1) is not a number', ",1,0,0,9,9,1,0,1": 'frame ""',
+    "1,1,nan,0,9,9,1,0,1": 'left "nan"', "1,1,0,inf,9,9,1,0,1": 'top "inf" (column 4) must be from',
+    "1,1,0,0,1e999,9,1,0,1": 'width "1e999"', "1,1,0,0,9,9,0.9,0,1": "consider", "1.5,1,0,0,9,9,1,0,1":
+    "whole number", "1,1,0,0,9,9,2,0,1": "from 0 to 1", "1,1,0,0,9,9,1,-1,1": "class",
+    "1,1,0,0,9,9,1,0,7": "visibility", "1,1,0,0,9,9,1,0,1,2": "moving", "-1,1,0,0,9,9,1,0,1": "frame",
+    "1,7,0,0,9,9,1,0,1\n1,7,5,0,9,9,1,0,1": ":2: object 7 has a box in frame 1 already, in row 1",
+    "1,7,0,0,9,9,1,0,1\n2,7,5,0,9,9,1,1,1": ":2: object 7 is of class 1, in row 1 of class 0",
+    "1,1,\x1b[31m\0,0,9,9,1,0,1": 'left "?[31m?"',
+    "".join(truth(1, track, 0) for track in range(1001)): ":1001: frame 1 has more than 1000 boxes",
+}
+RESULT_FAULTS = {
+    "1,-1,0,0,9,9,1,0,-1,-1": "run it with --track", "1,1,0,0,9,9,1,0,1": "9 columns",
+    "1,1,0,0,9,9,,0,-1,-1": "score", "1,1,0,0,9,9,1,0,-1,x": "tenth",
+}
+
+
+class EvalMotTest(ToolTest):
+    def evaluate(self, *texts, options=(), **more):
+        """The JSON and what was printed, for truth and result of one clip or more."""
+        files = [self.folder / f"{'result' if i % 2 else 'truth'}_{i // 2}.txt"
+                 for i in range(len(texts))]
+        for file, text in zip(files, texts):
+            file.write_text(text, newline="")
+        report = self.folder / "report.json"
+        done = self.tool("eval", "mot", *files, "--json", report, *options, **more)
+        values = json.loads(report.read_text())
+        self.assert_fits_schema(values, "eval_mot")
+        return values, done
+
+    def assert_values(self, part, expected):
+        for name, value in expected.items():
+            found = {**part["metrics"], **part["counts"]}[name]
+            if value is None:
+                self.assertIsNone(found, name)
+            else:
+                self.assertAlmostEqual(found, value, 9, name)
+
+    def test_values_computed_by_hand(self):
+        for name, (truths, results, expected) in CASES.items():
+            with self.subTest(name):
+                values, done = self.evaluate(truths, results)
+                self.assert_values(values["combined"], expected)
+                self.assert_values(values["clips"][0], expected)
+                row = done.stdout.splitlines()[1].split()  # of the first clip
+                self.assertEqual(row, ["truth_0"] + [
+                    "-" if value is None else f"{value:.3f}"
+                    for value in values["combined"]["metrics"].values()])
+
+    def test_assignments_are_the_best_of_all(self):
+        generator = random.Random(1)
+        # With a frame in between no match is kept from the frame before.
+        frames = {frame: [[generator.randrange(160) for _ in range(5)] for _ in range(2)]
+                  for frame in range(1, 40, 2)}
+        texts = ["".join(kind(frame, track, left) for frame, sides in frames.items()
+                         for track, left in enumerate(sides[side]))
+                 for side, kind in enumerate((truth, result))]
+        values = self.evaluate(*texts)[0]["combined"]
+
+        def best(table):
+            return max(sum(table[i][j] for i, j in enumerate(order))
+                       for order in itertools.permutations(range(5)))
+        overlaps = [[[overlap(i, j) if overlap(i, j) >= 0.5 else 0 for j in results] for i in truths]
+                    for truths, results in frames.values()]
+        together = [[sum(table[i][j] > 0 for table in overlaps) for j in range(5)] for i in range(5)]
+        matches = 100 - values["counts"]["misses"]
+        self.assertAlmostEqual(values["metrics"]["MOTP"] * matches, sum(map(best, overlaps)), 9)
+        self.assertAlmostEqual(values["metrics"]["IDF1"], best(together) / 100, 9)
+
+    def test_clips_are_combined(self):
+        one = (span(truth, range(1, 5), 1, 0), span(result, range(1, 5), 5, 0))
+        values, done = self.evaluate(*one, two_objects(range(1, 5)), SWAPPED)
+        self.assert_values(values["combined"], {
+            "truths": 12, "MOTA": 1 - 2 / 12, "IDF1": 8 / 12, "AssA": (4 + 8 / 3) / 12,
+            "HOTA": (5 / 9) ** 0.5})
+        self.assertEqual([clip["name"] for clip in values["clips"]], ["truth_0", "truth_1"])
+        self.assertEqual([line.split()[0] for line in done.stdout.splitlines()[1:4]],
+                         ["truth_0", "truth_1", "combined"])
+        self.tool("eval", "mot", "truth_0.txt", "result_0.txt", "truth_1.txt", code=2,
+                  said=["no RESULT for the TRUTH truth_1.txt"])
+        self.tool("eval", "mot", *["truth_0.txt", "result_0.txt"] * 2, "--timeline", "t.svg", code=2,
+                  said=["one clip"])
+
+    def test_classes(self):
+        texts = (truth(1, 1, 0) + truth(1, 2, FAR, 1, 4), result(1, 5, 0) + result(1, 6, FAR, 7))
+        values, done = self.evaluate(*texts)
+        self.assertEqual([part["class"] for part in values["per_class"]], [0, 4, 7])
+        for part, expected in zip(values["per_class"], ({"MOTA": 1}, {"MOTA": 0}, {"MOTA": None})):
+            self.assert_values(part, expected)
+        self.assertIn("class 7", done.stdout)
+        values = self.evaluate(*texts, options=["--classes", "0,7"])[0]
+        self.assertEqual(values["classes"], [0, 7])
+        self.assert_values(values["combined"], {"truths": 1, "false_boxes": 1, "misses": 0})
+        self.tool("eval", "mot", "a", "b", "--classes", "person", code=2)
+
+    def test_runs_and_timeline(self):
+        truths = (span(truth, range(1, 8), 1, 0) + span(truth, (8, 9), 1, 0, 0) +
+                  span(truth, (3, 4), 2, FAR, 1, 2))
+        results = span(result, (1, 2, 4), 5, 0) + span(result, (5, 6), 12, 0)
+        values = self.evaluate(truths, results, options=["--timeline", "t.svg"])[0]
+        first, second = values["clips"][0]["objects"]
+        self.assertEqual(first, {
+            "truth_id": 1, "class": 0, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
+            "runs": [{"first": a, "last": b, "result_id": c}
+                     for a, b, c in ((1, 2, 5), (4, 4, 5), (5, 6, 12))]})
+        self.assertEqual((second["class"], second["first"], second["runs"]), (2, 3, []))
+        picture = xml.etree.ElementTree.parse(self.folder / "t.svg").getroot()
+        name = "{http://www.w3.org/2000/svg}"
+        titles = [title.text for title in picture.iter(name + "title")]
+        self.assertEqual(titles, ["found", "id 5, frames 1 to 2", "id 5, frames 4 to 4",
+                                  "id 12, frames 5 to 6"])
+        self.assertEqual(len(list(picture.iter(name + "path"))), 2)  # one is the legend's
+        labels = [text.text for text in picture.iter(name + "text")]
+        self.assertEqual(labels[-5:], ["class 0  id 1", "5", "5", "12", "class 2  id 2"])
+
+    def test_lint(self):
+        frames = range(1, 11)
+        moving = "".join(truth(frame, 1, 60 * frame) for frame in frames)
+        right = "".join(result(frame, 5, 60 * frame) for frame in frames)
+        many = "".join(result(1, track, FAR * track) for track in range(6, 106))
+        cases = {
+            "empty_truth": ("", right), "empty_result": (moving, "# none\n"),
+            "repeated_ids": (moving, right + result(10, 5, 600)),
+            "frames_from_zero": (moving, result(0, 5, 0) + right),
+            "many_boxes_in_frame": (moving, right + many),
+            "boxes_without_area": (moving, right + result(1, 6, 0, 0, "0,9") + result(2, 6, 0, 0, "9,-9")),
+            "frames_beyond_truth": (moving, right + result(11, 5, 660)),
+            "frames_shifted": (moving, "".join(result(f, 5, 60 * f + 60) for f in frames)),
+            "class_ids_shifted": (moving, right.replace("0.9,0", "0.9,1")),
+            "": (moving, right)}
+        for kind, texts in cases.items():
+            with self.subTest(kind):
+                values, done = self.evaluate(*texts)
+                self.assertEqual([finding["kind"] for finding in values["warnings"]],
+                                 [kind] if kind else [])
+                self.assertEqual(done.stderr.count("warning: "), 1 if kind else 0)
+        values, done = self.evaluate(*cases["repeated_ids"])
+        self.assert_values(values["combined"], {"MOTA": 1})
+        self.evaluate(*cases["frames_shifted"], said=["9 instead of 0", "Add 1 to its first column"])
+        self.evaluate(*cases["class_ids_shifted"], said=["10 instead of 0", "from 1 to 0"])
+
+    def test_rows_are_read_with_tolerance(self):
+        text = "\ufeff# frame,id\r\n\r\n 1 , 1.0 ,0,0,\t100,100,1,0,-1,1\r\n2,1,0,0,100,100,1,0,0.5"
+        values = self.evaluate(text, span(result, (2, 1), 5, 0).rstrip("\n"))[0]
+        self.assert_values(values["combined"], {"truths": 2, "MOTA": 1})
+
+    def test_unusable_files(self):
+        (self.folder / "good.txt").write_text("")
+        for faults, files in ((TRUTH_FAULTS, ("bad.txt", "good.txt")),
+                              (RESULT_FAULTS, ("good.txt", "bad.txt"))):
+            for text, message in faults.items():
+                with self.subTest(message):
+                    (self.folder / "bad.txt").write_text(text)
+                    self.tool("eval", "mot", *files, code=4, said=["bad.txt:", message])
+        self.tool("eval", "mot", "missing.txt", "good.txt", code=4, said=["missing.txt"])
+        self.tool("eval", "mot", "good.txt", ".", code=4, said=["not a file"])
+
+    def test_minimums_and_outputs(self):
+        texts = (two_objects(range(1, 5)), SWAPPED)
+        values = self.evaluate(*texts, options=["--min", "MOTA=0.75"])[0]
+        self.assertEqual(values["minimums"], [{"metric": "MOTA", "minimum": 0.75, "met": True}])
+        values = self.evaluate(*texts, options=["--min", "MOTA=0.7", "--min", "IDF1=0.51"], code=1,
+                               said=["IDF1 is 0.5, below"])[0]
+        self.assertEqual([minimum["met"] for minimum in values["minimums"]], [True, False])
+        self.evaluate("", "", options=["--min", "HOTA=0"], code=1, said=["HOTA is undefined"])
+        files = ("eval", "mot", "truth_0.txt", "result_0.txt")
+        self.tool(*files, "--min", "HOTTA=1", code=2, said=["HOTA"])
+        self.tool(*files, "--json", "truth_0.txt", code=2, said=["would overwrite"])
+        self.tool(*files, "--json", "x", "--timeline", "./x", code=2, said=["both write to"])
+        self.tool(*files, "--timeline", "missing/x.svg", code=4, said=["missing/x.svg"])
+        done = self.tool(*files, "--json", "-")
+        self.assertEqual(json.loads(done.stdout)["schema_version"], 1)
+        self.assertIn("MOTA", done.stderr)
+
+
+if __name__ == "__main__":
+    main()

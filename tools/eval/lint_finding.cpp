@@ -1,0 +1,15 @@
+// lint_finding.cpp - findings on the screen. Read lint_finding.h first.
+#include "tools/eval/lint_finding.h"
+
+#include <cstdio>
+
+namespace olvex_tools {
+
+void print_findings(const std::string& command, const std::vector<LintFinding>& findings) {
+  for (const LintFinding& finding : findings) {
+    std::fprintf(stderr, "%s: warning: %s: %s\n", command.c_str(), finding.file.c_str(),
+                 finding.message.c_str());
+  }
+}
+
+}  // namespace olvex_tools
