@@ -200,7 +200,7 @@ void add_options(CLI::App* command, CommandLine* line) {
       ->type_name("")
       ->required();
   command->add_option("RUN", line->runs, "LABEL=LINES.jsonl, once per run")->type_name("");
-  command->add_option("--output", line->output, "The sheet (.png, .jpg)")
+  command->add_option("-o,--output", line->output, "The sheet (.png, .jpg)")
       ->type_name("FILE")
       ->required();
   CLI::Option* const frames =
