@@ -18,6 +18,7 @@
 #include "tools/compare_run.h"
 #include "tools/compare_sheet.h"
 #include "tools/frame_source.h"
+#include "tools/own_files.h"
 #include "tools/picture_writers.h"
 #include "tools/standard_output.h"
 #include "tools/whole_file.h"
@@ -102,16 +103,7 @@ void check_output(const CommandLine& line, const std::vector<NamedRun>& runs) {
   for (const NamedRun& run : runs) {
     read_paths.push_back(run.path);
   }
-  std::error_code error;
-  for (const std::string& path : read_paths) {
-    if (fs::equivalent(line.output, path, error)) {
-      refuse("--output would overwrite " + path + ", which is read. Name another file.");
-    }
-  }
-  if (fs::equivalent(fs::absolute(line.output, error).parent_path(), line.input, error)) {
-    refuse("--output " + line.output +
-           " would lie among the frames that are read. Name another folder.");
-  }
+  require_own_files({{"--output", line.output}}, read_paths);
 }
 
 bool is_dump(const fs::path& path) {

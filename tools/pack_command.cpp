@@ -19,6 +19,7 @@
 #include "tools/frame_conversion.h"
 #include "tools/library_model.h"
 #include "tools/model_facts.h"
+#include "tools/own_files.h"
 #include "tools/pack_options.h"
 #include "tools/standard_output.h"
 #include "tools/whole_file.h"
@@ -67,6 +68,9 @@ void check_target(const PackOptions& options) {
     throw ToolError(kUsageError,
                     options.image_path + ": this is the network itself. Choose another --output");
   }
+  require_own_files({{"--output", options.image_path}},
+                    {options.description_path, options.class_names_path, options.picture_path,
+                     options.calibration_pictures.value_or("")});
 }
 
 void check_pair_places(const PackOptions& options, const Pairs& pairs,

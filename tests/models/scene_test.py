@@ -121,9 +121,10 @@ class SceneTest(unittest.TestCase):
             self.assertEqual([line.split(",")[7] for line in decoys.read_text().splitlines()], ["-1"])
 
     def test_nothing_is_measured_on_training_scenes(self):
-        ranges = [split.TRAINING, split.VALIDATION, split.TEST, split.CLIPS, split.DECOY_CLIPS,
-                  split.STANDING_CLIPS, [split.DEMO]]
-        seeds = [seed for some in ranges for seed in some]
+        ranges = {name: some for name, some in vars(split).items()
+                  if isinstance(some, range) and name != "CALIBRATION"}
+        self.assertLessEqual({"TRAINING", "LOOKALIKES", "TEST"}, set(ranges))
+        seeds = [seed for some in ranges.values() for seed in some] + [split.DEMO]
         self.assertEqual(len(seeds), len(set(seeds)))
         self.assertLessEqual(set(split.CALIBRATION), set(split.TRAINING))
 

@@ -397,6 +397,8 @@ class EvalCocoTest(ToolTest):
                 (("coco", *files, "--plott", "x"), 2, "Did you mean --plot?"),
                 (("coco", *files, "--json", "truth.json"), 2, "--json would overwrite truth.json"),
                 (("coco", *files, "--json", "a", "--plot", "./a"), 2, "a file of its own"),
+                (("coco", *files, "--worst-pictures", "w", "--input", "v.mp4", "--plot", "v.mp4"), 2,
+                 "overwrite v.mp4"),
                 (("coco", *files, "--confusion-score", "2"), 2, "from 0 to 1"),
                 (("coco", *files, "--classes", ""), 2, "the value is empty"),
                 (("coco", "truth.json"), 2, "Try: olvex-det eval coco --help"),

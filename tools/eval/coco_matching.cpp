@@ -40,7 +40,8 @@ double overlap(const Box& detection, const Box& truth, bool crowd) {
   const double detection_area = detection.width * detection.height;
   const double whole =
       crowd ? detection_area : detection_area + truth.width * truth.height - intersection;
-  return intersection / whole;
+  // Sizes of 1e-200 have no area in double precision.
+  return whole > 0 ? intersection / whole : 0;
 }
 
 std::vector<std::vector<PictureBoxes>> boxes_by_class(const CocoTruth& truth,

@@ -24,5 +24,4 @@ target_sources(olvex-det PRIVATE
   eval/mot_metrics.cpp
   eval/mot_overlap.cpp
   eval/mot_report.cpp
-  eval/mot_timeline.cpp
-  eval/own_files.cpp)
+  eval/mot_timeline.cpp)

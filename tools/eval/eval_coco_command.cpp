@@ -12,8 +12,8 @@
 #include "tools/eval/coco_report.h"
 #include "tools/eval/coco_worst_pictures.h"
 #include "tools/eval/eval_command.h"
-#include "tools/eval/own_files.h"
 #include "tools/output_file.h"
+#include "tools/own_files.h"
 #include "tools/standard_output.h"
 
 namespace olvex_tools {
@@ -68,7 +68,9 @@ void check_options(const CommandLine& line) {
         "--worst-pictures and --input go together: the folder to draw into, and the video or "
         "pictures to draw on.");
   }
-  require_own_files({{"--json", line.json}, {"--plot", line.plot}}, {line.truth, line.result});
+  require_own_files(
+      {{"--json", line.json}, {"--plot", line.plot}, {"--worst-pictures", line.worst_folder}},
+      {line.truth, line.result, line.input});
 }
 
 // Files to a report; also what --min needs, which is checked before the long part.

@@ -11,8 +11,8 @@
 #include "tools/eval/metric_minimums.h"
 #include "tools/eval/mot_report.h"
 #include "tools/eval/mot_timeline.h"
-#include "tools/eval/own_files.h"
 #include "tools/output_file.h"
+#include "tools/own_files.h"
 #include "tools/standard_output.h"
 
 namespace olvex_tools {

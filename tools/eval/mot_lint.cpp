@@ -67,8 +67,7 @@ class Lint {
     }
     if (!repeated.empty()) {
       add("repeated_ids", result_,
-          std::to_string(repeated.size()) +
-              " boxes have an id that their frame has already, first " +
+          std::to_string(repeated.size()) + " rows repeat an id of their frame, first " +
               row_text(repeated.front()) +
               "; they are left out. Are two results in the file? Write each to a file of its own.");
     }
@@ -105,7 +104,7 @@ class Lint {
     if (first != file.rows.end()) {
       add("boxes_without_area", file,
           std::to_string(std::count_if(first, file.rows.end(), is_empty)) +
-              " boxes have a width or height of 0 or less, first " + row_text(*first) +
+              " boxes of a width or height of 0 or less, first " + row_text(*first) +
               "; they match nothing. Columns 3 to 6 are left, top, width and height, not corners.");
     }
   }

@@ -15,7 +15,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scene"))
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from figures import DECOY, HEAD_CLASS, PERSON  # noqa: E402
-from split import PICTURES_PER_SCENE, SCENE_SECONDS  # noqa: E402
+from split import PICTURES_PER_SCENE, SCENE_SECONDS, code_of_scenes  # noqa: E402
 from street import MOST_HIDDEN, Scene  # noqa: E402
 
 WIDTH, HEIGHT = 512, 288   # network pixels
@@ -68,8 +68,10 @@ def load(folder, name, seeds, mix):
     """Pictures of a mix of actors.py: (pictures N x HEIGHT x WIDTH x 3 of 8 bits in BGR, objects N x MOST_OBJECTS x COLUMNS)."""
     folder.mkdir(parents=True, exist_ok=True)
     picture_path, object_path = folder / f"{name}.pictures.npy", folder / f"{name}.objects.npy"
+    mark_path, mark = folder / f"{name}.mark", f"{seeds} {sorted(mix.items())} {code_of_scenes()}"
     count = len(seeds) * PICTURES_PER_SCENE
-    if not (object_path.exists() and len(np.load(object_path)) == count):
+    if not (mark_path.exists() and mark_path.read_text() == mark):
+        mark_path.unlink(missing_ok=True)
         pictures = np.lib.format.open_memmap(picture_path, "w+", np.uint8, (count, HEIGHT, WIDTH, 3))
         objects = np.zeros((count, MOST_OBJECTS, COLUMNS), np.float32)
         with multiprocessing.Pool(os.cpu_count()) as pool:
@@ -80,4 +82,5 @@ def load(folder, name, seeds, mix):
         print(file=sys.stderr)
         pictures.flush()
         np.save(object_path, objects)
+        mark_path.write_text(mark)
     return np.load(picture_path, mmap_mode="r"), np.load(object_path)

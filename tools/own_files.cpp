@@ -1,5 +1,5 @@
 // own_files.cpp - compares files by identity where they exist, else by path. Read own_files.h first.
-#include "tools/eval/own_files.h"
+#include "tools/own_files.h"
 
 #include <filesystem>
 #include <system_error>
@@ -19,6 +19,28 @@ bool is_same_file(const std::string& left, const std::string& right) {
              fs::weakly_canonical(fs::absolute(right, error), error);
 }
 
+bool lies_in(const std::string& path, const std::string& folder) {
+  std::error_code error;
+  return fs::is_directory(folder, error) &&
+         fs::equivalent(fs::absolute(path, error).parent_path(), folder, error);
+}
+
+void require_apart(const OutputOption& output, const std::string& input) {
+  const auto& [option, path] = output;
+  if (input.empty()) {
+    return;
+  }
+  if (is_same_file(path, input)) {
+    throw ToolError(kUsageError,
+                    option + " would overwrite " + input + ", which is read. Name another file.");
+  }
+  if (lies_in(path, input)) {
+    throw ToolError(kUsageError, option + " " + path +
+                                     " would lie among the frames that are read. Name another " +
+                                     "folder.");
+  }
+}
+
 }  // namespace
 
 void require_own_files(const std::vector<OutputOption>& outputs,
@@ -29,10 +51,7 @@ void require_own_files(const std::vector<OutputOption>& outputs,
       continue;
     }
     for (const std::string& input : inputs) {
-      if (is_same_file(path, input)) {
-        throw ToolError(kUsageError, option + " would overwrite " + input +
-                                         ", which is read. Name another file.");
-      }
+      require_apart(outputs[i], input);
     }
     for (std::size_t j = 0; j < i; ++j) {
       if (!outputs[j].second.empty() && is_same_file(path, outputs[j].second)) {

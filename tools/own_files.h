@@ -1,6 +1,6 @@
-// own_files.h - keeps the outputs of eval apart from its inputs and from one another.
-#ifndef TOOLS_EVAL_OWN_FILES_H
-#define TOOLS_EVAL_OWN_FILES_H
+// own_files.h - keeps the outputs of a subcommand apart from its inputs and from one another.
+#ifndef TOOLS_OWN_FILES_H
+#define TOOLS_OWN_FILES_H
 
 #include <string>
 #include <utility>
@@ -12,10 +12,11 @@ namespace olvex_tools {
 using OutputOption = std::pair<std::string, std::string>;
 
 // Throws ToolError (kUsageError) when an output is one of the inputs or another output, also by
-// another name.
+// another name, or would lie among the files of a folder that is an input. Empty names are not
+// looked at.
 void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs);
 
 }  // namespace olvex_tools
 
-#endif  // TOOLS_EVAL_OWN_FILES_H
+#endif  // TOOLS_OWN_FILES_H
