@@ -140,7 +140,6 @@ TEST(HostRefusal, model_files_and_mappings_that_are_truncated) {
     QV_IPU_OfflineModelStaticInfo_s facts;
     return QV_IPU_GetOfflineModeStaticInfo(read, source, &facts);
   };
-  char* mapped = nullptr;
   for (const std::size_t size : {std::size_t{10}, kImageHeaderSize + 9, image.size() - 1}) {
     std::ofstream(path, std::ios::binary).write(image.data(), static_cast<std::streamsize>(size));
     const int file = open(path.c_str(), O_RDONLY);
@@ -148,15 +147,19 @@ TEST(HostRefusal, model_files_and_mappings_that_are_truncated) {
     void* pages = mmap(nullptr, 2 * image.size(), PROT_READ, MAP_SHARED, file, 0);
     close(file);
     ASSERT_NE(MAP_FAILED, pages);
-    mapped = static_cast<char*>(pages);
     expect_refusal(QV_HOST_BAD_IMAGE, path + ": truncated",
-                   [&] { return info(copy_from_memory, mapped); });
+                   [&] { return info(copy_from_memory, static_cast<char*>(pages)); });
     munmap(pages, 2 * image.size());
     expect_refusal(QV_HOST_BAD_IMAGE, path + ": truncated",
                    [&] { return info(nullptr, &text_path[0]); });
   }
+  // Not an address that was unmapped: something else may lie there by now.
+  constexpr std::size_t kPage = 4096;
+  void* closed = mmap(nullptr, kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, closed);
   expect_refusal(QV_HOST_READ_FAILED, "cannot be read",
-                 [&] { return info(copy_from_memory, mapped); });
+                 [&] { return info(copy_from_memory, static_cast<char*>(closed)); });
+  munmap(closed, kPage);
   expect_refusal(QV_HOST_BAD_ARGUMENT, "context is NULL",
                  [&] { return info(copy_from_memory, nullptr); });
   std::remove(path.c_str());
