@@ -28,7 +28,6 @@ LONG = 2 * split.CLIP_RATE       # frames of "longer than 2 s"
 SHORT = split.CLIP_RATE          # frames; what is seen or moves for less is not asked for
 ON_A_DECOY = 0.3                 # overlap from which a false person stands on a decoy
 
-
 PARTS = ("detection", "tracking", "strict_mode", "standing_objects")
 
 
@@ -77,9 +76,8 @@ class Measurement:
                 images[number_format + heads] = image
         return images
 
-    def run(self, image, source, output, *options):
+    def run(self, image, source, *options):
         self.call(self.tool, "run", image, source, "--quiet", *options)
-        return output
 
     # ---- Detection ------------------------------------------------------------------------------
 
@@ -88,7 +86,7 @@ class Measurement:
         for name in ("fp32-all", "int16-all"):
             self.say(f"detection, {name}")
             result = self.work / f"test-{name}.json"
-            self.run(images[name], folder / "pictures", result, "--threshold", "0.01", "--coco", result)
+            self.run(images[name], folder / "pictures", "--threshold", "0.01", "--coco", result)
             figures = self.work / f"test-{name}.figures.json"
             self.call(self.tool, "eval", "coco", folder / "truth.json", result, "--json", figures,
                       "--plot", self.work / f"test-{name}.svg")
@@ -101,7 +99,7 @@ class Measurement:
         runs = []
         for seed in seeds:
             lines, rows = folder / f"{seed}.{kind}.jsonl", folder / f"{seed}.{kind}.mot"
-            self.run(image, folder / f"{seed}.mp4", lines, "--threshold", self.threshold, *options,
+            self.run(image, folder / f"{seed}.mp4", "--threshold", self.threshold, *options,
                      "--jsonl", lines, "--mot", rows)
             runs.append((folder / f"{seed}.txt", lines, rows))
         return runs

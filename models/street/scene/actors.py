@@ -70,9 +70,6 @@ class Actor:
             return x, y, self.headings[i], 1.3 * time, 0.0
         return x, y, self.headings[i], phase, speed
 
-    def stands_throughout(self):
-        return self.walked[-1] == 0.0
-
 
 def _pavement_y(rng):
     low, high = NEAR_PAVEMENT if rng.uniform() < 0.6 else FAR_PAVEMENT
