@@ -18,6 +18,7 @@ add_library(olvex_det_core OBJECT
   base/sdet/sdet_model.cpp
   base/tracker/iou_tracker/iout.cpp
   utils/debug/debug.cpp
+  video/det/src/det_refine.cpp
   video/det/src/det_schedule.cpp)
 set_target_properties(olvex_det_core PROPERTIES
   CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON

@@ -1,0 +1,35 @@
+# olvex_add_routines(<target> <table> [<folder>...]) builds a whole library as a shared object that
+# exports one function, <table>, from tests/support/routines.h. Files that a folder has under the
+# path of one of the library's own take its place: a source is compiled instead, a header is found
+# first.
+
+set(OLVEX_ROUTINES_SOURCES video/det/src/olvex_det_impl.cpp tests/support/routines.cpp)
+
+function(olvex_add_routines target table)
+  get_target_property(sources olvex_det_core SOURCES)
+  set(chosen "")
+  foreach(source IN LISTS sources OLVEX_ROUTINES_SOURCES)
+    set(file "${PROJECT_SOURCE_DIR}/${source}")
+    foreach(folder IN LISTS ARGN)
+      if(EXISTS "${folder}/${source}")
+        set(file "${folder}/${source}")
+        break()
+      endif()
+    endforeach()
+    list(APPEND chosen "${file}")
+  endforeach()
+  add_library(${target} SHARED ${chosen})
+  set_target_properties(${target} PROPERTIES
+    CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  # The library's own public functions are visible by their declaration; they must not meet those of
+  # another library in the same program.
+  set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+  file(CONFIGURE OUTPUT "${map}" CONTENT "{ global: ${table}; local: *; };\n")
+  target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
+  target_compile_definitions(${target} PRIVATE OLVEX_ROUTINES=${table})
+  target_include_directories(${target} BEFORE PRIVATE
+    ${ARGN} "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records"
+    "${PROJECT_SOURCE_DIR}/video/det/include")
+  target_link_libraries(${target} PRIVATE qv_scripted olvex_warnings olvex_numbers Threads::Threads)
+endfunction()

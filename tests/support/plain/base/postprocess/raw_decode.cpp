@@ -1,0 +1,260 @@
+// raw_decode.cpp - raw output layers to boxes, on the CPU. See det_postprocess.h for the layout of
+// a layer; base/sdet/sdet_model.cpp fills the parameters.
+#include "base/postprocess/det_postprocess.h"
+
+#include <math.h>
+#include <stdint.h>
+
+#include "utils/log/olvex_log.h"
+
+OLVEX_LOG_CLOCK;
+
+namespace {
+
+const int kKeyPointTriple = 3;  // x, y, visibility
+const int kKeyPointPair = 2;    // x, y
+
+// A cell of 32-bit floats.
+struct Fp32Cell {
+  typedef float Element;
+
+  Fp32Cell(const float* values, const float* /*end*/, float /*scalar*/) : values_(values) {}
+
+  // Floats have no scale: the array is not looked at.
+  static float layer_scale(const DetDecodeInfo& /*info*/, int /*layer*/) { return 1.0f; }
+
+  float operator[](int k) const { return values_[k]; }
+  float pair_score(int /*q*/) const { return 1.0f; }
+
+ private:
+  const float* values_;
+};
+
+// A cell of 16-bit integers with one scale per layer.
+struct Int16Cell {
+  typedef int16_t Element;
+
+  Int16Cell(const int16_t* values, const int16_t* end, float scalar)
+      : values_(values), end_(end), scalar_(scalar) {}
+
+  static float layer_scale(const DetDecodeInfo& info, int layer) { return info.scalar[layer]; }
+
+  float operator[](int k) const { return static_cast<float>(values_[k]) * scalar_; }
+
+  // Deliberate: unlike the float path, which gives 1, the score of a key point without one comes
+  // from the element behind its pair: the next key point's x, or the next cell's first element.
+  // Models are tuned to these scores. Behind the last cell there is none, and 0 is used.
+  float pair_score(int q) const {
+    const int16_t* behind = values_ + q + kKeyPointPair;
+    const float value = behind < end_ ? static_cast<float>(*behind) * scalar_ : 0.0f;
+    return sigmoid(value);
+  }
+
+ private:
+  const int16_t* values_;
+  const int16_t* end_;
+  float scalar_;
+};
+
+// The measures of one layer.
+struct LayerShape {
+  int rows;
+  int columns;
+  int channels;
+  int stride;           // network-input pixels per cell
+  int first_class;      // channel of the first class logit
+  int first_keypoint;   // channel of the first key-point value
+  int keypoint_values;  // values per key point
+};
+
+bool is_equal_multiple(int net_w, int net_h, int out_w, int out_h) {
+  return out_w > 0 && out_h > 0 && net_w % out_w == 0 && net_h % out_h == 0 &&
+         net_w / out_w == net_h / out_h;
+}
+
+// 3 or 2, whichever explains the channel count; 0 when neither does. Negative counts describe no
+// cell, whatever the channels add up to. Sums are taken in 64 bits.
+int values_per_keypoint(const DetDecodeInfo& info, int channels) {
+  if (info.reg_max < 1 || info.num_classes < 0 || info.num_keypoints < 0) {
+    return 0;
+  }
+  const int64_t base = 4 * static_cast<int64_t>(info.reg_max) + info.num_classes;
+  const int64_t num_keypoints = info.num_keypoints;
+  if (channels == base + kKeyPointTriple * num_keypoints) {
+    return kKeyPointTriple;
+  }
+  return channels == base + kKeyPointPair * num_keypoints ? kKeyPointPair : 0;
+}
+
+int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
+  // A negative index is refused like one too large.
+  if (layer < 0 || layer >= info.num_out_layers) {
+    OLVEX_ERROR_FORMAT("illegal access to out layer%d \n\n", layer);
+    return E_ALGO_INVALID_PARAM;
+  }
+  shape.columns = info.net_out_w[layer];
+  shape.rows = info.net_out_h[layer];
+  shape.channels = info.net_out_c[layer];
+  if (!is_equal_multiple(info.net_in_w, info.net_in_h, shape.columns, shape.rows)) {
+    OLVEX_ERROR_FORMAT("Mismatch between input shape(%dx%d) and output shape(%dx%d)\n\n",
+                       info.net_in_w, info.net_in_h, shape.columns, shape.rows);
+    return E_ALGO_INVALID_OUTPUT_SIZE;
+  }
+  shape.stride = info.net_in_w / shape.columns;
+  shape.keypoint_values = values_per_keypoint(info, shape.channels);
+  if (shape.keypoint_values == 0) {
+    OLVEX_ERROR_FORMAT(
+        "mismatch between out shape(%d) with num_classes(%d) and num_keypoints(%d)\n",
+        shape.channels, info.num_classes, info.num_keypoints);
+    return E_ALGO_INVALID_OUTPUT_SIZE;
+  }
+  shape.first_class = 4 * info.reg_max;
+  shape.first_keypoint = shape.first_class + info.num_classes;
+  return E_ALGO_SUCCESS;
+}
+
+// The logit whose sigmoid is the threshold: scores are compared before the exponential.
+float logit_threshold(float conf_threshold) {
+  const double p = static_cast<double>(conf_threshold);
+  return static_cast<float>(log(p / (1.0 - p)));
+}
+
+template <typename Cell>
+float best_class(const Cell& cell, const LayerShape& shape, int num_classes, int& label) {
+  float best = -INFINITY;
+  label = 0;
+  for (int k = 0; k < num_classes; ++k) {
+    const float v = cell[shape.first_class + k];
+    if (v > best) {
+      best = v;
+      label = k;
+    }
+  }
+  return best;
+}
+
+// Distance from a cell's centre to one side, in network-input pixels. bins and probabilities are
+// scratch of reg_max values.
+template <typename Cell>
+float side_distance(const Cell& cell, int side, int reg_max, int stride, olvex::vector<float>& bins,
+                    olvex::vector<float>& probabilities) {
+  if (reg_max == 1) {
+    const float reach = sigmoid(cell[side]) * 4.0f;
+    return static_cast<float>(pow(static_cast<double>(reach), 2) * stride);
+  }
+  for (int b = 0; b < reg_max; ++b) {
+    bins[static_cast<size_t>(b)] = cell[side * reg_max + b];
+  }
+  softmax_(bins.data(), probabilities.data(), reg_max);
+  float mean = 0.0f;
+  for (int b = 0; b < reg_max; ++b) {
+    mean += static_cast<float>(b) * probabilities[static_cast<size_t>(b)];
+  }
+  return static_cast<float>(stride) * mean;
+}
+
+// Computed in double and rounded once.
+float keypoint_position(int cell_index, float offset, int stride) {
+  return static_cast<float>((cell_index + 2.0 * static_cast<double>(offset)) * stride);
+}
+
+template <typename Cell>
+int decode_keypoints(const Cell& cell, const LayerShape& shape, int i, int j,
+                     olvex::vector<KeyPt_t>& keypts) {
+  for (size_t k = 0; k < keypts.size(); ++k) {
+    const int q = shape.first_keypoint + shape.keypoint_values * static_cast<int>(k);
+    keypts[k].x = keypoint_position(j, cell[q], shape.stride);
+    keypts[k].y = keypoint_position(i, cell[q + 1], shape.stride);
+    switch (shape.keypoint_values) {
+      case kKeyPointTriple:
+        keypts[k].score = sigmoid(cell[q + 2]);
+        break;
+      case kKeyPointPair:
+        keypts[k].score = cell.pair_score(q);
+        break;
+      default:
+        // Not reached while resolve_shape refuses every other layout.
+        OLVEX_ERROR("error occurred while decoding keypoints");
+        return E_ALGO_INVALID_OUTPUT_SIZE;
+    }
+  }
+  return E_ALGO_SUCCESS;
+}
+
+template <typename Cell>
+int decode_cells(const DetDecodeInfo& info, int layer, const LayerShape& shape,
+                 olvex::vector<BoxInfo>& out) {
+  typedef typename Cell::Element Element;
+  const float threshold = logit_threshold(info.conf_threshold);
+  const size_t num_bins = static_cast<size_t>(info.reg_max);
+  olvex::vector<float> bins(num_bins, 0.0f);
+  olvex::vector<float> probabilities(num_bins, 0.0f);
+  const float scalar = Cell::layer_scale(info, layer);
+
+  const Element* p = static_cast<const Element*>(info.data[layer]);
+  const Element* end = p + static_cast<ptrdiff_t>(shape.rows) * shape.columns * shape.channels;
+  for (int i = 0; i < shape.rows; ++i) {
+    for (int j = 0; j < shape.columns; ++j, p += shape.channels) {
+      const Cell cell(p, end, scalar);
+      int label;
+      const float best = best_class(cell, shape, info.num_classes, label);
+      if (!(best >= threshold)) {
+        continue;
+      }
+      float d[4];
+      for (int side = 0; side < 4; ++side) {
+        d[side] = side_distance(cell, side, info.reg_max, shape.stride, bins, probabilities);
+      }
+      const float cx = static_cast<float>((j + 0.5) * shape.stride);
+      const float cy = static_cast<float>((i + 0.5) * shape.stride);
+      BoxInfo box;
+      box.x1 = cx - d[0];
+      box.y1 = cy - d[1];
+      box.x2 = cx + d[2];
+      box.y2 = cy + d[3];
+      box.score = sigmoid(best);
+      box.label = label;
+      box.keypts.resize(static_cast<size_t>(info.num_keypoints), KeyPt_t());
+      const int result = decode_keypoints(cell, shape, i, j, box.keypts);
+      if (result != E_ALGO_SUCCESS) {
+        return result;
+      }
+      out.push_back(box);
+    }
+  }
+  return E_ALGO_SUCCESS;
+}
+
+}  // namespace
+
+int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out) {
+  LayerShape shape;
+  const int result = resolve_shape(info, layer, shape);
+  if (result != E_ALGO_SUCCESS) {
+    return result;
+  }
+  OLVEX_INFO_FORMAT("num_classes = %d; num_keypoints = %d\n", info.num_classes, info.num_keypoints);
+  switch (info.out_format) {
+    case QV_IPU_FORMAT_FP32:
+      OLVEX_INFO("executing FP32 decode...");
+      return decode_cells<Fp32Cell>(info, layer, shape, out);
+    case QV_IPU_FORMAT_INT16:
+      OLVEX_INFO("executing INT16 decode...");
+      return decode_cells<Int16Cell>(info, layer, shape, out);
+    default:
+      // The format's number stands in for its name.
+      OLVEX_ERROR_FORMAT("Not implemented out format: %d !\n", static_cast<int>(info.out_format));
+      return E_ALGO_INVALID_PARAM;
+  }
+}
+
+void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out) {
+  OLVEX_INFO("det_postprocess");
+  out.clear();
+  for (int layer = 0; layer < info.num_out_layers; ++layer) {
+    // Deliberate: the result is ignored. A layer that fails has logged why, and the others still
+    // count.
+    det_decode_one_layer(info, layer, out);
+  }
+  nms(out, info.nms_threshold, info.class_specific_nms);
+}

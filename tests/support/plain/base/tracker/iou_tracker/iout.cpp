@@ -1,0 +1,212 @@
+// iout.cpp - matching, life and death of tracks, static/moving classification. See iout.h.
+#include "base/tracker/iou_tracker/iout.h"
+
+#include "utils/log/olvex_log.h"
+
+OLVEX_LOG_CLOCK;
+
+namespace {
+
+// The corners of a box and of another one, and where they meet.
+struct Meeting {
+  float minx1, maxx1, miny1, maxy1;
+  float minx2, maxx2, miny2, maxy2;
+  float intersection;
+};
+
+// False when there is no overlap to speak of: other class, or apart. Boxes that only touch meet, in
+// an intersection of 0.
+bool meet(const TrackBBox& a, const TrackBBox& b, bool same_class, Meeting& m) {
+  if (same_class && a.class_id != b.class_id) {
+    return false;
+  }
+  m.minx1 = a.x;
+  m.maxx1 = a.x + a.w;
+  m.miny1 = a.y;
+  m.maxy1 = a.y + a.h;
+  m.minx2 = b.x;
+  m.maxx2 = b.x + b.w;
+  m.miny2 = b.y;
+  m.maxy2 = b.y + b.h;
+  if (m.maxx2 < m.minx1 || m.maxx1 < m.minx2 || m.maxy2 < m.miny1 || m.maxy1 < m.miny2) {
+    return false;
+  }
+  m.intersection = (olvex::min(m.maxx2, m.maxx1) - olvex::max(m.minx2, m.minx1)) *
+                   (olvex::min(m.maxy2, m.maxy1) - olvex::max(m.miny2, m.miny1));
+  return true;
+}
+
+}  // namespace
+
+TrackBBox to_track_box(const BoxInfo& box) {
+  TrackBBox track_box;
+  track_box.x = box.x1;
+  track_box.y = box.y1;
+  track_box.w = box.x2 - box.x1;
+  track_box.h = box.y2 - box.y1;
+  track_box.score = box.score;
+  track_box.class_id = box.label;
+  track_box.pts = box.pts;
+  return track_box;
+}
+
+// Deliberate: no extra pixel, unlike suppression, and a class switch, unlike stabilisation: the
+// measures are part of each stage's results.
+float track_bbox_iou(TrackBBox& a, TrackBBox& b, bool same_class) {
+  Meeting m;
+  if (!meet(a, b, same_class, m)) {
+    return 0.0f;
+  }
+  return m.intersection / ((m.maxx1 - m.minx1) * (m.maxy1 - m.miny1) +
+                           (m.maxx2 - m.minx2) * (m.maxy2 - m.miny2) - m.intersection);
+}
+
+float track_bbox_intersect(TrackBBox& a, TrackBBox& b, bool same_class) {
+  Meeting m;
+  return meet(a, b, same_class, m) ? m.intersection : 0.0f;
+}
+
+int highest_iou(TrackBBox box, olvex::vector<TrackBBox> candidates) {
+  int best = -1;
+  float best_iou = 0.0f;
+  for (size_t k = 0; k < candidates.size(); ++k) {
+    const float iou = track_bbox_iou(box, candidates[k], true);
+    // Deliberate: less or equal, so that equal overlaps go to the later candidate. Which one it is
+    // decides the box and the score that the track goes on with.
+    if (best_iou <= iou) {
+      best = static_cast<int>(k);
+      best_iou = iou;
+    }
+  }
+  return best;
+}
+
+OlvexIouTracker::OlvexIouTracker()
+    : iou_sigma_l_(0.0f),
+      iou_sigma_h_(0.2f),
+      iou_sigma_iou_(0.3f),
+      iou_sigma_show_(0.5f),
+      iou_t_min_(1.0f),
+      iou_t_max_(10.0f),
+      erase_min_size_(15.0f),
+      max_lost_times_(10),
+      track_id_(1) {}
+
+// Continues live track j with its best detection, which is taken out of the list. False when none
+// overlaps enough.
+bool OlvexIouTracker::continue_track(size_t j, olvex::vector<TrackBBox>& detections) {
+  Track& t = active_tracks_[j];
+  TrackBBox last(t.boxes[t.boxes.size() - 1]);
+  const int best = highest_iou(last, detections);
+  if (best < 0 || static_cast<size_t>(best) >= detections.size()) {
+    return false;
+  }
+  TrackBBox& detection = detections[static_cast<size_t>(best)];
+  const float iou = track_bbox_iou(last, detection, true);
+  OLVEX_DEBUG_FORMAT("max_iou = %f\n", static_cast<double>(iou));
+  if (!(iou >= iou_sigma_iou_)) {
+    return false;
+  }
+  t.boxes.push_back(detection);
+  if (t.max_score < detection.score) {
+    t.max_score = detection.score;
+  }
+  detections.erase(detections.begin() + best);
+  // Deliberate: the cap is tested on the size less 1, so that the history holds iou_t_max_ boxes
+  // after the oldest is gone, and grows by none once it is full.
+  if (static_cast<float>(t.boxes.size() - 1) >= iou_t_max_) {
+    t.boxes.erase(t.boxes.begin());
+  }
+  t.lost_times = 0;
+  return true;
+}
+
+// Lets the live tracks choose in order of creation; what is left in detections was not chosen.
+void OlvexIouTracker::match_frame(olvex::vector<TrackBBox>& detections) {
+  size_t j = 0;
+  while (j < active_tracks_.size()) {
+    if (!continue_track(j, detections)) {
+      ++active_tracks_[j].lost_times;
+      if (active_tracks_[j].lost_times > max_lost_times_) {
+        active_tracks_.erase(active_tracks_.begin() + j);
+        continue;
+      }
+    }
+    ++j;
+  }
+}
+
+void OlvexIouTracker::start_tracks(const olvex::vector<TrackBBox>& detections) {
+  for (size_t k = 0; k < detections.size(); ++k) {
+    const TrackBBox& box = detections[k];
+    Track track;
+    track.boxes.push_back(box);
+    track.max_score = box.score;
+    track.id = track_id_;
+    // In unsigned arithmetic: a counter at its end goes on with negative ids.
+    track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
+    active_tracks_.push_back(track);
+    OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id,
+                       static_cast<double>(box.x), static_cast<double>(box.y),
+                       static_cast<double>(box.w), static_cast<double>(box.h));
+  }
+}
+
+void OlvexIouTracker::collect_finished() {
+  for (size_t j = 0; j < active_tracks_.size(); ++j) {
+    const Track& track = active_tracks_[j];
+    if (track.max_score >= iou_sigma_h_ && static_cast<float>(track.boxes.size()) >= iou_t_min_ &&
+        track.lost_times == 0) {
+      finished_tracks_.push_back(track);
+    }
+  }
+}
+
+void OlvexIouTracker::track_iou(olvex::vector<olvex::vector<TrackBBox> > frames) {
+  // Cleared first: the finished tracks are always a part of the live ones, also when an allocation
+  // fails on the way.
+  finished_tracks_.clear();
+  for (size_t f = 0; f < frames.size(); ++f) {
+    olvex::vector<TrackBBox> detections(frames[f]);
+    match_frame(detections);
+    start_tracks(detections);
+  }
+  collect_finished();
+}
+
+void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
+  OLVEX_DEBUG_FORMAT("enter %s\n", "static_moving_classify");
+  // 0 would address the box behind the newest; it counts as 1, the newest itself. A negative value
+  // becomes a number larger than any history.
+  const uint32_t ref_frame =
+      params.ref_frame == 0 ? 1u : static_cast<uint32_t>(static_cast<int32_t>(params.ref_frame));
+  for (size_t i = 0; i < finished_tracks_.size(); ++i) {
+    Track& t = finished_tracks_[i];
+    const size_t n = t.boxes.size();
+    if (ref_frame <= n) {
+      const float iou = track_bbox_iou(t.boxes[n - 1], t.boxes[n - ref_frame], true);
+      OLVEX_DEBUG_FORMAT("track_id = %d => iou = %f\n", t.id, static_cast<double>(iou));
+      if (iou >= params.static_sensitive) {
+        t.moving = false;
+      } else {
+        if (!t.moved) {
+          OLVEX_DEBUG_FORMAT("track_id = %d => moved false to true\n", t.id);
+          t.moved = true;
+        }
+        if (!t.moving) {
+          OLVEX_DEBUG_FORMAT("track_id = %d => moving false to true\n", t.id);
+          t.moving = true;
+        }
+      }
+    }
+    // Deliberate: the bound is the size of the finished list while the index runs over the live
+    // list. A track further back keeps its new flags in the finished copy only; copying them all
+    // would report other objects as moving.
+    for (size_t k = 0; k < finished_tracks_.size(); ++k) {
+      if (active_tracks_[k].id == t.id) {
+        active_tracks_[k].moving = t.moving;
+        active_tracks_[k].moved = t.moved;
+      }
+    }
+  }
+}

@@ -1,0 +1,73 @@
+// olvex_log.h - the library's log lines on standard output.
+//
+// A line is a header "[2024-03-07 14:05:09 42.0000] DLA_INFO:, LINE: 17. " and the message. A
+// source that logs writes OLVEX_LOG_CLOCK; once at file level, and then
+//
+//   OLVEX_INFO("a text");                      the text and a newline
+//   OLVEX_INFO_FORMAT("count %d\n", count);    a format with its own newline and its arguments
+//
+// and the same with ERROR and DEBUG. The FORMAT macros do not compile without an argument. A
+// function that keeps a clock of its own names it: OLVEX_LOG_FORMAT(clock, OLVEX_TAG_INFO, "%d\n",
+// count).
+//
+// Lines are printed whatever the level: LOG_LEVEL (utils/debug/debug.cpp) gates the dump's line
+// only.
+#ifndef UTILS_LOG_OLVEX_LOG_H
+#define UTILS_LOG_OLVEX_LOG_H
+
+#include <stdio.h>
+#include <sys/time.h>
+#include <time.h>
+
+// The clock readings of one source file's log lines.
+//
+// Deliberate: a file-level static without a lock, and localtime's shared buffer. Two threads that
+// log in the same moment may print each other's time; the log is diagnostic only, and a lock around
+// it would couple handles that are otherwise independent.
+struct OlvexLogClock {
+  struct timeval time_of_day;
+  struct tm* calendar;
+};
+
+#define OLVEX_LOG_CLOCK static OlvexLogClock olvex_log_clock
+
+// Prints the header of one line. The fraction comes from gettimeofday and the calendar fields from
+// time, two readings one after the other.
+inline void olvex_log_header(OlvexLogClock& clock, const char* tag, int line) {
+  gettimeofday(&clock.time_of_day, NULL);
+  const time_t seconds = time(NULL);
+  clock.calendar = localtime(&seconds);
+  const struct tm& calendar = *clock.calendar;
+  printf("[%d-%02d-%02d %02d:%02d:%02d %.04f] %s, LINE: %d. ", calendar.tm_year + 1900,
+         calendar.tm_mon + 1, calendar.tm_mday, calendar.tm_hour, calendar.tm_min, calendar.tm_sec,
+         static_cast<double>(clock.time_of_day.tv_usec) / 1000.0, tag, line);
+}
+
+#define OLVEX_LOG_TEXT(clock, tag, text)      \
+  do {                                        \
+    olvex_log_header((clock), tag, __LINE__); \
+    puts(text);                               \
+  } while (0)
+
+#define OLVEX_LOG_FORMAT(clock, tag, format, ...) \
+  do {                                            \
+    olvex_log_header((clock), tag, __LINE__);     \
+    printf(format, __VA_ARGS__);                  \
+  } while (0)
+
+#define OLVEX_TAG_ERROR "DLA_ERROR:"
+#define OLVEX_TAG_INFO "DLA_INFO:"
+#define OLVEX_TAG_DEBUG "DLA_DEBUG:"
+
+#define OLVEX_ERROR(text) OLVEX_LOG_TEXT(olvex_log_clock, OLVEX_TAG_ERROR, text)
+#define OLVEX_INFO(text) OLVEX_LOG_TEXT(olvex_log_clock, OLVEX_TAG_INFO, text)
+#define OLVEX_DEBUG(text) OLVEX_LOG_TEXT(olvex_log_clock, OLVEX_TAG_DEBUG, text)
+
+#define OLVEX_ERROR_FORMAT(format, ...) \
+  OLVEX_LOG_FORMAT(olvex_log_clock, OLVEX_TAG_ERROR, format, __VA_ARGS__)
+#define OLVEX_INFO_FORMAT(format, ...) \
+  OLVEX_LOG_FORMAT(olvex_log_clock, OLVEX_TAG_INFO, format, __VA_ARGS__)
+#define OLVEX_DEBUG_FORMAT(format, ...) \
+  OLVEX_LOG_FORMAT(olvex_log_clock, OLVEX_TAG_DEBUG, format, __VA_ARGS__)
+
+#endif  // UTILS_LOG_OLVEX_LOG_H

@@ -1,0 +1,145 @@
+// det_refine.cpp - DetHandle: what becomes of a frame's detections. Tracking, the rebuilt list and
+// stabilisation. See det_schedule.h.
+#include "video/det/include/det_schedule.h"
+
+#include <stdint.h>
+
+#include "utils/log/olvex_log.h"
+#include "utils/numeric/saturating_cast.h"
+
+OLVEX_LOG_CLOCK;
+
+namespace {
+
+uint32_t truncated(float position) {
+  return olvex::saturating_cast<uint32_t>(static_cast<double>(position));
+}
+
+OlvexIouTracker* as_tracker(void* tracker) {
+  return static_cast<OlvexIouTracker*>(tracker);
+}
+
+}  // namespace
+
+// Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
+// the differences of boxes that do not meet wrap, so that two boxes far apart on a diagonal can
+// come out as overlapping. Different from the overlaps of suppression and tracking.
+float iou_ratio(const BoxInfo& a, const BoxInfo& b) {
+  const uint32_t ix1 = truncated(olvex::max(a.x1, b.x1));
+  const uint32_t iy1 = truncated(olvex::max(a.y1, b.y1));
+  const uint32_t ix2 = truncated(olvex::min(a.x2, b.x2));
+  const uint32_t iy2 = truncated(olvex::min(a.y2, b.y2));
+  const float inter = static_cast<float>((iy2 - iy1) * (ix2 - ix1));
+  const float areas = (a.x2 - a.x1) * (a.y2 - a.y1) + (b.x2 - b.x1) * (b.y2 - b.y1) - inter;
+  const float union_area = static_cast<float>(static_cast<double>(areas) + 1e-6);
+  return inter / union_area;
+}
+
+int DetHandle::track(olvex::vector<BoxInfo>& boxes) {
+  if (assert_handle_inited() != E_ALGO_SUCCESS) {
+    return E_ALGO_NOT_INIT;
+  }
+  if (mTracker_ == NULL && mIouTrackerParams_.enable == 1) {
+    mTracker_ = new OlvexIouTracker();
+  }
+  if (mTracker_ == NULL) {
+    OLVEX_ERROR("tracker is not inited");
+    return E_ALGO_NOT_INIT;
+  }
+  OLVEX_INFO("track start!");
+  olvex::vector<TrackBBox> frame;
+  for (size_t i = 0; i < boxes.size(); ++i) {
+    // Deliberate: boxes with a negative label stay in the list, for the double check, but are not
+    // tracked.
+    if (boxes[i].label >= 0) {
+      frame.push_back(to_track_box(boxes[i]));
+    }
+  }
+  olvex::vector<olvex::vector<TrackBBox> > frames;
+  frames.push_back(frame);
+  OLVEX_INFO_FORMAT("track input num is %d !\n", static_cast<int>(frame.size()));
+
+  OlvexIouTracker& tracker = *as_tracker(mTracker_);
+  tracker.track_iou(frames);
+  for (size_t i = 0; i < tracker.finished_tracks_.size(); ++i) {
+    const Track& track = tracker.finished_tracks_[i];
+    const TrackBBox& last = track.boxes[track.boxes.size() - 1];
+    OLVEX_INFO_FORMAT("track result %d x,y,w,h,id=%f,%f,%f,%f,%d!\n", static_cast<int>(i),
+                      static_cast<double>(last.x), static_cast<double>(last.y),
+                      static_cast<double>(last.w), static_cast<double>(last.h), track.id);
+  }
+  OLVEX_INFO("track over!");
+  return E_ALGO_SUCCESS;
+}
+
+bool DetHandle::is_reported(const Track& track) const {
+  if (track.boxes.empty()) {
+    return false;
+  }
+  if (mStaticParams_.ignore_static_objects == 1 && !track.moving) {
+    return false;
+  }
+  if (track.boxes[track.boxes.size() - 1].class_id < 0) {
+    return false;
+  }
+  return !(mDoubleCheckParams_.enable == 1 && track.double_check && !track.pass_double_check);
+}
+
+void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
+  if (assert_handle_inited() != E_ALGO_SUCCESS) {
+    return;
+  }
+  if (mTracker_ == NULL) {
+    OLVEX_ERROR("tracker is not inited");
+    return;
+  }
+  boxes.clear();
+  const olvex::vector<Track>& tracks = as_tracker(mTracker_)->finished_tracks_;
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (!is_reported(tracks[i])) {
+      continue;
+    }
+    const TrackBBox& last = tracks[i].boxes[tracks[i].boxes.size() - 1];
+    BoxInfo box;
+    box.x1 = last.x;
+    box.y1 = last.y;
+    box.x2 = last.x + last.w;
+    box.y2 = last.y + last.h;
+    box.score = last.score;
+    box.label = last.class_id;
+    box.pts = last.pts;
+    box.track_id = static_cast<unsigned long long>(static_cast<long long>(tracks[i].id));
+    boxes.push_back(box);
+  }
+}
+
+void DetHandle::stable_box(olvex::vector<BoxInfo>& boxes) {
+  OLVEX_DEBUG_FORMAT("enter %s\n", "stable_box");
+  if (assert_handle_inited() != E_ALGO_SUCCESS) {
+    return;
+  }
+  for (size_t i = 0; i < boxes.size(); ++i) {
+    size_t best = 0;
+    float best_iou = 0.0f;
+    for (size_t k = 0; k < mLastOutput_.size(); ++k) {
+      const float ratio = iou_ratio(boxes[i], mLastOutput_[k]);
+      // Deliberate: strictly less, so that among equal overlaps the first previous box wins.
+      if (best_iou < ratio) {
+        best = k;
+        best_iou = ratio;
+      }
+    }
+    // Deliberate: the whole record is replaced, class, time stamp and track id with it, and no
+    // class is compared. OLVEX_StableBox holds the corners only, by another overlap. A sensitivity
+    // below 0 would let a box without any overlap be replaced: there is none to take.
+    if (best_iou > 0.0f && mStableBboxPrams_.stable_sensitive < best_iou) {
+      boxes[i] = mLastOutput_[best];
+    }
+  }
+}
+
+void DetHandle::update_last_output(olvex::vector<BoxInfo>& boxes) {
+  if (assert_handle_inited() == E_ALGO_SUCCESS) {
+    mLastOutput_ = boxes;
+  }
+}
