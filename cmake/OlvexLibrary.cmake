@@ -10,14 +10,18 @@ target_include_directories(qv_platform INTERFACE "${PROJECT_SOURCE_DIR}/platform
 
 add_library(olvex_det_core OBJECT
   base/ipu_engine/ipu_engine.cpp
-  base/postprocess/box_operations.cpp
+  base/postprocess/activations.cpp
+  base/postprocess/box_sort.cpp
   base/postprocess/double_check.cpp
   base/postprocess/ipu_decode.cpp
   base/postprocess/raw_decode.cpp
   base/postprocess/stable_box.cpp
+  base/postprocess/suppression.cpp
   base/sdet/sdet_model.cpp
   base/tracker/iou_tracker/iout.cpp
+  base/tracker/iou_tracker/open_detections.cpp
   utils/debug/debug.cpp
+  utils/log/olvex_log.cpp
   video/det/src/det_refine.cpp
   video/det/src/det_schedule.cpp)
 set_target_properties(olvex_det_core PROPERTIES

@@ -31,5 +31,9 @@ function(olvex_add_routines target table)
   target_include_directories(${target} BEFORE PRIVATE
     ${ARGN} "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records"
     "${PROJECT_SOURCE_DIR}/video/det/include")
-  target_link_libraries(${target} PRIVATE qv_scripted olvex_warnings olvex_numbers Threads::Threads)
+  # For the records in the table: the ones of the library as it ships.
+  target_include_directories(${target} INTERFACE
+    "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records")
+  target_link_libraries(${target} PUBLIC qv_scripted PRIVATE olvex_warnings olvex_numbers
+                                                               Threads::Threads)
 endfunction()

@@ -1,11 +1,13 @@
 // det_postprocess.h - from output tensors to boxes, and what is done with boxes: the one door of
 // this room.
 //
-//   box_operations.cpp  sort, activations, non-maximum suppression
-//   raw_decode.cpp      raw output layers, decoded on the CPU
-//   ipu_decode.cpp      box lists that the accelerator has already decoded
-//   stable_box.cpp      OLVEX_StableBox
-//   double_check.cpp    the double check of tracks against other classes
+//   activations.cpp   the exponential's relatives
+//   box_sort.cpp      boxes by falling score
+//   suppression.cpp   non-maximum suppression
+//   raw_decode.cpp    raw output layers, decoded on the CPU; cell_scan.h finds their cells
+//   ipu_decode.cpp    box lists that the accelerator has already decoded
+//   stable_box.cpp    OLVEX_StableBox
+//   double_check.cpp  the double check of tracks against other classes
 //
 // Overlap is measured differently in each place, on purpose: nms and nms_sorted_bboxes count pixels
 // inclusively (x2 - x1 + 1), OLVEX_StableBox does not, the tracker (iout.h) has a class switch, the
@@ -13,6 +15,8 @@
 // truncated integers. They are not to be unified.
 #ifndef BASE_POSTPROCESS_DET_POSTPROCESS_H
 #define BASE_POSTPROCESS_DET_POSTPROCESS_H
+
+#include <math.h>
 
 #include "qv_ipu.h"
 
@@ -35,7 +39,9 @@ void qsort_descent_inplace(olvex::vector<BoxInfo>& boxes);
 float fast_exp(float x);
 
 // 1 / (1 + e^-x), in single precision.
-float sigmoid(float x);
+inline float sigmoid(float x) {
+  return 1.0f / (expf(-x) + 1.0f);
+}
 
 // dst[k] = e^src[k] / sum over length values. The largest value is not taken off first: a value
 // above about 88 overflows and yields NaN. src and dst must be distinct or the same buffer.
@@ -103,7 +109,11 @@ struct DetDecodeInfo {
 // the layer's, the channels do not fit or a count is negative. Each failure is logged.
 int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out);
 
-// Clears out, decodes all layers into it and suppresses. A layer that fails contributes nothing.
+// Decodes all layers in order and appends their boxes to out, which is sized once. A layer that
+// fails contributes nothing.
+void det_decode_layers(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
+
+// Clears out, decodes all layers into it and suppresses.
 void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 
 // Clears boxes and fills it from tensors that the accelerator has decoded, then suppresses among

@@ -18,6 +18,7 @@ struct Routines {
   void (*nms_sorted_bboxes)(olvex::vector<BoxInfo>& boxes, olvex::vector<int>& picked,
                             float threshold, unsigned char class_specific);
   int (*decode_one_layer)(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out);
+  void (*decode_layers)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
   void (*det_postprocess)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
   int (*ipu_decode)(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
@@ -28,6 +29,12 @@ struct Routines {
   void (*classify)(void* tracker, const IoutStaticParams_t& params);
   olvex::vector<Track>& (*active_tracks)(void* tracker);
   olvex::vector<Track>& (*finished_tracks)(void* tracker);
+
+  // Overlaps, as the tracker and the stabiliser measure them.
+  int (*highest_iou)(TrackBBox box, olvex::vector<TrackBBox> candidates);
+  float (*track_bbox_iou)(TrackBBox& a, TrackBBox& b, bool same_class);
+  float (*track_bbox_intersect)(TrackBBox& a, TrackBBox& b, bool same_class);
+  float (*iou_ratio)(const BoxInfo& a, const BoxInfo& b);
 
   // DetHandle::stable_box against the given boxes of the previous frame.
   void (*stabilise)(olvex::vector<BoxInfo>& boxes, const olvex::vector<BoxInfo>& previous,

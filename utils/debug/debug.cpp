@@ -79,7 +79,7 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
 }
 
 int save_buffer_to_file(void* buf, int len, const char* dir, const char* name) {
-  OlvexLogClock clock;
+  OlvexLogClock clock = OlvexLogClock();
   gettimeofday(&clock.time_of_day, NULL);
   const time_t seconds = time(NULL);
   clock.calendar = localtime(&seconds);

@@ -19,7 +19,8 @@
 #include <sys/time.h>
 #include <time.h>
 
-// The clock readings of one source file's log lines.
+// The clock readings of one source file's log lines, and the text of the calendar fields, which is
+// made anew when the second changes.
 //
 // Deliberate: a file-level static without a lock, and localtime's shared buffer. Two threads that
 // log in the same moment may print each other's time; the log is diagnostic only, and a lock around
@@ -27,21 +28,15 @@
 struct OlvexLogClock {
   struct timeval time_of_day;
   struct tm* calendar;
+  time_t second;           // that calendar_text shows
+  char calendar_text[48];  // "[2024-03-07 14:05:09 "; empty at first
 };
 
 #define OLVEX_LOG_CLOCK static OlvexLogClock olvex_log_clock
 
 // Prints the header of one line. The fraction comes from gettimeofday and the calendar fields from
 // time, two readings one after the other.
-inline void olvex_log_header(OlvexLogClock& clock, const char* tag, int line) {
-  gettimeofday(&clock.time_of_day, NULL);
-  const time_t seconds = time(NULL);
-  clock.calendar = localtime(&seconds);
-  const struct tm& calendar = *clock.calendar;
-  printf("[%d-%02d-%02d %02d:%02d:%02d %.04f] %s, LINE: %d. ", calendar.tm_year + 1900,
-         calendar.tm_mon + 1, calendar.tm_mday, calendar.tm_hour, calendar.tm_min, calendar.tm_sec,
-         static_cast<double>(clock.time_of_day.tv_usec) / 1000.0, tag, line);
-}
+void olvex_log_header(OlvexLogClock& clock, const char* tag, int line);
 
 #define OLVEX_LOG_TEXT(clock, tag, text)      \
   do {                                        \

@@ -68,12 +68,16 @@ struct pair {
 // Raw storage for elements, apart from the typed surface below.
 namespace storage {
 
-// Zero-filled bytes for `count` elements of `element_size`; to be freed with release().
-inline char* reserve(size_t count, size_t element_size) {
+// Bytes for `count` elements of `element_size`; to be freed with release().
+inline char* reserve_unset(size_t count, size_t element_size) {
   // A request that does not fit a size_t becomes one that no allocator grants.
-  const size_t bytes = count > SIZE_MAX / element_size ? SIZE_MAX : count * element_size;
-  char* memory = new char[bytes];
-  memset(memory, 0, bytes);
+  return new char[count > SIZE_MAX / element_size ? SIZE_MAX : count * element_size];
+}
+
+// The same, filled with zeros.
+inline char* reserve(size_t count, size_t element_size) {
+  char* memory = reserve_unset(count, element_size);
+  memset(memory, 0, count * element_size);
   return memory;
 }
 
@@ -140,7 +144,9 @@ vector<T>::vector(size_t n, const T& value) : vector() {
 
 template <typename T>
 vector<T>::vector(const vector& other) : vector() {
-  *this = other;
+  if (other.size_ > 0) {
+    *this = other;
+  }
 }
 
 template <typename T>

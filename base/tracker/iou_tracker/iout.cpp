@@ -92,42 +92,113 @@ OlvexIouTracker::OlvexIouTracker()
       max_lost_times_(10),
       track_id_(1) {}
 
-// Continues live track j with its best detection, which is taken out of the list. False when none
-// overlaps enough.
-bool OlvexIouTracker::continue_track(size_t j, olvex::vector<TrackBBox>& detections) {
-  Track& t = active_tracks_[j];
-  TrackBBox last(t.boxes[t.boxes.size() - 1]);
-  const int best = highest_iou(last, detections);
-  if (best < 0 || static_cast<size_t>(best) >= detections.size()) {
+namespace {
+
+// The newest box of a track whose history is full takes the place of the oldest: the list neither
+// grows nor shrinks.
+void replace_oldest(olvex::vector<TrackBBox>& history, const TrackBBox& newest) {
+  const size_t last = history.size() - 1;
+  for (size_t k = 0; k < last; ++k) {
+    history[k] = history[k + 1];
+  }
+  history[last] = newest;
+}
+
+// Copies a track; a history of the same length is copied in place, without reserving anew.
+void copy_track(const Track& from, Track& to) {
+  if (from.boxes.size() != to.boxes.size()) {
+    to = from;
+    return;
+  }
+  for (size_t k = 0; k < from.boxes.size(); ++k) {
+    to.boxes[k] = from.boxes[k];
+  }
+  to.max_score = from.max_score;
+  to.start_frame = from.start_frame;
+  to.status_pre = from.status_pre;
+  to.status_now = from.status_now;
+  to.alert = from.alert;
+  to.id = from.id;
+  to.lost_times = from.lost_times;
+  to.moved = from.moved;
+  to.moving = from.moving;
+  to.double_check = from.double_check;
+  to.pass_double_check = from.pass_double_check;
+}
+
+// Forgets the finished tracks when a frame does not come to its end for lack of memory: they are
+// always a part of the live ones.
+class FinishedGuard {
+ public:
+  explicit FinishedGuard(olvex::vector<Track>& finished) : finished_(finished), is_done_(false) {}
+  ~FinishedGuard() {
+    if (!is_done_) {
+      finished_.clear();
+    }
+  }
+  FinishedGuard(const FinishedGuard&) = delete;
+  FinishedGuard& operator=(const FinishedGuard&) = delete;
+
+  void done() { is_done_ = true; }
+
+ private:
+  olvex::vector<Track>& finished_;
+  bool is_done_;
+};
+
+// Index of the live track with that id among the first bound, which are searched from hint on;
+// bound when there is none. Ids are unique.
+size_t find_live(const olvex::vector<Track>& live, size_t bound, int id, size_t hint) {
+  for (size_t k = hint; k < bound; ++k) {
+    if (live[k].id == id) {
+      return k;
+    }
+  }
+  for (size_t k = 0; k < hint; ++k) {
+    if (live[k].id == id) {
+      return k;
+    }
+  }
+  return bound;
+}
+
+}  // namespace
+
+// Continues a live track with its best detection, which is closed then. False when none overlaps
+// enough.
+bool OlvexIouTracker::continue_track(Track& track, const TrackBBox* boxes) {
+  const OpenDetections::Match best = detections_.highest_iou(track.boxes[track.boxes.size() - 1]);
+  if (best.index < 0) {
     return false;
   }
-  TrackBBox& detection = detections[static_cast<size_t>(best)];
-  const float iou = track_bbox_iou(last, detection, true);
-  OLVEX_DEBUG_FORMAT("max_iou = %f\n", static_cast<double>(iou));
-  if (!(iou >= iou_sigma_iou_)) {
+  OLVEX_DEBUG_FORMAT("max_iou = %f\n", static_cast<double>(best.iou));
+  if (!(best.iou >= iou_sigma_iou_)) {
     return false;
   }
-  t.boxes.push_back(detection);
-  if (t.max_score < detection.score) {
-    t.max_score = detection.score;
+  const TrackBBox& detection = boxes[best.index];
+  // Deliberate: the cap is tested on the size before the detection joins, so that the history holds
+  // iou_t_max_ boxes, and grows by none once it is full.
+  if (static_cast<float>(track.boxes.size()) >= iou_t_max_) {
+    replace_oldest(track.boxes, detection);
+  } else {
+    track.boxes.push_back(detection);
   }
-  detections.erase(detections.begin() + best);
-  // Deliberate: the cap is tested on the size less 1, so that the history holds iou_t_max_ boxes
-  // after the oldest is gone, and grows by none once it is full.
-  if (static_cast<float>(t.boxes.size() - 1) >= iou_t_max_) {
-    t.boxes.erase(t.boxes.begin());
+  if (track.max_score < detection.score) {
+    track.max_score = detection.score;
   }
-  t.lost_times = 0;
+  detections_.take(best.index);
+  track.lost_times = 0;
   return true;
 }
 
-// Lets the live tracks choose in order of creation; what is left in detections was not chosen.
-void OlvexIouTracker::match_frame(olvex::vector<TrackBBox>& detections) {
+// Lets the live tracks choose in order of creation.
+void OlvexIouTracker::match_frame(const TrackBBox* boxes) {
   size_t j = 0;
   while (j < active_tracks_.size()) {
-    if (!continue_track(j, detections)) {
-      ++active_tracks_[j].lost_times;
-      if (active_tracks_[j].lost_times > max_lost_times_) {
+    Track& track = active_tracks_[j];
+    if (!continue_track(track, boxes)) {
+      ++track.lost_times;
+      if (track.lost_times > max_lost_times_) {
         active_tracks_.erase(active_tracks_.begin() + j);
         continue;
       }
@@ -136,42 +207,63 @@ void OlvexIouTracker::match_frame(olvex::vector<TrackBBox>& detections) {
   }
 }
 
-void OlvexIouTracker::start_tracks(const olvex::vector<TrackBBox>& detections) {
-  for (size_t k = 0; k < detections.size(); ++k) {
-    const TrackBBox& box = detections[k];
-    Track track;
-    track.boxes.push_back(box);
-    track.max_score = box.score;
-    track.id = track_id_;
-    // In unsigned arithmetic: a counter at its end goes on with negative ids.
-    track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
-    active_tracks_.push_back(track);
-    OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id,
-                       static_cast<double>(box.x), static_cast<double>(box.y),
-                       static_cast<double>(box.w), static_cast<double>(box.h));
-  }
+void OlvexIouTracker::start_track(const TrackBBox& box) {
+  Track track;
+  track.boxes.push_back(box);
+  track.max_score = box.score;
+  track.id = track_id_;
+  // In unsigned arithmetic: a counter at its end goes on with negative ids.
+  track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
+  active_tracks_.push_back(track);
+  OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id, static_cast<double>(box.x),
+                     static_cast<double>(box.y), static_cast<double>(box.w),
+                     static_cast<double>(box.h));
 }
 
+// The finished tracks of the last call are written over, so that their memory is used again.
 void OlvexIouTracker::collect_finished() {
+  size_t n = 0;
   for (size_t j = 0; j < active_tracks_.size(); ++j) {
     const Track& track = active_tracks_[j];
     if (track.max_score >= iou_sigma_h_ && static_cast<float>(track.boxes.size()) >= iou_t_min_ &&
         track.lost_times == 0) {
-      finished_tracks_.push_back(track);
+      if (n < finished_tracks_.size()) {
+        copy_track(track, finished_tracks_[n]);
+      } else {
+        finished_tracks_.push_back(track);
+      }
+      ++n;
+    }
+  }
+  while (finished_tracks_.size() > n) {
+    finished_tracks_.erase(finished_tracks_.end() - 1);
+  }
+}
+
+void OlvexIouTracker::advance(const TrackBBox* boxes, size_t count) {
+  detections_.open(boxes, count);
+  match_frame(boxes);
+  for (size_t k = 0; k < detections_.size(); ++k) {
+    if (detections_.is_open(k)) {
+      start_track(boxes[k]);
     }
   }
 }
 
 void OlvexIouTracker::track_iou(olvex::vector<olvex::vector<TrackBBox> > frames) {
-  // Cleared first: the finished tracks are always a part of the live ones, also when an allocation
-  // fails on the way.
-  finished_tracks_.clear();
+  FinishedGuard guard(finished_tracks_);
   for (size_t f = 0; f < frames.size(); ++f) {
-    olvex::vector<TrackBBox> detections(frames[f]);
-    match_frame(detections);
-    start_tracks(detections);
+    advance(frames[f].data(), frames[f].size());
   }
   collect_finished();
+  guard.done();
+}
+
+void OlvexIouTracker::track_frame(const TrackBBox* boxes, size_t count) {
+  FinishedGuard guard(finished_tracks_);
+  advance(boxes, count);
+  collect_finished();
+  guard.done();
 }
 
 void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
@@ -180,6 +272,11 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
   // becomes a number larger than any history.
   const uint32_t ref_frame =
       params.ref_frame == 0 ? 1u : static_cast<uint32_t>(static_cast<int32_t>(params.ref_frame));
+  // Deliberate: the bound is the size of the finished list while live tracks are searched. A track
+  // further back keeps its new flags in the finished copy only; copying them all would report other
+  // objects as moving.
+  const size_t bound = finished_tracks_.size();
+  size_t next_live = 0;
   for (size_t i = 0; i < finished_tracks_.size(); ++i) {
     Track& t = finished_tracks_[i];
     const size_t n = t.boxes.size();
@@ -199,14 +296,12 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
         }
       }
     }
-    // Deliberate: the bound is the size of the finished list while the index runs over the live
-    // list. A track further back keeps its new flags in the finished copy only; copying them all
-    // would report other objects as moving.
-    for (size_t k = 0; k < finished_tracks_.size(); ++k) {
-      if (active_tracks_[k].id == t.id) {
-        active_tracks_[k].moving = t.moving;
-        active_tracks_[k].moved = t.moved;
-      }
+    // Finished tracks stand in the order of the live ones.
+    const size_t k = find_live(active_tracks_, bound, t.id, next_live);
+    if (k < bound) {
+      active_tracks_[k].moving = t.moving;
+      active_tracks_[k].moved = t.moved;
+      next_live = k + 1;
     }
   }
 }

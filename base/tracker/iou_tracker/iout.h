@@ -1,6 +1,6 @@
 // iout.h - the overlap tracker: links the boxes of successive frames into tracks with stable ids,
 // and tells tracks that stand still from tracks that move. The detection handle feeds it one frame
-// per call (video/det/src/det_schedule.cpp).
+// per call (video/det/src/det_refine.cpp).
 //
 // Greedy matching by intersection over union (E. Bochinski et al., "High-Speed
 // Tracking-by-Detection Without Using Image Information", AVSS 2017).
@@ -11,42 +11,8 @@
 
 #include "utils/olvex_stl/simplestl.h"
 #include "utils/records/det_records.h"
-
-// One box of one frame, in the pixels of the BoxInfo that it was made from.
-struct TrackBBox {
-  float x;  // left edge
-  float y;  // top edge
-  float w;  // width
-  float h;  // height
-  float score;
-  // Five landmark points; the detection handle leaves them 0.
-  float lm1_x, lm1_y;
-  float lm2_x, lm2_y;
-  float lm3_x, lm3_y;
-  float lm4_x, lm4_y;
-  float lm5_x, lm5_y;
-  int class_id;
-  unsigned long long pts;  // time stamp of the frame
-
-  TrackBBox()
-      : x(0),
-        y(0),
-        w(0),
-        h(0),
-        score(0),
-        lm1_x(0),
-        lm1_y(0),
-        lm2_x(0),
-        lm2_y(0),
-        lm3_x(0),
-        lm3_y(0),
-        lm4_x(0),
-        lm4_y(0),
-        lm5_x(0),
-        lm5_y(0),
-        class_id(0),
-        pts(0) {}
-};
+#include "base/tracker/iou_tracker/open_detections.h"
+#include "base/tracker/iou_tracker/track_box.h"
 
 // One object followed over frames.
 struct Track {
@@ -98,6 +64,8 @@ class OlvexIouTracker {
 
   // Advances by the given frames, oldest first, and rebuilds finished_tracks_.
   void track_iou(olvex::vector<olvex::vector<TrackBBox> > frames);
+  // The same by one frame of count boxes.
+  void track_frame(const TrackBBox* boxes, size_t count);
 
   // Sets moved and moving of the finished tracks by comparing the newest box with the one ref_frame
   // boxes back, and copies the flags to the live tracks. A ref_frame of 0 counts as 1.
@@ -117,10 +85,13 @@ class OlvexIouTracker {
   olvex::vector<Track> finished_tracks_;  // copies of those to report after the last call
 
  private:
-  bool continue_track(size_t j, olvex::vector<TrackBBox>& detections);
-  void match_frame(olvex::vector<TrackBBox>& detections);
-  void start_tracks(const olvex::vector<TrackBBox>& detections);
+  void advance(const TrackBBox* boxes, size_t count);
+  bool continue_track(Track& track, const TrackBBox* boxes);
+  void match_frame(const TrackBBox* boxes);
+  void start_track(const TrackBBox& box);
   void collect_finished();
+
+  OpenDetections detections_;  // of the frame that is being matched
 };
 
 #endif  // BASE_TRACKER_IOU_TRACKER_IOUT_H

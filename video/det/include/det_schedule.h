@@ -9,6 +9,7 @@
 #include "qv_ipu.h"
 #include "qv_sys.h"
 
+#include "utils/olvex_stl/scratch.h"
 #include "utils/olvex_stl/simplestl.h"
 #include "utils/records/det_records.h"
 #include "base/sdet/sdet_model.h"
@@ -100,6 +101,7 @@ class DetHandle {
   int create_device(unsigned int variable_size);
   int dump_frame(const QV_SYS_BufInfo_s& buffer);
   bool is_reported(const Track& track) const;
+  olvex::scratch<TrackBBox> track_boxes_;  // this frame's boxes as the tracker sees them
 };
 
 #endif  // VIDEO_DET_INCLUDE_DET_SCHEDULE_H

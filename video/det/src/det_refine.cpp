@@ -47,20 +47,18 @@ int DetHandle::track(olvex::vector<BoxInfo>& boxes) {
     return E_ALGO_NOT_INIT;
   }
   OLVEX_INFO("track start!");
-  olvex::vector<TrackBBox> frame;
+  track_boxes_.clear();
   for (size_t i = 0; i < boxes.size(); ++i) {
     // Deliberate: boxes with a negative label stay in the list, for the double check, but are not
     // tracked.
     if (boxes[i].label >= 0) {
-      frame.push_back(to_track_box(boxes[i]));
+      track_boxes_.push_back(to_track_box(boxes[i]));
     }
   }
-  olvex::vector<olvex::vector<TrackBBox> > frames;
-  frames.push_back(frame);
-  OLVEX_INFO_FORMAT("track input num is %d !\n", static_cast<int>(frame.size()));
+  OLVEX_INFO_FORMAT("track input num is %d !\n", static_cast<int>(track_boxes_.size()));
 
   OlvexIouTracker& tracker = *as_tracker(mTracker_);
-  tracker.track_iou(frames);
+  tracker.track_frame(track_boxes_.data(), track_boxes_.size());
   for (size_t i = 0; i < tracker.finished_tracks_.size(); ++i) {
     const Track& track = tracker.finished_tracks_[i];
     const TrackBBox& last = track.boxes[track.boxes.size() - 1];
@@ -71,6 +69,23 @@ int DetHandle::track(olvex::vector<BoxInfo>& boxes) {
   OLVEX_INFO("track over!");
   return E_ALGO_SUCCESS;
 }
+
+namespace {
+
+// The newest box of a track, as a blank box's values.
+void fill_box(const Track& track, BoxInfo& box) {
+  const TrackBBox& last = track.boxes[track.boxes.size() - 1];
+  box.x1 = last.x;
+  box.y1 = last.y;
+  box.x2 = last.x + last.w;
+  box.y2 = last.y + last.h;
+  box.score = last.score;
+  box.label = last.class_id;
+  box.pts = last.pts;
+  box.track_id = static_cast<unsigned long long>(static_cast<long long>(track.id));
+}
+
+}  // namespace
 
 bool DetHandle::is_reported(const Track& track) const {
   if (track.boxes.empty()) {
@@ -95,34 +110,72 @@ void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
   }
   boxes.clear();
   const olvex::vector<Track>& tracks = as_tracker(mTracker_)->finished_tracks_;
+  size_t n = 0;
   for (size_t i = 0; i < tracks.size(); ++i) {
-    if (!is_reported(tracks[i])) {
-      continue;
+    n += is_reported(tracks[i]) ? 1 : 0;
+  }
+  boxes.resize(n, BoxInfo());
+  n = 0;
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    if (is_reported(tracks[i])) {
+      fill_box(tracks[i], boxes[n++]);
     }
-    const TrackBBox& last = tracks[i].boxes[tracks[i].boxes.size() - 1];
-    BoxInfo box;
-    box.x1 = last.x;
-    box.y1 = last.y;
-    box.x2 = last.x + last.w;
-    box.y2 = last.y + last.h;
-    box.score = last.score;
-    box.label = last.class_id;
-    box.pts = last.pts;
-    box.track_id = static_cast<unsigned long long>(static_cast<long long>(tracks[i].id));
-    boxes.push_back(box);
   }
 }
+
+namespace {
+
+// What iou_ratio() needs of one box, taken once. Ordinary corners are numbers: truncating them and
+// taking the larger or smaller are then done in either order with the same result.
+struct StableCorners {
+  explicit StableCorners(const BoxInfo& box)
+      : x1(truncated(box.x1)),
+        y1(truncated(box.y1)),
+        x2(truncated(box.x2)),
+        y2(truncated(box.y2)),
+        area((box.x2 - box.x1) * (box.y2 - box.y1)),
+        are_ordinary(box.x1 == box.x1 && box.y1 == box.y1 && box.x2 == box.x2 && box.y2 == box.y2) {
+  }
+
+  uint32_t x1;
+  uint32_t y1;
+  uint32_t x2;
+  uint32_t y2;
+  float area;
+  bool are_ordinary;
+};
+
+// iou_ratio() of two boxes with ordinary corners, by the same steps; 0 instead of any ratio that is
+// not above 0.
+float ratio_above_zero(const StableCorners& a, const StableCorners& b) {
+  const uint32_t width = olvex::min(a.x2, b.x2) - olvex::max(a.x1, b.x1);
+  const uint32_t height = olvex::min(a.y2, b.y2) - olvex::max(a.y1, b.y1);
+  const float inter = static_cast<float>(height * width);
+  const float areas = a.area + b.area - inter;
+  const float union_area = static_cast<float>(static_cast<double>(areas) + 1e-6);
+  // Boxes that do not meet in one direction have a huge intersection and a negative union.
+  return inter > 0.0f && union_area >= 0.0f ? inter / union_area : 0.0f;
+}
+
+}  // namespace
 
 void DetHandle::stable_box(olvex::vector<BoxInfo>& boxes) {
   OLVEX_DEBUG_FORMAT("enter %s\n", "stable_box");
   if (assert_handle_inited() != E_ALGO_SUCCESS) {
     return;
   }
+  olvex::scratch<StableCorners> previous;
+  for (size_t k = 0; k < mLastOutput_.size(); ++k) {
+    previous.push_back(StableCorners(mLastOutput_[k]));
+  }
   for (size_t i = 0; i < boxes.size(); ++i) {
+    const StableCorners corners(boxes[i]);
     size_t best = 0;
     float best_iou = 0.0f;
     for (size_t k = 0; k < mLastOutput_.size(); ++k) {
-      const float ratio = iou_ratio(boxes[i], mLastOutput_[k]);
+      const float ratio = corners.are_ordinary && previous[k].are_ordinary
+                              ? ratio_above_zero(corners, previous[k])
+                              : iou_ratio(boxes[i], mLastOutput_[k]);
       // Deliberate: strictly less, so that among equal overlaps the first previous box wins.
       if (best_iou < ratio) {
         best = k;

@@ -248,13 +248,17 @@ int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>&
   }
 }
 
-void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out) {
-  OLVEX_INFO("det_postprocess");
-  out.clear();
+void det_decode_layers(DetDecodeInfo& info, olvex::vector<BoxInfo>& out) {
   for (int layer = 0; layer < info.num_out_layers; ++layer) {
     // Deliberate: the result is ignored. A layer that fails has logged why, and the others still
     // count.
     det_decode_one_layer(info, layer, out);
   }
+}
+
+void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out) {
+  OLVEX_INFO("det_postprocess");
+  out.clear();
+  det_decode_layers(info, out);
   nms(out, info.nms_threshold, info.class_specific_nms);
 }

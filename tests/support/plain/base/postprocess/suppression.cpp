@@ -1,13 +1,7 @@
-// box_operations.cpp - sort by score, activations, and the two non-maximum suppressions. See
-// det_postprocess.h.
+// suppression.cpp - the two non-maximum suppressions. See det_postprocess.h.
 #include "base/postprocess/det_postprocess.h"
 
-#include <math.h>
-#include <stdint.h>
-#include <string.h>
-
 #include "utils/log/olvex_log.h"
-#include "utils/numeric/saturating_cast.h"
 
 OLVEX_LOG_CLOCK;
 
@@ -44,66 +38,6 @@ void fill_areas(const olvex::vector<BoxInfo>& boxes, olvex::vector<float>& areas
 }
 
 }  // namespace
-
-// Deliberate: this exact partition, although it is not stable. The order that it leaves among equal
-// scores decides which of them survives suppression, so another sort would report other boxes.
-void qsort_descent_inplace(olvex::vector<BoxInfo>& boxes, int left, int right) {
-  int i = left;
-  int j = right;
-  const float pivot = boxes[static_cast<size_t>((left + right) / 2)].score;
-  while (i <= j) {
-    while (boxes[static_cast<size_t>(i)].score > pivot) {
-      ++i;
-    }
-    while (boxes[static_cast<size_t>(j)].score < pivot) {
-      --j;
-    }
-    if (i <= j) {
-      olvex::swap(boxes[static_cast<size_t>(i)], boxes[static_cast<size_t>(j)]);
-      ++i;
-      --j;
-    }
-  }
-  if (left < j) {
-    qsort_descent_inplace(boxes, left, j);
-  }
-  if (i < right) {
-    qsort_descent_inplace(boxes, i, right);
-  }
-}
-
-void qsort_descent_inplace(olvex::vector<BoxInfo>& boxes) {
-  if (boxes.empty()) {
-    return;
-  }
-  qsort_descent_inplace(boxes, 0, static_cast<int>(boxes.size()) - 1);
-}
-
-float fast_exp(float x) {
-  const double scaled = (static_cast<double>(x) * 1.4426950409 + 126.93490600585938) * 8388608.0;
-  const uint32_t bits = olvex::saturating_cast<uint32_t>(scaled);
-  float result;
-  static_assert(sizeof(result) == sizeof(bits), "the bits of a float");
-  memcpy(&result, &bits, sizeof(result));
-  return result;
-}
-
-float sigmoid(float x) {
-  return 1.0f / (expf(-x) + 1.0f);
-}
-
-void softmax_(const float* src, float* dst, int length) {
-  // Deliberate: the largest value is not subtracted. Doing so would change the last bits of every
-  // distance; logits above about 88 overflow to NaN instead.
-  float sum = 0.0f;
-  for (int k = 0; k < length; ++k) {
-    dst[k] = expf(src[k]);
-    sum += dst[k];
-  }
-  for (int k = 0; k < length; ++k) {
-    dst[k] = dst[k] / sum;
-  }
-}
 
 void nms(olvex::vector<BoxInfo>& input_boxes, float NMS_THRESH, unsigned char class_specific) {
   OLVEX_INFO_FORMAT("nms, NMS_THRESH: %f\n", static_cast<double>(NMS_THRESH));

@@ -1,0 +1,324 @@
+// cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every class
+// logit of every frame, so it is written for speed alone and decides nothing: it calls a visitor for
+// each cell with a logit that reaches the threshold, and now and then for one without.
+// raw_decode.cpp brings the visitor.
+#ifndef BASE_POSTPROCESS_CELL_SCAN_H
+#define BASE_POSTPROCESS_CELL_SCAN_H
+
+#include <math.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include "utils/numeric/lanes.h"
+
+// The layout of a layer: cells one behind the other, of `channels` values each. The four box
+// distances before the classes make first_class at least 4.
+struct CellGrid {
+  size_t cells;
+  size_t channels;
+  size_t first_class;
+  size_t num_classes;
+};
+
+namespace cell_scan {
+
+// ---- Tests of one cell: the mask of the logits that reach the threshold -------------------------
+
+// From one to two vectors of classes. The second overlaps the first instead of leaving the cell.
+template <typename Reach>
+class PairCell {
+ public:
+  typedef typename Reach::Element Element;
+  typedef typename Reach::Mask Mask;
+  static const size_t kCellsPerBranch = 4;
+
+  PairCell(const CellGrid& grid, const Reach& reach)
+      : reach_(reach),
+        first_(grid.first_class),
+        last_(grid.first_class + grid.num_classes - Reach::kLanes) {}
+
+  Mask operator()(const Element* cell) const { return at(cell + first_) | at(cell + last_); }
+
+ private:
+  Mask at(const Element* values) const {
+    return reach_(olvex::load<typename Reach::Values>(values));
+  }
+
+  Reach reach_;
+  size_t first_;
+  size_t last_;
+};
+
+// More classes. The last vector overlaps the one before.
+template <typename Reach>
+class WideCell {
+ public:
+  typedef typename Reach::Element Element;
+  typedef typename Reach::Mask Mask;
+  static const size_t kCellsPerBranch = 4;
+
+  WideCell(const CellGrid& grid, const Reach& reach)
+      : reach_(reach),
+        first_(grid.first_class),
+        last_(grid.first_class + grid.num_classes - Reach::kLanes) {}
+
+  Mask operator()(const Element* cell) const {
+    const size_t lanes = Reach::kLanes;
+    Mask mask = at(cell + last_);
+    size_t k = first_;
+    for (; k + 4 * lanes <= last_; k += 4 * lanes) {
+      mask |= (at(cell + k) | at(cell + k + lanes)) |
+              (at(cell + k + 2 * lanes) | at(cell + k + 3 * lanes));
+    }
+    for (; k < last_; k += lanes) {
+      mask |= at(cell + k);
+    }
+    return mask;
+  }
+
+ private:
+  Mask at(const Element* values) const {
+    return reach_(olvex::load<typename Reach::Values>(values));
+  }
+
+  Reach reach_;
+  size_t first_;
+  size_t last_;
+};
+
+#if defined(__arm__)
+// The bits of floats, compared as integers: the vector unit's own comparison of floats takes
+// denormal numbers for zero.
+//
+// Non-negative floats are ordered like their bits, and negative ones have a negative integer. For a
+// threshold above zero that is all. For another, flipping all bits but the sign puts the negative
+// numbers down to the threshold above it, too, together with all non-negative ones. A NaN may count
+// as reaching; the closer look refuses it.
+class Fp32Reach {
+ public:
+  typedef float Element;
+  typedef olvex::Int32x4 Values;
+  typedef olvex::Int32x4 Mask;
+  static const size_t kLanes = 4;
+
+  explicit Fp32Reach(float threshold) {
+    // Both zeros are one number: the negative one is the lower in this order.
+    const float lowest = threshold == 0.0f ? -0.0f : threshold;
+    int32_t bits;
+    memcpy(&bits, &lowest, sizeof(bits));
+    flip_ = threshold > 0.0f ? 0 : INT32_MAX;
+    below_ = (bits ^ flip_) - 1;
+  }
+
+  Mask operator()(Values bits) const { return (bits ^ flip_) > below_; }
+
+ private:
+  int32_t flip_;
+  int32_t below_;
+};
+#else
+class Fp32Reach {
+ public:
+  typedef float Element;
+  typedef olvex::Floats Values;
+  typedef olvex::FloatsMask Mask;
+  static const size_t kLanes = olvex::kFloatLanes;
+
+  explicit Fp32Reach(float threshold) : threshold_(threshold) {}
+
+  Mask operator()(Values values) const { return values >= threshold_; }
+
+ private:
+  float threshold_;
+};
+#endif
+
+// One to three classes: their lanes begin in the box distances, which are masked out.
+class NarrowFp32Cell {
+ public:
+  typedef float Element;
+  static const size_t kCellsPerBranch = 8;
+
+  NarrowFp32Cell(const CellGrid& grid, const Fp32Reach& reach)
+      : reach_(reach), first_(grid.first_class + grid.num_classes - Fp32Reach::kLanes) {
+    for (size_t k = 0; k < Fp32Reach::kLanes; ++k) {
+      is_class_[k] = k + grid.num_classes >= Fp32Reach::kLanes ? -1 : 0;
+    }
+  }
+
+  olvex::Int32x4 operator()(const float* cell) const {
+    return reach_(olvex::load<Fp32Reach::Values>(cell + first_)) & is_class_;
+  }
+
+ private:
+  Fp32Reach reach_;
+  size_t first_;
+  olvex::Int32x4 is_class_;
+};
+
+class Int16Reach {
+ public:
+  typedef int16_t Element;
+  typedef olvex::Int16x8 Values;
+  typedef olvex::Int16x8 Mask;
+  static const size_t kLanes = 8;
+
+  // Everything above `below` reaches.
+  explicit Int16Reach(int16_t below) : below_(below) {}
+  Mask operator()(Values values) const { return values > below_; }
+
+ private:
+  int16_t below_;
+};
+
+// One to seven classes: two half vectors that end with the fourth and with the last class. The lanes
+// of the first that begin in the box distances are masked out.
+class NarrowInt16Cell {
+ public:
+  typedef int16_t Element;
+  static const size_t kCellsPerBranch = 8;
+
+  NarrowInt16Cell(const CellGrid& grid, const Int16Reach& reach)
+      : reach_(reach), last_(grid.first_class + grid.num_classes - kHalf) {
+    const size_t in_first = grid.num_classes < kHalf ? grid.num_classes : kHalf;
+    first_ = grid.first_class + in_first - kHalf;
+    for (size_t k = 0; k < kHalf; ++k) {
+      is_class_[k] = is_class_[k + kHalf] = k + in_first >= kHalf ? -1 : 0;
+    }
+  }
+
+  olvex::Int16x8 operator()(const int16_t* cell) const {
+    const olvex::Int64x2 halves = {olvex::load<int64_t>(cell + first_),
+                                   olvex::load<int64_t>(cell + last_)};
+    return reach_(reinterpret_cast<olvex::Int16x8>(halves)) & is_class_;
+  }
+
+ private:
+  static const size_t kHalf = 4;
+
+  Int16Reach reach_;
+  size_t first_;
+  size_t last_;
+  olvex::Int16x8 is_class_;
+};
+
+// ---- The pass over a layer ----------------------------------------------------------------------
+
+template <typename Visitor>
+void visit_all(const CellGrid& grid, Visitor& visit) {
+  for (size_t cell = 0; cell < grid.cells; ++cell) {
+    visit(cell);
+  }
+}
+
+template <typename CellTest, typename Visitor>
+void visit_tested(const typename CellTest::Element* values, size_t channels, const CellTest& test,
+                  size_t first, size_t end, Visitor& visit) {
+  for (size_t cell = first; cell < end; ++cell) {
+    if (olvex::any(test(values + cell * channels))) {
+      visit(cell);
+    }
+  }
+}
+
+// Few cells reach: one branch passes over several that do not, the more the smaller the cells are.
+template <typename CellTest, typename Visitor>
+void scan(const typename CellTest::Element* values, const CellGrid& grid, const CellTest& test,
+          Visitor& visit) {
+  const size_t channels = grid.channels;
+  const size_t at_once = CellTest::kCellsPerBranch;
+  size_t cell = 0;
+  const typename CellTest::Element* p = values;
+  for (; cell + at_once <= grid.cells; cell += at_once) {
+    auto mask = test(p);
+    for (size_t k = 1; k < at_once; ++k) {
+      mask |= test(p + k * channels);
+    }
+    if (olvex::any(mask)) {
+      visit_tested(values, channels, test, cell, cell + at_once, visit);
+    }
+    p += at_once * channels;
+  }
+  visit_tested(values, channels, test, cell, grid.cells, visit);
+}
+
+inline bool reaches(int value, float scalar, float threshold) {
+  return static_cast<float>(value) * scalar >= threshold;
+}
+
+// The smallest value that reaches the threshold; one more than the largest when none does.
+// Requires: a positive finite scalar, with which the products rise with the values.
+inline int smallest_reaching(float scalar, float threshold) {
+  int low = INT16_MIN;
+  int high = INT16_MAX + 1;
+  while (low < high) {
+    const int middle = low + (high - low) / 2;
+    if (reaches(middle, scalar, threshold)) {
+      high = middle;
+    } else {
+      low = middle + 1;
+    }
+  }
+  return low;
+}
+
+}  // namespace cell_scan
+
+// Calls visit(cell), in order, for the cells with a logit that reaches the threshold or of which only
+// a closer look can tell. Reads no value outside a cell.
+//   threshold  the logit to reach. NaN: no cell does; negative infinity: every cell does
+template <typename Visitor>
+void find_cells(const float* values, const CellGrid& grid, float threshold, Visitor& visit) {
+  using namespace cell_scan;
+  if (threshold == -INFINITY) {
+    visit_all(grid, visit);
+  } else if (grid.num_classes == 0 || isnan(threshold)) {
+    return;
+  } else if (grid.num_classes < Fp32Reach::kLanes) {
+    scan(values, grid, NarrowFp32Cell(grid, Fp32Reach(threshold)), visit);
+  } else if (grid.num_classes <= 2 * Fp32Reach::kLanes) {
+    scan(values, grid, PairCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
+  } else {
+    scan(values, grid, WideCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
+  }
+}
+
+// The same for integers.
+//   scalar  the real value of 1
+template <typename Visitor>
+void find_cells(const int16_t* values, const CellGrid& grid, float threshold, float scalar,
+                Visitor& visit) {
+  using namespace cell_scan;
+  if (threshold == -INFINITY) {
+    visit_all(grid, visit);
+    return;
+  }
+  if (grid.num_classes == 0 || isnan(threshold)) {
+    return;
+  }
+  // With another scale the products do not rise with the values, and no integer stands for the
+  // threshold.
+  if (!(scalar > 0.0f && scalar < INFINITY)) {
+    visit_all(grid, visit);
+    return;
+  }
+  const int smallest = smallest_reaching(scalar, threshold);
+  if (smallest > INT16_MAX) {
+    return;
+  }
+  if (smallest == INT16_MIN) {
+    visit_all(grid, visit);
+    return;
+  }
+  const Int16Reach reach(static_cast<int16_t>(smallest - 1));
+  if (grid.num_classes < Int16Reach::kLanes) {
+    scan(values, grid, NarrowInt16Cell(grid, reach), visit);
+  } else if (grid.num_classes <= 2 * Int16Reach::kLanes) {
+    scan(values, grid, PairCell<Int16Reach>(grid, reach), visit);
+  } else {
+    scan(values, grid, WideCell<Int16Reach>(grid, reach), visit);
+  }
+}
+
+#endif  // BASE_POSTPROCESS_CELL_SCAN_H
