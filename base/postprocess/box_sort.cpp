@@ -1,14 +1,14 @@
 // box_sort.cpp - boxes by falling score. See det_postprocess.h and box_sort.h.
 //
-// Deliberate: Hoare's partition around the middle element, although it is not stable. The order that
-// it leaves among equal scores decides which of them survives suppression, so another sort would
-// report other boxes.
+// Deliberate: Hoare's partition around the middle element, although it is not stable. The order
+// that it leaves among equal scores decides which of them survives suppression, so another sort
+// would report other boxes.
 //
 // The exchanges of that partition are found for up to 64 elements at once, without a branch per
 // element (an idea of S. Edelkamp and A. Weiss, "BlockQuicksort: Avoiding Branch Mispredictions in
 // Quicksort", ESA 2016). The scan upwards stops at scores that are not greater than the pivot, the
-// scan downwards at those that are not less, and the k-th stops of both are exchanged as long as the
-// first is not behind the second. A bit for each stop says it all.
+// scan downwards at those that are not less, and the k-th stops of both are exchanged as long as
+// the first is not behind the second. A bit for each stop says it all.
 #include "base/postprocess/box_sort.h"
 
 #include <math.h>
@@ -48,28 +48,35 @@ struct Keys {
   }
 };
 
-// Bit k is set for a stop at scores[k].
-struct Stops {
-  uint64_t upward;
-  uint64_t downward;
+// Which scores the scans pass.
+struct IsGreater {
+  template <typename Number>
+  auto operator()(const Number& score, float pivot) const -> decltype(score > pivot) {
+    return score > pivot;
+  }
+};
+struct IsLess {
+  template <typename Number>
+  auto operator()(const Number& score, float pivot) const -> decltype(score < pivot) {
+    return score < pivot;
+  }
 };
 
-Stops find_stops(const float* scores, ptrdiff_t count, float pivot) {
+// Bit k is set when the scan stops at scores[k].
+template <typename Passes>
+uint64_t find_stops(const float* scores, ptrdiff_t count, float pivot, Passes passes) {
   const ptrdiff_t lanes = static_cast<ptrdiff_t>(olvex::kFloatLanes);
-  Stops passed = {0, 0};
+  uint64_t passed = 0;
   ptrdiff_t k = 0;
   for (; k + lanes <= count; k += lanes) {
     const olvex::Floats some = olvex::load<olvex::Floats>(scores + k);
-    passed.upward |= static_cast<uint64_t>(olvex::bits_of(some > pivot)) << k;
-    passed.downward |= static_cast<uint64_t>(olvex::bits_of(some < pivot)) << k;
+    passed |= static_cast<uint64_t>(olvex::bits_of(passes(some, pivot))) << k;
   }
   for (; k < count; ++k) {
-    passed.upward |= static_cast<uint64_t>(scores[k] > pivot) << k;
-    passed.downward |= static_cast<uint64_t>(scores[k] < pivot) << k;
+    passed |= static_cast<uint64_t>(passes(scores[k], pivot)) << k;
   }
   const uint64_t all = ~static_cast<uint64_t>(0) >> (kBlock - count);
-  const Stops stops = {~passed.upward & all, ~passed.downward & all};
-  return stops;
+  return ~passed & all;
 }
 
 ptrdiff_t lowest(uint64_t stops) {
@@ -94,8 +101,8 @@ uint64_t without_highest(uint64_t stops) {
 void partition_blocks(const Keys& keys, ptrdiff_t count, float pivot, ptrdiff_t& i, ptrdiff_t& j) {
   const ptrdiff_t low = i;
   const ptrdiff_t high = j - count + 1;
-  uint64_t upward = find_stops(keys.scores + low, count, pivot).upward;
-  uint64_t downward = find_stops(keys.scores + high, count, pivot).downward;
+  uint64_t upward = find_stops(keys.scores + low, count, pivot, IsGreater());
+  uint64_t downward = find_stops(keys.scores + high, count, pivot, IsLess());
   while (upward != 0 && downward != 0) {
     const ptrdiff_t up = lowest(upward);
     const ptrdiff_t down = highest(downward);
@@ -115,16 +122,17 @@ void partition_rest(const Keys& keys, float pivot, ptrdiff_t& i, ptrdiff_t& j) {
   }
   const ptrdiff_t start = i;
   const ptrdiff_t count = j - i + 1;
-  Stops stops = find_stops(keys.scores + start, count, pivot);
-  ptrdiff_t up = stops.upward != 0 ? lowest(stops.upward) : count;
-  ptrdiff_t down = stops.downward != 0 ? highest(stops.downward) : -1;
+  uint64_t upward = find_stops(keys.scores + start, count, pivot, IsGreater());
+  uint64_t downward = find_stops(keys.scores + start, count, pivot, IsLess());
+  ptrdiff_t up = upward != 0 ? lowest(upward) : count;
+  ptrdiff_t down = downward != 0 ? highest(downward) : -1;
   while (up < down) {
     keys.exchange(start + up, start + down);
-    stops.upward = without_lowest(stops.upward);
-    stops.downward = without_highest(stops.downward);
+    upward = without_lowest(upward);
+    downward = without_highest(downward);
     const ptrdiff_t last_up = up;
-    up = stops.upward != 0 ? olvex::min(lowest(stops.upward), down) : down;
-    down = stops.downward != 0 ? olvex::max(highest(stops.downward), last_up) : last_up;
+    up = upward != 0 ? olvex::min(lowest(upward), down) : down;
+    down = downward != 0 ? olvex::max(highest(downward), last_up) : last_up;
   }
   // An element that stops both scans is exchanged with itself.
   const ptrdiff_t both = up == down ? 1 : 0;
@@ -152,9 +160,9 @@ bool rank_few(const Keys& keys, const Range& range) {
   int32_t ranks[kFew];
   memcpy(scores, keys.scores + range.left, count * sizeof(float));
   memcpy(indices, keys.indices + range.left, count * sizeof(uint32_t));
-  // Nothing compares with NaN.
+  // The last lanes may hold more than there is; nobody asks for the ranks of these.
   for (size_t k = count; k < kFew; ++k) {
-    scores[k] = NAN;
+    scores[k] = -INFINITY;
   }
   for (size_t k = 0; k < count; k += lanes) {
     const olvex::Floats some = olvex::load<olvex::Floats>(scores + k);

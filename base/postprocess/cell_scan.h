@@ -1,6 +1,6 @@
-// cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every class
-// logit of every frame, so it is written for speed alone and decides nothing: it calls a visitor for
-// each cell with a logit that reaches the threshold, and now and then for one without.
+// cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every
+// class logit of every frame, so it is written for speed alone and decides nothing: it calls a
+// visitor for each cell with a logit that reaches the threshold, and now and then for one without.
 // raw_decode.cpp brings the visitor.
 #ifndef BASE_POSTPROCESS_CELL_SCAN_H
 #define BASE_POSTPROCESS_CELL_SCAN_H
@@ -25,66 +25,62 @@ namespace cell_scan {
 
 // ---- Tests of one cell: the mask of the logits that reach the threshold -------------------------
 
-// From one to two vectors of classes. The second overlaps the first instead of leaving the cell.
+// What the next two share: at least as many classes as lanes. The last lanes overlap the ones
+// before instead of leaving the cell.
 template <typename Reach>
-class PairCell {
+class VectorCell {
  public:
   typedef typename Reach::Element Element;
   typedef typename Reach::Mask Mask;
   static const size_t kCellsPerBranch = 4;
 
-  PairCell(const CellGrid& grid, const Reach& reach)
-      : reach_(reach),
-        first_(grid.first_class),
-        last_(grid.first_class + grid.num_classes - Reach::kLanes) {}
+ protected:
+  VectorCell(const CellGrid& grid, const Reach& reach)
+      : first_(grid.first_class),
+        last_(grid.first_class + grid.num_classes - Reach::kLanes),
+        reach_(reach) {}
 
-  Mask operator()(const Element* cell) const { return at(cell + first_) | at(cell + last_); }
-
- private:
   Mask at(const Element* values) const {
     return reach_(olvex::load<typename Reach::Values>(values));
   }
 
-  Reach reach_;
   size_t first_;
   size_t last_;
+
+ private:
+  Reach reach_;
 };
 
-// More classes. The last vector overlaps the one before.
+// From one to two vectors of classes.
 template <typename Reach>
-class WideCell {
+class PairCell : public VectorCell<Reach> {
  public:
-  typedef typename Reach::Element Element;
-  typedef typename Reach::Mask Mask;
-  static const size_t kCellsPerBranch = 4;
+  PairCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
 
-  WideCell(const CellGrid& grid, const Reach& reach)
-      : reach_(reach),
-        first_(grid.first_class),
-        last_(grid.first_class + grid.num_classes - Reach::kLanes) {}
+  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
+    return this->at(cell + this->first_) | this->at(cell + this->last_);
+  }
+};
 
-  Mask operator()(const Element* cell) const {
+// More classes.
+template <typename Reach>
+class WideCell : public VectorCell<Reach> {
+ public:
+  WideCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
+
+  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
     const size_t lanes = Reach::kLanes;
-    Mask mask = at(cell + last_);
-    size_t k = first_;
-    for (; k + 4 * lanes <= last_; k += 4 * lanes) {
-      mask |= (at(cell + k) | at(cell + k + lanes)) |
-              (at(cell + k + 2 * lanes) | at(cell + k + 3 * lanes));
+    typename Reach::Mask mask = this->at(cell + this->last_);
+    size_t k = this->first_;
+    for (; k + 4 * lanes <= this->last_; k += 4 * lanes) {
+      mask |= (this->at(cell + k) | this->at(cell + k + lanes)) |
+              (this->at(cell + k + 2 * lanes) | this->at(cell + k + 3 * lanes));
     }
-    for (; k < last_; k += lanes) {
-      mask |= at(cell + k);
+    for (; k < this->last_; k += lanes) {
+      mask |= this->at(cell + k);
     }
     return mask;
   }
-
- private:
-  Mask at(const Element* values) const {
-    return reach_(olvex::load<typename Reach::Values>(values));
-  }
-
-  Reach reach_;
-  size_t first_;
-  size_t last_;
 };
 
 #if defined(__arm__)
@@ -172,8 +168,8 @@ class Int16Reach {
   int16_t below_;
 };
 
-// One to seven classes: two half vectors that end with the fourth and with the last class. The lanes
-// of the first that begin in the box distances are masked out.
+// One to seven classes: two half vectors that end with the fourth and with the last class. The
+// lanes of the first that begin in the box distances are masked out.
 class NarrowInt16Cell {
  public:
   typedef int16_t Element;
@@ -265,8 +261,8 @@ inline int smallest_reaching(float scalar, float threshold) {
 
 }  // namespace cell_scan
 
-// Calls visit(cell), in order, for the cells with a logit that reaches the threshold or of which only
-// a closer look can tell. Reads no value outside a cell.
+// Calls visit(cell), in order, for the cells with a logit that reaches the threshold or of which
+// only a closer look can tell. Reads no value outside a cell.
 //   threshold  the logit to reach. NaN: no cell does; negative infinity: every cell does
 template <typename Visitor>
 void find_cells(const float* values, const CellGrid& grid, float threshold, Visitor& visit) {

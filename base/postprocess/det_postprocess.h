@@ -57,6 +57,9 @@ void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picke
                        float nms_threshold, unsigned char class_specific);
 
 // ---- Decoding -----------------------------------------------------------------------------------
+//
+// The lists are sized before they are filled: when memory runs out on the way, the boxes that were
+// to be appended may be blank.
 
 // Decode parameters of one frame. Owns nothing: whoever makes it keeps the arrays for the call.
 struct DetDecodeInfo {

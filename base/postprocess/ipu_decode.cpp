@@ -15,6 +15,7 @@
 
 #include "utils/log/olvex_log.h"
 #include "utils/numeric/saturating_cast.h"
+#include "utils/olvex_stl/scratch.h"
 
 OLVEX_LOG_CLOCK;
 
@@ -42,6 +43,14 @@ struct KeyPointLayout {
 const KeyPointLayout kKeyPointLayouts[] = {
     {15, 5, true}, {10, 5, false}, {8, 4, false}, {12, 4, true}, {51, 17, true}, {63, 21, true},
 };
+
+// A row that is to become a box.
+struct FoundRow {
+  int row;
+  float score;
+};
+const size_t kUsualRows = 64;  // more take their scratch from the heap
+typedef olvex::scratch<FoundRow, kUsualRows> FoundRows;
 
 const KeyPointLayout* find_keypoint_layout(int channels) {
   for (const KeyPointLayout& layout : kKeyPointLayouts) {
@@ -116,74 +125,38 @@ void fill_keypoints(const Tensors& tensors, const TensorRoles& roles, const KeyP
   }
 }
 
-// The rows to report, one per entry of the index list.
+// Notes the rows that reach the threshold, in the order of the index list.
 template <typename Tensors>
-class RowList {
- public:
-  RowList(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
-          int num_boxes)
-      : info_(info),
-        tensors_(tensors),
-        roles_(roles),
-        rows_known_(info.num_rows != 0),
-        // When the number of rows is known, a count or an index outside is not followed.
-        entries_(rows_known_ ? olvex::min(num_boxes, info.num_rows) : num_boxes) {}
-
-  int entries() const { return entries_; }
-
-  // False for an entry without a row and for a row below the threshold.
-  bool row_of(int entry, ptrdiff_t& row) const {
-    const int index = rounded(tensors_.value(roles_.indices, entry));
-    if (rows_known_ && (index < 0 || index >= info_.num_rows)) {
-      return false;
+void find_rows(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
+               int num_boxes, FoundRows& found) {
+  // When the number of rows is known, a count or an index outside is not followed.
+  const bool rows_known = info.num_rows != 0;
+  const int entries = rows_known ? olvex::min(num_boxes, info.num_rows) : num_boxes;
+  for (int i = 0; i < entries; ++i) {
+    const int row = rounded(tensors.value(roles.indices, i));
+    if (rows_known && (row < 0 || row >= info.num_rows)) {
+      continue;
     }
-    row = index;
-    return tensors_.value(roles_.scores, row) >= info_.conf_threshold;
+    const FoundRow candidate = {row, tensors.value(roles.scores, row)};
+    if (candidate.score >= info.conf_threshold) {
+      found.push_back(candidate);
+    }
   }
-
- private:
-  const DetDecodeInfo& info_;
-  const Tensors& tensors_;
-  const TensorRoles& roles_;
-  bool rows_known_;
-  int entries_;
-};
+}
 
 template <typename Tensors>
 void fill_box(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
-              const KeyPointLayout* keypoint_layout, ptrdiff_t row, BoxInfo& box) {
+              const KeyPointLayout* keypoint_layout, const FoundRow& found, BoxInfo& box) {
+  const ptrdiff_t row = found.row;
   const ptrdiff_t first = row * info.net_out_c[roles.boxes];
   box.x1 = tensors.value(roles.boxes, first);
   box.y1 = tensors.value(roles.boxes, first + 1);
   box.x2 = tensors.value(roles.boxes, first + 2);
   box.y2 = tensors.value(roles.boxes, first + 3);
-  box.score = tensors.value(roles.scores, row);
+  box.score = found.score;
   box.label = roles.classes == kNoTensor ? 0 : rounded(tensors.value(roles.classes, row));
   if (keypoint_layout != NULL) {
     fill_keypoints(tensors, roles, *keypoint_layout, row, box.keypts);
-  }
-}
-
-// Appends the rows that reach the threshold. They are counted first, so that the list is sized once.
-template <typename Tensors>
-void append_rows(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
-                 const KeyPointLayout* keypoint_layout, int num_boxes,
-                 olvex::vector<BoxInfo>& boxes) {
-  const RowList<Tensors> list(info, tensors, roles, num_boxes);
-  ptrdiff_t row;
-  size_t size = boxes.size();
-  for (int i = 0; i < list.entries(); ++i) {
-    size += list.row_of(i, row) ? 1 : 0;
-  }
-  size_t n = boxes.size();
-  if (size == n) {
-    return;
-  }
-  boxes.resize(size, BoxInfo());
-  for (int i = 0; i < list.entries(); ++i) {
-    if (list.row_of(i, row)) {
-      fill_box(info, tensors, roles, keypoint_layout, row, boxes[n++]);
-    }
   }
 }
 
@@ -212,7 +185,16 @@ int decode_rows(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes) {
                      keypoint_layout != NULL && keypoint_layout->has_score ? 1 : 0);
   OLVEX_DEBUG_FORMAT("num_boxes = %d\n", num_boxes);
 
-  append_rows(info, tensors, roles, keypoint_layout, num_boxes, boxes);
+  FoundRows found;
+  find_rows(info, tensors, roles, num_boxes, found);
+  if (found.size() == 0) {
+    return E_ALGO_SUCCESS;
+  }
+  const size_t first = boxes.size();
+  boxes.resize(first + found.size(), BoxInfo());
+  for (size_t n = 0; n < found.size(); ++n) {
+    fill_box(info, tensors, roles, keypoint_layout, found[n], boxes[first + n]);
+  }
   return E_ALGO_SUCCESS;
 }
 

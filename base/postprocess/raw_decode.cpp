@@ -1,7 +1,7 @@
 // raw_decode.cpp - raw output layers to boxes, on the CPU, in two steps: cell_scan.h finds the few
 // cells that may hold a box, and only those are looked at closely. Boxes are filled when their
-// number is known. See det_postprocess.h for the
-// layout of a layer; base/sdet/sdet_model.cpp fills the parameters.
+// number is known. See det_postprocess.h for the layout of a layer; base/sdet/sdet_model.cpp fills
+// the parameters.
 #include "base/postprocess/det_postprocess.h"
 
 #include <math.h>

@@ -15,7 +15,7 @@ namespace {
 
 using olvex::Floats;
 
-// Below it, numbers near the threshold have few bits, and a limit would not lie below it.
+// For a smaller threshold the limit times a union could be a denormal number, with few bits.
 const float kSmallestLimited = 1e-20f;
 
 // The corners of one box, or of several side by side.
@@ -78,9 +78,8 @@ class KeptBoxes {
       : threshold_(threshold),
         limit_(threshold * 0.999f),
         class_specific_(class_specific),
-        is_positive_(threshold > 0.0f),
         has_limit_(threshold >= kSmallestLimited),
-        num_buckets_(class_specific && is_positive_ ? buckets_for(boxes.size()) : 1) {
+        num_buckets_(class_specific && threshold > 0.0f ? buckets_for(boxes.size()) : 1) {
     make_room(boxes);
   }
 
@@ -97,7 +96,7 @@ class KeptBoxes {
       return olvex::any(mask);
     }
     for (; block < end; ++block) {
-      if (may_suppress(*block, candidate) && suppresses(*block, candidate)) {
+      if (may_suppress(*block, candidate) && olvex::any(suppressed(*block, candidate))) {
         return true;
       }
     }
@@ -179,10 +178,6 @@ class KeptBoxes {
     return !has_limit_ || olvex::any(intersection >= limit_ * union_area);
   }
 
-  bool suppresses(const Block& kept, const Candidate& candidate) const {
-    return olvex::any(suppressed(kept, candidate));
-  }
-
   olvex::FloatsMask suppressed(const Block& kept, const Candidate& candidate) const {
     Floats intersection = inclusive_intersection(kept.corners, candidate.corners);
     if (class_specific_) {
@@ -198,7 +193,6 @@ class KeptBoxes {
   float threshold_;
   float limit_;
   bool class_specific_;
-  bool is_positive_;
   bool has_limit_;
   size_t num_buckets_;
   Bucket buckets_[kMaxBuckets];

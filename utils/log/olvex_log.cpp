@@ -65,7 +65,7 @@ void olvex_log_header(OlvexLogClock& clock, const char* tag, int line) {
   // The calendar, three numbers, the decimal point, a tag and punctuation.
   char header[sizeof(clock.calendar_text) + 3 * kLongestNumber + MB_LEN_MAX + 32];
   char* end = write_text(header, clock.calendar_text);
-  end = write_fraction(end, clock.time_of_day.tv_usec % kMicrosecondsPerSecond);
+  end = write_fraction(end, static_cast<long>(clock.time_of_day.tv_usec) % kMicrosecondsPerSecond);
   end = write_text(end, "] ");
   end = write_text(end, tag);
   end = write_text(end, ", LINE: ");

@@ -23,8 +23,9 @@
 // made anew when the second changes.
 //
 // Deliberate: a file-level static without a lock, and localtime's shared buffer. Two threads that
-// log in the same moment may print each other's time; the log is diagnostic only, and a lock around
-// it would couple handles that are otherwise independent.
+// log in the same moment may print each other's time, and the calendar fields of one for the rest
+// of that second; the log is diagnostic only, and a lock around it would couple handles that are
+// otherwise independent. A change of the time zone shows from the next second on.
 struct OlvexLogClock {
   struct timeval time_of_day;
   struct tm* calendar;

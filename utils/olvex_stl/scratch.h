@@ -13,13 +13,14 @@
 
 namespace olvex {
 
-// Requires: T is moved by its bytes and needs no destructor. Must not itself be moved by its bytes.
+// Must not itself be moved by its bytes.
 // Lack of memory raises the runtime's allocation exception and leaves the values as they were.
 template <typename T, size_t kOwnCapacity = 0>
 class scratch {
  public:
   scratch() : data_(own_data()), size_(0), capacity_(kOwnCapacity) {
-    static_assert(std::is_trivially_destructible<T>::value, "values are dropped, not destroyed");
+    static_assert(std::is_trivially_copyable<T>::value, "values are moved by their bytes");
+    static_assert(alignof(T) <= alignof(max_align_t), "memory of new char[] must do");
   }
   ~scratch() { release(); }
   // A copy has memory of its own and no values: nobody reads what another routine left.

@@ -146,20 +146,13 @@ class FinishedGuard {
   bool is_done_;
 };
 
-// Index of the live track with that id among the first bound, which are searched from hint on;
-// bound when there is none. Ids are unique.
-size_t find_live(const olvex::vector<Track>& live, size_t bound, int id, size_t hint) {
-  for (size_t k = hint; k < bound; ++k) {
-    if (live[k].id == id) {
-      return k;
-    }
+// Index of the live track with that id, from first on and before end; end when there is none.
+size_t find_live(const olvex::vector<Track>& live, int id, size_t first, size_t end) {
+  size_t k = first;
+  while (k < end && live[k].id != id) {
+    ++k;
   }
-  for (size_t k = 0; k < hint; ++k) {
-    if (live[k].id == id) {
-      return k;
-    }
-  }
-  return bound;
+  return k;
 }
 
 }  // namespace
@@ -296,12 +289,12 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
         }
       }
     }
-    // Finished tracks stand in the order of the live ones.
-    const size_t k = find_live(active_tracks_, bound, t.id, next_live);
-    if (k < bound) {
-      active_tracks_[k].moving = t.moving;
-      active_tracks_[k].moved = t.moved;
-      next_live = k + 1;
+    // Finished tracks stand in the order of the live ones, and ids are unique: behind one that was
+    // not found there is none either.
+    next_live = find_live(active_tracks_, t.id, next_live, bound);
+    if (next_live < bound) {
+      active_tracks_[next_live].moving = t.moving;
+      active_tracks_[next_live].moved = t.moved;
     }
   }
 }

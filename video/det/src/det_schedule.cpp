@@ -1,5 +1,5 @@
-// det_schedule.cpp - DetHandle: set-up, options, detection, teardown. See det_schedule.h; tracking and
-// what follows it are in det_refine.cpp.
+// det_schedule.cpp - DetHandle: set-up, options, detection, teardown. See det_schedule.h; tracking
+// and what follows it are in det_refine.cpp.
 #include "video/det/include/det_schedule.h"
 
 #include <stdint.h>
@@ -94,7 +94,7 @@ int DetHandle::unlock_mutex_lock() {
   return result;
 }
 
-// ---- Set-up and teardown -------------------------------------------------------------------------
+// ---- Set-up and teardown ------------------------------------------------------------------------
 
 int DetHandle::create_device(unsigned int variable_size) {
   QV_IPU_DevAttr_t attributes = QV_IPU_DevAttr_t();
