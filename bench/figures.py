@@ -1,0 +1,141 @@
+"""What the scripts of this folder share: building the benchmarks, running them one by one, medians."""
+import json
+import os
+import pathlib
+import platform
+import re
+import statistics
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+MANUAL = "/manual_time"
+
+
+class Failure(Exception):
+    """What keeps a script from its work; the text says what to do."""
+
+
+def run_script(main):
+    """Runs main(), which returns the exit code, with failures as one line."""
+    try:
+        sys.exit(main())
+    except Failure as failure:
+        print(f"{pathlib.Path(sys.argv[0]).name}: {failure}", file=sys.stderr)
+        sys.exit(1)
+    except KeyboardInterrupt:
+        sys.exit(130)
+
+
+def call(command, **options):
+    """Standard output of a command; a Failure with what it printed when it fails."""
+    command = [str(part) for part in command]
+    try:
+        done = subprocess.run(command, check=False, capture_output=True, text=True, **options)
+    except OSError as error:
+        raise Failure(f"cannot start {command[0]}: {error.strerror}; run tools/setup bench") from error
+    if done.returncode != 0:
+        tail = "\n".join((done.stdout + done.stderr).splitlines()[-20:])
+        raise Failure(f"failed with {done.returncode}: {' '.join(command)}\n{tail}")
+    return done.stdout
+
+
+def build(preset, target="all"):
+    """Configures and builds a preset; returns its folder."""
+    call(["cmake", "--preset", preset], cwd=ROOT)
+    call(["cmake", "--build", ROOT / "build" / preset, "--parallel", os.cpu_count() or 1, "--target", target])
+    return ROOT / "build" / preset
+
+
+def program_of(folder, name="olvex_bench"):
+    program = pathlib.Path(folder) / "bin" / name
+    if not program.is_file():
+        raise Failure(f"{program} is missing: configure with -DOLVEX_BUILD_BENCH=ON and build {folder}")
+    return program
+
+
+def benchmark_names(program, pattern):
+    """Names of the program's benchmarks that the regular expression finds a part of."""
+    names = call([program, "--benchmark_list_tests"]).split()
+    chosen = [name for name in names if re.search(pattern, name)]
+    if not chosen:
+        raise Failure(f"no benchmark's name matches {pattern!r}")
+    return chosen
+
+
+def measure(program, name, min_time):
+    """One benchmark in a process of its own, so that none depends on what ran before it. Returns
+    Google Benchmark's JSON."""
+    output = call([program, f"--benchmark_filter=^{name}$", f"--benchmark_min_time={min_time}",
+                   "--benchmark_format=json"])
+    result = json.loads(output)
+    for entry in result["benchmarks"]:
+        if entry.get("error_occurred"):
+            raise Failure(f"{name}: {entry['error_message']}")
+    return result
+
+
+def work_of(name):
+    return name.removesuffix(MANUAL)
+
+
+def nanoseconds(entry):
+    """Processor time of the measuring thread; with manual timing that is what was set."""
+    time = entry["real_time"] if entry["name"].endswith(MANUAL) else entry["cpu_time"]
+    return time * NANOSECONDS[entry["time_unit"]]
+
+
+def rounds_of(entries):
+    """Nanoseconds by benchmark, round by round."""
+    rounds = {}
+    for entry in entries:
+        rounds.setdefault(work_of(entry["name"]), []).append(nanoseconds(entry))
+    return rounds
+
+
+def medians(entries):
+    """Nanoseconds by benchmark: the median of its rounds."""
+    return {name: statistics.median(times) for name, times in rounds_of(entries).items()}
+
+
+def median_ratio(upper, lower):
+    """The median of the ratios within each round."""
+    return statistics.median(above / below for above, below in zip(upper, lower))
+
+
+def median_text(times):
+    return time_text(statistics.median(times))
+
+
+def time_text(ns):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if ns >= size:
+            return f"{ns / size:.3g} {unit}"
+    return f"{ns:.3g} ns"
+
+
+def processor_name():
+    try:
+        text = pathlib.Path("/proc/cpuinfo").read_text(encoding="utf-8")
+    except OSError:
+        text = ""
+    model = re.search(r"^(?:model name|Model|Hardware)\s*:\s*(.+)$", text, re.MULTILINE)
+    return model.group(1).strip() if model else platform.machine()
+
+
+def machine_name():
+    """A short name for a folder: the processor's, without marks and clock rate."""
+    name = re.sub(r"\((?:r|tm)\)|@.*|\bcpu\b|\bprocessor\b", " ", processor_name().lower())
+    return re.sub(r"[^a-z0-9]+", "-", name).strip("-")
+
+
+def show_progress(text):
+    if sys.stderr.isatty():
+        print(f"\r{text[:100]:100}", end="", file=sys.stderr, flush=True)
+
+
+def end_progress():
+    show_progress("")
+    if sys.stderr.isatty():
+        print("\r", end="", file=sys.stderr)
