@@ -166,21 +166,7 @@ Make tracking(int objects) {
   };
 }
 
-}  // namespace
-
-int main(int argc, char** /*argv*/) {
-  if (argc != 1) {
-    std::fprintf(stderr,
-                 "usage: olvex_allocations\n"
-                 "Counts what each library allocates per frame in the steady state.\n");
-    return 2;
-  }
-  // The table goes where standard output was, the libraries' log does not.
-  std::FILE* const table = fdopen(dup(STDOUT_FILENO), "w");
-  if (table == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) {
-    std::perror("olvex_allocations");
-    return 1;
-  }
+void print_table(std::FILE* table) {
   const struct {
     const char* work;
     Make make;
@@ -196,5 +182,33 @@ int main(int argc, char** /*argv*/) {
       print_row(table, row.work, library, row.make);
     }
   }
-  return std::fclose(table) == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 1) {
+    std::fprintf(stderr,
+                 "usage: olvex_allocations\n"
+                 "Counts what each library allocates per frame in the steady state.\n");
+    return argc == 2 && std::strcmp(argv[1], "--help") == 0 ? 0 : 2;
+  }
+  // The table goes where standard output was, the libraries' log does not.
+  std::FILE* const table = fdopen(dup(STDOUT_FILENO), "w");
+  if (table == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) {
+    std::perror("olvex_allocations");
+    return 1;
+  }
+  try {
+    print_table(table);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "olvex_allocations: %s\n", error.what());
+    return 1;
+  }
+  const bool failed = std::ferror(table) != 0;
+  if (std::fclose(table) != 0 || failed) {
+    std::fprintf(stderr, "olvex_allocations: cannot write to standard output\n");
+    return 1;
+  }
+  return 0;
 }

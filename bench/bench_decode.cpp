@@ -3,8 +3,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace {
 
+constexpr int kPoints = 17;
 constexpr int kFewAndMany[] = {0, 20, 200, kAllCells};
 
 int expected_boxes(const RawScene& scene) {
@@ -138,6 +141,38 @@ void register_scan(const std::string& work, const ScanScene& scan) {
   add_floor(name + "/bytes", scan, read_each_byte);
 }
 
+// The sigmoids of all boxes alone: one for each side, the score, and each key point.
+void time_sigmoids(benchmark::State& state, int kept) {
+  Random random(42);
+  std::vector<float> logits, scores;
+  for (int i = 0; i < kept * (5 + kPoints); ++i) {
+    logits.push_back(random.between(-4, 4));
+  }
+  scores.resize(logits.size());
+  for (auto _ : state) {
+    std::transform(logits.begin(), logits.end(), scores.begin(), sigmoid);
+    benchmark::DoNotOptimize(scores.data());
+  }
+}
+
+// The boxes with their key points alone: a list that is sized once, and a list of points for each.
+void time_lists(benchmark::State& state, int kept) {
+  olvex::vector<BoxInfo> boxes;
+  for (auto _ : state) {
+    boxes.clear();
+    boxes.resize(static_cast<std::size_t>(kept), BoxInfo());
+    for (BoxInfo& box : boxes) {
+      box.keypts.resize(kPoints, KeyPt_t());
+    }
+    benchmark::DoNotOptimize(boxes.data());
+  }
+}
+
+void add_part(const std::string& name, void (*time)(benchmark::State&, int), int kept) {
+  benchmark::RegisterBenchmark(name.c_str(),
+                               [time, kept](benchmark::State& state) { time(state, kept); });
+}
+
 }  // namespace
 
 void register_decode() {
@@ -150,9 +185,13 @@ void register_decode() {
       }
     }
   }
-  for (const int kept : {20, 200}) {
-    add_decode("decode_keypoints/points:17" + kept_text(kept),
-               {QV_IPU_FORMAT_FP32, 1, 17, kept, 1});
+  for (const int kept : {0, 20, 200}) {
+    const std::string work = "decode_keypoints/points:17" + kept_text(kept);
+    add_decode(work, {QV_IPU_FORMAT_FP32, 1, kPoints, kept, 1});
+    if (kept > 0) {
+      add_part(work + "/sigmoids", time_sigmoids, kept);
+      add_part(work + "/lists", time_lists, kept);
+    }
   }
   for (const int classes : {3, 8, 80}) {
     register_scan("scan", {classes, false});

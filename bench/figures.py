@@ -1,5 +1,7 @@
 """What the scripts of this folder share: building the benchmarks, running them one by one, medians."""
+import argparse
 import json
+import math
 import os
 import pathlib
 import platform
@@ -11,6 +13,8 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 MANUAL = "/manual_time"
+# Google Benchmark takes its options from there as well.
+ENVIRONMENT = {name: value for name, value in os.environ.items() if not name.startswith("BENCHMARK_")}
 
 
 class Failure(Exception):
@@ -19,22 +23,68 @@ class Failure(Exception):
 
 def run_script(main):
     """Runs main(), which returns the exit code, with failures as one line."""
+    code, fault = 1, None
     try:
-        sys.exit(main())
+        code = main()
+    except SystemExit as end:  # argparse has printed its help or an error
+        code = end.code
     except Failure as failure:
-        print(f"{pathlib.Path(sys.argv[0]).name}: {failure}", file=sys.stderr)
-        sys.exit(1)
+        complain(failure)
     except KeyboardInterrupt:
-        sys.exit(130)
+        code = 130
+    except OSError as error:
+        fault = error
+    try:
+        print(end="", flush=True)
+    except OSError as error:
+        fault = fault or error
+        # What could not be written is not tried once more at exit.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    if fault and not isinstance(fault, BrokenPipeError):
+        complain(f"{fault.filename or 'standard output'}: {fault.strerror}")
+    sys.exit(1 if fault else code)
+
+
+def complain(text):
+    print(f"{pathlib.Path(sys.argv[0]).name}: {text}", file=sys.stderr)
+
+
+def seconds(text):
+    """An argument that says how long something takes."""
+    value = float(text)
+    if not 0 < value < math.inf:
+        raise argparse.ArgumentTypeError("must be positive and finite")
+    return value
+
+
+def pattern(text):
+    """An argument that is a regular expression."""
+    try:
+        re.compile(text)
+    except (re.error, OverflowError) as error:
+        raise argparse.ArgumentTypeError(f"no regular expression: {error}") from error
+    return text
+
+
+def read(path, advice):
+    """The text of a file; a Failure with the advice when there is none."""
+    try:
+        return path.read_text(encoding="utf-8")
+    except OSError as error:
+        raise Failure(f"{path}: {error.strerror}; {advice}") from error
+    except UnicodeDecodeError as error:
+        raise Failure(f"{path} is no text in UTF-8; {advice}") from error
 
 
 def call(command, **options):
     """Standard output of a command; a Failure with what it printed when it fails."""
     command = [str(part) for part in command]
     try:
-        done = subprocess.run(command, check=False, capture_output=True, text=True, **options)
+        done = subprocess.run(command, check=False, capture_output=True, text=True, errors="replace",
+                              env=ENVIRONMENT, **options)
     except OSError as error:
-        raise Failure(f"cannot start {command[0]}: {error.strerror}; run tools/setup bench") from error
+        advice = "; run tools/setup bench" if isinstance(error, FileNotFoundError) else ""
+        raise Failure(f"cannot start {command[0]}: {error.strerror}{advice}") from error
     if done.returncode != 0:
         tail = "\n".join((done.stdout + done.stderr).splitlines()[-20:])
         raise Failure(f"failed with {done.returncode}: {' '.join(command)}\n{tail}")
@@ -60,7 +110,7 @@ def benchmark_names(program, pattern):
     names = call([program, "--benchmark_list_tests"]).split()
     chosen = [name for name in names if re.search(pattern, name)]
     if not chosen:
-        raise Failure(f"no benchmark's name matches {pattern!r}")
+        raise Failure(f"{program}: no benchmark's name matches {pattern!r}")
     return chosen
 
 
@@ -69,10 +119,26 @@ def measure(program, name, min_time):
     Google Benchmark's JSON."""
     output = call([program, f"--benchmark_filter=^{name}$", f"--benchmark_min_time={min_time}",
                    "--benchmark_format=json"])
-    result = json.loads(output)
-    for entry in result["benchmarks"]:
-        if entry.get("error_occurred"):
-            raise Failure(f"{name}: {entry['error_message']}")
+    result = results_in(output, program)
+    entries, context = result["benchmarks"], result.get("context")
+    if [entry["name"] for entry in entries] != [name] or not isinstance(context, dict):
+        raise Failure(f"{program} printed something else than the time of {name}: build it again")
+    return result
+
+
+def results_in(text, source):
+    """Google Benchmark's JSON, each entry with a name and a time; a Failure that names the source when
+    it is something else."""
+    try:
+        result = json.loads(text)
+        for entry in result["benchmarks"]:
+            if entry.get("error_occurred"):
+                raise Failure(f"{source}: {entry['name']}: {entry.get('error_message')}")
+            times = [nanoseconds(entry), entry["real_time"], entry["cpu_time"], entry["iterations"]]
+            if not all(0 < time < math.inf for time in times):
+                raise ValueError(f"{entry['name']} has no positive time")
+    except (ValueError, TypeError, KeyError, AttributeError, OverflowError) as error:
+        raise Failure(f"{source}: not the results of benchmarks: {error!r}") from error
     return result
 
 

@@ -2,6 +2,7 @@
 // from outside (bench/instructions, perf, valgrind).
 #include <stdlib.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -24,6 +25,14 @@ const Routines* find_routines(const std::string& name) {
   return nullptr;
 }
 
+// Zero for what is no whole number.
+int whole_number(const char* text) {
+  int number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto result = std::from_chars(text, end, number);
+  return result.ec == std::errc() && result.ptr == end ? number : 0;
+}
+
 int run_frames(const char* name, int frames, int boxes) {
   const bool accelerator_alone = std::strcmp(name, "accelerator") == 0;
   const Routines* routines = find_routines(accelerator_alone ? "plain_without_log" : name);
@@ -40,8 +49,7 @@ int run_frames(const char* name, int frames, int boxes) {
       reported += run.frame();
     }
   }
-  std::fprintf(stderr, "%d frames, %ld boxes reported\n", frames, reported);
-  return 0;
+  return std::fprintf(stderr, "%d frames, %ld boxes reported\n", frames, reported) < 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -57,13 +65,16 @@ int main(int argc, char** argv) {
   }
   unsetenv("TZ");
   unsetenv("QK_ALGO_S");
-  const int frames = std::atoi(argv[2]);
-  const int boxes = argc == 4 ? std::atoi(argv[3]) : 20;
-  if (frames < 1 || boxes < 1 || boxes > ALGO_DET_MAX_BOXES ||
-      std::freopen("/dev/null", "w", stdout) == nullptr) {
-    std::fprintf(stderr, "olvex_frames: FRAMES and BOXES (at most %d) must be positive\n",
+  const int frames = whole_number(argv[2]);
+  const int boxes = argc == 4 ? whole_number(argv[3]) : 20;
+  if (frames < 1 || boxes < 1 || boxes > ALGO_DET_MAX_BOXES) {
+    std::fprintf(stderr, "olvex_frames: FRAMES and BOXES (at most %d) must be positive numbers\n",
                  ALGO_DET_MAX_BOXES);
     return 2;
+  }
+  if (std::freopen("/dev/null", "w", stdout) == nullptr) {
+    std::perror("olvex_frames: /dev/null");
+    return 1;
   }
   try {
     return run_frames(argv[1], frames, boxes);

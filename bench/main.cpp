@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
 #include "bench/bench.h"
 
@@ -92,13 +93,15 @@ StandardOutputTo::~StandardOutputTo() {
   close(saved_);
 }
 
-int main(int argc, char** argv) {
+namespace {
+
+int check_or_measure(int argc, char** argv) {
   // The log is buffered as for a file, wherever this program's own output goes.
   static char buffer[4096];
   std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
   // The heap keeps what it has, as in a process that has run for a while. With the C library's
-  // adapting limits a long list that grows costs up to thirty times as much or not, depending on
-  // what else was freed before: it is the system's pages that would be measured.
+  // adapting limits a long list that grows costs several times as much or not, depending on what
+  // else was freed before: it is the system's pages that would be measured.
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   mallopt(M_TRIM_THRESHOLD, 512 << 20);
   // A camera sets no time zone.
@@ -109,7 +112,11 @@ int main(int argc, char** argv) {
   register_tracking();
   register_log();
   register_run();
-  if (argc == 2 && std::strcmp(argv[1], "--check") == 0) {
+  if (argc > 1 && std::strcmp(argv[1], "--check") == 0) {
+    if (argc > 2) {
+      std::fprintf(stderr, "usage: olvex_bench --check, or options of Google Benchmark (--help)\n");
+      return 2;
+    }
     return compare_libraries();
   }
   benchmark::Initialize(&argc, argv);
@@ -121,4 +128,19 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const int code = check_or_measure(argc, argv);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+      throw std::runtime_error("cannot write to standard output");
+    }
+    return code;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "olvex_bench: %s\n", error.what());
+    return 1;
+  }
 }

@@ -8,8 +8,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "platform/scripted/qv_scripted.h"
 
@@ -99,13 +101,27 @@ qv_scripted::Network raw_network() {
 }
 
 std::string write_model(const std::string& header) {
-  char path[] = "/tmp/olvex_bench_XXXXXX";
-  const int file = mkstemp(path);
+  std::error_code error;
+  const std::string folder = std::filesystem::temp_directory_path(error).string();
+  if (error) {
+    throw std::runtime_error("no folder for temporary files, see TMPDIR: " + error.message());
+  }
+  std::string path = folder + "/olvex_bench_XXXXXX";
+  if (path.size() >= sizeof DetectionInfo_t::model) {
+    throw std::runtime_error("the name of the folder for temporary files is too long: " + folder);
+  }
+  const int file = mkstemp(&path[0]);
   if (file < 0) {
-    throw std::runtime_error("cannot make a model file in /tmp");
+    throw std::runtime_error("cannot make a model file in " + folder);
   }
   close(file);
-  std::ofstream(path, std::ios::binary) << header << "QTNX0123456789ab";
+  std::ofstream stream(path, std::ios::binary);
+  stream << header << "QTNX0123456789ab";
+  stream.close();
+  if (!stream) {
+    unlink(path.c_str());
+    throw std::runtime_error("cannot write a model file in " + folder);
+  }
   return path;
 }
 
