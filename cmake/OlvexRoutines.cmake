@@ -1,14 +1,26 @@
 # olvex_add_routines(<target> <table> [<folder>...]) builds a whole library as a shared object that
 # exports one function, <table>, from tests/support/routines.h. Files that a folder has under the
 # path of one of the library's own take its place: a source is compiled instead, a header is found
-# first.
+# first. A file that stands in for nothing is an error: after a file of the library has moved, its
+# stand-in would be left out in silence, and the library be compared with itself.
 
 set(OLVEX_ROUTINES_SOURCES video/det/src/olvex_det_impl.cpp tests/support/routines.cpp)
 
 function(olvex_add_routines target table)
   get_target_property(sources olvex_det_core SOURCES)
+  list(APPEND sources ${OLVEX_ROUTINES_SOURCES})
+  foreach(folder IN LISTS ARGN)
+    file(GLOB_RECURSE stand_ins RELATIVE "${folder}" CONFIGURE_DEPENDS "${folder}/*.cpp"
+         "${folder}/*.h")
+    foreach(stand_in IN LISTS stand_ins)
+      if(NOT stand_in IN_LIST sources AND
+         NOT (stand_in MATCHES "\\.h$" AND EXISTS "${PROJECT_SOURCE_DIR}/${stand_in}"))
+        message(FATAL_ERROR "${folder}/${stand_in} stands in for no file of the library")
+      endif()
+    endforeach()
+  endforeach()
   set(chosen "")
-  foreach(source IN LISTS sources OLVEX_ROUTINES_SOURCES)
+  foreach(source IN LISTS sources)
     set(file "${PROJECT_SOURCE_DIR}/${source}")
     foreach(folder IN LISTS ARGN)
       if(EXISTS "${folder}/${source}")

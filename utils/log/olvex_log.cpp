@@ -23,12 +23,7 @@ void keep_calendar(OlvexLogClock& clock, time_t seconds) {
   clock.second = seconds;
 }
 
-// Each writes at `to` and returns the place behind.
-char* write_text(char* to, const char* text) {
-  return stpcpy(to, text);
-}
-
-// Requires: not negative.
+// Like stpcpy, writes at `to` and returns the place behind. Requires: not negative.
 char* write_number(char* to, long number) {
   char digits[kLongestNumber];
   char* first = digits + kLongestNumber;
@@ -45,7 +40,7 @@ char* write_number(char* to, long number) {
 // point of the locale, as printf has it.
 char* write_fraction(char* to, long microseconds) {
   to = write_number(to, microseconds / 1000);
-  to = write_text(to, nl_langinfo(RADIXCHAR));
+  to = stpcpy(to, nl_langinfo(RADIXCHAR));
   const long thousandths = microseconds % 1000;
   *to++ = static_cast<char>('0' + thousandths / 100);
   *to++ = static_cast<char>('0' + thousandths / 10 % 10);
@@ -64,12 +59,12 @@ void olvex_log_header(OlvexLogClock& clock, const char* tag, int line) {
   }
   // The calendar, three numbers, the decimal point, a tag and punctuation.
   char header[sizeof(clock.calendar_text) + 3 * kLongestNumber + MB_LEN_MAX + 32];
-  char* end = write_text(header, clock.calendar_text);
+  char* end = stpcpy(header, clock.calendar_text);
   end = write_fraction(end, static_cast<long>(clock.time_of_day.tv_usec) % kMicrosecondsPerSecond);
-  end = write_text(end, "] ");
-  end = write_text(end, tag);
-  end = write_text(end, ", LINE: ");
+  end = stpcpy(end, "] ");
+  end = stpcpy(end, tag);
+  end = stpcpy(end, ", LINE: ");
   end = write_number(end, line);
-  end = write_text(end, ". ");
+  end = stpcpy(end, ". ");
   fwrite(header, 1, static_cast<size_t>(end - header), stdout);
 }

@@ -13,8 +13,8 @@
 
 namespace olvex {
 
-// Must not itself be moved by its bytes.
-// Lack of memory raises the runtime's allocation exception and leaves the values as they were.
+// Requires: T is trivially copyable. Must not itself be moved by its bytes. Lack of memory raises the
+// runtime's allocation exception and leaves the values as they were.
 template <typename T, size_t kOwnCapacity = 0>
 class scratch {
  public:
