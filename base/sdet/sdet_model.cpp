@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "utils/log/olvex_log.h"
+#include "utils/olvex_stl/scratch.h"
 #include "utils/records/algo_types.h"
 
 OLVEX_LOG_CLOCK;
@@ -41,6 +42,9 @@ void copy_cut(char (&field)[128], const char* text, unsigned long long length) {
 int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue_t>& kvs,
                   char*& p_model) {
   kvs.clear();
+  // Not the list itself, which would be copied with each pair: in a text file taken for a model,
+  // every line can be one.
+  olvex::scratch<ModelKeyValue_t> pairs;
   unsigned long long entry_start = 0;
   unsigned long long colon = 0;
   unsigned long long value_start = 0;
@@ -56,7 +60,7 @@ int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue
         copy_cut(pair.key, buf + entry_start, colon - entry_start);
         copy_cut(pair.value, buf + value_start, i - value_start);
         OLVEX_DEBUG_FORMAT("got model key: %s, value: %s\n", pair.key, pair.value);
-        kvs.push_back(pair);
+        pairs.push_back(pair);
       }
       if (at_pattern) {
         p_model = buf + i;
@@ -67,6 +71,10 @@ int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue
       }
       entry_start = i + 1;
     }
+  }
+  kvs.resize(pairs.size(), ModelKeyValue_t());
+  for (size_t k = 0; k < pairs.size(); ++k) {
+    kvs[k] = pairs[k];
   }
   return 0;
 }
@@ -197,6 +205,7 @@ float rescale(float position, int net_extent, int img_extent) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is fixed
 int set_det_class_keypoint(olvex::vector<ModelKeyValue_t> kvs, int& num_classes,
                            int& num_keypoints) {
   const char* name = first_value(kvs, kModelOutKey);
@@ -444,6 +453,28 @@ int DetAfModel::cal_variable_size(char* model_buffer, unsigned int size,
   return E_ALGO_SUCCESS;
 }
 
+// Takes down what model_init opened when a scope is left without keep(): by a failing call, or by an
+// allocation that fails.
+class DetAfModel::OpenChannel {
+ public:
+  explicit OpenChannel(DetAfModel& model) : model_(model), is_kept_(false) {}
+  ~OpenChannel() {
+    if (!is_kept_) {
+      QV_IPU_DestroyCHN(model_.u32channelid_);
+      QV_IPU_DestroyDevice();
+      model_.release_image();
+    }
+  }
+  OpenChannel(const OpenChannel&) = delete;
+  OpenChannel& operator=(const OpenChannel&) = delete;
+
+  void keep() { is_kept_ = true; }
+
+ private:
+  DetAfModel& model_;
+  bool is_kept_;
+};
+
 int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
   QV_IPUChnAttr_s attributes = QV_IPUChnAttr_s();
   attributes.u32InputBufDepth = static_cast<QV_U32>(input_buf_depth);
@@ -466,19 +497,18 @@ int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
     release_image();
     return E_ALGO_LOADMODEL_FAIL;
   }
+  OpenChannel channel(*this);
   result = QV_IPU_GetInOutTensorDesc(u32channelid_, &desc_);
   if (result != 0) {
     OLVEX_ERROR_FORMAT("fail to get network description %d\n", result);
-    QV_IPU_DestroyCHN(u32channelid_);
-    QV_IPU_DestroyDevice();
-    release_image();
     return E_ALGO_LOADMODEL_FAIL;
   }
   log_tensors_and_learn_keys();
+  get_class_id_map();
+  channel.keep();
   memset(&output_tensor_vector_, 0, sizeof(output_tensor_vector_));
   QV_IPU_GetOutputTensors(u32channelid_, &output_tensor_vector_);
   release_image();
-  get_class_id_map();
   return E_ALGO_SUCCESS;
 }
 
@@ -528,8 +558,42 @@ struct OutputTensors {
 };
 
 double milliseconds_between(const struct timeval& start, const struct timeval& end) {
-  return static_cast<double>(end.tv_sec - start.tv_sec) * 1000.0 +
+  // In double: a 32-bit clock that passes its end between the two would overflow.
+  return (static_cast<double>(end.tv_sec) - static_cast<double>(start.tv_sec)) * 1000.0 +
          static_cast<double>(end.tv_usec - start.tv_usec) / 1000.0;
+}
+
+// Whether one of the extents in use is 0.
+bool is_empty(const QV_IPU_TensorDesc_t& tensor) {
+  const QV_U32 dimensions = olvex::min<QV_U32>(tensor.u32TensorDim, QV_IPU_MAX_DIMENSIONS);
+  for (QV_U32 k = 0; k < dimensions; ++k) {
+    if (tensor.u32TensorShape[k] == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Bytes of an element; 0 for types that no decoder reads.
+unsigned int element_size(QV_IPU_ELEMENT_FORMAT format) {
+  switch (format) {
+    case QV_IPU_FORMAT_U8:
+    case QV_IPU_FORMAT_INT8:
+      return 1;
+    case QV_IPU_FORMAT_INT16:
+      return 2;
+    case QV_IPU_FORMAT_FP32:
+      return 4;
+    default:
+      return 0;
+  }
+}
+
+// The decoders read every output as one of the first output's type. Where one has an extent of 0, or
+// smaller elements than that, its memory ends before what they would read.
+bool has_memory(const QV_IPU_TensorDesc_t& tensor, const QV_IPU_TensorDesc_t& first) {
+  const unsigned int size = element_size(tensor.eElmFormat);
+  return !is_empty(tensor) && (size == 0 || size >= element_size(first.eElmFormat));
 }
 
 bool all_have_data(const DetDecodeInfo& info) {
@@ -552,8 +616,9 @@ int DetAfModel::model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int*
   OLVEX_INFO_FORMAT("input tensors and output tensor count is %d %d\n",
                     static_cast<int>(desc_.u32InputTensorCount),
                     static_cast<int>(desc_.u32OutputTensorCount));
-  struct timeval start;
-  struct timeval end;
+  // A clock that cannot tell the time leaves them as they are.
+  struct timeval start = timeval();
+  struct timeval end = timeval();
   gettimeofday(&start, NULL);
   int result = QV_IPU_Invoke(u32channelid_, input, &output_tensor_vector_);
   if (result != 0) {
@@ -566,18 +631,12 @@ int DetAfModel::model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int*
   OLVEX_INFO_FORMAT("model invoke cost time: %f ms\n", milliseconds_between(start, end));
   start = end;
 
-  if (desc_.u32OutputTensorCount == 1) {
-    result = model_one_output_postprocess();
-    if (result != E_ALGO_SUCCESS) {
-      OLVEX_ERROR("model one_output post process wrong");
-      return result;
-    }
-  } else {
-    result = model_postprocess();
-    if (result != E_ALGO_SUCCESS) {
-      OLVEX_ERROR("model post process wrong");
-      return result;
-    }
+  const bool has_one_output = desc_.u32OutputTensorCount == 1;
+  result = has_one_output ? model_one_output_postprocess() : model_postprocess();
+  if (result != E_ALGO_SUCCESS) {
+    OLVEX_ERROR(has_one_output ? "model one_output post process wrong"
+                               : "model post process wrong");
+    return result;
   }
   const QV_IPU_TensorDesc_t& input_desc = desc_.astQV_InputTensorDescs[0];
   det_rescale_boxinfos(det_bboxes_, static_cast<int>(input_desc.u32TensorShape[2]),
@@ -609,7 +668,9 @@ int DetAfModel::model_postprocess() {
     outputs.grid_height[i] = static_cast<int>(tensor.u32TensorShape[1]);
     outputs.grid_width[i] = static_cast<int>(tensor.u32TensorShape[2]);
     outputs.grid_channel[i] = static_cast<int>(tensor.u32TensorShape[3]);
-    outputs.data[i] = output_tensor_vector_.astArrayTensors[i].ptTensorData[0];
+    outputs.data[i] = has_memory(tensor, desc_.astQV_OutputTensorDescs[0])
+                          ? output_tensor_vector_.astArrayTensors[i].ptTensorData[0]
+                          : NULL;
     OLVEX_INFO_FORMAT("layer %d w h c =: [%d][%d][%d] \n", static_cast<int>(i),
                       outputs.grid_width[i], outputs.grid_height[i], outputs.grid_channel[i]);
   }

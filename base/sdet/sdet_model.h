@@ -94,7 +94,8 @@ class DetAfModel : public IpuEngine {
 
   // Opens the channel, learns the pairs of the first output's name, and releases the model image.
   // Requires: the device is up. Returns E_ALGO_SUCCESS, or E_ALGO_LOADMODEL_FAIL (logged); a
-  // failing channel or description also takes the device down and releases the image.
+  // failing channel or description also takes the device down and releases the image, and so does
+  // lack of memory.
   int model_init(int input_buf_depth, int output_buf_depth);
 
   // Runs one frame.
@@ -144,6 +145,8 @@ class DetAfModel : public IpuEngine {
   olvex::vector<olvex::pair<int, int> > class_id_map_;  // model class id, library class id
 
  private:
+  class OpenChannel;
+
   int query_variable_size(unsigned int* variable_size);
   void release_image();
   void log_tensors_and_learn_keys();

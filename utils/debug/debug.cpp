@@ -17,9 +17,9 @@ namespace {
 
 const size_t kDumpPathSize = 256;
 
-int debug_level_from_environment() {
+int debug_level_from_environment() noexcept {
   const char* text = getenv("ALGO_DEBUG");
-  return text == NULL ? 0 : atoi(text);
+  return text == NULL ? 0 : atoi(text);  // NOLINT(cert-err34-c): what is no number counts as 0
 }
 
 // Read once, when the library is loaded.

@@ -100,7 +100,8 @@ class vector {
   ~vector() { clear(); }
   vector& operator=(const vector& other);
 
-  // Makes room for n elements by the growth rule; the size stays.
+  // Makes room for n elements by the growth rule; the size stays, and the storage never gets too small
+  // for it.
   void try_alloc(size_t n);
   // Destroys the elements from n on, or appends copies of value up to n. value may be an element.
   void resize(size_t n, const T& value);
@@ -173,6 +174,10 @@ void vector<T>::try_alloc(size_t n) {
   // A count whose multiple wraps around must not pass for a small one.
   const bool wraps = n > SIZE_MAX / 3;
   if (need <= have && !wraps) {
+    return;
+  }
+  // Asked again and again for less, the rule would come down to storage that the elements do not fit.
+  if (!wraps && 2 * n < size_) {
     return;
   }
   T* moved = reinterpret_cast<T*>(storage::reserve(wraps ? SIZE_MAX : 2 * n, sizeof(T)));

@@ -46,8 +46,8 @@ class DetHandle {
 
   // Sizes the model, creates the device unless the caller has one, and opens the model. Returns 0;
   // the platform's code when the device cannot be created; E_ALGO_DEVICE_FAULT when the model
-  // cannot be opened. After a failure the mutex stays locked and the handle may be initialised
-  // again.
+  // cannot be opened. After a failure the mutex stays locked, except for lack of memory, and the
+  // handle may be initialised again.
   int handle_init(DetInfo_t* info);
 
   // Closes the model, frees the tracker, destroys the device unless it is the caller's. Does
@@ -99,6 +99,7 @@ class DetHandle {
 
  private:
   int create_device(unsigned int variable_size);
+  int open_device_and_model();
   int dump_frame(const QV_SYS_BufInfo_s& buffer);
   bool is_reported(const Track& track) const;
   olvex::scratch<TrackBBox> track_boxes_;  // this frame's boxes as the tracker sees them

@@ -23,13 +23,22 @@ const QV_U32 kXrgbRowAlignment = 16;
 // Holds a handle's mutex for a scope, also when an allocation failure leaves it.
 class MutexGuard {
  public:
-  explicit MutexGuard(DetHandle& handle) : handle_(handle) { handle_.lock_mutex_lock(); }
-  ~MutexGuard() { handle_.unlock_mutex_lock(); }
+  explicit MutexGuard(DetHandle& handle) : handle_(handle), unlocks_(true) {
+    handle_.lock_mutex_lock();
+  }
+  ~MutexGuard() {
+    if (unlocks_) {
+      handle_.unlock_mutex_lock();
+    }
+  }
   MutexGuard(const MutexGuard&) = delete;
   MutexGuard& operator=(const MutexGuard&) = delete;
 
+  void leave_locked() { unlocks_ = false; }
+
  private:
   DetHandle& handle_;
+  bool unlocks_;
 };
 
 OlvexIouTracker* as_tracker(void* tracker) {
@@ -111,25 +120,37 @@ int DetHandle::create_device(unsigned int variable_size) {
   return result;
 }
 
-// Deliberate: the two failures below leave the mutex locked. A handle that failed is freed or
-// initialised again, and init_mutex_lock makes the mutex anew.
 int DetHandle::handle_init(DetInfo_t* info) {
   save_path_det = getenv("QK_ALGO_S");
   // Deliberate: the address in decimal, not the text.
   OLVEX_DEBUG_FORMAT("save_path_det: %d\n",
                      static_cast<int>(reinterpret_cast<intptr_t>(save_path_det)));
   mDetInfo_ = *info;
-  unsigned int variable_size = 0;
   init_mutex_lock();
-  lock_mutex_lock();
+  {
+    MutexGuard guard(*this);
+    const int result = open_device_and_model();
+    if (result != E_ALGO_SUCCESS) {
+      // Deliberate: a handle that failed is freed or initialised again, and init_mutex_lock makes
+      // the mutex anew.
+      guard.leave_locked();
+      return result;
+    }
+  }
+  isInited_ = 1;
+  OLVEX_INFO("init success!");
+  return E_ALGO_SUCCESS;
+}
 
+int DetHandle::open_device_and_model() {
+  unsigned int variable_size = 0;
   // The result is not checked: without a model, model_init below fails.
   if (mDetInfo_.model_buffer != NULL) {
     detModel_.cal_variable_size(static_cast<char*>(mDetInfo_.model_buffer),
                                 static_cast<unsigned int>(mDetInfo_.model_buffer_len),
                                 &variable_size);
   } else {
-    detModel_.cal_variable_size(info->model, &variable_size);
+    detModel_.cal_variable_size(mDetInfo_.model, &variable_size);
   }
   if (variable_size != 0) {
     OLVEX_DEBUG_FORMAT("cal_variable_size done(%lu)\n", static_cast<unsigned long>(variable_size));
@@ -149,9 +170,6 @@ int DetHandle::handle_init(DetInfo_t* info) {
     OLVEX_ERROR_FORMAT("det model %s load failed(%d)!\n", mDetInfo_.model, result);
     return E_ALGO_DEVICE_FAULT;
   }
-  unlock_mutex_lock();
-  isInited_ = 1;
-  OLVEX_INFO("init success!");
   return E_ALGO_SUCCESS;
 }
 
