@@ -1,6 +1,12 @@
-# Flags that every target of the project shares, as two interface targets:
-#   olvex_warnings  what our own sources are compiled with
-#   olvex_numbers   what keeps floating-point results the same on every machine
+# Flags that every target of the project shares, as three interface targets:
+#   olvex_warnings   what our own sources are compiled with
+#   olvex_numbers    what keeps floating-point results the same on every machine
+#   olvex_hardening  what is shipped: a fault of memory is to end the process, not to be of use
+include(CheckCXXCompilerFlag)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
 
 add_library(olvex_warnings INTERFACE)
 target_compile_options(olvex_warnings INTERFACE -Wall -Wextra -Wshadow -Wconversion
@@ -17,6 +23,30 @@ if(OLVEX_SANITIZERS)
   add_link_options(-fsanitize=${OLVEX_SANITIZERS})
 endif()
 
-if(NOT CMAKE_BUILD_TYPE)
-  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+# docs/threats.md says what each flag is for and what it costs. The sanitizers see more than these do,
+# and what they see must not be caught before.
+add_library(olvex_hardening INTERFACE)
+set(OLVEX_HARDENED OFF)
+if(OLVEX_HARDENING AND NOT OLVEX_SANITIZERS AND NOT OLVEX_COVERAGE AND
+   NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  set(OLVEX_HARDENED ON)
+  target_compile_options(olvex_hardening INTERFACE
+    -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  # Not every processor has these; a compiler that only warns of one has it not.
+  foreach(flag IN ITEMS stack-clash-protection cf-protection)
+    string(MAKE_C_IDENTIFIER "OLVEX_HAS_${flag}" has_flag)
+    set(CMAKE_REQUIRED_FLAGS -Werror)
+    check_cxx_compiler_flag(-f${flag} ${has_flag})
+    unset(CMAKE_REQUIRED_FLAGS)
+    if(${has_flag})
+      target_compile_options(olvex_hardening INTERFACE -f${flag})
+    endif()
+  endforeach()
+  target_link_options(olvex_hardening INTERFACE
+    "LINKER:-z,relro,-z,now,-z,noexecstack,-z,separate-code")
+endif()
+
+if(OLVEX_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
 endif()

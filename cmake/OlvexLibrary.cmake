@@ -30,7 +30,7 @@ set_target_properties(olvex_det_core PROPERTIES
 target_include_directories(olvex_det_core PUBLIC
   "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records")
 target_link_libraries(olvex_det_core PUBLIC qv_platform olvex_numbers Threads::Threads
-                                     PRIVATE olvex_warnings)
+                                     PRIVATE olvex_warnings olvex_hardening)
 
 set(OLVEX_EXPORT_MAP "${PROJECT_SOURCE_DIR}/cmake/olvex_det.map")
 add_library(olvex_det SHARED video/det/src/olvex_det_impl.cpp)
@@ -50,10 +50,11 @@ target_include_directories(olvex_det
          "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>"
          "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/olvex>"
   PRIVATE "${PROJECT_SOURCE_DIR}")
-target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numbers)
+target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numbers
+                                        olvex_hardening)
 # The QV_ calls stay undefined: the application brings the chip's library or one of platform/.
 target_link_options(olvex_det PRIVATE "LINKER:--version-script=${OLVEX_EXPORT_MAP}"
-                                      "LINKER:-z,relro,-z,now" "LINKER:--as-needed")
+                                      "LINKER:--as-needed")
 
 install(TARGETS olvex_det LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(FILES

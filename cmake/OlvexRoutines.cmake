@@ -47,5 +47,5 @@ function(olvex_add_routines target table)
   target_include_directories(${target} INTERFACE
     "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records")
   target_link_libraries(${target} PUBLIC qv_scripted PRIVATE olvex_warnings olvex_numbers
-                                                               Threads::Threads)
+                                                               olvex_hardening Threads::Threads)
 endfunction()

@@ -1,6 +1,6 @@
 # Checks what the finished library shows to the outside: exported names, libraries that it needs,
-# its name, and the build string in writable data. Run by ctest with
-#   -DLIBRARY= -DNM= -DREADELF= -DBUILD_STRING= -DSANITIZERS=
+# its name, the build string in writable data, and what hardens it. Run by ctest with
+#   -DLIBRARY= -DNM= -DREADELF= -DBUILD_STRING= -DSANITIZERS= -DHARDENED=
 
 function(run_tool result)
   execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)
@@ -39,4 +39,17 @@ run_tool(data "${READELF}" --string-dump=.data "${LIBRARY}")
 string(FIND "${data}" "${BUILD_STRING}" position)
 if(position EQUAL -1)
   message(SEND_ERROR "build string ${BUILD_STRING} is not in .data:\n${data}")
+endif()
+
+if(HARDENED)
+  run_tool(headers "${READELF}" --program-headers --wide "${LIBRARY}")
+  run_tool(undefined "${NM}" --dynamic --undefined-only "${LIBRARY}")
+  foreach(mark IN ITEMS "GNU_RELRO;${headers}" "GNU_STACK[^\n]* RW +0x;${headers}"
+                        "FLAGS[^\n]*BIND_NOW;${dynamic}" "U __stack_chk_fail;${undefined}"
+                        "U __printf_chk;${undefined}")
+    list(POP_FRONT mark pattern)
+    if(NOT mark MATCHES "${pattern}")
+      message(SEND_ERROR "not hardened, no ${pattern} in:\n${mark}")
+    endif()
+  endforeach()
 endif()
