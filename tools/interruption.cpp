@@ -1,15 +1,19 @@
 // interruption.cpp - the signal handlers. Read interruption.h first.
 #include "tools/interruption.h"
 
+#include <atomic>
+
 namespace olvex_tools {
 
 namespace {
 
-volatile std::sig_atomic_t was_requested = 0;
+// Atomic, since a thread of a codec may be the one that gets the signal.
+std::atomic<bool> was_requested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler must not wait for a lock");
 
 // From now on either signal has its default action, which ends the process.
 extern "C" void remember_request(int) {
-  was_requested = 1;
+  was_requested = true;
   std::signal(SIGINT, SIG_DFL);
   std::signal(SIGTERM, SIG_DFL);
 }
@@ -26,7 +30,7 @@ void handle(int signal, void (*handler)(int), struct sigaction* former) {
 }  // namespace
 
 Interruption::Interruption() {
-  was_requested = 0;
+  was_requested = false;
   handle(SIGINT, remember_request, &former_interrupt_);
   handle(SIGTERM, remember_request, &former_terminate_);
   handle(SIGPIPE, SIG_IGN, &former_pipe_);
@@ -39,7 +43,7 @@ Interruption::~Interruption() {
 }
 
 bool Interruption::requested() const {
-  return was_requested != 0;
+  return was_requested;
 }
 
 }  // namespace olvex_tools

@@ -73,9 +73,18 @@ const char* find_word(const Choice<Value> (&choices)[kCount], Value value) {
   return nullptr;
 }
 
+// A field's name may come from the description; what would break or steer the line that a terminal
+// shows is shown as a question mark.
+std::string one_line(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+  return text;
+}
+
 [[noreturn]] void refuse(const std::string& field, const std::string& found,
                          const std::string& expected) {
-  throw ImageError("description field \"" + field + "\": found " + found + ", expected " +
+  throw ImageError("description field \"" + one_line(field) + "\": found " + found + ", expected " +
                    expected);
 }
 
@@ -213,6 +222,12 @@ void check_name_pairs(const Description& description) {
     refuse("name_pairs",
            std::to_string(name.size()) + " bytes together with the first output's name",
            "at most " + std::to_string(kMaxName) + "; shorten the pairs or that name");
+  }
+  const auto pattern =
+      std::search(name.begin(), name.end(), std::begin(kStartPattern), std::end(kStartPattern));
+  if (!description.name_pairs.empty() && pattern != name.end()) {
+    refuse("name_pairs", "\"QTNX\" in them or in the first output's name",
+           "none: the library reads pairs up to there only");
   }
 }
 

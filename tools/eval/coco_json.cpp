@@ -2,8 +2,8 @@
 // and dropped from the tree. Read coco_json.h first.
 #include "tools/eval/coco_json.h"
 
-#include <algorithm>
 #include <cmath>
+#include <set>
 #include <vector>
 
 #include "tools/command.h"
@@ -59,7 +59,7 @@ class ListParser {
       refuse_file(path_, "is not JSON: " + reason_of(error));
     }
     for (const auto& [name, reader] : lists_) {
-      if (!one_list_ && std::find(file_keys_.begin(), file_keys_.end(), name) == file_keys_.end()) {
+      if (!one_list_ && file_keys_.all.count(name) == 0) {
         refuse_file(path_, "has no \"" + name + "\"; is it a COCO instances file?");
       }
     }
@@ -98,9 +98,9 @@ class ListParser {
   bool handle_member_of_file(Event event, const Json& value) {
     if (event == Event::key) {
       remember(value.get<std::string>(), "the file", &file_keys_);
-      const auto list = lists_.find(file_keys_.back());
+      const auto list = lists_.find(file_keys_.last);
       reader_ = list == lists_.end() ? nullptr : &list->second;
-      list_name_ = file_keys_.back();
+      list_name_ = file_keys_.last;
       count_ = 0;
       return true;
     }
@@ -115,7 +115,7 @@ class ListParser {
       refuse_file(path_, place() + " must be an object {...}.");
     }
     if (event == Event::object_start) {
-      item_keys_.clear();
+      item_keys_.all.clear();
     }
     if (event != Event::object_end) {
       return true;
@@ -132,14 +132,20 @@ class ListParser {
     }
     // Outlines can be the larger part of a file, and nothing asks for them.
     const bool nested = event == Event::array_start || event == Event::object_start;
-    return !nested || item_keys_.back() == "bbox";
+    return !nested || item_keys_.last == "bbox";
   }
 
-  void remember(const std::string& key, const std::string& where, std::vector<std::string>* keys) {
-    if (std::find(keys->begin(), keys->end(), key) != keys->end()) {
+  // The members of an object so far. A file that is none of COCO's may have any number.
+  struct Keys {
+    std::set<std::string> all;
+    std::string last;
+  };
+
+  void remember(const std::string& key, const std::string& where, Keys* keys) {
+    if (!keys->all.insert(key).second) {
       refuse_file(path_, where + " has the member \"" + key + "\" twice.");
     }
-    keys->push_back(key);
+    keys->last = key;
   }
 
   std::string place() const {
@@ -153,8 +159,8 @@ class ListParser {
   const CocoItemReader* reader_;  // of the list that is being read; null where nobody reads
   std::string list_name_;
   std::size_t count_ = 0;  // objects of that list before this one
-  std::vector<std::string> file_keys_;
-  std::vector<std::string> item_keys_;
+  Keys file_keys_;
+  Keys item_keys_;
 };
 
 }  // namespace
