@@ -1,0 +1,96 @@
+// packer_fuzz.cpp - what olvex-det pack and inspect read beside images: networks' signatures, the
+// options with the files that they name, and header texts. The first byte of an input chooses: odd:
+// a header text; even: options as typed, description, class names and network, divided by zero
+// bytes.
+#include <cstdint>
+
+#include <CLI/CLI.hpp>
+
+#include "fuzz/fuzz_check.h"
+#include "fuzz/fuzz_file.h"
+#include "tools/command.h"
+#include "tools/pack_options.h"
+
+namespace {
+
+using namespace olvex_tools;
+
+void read_header(const std::string& text) {
+  const Pairs pairs = read_pairs(text);
+  for (const Pair& pair : pairs) {
+    FUZZ_CHECK(!pair.first.empty() && !pair.second.empty());
+    const TypeCounts counts = counts_of_word(pair.second);
+    FUZZ_CHECK(!counts.known || channels_fit(counts, 4 + counts.classes + 2 * counts.keypoints));
+  }
+}
+
+// Quotes and blanks as a shell takes them. False: the command line is refused.
+bool parse_options(const std::string& line, PackOptions* options) {
+  CLI::App application;
+  add_pack_options(&application, options);
+  try {
+    application.parse(line);
+    return true;
+  } catch (const CLI::ParseError&) {
+    return false;
+  }
+}
+
+void check_packed(const qv_host::Description& description) {
+  FUZZ_CHECK(read_pairs(output_tensor_names(description)[0]) == description.name_pairs);
+  std::string json;
+  try {
+    json = description_to_json(description);
+  } catch (const qv_host::ImageError&) {
+    return;  // names in a network need not be UTF-8
+  }
+  FUZZ_CHECK(description_to_json(qv_host::parse_description(json)) == json);
+}
+
+NetworkSignature read_network(const std::string& bytes) {
+  const std::vector<char> exact(bytes.begin(), bytes.end());
+  const NetworkSignature network = read_onnx_signature("network", exact);
+  for (const auto* tensors : {&network.inputs, &network.outputs}) {
+    FUZZ_CHECK(!tensors->empty());
+    for (const NetworkTensor& tensor : *tensors) {
+      FUZZ_CHECK(tensor.name.size() + tensor.shape.size() <= bytes.size());
+      FUZZ_CHECK(describe(tensor).find('-', tensor.name.size()) == std::string::npos);
+    }
+  }
+  return network;
+}
+
+void pack(const std::vector<std::string>& parts) {
+  static MemoryFile description;
+  static MemoryFile class_names;
+  const NetworkSignature network = read_network(parts[3]);
+  PackOptions options;
+  if (!parse_options("network " + parts[0], &options)) {
+    return;
+  }
+  options.description_path = parts[1].empty() ? "" : description.holding(parts[1]);
+  options.class_names_path = parts[2].empty() ? "" : class_names.holding(parts[2]);
+  const Pairs pairs = header_pairs(options);
+  FUZZ_CHECK(read_pairs(file_header(pairs)) == pairs);
+  check_packed(describe_model(options, network));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool is_quiet = (discard_standard_output(), true);
+  if (size == 0 || !is_quiet) {
+    return 0;
+  }
+  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  try {
+    if (data[0] % 2 == 1) {
+      read_header(rest);
+    } else {
+      pack(parts_of(rest, 4));
+    }
+  } catch (const ToolError& error) {
+    FUZZ_CHECK(error.exit_code() != kInternalError);
+  }
+  return 0;
+}
