@@ -4,9 +4,7 @@
 #ifndef TESTS_API_DET_TEST_H
 #define TESTS_API_DET_TEST_H
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/api/list_network.h"
+#include "tests/support/log_lines.h"
 #include "tests/support/scripted_test.h"
 #include "video/det/include/det_schedule.h"
 #include "video/det/include/olvex_det.h"
@@ -48,6 +47,7 @@ class DetTest : public ScriptedTest {
   // What was printed since the last call.
   std::string log() {
     const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_EQ("", unknown_lines(text));
     testing::internal::CaptureStdout();
     return text;
   }
@@ -122,18 +122,6 @@ class PublicApi : public DetTest {
     return ALGO_DET_InitHandle(handle_, &info);
   }
 
-  // From a model file as a mapping of its own, which is what a model buffer has to be.
-  QV_S32 init_from_memory(const std::string& file) {
-    const int descriptor = open(file.c_str(), O_RDONLY);
-    DetectionInfo2_t info = {};
-    info.model_buffer_len = sizeof kOfflineModel - 1;
-    info.model_buffer = mmap(nullptr, info.model_buffer_len, PROT_READ, MAP_PRIVATE, descriptor, 0);
-    info.disp_size = {kNetWidth, kNetHeight};
-    close(descriptor);
-    buffer_ = info.model_buffer;
-    return ALGO_DET_InitHandle2(handle_, &info);
-  }
-
   // Initialises on a network that shows these frames.
   void start(const std::vector<Detections>& frames, const std::string& header = "") {
     qv_scripted::add_network(list_network(frames));
@@ -168,7 +156,6 @@ class PublicApi : public DetTest {
   DetHandle& det() { return *static_cast<DetHandle*>(handle_); }
 
   void* handle_ = nullptr;
-  void* buffer_ = nullptr;  // of init_from_memory
   std::vector<unsigned char> frame_ = std::vector<unsigned char>(kNetWidth * kNetHeight);
   std::vector<Box_t> boxes_ = std::vector<Box_t>(ALGO_DET_MAX_BOXES);
   QV_S32 count_ = 0;

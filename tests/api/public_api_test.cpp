@@ -1,8 +1,7 @@
 // public_api_test.cpp - the exported functions: codes, messages, options, what reaches the
-// accelerator and what comes back, also when any platform call fails. det_test.h has the fixture.
+// accelerator and what comes back. det_test.h has the fixture; failure_sweep_test.cpp has the lives
+// in which a call fails.
 #include "olvex_det.h"
-
-#include <errno.h>
 
 #include <cmath>
 
@@ -15,7 +14,6 @@ namespace {
 using qv_scripted::Function;
 using qv_scripted::last_event;
 
-constexpr QV_S32 kCode = 0x51;
 const char kNotInited[] = "det handle is not inited or deinit already!!!\n";
 const Detections kOneBox = {{8.f, 16.f, 32.f, 48.f, 0.75f, 0.f}};
 
@@ -250,13 +248,9 @@ TEST_F(PublicApi, output_stays_as_it_was_after_each_error) {
     EXPECT_EQ(code != 2, contains(text, "(error code = " + std::to_string(code) + ")\n"));
     EXPECT_EQ(77, count_);
     EXPECT_EQ(0, std::memcmp(before.data(), boxes_.data(), boxes_.size() * sizeof(Box_t)));
-    allow_violation("is closed");  // teardown after a failed invocation
     restart();
   };
   fail(6, kNotInited);
-  start({kOneBox});
-  qv_scripted::fail_next_call(Function::kInvoke, kCode);
-  fail(kCode, "QV_IPU_Invoke error, ret[0x51]\n");
   start({kOneBox});
   ALGO_DET_SetStrictMode(handle_, {1});
   ALGO_DET_SetTracker2(handle_, {0, 0, 0.f, 0, 0.f, 0});
@@ -267,38 +261,6 @@ TEST_F(PublicApi, output_stays_as_it_was_after_each_error) {
   qv_scripted::add_network(network);
   ASSERT_EQ(0, init_from_file(write_model()));
   fail(13, "ipu_decode failed(error code = 13)\n");
-}
-
-TEST_F(PublicApi, failed_initialisation_keeps_the_mutex_and_can_be_repeated) {
-  for (const Function failing :
-       {Function::kCreateDevice, Function::kCreateCHN, Function::kInvoke}) {
-    SCOPED_TRACE(qv_scripted::function_name(failing));
-    const bool no_file = failing == Function::kInvoke;
-    qv_scripted::add_network(list_network({kOneBox}));
-    if (!no_file) {
-      qv_scripted::fail_next_call(failing, -7);
-    }
-    const std::string model = no_file ? path("missing") : write_model();
-    log();
-    EXPECT_EQ(failing == Function::kCreateDevice ? -7 : 3, init_from_file(model));
-    const std::string text = log();
-    EXPECT_TRUE(contains(text, "the handle init failed\n"));
-    EXPECT_EQ(failing != Function::kCreateDevice,
-              contains(text, "det model " + model + " load failed(4)!\n"));
-    EXPECT_EQ(EBUSY, pthread_mutex_trylock(&det().detMutex_));
-    EXPECT_EQ(0, det().isInited_);
-    EXPECT_EQ(no_file, qv_scripted::device_is_up());
-    EXPECT_EQ(6, run());
-
-    ASSERT_EQ(0, init_from_file(write_model(), no_file ? 1 : 0));
-    EXPECT_EQ(0, run());
-    EXPECT_EQ(0, pthread_mutex_trylock(&det().detMutex_));
-    pthread_mutex_unlock(&det().detMutex_);
-    restart();
-  }
-  log();
-  EXPECT_EQ(0, deinit());
-  EXPECT_TRUE(contains(log(), "no need to deinit handle: det handle is not inited or already"));
 }
 
 TEST_F(PublicApi, frames_are_dumped_while_the_file_says_so) {
@@ -404,91 +366,5 @@ TEST_F(PublicApi, tracker_reports_what_moves) {
     EXPECT_EQ(shown, next_frame());
   }
 }
-
-// ---- A short life in which each platform call fails in turn ----
-
-// What a life does whose initialisation or frames meet one failing call.
-struct Outcome {
-  std::vector<QV_S32> results;  // of initialisation, two frames and the end
-  bool mapped = false;          // the model after initialisation
-  bool device_up = false;       // after the life
-  const char* violation = nullptr;
-};
-
-// The life goes on after each failure, as a careless application's would.
-Outcome expected_outcome(Function failing, bool first_frame, bool from_file) {
-  const QV_S32 closed = qv_scripted::kNoChannel;
-  switch (failing) {
-    case Function::kGetOfflineModeStaticInfo:
-      // A file that cannot be sized is given up; a buffer is tried without its size.
-      return from_file ? Outcome{{3, 6, 6, 0}, false, true} : Outcome{{0, 0, 0, 0}};
-    case Function::kCreateDevice:
-      return {{kCode, 6, 6, 0}, !from_file};
-    case Function::kCreateCHN:
-    case Function::kGetInOutTensorDesc:
-      return {{3, 6, 6, 0}};
-    case Function::kGetOutputTensors:
-      return {{0, qv_scripted::kOutOfOrder, closed, 0}, false, false, "never handed out"};
-    case Function::kInvoke:
-      return first_frame ? Outcome{{0, kCode, closed, 0}} : Outcome{{0, 0, kCode, 0}};
-    default:
-      return {{0, 0, 0, 0}, false, failing == Function::kDestroyDevice};
-  }
-}
-
-class FailureSweep : public PublicApi, public testing::WithParamInterface<bool> {
- protected:
-  Outcome live() {
-    qv_scripted::add_network(list_network({{{8.f, 16.f, 32.f, 48.f, 0.75f, 0.f}}}));
-    const std::string model = write_model();
-    if (handle_ == nullptr) {
-      ALGO_DET_CreateHandle(&handle_);
-    }
-    const QV_S32 initialised = GetParam() ? init_from_file(model) : init_from_memory(model);
-    const bool mapped = is_mapped(model);
-    if (mapped) {
-      munmap(buffer_, sizeof kOfflineModel - 1);
-    }
-    const QV_S32 first = run(), second = run();
-    return {{initialised, first, second, deinit()}, mapped, qv_scripted::device_is_up()};
-  }
-};
-
-TEST_P(FailureSweep, each_call_in_turn) {
-  const std::vector<QV_S32> success = {0, 0, 0, 0};
-  std::vector<Function> calls;
-  fail_each_call(kCode, [&](int n) {
-    const Outcome life = live();
-    if (n == 0) {
-      for (const qv_scripted::Event& event : qv_scripted::events()) {
-        calls.push_back(event.function);
-      }
-      ASSERT_EQ(12u, calls.size());
-      EXPECT_EQ("/config/dla/ipu_firmware.bin",
-                qv_scripted::last_event(Function::kCreateDevice).path);
-      EXPECT_EQ(success, life.results);
-      return;
-    }
-    const Function failing = calls[static_cast<std::size_t>(n - 1)];
-    SCOPED_TRACE(qv_scripted::function_name(failing));
-    // The first frame's calls are the sixth and the seventh.
-    const Outcome expected = expected_outcome(failing, n < 9, GetParam());
-    EXPECT_EQ(expected.results, life.results);
-    EXPECT_EQ(expected.mapped, life.mapped);
-    EXPECT_EQ(expected.device_up, life.device_up);
-    if (expected.violation != nullptr) {
-      expect_violation(expected.violation);
-    }
-    allow_violation("is closed");  // calls of a life that went on after a failed invocation
-    EXPECT_EQ(0, qv_scripted::open_channel_count());
-    if (life.device_up) {
-      QV_IPU_DestroyDevice();
-    }
-    EXPECT_EQ(success, live().results);
-    EXPECT_EQ(1, count_);
-  });
-}
-
-INSTANTIATE_TEST_SUITE_P(FromFile, FailureSweep, testing::Bool());
 
 }  // namespace

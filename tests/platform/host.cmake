@@ -14,3 +14,5 @@ olvex_add_test(NAME host_accelerator_test LABEL platform
                SOURCES host_accelerator_test.cpp host_refusal_test.cpp
                LIBRARIES qv_host qv_host_image tiny_onnx)
 olvex_add_contract_test(Host host_contract_hook.cpp "qv_host;qv_host_image;tiny_onnx")
+olvex_add_test(NAME host_threads_test LABEL platform SOURCES host_threads_test.cpp
+               LIBRARIES olvex::det qv_host qv_host_image tiny_onnx)

@@ -48,29 +48,6 @@ class ScriptedTest : public testing::Test {
     allowed_.clear();
   }
 
-  // Runs the scenario once without a fault to count its QV_ calls, then once per call with that
-  // call failing. scenario(n) gets the number of the failing call, 0: none; it finds the
-  // accelerator in its first state, adds its networks, and announces the violations that it answers
-  // for.
-  template <class Scenario>
-  void fail_each_call(QV_S32 code, Scenario scenario) {
-    int calls = 0;
-    for (int n = 0; n <= calls && !HasFatalFailure(); ++n) {
-      SCOPED_TRACE("failing call " + std::to_string(n));
-      qv_scripted::reset();
-      if (n > 0) {
-        qv_scripted::fail_call_overall(n, code);
-      }
-      scenario(n);
-      if (n == 0) {
-        calls = qv_scripted::call_count();
-        ASSERT_GT(calls, 0);
-      }
-      check_violations();
-    }
-    qv_scripted::reset();
-  }
-
  private:
   static bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;

@@ -7,7 +7,6 @@
 #include <stdint.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,6 +18,7 @@
 #include "utils/numeric/saturating_cast.h"
 #include "utils/records/det_records.h"
 #include "base/tracker/iou_tracker/iout.h"
+#include "tests/support/log_lines.h"
 
 // The time stamp serves as a box's name wherever a test has to tell boxes apart.
 inline BoxInfo make_box(float x1, float y1, float x2, float y2, float score = 0.9f, int label = 0,
@@ -62,12 +62,11 @@ struct Tensor {
 
 // The messages of the error lines since CaptureStdout.
 inline std::string captured_errors() {
-  std::istringstream log(testing::internal::GetCapturedStdout());
-  std::string line, errors;
-  while (std::getline(log, line)) {
-    if (line.find("] DLA_ERROR:, LINE: ") != std::string::npos) {
-      errors += line.substr(line.find(". ") + 2) + "\n";
-    }
+  const std::string log = testing::internal::GetCapturedStdout();
+  EXPECT_EQ("", unknown_lines(log));
+  std::string errors;
+  for (const std::string& line : log_lines(log)) {
+    errors += line.find("ERROR \"") == 0 ? line.substr(7, line.size() - 8) + "\n" : "";
   }
   return errors;
 }

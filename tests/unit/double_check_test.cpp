@@ -1,6 +1,8 @@
 // double_check_test.cpp - confirmation of tracks by boxes of other classes.
 #include "base/postprocess/det_postprocess.h"
 
+#include <string.h>
+
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -89,10 +91,28 @@ TEST(DoubleCheck, CopiesFlagsToAsManyLiveTracksAsAreReported) {
   EXPECT_FALSE(tracker.active_tracks_[0].pass_double_check);
 }
 
-TEST(Records, StartWithoutScoreTargetClassOrModel) {
+TEST(Records, StartBlankOrWithTheirDefaults) {
+  const TrackBBox track_box;
+  const std::vector<char> zeros(sizeof(track_box));
+  EXPECT_EQ(memcmp(&track_box, zeros.data(), sizeof(track_box)), 0);
+  const BoxInfo box;
+  EXPECT_EQ((std::vector<float>{box.x1, box.y1, box.x2, box.y2, box.score}), std::vector<float>(5));
+  EXPECT_TRUE(box.label == 0 && box.pts == 0 && box.track_id == 0);
   EXPECT_EQ(KeyPt_t().score, -1.0f);
-  EXPECT_EQ(DetDoubleCheckParams_t().check_target_class, -1);
-  EXPECT_EQ(DetInfo_t().model_buffer, nullptr);
+  const DetStableBboxParams_t steady;
+  EXPECT_TRUE(steady.stable_bbox == 0 && steady.stable_sensitive == 0.63f);
+  const IoutStaticParams_t still;
+  EXPECT_TRUE(still.ignore_static_objects == 0 && still.static_sensitive == 0.85f);
+  EXPECT_EQ(still.ref_frame, 5);
+  const DetDoubleCheckParams_t strict;
+  EXPECT_TRUE(strict.enable == 0 && strict.check_target_class == -1);
+  EXPECT_TRUE(strict.overlap_threshold == 0.5f && strict.check_class_conf_threshold == 0.5f);
+  const IouTrackerParams_t tracker;
+  EXPECT_TRUE(tracker.enable == 0 && tracker.ignore_frame_number == 1);
+  EXPECT_EQ(tracker.max_lost_times, 10);
+  const DetInfo_t info;
+  EXPECT_TRUE(info.model_buffer == nullptr && info.model_buffer_len == 0);
+  EXPECT_TRUE(info.had_create_device == 0 && info.threshold == 0.0f);
 }
 
 }  // namespace

@@ -34,6 +34,12 @@ const TrackBBox kHere = make_track_box(0, 0, 10, 10);
 const TrackBBox kThere = make_track_box(100, 0, 10, 10);
 const TrackBBox kElsewhere = make_track_box(200, 0, 10, 10);
 
+TEST_F(IouTracker, StartsWithWhatItDoesNotUseYet) {
+  EXPECT_EQ(tracker_.iou_sigma_l_, 0.0f);
+  EXPECT_EQ(tracker_.iou_sigma_show_, 0.5f);
+  EXPECT_EQ(tracker_.erase_min_size_, 15.0f);
+}
+
 TEST_F(IouTracker, ContinuesATrackFromTheThresholdOn) {
   const struct {
     const char* name;

@@ -21,8 +21,10 @@ extern "C" int __wrap_gettimeofday(struct timeval* now, void* /*zone*/) {
   return 0;
 }
 
+static time_t seconds_now = 1709820309;  // 2024-03-07 14:05:09 UTC
+
 extern "C" time_t __wrap_time(time_t* /*now*/) {
-  return 1709820309;  // 2024-03-07 14:05:09 UTC
+  return seconds_now;
 }
 
 namespace {
@@ -80,6 +82,16 @@ TEST_F(Log, EachLevelPrintsTextsAndFormats) {
   const std::string debug = kTime + "DLA_DEBUG:, LINE: n. ";
   EXPECT_EQ(log(), error + "50% off\n" + info + "b\n" + debug + "\n" +  //
                        error + "1+x\n" + info + "2" + debug + "3\n\n");
+}
+
+// Second 0 is also what a new clock holds.
+TEST_F(Log, FirstLineHasItsCalendarFromTheFirstSecondOn) {
+  const time_t usual = seconds_now;
+  seconds_now = 0;
+  OlvexLogClock clock = OlvexLogClock();
+  OLVEX_LOG_TEXT(clock, OLVEX_TAG_INFO, "a");
+  seconds_now = usual;
+  EXPECT_EQ(log(), "[1970-01-01 00:00:00 42.0170] DLA_INFO:, LINE: n. a\n");
 }
 
 // Registered once more per value of ALGO_DEBUG, which is read before main().

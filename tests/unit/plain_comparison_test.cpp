@@ -702,6 +702,11 @@ TEST(PlainComparison, Log) {
 }
 TEST(PlainComparison, WholeRuns) {
   compare(20, whole_run);
+  // Each reading of the clock is of the next second, and some part of it.
+  const std::string log = play(*shipped_routines(), 1, whole_run).text, text = "invoke cost time: ";
+  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+    EXPECT_NEAR(strtod(&log[at + text.size()], nullptr), 1000, 999.9995);
+  }
 }
 
 // Without it nothing would tell that the log was compared at changing times.

@@ -17,7 +17,7 @@ void expect_corners(const BoxInfo& box, const BoxInfo& expected) {
 }
 
 TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
-  const BoxInfo square = make_box(0, 0, 100, 100), tiny = make_box(0, 0, 1e-4f, 1e-4f);
+  const BoxInfo square = make_box(0, 0, 100, 100), thin = make_box(0, 0, 1.71e-7f, 1);
   const BoxInfo close = make_box(0, 0, 100, 80), as_close = make_box(0, 20, 100, 100);
   const BoxInfo closer = make_box(0, 0, 100, 90), point = make_box(5, 5, 5, 5);
   const struct {
@@ -34,7 +34,8 @@ TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
       {"the higher of two", {close, closer}, square, 1},
       {"class does not count", {make_box(0, 0, 9, 9, 0.9f, 5)}, make_box(0, 0, 9, 8), 0},
       {"no area", {point}, make_box(5, 5, 5, 5.5f), -1},
-      {"smaller than the constant", {tiny}, make_box(0, 0, 1e-4f, 9e-5f), -1},
+      {"the constant decides", {thin}, make_box(0, 0, 1.71e-7f, 1.001f), 0},
+      {"on its other side", {thin}, make_box(0, 0, 1.7e-7f, 1.001f), -1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
