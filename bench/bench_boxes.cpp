@@ -15,10 +15,6 @@ void suppress_by_class(const Routines& routines, Boxes& boxes) {
   routines.nms(boxes, kNmsThreshold, 1);
 }
 
-void suppress(const Routines& routines, Boxes& boxes) {
-  routines.nms(boxes, kNmsThreshold, 0);
-}
-
 void stabilise(const Routines& routines, Boxes& boxes) {
   // Made once for each list: all copies of one have as many boxes.
   static Boxes previous;
@@ -63,6 +59,11 @@ Boxes next_moment(int count, int which) {
 }
 
 #ifdef OLVEX_BENCH_OPENCV
+
+void suppress(const Routines& routines, Boxes& boxes) {
+  routines.nms(boxes, kNmsThreshold, 0);
+}
+
 void time_opencv(benchmark::State& state, int count) {
   std::vector<std::vector<cv::Rect2d>> rectangles;
   std::vector<std::vector<float>> scores;

@@ -173,20 +173,18 @@ void vector<T>::try_alloc(size_t n) {
   const size_t have = capacity_ / 2;
   // A count whose multiple wraps around must not pass for a small one.
   const bool wraps = n > SIZE_MAX / 3;
-  if (need <= have && !wraps) {
-    return;
-  }
+  const size_t wanted = wraps ? SIZE_MAX : 2 * n;
   // Asked again and again for less, the rule would come down to storage that the elements do not fit.
-  if (!wraps && 2 * n < size_) {
+  if ((need <= have && !wraps) || wanted < size_) {
     return;
   }
-  T* moved = reinterpret_cast<T*>(storage::reserve(wraps ? SIZE_MAX : 2 * n, sizeof(T)));
+  T* moved = reinterpret_cast<T*>(storage::reserve(wanted, sizeof(T)));
   if (data_ != NULL) {
     memmove(static_cast<void*>(moved), static_cast<const void*>(data_), size_ * sizeof(T));
     storage::release(data_);
   }
   data_ = moved;
-  capacity_ = 2 * n;
+  capacity_ = wanted;
 }
 
 template <typename T>
