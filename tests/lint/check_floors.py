@@ -67,7 +67,7 @@ def faults(sources):
 
 
 def read_sources():
-    folders = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench")
+    folders = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
     paths = [p for f in folders for p in (ROOT / f).rglob("*") if p.suffix in (".h", ".cpp", ".c")]
     return {p.relative_to(ROOT).as_posix(): p.read_text() for p in paths}
 

@@ -5,7 +5,7 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench")
+FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
 # Hand-aligned comment columns of the C headers are part of their manual.
 HAND_LAID = {"olvex_det.h", "algo_types.h", "qv_types.h", "qv_sys.h", "qv_ipu.h", "qv_host.h"}
 
