@@ -140,7 +140,8 @@ bool is_fp32_network(const qv_scripted::Network& network) {
 // the library: there it counts as 1.
 QV_U32 readable_bytes(const QV_IPU_TensorDesc_t& tensor, QV_U32 decoded_size) {
   const QV_IPU_ELEMENT_FORMAT format = tensor.eElmFormat;
-  const bool is_small = format == QV_IPU_FORMAT_U8 || format == QV_IPU_FORMAT_INT8;
+  const bool is_small = format == QV_IPU_FORMAT_U8 || format == QV_IPU_FORMAT_INT8 ||
+                        format == QV_IPU_FORMAT_GRAY || format == QV_IPU_FORMAT_NV12;
   uint64_t bytes = is_small ? 1 : format == QV_IPU_FORMAT_INT16 ? 2 : decoded_size;
   for (QV_U32 i = 0; i < QV_IPU_MAX_DIMENSIONS; ++i) {
     const QV_U32 extent = tensor.u32TensorShape[i];

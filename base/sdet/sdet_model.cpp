@@ -563,25 +563,29 @@ double milliseconds_between(const struct timeval& start, const struct timeval& e
          static_cast<double>(end.tv_usec - start.tv_usec) / 1000.0;
 }
 
-// Whether one of the extents in use is 0.
+// Whether the tensor holds nothing by its shape and by its size. A shape may count extents of 0 that
+// others leave out, so that it alone does not say.
 bool is_empty(const QV_IPU_TensorDesc_t& tensor) {
   const QV_U32 dimensions = olvex::min<QV_U32>(tensor.u32TensorDim, QV_IPU_MAX_DIMENSIONS);
   for (QV_U32 k = 0; k < dimensions; ++k) {
     if (tensor.u32TensorShape[k] == 0) {
-      return true;
+      return tensor.u32BufSize == 0;
     }
   }
   return false;
 }
 
-// Bytes of an element; 0 for types that no decoder reads.
+// Bytes of an element; 0 when the type does not say.
 unsigned int element_size(QV_IPU_ELEMENT_FORMAT format) {
   switch (format) {
     case QV_IPU_FORMAT_U8:
+    case QV_IPU_FORMAT_NV12:
     case QV_IPU_FORMAT_INT8:
+    case QV_IPU_FORMAT_GRAY:
       return 1;
     case QV_IPU_FORMAT_INT16:
       return 2;
+    case QV_IPU_FORMAT_INT32:
     case QV_IPU_FORMAT_FP32:
       return 4;
     default:
@@ -589,8 +593,8 @@ unsigned int element_size(QV_IPU_ELEMENT_FORMAT format) {
   }
 }
 
-// The decoders read every output as one of the first output's type. Where one has an extent of 0, or
-// smaller elements than that, its memory ends before what they would read.
+// The decoders read every output as one of the first output's type. Where one is empty, or has smaller
+// elements than that, its memory ends before what they would read.
 bool has_memory(const QV_IPU_TensorDesc_t& tensor, const QV_IPU_TensorDesc_t& first) {
   const unsigned int size = element_size(tensor.eElmFormat);
   return !is_empty(tensor) && (size == 0 || size >= element_size(first.eElmFormat));

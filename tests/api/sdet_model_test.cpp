@@ -159,6 +159,8 @@ TEST_F(ModelImage, sizing_maps_a_file_once_and_notes_a_buffer) {
     EXPECT_TRUE(model.p_model_file_ == buffer && model.p_model_ == buffer);
     EXPECT_EQ(16u, model.model_file_size_);
     EXPECT_EQ("<a=c> ", Text::of(model.model_kvs_)) << "a buffer leaves the pairs as they are";
+    qv_scripted::fail_next_call(Function::kGetOfflineModeStaticInfo, kCode);
+    EXPECT_EQ(4, model.cal_variable_size(buffer, 16, &size));
     EXPECT_EQ(4, model.cal_variable_size(&patternless[0], &size)) << "goes on with the buffer";
     EXPECT_EQ(0, model.cal_variable_size(&first[0], &size));
   }
@@ -434,17 +436,27 @@ TEST_F(SdetModel, outputs_without_memory_or_of_another_type_are_refused) {
   EXPECT_EQ(13, model.model_postprocess());
   // Less memory than the first output's type takes, or none.
   model.desc_.astQV_OutputTensorDescs[0].eElmFormat = QV_IPU_FORMAT_FP32;
+  QV_IPU_TensorDesc_t& scores = model.desc_.astQV_OutputTensorDescs[2];
   const struct {
     QV_IPU_ELEMENT_FORMAT format;
-    QV_U32 batch;
+    QV_U32 batch, size;
     QV_S32 code;
-  } kRows[] = {{QV_IPU_FORMAT_FP32, 1, 0},   {QV_IPU_FORMAT_INT32, 1, 0},
-               {QV_IPU_FORMAT_INT16, 1, 12}, {QV_IPU_FORMAT_INT8, 1, 12},
-               {QV_IPU_FORMAT_U8, 1, 12},    {QV_IPU_FORMAT_FP32, 0, 12}};
+  } kRows[] = {{QV_IPU_FORMAT_INT32, 1, 32, 0},
+               {QV_IPU_FORMAT_UNKNOWN, 1, 32, 0},
+               {QV_IPU_FORMAT_INT16, 1, 16, 12},
+               {QV_IPU_FORMAT_INT8, 1, 8, 12},
+               {QV_IPU_FORMAT_U8, 1, 8, 12},
+               {QV_IPU_FORMAT_GRAY, 1, 8, 12},
+               {QV_IPU_FORMAT_NV12, 1, 8, 12},
+               {QV_IPU_FORMAT_FP32, 0, 0, 12},
+               // An extent of 0 that others leave out.
+               {QV_IPU_FORMAT_FP32, 0, 32, 0},
+               {QV_IPU_FORMAT_FP32, 1, 0, 0}};
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.format);
-    model.desc_.astQV_OutputTensorDescs[2].eElmFormat = row.format;
-    model.desc_.astQV_OutputTensorDescs[2].u32TensorShape[0] = row.batch;
+    scores.eElmFormat = row.format;
+    scores.u32TensorShape[0] = row.batch;
+    scores.u32BufSize = row.size;
     EXPECT_EQ(row.code, model.model_postprocess());
   }
   EXPECT_EQ(7, model.model_invoke(nullptr, &boxes_, &count_, 1, 1));
@@ -452,13 +464,13 @@ TEST_F(SdetModel, outputs_without_memory_or_of_another_type_are_refused) {
   EXPECT_EQ(0, model.model_deinit());
 }
 
-TEST_F(SdetModel, lists_of_no_extent_are_refused_and_of_a_negative_one_hold_no_boxes) {
+TEST_F(SdetModel, lists_of_no_extent_or_a_negative_one_hold_no_boxes) {
   DetAfModel model;
   ASSERT_EQ(0, open_model(model, list_network({{{10, 10, 50, 50, 0.9f, 0}}})));
   const struct {
     QV_U32 extent;
     int code, count;
-  } kRows[] = {{1, 0, 1}, {0, 12, 0}, {1u << 31, 0, 0}};
+  } kRows[] = {{1, 0, 1}, {0, 0, 0}, {1u << 31, 0, 0}};
   for (const auto& row : kRows) {
     QV_IPU_TensorDesc_t* const outputs = model.desc_.astQV_OutputTensorDescs;
     outputs[0].u32TensorShape[2] = outputs[1].u32TensorShape[2] = row.extent;
@@ -501,6 +513,7 @@ TEST_F(SdetModel, engine_takes_down_what_it_built_when_opening_fails) {
     qv_scripted::fail_next_call(row.failing, kCode);
     std::string file = write_model();
     DetAfModel engine;  // sized by its base from the path alone, and opened from there
+    EXPECT_EQ(0.f, engine.threshold_);
     unsigned int size = 5;
     log();
     if (engine.IpuEngine::cal_variable_size(&file[0], &size) == 0) {
@@ -534,7 +547,9 @@ TEST_F(SdetModel, handle_takes_part_in_nothing_without_frame_tracker_or_initiali
   EXPECT_TRUE(handle.mLastOutput_.empty());
   handle.refine_result(boxes);
   handle.stable_box(boxes);
-  EXPECT_EQ(5, count_of(log(), "det handle is not inited or deinit already!!!\n"));
+  const std::string errors = log();
+  EXPECT_EQ(5, count_of(errors, "det handle is not inited or deinit already!!!\n"));
+  EXPECT_EQ(5, count_of(errors, "DLA_ERROR")) << "and nothing else";
 
   qv_scripted::add_network(list_network({}));
   DetInfo_t info;

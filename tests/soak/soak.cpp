@@ -394,23 +394,32 @@ const char kUsage[] =
     "times\n"
     "the first's. Exit codes: 0 all is well, 1 a check failed, 2 wrong usage.\n";
 
+long long whole_number(const char* text) {
+  char* end = nullptr;
+  const long long number = std::strtoll(text, &end, 10);
+  return end == text || *end != 0 ? -1 : number;
+}
+
 bool parse(int argc, char** argv, Options* options) {
+  long long seed = options->seed;
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
     const char* const value = name == "--check-time" || i + 1 == argc ? nullptr : argv[++i];
     if (name == "--check-time") {
       options->check_time = true;
     } else if (name == "--frames" && value != nullptr) {
-      options->frames = std::atoll(value);
+      options->frames = whole_number(value);
     } else if (name == "--seed" && value != nullptr) {
-      options->seed = static_cast<uint32_t>(std::atoll(value));
+      seed = whole_number(value);
     } else if (name == "--csv" && value != nullptr) {
       options->csv = value;
     } else {
       return false;
     }
   }
-  return options->frames >= 1000 && options->frames <= 1000000000;
+  options->seed = static_cast<uint32_t>(seed);
+  return options->frames >= 1000 && options->frames <= 1000000000 && seed >= 0 &&
+         seed <= UINT32_MAX;
 }
 
 }  // namespace
@@ -442,5 +451,10 @@ int main(int argc, char** argv) {
                  options.seed);
     return 1;
   }
-  return std::fclose(report) | std::fclose(csv) ? 1 : 0;
+  const bool is_written = std::ferror(report) == 0 && std::ferror(csv) == 0;
+  if ((std::fclose(report) | std::fclose(csv)) != 0 || !is_written) {
+    std::fprintf(stderr, "olvex_soak: the report cannot be written\n");
+    return 1;
+  }
+  return 0;
 }

@@ -174,8 +174,9 @@ void vector<T>::try_alloc(size_t n) {
   // A count whose multiple wraps around must not pass for a small one.
   const bool wraps = n > SIZE_MAX / 3;
   const size_t wanted = wraps ? SIZE_MAX : 2 * n;
-  // Asked again and again for less, the rule would come down to storage that the elements do not fit.
-  if ((need <= have && !wraps) || wanted < size_) {
+  // Asked again and again for less, the rule would come down to storage that the elements, or a
+  // string's terminator behind them, do not fit.
+  if ((need <= have && !wraps) || wanted <= size_) {
     return;
   }
   T* moved = reinterpret_cast<T*>(storage::reserve(wanted, sizeof(T)));
