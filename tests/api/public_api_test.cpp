@@ -28,6 +28,23 @@ std::string options(const DetHandle& det) {
   return text.str();
 }
 
+TEST(Codes, are_the_ones_that_applications_know) {
+  const std::vector<int> codes = {E_ALGO_SUCCESS,
+                                  E_ALGO_HANDLE_NULL,
+                                  E_ALGO_INVALID_PARAM,
+                                  E_ALGO_DEVICE_FAULT,
+                                  E_ALGO_LOADMODEL_FAIL,
+                                  E_ALGO_INIT_FAIL,
+                                  E_ALGO_NOT_INIT,
+                                  E_ALGO_INPUT_DATA_NULL,
+                                  E_ALGO_INVALID_INPUT_SIZE,
+                                  E_ALGO_MEMORY_OUT,
+                                  E_ALGO_FILEIO_ERROR,
+                                  E_ALGO_INVALID_OUTPUT_SIZE,
+                                  E_ALGO_INVALID_DECODE_MODE};
+  EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13}), codes);
+}
+
 TEST_F(PublicApi, null_handle_and_null_record_have_their_codes_messages_and_banner) {
   const auto check = [this](QV_S32 expected, QV_S32 code) {
     const std::string text = log();

@@ -375,6 +375,7 @@ TEST_F(SdetModel, name_of_the_first_output_can_carry_the_pairs) {
   std::memset(tensor.name, 'x', sizeof tensor.name);
   std::memset(name, 'y', sizeof(TensorName));
   EXPECT_EQ(std::string(sizeof tensor.name, 'x'), (new (name) TensorName(tensor))->text);
+  EXPECT_EQ(sizeof tensor.name + 1, sizeof(TensorName));
 }
 
 TEST_F(SdetModel, number_of_outputs_decides_the_result) {

@@ -110,6 +110,9 @@ TEST(Records, StartBlankOrWithTheirDefaults) {
   const IouTrackerParams_t tracker;
   EXPECT_TRUE(tracker.enable == 0 && tracker.ignore_frame_number == 1);
   EXPECT_EQ(tracker.max_lost_times, 10);
+  const DetDecodeInfo decoding;
+  EXPECT_TRUE(decoding.num_classes == -1 && decoding.reg_max == 1 && decoding.num_rows == 0);
+  EXPECT_EQ(decoding.class_specific_nms, 1);
   const DetInfo_t info;
   EXPECT_TRUE(info.model_buffer == nullptr && info.model_buffer_len == 0);
   EXPECT_TRUE(info.had_create_device == 0 && info.threshold == 0.0f);
