@@ -103,6 +103,12 @@ TEST_F(PublicApi, whole_life_makes_the_platform_calls_in_order_with_the_right_ar
   EXPECT_EQ(kPhysicalAddress, last_event(Function::kInvoke).physical_address);
 }
 
+TEST_F(PublicApi, path_of_the_model_may_fill_its_field) {
+  const std::string longest(255, 'm');
+  EXPECT_EQ(3, init_from_file(longest, 1));
+  EXPECT_TRUE(contains(log(), "fail to open model " + longest + "\n"));
+}
+
 TEST_F(PublicApi, device_of_the_caller_is_neither_created_nor_destroyed) {
   qv_scripted::add_network(list_network({kOneBox}));
   QV_IPU_DevAttr_s attributes = {};

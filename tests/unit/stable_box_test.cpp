@@ -20,6 +20,7 @@ TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
   const BoxInfo square = make_box(0, 0, 100, 100), thin = make_box(0, 0, 1.71e-7f, 1);
   const BoxInfo close = make_box(0, 0, 100, 80), as_close = make_box(0, 20, 100, 100);
   const BoxInfo closer = make_box(0, 0, 100, 90), point = make_box(5, 5, 5, 5);
+  const BoxInfo far_off = make_box(10, 20, 30, 60);
   const struct {
     const char* name;
     std::vector<BoxInfo> previous;
@@ -33,6 +34,8 @@ TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
       {"first of equals", {close, as_close}, square, 0},
       {"the higher of two", {close, closer}, square, 1},
       {"class does not count", {make_box(0, 0, 9, 9, 0.9f, 5)}, make_box(0, 0, 9, 8), 0},
+      {"away from the origin", {far_off}, make_box(10, 20, 30, 50), 0},
+      {"half of it", {far_off}, make_box(10, 20, 30, 40), -1},
       {"no area", {point}, make_box(5, 5, 5, 5.5f), -1},
       {"the constant decides", {thin}, make_box(0, 0, 1.71e-7f, 1.001f), 0},
       {"on its other side", {thin}, make_box(0, 0, 1.7e-7f, 1.001f), -1},
