@@ -505,6 +505,7 @@ int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
   }
   log_tensors_and_learn_keys();
   get_class_id_map();
+  // What may run out of memory is behind us.
   channel.keep();
   memset(&output_tensor_vector_, 0, sizeof(output_tensor_vector_));
   QV_IPU_GetOutputTensors(u32channelid_, &output_tensor_vector_);

@@ -75,7 +75,9 @@ TEST_F(PublicApi, whole_life_makes_the_platform_calls_in_order_with_the_right_ar
   network.inputs.push_back(network.inputs[0]);
   qv_scripted::add_network(network);
   const std::string firmware(255, 'f');
-  ASSERT_EQ(0, init_from_file(write_model("model_out:zrpcd\n"), 0, firmware));
+  std::string model = write_model("model_out:zrpcd\n");
+  model.insert(0, 255 - model.size(), '/');
+  ASSERT_EQ(0, init_from_file(model, 0, firmware));
   ASSERT_EQ(0, run());
   ASSERT_EQ(0, deinit());
   EXPECT_EQ((std::vector<std::string>{"GetOfflineModeStaticInfo", "CreateDevice", "CreateCHN 1",

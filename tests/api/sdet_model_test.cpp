@@ -523,6 +523,8 @@ TEST_F(SdetModel, engine_takes_down_what_it_built_when_opening_fails) {
       EXPECT_EQ(file, channel.path);
       EXPECT_EQ(2u, channel.channel_attributes.u32InputBufDepth);
       EXPECT_EQ(3u, channel.channel_attributes.u32OutputBufDepth);
+      EXPECT_EQ(row.failing == Function::kInvoke,
+                engine.output_tensor_vector_.astArrayTensors[1].ptTensorData[0] != nullptr);
     }
     EXPECT_TRUE(contains(log(), row.message));
     EXPECT_EQ(row.failing == Function::kGetOfflineModeStaticInfo ? 5u : 4096u, size);
