@@ -15,6 +15,7 @@ add_library(olvex_det_core OBJECT
   base/postprocess/double_check.cpp
   base/postprocess/ipu_decode.cpp
   base/postprocess/raw_decode.cpp
+  base/postprocess/raw_layer.cpp
   base/postprocess/stable_box.cpp
   base/postprocess/suppression.cpp
   base/sdet/sdet_model.cpp
