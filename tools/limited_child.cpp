@@ -53,6 +53,16 @@ int note_engine_error(int status, const char*, const char*, const char*, int, vo
   return 0;
 }
 
+// What the parent does on these signals (it removes its unfinished files, or ends in order) is not
+// the child's to do. Those that are ignored stay so.
+void drop_handlers() {
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+    if (std::signal(signal_number, SIG_DFL) == SIG_IGN) {
+      std::signal(signal_number, SIG_IGN);
+    }
+  }
+}
+
 // A stricter limit of the user's stays.
 void lower_limit(__rlimit_resource resource, rlim_t value) {
   struct rlimit limit = {};
@@ -103,6 +113,7 @@ void leave_no_traces() {
   if (getppid() != parent) {
     _exit(kDone);  // the parent ended before it could be watched
   }
+  drop_handlers();
   limit_memory(limits);
   leave_no_traces();
   limit_time(limits);

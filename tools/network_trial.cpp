@@ -30,7 +30,7 @@ constexpr double kMebibyte = 1024 * 1024;
 // the rest for the weights, which the engine holds several times over while it loads them.
 constexpr double kBaseProcessorSeconds = 120;
 constexpr double kProcessorSecondsPerMebibyte = 2;
-constexpr double kClockToProcessor = 4;  // other programs may hold the processor
+constexpr double kClockToProcessor = 10;  // other programs may hold the processor
 constexpr double kBaseMemory = 8192 * kMebibyte;
 constexpr double kMemoryPerByte = 16;
 
