@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -53,8 +54,7 @@ double limit_factor() {
 }
 
 double physical_memory() {
-  return static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
-         static_cast<double>(sysconf(_SC_PAGESIZE));
+  return static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
 ChildLimits limits_for(double bytes, double factor) {
@@ -77,8 +77,8 @@ void run_gradient(const std::string& path) {
   model.detect(&frame, kHighestThreshold);
 }
 
-std::string rounded(double value) {
-  return std::to_string(static_cast<std::uint64_t>(value + 0.5));
+std::string rounded_up(double value) {
+  return std::to_string(static_cast<std::uint64_t>(std::ceil(value)));
 }
 
 std::string fault_of(const ChildResult& result, const ChildLimits& limits) {
@@ -88,13 +88,13 @@ std::string fault_of(const ChildResult& result, const ChildLimits& limits) {
              "); it is damaged or beyond this engine, so export it again or use another network";
     case ChildEnd::kTooLong:
       return "the network engine did not finish loading and running it in " +
-             rounded(limits.seconds) + " seconds";
+             rounded_up(limits.seconds) + " seconds";
     case ChildEnd::kTooMuchProcessorTime:
       return "the network engine did not finish loading and running it in " +
-             rounded(limits.processor_seconds) + " seconds of processor time";
+             rounded_up(limits.processor_seconds) + " seconds of processor time";
     case ChildEnd::kTooMuchMemory:
       return "the network engine wants more than " +
-             rounded(static_cast<double>(limits.memory) / kMebibyte) +
+             rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
              " MiB of memory to load and run it";
     default:
       return "the network engine was killed while loading or running it, probably by the system "

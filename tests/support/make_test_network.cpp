@@ -25,7 +25,8 @@ int main(int argc, char** argv) {
   } else if (kind == "memory") {
     network = tiny_onnx::harmful_network(tiny_onnx::Harm::kMemory, width, height);
   } else {
-    std::cerr << "usage: make_test_network raw|raw-nhwc|pixels|crash|never-ends|memory FILE WIDTH HEIGHT\n"
+    std::cerr << "usage: make_test_network raw|raw-nhwc|pixels|crash|never-ends|memory FILE WIDTH "
+                 "HEIGHT\n"
                  "       make_test_network decoded FILE WIDTH HEIGHT [KEYPOINT_VALUES]\n";
     return 2;
   }
