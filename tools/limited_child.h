@@ -21,7 +21,7 @@ enum class ChildEnd {
   kTooLong,
   kTooMuchProcessorTime,
   kTooMuchMemory,
-  kKilled,  // SIGKILL from outside, which is the kernel's when memory runs out
+  kKilled,  // SIGKILL: the kernel's when memory runs out, or when a limit of the shell's is reached
   kInterrupted
 };
 

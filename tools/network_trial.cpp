@@ -97,8 +97,8 @@ std::string fault_of(const ChildResult& result, const ChildLimits& limits) {
              rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
              " MiB of memory to load and run it";
     default:
-      return "the network engine was killed while loading or running it, probably by the system "
-             "for want of memory; free some, or use a smaller network";
+      return "the network engine was killed while loading or running it, for want of memory or by "
+             "a limit of the shell; free memory, or use a smaller network";
   }
 }
 
