@@ -153,6 +153,8 @@ ChildResult explain_signal(int signal) {
 
 ChildResult run_limited(const ChildLimits& limits, const std::function<void()>& work) {
   std::fflush(nullptr);
+  // Some programs start others with this signal ignored, and then the kernel keeps no child's end.
+  std::signal(SIGCHLD, SIG_DFL);
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child < 0) {
