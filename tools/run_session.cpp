@@ -11,6 +11,7 @@
 #include "tools/command.h"
 #include "tools/frame_source.h"
 #include "tools/interruption.h"
+#include "tools/network_trial.h"
 #include "tools/output_file.h"
 #include "tools/progress.h"
 #include "tools/run_log.h"
@@ -264,6 +265,8 @@ int run_session(const RunOptions& options) {
   silence_opencv();
   require_separate_files(options.outputs, options.log,
                          {options.input, options.detector.model, options.detector.firmware});
+  // Before signals are caught: Ctrl-C ends the trial, too, and nothing is written yet.
+  require_harmless_network(options.detector.model, options.detector.model);
   // Outlives the log, which flushes what a closed pipe did not take.
   const Interruption interruption;
   RunLog log(options.log);
