@@ -42,7 +42,8 @@ const char kManual[] =
     "played; COCO results are those of the run before, and FILE.partial.* may be left beside "
     "them.\n"
     "Name a long run's video .mkv.\n\n"
-    "Frames are numbered from 1 in their source, skipped ones included. COCO results use the number\n"
+    "Frames are numbered from 1 in their source, skipped ones included. COCO results use the "
+    "number\n"
     "that a picture is named by (000000000139.jpg) as image_id if all names are numbers, else the\n"
     "frame number, and the class id as category_id.";
 
