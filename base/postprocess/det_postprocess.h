@@ -64,7 +64,8 @@ void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picke
 
 // What is known of one output tensor's memory. Elements are of the type that the decoders read.
 struct OutputMemory {
-  size_t rows;      // rows of a list: height times width
+  size_t
+      rows;  // rows of a list: width times height, which counts as 1 where the shape leaves it out
   size_t elements;  // of the whole shape
   size_t
       readable;  // elements that may be read: as many as the platform says that the buffer holds, those

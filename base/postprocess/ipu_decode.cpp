@@ -111,10 +111,7 @@ int rounded(float value) {
 // What a box is made of beside its score.
 RowAccess rest_of_row(const DetDecodeInfo& info, const OutputMemoryCheck& memory,
                       const TensorRoles& roles, int row) {
-  const int channels = info.net_out_c[roles.boxes];
-  const bool has_all_values = channels < 0 || channels >= kBoxValues;
-  RowAccess access =
-      memory.row(roles.boxes, row, has_all_values ? kBoxValues : olvex::max(channels, 1));
+  RowAccess access = memory.row(roles.boxes, row, kBoxValues);
   if (access == kRowInside && roles.classes != kNoTensor) {
     access = memory.row(roles.classes, row, 1);
   }
@@ -124,12 +121,14 @@ RowAccess rest_of_row(const DetDecodeInfo& info, const OutputMemoryCheck& memory
   return access;
 }
 
-// Value k of a box row, which reaches into the next row where a row has fewer than four.
+// An element of the box tensor, where a row of fewer than four values reaches into the next one. No
+// tensor has a negative number of channels, but a description may.
 template <typename Tensors>
 float box_value(const Tensors& tensors, const OutputMemoryCheck& memory, int tensor,
-                ptrdiff_t first, int k) {
-  return memory.has(tensor, static_cast<uint64_t>(first + k) + 1) ? tensors.value(tensor, first + k)
-                                                                  : 0.0f;
+                int64_t element) {
+  return element >= 0 && memory.has(tensor, static_cast<uint64_t>(element) + 1)
+             ? tensors.value(tensor, static_cast<ptrdiff_t>(element))
+             : 0.0f;
 }
 
 int refuse_memory() {
@@ -183,12 +182,12 @@ template <typename Tensors>
 void fill_box(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
               const KeyPointLayout* keypoint_layout, const FoundRow& found, BoxInfo& box) {
   const ptrdiff_t row = found.row;
-  const ptrdiff_t first = row * info.net_out_c[roles.boxes];
+  const int64_t first = static_cast<int64_t>(row) * info.net_out_c[roles.boxes];
   const OutputMemoryCheck memory(info);
-  box.x1 = box_value(tensors, memory, roles.boxes, first, 0);
-  box.y1 = box_value(tensors, memory, roles.boxes, first, 1);
-  box.x2 = box_value(tensors, memory, roles.boxes, first, 2);
-  box.y2 = box_value(tensors, memory, roles.boxes, first, 3);
+  box.x1 = box_value(tensors, memory, roles.boxes, first);
+  box.y1 = box_value(tensors, memory, roles.boxes, first + 1);
+  box.x2 = box_value(tensors, memory, roles.boxes, first + 2);
+  box.y2 = box_value(tensors, memory, roles.boxes, first + 3);
   box.score = found.score;
   box.label = roles.classes == kNoTensor ? 0 : rounded(tensors.value(roles.classes, row));
   if (keypoint_layout != NULL) {

@@ -18,7 +18,7 @@ class OutputMemoryCheck {
  public:
   explicit OutputMemoryCheck(const DetDecodeInfo& info) : info_(info) {}
 
-  // The first values of a row.
+  // The first values of a row, but for those that lie behind the last element of the shape.
   RowAccess row(int tensor, int row, int values) const {
     if (row < 0) {
       return kRowOutside;
@@ -26,11 +26,12 @@ class OutputMemoryCheck {
     if (info_.memory == NULL) {
       return kRowInside;
     }
+    const OutputMemory& memory = info_.memory[tensor];
     const uint64_t channels = static_cast<QV_U32>(info_.net_out_c[tensor]);
     const uint64_t end = static_cast<uint64_t>(row) * channels + static_cast<uint64_t>(values);
-    return static_cast<size_t>(row) >= info_.memory[tensor].rows ? kRowOutside
-           : has(tensor, end)                                    ? kRowInside
-                                                                 : kRowMissing;
+    return static_cast<size_t>(row) >= memory.rows                   ? kRowOutside
+           : has(tensor, olvex::min<uint64_t>(end, memory.elements)) ? kRowInside
+                                                                     : kRowMissing;
   }
 
   // The first elements.

@@ -623,7 +623,7 @@ OutputMemory memory_of(const QV_IPU_TensorDesc_t& tensor, const void* data, size
   // Only what the platform itself says of the buffer counts against a tensor: a size of 0 says nothing.
   memory.readable = data == NULL             ? 0
                     : tensor.u32BufSize != 0 ? tensor.u32BufSize / element_size
-                                             : memory.elements;
+                                             : olvex::min(memory.elements, SIZE_MAX / element_size);
   return memory;
 }
 

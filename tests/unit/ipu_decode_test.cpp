@@ -66,6 +66,7 @@ TEST(IpuDecode, ReadsEachLayout) {
   const Values wide = {0, 0, 8, 8, -1, 20, 0, 28, 8, -1};
   const Values short_boxes = {1, 2, 3, 20, 0, 28};  // behind its second row there is nothing
   const BoxInfo beyond = make_box(20, 0, 28, 0, 0.5f);
+  const BoxInfo before = make_box(0, 0, 0, 8, 0.5f);  // from the element before the first one on
   const std::vector<int> a = {4, 1, 0, 1}, b = {4, 1, 1, 1, 1}, c = {4, 1, 10, 1, 1};
   const BoxInfo one = make_box(0, 0, 8, 8, 0.75f), one_of_3 = make_box(0, 0, 8, 8, 0.75f, 3);
   const BoxInfo two = make_box(20, 0, 28, 8, 0.5f), last_of_1 = make_box(0, 1, 8, 9, 0.625f, 1);
@@ -90,6 +91,7 @@ TEST(IpuDecode, ReadsEachLayout) {
       {"endless", a, {kBoxes, scores, {0, 1, -300, INFINITY}, {INFINITY}}, 4, {one, two}},
       {"more indices than rows", a, {kBoxes, scores, {2, 2, 2, 2, 1, 0}, {6}}, 4, {one, two}},
       {"A, three values per row", {3, 1, 0, 1}, {short_boxes, scores, {1}, {1}}, 4, {beyond}},
+      {"A, a negative number", {-1, 1, 0, 1}, {kBoxes, scores, {1}, {1}}, 4, {before}},
       {"A, no values in a row", {0, 1, 0, 1}, {kBoxes, scores, {0}, {1}}, 4, {one}},
   };
   for (const auto& row : rows) {
