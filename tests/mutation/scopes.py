@@ -36,7 +36,9 @@ SCOPES = {
     "arm": Scope(
         "what only 32-bit ARM compiles of base, utils and video; under the emulator",
         ("base", "utils", "video"), True,
-        [*FLAGS, *NO_TOOLS, "--toolchain", "cmake/armhf.toolchain.cmake"], [], [LIBRARY], LIBRARY,
+        [*FLAGS, *NO_TOOLS, "--toolchain", "cmake/armhf.toolchain.cmake"],
+        [LIBRARY, "base_test", "golden_test", "log_test", "plain_comparison_test", "simplestl_test"],
+        [LIBRARY], LIBRARY,
         r"(unit|golden) ", 85.0, None),
 }
 

@@ -96,6 +96,7 @@ class CompareTest(ToolTest):
             with self.subTest(text):
                 self.write("bad.jsonl", [frame(1), line])
                 self.compare("a=same.jsonl", "bad=bad.jsonl", code=4, said=["bad.jsonl:2: ", text])
+        self.assert_transcript_kept("compare_lines.txt")
         self.assertFalse((self.folder / "sheet.png").exists())
 
     def test_errors_have_their_exit_code_and_name_the_cause(self):
@@ -131,6 +132,7 @@ class CompareTest(ToolTest):
                 (4, "no/such", [run], {"output": "no/such/sheet.png"})):
             with self.subTest(text):
                 self.compare(*arguments, code=code, said=[text], **options)
+        self.assert_transcript_kept("compare_errors.txt")
 
 
 if __name__ == "__main__":

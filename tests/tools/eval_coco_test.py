@@ -288,6 +288,7 @@ class EvalCocoTest(ToolTest):
                             ("AP=1e999", "number"), ("AP=0.5x", "number"), ("=1", "METRIC=VALUE")):
             self.tool("eval", "coco", "truth.json", "results.json", "--min", value, code=2,
                       said=[f"--min {value.split('=')[0]}", said])
+        self.assert_transcript_kept("eval_coco_minimums.txt")
 
     def test_lint(self):
         boxes = [[100 + 150 * i, 600, 100, 100] for i in range(5)]
@@ -335,6 +336,7 @@ class EvalCocoTest(ToolTest):
         (self.folder / "truth.json").write_text(json.dumps(truth_file(frames, pictures=range(1, 6))))
         self.tool("eval", "coco", "truth.json", "results.json", code=4,
                   said=["one less than", "0 to 4 against 1 to 5", "is of picture 0"])
+        self.assert_transcript_kept("eval_coco_lint.txt")
 
     def test_refuses_bad_files(self):
         good = truth_file([(1, 0, A)])
@@ -388,6 +390,7 @@ class EvalCocoTest(ToolTest):
                 (self.folder / "results.json").write_text(json.dumps([good_result]))
                 (self.folder / f"{name}.json").write_text(text)
                 self.tool("eval", "coco", "truth.json", "results.json", code=4, said=[said])
+        self.assert_transcript_kept("eval_coco_files.txt")
 
     def test_refuses_wrong_usage(self):
         self.evaluate(truth_file([(1, 0, A)]), [])
@@ -405,6 +408,7 @@ class EvalCocoTest(ToolTest):
                 (("coco", "absent.json", "results.json"), 4, "absent.json"),
                 (("coco", *files, "--json", "/dev/full"), 4, "/dev/full: cannot be written")):
             self.tool("eval", *arguments, code=code, said=[said])
+        self.assert_transcript_kept("eval_coco_usage.txt")
 
 
 if __name__ == "__main__":

@@ -234,6 +234,7 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"MOTA": 1})
         self.evaluate(*cases["frames_shifted"], said=["9 instead of 0", "Add 1 to its first column"])
         self.evaluate(*cases["class_ids_shifted"], said=["10 instead of 0", "from 1 to 0"])
+        self.assert_transcript_kept("eval_mot_lint.txt")
 
     def test_rows_are_read_with_tolerance(self):
         text = "\ufeff# frame,id\r\n\r\n 1 , 1.0 ,0,0,\t100,100,1,0,-1,1\r\n2,1,0,0,100,100,1,0,0.5"
@@ -250,6 +251,7 @@ class EvalMotTest(ToolTest):
                     self.tool("eval", "mot", *files, code=4, said=["bad.txt:", message])
         self.tool("eval", "mot", "missing.txt", "good.txt", code=4, said=["missing.txt"])
         self.tool("eval", "mot", "good.txt", ".", code=4, said=["not a file"])
+        self.assert_transcript_kept("eval_mot_files.txt")
 
     def test_minimums_and_outputs(self):
         texts = (two_objects(range(1, 5)), SWAPPED)
@@ -267,6 +269,7 @@ class EvalMotTest(ToolTest):
         done = self.tool(*files, "--json", "-")
         self.assertEqual(json.loads(done.stdout)["schema_version"], 1)
         self.assertIn("MOTA", done.stderr)
+        self.assert_transcript_kept("eval_mot_outputs.txt")
 
 
 if __name__ == "__main__":
