@@ -271,6 +271,25 @@ class EvalCocoTest(ToolTest):
         heights = [{point.split(",")[1] for point in curve} for curve in curves]
         self.assertEqual(heights, [{"56.0"}, {"536.0"}, {"296.0"}])
 
+    def test_reports_and_curves_are_told_in_full(self):
+        names = ["bird", "a\x1b[31m\n\x7f & <b>", "naïve" * 5, "z"]
+        boxes = [(1 + i % 3, i % 3, [30 * i, 40 * (i % 5), 25 + 9 * i, 30 + i]) for i in range(20)]
+        truth = boxes + [(2, 0, A, {"iscrowd": 1}), (3, 1, B, {"ignore": 1})]
+        found = [(image, (kind + (i % 7 == 6)) % 3, [x + i, y, w, h], 1 - i / 25)
+                 for i, (image, kind, (x, y, w, h)) in enumerate(boxes) if i % 6] + [(1, 3, C, 0.75)]
+        file = truth_file(truth, names, (1, 2, 3))
+        file["images"][1]["file_name"] = "\x1b[2J\t2.jpg"
+        for options in ((), ("--classes", "bird,z", "--worst", 0), ("--worst", 1)):
+            self.evaluate(file, result_file(found), *options, "--plot", "curves.svg")
+        many = [f"class {i}" for i in range(26)]
+        self.evaluate(truth_file([(1, i, tile(i)) for i in range(26)], many),
+                      result_file([(1, (i + i % 2) % 26, tile(i), 0.9) for i in range(26)]),
+                      "--plot", "many.svg")
+        self.evaluate(truth_file([], ["a"]), [], "--plot", "none.svg")
+        self.assert_transcript_kept("eval_coco_reports.txt")
+        for name in ("curves", "many", "none"):
+            self.assert_kept(f"eval_coco_{name}.svg", (self.folder / f"{name}.svg").read_text())
+
     def test_minimums(self):
         file = truth_file([(1, 0, A), (1, 1, B)], ("person", "a=b", "dog"))
         results = result_file([(1, 0, A, 0.9)])

@@ -38,6 +38,8 @@ SWAPPED = (span(result, (1, 2), 5, 0) + span(result, (3, 4), 6, 0) +
            span(result, (1, 2), 6, FAR) + span(result, (3, 4), 5, FAR))
 PERFECT = span(result, range(1, 5), 5, 0) + span(result, range(1, 5), 6, FAR)
 
+TWO_CLIPS = (span(truth, range(1, 1500, 97), 1, 0), span(result, range(1, 1500, 97), 6, 30))
+
 # name: (truth, result, {metric or count: value})
 CASES = {
     "perfect": (two_objects(range(1, 5)), PERFECT,
@@ -208,6 +210,24 @@ class EvalMotTest(ToolTest):
         self.assertEqual(len(list(picture.iter(name + "path"))), 2)  # one is the legend's
         labels = [text.text for text in picture.iter(name + "text")]
         self.assertEqual(labels[-5:], ["class 0  id 1", "5", "5", "12", "class 2  id 2"])
+
+    def test_reports_and_timelines_are_told_in_full(self):
+        truths = (span(truth, range(10, 60), 1, 0) + span(truth, range(20, 30), 22, FAR, 1, 2) +
+                  span(truth, range(60, 70), 1, 0, 0) + span(truth, range(12, 16), 3, 2 * FAR, 0))
+        results = (span(result, range(10, 30), 5, 0) + span(result, (31, 33, 34, 35), 1234567, 8) +
+                   span(result, range(36, 60), 5, 0) + span(result, range(21, 25), 7, FAR, 2) +
+                   span(result, range(40, 42), 8, 3 * FAR))
+        names = ("a&<b>\x1b[31m.txt", "\t\udcff.txt", f"{'long' * 8}.txt", "one.txt", "two.txt", "none.txt")
+        for name, text in zip(names, (truths, results, *TWO_CLIPS, "", "")):
+            (self.folder / name).write_text(text)
+        for files, options in ((names[:4], ()), (names[2:4], ("--classes", "0")),
+                               (names[:2], ("--timeline", "short.svg")),
+                               (names[2:4], ("--timeline", "long.svg")),
+                               (names[4:], ("--timeline", "none.svg"))):
+            self.tool("eval", "mot", *files, *options)
+        self.assert_transcript_kept("eval_mot_reports.txt")
+        for name in ("short", "long", "none"):
+            self.assert_kept(f"eval_mot_{name}.svg", (self.folder / f"{name}.svg").read_text())
 
     def test_lint(self):
         frames = range(1, 11)
