@@ -16,7 +16,6 @@ import mutants
 import scopes
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SLOWEST = 20.0  # seconds; what takes longer is not run for every change
 
 # A program of the test suite, a case of a test of the command line, or a ctest entry that is neither.
 # limit: seconds until it counts as hanging.
@@ -83,7 +82,7 @@ class Workshop:
             seconds = time.monotonic() - start
             if failed:
                 raise Trouble(f"{', '.join(failed)} fails without any change: mend it first")
-            if seconds > SLOWEST:
+            if seconds > self.scope.slowest:
                 self.left_out.append(f"{program.name} ({seconds:.0f} s)")
             else:
                 usual.append((seconds, program._replace(limit=max(10 * seconds, 10.0))))
@@ -205,8 +204,11 @@ class Workshop:
             change.outcome = "same code"
             return
         for program in self.order(file):
-            if not self.builds(self.target_of(program)):
+            target = self.target_of(program)
+            if not self.builds(target):
                 return
+            if target != self.scope.tool and self.is_unchanged([*self.scope.first, target]):
+                continue
             failed = self.run(program, to_the_end)
             if failed:
                 self.noticed_here[file, program.name] += 1
