@@ -78,6 +78,7 @@ TEST(HostImage, numbers_and_texts_read_back_bit_for_bit) {
   description.input.mean = {{123.675f, FLT_MAX, FLT_TRUE_MIN}};
   description.input.scale = {{1.f / 255.f, 0.1f, -16777217.f}};
   description.raw[2].scale = 1.f / 3.f;
+  description.raw[1].name = "a:b;c";
   description.name_pairs = {{"model_out", "zrpd"}, {"a:b", "c"}, {"a:b", "d"}};
   description.class_names = {"person", ""};
   const std::vector<char> image = build_image(description, kNetwork);
@@ -89,6 +90,7 @@ TEST(HostImage, numbers_and_texts_read_back_bit_for_bit) {
   EXPECT_EQ(description.raw[2].scale, again.raw[2].scale);
   EXPECT_EQ(description.class_names, again.class_names);
   EXPECT_EQ("layer0;model_out:zrpd;a:b:c;a:b:d;", output_tensor_names(again)[0]);
+  EXPECT_EQ("a_b_c", output_tensor_names(again)[1]);
 }
 
 TEST(HostImage, no_truncated_lengthened_or_altered_image_is_accepted) {
