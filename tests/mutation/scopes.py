@@ -12,35 +12,35 @@ NO_TOOLS = ["-DOLVEX_BUILD_HOST=OFF", "-DOLVEX_BUILD_TOOLS=OFF"]
 # folders: where the sources stand. arm_only: whether only what 32-bit ARM alone compiles is changed;
 # otherwise all but that is. targets: what is built at first, everything if none. first: what holds all the
 # code that is changed, built before anything else. tool: what a test needs that is no program of the build.
-# tests: a pattern of the labels and the name of a test. slowest: seconds; what takes longer is not run for
-# every change. required: percent to notice. memory: bytes that a test may map, None without limit: the
-# emulator reserves all that the emulated processor could reach.
+# tests: a pattern of the labels and the name of a test. environment: what the tests get. slowest: seconds;
+# what takes longer is not run for every change. required: percent to notice. memory: bytes that a test may
+# map, None without limit: the emulator reserves all that the emulated processor could reach.
 Scope = collections.namedtuple(
-    "Scope", "help folders arm_only options targets first tool tests slowest required memory")
+    "Scope", "help folders arm_only options targets first tool tests environment slowest required memory")
 
 SCOPES = {
     "library": Scope(
         "base, utils and video; all tests of the library",
         ("base", "utils", "video"), False, [*FLAGS, *NATIVE, *NO_TOOLS], [], [LIBRARY], LIBRARY,
-        r"(?!lint|platform|bench|models|tools)", 20, 95.0, 2 << 30),
+        r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
         "tools; the tests of the command line",
         ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network"], [TOOL], TOOL,
-        r"tools ", 120, 85.0, 4 << 30),
+        r"tools ", {}, 120, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
         ("platform/host",), False, [*FLAGS, *NATIVE],
         [TOOL, "make_test_network", "host_accelerator_test", "host_contract_test", "host_image_test",
          "host_threads_test"],
         ["lib/libqv_host.so", "bin/host_image_test"], TOOL,
-        r"platform Host|tools tools\.(pack|run)", 120, 85.0, 4 << 30),
+        r"platform Host|tools tools\.(pack|run)", {}, 120, 85.0, 4 << 30),
     "arm": Scope(
         "what only 32-bit ARM compiles of base, utils and video; under the emulator",
         ("base", "utils", "video"), True,
         [*FLAGS, *NO_TOOLS, "--toolchain", "cmake/armhf.toolchain.cmake"],
         [LIBRARY, "base_test", "golden_test", "log_test", "plain_comparison_test", "simplestl_test"],
         [LIBRARY], LIBRARY,
-        r"(unit|golden) ", 120, 85.0, None),
+        r"(unit|golden) ", {"OLVEX_ROUNDS": "10"}, 120, 85.0, None),
 }
 
 # Of the tests of the command line, those that can notice a change: a pattern of the source, and of the test's
