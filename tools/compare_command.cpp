@@ -182,7 +182,7 @@ int compare(const CommandLine& line) {
   const cv::Mat sheet =
       draw_compare_sheet(line.input, source.get(), display_of(line), runs, frames);
   write_sheet(sheet, &file, line.output);
-  print_result(report(line.output, frames, sheet.size()));
+  print_result(printable(report(line.output, frames, sheet.size())));
   return kDone;
 }
 

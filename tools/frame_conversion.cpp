@@ -85,8 +85,10 @@ int packed_type(const FrameLayout& layout) {
 }
 
 void write_packed(const cv::Mat& picture, const FrameLayout& layout, unsigned char* frame) {
-  cv::Mat ordered = picture;
-  if (layout.order != ColourOrder::kBgr) {
+  cv::Mat ordered;  // with pixels of its own where they change: the picture is drawn on later
+  if (layout.order == ColourOrder::kBgr) {
+    ordered = picture;
+  } else {
     const bool gray = layout.order == ColourOrder::kGray;
     cv::cvtColor(picture, ordered, gray ? cv::COLOR_BGR2GRAY : cv::COLOR_BGR2RGB);
   }

@@ -1,10 +1,11 @@
 // inspect_report.cpp - writes one inspection as text or JSON. Read inspect_report.h first.
 #include "tools/inspect_report.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
+
+#include "tools/standard_output.h"
 
 namespace olvex_tools {
 
@@ -45,14 +46,10 @@ std::string or_none(const std::string& text) {
 
 // ---- Text ---------------------------------------------------------------------------------------
 
-// A file may hold any bytes; those that steer a terminal are not for the screen.
-std::string line(const std::string& label, std::string text) {
+std::string line(const std::string& label, const std::string& text) {
   char padded[32];
   std::snprintf(padded, sizeof padded, "%-16s", label.c_str());
-  std::replace_if(
-      text.begin(), text.end(),
-      [](unsigned char c) { return (c < 0x20 && c != '\n') || c == 0x7f; }, '?');
-  return padded + text + "\n";
+  return padded + printable(text) + "\n";
 }
 
 std::string pairs_text(const std::string& label, const Pairs& pairs, bool valid) {

@@ -97,19 +97,9 @@ std::string describe_unknown_words(const CLI::App& application, const CLI::App& 
          olvex_tools::did_you_mean(name, option_names(selected));
 }
 
-// Messages quote names from files; what would steer the terminal is shown as a question mark.
-std::string printable(std::string text) {
-  for (char& character : text) {
-    const auto code = static_cast<unsigned char>(character);
-    if ((code < 0x20 && character != '\n') || code == 0x7f) {
-      character = '?';
-    }
-  }
-  return text;
-}
-
 void print_error(const CLI::App& application, const std::string& message) {
-  std::fprintf(stderr, "%s: %s\n", selected_name(application).c_str(), printable(message).c_str());
+  std::fprintf(stderr, "%s: %s\n", selected_name(application).c_str(),
+               olvex_tools::printable(message).c_str());
 }
 
 int report_usage_error(const CLI::App& application, const CLI::ParseError& error) {

@@ -201,7 +201,7 @@ std::string describe_result(const PackOptions& options, const Description& descr
   if (calibration) {
     text += describe_calibration(*options.calibration_pictures, *calibration);
   }
-  return text + describe_test(options, description, test);
+  return printable(text + describe_test(options, description, test));
 }
 
 // Score columns that are classes; 0 when the network leaves their number open.

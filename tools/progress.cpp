@@ -8,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "tools/standard_output.h"
+
 namespace olvex_tools {
 
 namespace {
@@ -93,7 +95,7 @@ void Progress::update(long done) {
 void Progress::notice(const std::string& text) {
   clear();
   if (!quiet_) {
-    std::fprintf(stderr, "olvex-det run: %s\n", text.c_str());
+    std::fprintf(stderr, "olvex-det run: %s\n", printable(text).c_str());
   }
 }
 

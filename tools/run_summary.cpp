@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/standard_output.h"
+
 namespace olvex_tools {
 
 namespace {
@@ -70,7 +72,7 @@ std::string RunSummary::text(const RunFacts& facts) const {
   for (const auto& [class_id, count] : boxes_) {
     const std::string name = class_name(facts.class_names, class_id);
     text += format("  %8llu  ", static_cast<unsigned long long>(count)) +
-            (name.empty() ? "class " + std::to_string(class_id) : name) + "\n";
+            (name.empty() ? "class " + std::to_string(class_id) : one_line(name)) + "\n";
   }
   if (facts.tracked) {
     text += format("tracks  %zu\n", tracks_.size());

@@ -2,6 +2,7 @@
 // library's own stdout. Read standard_output.h first.
 #include "tools/standard_output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -25,7 +26,23 @@ int open_log(const std::string& log_path) {
   return descriptor;
 }
 
+bool is_control(char character) {
+  const auto code = static_cast<unsigned char>(character);
+  return code < 0x20 || code == 0x7f;
+}
+
 }  // namespace
+
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c != '\n' && is_control(c); }, '?');
+  return text;
+}
+
+std::string one_line(std::string text) {
+  std::replace_if(text.begin(), text.end(), is_control, '?');
+  return text;
+}
 
 LibraryLog::LibraryLog(const std::string& log_path) {
   std::fflush(stdout);

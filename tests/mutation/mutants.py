@@ -184,12 +184,18 @@ def other_numbers(text):
     return "float", [(new if re.search(r"[.e]", new) else new + ".0") + suffix]
 
 
+def joins_texts(tokens, k):
+    """Whether the operator puts texts together: there is no other one that would compile."""
+    behind = [token.text for token in tokens[k + 1:k + 4]]
+    return "text" in (tokens[k - 1].kind, tokens[k + 1].kind) or behind == ["std", "::", "to_string"]
+
+
 def token_mutants(source, tokens):
     for k, token in enumerate(tokens):
         stands_free = source[token.start - 1].isspace() and source[token.end:token.end + 1].isspace() and \
             tokens[k - 1].text != ">"
         for kind, table in OPERATORS.items():
-            if token.text in table and stands_free:
+            if token.text in table and stands_free and not (kind == "arithmetic" and joins_texts(tokens, k)):
                 yield from ((kind, token.start, token.end, new) for new in table[token.text])
         if token.kind == "number":
             kind, numbers = other_numbers(token.text)

@@ -124,10 +124,9 @@ TEST(HostAccelerator, nv12_is_read_with_padded_rows_and_a_padded_luma_plane) {
   const Device device(4);
   Channel channel = pixel_channel(InputDescription());
   const QV_IPU_TensorDesc_t& tensor = channel.tensors.astQV_InputTensorDescs[0];
-  EXPECT_EQ(16 * 4 * 3 / 2, tensor.s32AlignedBufSize);
-  EXPECT_EQ(18u, tensor.u32BufSize);
-  EXPECT_EQ(16u, tensor.u32InputWidthAlignment);
-  EXPECT_EQ(4u, tensor.u32InputHeightAlignment);
+  const auto facts = Channel::facts_of;
+  EXPECT_EQ(" format 1, scale 1, zero 0, run 16, bytes 18 of 96, aligned 16 x 4, layout 0",
+            facts(tensor));
   // Three blocks of 2 x 2 pixels in the codes of pure red, green and blue (limited range).
   const unsigned char codes[3][3] = {{81, 90, 240}, {145, 54, 34}, {41, 240, 110}};
   Frame frame(16 * 4 + 16 * 2, 0xEE);
@@ -172,6 +171,12 @@ TEST(HostAccelerator, raw_layers_arrive_cell_by_cell_and_int16_saturates) {
     ASSERT_EQ(0, real.run(frame));
     ASSERT_EQ(0, integer.run(frame));
     EXPECT_EQ("1x1x3x6 1x4x12x6 1x2x6x6 ", real.output_shapes());
+    EXPECT_EQ(
+        "stride8 format 5, scale 1, zero 0, run 24, bytes 1152 of 1152, aligned 1 x 1, layout 0",
+        Channel::facts_of(real.tensors.astQV_OutputTensorDescs[1]));
+    EXPECT_EQ(
+        "stride32 format 2, scale 0.25, zero 0, run 12, bytes 36 of 36, aligned 1 x 1, layout 0",
+        Channel::facts_of(integer.tensors.astQV_OutputTensorDescs[0]));
     const float cells[3][6] = {{-1.f, -1.25f, -1.5f, -1.75f, -10.f, 10.f},
                                {-1.f, -1.25f, -1.5f, -1.75f, 0.f, -10.f},
                                {-1.f, -1.25f, -1.5f, -1.75f, 69.6875f, 69.6875f}};

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,17 @@ struct Channel {
     EXPECT_EQ(0, open_channel(qv_host::build_image(description, network), &id));
     EXPECT_EQ(0, QV_IPU_GetInOutTensorDesc(id, &tensors));
     EXPECT_EQ(0, QV_IPU_GetOutputTensors(id, &buffers));
+  }
+
+  // All that is told of a tensor but its shape.
+  static std::string facts_of(const QV_IPU_TensorDesc_t& tensor) {
+    std::ostringstream text;
+    text << tensor.name << " format " << tensor.eElmFormat << ", scale " << tensor.fScalar
+         << ", zero " << tensor.s64ZeroPoint << ", run " << tensor.u32InnerMostStride << ", bytes "
+         << tensor.u32BufSize << " of " << tensor.s32AlignedBufSize << ", aligned "
+         << tensor.u32InputWidthAlignment << " x " << tensor.u32InputHeightAlignment << ", layout "
+         << tensor.eLayoutType;
+    return text.str();
   }
 
   std::string output_shapes() const {  // such as "1x1x5x4 1x1 "

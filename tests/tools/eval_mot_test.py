@@ -6,7 +6,6 @@ by d pixels, two of them overlap by (100 - d) / (100 + d).
 import itertools
 import json
 import random
-import xml.etree.ElementTree
 
 from tool_test import ToolTest, main
 
@@ -37,6 +36,8 @@ def two_objects(frames):
 SWAPPED = (span(result, (1, 2), 5, 0) + span(result, (3, 4), 6, 0) +
            span(result, (1, 2), 6, FAR) + span(result, (3, 4), 5, FAR))
 PERFECT = span(result, range(1, 5), 5, 0) + span(result, range(1, 5), 6, FAR)
+
+TWO_CLIPS = (span(truth, range(1, 1500, 97), 1, 0), span(result, range(1, 1500, 97), 6, 30))
 
 # name: (truth, result, {metric or count: value})
 CASES = {
@@ -189,25 +190,35 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"truths": 1, "false_boxes": 1, "misses": 0})
         self.tool("eval", "mot", "a", "b", "--classes", "person", code=2)
 
-    def test_runs_and_timeline(self):
+    def test_runs(self):
         truths = (span(truth, range(1, 8), 1, 0) + span(truth, (8, 9), 1, 0, 0) +
                   span(truth, (3, 4), 2, FAR, 1, 2))
         results = span(result, (1, 2, 4), 5, 0) + span(result, (5, 6), 12, 0)
-        values = self.evaluate(truths, results, options=["--timeline", "t.svg"])[0]
+        values = self.evaluate(truths, results)[0]
         first, second = values["clips"][0]["objects"]
         self.assertEqual(first, {
             "truth_id": 1, "class": 0, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
             "runs": [{"first": a, "last": b, "result_id": c}
                      for a, b, c in ((1, 2, 5), (4, 4, 5), (5, 6, 12))]})
         self.assertEqual((second["class"], second["first"], second["runs"]), (2, 3, []))
-        picture = xml.etree.ElementTree.parse(self.folder / "t.svg").getroot()
-        name = "{http://www.w3.org/2000/svg}"
-        titles = [title.text for title in picture.iter(name + "title")]
-        self.assertEqual(titles, ["found", "id 5, frames 1 to 2", "id 5, frames 4 to 4",
-                                  "id 12, frames 5 to 6"])
-        self.assertEqual(len(list(picture.iter(name + "path"))), 2)  # one is the legend's
-        labels = [text.text for text in picture.iter(name + "text")]
-        self.assertEqual(labels[-5:], ["class 0  id 1", "5", "5", "12", "class 2  id 2"])
+
+    def test_reports_and_timelines_are_told_in_full(self):
+        truths = (span(truth, range(10, 60), 1, 0) + span(truth, range(20, 30), 22, FAR, 1, 2) +
+                  span(truth, range(60, 70), 1, 0, 0) + span(truth, range(12, 16), 3, 2 * FAR, 0))
+        results = (span(result, range(10, 30), 5, 0) + span(result, (31, 33, 34, 35), 1234567, 8) +
+                   span(result, range(36, 60), 5, 0) + span(result, range(21, 25), 7, FAR, 2) +
+                   span(result, range(40, 42), 8, 3 * FAR))
+        names = ("a&<b>\x1b[31m.txt", "\t\udcff.txt", f"{'long' * 8}.txt", "one.txt", "two.txt", "none.txt")
+        for name, text in zip(names, (truths, results, *TWO_CLIPS, "", "")):
+            (self.folder / name).write_text(text)
+        for files, options in ((names[:4], ()), (names[2:4], ("--classes", "0")),
+                               (names[:2], ("--timeline", "short.svg")),
+                               (names[2:4], ("--timeline", "long.svg")),
+                               (names[4:], ("--timeline", "none.svg"))):
+            self.tool("eval", "mot", *files, *options)
+        self.assert_transcript_kept("eval_mot_reports.txt")
+        for name in ("short", "long", "none"):
+            self.assert_kept(f"eval_mot_{name}.svg", (self.folder / f"{name}.svg").read_text())
 
     def test_lint(self):
         frames = range(1, 11)
@@ -234,6 +245,7 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"MOTA": 1})
         self.evaluate(*cases["frames_shifted"], said=["9 instead of 0", "Add 1 to its first column"])
         self.evaluate(*cases["class_ids_shifted"], said=["10 instead of 0", "from 1 to 0"])
+        self.assert_transcript_kept("eval_mot_lint.txt")
 
     def test_rows_are_read_with_tolerance(self):
         text = "\ufeff# frame,id\r\n\r\n 1 , 1.0 ,0,0,\t100,100,1,0,-1,1\r\n2,1,0,0,100,100,1,0,0.5"
@@ -250,6 +262,7 @@ class EvalMotTest(ToolTest):
                     self.tool("eval", "mot", *files, code=4, said=["bad.txt:", message])
         self.tool("eval", "mot", "missing.txt", "good.txt", code=4, said=["missing.txt"])
         self.tool("eval", "mot", "good.txt", ".", code=4, said=["not a file"])
+        self.assert_transcript_kept("eval_mot_files.txt")
 
     def test_minimums_and_outputs(self):
         texts = (two_objects(range(1, 5)), SWAPPED)
@@ -267,6 +280,7 @@ class EvalMotTest(ToolTest):
         done = self.tool(*files, "--json", "-")
         self.assertEqual(json.loads(done.stdout)["schema_version"], 1)
         self.assertIn("MOTA", done.stderr)
+        self.assert_transcript_kept("eval_mot_outputs.txt")
 
 
 if __name__ == "__main__":

@@ -219,6 +219,7 @@ class PackTest(ToolTest):
                 self.assertEqual(result.stdout, "")
                 after = {path: path.read_bytes() for path in self.folder.iterdir()}
                 self.assertEqual(after, before)
+        self.assert_transcript_kept("pack_refusals.txt")
 
     def test_inspect_names_the_damage_and_tells_it_from_an_undecodable_model(self):
         self.packed(*RAW)
@@ -233,6 +234,33 @@ class PackTest(ToolTest):
             self.tool("inspect", name, code=code, said=said)
         self.image.write_bytes(b"model_out:zrlpd\n" + image)
         self.assertIn("17 or 13 channels", self.tool("inspect", "out.img", code=1).stdout)
+        self.assert_transcript_kept("inspect_damage.txt")
+
+    def test_what_is_packed_is_told_in_full(self):
+        names = ["--class-names", "names.txt"]
+        (self.folder / "names.txt").write_text("person\nbi\x7fcycle\n")
+        cells = {(1, 1): (250, 0, 0), (4, 1): (0, 200, 40), (6, 2): (90, 90, 255)}  # the others are black
+        for height in (32, 64):
+            write_picture(self.folder / f"cells{height}.ppm", 64, height,
+                          lambda x, y: cells.get((x // 8, y // 8), (0, 0, 0)))
+        small, large = (["--picture", f"cells{height}.ppm"] for height in (32, 64))
+        make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
+        make_network(self.folder / "last.onnx", "raw-nhwc", 64, 64)
+        for arguments in (
+                [*RAW, "--model-out", "zrfsd", "--lib-out", "zrpd", "--pair", "maker=we", *names,
+                 *large],
+                [*RAW, "--model-out", "zrfsd", "--pairs-in-name", "--int16", "--input-format", "rgb",
+                 *large],
+                ["last.onnx", *OUT, *LAYERS, "--layout", "nhwc", "--input-format", "argb8888"],
+                ["boxes.onnx", *OUT, *BOXES[:4], "--max-boxes", 7, *small, *names],
+                [*DECODED, "--background", 2, "--model-out", "zrpcd", *small],
+                [*DECODED, *CALIBRATE, "white.ppm", "--title", "calibrated", *small],
+                ["points.onnx", *OUT, *BOXES, "--keypoints", "points", "--input-format", "abgr8888",
+                 *small],
+                [*DECODED, "--no-classes", "--box-order", "cxcywh", "--input-format", "bgr", *small]):
+            self.tool("pack", *arguments)
+            self.tool("inspect", "out.img")
+        self.assert_transcript_kept("pack_reports.txt")
 
     def test_misspelt_words_are_answered_with_the_nearest_name(self):
         for arguments, said in (
@@ -244,10 +272,13 @@ class PackTest(ToolTest):
                 (["inspect", "a", "b"], 'unexpected argument "b"'),
                 ([], "subcommand is required")):
             self.assertEqual(self.tool(*arguments, code=2, said=[said]).stdout, "")
+        self.assert_transcript_kept("misspelt_words.txt")
 
     def test_help_and_version_go_to_standard_output(self):
-        for arguments in (["--help"], ["pack", "--help"], ["inspect", "-h"]):
+        for arguments in (["--help"], ["pack", "--help"], ["inspect", "-h"], ["run", "--help"],
+                          ["compare", "--help"], ["eval", "coco", "--help"], ["eval", "mot", "--help"]):
             self.assertIn("Examples:", self.tool(*arguments).stdout)
+        self.assert_transcript_kept("help.txt")
         self.assertIn("libolvex_det release version: ", self.tool("--version").stdout)
 
 

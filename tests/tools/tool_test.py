@@ -1,16 +1,23 @@
-"""tool_test.py - what pack_test.py and run_test.py share: the program, networks, schema checks.
+"""tool_test.py - what the tests of the command line share: the program, networks, schema checks, and
+the comparison of whole texts and pictures with those in data/.
 
 usage: <test>.py OLVEX_DET MAKE_TEST_NETWORK SCHEMA_FOLDER [unittest options]
+To accept an intended change run the test with OLVEX_GOLDEN_UPDATE=1 in the environment and read the
+difference.
 """
 import json
 import os
 import pathlib
+import re
+import struct
 import subprocess
 import sys
 import tempfile
 import unittest
+import zlib
 
 TOOL, MAKE_NETWORK, SCHEMAS = (str(pathlib.Path(path).resolve()) for path in sys.argv[1:4])
+DATA = pathlib.Path(__file__).resolve().parent / "data"
 TYPES = {"object": dict, "array": list, "string": str, "integer": int, "number": (int, float),
          "null": type(None), "boolean": bool}
 
@@ -40,8 +47,21 @@ def schema_faults(value, schema, root, where="$"):
     return faults
 
 
+def png_content(png):
+    """Size, kind and the filtered rows: everything but how well they are compressed."""
+    rows, at = b"", 8
+    while at < len(png):
+        size, kind = struct.unpack(">I4s", png[at:at + 8])
+        rows += png[at + 8:at + 8 + size] if kind == b"IDAT" else b""
+        at += size + 12
+    return png[16:29], zlib.decompress(rows)
+
+
 class ToolTest(unittest.TestCase):
+    maxDiff = None
+
     def setUp(self):
+        self.transcript = ""
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
@@ -52,9 +72,33 @@ class ToolTest(unittest.TestCase):
                                 cwd=self.folder, env={**os.environ, **(environment or {})},
                                 **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
         self.assertEqual(result.returncode, code, f"{arguments}: {result.stderr}")
+        printed = "" if str(result.stdout).startswith("{") else result.stdout or ""
+        self.transcript += f"$ {' '.join(map(str, arguments))}\n{printed}{result.stderr or ''}"
         for text in said:
             self.assertIn(text, result.stderr)
         return result
+
+    def assert_kept(self, name, content):
+        """Compares with the file of that name in data/."""
+        kept = DATA / name
+        content = content.encode("utf-8", "backslashreplace") if isinstance(content, str) else content
+        if "OLVEX_GOLDEN_UPDATE" in os.environ:
+            kept.write_bytes(content)
+        if name.endswith(".png"):
+            self.assertTrue(png_content(content) == png_content(kept.read_bytes()), name)
+        else:
+            self.assertEqual(content.decode(), kept.read_bytes().decode(), name)
+
+    def assert_transcript_kept(self, name):
+        """Compares all that was printed so far but JSON, times, names of temporary files, and what the JSON
+        parser says itself."""
+        text = self.transcript.replace(str(self.folder), "FOLDER")
+        for unsure, sure in ((r"(is not JSON: ).*", r"\1..."), (r"\d+\.\d ms", "... ms"),
+                             (r"\.img\.\w{6}", ".img.XXXXXX")):
+            text = re.sub(unsure, sure, text)
+        # Equal scores may change places on another processor.
+        text = re.sub(r"(generated gradient: ).*\n( +class .*\n)*", r"\1...\n", text)
+        self.assert_kept(name, re.sub(r"[^\n -~]", lambda match: ascii(match[0])[1:-1], text))
 
     def assert_fits_schema(self, value, name):
         schema = json.loads((pathlib.Path(SCHEMAS) / f"{name}.schema.json").read_text())

@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/standard_output.h"
+
 namespace olvex_tools {
 
 namespace {
@@ -34,18 +36,6 @@ std::size_t width_of(const std::string& text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char character) {
     return (static_cast<unsigned char>(character) & 0xC0) != 0x80;
   }));
-}
-
-// Names come from a file; a control character could do anything to the terminal.
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(),
-      [](char character) {
-        const auto value = static_cast<unsigned char>(character);
-        return value < ' ' || value == 0x7F;
-      },
-      '?');
-  return text;
 }
 
 // The first column to the left, the others to the right. Requires: rows of one length.
@@ -110,7 +100,7 @@ std::string summary_table(const CocoMetrics& metrics) {
 std::string class_table(const CocoMetrics& metrics) {
   std::vector<Row> rows = {{"class", "AP", "AP50", "truth", "ignored", "results"}};
   for (const ClassMetrics& item : metrics.classes) {
-    rows.push_back({printable(item.category.name), decimal(item.ap), decimal(item.ap50),
+    rows.push_back({one_line(item.category.name), decimal(item.ap), decimal(item.ap50),
                     std::to_string(item.truths), std::to_string(item.ignored),
                     std::to_string(item.detections)});
   }
@@ -118,7 +108,7 @@ std::string class_table(const CocoMetrics& metrics) {
 }
 
 std::string class_name_of(const CocoTruth& truth, std::size_t category, const char* none) {
-  return category < truth.categories.size() ? printable(truth.categories[category].name) : none;
+  return category < truth.categories.size() ? one_line(truth.categories[category].name) : none;
 }
 
 constexpr const char* kNothing = "nothing";  // detected where no truth is
@@ -181,7 +171,7 @@ std::string worst_table(const CocoReport& report) {
     const CocoPicture& picture = report.truth.pictures[errors.picture];
     rows.push_back({std::to_string(picture.id), std::to_string(errors.misses),
                     std::to_string(errors.false_boxes), std::to_string(errors.hits),
-                    printable(picture.file_name)});
+                    one_line(picture.file_name)});
   }
   return table(rows);
 }

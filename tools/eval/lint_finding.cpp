@@ -3,12 +3,14 @@
 
 #include <cstdio>
 
+#include "tools/standard_output.h"
+
 namespace olvex_tools {
 
 void print_findings(const std::string& command, const std::vector<LintFinding>& findings) {
   for (const LintFinding& finding : findings) {
-    std::fprintf(stderr, "%s: warning: %s: %s\n", command.c_str(), finding.file.c_str(),
-                 finding.message.c_str());
+    std::fprintf(stderr, "%s: warning: %s: %s\n", command.c_str(), one_line(finding.file).c_str(),
+                 one_line(finding.message).c_str());
   }
 }
 

@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/standard_output.h"
+
 namespace olvex_tools {
 
 namespace {
@@ -40,6 +42,7 @@ std::vector<TableRow> table_rows(const MotReport& report) {
   }
   // The ends of long names tell them apart.
   for (TableRow& row : rows) {
+    row.name = one_line(row.name);
     if (row.name.size() > kNameWidest) {
       row.name = "..." + row.name.substr(row.name.size() - kNameWidest + 3);
     }

@@ -1,0 +1,80 @@
+"""What tests/mutation/run can change: parts of the tree, each with its build and the tests that try it."""
+import collections
+import re
+
+LIBRARY = "lib/libolvex_det.so"
+TOOL = "bin/olvex-det"
+FLAGS = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -DNDEBUG",
+         "-DOLVEX_BUILD_BENCH=OFF"]
+NATIVE = ["-DCMAKE_C_COMPILER=gcc", "-DCMAKE_CXX_COMPILER=g++"]
+NO_TOOLS = ["-DOLVEX_BUILD_HOST=OFF", "-DOLVEX_BUILD_TOOLS=OFF"]
+
+# folders: where the sources stand. arm_only: whether only what 32-bit ARM alone compiles is changed;
+# otherwise all but that is. targets: what is built at first, everything if none. first: what holds all the
+# code that is changed, built before anything else. tool: what a test needs that is no program of the build.
+# tests: a pattern of the labels and the name of a test. environment: what the tests get. slowest: seconds;
+# what takes longer is not run for every change. required: percent to notice. memory: bytes that a test may
+# map, None without limit: the emulator reserves all that the emulated processor could reach.
+Scope = collections.namedtuple(
+    "Scope", "help folders arm_only options targets first tool tests environment slowest required memory")
+
+SCOPES = {
+    "library": Scope(
+        "base, utils and video; all tests of the library",
+        ("base", "utils", "video"), False, [*FLAGS, *NATIVE, *NO_TOOLS], [], [LIBRARY], LIBRARY,
+        r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
+    "tools": Scope(
+        "tools; the tests of the command line",
+        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network"], [TOOL], TOOL,
+        r"tools ", {}, 120, 85.0, 4 << 30),
+    "host": Scope(
+        "platform/host; its own tests, then those of pack, inspect and run",
+        ("platform/host",), False, [*FLAGS, *NATIVE],
+        [TOOL, "make_test_network", "host_accelerator_test", "host_contract_test", "host_image_test",
+         "host_threads_test"],
+        ["lib/libqv_host.so", "bin/host_image_test"], TOOL,
+        r"platform Host|tools tools\.(pack|run)", {}, 120, 85.0, 4 << 30),
+    "arm": Scope(
+        "what only 32-bit ARM compiles of base, utils and video; under the emulator",
+        ("base", "utils", "video"), True,
+        [*FLAGS, *NO_TOOLS, "--toolchain", "cmake/armhf.toolchain.cmake"],
+        [LIBRARY, "base_test", "golden_test", "log_test", "plain_comparison_test", "simplestl_test"],
+        [LIBRARY], LIBRARY,
+        r"(unit|golden) ", {"OLVEX_ROUNDS": "10"}, 120, 85.0, None),
+}
+
+# Of the tests of the command line, those that can notice a change: a pattern of the source, and of the test's
+# name. The first that fits counts; a source without one may show in all of them.
+LIKELY_TESTS = (
+    (r"tools/eval/(eval_)?coco_", r"eval_coco"),
+    (r"tools/eval/(eval_)?mot_", r"eval_mot"),
+    (r"tools/eval/", r"eval"),
+    (r"tools/compare_", r"compare"),
+    (r"tools/(calibration|inspect_|library_model|model_|onnx_|pack_)", r"pack"),
+    (r"tools/(detector|last_output|progress|result_|run_)", r"run"),
+)
+
+
+def can_notice(file, name):
+    """Whether the test of that name may notice a change of the file."""
+    if not name.startswith("tools."):
+        return True
+    tests = next((tests for source, tests in LIKELY_TESTS if re.match(source, file)), "")
+    return bool(re.match(r"tools\." + tests, name))
+
+
+def arm_only_lines(source):
+    """The numbers of the lines that only 32-bit ARM compiles."""
+    lines, conditions = set(), []
+    for number, line in enumerate(source.splitlines(), 1):
+        directive = re.match(r"\s*#\s*(if\w*|else|endif)\b(.*)", line)
+        if not directive:
+            if "arm" in conditions:
+                lines.add(number)
+        elif directive[1] == "else":
+            conditions[-1] = {"arm": "other", "other": "arm"}.get(conditions[-1])
+        elif directive[1] == "endif":
+            conditions.pop()
+        else:
+            conditions.append("arm" if "__arm__" in line else "other" if "__SSE2__" in line else None)
+    return lines
