@@ -43,10 +43,13 @@ void Tensors::add(int width, int height, int channels, const std::vector<float>&
   heights_.push_back(height);
   channels_.push_back(channels);
   scales_.push_back(scale);
+  memory_.push_back({static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
+                     values.size(), values.size()});
   info_.net_out_w = widths_.data();
   info_.net_out_h = heights_.data();
   info_.net_out_c = channels_.data();
   info_.scalar = scales_.data();
+  info_.memory = memory_.data();
   info_.num_out_layers = static_cast<int>(lines_.size());
   use(lines_);
 }
@@ -229,7 +232,6 @@ DecodedRows::DecodedRows(QV_IPU_ELEMENT_FORMAT format, int rows, int keypoint_ch
       points.push_back(random.between(0, kInputHeight));
     }
   }
-  info().num_rows = rows;
   add(rows, 1, 4, boxes, 1.0f / 32.0f);
   if (keypoint_channels == 0) {
     add(rows, 1, 1, classes, 1.0f);

@@ -66,6 +66,7 @@ class Tensors {
   std::vector<void*> data_;
   std::vector<float> scales_;
   std::vector<int> widths_, heights_, channels_;
+  std::vector<OutputMemory> memory_;
 };
 
 struct RawScene {

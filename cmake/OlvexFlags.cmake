@@ -3,6 +3,7 @@
 #   olvex_numbers    what keeps floating-point results the same on every machine
 #   olvex_hardening  what is shipped: a fault of memory is to end the process, not to be of use
 include(CheckCXXCompilerFlag)
+include(CheckCXXSourceCompiles)
 
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
@@ -30,18 +31,21 @@ set(OLVEX_HARDENED OFF)
 if(OLVEX_HARDENING AND NOT OLVEX_SANITIZERS AND NOT OLVEX_COVERAGE AND
    NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(OLVEX_HARDENED ON)
+  # Level 3 knows more sizes than level 2, where compiler and C library both have it.
+  set(CMAKE_REQUIRED_FLAGS "-O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
+  check_cxx_source_compiles("#include <stdlib.h>
+    #if !defined(__USE_FORTIFY_LEVEL) || __USE_FORTIFY_LEVEL < 3
+    #error no level 3
+    #endif
+    int main() { return 0; }" OLVEX_HAS_FORTIFY_3)
+  # Not every processor has this; a compiler that only warns of it has it not.
+  set(CMAKE_REQUIRED_FLAGS -Werror)
+  check_cxx_compiler_flag(-fstack-clash-protection OLVEX_HAS_STACK_CLASH_PROTECTION)
+  unset(CMAKE_REQUIRED_FLAGS)
   target_compile_options(olvex_hardening INTERFACE
-    -fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
-  # Not every processor has these; a compiler that only warns of one has it not.
-  foreach(flag IN ITEMS stack-clash-protection cf-protection)
-    string(MAKE_C_IDENTIFIER "OLVEX_HAS_${flag}" has_flag)
-    set(CMAKE_REQUIRED_FLAGS -Werror)
-    check_cxx_compiler_flag(-f${flag} ${has_flag})
-    unset(CMAKE_REQUIRED_FLAGS)
-    if(${has_flag})
-      target_compile_options(olvex_hardening INTERFACE -f${flag})
-    endif()
-  endforeach()
+    -fstack-protector-strong -U_FORTIFY_SOURCE
+    -D_FORTIFY_SOURCE=$<IF:$<BOOL:${OLVEX_HAS_FORTIFY_3}>,3,2>
+    $<$<BOOL:${OLVEX_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>)
   target_link_options(olvex_hardening INTERFACE
     "LINKER:-z,relro,-z,now,-z,noexecstack,-z,separate-code")
 endif()

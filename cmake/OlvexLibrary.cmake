@@ -15,6 +15,7 @@ add_library(olvex_det_core OBJECT
   base/postprocess/double_check.cpp
   base/postprocess/ipu_decode.cpp
   base/postprocess/raw_decode.cpp
+  base/postprocess/raw_layer.cpp
   base/postprocess/stable_box.cpp
   base/postprocess/suppression.cpp
   base/sdet/sdet_model.cpp
@@ -39,7 +40,8 @@ set_target_properties(olvex_det PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
   CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
-  LINK_DEPENDS "${OLVEX_EXPORT_MAP}")
+  LINK_DEPENDS "${OLVEX_EXPORT_MAP}"
+  INSTALL_RPATH "")  # needs the system's libraries alone
 # As an option: CMake drops definitions with a '#' in them.
 set(OLVEX_COMMIT_DET_OPTION "-DOLVEX_COMMIT_DET=\"${OLVEX_COMMIT_DET}\"")
 set_source_files_properties(video/det/src/olvex_det_impl.cpp PROPERTIES

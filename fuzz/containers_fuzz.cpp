@@ -40,7 +40,7 @@ struct Pair {
   size_t capacity = 0;
 
   void reserve(size_t n) {
-    const bool stays = 3 * n / 2 <= capacity / 2 || 2 * n <= contents.size();
+    const bool stays = 3 * n / 2 <= capacity / 2 || 2 * n < contents.size();
     capacity = stays ? capacity : 2 * n;
   }
 

@@ -136,17 +136,12 @@ bool is_fp32_network(const qv_scripted::Network& network) {
   return !network.outputs.empty() && network.outputs[0].eElmFormat == QV_IPU_FORMAT_FP32;
 }
 
-// The bytes that the library may read by shape and type. No memory has an extent that is negative to
-// the library: there it counts as 1.
+// The bytes of a tensor of the type that the library reads. To it an extent of 0 is one that is left
+// out; one beyond any memory counts as 1 here.
 QV_U32 readable_bytes(const QV_IPU_TensorDesc_t& tensor, QV_U32 decoded_size) {
-  const QV_IPU_ELEMENT_FORMAT format = tensor.eElmFormat;
-  const bool is_small = format == QV_IPU_FORMAT_U8 || format == QV_IPU_FORMAT_INT8 ||
-                        format == QV_IPU_FORMAT_GRAY || format == QV_IPU_FORMAT_NV12;
-  uint64_t bytes = is_small ? 1 : format == QV_IPU_FORMAT_INT16 ? 2 : decoded_size;
-  for (QV_U32 i = 0; i < QV_IPU_MAX_DIMENSIONS; ++i) {
-    const QV_U32 extent = tensor.u32TensorShape[i];
-    const bool is_unused = i >= tensor.u32TensorDim && extent == 0;
-    bytes *= is_unused || extent > INT32_MAX ? 1 : extent;
+  uint64_t bytes = decoded_size;
+  for (const QV_U32 extent : tensor.u32TensorShape) {
+    bytes *= extent == 0 || extent > INT32_MAX ? 1 : extent;
     bytes = std::min<uint64_t>(bytes, UINT32_MAX);
   }
   return static_cast<QV_U32>(bytes);
@@ -164,6 +159,15 @@ void size_buffers(qv_scripted::Network& network) {
     }
     tensor.u32BufSize = readable_bytes(tensor, decoded_size);
     tensor.s32AlignedBufSize = static_cast<QV_S32>((tensor.u32BufSize + 15) / 16 * 16);
+  }
+}
+
+// Says less of an output's memory than its shape, or nothing.
+void misstate_size(FuzzInput& input, QV_IPU_TensorDesc_t& tensor) {
+  const QV_U32 size = input.flag() ? 0 : input.raw<uint16_t>() % tensor.u32BufSize;
+  tensor.u32BufSize = size;
+  if (size != 0) {
+    tensor.s32AlignedBufSize = static_cast<QV_S32>(size);
   }
 }
 
@@ -279,10 +283,14 @@ Scene draw_scene(FuzzInput& input) {
     scene.network.outputs.push_back(
         qv_scripted::nhwc_tensor("output", output.shape, format, output.scale));
   }
-  for (int spoilt = input.byte() % 16 - 12; spoilt > 0; --spoilt) {
+  const int spoilt = input.byte() % 16 - 12;
+  for (int i = 0; i < spoilt; ++i) {
     spoil(input, scene.network);
   }
   size_buffers(scene.network);
+  if (spoilt == 3 && !scene.network.outputs.empty()) {
+    misstate_size(input, scene.network.outputs[input.byte() % scene.network.outputs.size()]);
+  }
   scene.threshold = input.number();
   scene.display = input.flag() ? Rect_t{1920, 1080} : Rect_t{odd_extent(input), odd_extent(input)};
   add_frames(input, layout, scene);

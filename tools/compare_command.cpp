@@ -158,8 +158,7 @@ std::string report(const std::string& path, const std::vector<ComparedFrame>& fr
 }
 
 void write_sheet(const cv::Mat& sheet, ReplacementFile* file, const std::string& path) {
-  const std::string bytes = encoded_picture(path, sheet);
-  file->write(std::vector<char>(bytes.begin(), bytes.end()));
+  file->write(encoded_picture(path, sheet));
   file->commit();
 }
 

@@ -20,7 +20,7 @@ namespace {
 class ContactSheetWriter : public PictureWriter {
  public:
   ContactSheetWriter(const std::string& path, std::size_t tiles)
-      : path_(path), file_(path, nullptr), wanted_(tiles) {}
+      : path_(path), file_(path, nullptr, OutputForm::kWhole), wanted_(tiles) {}
 
   void write(FramePicture* picture) override {
     if (seen_++ % stride_ != 0) {

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -13,6 +14,7 @@
 
 #include "tools/command.h"
 #include "tools/frame_source.h"
+#include "tools/jpeg_file.h"
 
 namespace olvex_tools {
 
@@ -29,6 +31,11 @@ void require_readable(const fs::path& path) {
   if (!std::ifstream(path, std::ios::binary)) {
     throw file_error(path, std::string("cannot be opened: ") + std::strerror(errno) + ".");
   }
+}
+
+std::vector<unsigned char> bytes_of(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 // COCO names pictures by their image ids (000000000139.jpg). When every name is a number and no two
@@ -107,6 +114,9 @@ class PictureSource : public FileSource {
       throw file_error(path,
                        "cannot be read as a picture; it is damaged or of another kind than "
                        "its name says.");
+    }
+    if (is_cut_jpeg(bytes_of(path))) {
+      throw file_error(path, "is cut: the file ends before the picture does.");
     }
   }
 };

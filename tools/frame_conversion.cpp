@@ -207,4 +207,16 @@ cv::Mat picture_of_frame(const std::vector<unsigned char>& frame, const FrameLay
   }
 }
 
+cv::Mat generated_gradient(int width, int height) {
+  cv::Mat picture(height, width, CV_8UC3);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      picture.at<cv::Vec3b>(y, x) = cv::Vec3b(
+          static_cast<unsigned char>(255 * x / width), static_cast<unsigned char>(255 * y / height),
+          static_cast<unsigned char>(255 * (x + y) / (width + height)));
+    }
+  }
+  return picture;
+}
+
 }  // namespace olvex_tools

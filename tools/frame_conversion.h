@@ -29,6 +29,9 @@ FrameLayout frame_layout(const qv_host::InputDescription& input);
 // "NV12 352x352, 185856 bytes".
 std::string describe(const FrameLayout& layout);
 
+// A picture (8-bit BGR) whose colours change from one corner to the other.
+cv::Mat generated_gradient(int width, int height);
+
 // Stretches the picture (8-bit BGR) to the frame's size and writes it into frame, which is resized
 // to layout.size bytes; padding is zero.
 void convert_to_frame(const cv::Mat& picture, const FrameLayout& layout,

@@ -11,6 +11,7 @@
 #include "tools/inspect_report.h"
 #include "tools/library_model.h"
 #include "tools/model_facts.h"
+#include "tools/network_trial.h"
 #include "tools/standard_output.h"
 
 namespace olvex_tools {
@@ -43,6 +44,7 @@ Inspection inspect_file(const std::string& path) {
   inspection.header_size = text_header.size();
   inspection.file_size = inspection.header_size + qv_host::image_size(inspection.image);
   const LibraryLog log("");
+  require_harmless_network(path, path);
   LibraryModel model(path, path);
   inspection.facts = collect_facts(&model, text_header);
   return inspection;

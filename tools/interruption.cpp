@@ -3,43 +3,60 @@
 
 #include <atomic>
 
+#include "tools/whole_file.h"
+
 namespace olvex_tools {
 
 namespace {
 
 // Atomic, since a thread of a codec may be the one that gets the signal.
 std::atomic<bool> was_requested{false};
+std::atomic<bool> was_asked_for{false};  // by SIGINT or SIGTERM
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler must not wait for a lock");
 
-// From now on either signal has its default action, which ends the process.
-extern "C" void remember_request(int) {
+extern "C" void remember_request(int signal_number) {
   was_requested = true;
-  std::signal(SIGINT, SIG_DFL);
-  std::signal(SIGTERM, SIG_DFL);
+  // A terminal that closes sends several, and the end of a login SIGTERM beside them.
+  if (signal_number == SIGHUP) {
+    return;
+  }
+  if (was_asked_for.exchange(true)) {
+    remove_unfinished_files();
+    std::signal(signal_number, SIG_DFL);
+    std::raise(signal_number);
+  }
 }
 
-void handle(int signal, void (*handler)(int), struct sigaction* former) {
+void handle(int signal_number, void (*handler)(int), struct sigaction* former) {
   struct sigaction action = {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   // A read or write that the signal hits goes on, so that no result is cut.
   action.sa_flags = SA_RESTART;
-  sigaction(signal, &action, former);
+  sigaction(signal_number, &action, former);
 }
 
 }  // namespace
 
 Interruption::Interruption() {
   was_requested = false;
+  was_asked_for = false;
   handle(SIGINT, remember_request, &former_interrupt_);
   handle(SIGTERM, remember_request, &former_terminate_);
+  handle(SIGHUP, remember_request, &former_hang_up_);
+  if (former_hang_up_.sa_handler == SIG_IGN) {
+    sigaction(SIGHUP, &former_hang_up_, nullptr);
+  }
   handle(SIGPIPE, SIG_IGN, &former_pipe_);
+  handle(SIGXFSZ, SIG_IGN, &former_file_size_);
 }
 
 Interruption::~Interruption() {
   sigaction(SIGINT, &former_interrupt_, nullptr);
   sigaction(SIGTERM, &former_terminate_, nullptr);
+  sigaction(SIGHUP, &former_hang_up_, nullptr);
   sigaction(SIGPIPE, &former_pipe_, nullptr);
+  sigaction(SIGXFSZ, &former_file_size_, nullptr);
 }
 
 bool Interruption::requested() const {

@@ -1,4 +1,4 @@
-// interruption.h - Ctrl-C that ends a run in order: the first one asks, the second one kills.
+// interruption.h - signals that end a run in order: the first Ctrl-C asks, the second one kills.
 // Read run_session.cpp for the loop that asks.
 #ifndef TOOLS_INTERRUPTION_H
 #define TOOLS_INTERRUPTION_H
@@ -7,8 +7,10 @@
 
 namespace olvex_tools {
 
-// While one lives, the first SIGINT or SIGTERM is only remembered and SIGPIPE is ignored, so that a
-// closed pipe is a failed write. The destructor puts the former behaviour back. One at a time.
+// While one lives, the first SIGINT or SIGTERM and every SIGHUP are only remembered; a SIGHUP that
+// was ignored before (nohup) stays so. The second SIGINT or SIGTERM removes unfinished files and
+// ends the process. SIGPIPE and SIGXFSZ are ignored, so that a closed pipe and a file that grows
+// beyond its limit are failed writes. The destructor puts the former behaviour back. One at a time.
 class Interruption {
  public:
   Interruption();
@@ -21,7 +23,9 @@ class Interruption {
  private:
   struct sigaction former_interrupt_;
   struct sigaction former_terminate_;
+  struct sigaction former_hang_up_;
   struct sigaction former_pipe_;
+  struct sigaction former_file_size_;
 };
 
 }  // namespace olvex_tools

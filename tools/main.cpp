@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -142,6 +143,14 @@ bool prepare_standard_streams() {
   return true;
 }
 
+// The help or the version that was asked for.
+int print_help(const CLI::App& application, const CLI::ParseError& error) {
+  std::ostringstream text;
+  const int exit_code = application.exit(error, text);
+  olvex_tools::print_result(text.str());
+  return exit_code;
+}
+
 int run_command(const CLI::App& application, const Command& command) {
   try {
     return command();
@@ -180,7 +189,7 @@ int main(int argc, char** argv) {
     refuse_empty_values(application);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-      return application.exit(error);
+      return run_command(application, [&] { return print_help(application, error); });
     }
     return report_usage_error(application, error);
   }

@@ -83,7 +83,6 @@ class EmptyOutputs {
     info_.net_out_c = channels_.data();
     info_.num_out_layers = static_cast<int>(description.u32OutputTensorCount);
     info_.conf_threshold = 1.f;
-    info_.num_rows = std::max(width_[0], 1);
   }
 
   DetDecodeInfo& info() { return info_; }

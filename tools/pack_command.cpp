@@ -19,6 +19,7 @@
 #include "tools/frame_conversion.h"
 #include "tools/library_model.h"
 #include "tools/model_facts.h"
+#include "tools/network_trial.h"
 #include "tools/own_files.h"
 #include "tools/pack_options.h"
 #include "tools/standard_output.h"
@@ -84,18 +85,6 @@ void check_pair_places(const PackOptions& options, const Pairs& pairs,
                     "the description has name_pairs of its own, and the library would read them "
                     "instead of the header. Add --pairs-in-name to replace them");
   }
-}
-
-cv::Mat generated_gradient(int width, int height) {
-  cv::Mat picture(height, width, CV_8UC3);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      picture.at<cv::Vec3b>(y, x) = cv::Vec3b(
-          static_cast<unsigned char>(255 * x / width), static_cast<unsigned char>(255 * y / height),
-          static_cast<unsigned char>(255 * (x + y) / (width + height)));
-    }
-  }
-  return picture;
 }
 
 cv::Mat test_picture(const PackOptions& options, const Description& description) {
@@ -288,6 +277,7 @@ std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs
   exact.output_format = QV_IPU_FORMAT_FP32;
   ReplacementFile file(calibration_path(options));
   file.write(build_model_file(pairs, exact, network));
+  require_harmless_network(file.temporary_path(), options.network_path);
   LibraryModel model(file.temporary_path(), options.network_path);
   checked_facts(&model, options.network_path, pairs, exact);
   return calibrate(*options.calibration_pictures,
@@ -313,6 +303,9 @@ std::string pack_and_describe(const PackOptions& options) {
   const std::vector<char> bytes = build_model_file(pairs, description, network);
   ReplacementFile file(options.image_path);
   file.write(bytes);
+  if (!calibration) {  // which has tried the network
+    require_harmless_network(file.temporary_path(), options.network_path);
+  }
   const TestRun test =
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   file.commit();

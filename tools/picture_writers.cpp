@@ -3,12 +3,9 @@
 #include "tools/picture_writers.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 
 #include <opencv2/imgcodecs.hpp>
@@ -45,15 +42,23 @@ cv::Size even_size(cv::Size size) {
   return {size.width + size.width % 2, size.height + size.height % 2};
 }
 
+// Whether the file can be played up to its last frames while it still grows. The index of the others
+// is written when they are finished.
+bool survives_kill(const fs::path& path) {
+  return path.extension() == ".mkv" || path.extension() == ".avi";
+}
+
 class VideoWriter : public PictureWriter {
  public:
   VideoWriter(const std::string& path, double frames_per_second,
               std::function<void(const std::string&)> notice)
       : path_(path), rate_(frames_per_second), notice_(std::move(notice)) {
-    // The encoder says nothing of a file that cannot be made, so ask the system now.
-    errno = 0;
-    if (!std::ofstream(path_, std::ios::binary)) {
-      throw write_error(path_, std::string("cannot be written: ") + std::strerror(errno) + ".");
+    // The encoder says nothing of a file that cannot be made.
+    require_writable(path_);
+    if (!survives_kill(path_)) {
+      notice_(path_ +
+              ": a video of this kind is lost when the run is killed or the power fails. Name it "
+              ".mkv to keep what was written until then.");
     }
   }
 
@@ -73,13 +78,10 @@ class VideoWriter : public PictureWriter {
   }
 
   void finish() override {
-    if (!writer_.isOpened()) {
-      std::error_code ignored;  // an empty file that stays does no harm
-      fs::remove(path_, ignored);
-      return;
+    if (writer_.isOpened()) {
+      writer_.release();
+      require_complete();
     }
-    writer_.release();
-    require_complete();
   }
 
  private:
@@ -90,6 +92,8 @@ class VideoWriter : public PictureWriter {
       return;
     }
     if (!writer_.open(path_, mpeg4, rate_, size)) {
+      std::error_code ignored;  // an empty file that stays does no harm
+      fs::remove(path_, ignored);
       throw write_error(path_,
                         "no video encoder for this kind of file. Name the video .mp4 or "
                         ".avi, and check that OpenCV was built with FFmpeg.");
@@ -131,7 +135,7 @@ class FolderWriter : public PictureWriter {
     char name[64];
     std::snprintf(name, sizeof name, "frame_%06ld.", picture->record().number);
     const std::string path = (folder_ / (name + extension_)).string();
-    OutputFile file(path, nullptr);
+    OutputFile file(path, nullptr, OutputForm::kOneOfMany);
     file.write(encoded_picture(path, picture->annotated()));
     file.close();
   }

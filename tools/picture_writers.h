@@ -42,7 +42,8 @@ class PictureWriter {
   virtual void finish() = 0;
 };
 
-// Each throws ToolError (kInputError) when its file cannot be written.
+// Each throws ToolError (kInputError) when its file cannot be written, and touches it only once there
+// is a frame.
 
 // path ends in .mp4, .mkv, .mov or .avi. All frames get the size of the first. notice tells the
 // user that no H.264 encoder was found.

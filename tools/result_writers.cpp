@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -63,7 +64,7 @@ class JsonLinesWriter : public ResultWriter {
  public:
   JsonLinesWriter(const std::string& path, FILE* standard_output,
                   const std::vector<std::string>& class_names)
-      : file_(path, standard_output), class_names_(class_names) {}
+      : file_(path, standard_output, OutputForm::kLines), class_names_(class_names) {}
 
   void write(const FrameRecord& record) override {
     Json boxes = Json::array();
@@ -93,7 +94,8 @@ class JsonLinesWriter : public ResultWriter {
 
 class MotWriter : public ResultWriter {
  public:
-  MotWriter(const std::string& path, FILE* standard_output) : file_(path, standard_output) {}
+  MotWriter(const std::string& path, FILE* standard_output)
+      : file_(path, standard_output, OutputForm::kLines) {}
 
   void write(const FrameRecord& record) override {
     std::string rows;
@@ -115,12 +117,11 @@ class MotWriter : public ResultWriter {
 
 class CocoWriter : public ResultWriter {
  public:
-  CocoWriter(const std::string& path, FILE* standard_output) : file_(path, standard_output) {
-    file_.write("[");
-  }
+  CocoWriter(const std::string& path, FILE* standard_output)
+      : file_(path, standard_output, OutputForm::kWhole) {}
 
   void write(const FrameRecord& record) override {
-    std::string items;
+    std::string items = opening();
     for (const Detection& detection : record.detections) {
       const Json item = {{"image_id", record.image_id},
                          {"category_id", detection.class_id},
@@ -133,12 +134,19 @@ class CocoWriter : public ResultWriter {
   }
 
   void finish() override {
-    file_.write("\n]\n");
+    // A run without a frame leaves the file of an earlier one, but a reader of a pipe gets an array.
+    if (begun_ || !file_.is_file()) {
+      file_.write(opening() + "\n]\n");
+    }
     file_.close();
   }
 
  private:
+  // What stands before the first item, once.
+  std::string opening() { return std::exchange(begun_, true) ? "" : "["; }
+
   OutputFile file_;
+  bool begun_ = false;
   bool first_ = true;  // no item has been written yet
 };
 

@@ -20,14 +20,16 @@ class ResultWriter {
   virtual void finish() = 0;
 };
 
-// Each opens its file at once; path "-" is standard_output. Writing throws ToolError (kInputError).
+// Each empties or replaces its file only once there is a frame; path "-" is standard_output. Making
+// one, writing and finishing throw ToolError (kInputError).
 
-// One object per frame and line.
+// One object per frame and line, written as they come.
 std::unique_ptr<ResultWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
                                                      const std::vector<std::string>& class_names);
-// frame,id,left,top,width,height,score,class,-1,-1 per box; id is -1 without the tracker.
+// frame,id,left,top,width,height,score,class,-1,-1 per box, written as they come; id is -1 without
+// the tracker.
 std::unique_ptr<ResultWriter> make_mot_writer(const std::string& path, FILE* standard_output);
-// An array of {image_id, category_id, bbox, score}, one per box.
+// An array of {image_id, category_id, bbox, score}, one per box. It takes its place when finished.
 std::unique_ptr<ResultWriter> make_coco_writer(const std::string& path, FILE* standard_output);
 
 // The shortest decimal that reads back as the same float: 0.9, not 0.899999976.

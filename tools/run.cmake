@@ -7,6 +7,7 @@ target_sources(olvex-det PRIVATE
   frame_conversion.cpp
   frame_source.cpp
   interruption.cpp
+  jpeg_file.cpp
   last_output.cpp
   output_file.cpp
   picture_writers.cpp

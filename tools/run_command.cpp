@@ -32,10 +32,20 @@ const char kManual[] =
     "  olvex-det run detector.img pictures/ --threshold 0.05 --coco results.json\n"
     "  olvex-det run detector.img dumps/ --display 1920x1080 --mot tracks.txt --track\n"
     "  olvex-det run detector.img camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
-    "Ctrl-C ends the run in order: the outputs are complete up to the last frame. Frames are\n"
-    "numbered from 1 in their source, skipped ones included. COCO results use the number that a\n"
-    "picture is named by (000000000139.jpg) as image_id if all names are numbers, else the frame\n"
-    "number, and the class id as category_id.";
+    "Ctrl-C, SIGTERM and SIGHUP end the run in order: the outputs are complete up to the last "
+    "frame\n"
+    "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. "
+    "What\n"
+    "was there before is replaced once there is a frame. After kill -9 or a power cut, JSON "
+    "Lines,\n"
+    "MOT rows, pictures, .mkv and .avi hold what was written until then; .mp4 and .mov cannot be\n"
+    "played; COCO results are those of the run before, and FILE.partial.* may be left beside "
+    "them.\n"
+    "Name a long run's video .mkv.\n\n"
+    "Frames are numbered from 1 in their source, skipped ones included. COCO results use the "
+    "number\n"
+    "that a picture is named by (000000000139.jpg) as image_id if all names are numbers, else the\n"
+    "frame number, and the class id as category_id.";
 
 struct CommandLine {
   RunOptions run;
@@ -239,13 +249,17 @@ void add_output_options(CLI::App* command, CommandLine* line) {
                    "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)")
       ->type_name("FILE|-")
       ->group(group);
-  command->add_option("--coco", outputs->coco, "COCO results, a JSON array")
+  command
+      ->add_option("--coco", outputs->coco,
+                   "COCO results, a JSON array; written as FILE.partial.* until complete")
       ->type_name("FILE|-")
       ->group(group);
   command->add_option("--summary-json", outputs->summary, "The summary as JSON")
       ->type_name("FILE|-")
       ->group(group);
-  command->add_option("--video", outputs->video, "Annotated video (.mp4, .mkv, .mov, .avi)")
+  command
+      ->add_option("--video", outputs->video,
+                   "Annotated video (.mkv, .avi, .mp4, .mov); the first two survive a kill")
       ->type_name("FILE")
       ->group(group);
   command
@@ -273,7 +287,9 @@ void add_output_options(CLI::App* command, CommandLine* line) {
                    "The library's own log is added to it; otherwise it is not kept")
       ->type_name("FILE")
       ->group(group);
-  command->add_flag("--quiet", line->run.quiet, "No progress, remarks or summary on the screen")
+  command
+      ->add_flag("--quiet", line->run.quiet,
+                 "No progress, remarks or summary on the screen; errors are shown")
       ->group(group);
 }
 

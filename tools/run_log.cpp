@@ -2,11 +2,13 @@
 // that a run of days needs no disk. Read run_log.h first.
 #include "tools/run_log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <system_error>
 
 #include <sys/mman.h>
@@ -18,7 +20,8 @@ namespace olvex_tools {
 
 namespace {
 
-constexpr std::size_t kShownErrors = 5;  // lines
+constexpr std::size_t kShownErrors = 5;         // lines
+constexpr long long kMostReadBack = 64 * 1024;  // bytes, from the end
 const char kErrorTag[] = "DLA_ERROR:";
 // Freeing a handle whose initialisation failed logs this error too. It explains nothing.
 const char kAfterFailedInit[] = "no need to deinit handle";
@@ -74,10 +77,25 @@ void RunLog::frame_done() {
   }
 }
 
+std::string RunLog::unchecked_text() const {
+  std::error_code error;
+  // A device or a pipe cannot be read back, or has no end.
+  if (!std::filesystem::is_regular_file(path_, error)) {
+    return "";
+  }
+  const long long start = std::max(checked_, size_of(path_) - kMostReadBack);
+  std::ifstream log(path_, std::ios::binary);
+  log.seekg(start);
+  std::string text(kMostReadBack, '\0');
+  log.read(text.data(), kMostReadBack);
+  text.resize(static_cast<std::size_t>(std::max<std::streamsize>(log.gcount(), 0)));
+  // The first line is likely to be cut.
+  return start == checked_ ? text : text.substr(std::min(text.find('\n'), text.size()));
+}
+
 std::string RunLog::last_errors() const {
   std::fflush(stdout);
-  std::ifstream log(path_, std::ios::binary);
-  log.seekg(checked_);
+  std::istringstream log(unchecked_text());
   std::deque<std::string> errors;
   for (std::string line; std::getline(log, line);) {
     if (is_telling(line)) {

@@ -24,10 +24,14 @@ class RunLog {
   FILE* results() { return redirection_->results(); }
   // What was logged so far belongs to a frame that went well.
   void frame_done();
-  // The last error lines since then, each indented and on a line of its own; may be empty.
+  // The last error lines since then, each indented and on a line of its own; may be empty, and is
+  // where the log is no regular file.
   std::string last_errors() const;
 
  private:
+  // Of what belongs to no good frame, the end.
+  std::string unchecked_text() const;
+
   int memory_ = -1;  // descriptor of the log in memory; -1 with a file of the user's
   std::string path_;
   long long checked_ = 0;  // bytes of the log that belong to frames that went well

@@ -61,14 +61,14 @@ bool lies_among_frames(const std::string& output, const std::string& input) {
 }
 
 template <typename Writers>
-void finish_all(Writers& writers, std::exception_ptr* first_failure) {
+void finish_all(Writers& writers, std::vector<ToolError>* failures) {
   for (const auto& writer : writers) {
     try {
       writer->finish();
-    } catch (...) {
-      if (*first_failure == nullptr) {
-        *first_failure = std::current_exception();
-      }
+    } catch (const ToolError& error) {
+      failures->push_back(error);
+    } catch (const std::exception& error) {
+      failures->emplace_back(kInternalError, std::string("unexpected error: ") + error.what());
     }
   }
 }
@@ -145,13 +145,11 @@ void RunOutputs::write(const FrameRecord& record, const cv::Mat& picture) {
   }
 }
 
-void RunOutputs::finish() {
-  std::exception_ptr failure;
-  finish_all(result_writers_, &failure);
-  finish_all(picture_writers_, &failure);
-  if (failure != nullptr) {
-    std::rethrow_exception(failure);
-  }
+std::vector<ToolError> RunOutputs::finish() {
+  std::vector<ToolError> failures;
+  finish_all(result_writers_, &failures);
+  finish_all(picture_writers_, &failures);
+  return failures;
 }
 
 }  // namespace olvex_tools

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/command.h"
 #include "tools/picture_writers.h"
 #include "tools/result_writers.h"
 
@@ -37,7 +38,8 @@ void require_separate_files(const OutputOptions& options, const std::string& log
 
 class RunOutputs {
  public:
-  // Opens the files. notice gets remarks for the user.
+  // Throws ToolError (kInputError) for a file that could not be written, but touches none before the
+  // first write(). notice gets remarks for the user.
   RunOutputs(const OutputOptions& options, FILE* standard_output,
              const std::vector<std::string>& class_names, double frames_per_second,
              const std::function<void(const std::string&)>& notice);
@@ -46,8 +48,8 @@ class RunOutputs {
   bool needs_picture() const { return !picture_writers_.empty(); }
   // picture: the frame as it came; may be empty unless needs_picture().
   void write(const FrameRecord& record, const cv::Mat& picture);
-  // Completes every file, also when one of them fails; then throws the first failure. Call it once.
-  void finish();
+  // Completes every file, also when one of them fails. Returns what failed now. Call it once.
+  std::vector<ToolError> finish();
 
  private:
   std::vector<std::string> class_names_;

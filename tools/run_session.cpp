@@ -6,11 +6,14 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "platform/host/host_image.h"
 #include "tools/command.h"
 #include "tools/frame_source.h"
 #include "tools/interruption.h"
+#include "tools/network_trial.h"
 #include "tools/output_file.h"
 #include "tools/progress.h"
 #include "tools/run_log.h"
@@ -57,6 +60,17 @@ std::optional<long> frames_to_come(const FrameSource& source, const RunOptions& 
   return total;
 }
 
+// One error for all; the first one's exit code stands for them.
+void throw_all(const std::vector<ToolError>& failures) {
+  std::string message;
+  for (const ToolError& failure : failures) {
+    message += (message.empty() ? "" : "\n") + std::string(failure.what());
+  }
+  if (!failures.empty()) {
+    throw ToolError(failures.front().exit_code(), message);
+  }
+}
+
 class Session {
  public:
   Session(const RunOptions& options, RunLog* log, const Interruption& interruption)
@@ -73,18 +87,29 @@ class Session {
                  [this](const std::string& text) { progress_.notice(text); }) {}
 
   int run() {
-    try {
-      process_all();
-    } catch (...) {
-      finish_after_failure();
-      throw;
+    std::vector<ToolError> failures = failures_of_frames();
+    const std::vector<ToolError> of_outputs = outputs_.finish();
+    if (of_outputs.empty() && (failures.empty() || input_failed_)) {
+      report(&failures);
     }
-    outputs_.finish();
-    report();
+    failures.insert(failures.end(), of_outputs.begin(), of_outputs.end());
+    throw_all(failures);
     return interruption_.requested() ? kInterrupted : kDone;
   }
 
  private:
+  std::vector<ToolError> failures_of_frames() {
+    try {
+      process_all();
+    } catch (const ToolError& error) {
+      return {error};
+    } catch (...) {
+      outputs_.finish();  // the failure that ended the run is the one to report
+      throw;
+    }
+    return {};
+  }
+
   void process_all() {
     announce();
     skip_frames();
@@ -112,7 +137,7 @@ class Session {
     SourceFrame frame;
     FrameRecord record;
     const auto decoding = Clock::now();
-    if (!source_->next(&frame)) {
+    if (!read(&frame)) {
       return false;
     }
     record.milliseconds.decode = milliseconds_since(decoding);
@@ -129,7 +154,17 @@ class Session {
     }
     outputs_.write(record, frame.picture);
     summary_.add(record, milliseconds_since(writing));
+    last_pts_ = frame.pts;
     return true;
+  }
+
+  bool read(SourceFrame* frame) {
+    try {
+      return source_->next(frame);
+    } catch (const ToolError&) {
+      input_failed_ = summary_.frames() > 0;
+      throw;
+    }
   }
 
   void detect(SourceFrame* frame, FrameRecord* record) {
@@ -199,23 +234,29 @@ class Session {
                                        std::to_string(options_.skip) + ".");
     }
     const std::optional<long> length = source_->length();
-    constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
     const long read = options_.skip + summary_.frames();
-    if (length && static_cast<double>(read) < kShareExpected * static_cast<double>(*length) - 1) {
-      progress_.notice(options_.input + ": ended after " + std::to_string(read) + " of " +
-                       std::to_string(*length) + " frames; it is damaged or cut.");
+    // A video without a constant rate has fewer frames than its duration makes one think; one that
+    // is cut has also not reached its end in time.
+    const double reached = static_cast<double>(last_pts_) / 1e6 * source_->frames_per_second() + 1;
+    constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
+    if (length && std::max(static_cast<double>(read), reached) <
+                      kShareExpected * static_cast<double>(*length) - 1) {
+      input_failed_ = true;
+      throw ToolError(kInputError, options_.input + ": ended after " + std::to_string(read) +
+                                       " of " + std::to_string(*length) +
+                                       " frames; it is damaged or cut.");
     }
   }
 
-  void finish_after_failure() {
+  void report(std::vector<ToolError>* failures) {
     try {
-      outputs_.finish();
-    } catch (const std::exception&) {
-      // The failure that ended the run is the one to report.
+      write_summary();
+    } catch (const ToolError& error) {
+      failures->push_back(error);
     }
   }
 
-  void report() {
+  void write_summary() {
     progress_.clear();
     RunFacts facts;
     facts.model = options_.detector.model;
@@ -223,12 +264,11 @@ class Session {
     facts.class_names = model_.description.class_names;
     facts.tracked = tracked();
     facts.interrupted = interruption_.requested();
+    facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
     facts.seconds = milliseconds_since(start_) / 1000;
     const bool results_on_screen = uses_standard_output(options_.outputs);
     if (!options_.outputs.summary.empty()) {
-      OutputFile file(options_.outputs.summary, log_.results());
-      file.write(summary_.json(facts));
-      file.close();
+      write_output(options_.outputs.summary, log_.results(), summary_.json(facts));
     }
     if (options_.quiet) {
       return;
@@ -236,7 +276,7 @@ class Session {
     if (results_on_screen) {
       std::fputs(summary_.text(facts).c_str(), stderr);
     } else {
-      OutputFile(kStandardOutput, log_.results()).write(summary_.text(facts));
+      write_output(kStandardOutput, log_.results(), summary_.text(facts));
     }
   }
 
@@ -255,6 +295,8 @@ class Session {
   std::uint64_t first_track_ = 0;  // added to the ids of detector_
   std::uint64_t last_track_ = 0;   // highest id so far
   std::vector<unsigned char> converted_;
+  std::uint64_t last_pts_ = 0;  // of the last frame, microseconds
+  bool input_failed_ = false;   // after the first frame
   Clock::time_point start_;
 };
 
@@ -264,6 +306,8 @@ int run_session(const RunOptions& options) {
   silence_opencv();
   require_separate_files(options.outputs, options.log,
                          {options.input, options.detector.model, options.detector.firmware});
+  // Before signals are caught: Ctrl-C ends the trial, too, and nothing is written yet.
+  require_harmless_network(options.detector.model, options.detector.model);
   // Outlives the log, which flushes what a closed pipe did not take.
   const Interruption interruption;
   RunLog log(options.log);

@@ -65,6 +65,9 @@ std::string RunSummary::text(const RunFacts& facts) const {
   std::string text =
       format("%ld frames in %.1f s, %.1f frames/s%s\n", frames_, facts.seconds,
              rate(frames_, facts.seconds), facts.interrupted ? " (interrupted)" : "");
+  if (facts.expected_frames && *facts.expected_frames != frames_) {
+    text += format("expected  %ld frames\n", *facts.expected_frames);
+  }
   text += boxes_.empty() ? "boxes   none\n" : "boxes\n";
   for (const auto& [class_id, count] : boxes_) {
     const std::string name = class_name(facts.class_names, class_id);
@@ -102,17 +105,19 @@ std::string RunSummary::json(const RunFacts& facts) const {
     stages[kStageNames[i]] = {{"median", rounded(percentile(milliseconds_[i], 0.5))},
                               {"p99", rounded(percentile(milliseconds_[i], 0.99))}};
   }
-  const Json summary = {{"schema_version", kSummarySchemaVersion},
-                        {"model", facts.model},
-                        {"input", facts.input},
-                        {"interrupted", facts.interrupted},
-                        {"frames", frames_},
-                        {"seconds", rounded(facts.seconds)},
-                        {"frames_per_second", rounded(rate(frames_, facts.seconds))},
-                        {"boxes", total},
-                        {"boxes_per_class", std::move(classes)},
-                        {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
-                        {"milliseconds", std::move(stages)}};
+  const Json summary = {
+      {"schema_version", kSummarySchemaVersion},
+      {"model", facts.model},
+      {"input", facts.input},
+      {"interrupted", facts.interrupted},
+      {"frames", frames_},
+      {"expected_frames", facts.expected_frames ? Json(*facts.expected_frames) : Json(nullptr)},
+      {"seconds", rounded(facts.seconds)},
+      {"frames_per_second", rounded(rate(frames_, facts.seconds))},
+      {"boxes", total},
+      {"boxes_per_class", std::move(classes)},
+      {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
+      {"milliseconds", std::move(stages)}};
   // File names need not be UTF-8, JSON must be.
   return summary.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }

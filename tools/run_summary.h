@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ struct RunFacts {
   std::vector<std::string> class_names;
   bool tracked = false;
   bool interrupted = false;
-  double seconds = 0;  // from the first frame to the last output
+  std::optional<long> expected_frames;  // by what the input says of its length
+  double seconds = 0;                   // from the first frame to the last output
 };
 
 class RunSummary {

@@ -5,6 +5,7 @@
 //   box_sort.cpp      boxes by falling score
 //   suppression.cpp   non-maximum suppression
 //   raw_decode.cpp    raw output layers, decoded on the CPU; cell_scan.h finds their cells
+//   raw_layer.cpp     which raw layers can be decoded and read
 //   ipu_decode.cpp    box lists that the accelerator has already decoded
 //   stable_box.cpp    OLVEX_StableBox
 //   double_check.cpp  the double check of tracks against other classes
@@ -61,7 +62,17 @@ void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picke
 // The lists are sized before they are filled: when memory runs out on the way, the boxes that were
 // to be appended may be blank.
 
-// Decode parameters of one frame. Owns nothing: whoever makes it keeps the arrays for the call.
+// What is known of one output tensor's memory. Elements are of the type that the decoders read.
+struct OutputMemory {
+  size_t
+      rows;  // rows of a list: width times height, which counts as 1 where the shape leaves it out
+  size_t elements;  // of the whole shape
+  size_t
+      readable;  // elements that may be read: as many as the platform says that the buffer holds, those
+                 // of the shape where it does not say, none behind a null address
+};
+
+// Decode parameters of one frame. Owns nothing: the caller keeps the arrays for the call.
 struct DetDecodeInfo {
   void** data;                       // start of each output tensor
   float* scalar;                     // per tensor: real value of 1; read for INT16 only
@@ -70,7 +81,7 @@ struct DetDecodeInfo {
   int net_in_h;
   int* net_out_w;  // per tensor: width, height and channels
   int* net_out_h;
-  int* net_out_c;
+  int* net_out_c;  // at least four entries for accelerator-decoded outputs
   int num_out_layers;
   int num_classes;             // class logits per cell; -1: not known
   float conf_threshold;        // score that a box needs, 0..1
@@ -78,8 +89,7 @@ struct DetDecodeInfo {
   int reg_max;                 // bins per box side; 1: a single value
   int num_keypoints;           // key points per box
   QV_BOOL class_specific_nms;  // non-zero: suppression among boxes of one label only
-  int num_rows;                // accelerator-decoded: rows of each tensor; 0: not known,
-                               // negative: the tensors have no rows
+  const OutputMemory* memory;  // per tensor; NULL: not known, every read is trusted
 
   DetDecodeInfo()
       : data(NULL),
@@ -97,7 +107,7 @@ struct DetDecodeInfo {
         reg_max(1),
         num_keypoints(0),
         class_specific_nms(1),
-        num_rows(0) {}
+        memory(NULL) {}
 };
 
 // Decodes one raw layer and appends its boxes, in network-input pixels, to out.
@@ -116,15 +126,22 @@ int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>&
 // fails contributes nothing.
 void det_decode_layers(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 
+// Whether each layer that can be decoded has the memory that its shape asks for.
+bool raw_layers_are_readable(const DetDecodeInfo& info);
+
 // Clears out, decodes all layers into it and suppresses.
 void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 
 // Clears boxes and fills it from tensors that the accelerator has decoded, then suppresses among
 // boxes of one label. Sets info.num_classes to -1 and info.num_keypoints to what the tensors hold.
 //
+// Of the count, no more is followed than the index tensor has elements. An index outside the rows of a
+// tensor is passed over. A box row has four values whatever the tensor's channels are: with fewer, they
+// reach into the next row, and behind the last one read as 0.
+//
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_DECODE_MODE for an element type other than FP32 and INT16;
-// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout or box rows have fewer than four
-// values. Each failure is logged.
+// E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout, or when a row, an index or the count lies
+// behind the end of its buffer. Each failure is logged.
 int ipu_decode(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 // The two it chooses from; they append to boxes and do not suppress.
 int ipu_decode_fp32(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);

@@ -3,6 +3,7 @@
 #include "base/sdet/sdet_model.h"
 
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -198,8 +199,7 @@ unsigned long channel_count(int channels) {
 // Division first, then multiplication, then the clamp; a NaN becomes 0.
 float rescale(float position, int net_extent, int img_extent) {
   const float scaled = position / static_cast<float>(net_extent) * static_cast<float>(img_extent);
-  // In 64 bits, as a display size may be any 32-bit number.
-  const float last = static_cast<float>(static_cast<long long>(img_extent) - 1);
+  const float last = static_cast<float>(img_extent) - 1.0f;
   return olvex::min(olvex::max(0.0f, scaled), last);
 }
 
@@ -381,7 +381,8 @@ DetAfModel::DetAfModel()
       p_model_file_(NULL),
       p_model_(NULL),
       model_file_size_(0),
-      image_is_ours_(false) {}
+      mapping_(NULL),
+      mapping_size_(0) {}
 
 DetAfModel::~DetAfModel() {
   release_own_image();
@@ -390,16 +391,30 @@ DetAfModel::~DetAfModel() {
 // Deliberate: a buffer of the caller's is unmapped like our own mapping. The platform has its copy
 // of the model by then, and the caller hands over a mapping, not heap memory.
 void DetAfModel::release_image() {
-  munmap(p_model_file_, model_file_size_);
+  if (p_model_file_ != mapping_) {
+    munmap(p_model_file_, model_file_size_);
+  }
+  release_mapping();
+  forget_image();
+}
+
+void DetAfModel::forget_image() {
   p_model_file_ = NULL;
   p_model_ = NULL;
   model_file_size_ = 0;
-  image_is_ours_ = false;
+}
+
+void DetAfModel::release_mapping() {
+  if (mapping_ != NULL) {
+    munmap(mapping_, mapping_size_);
+    mapping_ = NULL;
+  }
 }
 
 void DetAfModel::release_own_image() {
-  if (image_is_ours_ && p_model_file_ != NULL) {
-    release_image();
+  if (mapping_ != NULL) {
+    release_mapping();
+    forget_image();
   }
 }
 
@@ -412,18 +427,39 @@ int DetAfModel::query_variable_size(unsigned int* variable_size) {
   return result;
 }
 
+// Takes over what get_model_ptr has mapped, also when an allocation fails while it reads the pairs.
+class DetAfModel::NewMapping {
+ public:
+  explicit NewMapping(DetAfModel& model) : size(0), pattern(NULL), model_(model) {}
+  ~NewMapping() {
+    model_.model_file_size_ = size;
+    if (size != 0) {
+      model_.release_mapping();
+      model_.mapping_ = model_.p_model_file_;
+      model_.mapping_size_ = size;
+      model_.p_model_ = pattern;
+    }
+  }
+  NewMapping(const NewMapping&) = delete;
+  NewMapping& operator=(const NewMapping&) = delete;
+
+  unsigned int size;  // 0 while nothing is mapped
+  char* pattern;      // NULL: a file without one must not go on with the model of an earlier call
+
+ private:
+  DetAfModel& model_;
+};
+
+// Where nothing is mapped, an earlier mapping stays with the pointers that may lead into it.
+int DetAfModel::map_model_file(char* model_path) {
+  NewMapping mapping(*this);
+  return get_model_ptr(model_path, p_model_file_, mapping.size, model_kvs_, mapping.pattern);
+}
+
 int DetAfModel::cal_variable_size(char* model_path, unsigned int* variable_size) {
   OLVEX_DEBUG("enter model file version DetAfModel::cal_variable_size");
   OLVEX_DEBUG_FORMAT("enter %s\n", "cal_variable_size");
-  release_own_image();
-  // A file that cannot be read or has no start pattern must not go on with the model of an earlier
-  // call.
-  p_model_file_ = NULL;
-  p_model_ = NULL;
-  image_is_ours_ = true;
-  const int result =
-      get_model_ptr(model_path, p_model_file_, model_file_size_, model_kvs_, p_model_);
-  if (result != E_ALGO_SUCCESS) {
+  if (map_model_file(model_path) != E_ALGO_SUCCESS) {
     OLVEX_ERROR_FORMAT("failed to get_model_ptr: %s\n", model_path);
     return E_ALGO_LOADMODEL_FAIL;
   }
@@ -441,8 +477,7 @@ int DetAfModel::cal_variable_size(char* model_buffer, unsigned int size,
                                   unsigned int* variable_size) {
   OLVEX_DEBUG("enter model pointer version DetAfModel::cal_variable_size");
   OLVEX_DEBUG_FORMAT("enter %s\n", "cal_variable_size");
-  release_own_image();
-  image_is_ours_ = false;
+  release_mapping();
   p_model_file_ = model_buffer;
   p_model_ = model_buffer;
   model_file_size_ = size;
@@ -454,7 +489,7 @@ int DetAfModel::cal_variable_size(char* model_buffer, unsigned int size,
 }
 
 // Takes down what model_init opened when a scope is left without keep(): by a failing call, or by an
-// allocation that fails.
+// allocation that fails. A closed channel takes its output tensors with it.
 class DetAfModel::OpenChannel {
  public:
   explicit OpenChannel(DetAfModel& model) : model_(model), is_kept_(false) {}
@@ -504,12 +539,11 @@ int DetAfModel::model_init(int input_buf_depth, int output_buf_depth) {
     return E_ALGO_LOADMODEL_FAIL;
   }
   log_tensors_and_learn_keys();
-  get_class_id_map();
-  // What may run out of memory is behind us.
-  channel.keep();
   memset(&output_tensor_vector_, 0, sizeof(output_tensor_vector_));
   QV_IPU_GetOutputTensors(u32channelid_, &output_tensor_vector_);
   release_image();
+  get_class_id_map();
+  channel.keep();
   return E_ALGO_SUCCESS;
 }
 
@@ -556,6 +590,7 @@ struct OutputTensors {
   int grid_height[kMaxOutputs];
   int grid_width[kMaxOutputs];
   int grid_channel[kMaxOutputs];
+  OutputMemory memory[kMaxOutputs];
 };
 
 double milliseconds_between(const struct timeval& start, const struct timeval& end) {
@@ -564,50 +599,32 @@ double milliseconds_between(const struct timeval& start, const struct timeval& e
          static_cast<double>(end.tv_usec - start.tv_usec) / 1000.0;
 }
 
-// Whether the tensor holds nothing by its shape and by its size. A shape may count extents of 0 that
-// others leave out, so that it alone does not say.
-bool is_empty(const QV_IPU_TensorDesc_t& tensor) {
-  const QV_U32 dimensions = olvex::min<QV_U32>(tensor.u32TensorDim, QV_IPU_MAX_DIMENSIONS);
-  for (QV_U32 k = 0; k < dimensions; ++k) {
-    if (tensor.u32TensorShape[k] == 0) {
-      return tensor.u32BufSize == 0;
-    }
-  }
-  return false;
+// Bytes of an element of the types that the decoders read. The first output's type holds for all.
+size_t decoded_size(QV_IPU_ELEMENT_FORMAT format) {
+  return format == QV_IPU_FORMAT_INT16 ? sizeof(QV_S16) : sizeof(QV_FLOAT);
 }
 
-// Bytes of an element; 0 when the type does not say.
-unsigned int element_size(QV_IPU_ELEMENT_FORMAT format) {
-  switch (format) {
-    case QV_IPU_FORMAT_U8:
-    case QV_IPU_FORMAT_NV12:
-    case QV_IPU_FORMAT_INT8:
-    case QV_IPU_FORMAT_GRAY:
-      return 1;
-    case QV_IPU_FORMAT_INT16:
-      return 2;
-    case QV_IPU_FORMAT_INT32:
-    case QV_IPU_FORMAT_FP32:
-      return 4;
-    default:
-      return 0;
+// An extent of 0 stands for a dimension that the shape leaves out.
+size_t elements_of(const QV_IPU_TensorDesc_t& tensor) {
+  size_t elements = 1;
+  for (size_t k = 0; k < QV_IPU_MAX_DIMENSIONS; ++k) {
+    const size_t extent = olvex::max<size_t>(tensor.u32TensorShape[k], 1);
+    elements = elements > SIZE_MAX / extent ? SIZE_MAX : elements * extent;
   }
+  return elements;
 }
 
-// The decoders read every output as one of the first output's type. Where one is empty, or has smaller
-// elements than that, its memory ends before what they would read.
-bool has_memory(const QV_IPU_TensorDesc_t& tensor, const QV_IPU_TensorDesc_t& first) {
-  const unsigned int size = element_size(tensor.eElmFormat);
-  return !is_empty(tensor) && (size == 0 || size >= element_size(first.eElmFormat));
-}
-
-bool all_have_data(const DetDecodeInfo& info) {
-  for (int i = 0; i < info.num_out_layers; ++i) {
-    if (info.data[i] == NULL) {
-      return false;
-    }
-  }
-  return true;
+OutputMemory memory_of(const QV_IPU_TensorDesc_t& tensor, const void* data, size_t element_size) {
+  OutputMemory memory;
+  const uint64_t rows = static_cast<uint64_t>(olvex::max<QV_U32>(tensor.u32TensorShape[1], 1)) *
+                        tensor.u32TensorShape[2];
+  memory.rows = static_cast<size_t>(olvex::min<uint64_t>(rows, SIZE_MAX));
+  memory.elements = elements_of(tensor);
+  // Only what the platform itself says of the buffer counts against a tensor: a size of 0 says nothing.
+  memory.readable = data == NULL             ? 0
+                    : tensor.u32BufSize != 0 ? tensor.u32BufSize / element_size
+                                             : olvex::min(memory.elements, SIZE_MAX / element_size);
+  return memory;
 }
 
 }  // namespace
@@ -666,6 +683,8 @@ int DetAfModel::model_postprocess() {
                        static_cast<int>(kMaxOutputs));
     return E_ALGO_INVALID_OUTPUT_SIZE;
   }
+  const QV_IPU_ELEMENT_FORMAT format = desc_.astQV_OutputTensorDescs[0].eElmFormat;
+  const size_t element_size = decoded_size(format);
   OutputTensors outputs = OutputTensors();
   for (QV_U32 i = 0; i < n; ++i) {
     const QV_IPU_TensorDesc_t& tensor = desc_.astQV_OutputTensorDescs[i];
@@ -673,9 +692,8 @@ int DetAfModel::model_postprocess() {
     outputs.grid_height[i] = static_cast<int>(tensor.u32TensorShape[1]);
     outputs.grid_width[i] = static_cast<int>(tensor.u32TensorShape[2]);
     outputs.grid_channel[i] = static_cast<int>(tensor.u32TensorShape[3]);
-    outputs.data[i] = has_memory(tensor, desc_.astQV_OutputTensorDescs[0])
-                          ? output_tensor_vector_.astArrayTensors[i].ptTensorData[0]
-                          : NULL;
+    outputs.data[i] = output_tensor_vector_.astArrayTensors[i].ptTensorData[0];
+    outputs.memory[i] = memory_of(tensor, outputs.data[i], element_size);
     OLVEX_INFO_FORMAT("layer %d w h c =: [%d][%d][%d] \n", static_cast<int>(i),
                       outputs.grid_width[i], outputs.grid_height[i], outputs.grid_channel[i]);
   }
@@ -683,7 +701,7 @@ int DetAfModel::model_postprocess() {
   DetDecodeInfo decode_info;
   decode_info.data = outputs.data;
   decode_info.scalar = outputs.scalar;
-  decode_info.out_format = desc_.astQV_OutputTensorDescs[0].eElmFormat;
+  decode_info.out_format = format;
   decode_info.net_in_w = static_cast<int>(desc_.astQV_InputTensorDescs[0].u32TensorShape[2]);
   decode_info.net_in_h = static_cast<int>(desc_.astQV_InputTensorDescs[0].u32TensorShape[1]);
   decode_info.net_out_w = outputs.grid_width;
@@ -693,10 +711,10 @@ int DetAfModel::model_postprocess() {
   decode_info.conf_threshold = threshold_;
   decode_info.nms_threshold = kNmsThreshold;
   decode_info.reg_max = 1;
+  decode_info.memory = outputs.memory;
 
   const OutputDecoder decoder = choose_output_decoder(decode_info);
-  // A buffer that the platform never handed out has no shape at all.
-  if (decoder == kDecoderNone || !all_have_data(decode_info)) {
+  if (decoder == kDecoderNone) {
     OLVEX_ERROR("shape of model output tensor might be wrong, please check!");
     return E_ALGO_INVALID_OUTPUT_SIZE;
   }
@@ -714,8 +732,6 @@ int DetAfModel::decode_outputs(DetDecodeInfo& info, OutputDecoder decoder) {
   int result = set_det_class_keypoint(model_kvs_, info.num_classes, info.num_keypoints);
   OLVEX_DEBUG_FORMAT("set_det_class_keypoint return %d\n", result);
   if (decoder == kDecoderIpu) {
-    // The tensors have one row for each step of their width.
-    info.num_rows = info.net_out_w[0] > 0 ? info.net_out_w[0] : -1;
     result = ipu_decode(info, det_bboxes_);
     if (result != E_ALGO_SUCCESS) {
       OLVEX_ERROR_FORMAT("ipu_decode failed(error code = %d)\n", result);
@@ -729,6 +745,10 @@ int DetAfModel::decode_outputs(DetDecodeInfo& info, OutputDecoder decoder) {
   OLVEX_INFO_FORMAT("decode_info.num_classes = %d\n", info.num_classes);
   if (result != E_ALGO_SUCCESS) {
     OLVEX_ERROR("the detect class is wrong ");
+    return E_ALGO_INVALID_OUTPUT_SIZE;
+  }
+  if (!raw_layers_are_readable(info)) {
+    OLVEX_ERROR("shape of model output tensor might be wrong, please check!");
     return E_ALGO_INVALID_OUTPUT_SIZE;
   }
   det_postprocess(info, det_bboxes_);

@@ -85,7 +85,9 @@ class DetAfModel : public IpuEngine {
   DetAfModel& operator=(const DetAfModel&) = delete;
 
   // Maps a model file and asks the platform for the working memory that the model needs. Returns
-  // E_ALGO_SUCCESS, or E_ALGO_LOADMODEL_FAIL (logged) with nothing mapped.
+  // E_ALGO_SUCCESS, or E_ALGO_LOADMODEL_FAIL (logged): with nothing mapped when the platform refuses
+  // the model; with the pointers of an earlier call and a size of 0 when the file cannot be opened or
+  // measured.
   int cal_variable_size(char* model_path, unsigned int* variable_size);
 
   // The same for an offline model in memory, which starts at its pattern and stays the caller's
@@ -108,10 +110,10 @@ class DetAfModel : public IpuEngine {
   //
   // Returns E_ALGO_SUCCESS; E_ALGO_INPUT_DATA_NULL without input; the platform's code when the
   // network fails, after which the channel is closed; E_ALGO_LOADMODEL_FAIL for a model with one
-  // output; E_ALGO_INVALID_OUTPUT_SIZE when no decoder takes the outputs' shapes or the classes are
-  // not known; E_ALGO_INVALID_DECODE_MODE for accelerator-decoded outputs of another element type
-  // than FP32 and INT16. Each failure is logged. A raw layer that cannot be decoded is logged and
-  // adds no boxes.
+  // output; E_ALGO_INVALID_OUTPUT_SIZE when no decoder takes the outputs' shapes, the classes are not
+  // known, or a buffer is missing or, by the platform's own word, ends before what is to be read;
+  // E_ALGO_INVALID_DECODE_MODE for accelerator-decoded outputs of another element type than FP32 and
+  // INT16. Each failure is logged. A raw layer that cannot be decoded is logged and adds no boxes.
   int model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int* count,
                    unsigned int disp_width, unsigned int disp_height);
 
@@ -141,19 +143,24 @@ class DetAfModel : public IpuEngine {
   int num_key_point_;                  // key points per box
   char* p_model_file_;                 // the mapping or the caller's buffer; NULL once released
   char* p_model_;                      // its start pattern
-  unsigned int model_file_size_;       // bytes
+  size_t model_file_size_;             // bytes
   olvex::vector<olvex::pair<int, int> > class_id_map_;  // model class id, library class id
 
  private:
+  class NewMapping;
   class OpenChannel;
 
   int query_variable_size(unsigned int* variable_size);
+  int map_model_file(char* model_path);
   void release_image();
+  void release_mapping();
+  void forget_image();
   void log_tensors_and_learn_keys();
   void learn_keys_from_name(const TensorName& name);
   int decode_outputs(DetDecodeInfo& info, OutputDecoder decoder);
 
-  bool image_is_ours_;  // p_model_file_ was mapped here and is released here on every path
+  char* mapping_;  // of a model file, made here and released here on every path; NULL without one
+  size_t mapping_size_;
 };
 
 #endif  // BASE_SDET_SDET_MODEL_H

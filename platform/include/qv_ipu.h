@@ -171,7 +171,9 @@ QV_S32 QV_IPU_DestroyCHN(QV_U32 channel);
 QV_S32 QV_IPU_GetInOutTensorDesc(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t* description);
 
 /* Hands out the channel's output buffers, one per output tensor, each at least s32AlignedBufSize
- * bytes; they stay the platform's and valid until they are put back or the channel is closed.
+ * bytes and at an address that is a multiple of its element's size (4 for FP32, 2 for INT16): the
+ * library reads elements where they stand, and 32-bit ARM ends the process (SIGBUS) where that is
+ * not so. They stay the platform's and valid until they are put back or the channel is closed.
  *   tensors  out
  * Returns 0, or a code for an unknown channel or when all buffers are out. */
 QV_S32 QV_IPU_GetOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* tensors);

@@ -1,6 +1,6 @@
 # Checks what the finished library shows to the outside: exported names, libraries that it needs,
-# its name, the build string in writable data, and what hardens it. Run by ctest with
-#   -DLIBRARY= -DNM= -DREADELF= -DBUILD_STRING= -DSANITIZERS= -DHARDENED=
+# its name, the build string in writable data, what hardens it, and on the camera its size. Run by ctest with
+#   -DLIBRARY= -DNM= -DREADELF= -DSIZE= -DBUILD_STRING= -DSANITIZERS= -DHARDENED= -DTEXT_LIMIT=
 
 function(run_tool result)
   execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)
@@ -52,4 +52,11 @@ if(HARDENED)
       message(SEND_ERROR "not hardened, no ${pattern} in:\n${mark}")
     endif()
   endforeach()
+endif()
+
+if(TEXT_LIMIT)
+  run_tool(sizes "${SIZE}" "${LIBRARY}")
+  if(NOT sizes MATCHES "\n *([0-9]+)" OR CMAKE_MATCH_1 GREATER TEXT_LIMIT)
+    message(SEND_ERROR "more than ${TEXT_LIMIT} bytes of text, bench/footprint says more:\n${sizes}")
+  endif()
 endif()

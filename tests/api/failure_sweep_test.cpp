@@ -109,7 +109,7 @@ const std::vector<Row> kRows = {
     {"mutex unlock", "*", 0, 0, 0, "", "", "unlock mutex failed(return %d)|"},
     {"mutex destroy", "*", 0, 0, 0, "", "", "destroy mutex failed(return %d)|"},
     {"new", "create *", kThrew},
-    {"new", "init *", kThrew, 6, 6, "-|SDCTcd", "-"},
+    {"new", "init *", kThrew, 6, 6, "-|SDCTcd|SDCTOcd", "-"},
     {"new", "* once *", kThrew},
     {"new", "*", kThrew, kThrew, kThrew},
 };

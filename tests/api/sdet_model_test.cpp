@@ -161,8 +161,14 @@ TEST_F(ModelImage, sizing_maps_a_file_once_and_notes_a_buffer) {
     EXPECT_EQ("<a=c> ", Text::of(model.model_kvs_)) << "a buffer leaves the pairs as they are";
     qv_scripted::fail_next_call(Function::kGetOfflineModeStaticInfo, kCode);
     EXPECT_EQ(4, model.cal_variable_size(buffer, 16, &size));
+    std::string missing = path("missing");
+    EXPECT_EQ(4, model.cal_variable_size(&missing[0], &size));
+    EXPECT_TRUE(model.p_model_file_ == buffer && model.p_model_ == buffer) << "as they were";
+    EXPECT_EQ(0u, model.model_file_size_);
     EXPECT_EQ(4, model.cal_variable_size(&patternless[0], &size)) << "goes on with the buffer";
     EXPECT_EQ(0, model.cal_variable_size(&first[0], &size));
+    EXPECT_EQ(4, model.cal_variable_size(&missing[0], &size));
+    EXPECT_TRUE(is_mapped(first)) << "the pointers into it are as they were";
   }
   EXPECT_FALSE(is_mapped(first)) << "a model that was never opened releases its mapping";
 }
@@ -331,14 +337,19 @@ class SdetModel : public DetTest {
     return result;
   }
 
-  int invoke(DetAfModel& model) {
-    QV_IPU_TensorVector_t input = {};
-    input.astArrayTensors[0].ptTensorData[0] = frame_;
+  QV_IPU_TensorVector_t* input() {
+    input_ = {};
+    input_.astArrayTensors[0].ptTensorData[0] = frame_;
     QV_SYS_FlushInvCache(frame_, sizeof frame_);
-    return model.model_invoke(&input, &boxes_, &count_, kNetWidth, kNetHeight);
+    return &input_;
+  }
+
+  int invoke(DetAfModel& model) {
+    return model.model_invoke(input(), &boxes_, &count_, kNetWidth, kNetHeight);
   }
 
   unsigned char frame_[kNetWidth * kNetHeight] = {};
+  QV_IPU_TensorVector_t input_;
   BoxInfo some_box_;
   BoxInfo* boxes_ = &some_box_;
   int count_ = -1;
@@ -427,60 +438,152 @@ TEST_F(SdetModel, number_of_outputs_decides_the_result) {
   }
 }
 
-TEST_F(SdetModel, outputs_without_memory_or_of_another_type_are_refused) {
+// Of a tensor only shape, type and scale are read, and the first output's type holds for all.
+TEST_F(SdetModel, outputs_are_decoded_whatever_else_their_descriptions_say) {
   DetAfModel model;
   qv_scripted::fail_next_call(Function::kGetOutputTensors, kCode);
-  ASSERT_EQ(0, open_model(model, list_network({})));
-  EXPECT_EQ(12, model.model_postprocess());
-  model.desc_.astQV_OutputTensorDescs[0].eElmFormat = QV_IPU_FORMAT_U8;
+  ASSERT_EQ(0, open_model(model, list_network({{{10, 10, 50, 50, 0.9f, 0}}})));
+  EXPECT_EQ(12, model.model_postprocess()) << "no buffer is there";
+  QV_IPU_TensorDesc_t* const outputs = model.desc_.astQV_OutputTensorDescs;
+  outputs[0].eElmFormat = QV_IPU_FORMAT_U8;
+  EXPECT_EQ(13, model.model_postprocess()) << "and none is read";
+  outputs[0].eElmFormat = QV_IPU_FORMAT_FP32;
   EXPECT_EQ(0, QV_IPU_GetOutputTensors(model.u32channelid_, &model.output_tensor_vector_));
-  EXPECT_EQ(13, model.model_postprocess());
-  // Less memory than the first output's type takes, or none.
-  model.desc_.astQV_OutputTensorDescs[0].eElmFormat = QV_IPU_FORMAT_FP32;
-  QV_IPU_TensorDesc_t& scores = model.desc_.astQV_OutputTensorDescs[2];
+  const std::vector<QV_IPU_TensorDesc_t> whole(outputs, outputs + 5);
+  const QV_IPU_ELEMENT_FORMAT fp32 = QV_IPU_FORMAT_FP32, int16 = QV_IPU_FORMAT_INT16;
+  constexpr QV_U32 kAsIs = 99;
   const struct {
+    int output;
     QV_IPU_ELEMENT_FORMAT format;
-    QV_U32 batch, size;
-    QV_S32 code;
-  } kRows[] = {{QV_IPU_FORMAT_INT32, 1, 32, 0},
-               {QV_IPU_FORMAT_UNKNOWN, 1, 32, 0},
-               {QV_IPU_FORMAT_INT16, 1, 16, 12},
-               {QV_IPU_FORMAT_INT8, 1, 8, 12},
-               {QV_IPU_FORMAT_U8, 1, 8, 12},
-               {QV_IPU_FORMAT_GRAY, 1, 8, 12},
-               {QV_IPU_FORMAT_NV12, 1, 8, 12},
-               {QV_IPU_FORMAT_FP32, 0, 0, 12},
-               // An extent of 0 that others leave out.
-               {QV_IPU_FORMAT_FP32, 0, 32, 0},
-               {QV_IPU_FORMAT_FP32, 1, 0, 0}};
+    QV_U32 dimensions, size;
+    int code;
+  } kRows[] = {
+      {0, QV_IPU_FORMAT_INT32, kAsIs, kAsIs, 13},
+      {4, int16, kAsIs, kAsIs, 0},  // described otherwise than the first
+      {3, QV_IPU_FORMAT_U8, kAsIs, kAsIs, 0},
+      {2, QV_IPU_FORMAT_UNKNOWN, 0, kAsIs, 0},
+      {0, fp32, 10, 0, 0},  // a size of 0 and a number of dimensions say nothing
+      {3, fp32, 4, 0, 0},
+      {0, fp32, 4, 16, 0},  // what is read is there
+      {4, int16, 4, 4, 0},
+      {0, fp32, 4, 15, 12},
+      {2, fp32, 4, 3, 12},
+      {3, fp32, 4, 2, 12},
+      {4, int16, 4, 2, 12},
+  };
   for (const auto& row : kRows) {
-    SCOPED_TRACE(row.format);
-    scores.eElmFormat = row.format;
-    scores.u32TensorShape[0] = row.batch;
-    scores.u32BufSize = row.size;
-    EXPECT_EQ(row.code, model.model_postprocess());
+    SCOPED_TRACE(&row - kRows);
+    std::copy(whole.begin(), whole.end(), outputs);
+    QV_IPU_TensorDesc_t& tensor = outputs[row.output];
+    tensor.eElmFormat = row.format;
+    tensor.u32TensorDim = row.dimensions == kAsIs ? tensor.u32TensorDim : row.dimensions;
+    tensor.u32BufSize = row.size == kAsIs ? tensor.u32BufSize : row.size;
+    count_ = 0;
+    EXPECT_EQ(row.code, invoke(model));
+    EXPECT_EQ(row.code == 0 ? 1 : 0, count_);
   }
+  boxes_ = &some_box_;
   EXPECT_EQ(7, model.model_invoke(nullptr, &boxes_, &count_, 1, 1));
   EXPECT_EQ(&some_box_, boxes_);
   EXPECT_EQ(0, model.model_deinit());
 }
 
-TEST_F(SdetModel, lists_of_no_extent_or_a_negative_one_hold_no_boxes) {
-  DetAfModel model;
-  ASSERT_EQ(0, open_model(model, list_network({{{10, 10, 50, 50, 0.9f, 0}}})));
+TEST_F(SdetModel, raw_layers_are_refused_for_memory_only_once_they_are_to_be_read) {
   const struct {
-    QV_U32 extent;
-    int code, count;
-  } kRows[] = {{1, 0, 1}, {0, 0, 0}, {1u << 31, 0, 0}};
+    QV_U32 channels, size;  // of the second layer
+    bool has_data;
+    int code;
+    const char* message;
+  } kRows[] = {
+      {6, 0, true, 0, "detect box num is 0\n"},
+      {6, 4 * 8 * 16 * 6, true, 0, "detect box num is 0\n"},
+      {6, 4 * 8 * 16 * 6 - 1, true, 12, "empty model_out type\n"},
+      {6, 0, false, 12, "shape of model output tensor might be wrong, please check!\n"},
+      {9, 1, false, 12, "the detect class is wrong \n"},
+  };
   for (const auto& row : kRows) {
-    QV_IPU_TensorDesc_t* const outputs = model.desc_.astQV_OutputTensorDescs;
-    outputs[0].u32TensorShape[2] = outputs[1].u32TensorShape[2] = row.extent;
-    outputs[2].u32TensorShape[2] = outputs[3].u32TensorShape[1] = row.extent;
-    count_ = 0;
-    EXPECT_EQ(row.code, invoke(model));
-    EXPECT_EQ(row.count, count_);
+    SCOPED_TRACE(&row - kRows);
+    qv_scripted::Network network = list_network({});
+    network.outputs.clear();
+    for (QV_U32 height = 16; height > 2; height /= 2) {
+      network.outputs.push_back(
+          qv_scripted::fp32_tensor("layer", {1, height, 2 * height, row.channels}));
+    }
+    network.frames = {{{}, {}, {}}};
+    DetAfModel model;
+    ASSERT_EQ(0, open_model(model, network));
+    model.set_theshold(1);
+    // INT16 as it says, which does not count beside the first layer.
+    model.desc_.astQV_OutputTensorDescs[1].eElmFormat = QV_IPU_FORMAT_INT16;
+    model.desc_.astQV_OutputTensorDescs[1].u32BufSize = row.size;
+    if (!row.has_data) {
+      model.output_tensor_vector_.astArrayTensors[1].ptTensorData[0] = nullptr;
+    }
+    log();
+    EXPECT_EQ(row.code, model.model_postprocess());
+    EXPECT_TRUE(contains(log(), row.message));
+    // A layer that its shape refuses is not read.
+    model.desc_.astQV_OutputTensorDescs[1].u32TensorShape[1] = 7;
+    EXPECT_EQ(row.channels == 6 ? 0 : 12, model.model_postprocess());
+    EXPECT_EQ(0, model.model_deinit());
+    qv_scripted::reset();
   }
-  EXPECT_EQ(0, model.model_deinit());
+}
+
+// A row for each cell, by a height that the shape may leave out; as many indices as there are elements.
+TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
+  using Shape = std::vector<QV_U32>;
+  const struct {
+    Shape boxes, scores, indices;
+    std::vector<float> list;
+    std::string found;
+  } kRows[] = {
+      {{1, 2, 4, 4}, {1, 2, 4, 1}, {1, 4}, {1, 6, 8}, "1 6 "},
+      {{1, 2, 4, 4}, {1, 1, 4, 1}, {1, 4}, {1, 6}, "1 "},
+      {{1, 1, 4, 4}, {1, 2, 4, 1}, {1, 4}, {1, 6}, "1 "},
+      {{1, 1, 4, 4}, {1, 1, 4, 1}, {1, 4, 2, 0}, {0, 9, 9, 9, 2, 3}, "0 2 3 "},
+      {{1, 1, 4, 4}, {1, 1, 4, 1}, {1, 4}, {0, 9, 9, 9, 2, 3}, "0 "},
+      {{1, 0, 4, 4}, {1, 0, 4, 1}, {1, 4}, {0, 3, 4}, "0 3 "},
+      {{1, 1, 0, 4}, {1, 1, 0, 1}, {1, 0}, {0}, ""},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(&row - kRows);
+    qv_scripted::Network network = list_network({});
+    std::vector<float> boxes, scores(8, 0.9f), list = row.list;
+    for (float i = 0; i < 8; ++i) {
+      boxes.insert(boxes.end(), {20 * i, 0, 20 * i + 10, 10});
+    }
+    const float count = static_cast<float>(list.size());
+    list.resize(8);
+    network.outputs.clear();
+    network.frames = {{}};
+    const std::pair<Shape, std::vector<float>> kOutputs[] = {
+        {row.boxes, boxes}, {row.scores, scores}, {row.indices, list}, {{1, 1, 1, 1}, {count}}};
+    for (const auto& [shape, values] : kOutputs) {
+      network.outputs.push_back(
+          qv_scripted::fp32_tensor("list", {1, 1, static_cast<QV_U32>(values.size()), 1}));
+      network.frames[0].push_back(qv_scripted::to_bytes(values));
+    }
+    DetAfModel model;
+    ASSERT_EQ(0, open_model(model, network));
+    for (std::size_t i = 0; i < 4; ++i) {
+      QV_U32* const extents = model.desc_.astQV_OutputTensorDescs[i].u32TensorShape;
+      std::fill(extents, extents + 4, 0);
+      std::copy(kOutputs[i].first.begin(), kOutputs[i].first.end(), extents);
+    }
+    count_ = 0;
+    EXPECT_EQ(0, model.model_invoke(input(), &boxes_, &count_, 1000, kNetHeight));
+    std::string found;
+    for (int left = 0; left < 160; left += 20) {
+      for (int i = 0; i < count_; ++i) {
+        const float x = static_cast<float>(left) * 1000 / kNetWidth;
+        found += std::abs(boxes_[i].x1 - x) < 1 ? std::to_string(left / 20) + " " : "";
+      }
+    }
+    EXPECT_EQ(row.found, found);
+    EXPECT_EQ(0, model.model_deinit());
+    qv_scripted::reset();
+  }
 }
 
 TEST_F(SdetModel, engine_takes_down_what_it_built_when_opening_fails) {

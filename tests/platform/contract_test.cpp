@@ -2,6 +2,7 @@
 // Built once per platform; contract_platform.h is what the platform contributes.
 #include "tests/platform/contract_platform.h"
 
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -173,7 +174,8 @@ TEST_F(OLVEX_CONTRACT_SUITE, the_description_is_consistent) {
     EXPECT_EQ(QV_IPU_LAYOUT_NHWC, tensor.eLayoutType);
     EXPECT_EQ(1u, tensor.u32TensorShape[0]);
     ASSERT_TRUE(tensor.u32TensorDim >= 1 && tensor.u32TensorDim <= QV_IPU_MAX_DIMENSIONS);
-    std::size_t size = i == 0 ? 1 : tensor.eElmFormat == QV_IPU_FORMAT_FP32 ? 4 : 2;
+    const std::size_t element = i == 0 ? 1 : tensor.eElmFormat == QV_IPU_FORMAT_FP32 ? 4 : 2;
+    std::size_t size = element;
     for (QV_U32 axis = 0; axis < (i == 0 ? 3 : tensor.u32TensorDim); ++axis) {
       size *= tensor.u32TensorShape[axis];
     }
@@ -181,7 +183,11 @@ TEST_F(OLVEX_CONTRACT_SUITE, the_description_is_consistent) {
     EXPECT_GE(tensor.u32BufSize,
               i == 0 && tensor.eElmFormat == QV_IPU_FORMAT_NV12 ? size * 3 / 2 : size);
     EXPECT_GE(tensor.s32AlignedBufSize, static_cast<QV_S32>(tensor.u32BufSize));
-    EXPECT_TRUE(i == 0 || channel_.output.astArrayTensors[i - 1].ptTensorData[0] != nullptr);
+    if (i > 0) {
+      const void* data = channel_.output.astArrayTensors[i - 1].ptTensorData[0];
+      EXPECT_NE(nullptr, data);
+      EXPECT_EQ(0u, reinterpret_cast<std::uintptr_t>(data) % element) << "not aligned: " << data;
+    }
   }
 }
 

@@ -4,10 +4,11 @@
 #define TESTS_SUPPORT_LOG_LINES_H
 
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "log_lines_text.h"
 
 // Each line as: LEVEL "message". What has no level stands as it is.
 inline std::vector<std::string> log_lines(const std::string& log) {
@@ -39,11 +40,7 @@ inline bool fits(const char* line, const char* known) {
 // The lines that log_lines.txt does not have, but for the banner and the empty ones that follow a
 // message with a newline of its own.
 inline std::string unknown_lines(const std::string& log) {
-  static const std::vector<std::string> known = [] {
-    const std::string path = __FILE__;
-    std::ifstream file(path.substr(0, path.size() - 1) + "txt");
-    return log_lines(std::string(std::istreambuf_iterator<char>(file), {}));
-  }();
+  static const std::vector<std::string> known = log_lines(kLogLines);
   std::string unknown;
   for (const std::string& line : log_lines(log)) {
     bool is_known = line.empty() || line.find("libolvex_det release version: ") == 0;

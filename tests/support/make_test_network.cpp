@@ -18,8 +18,15 @@ int main(int argc, char** argv) {
     network = tiny_onnx::decoded_network(width, height, argc > 5 ? std::atoi(argv[5]) : 0);
   } else if (kind == "pixels") {
     network = tiny_onnx::pixel_network(width, height, 3);
+  } else if (kind == "crash") {
+    network = tiny_onnx::harmful_network(tiny_onnx::Harm::kCrash, width, height);
+  } else if (kind == "never-ends") {
+    network = tiny_onnx::harmful_network(tiny_onnx::Harm::kNeverEnds, width, height);
+  } else if (kind == "memory") {
+    network = tiny_onnx::harmful_network(tiny_onnx::Harm::kMemory, width, height);
   } else {
-    std::cerr << "usage: make_test_network raw|raw-nhwc|pixels FILE WIDTH HEIGHT\n"
+    std::cerr << "usage: make_test_network raw|raw-nhwc|pixels|crash|never-ends|memory FILE WIDTH "
+                 "HEIGHT\n"
                  "       make_test_network decoded FILE WIDTH HEIGHT [KEYPOINT_VALUES]\n";
     return 2;
   }

@@ -112,6 +112,27 @@ std::vector<char> pixel_network(int width, int height, int planes) {
   return graph.model();
 }
 
+std::vector<char> harmful_network(Harm harm, int width, int height) {
+  Graph graph;
+  graph.value(Graph::kInput, "picture", {1, 3, height, width});
+  const std::int64_t announced = harm == Harm::kCrash ? std::int64_t{1} << 26 : 1;
+  const std::int64_t margin = harm == Harm::kMemory ? 10000 : 0;
+  graph.constant<float>("weights", {1, 3, 1, announced}, {0.f, 0.f, 0.f});
+  for (const char* name : {"pixels0", "pixels1", "pixels2"}) {
+    if (harm == Harm::kNeverEnds) {
+      graph.node("AveragePool", {"picture"}, name,
+                 Graph::attribute("kernel_shape", {height - 1, width - 1}) +
+                     Graph::attribute("pads", {height / 2, width / 2, height / 2, width / 2}));
+    } else {
+      graph.node("Conv", {"picture", "weights"}, name,
+                 Graph::attribute("kernel_shape", {1, 1}) +
+                     Graph::attribute("pads", {margin, margin, margin, margin}));
+    }
+    graph.value(Graph::kOutput, name, {1, 3, height, width});
+  }
+  return graph.model();
+}
+
 std::vector<char> raw_network(int width, int height, bool channels_last) {
   Graph graph;
   graph.value(Graph::kInput, "picture", {1, 3, height, width});

@@ -26,6 +26,15 @@ std::vector<char> raw_network(int width, int height, bool channels_last);
 constexpr int kCellSize = 8;
 std::vector<char> decoded_network(int width, int height, int keypoint_values);
 
+// A network of few bytes that the engine loads, or fails to, in a harmful way; its outputs are those
+// of pixel_network.
+enum class Harm {
+  kCrash,      // weights that announce 768 MiB and hold three numbers
+  kNeverEnds,  // means over the whole picture for each pixel: an hour for 1024 x 1024
+  kMemory      // convolutions with margins that make 1.6 GB of a small picture, each
+};
+std::vector<char> harmful_network(Harm harm, int width, int height);
+
 }  // namespace tiny_onnx
 
 #endif  // TESTS_SUPPORT_TINY_ONNX_H

@@ -111,7 +111,7 @@ TEST(Records, StartBlankOrWithTheirDefaults) {
   EXPECT_TRUE(tracker.enable == 0 && tracker.ignore_frame_number == 1);
   EXPECT_EQ(tracker.max_lost_times, 10);
   const DetDecodeInfo decoding;
-  EXPECT_TRUE(decoding.num_classes == -1 && decoding.reg_max == 1 && decoding.num_rows == 0);
+  EXPECT_TRUE(decoding.num_classes == -1 && decoding.reg_max == 1 && decoding.memory == NULL);
   EXPECT_EQ(decoding.class_specific_nms, 1);
   const DetInfo_t info;
   EXPECT_TRUE(info.model_buffer == nullptr && info.model_buffer_len == 0);

@@ -21,6 +21,7 @@ struct Outputs {
   std::vector<Tensor> tensors;
   std::vector<float> scales;
   std::vector<void*> data;
+  std::vector<OutputMemory> memory;
   DetDecodeInfo info;
 
   Outputs(const std::vector<int>& c, const std::vector<Values>& values,
@@ -32,7 +33,9 @@ struct Outputs {
       scales.push_back(is_count ? 0.2f : ldexpf(1, -6 - static_cast<int>(scales.size())));
       tensors.push_back(Tensor(tensor, scales.back()));
       data.push_back(tensors.back().data(info.out_format));
+      memory.push_back({4, tensor.size(), tensor.size()});
     }
+    channels.resize(6);  // as in a frame, of which four are printed
     info.data = data.data();
     info.scalar = scales.data();
     info.net_out_c = channels.data();
@@ -61,6 +64,9 @@ TEST(IpuDecode, ReadsEachLayout) {
   const Values scores = {0.75f, 0.5f, 0.484375f, 0.625f};
   const Values classes = {2.5f, 0, 0, 1.375f}, order = {1, 0, 2, 3}, points(40, 0.0f);
   const Values wide = {0, 0, 8, 8, -1, 20, 0, 28, 8, -1};
+  const Values short_boxes = {1, 2, 3, 20, 0, 28};  // behind its second row there is nothing
+  const BoxInfo beyond = make_box(20, 0, 28, 0, 0.5f);
+  const BoxInfo before = make_box(0, 0, 0, 8, 0.5f);  // from the element before the first one on
   const std::vector<int> a = {4, 1, 0, 1}, b = {4, 1, 1, 1, 1}, c = {4, 1, 10, 1, 1};
   const BoxInfo one = make_box(0, 0, 8, 8, 0.75f), one_of_3 = make_box(0, 0, 8, 8, 0.75f, 3);
   const BoxInfo two = make_box(20, 0, 28, 8, 0.5f), last_of_1 = make_box(0, 1, 8, 9, 0.625f, 1);
@@ -68,7 +74,7 @@ TEST(IpuDecode, ReadsEachLayout) {
     const char* name;
     std::vector<int> channels;
     std::vector<Values> tensors;
-    int num_rows;
+    size_t num_rows;            // 0: the memory is not known
     std::vector<BoxInfo> hits;  // by falling score
   } rows[] = {
       {"A, score equal to the threshold", a, {kBoxes, scores, order, {2}}, 0, {one, two}},
@@ -81,15 +87,21 @@ TEST(IpuDecode, ReadsEachLayout) {
       {"one class suppresses", a, {kBoxes, scores, {3, 0}, {2}}, 0, {one}},
       {"two do not", b, {kBoxes, classes, scores, {0, 3}, {2}}, 0, {one_of_3, last_of_1}},
       {"C", c, {kBoxes, scores, points, {1}, {1}}, 0, {two}},
-      {"beyond the known rows", a, {kBoxes, scores, {3, -2, 1, 0}, {9}}, 3, {two}},
+      {"beyond the known rows", a, {kBoxes, scores, {3, -2, 1, 0}, {9}}, 3, {one, two}},
       {"endless", a, {kBoxes, scores, {0, 1, -300, INFINITY}, {INFINITY}}, 4, {one, two}},
-      {"no rows at all", a, {{}, {}, {}, {2}}, -1, {}},
+      {"more indices than rows", a, {kBoxes, scores, {2, 2, 2, 2, 1, 0}, {6}}, 4, {one, two}},
+      {"A, three values per row", {3, 1, 0, 1}, {short_boxes, scores, {1}, {1}}, 4, {beyond}},
+      {"A, a negative number", {-1, 1, 0, 1}, {kBoxes, scores, {1}, {1}}, 4, {before}},
+      {"A, no values in a row", {0, 1, 0, 1}, {kBoxes, scores, {0}, {1}}, 4, {one}},
   };
   for (const auto& row : rows) {
     for (const QV_IPU_ELEMENT_FORMAT format : {QV_IPU_FORMAT_FP32, QV_IPU_FORMAT_INT16}) {
       SCOPED_TRACE(std::string(row.name) + ", format " + std::to_string(format));
       Outputs outputs(row.channels, row.tensors, format);
-      outputs.info.num_rows = row.num_rows;
+      for (OutputMemory& memory : outputs.memory) {
+        memory.rows = row.num_rows;
+      }
+      outputs.info.memory = row.num_rows == 0 ? NULL : outputs.memory.data();
       olvex::vector<BoxInfo> boxes = list_of({make_box(1, 2, 3, 4)});
       EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
       EXPECT_EQ(numbers(boxes), numbers(list_of(row.hits)));
@@ -142,7 +154,6 @@ TEST(IpuDecode, RefusesWhatItDoesNotKnow) {
       {"one tensor", {4}, int16, 12, layout + "4 0 0 0\n"},
       {"three tensors", {4, 1, 0}, fp32, 12, layout + "4 1 0 0\n"},
       {"six tensors", {4, 1, 1, 1, 1, 1}, fp32, 12, layout + "4 1 1 1\n"},
-      {"no box in a row", {3, 1, 0, 1}, fp32, 12, layout + "3 1 0 1\n"},
       {"points", {4, 1, 9, 1, 1}, int16, 12, " unknown keypoint tensor channel number 9\n"},
       {"type", {4, 1, 0, 1}, QV_IPU_FORMAT_INT8, 13, type + "4\n"},
   };
@@ -155,6 +166,35 @@ TEST(IpuDecode, RefusesWhatItDoesNotKnow) {
     EXPECT_EQ(ipu_decode(outputs.info, boxes), row.result);
     EXPECT_EQ(captured_errors(), row.errors);
     EXPECT_TRUE(boxes.empty());
+  }
+}
+
+// By the platform's word. Of each tensor the first row is there, or all of it but one element.
+TEST(IpuDecode, RefusesBuffersThatEndBeforeWhatIsRead) {
+  const Values column = {0.5f, 0.5f, 0.5f, 0.5f}, points(40, 0.5f);
+  const std::vector<int> kLayouts[] = {{4, 1, 0, 1}, {4, 1, 1, 1, 1}, {4, 1, 10, 1, 1}};
+  for (const std::vector<int>& channels : kLayouts) {
+    const bool has_points = channels[2] > 1;
+    std::vector<Values> tensors = {kBoxes, column, has_points ? points : column, {0, 3}, {2}};
+    if (channels.size() == 4) {
+      tensors.erase(tensors.begin() + 1);
+    }
+    for (size_t t = 0; t < tensors.size(); ++t) {
+      SCOPED_TRACE(std::to_string(channels.size()) + " tensors, short: " + std::to_string(t));
+      Outputs outputs(channels, tensors, QV_IPU_FORMAT_FP32);
+      outputs.info.memory = outputs.memory.data();
+      olvex::vector<BoxInfo> boxes;
+      EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
+      EXPECT_FALSE(boxes.empty());
+      --outputs.memory[t].readable;
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(ipu_decode(outputs.info, boxes), 12);
+      EXPECT_EQ(captured_errors(), "shape of model output tensor might be wrong, please check!\n");
+      EXPECT_TRUE(boxes.empty());
+      // Nothing of the short part is asked for: the list names the first row only.
+      *static_cast<float*>(outputs.data[tensors.size() - 1]) = 1;
+      EXPECT_EQ(ipu_decode(outputs.info, boxes), t + 1 == tensors.size() ? 12 : 0);
+    }
   }
 }
 

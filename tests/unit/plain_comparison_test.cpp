@@ -202,9 +202,9 @@ struct Outputs {
 
   void add(Random& random, const std::vector<float>& values, float scale, int w, int h, int c) {
     const bool is_int16 = info.out_format == QV_IPU_FORMAT_INT16;
-    memory_.emplace_back(new Fenced(random, encoded(random, info.out_format, values, scale),
+    fenced_.emplace_back(new Fenced(random, encoded(random, info.out_format, values, scale),
                                     is_int16 ? sizeof(int16_t) : sizeof(float)));
-    data_.push_back(memory_.back()->data());
+    data_.push_back(fenced_.back()->data());
     scales_.push_back(scale);
     widths_.push_back(w);
     heights_.push_back(h);
@@ -215,10 +215,17 @@ struct Outputs {
     info.net_out_h = heights_.data();
     info.net_out_c = channels_.data();
     info.num_out_layers = static_cast<int>(data_.size());
+    // At times the platform says that a buffer is shorter than its shape.
+    const size_t most = values.size();
+    memory_.push_back({static_cast<size_t>(w) * static_cast<size_t>(h), most,
+                       random.chance(5) ? random.index(most + 1) : most});
   }
 
+  void tell_memory() { info.memory = memory_.data(); }
+
  private:
-  std::vector<std::unique_ptr<Fenced>> memory_;
+  std::vector<std::unique_ptr<Fenced>> fenced_;
+  std::vector<OutputMemory> memory_;
   std::vector<void*> data_;
   std::vector<float> scales_;
   std::vector<int> widths_, heights_, channels_;
@@ -347,13 +354,12 @@ void decoded_list(const Routines& library, Random& random, Record& record) {
   info.num_classes = info.num_keypoints = 99;
   const int rows = random.pick({0, 1, 5, 40}), layout = random.between(0, 2);
   const bool rows_known = rows == 0 || random.chance(70);
-  info.num_rows = !rows_known ? 0 : rows == 0 ? -1 : rows;
   const auto add = [&](const Numbers& numbers, int c) {
     std::vector<float> values(static_cast<size_t>(rows * c));
     std::generate(values.begin(), values.end(), [&] { return numbers.draw(random); });
     outputs.add(random, values, draw_scale(random), rows, 1, c);
   };
-  // Counts and indices may be anything when the number of rows is known.
+  // Counts and indices may be anything, and a row shorter than a box, when the memory is known.
   const auto add_whole = [&](int count, int highest, int c) {
     std::vector<float> values(static_cast<size_t>(count));
     const float scale = rows_known ? random.pick({1.0f, 1.0f, 0.5f, draw_scale(random)}) : 1;
@@ -365,7 +371,7 @@ void decoded_list(const Routines& library, Random& random, Record& record) {
     }
     outputs.add(random, values, scale, count, 1, c);
   };
-  add(Numbers(random, 0, 40), random.pick({4, 4, 5, 7}));
+  add(Numbers(random, 0, 40), rows_known ? random.pick({4, 5, 7, 3, 1, 0}) : 4);
   if (layout == 1) {
     add(Numbers(random, -1, 9), 1);
   }
@@ -379,6 +385,9 @@ void decoded_list(const Routines& library, Random& random, Record& record) {
     *random.pick({&info.num_out_layers, &info.net_out_c[0], &info.net_out_c[1]}) = 3;
   } else if (random.chance(4)) {
     info.out_format = QV_IPU_FORMAT_INT8;
+  }
+  if (rows_known) {
+    outputs.tell_memory();
   }
   olvex::vector<BoxInfo> boxes = draw_boxes(random, random.between(0, 2));
   record.line("result", library.ipu_decode(info, boxes), info.num_classes, info.num_keypoints);

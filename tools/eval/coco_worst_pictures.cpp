@@ -122,7 +122,7 @@ void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* p
 }
 
 void write_picture(const std::string& path, const cv::Mat& picture) {
-  OutputFile file(path, nullptr);
+  OutputFile file(path, nullptr, OutputForm::kOneOfMany);
   file.write(encoded_picture(path, picture));
   file.close();
 }

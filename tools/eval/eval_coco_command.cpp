@@ -98,21 +98,15 @@ CocoReport evaluate(const CommandLine& line, const std::vector<MetricMinimum>& m
   return report;
 }
 
-void write_file(const std::string& path, const std::string& text) {
-  OutputFile file(path, stdout);
-  file.write(text);
-  file.close();
-}
-
 int run(const CommandLine& line) {
   check_options(line);
   const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
   const CocoReport report = evaluate(line, minimums);
   if (!line.json.empty()) {
-    write_file(line.json, coco_report_json(report, minimums));
+    write_output(line.json, stdout, coco_report_json(report, minimums));
   }
   if (!line.plot.empty()) {
-    write_file(line.plot, precision_recall_svg(report.metrics));
+    write_output(line.plot, stdout, precision_recall_svg(report.metrics));
   }
   if (line.json == kStandardOutput || line.plot == kStandardOutput) {
     std::fputs(coco_report_text(report).c_str(), stderr);

@@ -83,9 +83,8 @@ std::string clip_name(const std::vector<std::string>& files, std::size_t truth) 
 }
 
 void write_timeline(const std::string& path, const MotClipReport& report, const MotClip& clip) {
-  OutputFile file(path, stdout);
-  file.write(timeline_svg(report.name + ": " + report.result_path, clip, report.runs));
-  file.close();
+  write_output(path, stdout,
+               timeline_svg(report.name + ": " + report.result_path, clip, report.runs));
 }
 
 void add_classes(const MotClip& clip, MotReport* report) {
@@ -124,9 +123,7 @@ int evaluate(const CommandLine& line) {
     add_clip(line, i, &report);
   }
   if (!line.json.empty()) {
-    OutputFile file(line.json, stdout);
-    file.write(mot_report_json(report, minimums));
-    file.close();
+    write_output(line.json, stdout, mot_report_json(report, minimums));
   }
   if (line.json == kStandardOutput || line.timeline == kStandardOutput) {
     std::fputs(mot_report_text(report).c_str(), stderr);

@@ -101,7 +101,7 @@ class vector {
   vector& operator=(const vector& other);
 
   // Makes room for n elements by the growth rule; the size stays, and the storage never gets too small
-  // for it.
+  // for it. A string asked for half its length loses its terminator.
   void try_alloc(size_t n);
   // Destroys the elements from n on, or appends copies of value up to n. value may be an element.
   void resize(size_t n, const T& value);
@@ -174,9 +174,8 @@ void vector<T>::try_alloc(size_t n) {
   // A count whose multiple wraps around must not pass for a small one.
   const bool wraps = n > SIZE_MAX / 3;
   const size_t wanted = wraps ? SIZE_MAX : 2 * n;
-  // Asked again and again for less, the rule would come down to storage that the elements, or a
-  // string's terminator behind them, do not fit.
-  if ((need <= have && !wraps) || wanted <= size_) {
+  // Asked repeatedly for less, the rule would come down to storage that the elements do not fit.
+  if ((need <= have && !wraps) || wanted < size_) {
     return;
   }
   T* moved = reinterpret_cast<T*>(storage::reserve(wanted, sizeof(T)));

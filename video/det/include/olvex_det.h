@@ -25,7 +25,13 @@
  *            functions; the handle stays valid.
  * Output     Diagnostics go to standard output, each line with a time stamp but for the release
  *            banner; failures of open, fstat, mmap and fopen print the system's message on
- *            standard error.
+ *            standard error. The lines are written with printf and its like while the function
+ *            runs. Where standard output is a pipe, a reader that has gone ends the process by
+ *            SIGPIPE, unless the application ignores that signal, and a reader that has stopped
+ *            makes the function wait, in the middle of a frame, too, as soon as the pipe is full.
+ * Numbers    Results are for rounding to nearest, which every thread begins with. The library sets
+ *            no mode of the processor: a thread that chose another rounding (fesetround) or flushes
+ *            denormal numbers to zero gets other bits.
  * Pixels     Boxes come in display pixels: the network's coordinates scaled to disp_size, x to the
  *            right, y down, (0, 0) at the upper left corner.
  *

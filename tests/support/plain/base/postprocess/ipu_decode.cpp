@@ -15,6 +15,7 @@
 
 #include "utils/log/olvex_log.h"
 #include "utils/numeric/saturating_cast.h"
+#include "base/postprocess/output_memory.h"
 
 OLVEX_LOG_CLOCK;
 
@@ -54,27 +55,22 @@ const KeyPointLayout* find_keypoint_layout(int channels) {
 
 bool choose_roles(const DetDecodeInfo& info, TensorRoles& roles) {
   const int* c = info.net_out_c;
-  // A row with fewer than four values holds no box, and its last row would be read beyond its end.
-  const bool has_boxes = info.num_out_layers > 0 && c[0] >= kBoxValues;
   // Deliberate: an index list of two dimensions has no channels; one with a single channel is
   // refused.
-  if (has_boxes && info.num_out_layers == 4 && c[1] == 1 && c[2] == 0) {
+  if (info.num_out_layers == 4 && c[1] == 1 && c[2] == 0) {
     roles = {0, kNoTensor, 1, kNoTensor, 2, 3};
     return true;
   }
-  if (has_boxes && info.num_out_layers == 5 && c[1] == 1 && c[2] == 1) {
+  if (info.num_out_layers == 5 && c[1] == 1 && c[2] == 1) {
     OLVEX_DEBUG("info.num_out_layers == 5 && info.net_out_c[1] == 1 && info.net_out_c[2] == 1");
     roles = {0, 1, 2, kNoTensor, 3, 4};
     return true;
   }
-  if (has_boxes && info.num_out_layers == 5 && c[1] == 1 && c[2] > 1) {
+  if (info.num_out_layers == 5 && c[1] == 1 && c[2] > 1) {
     roles = {0, kNoTensor, 1, 2, 3, 4};
     return true;
   }
-  // Fewer than four tensors have no fourth channel count to print.
-  OLVEX_ERROR_FORMAT("unknown output channel combinations: %d %d %d %d\n",
-                     info.num_out_layers > 0 ? c[0] : 0, info.num_out_layers > 1 ? c[1] : 0,
-                     info.num_out_layers > 2 ? c[2] : 0, info.num_out_layers > 3 ? c[3] : 0);
+  OLVEX_ERROR_FORMAT("unknown output channel combinations: %d %d %d %d\n", c[0], c[1], c[2], c[3]);
   return false;
 }
 
@@ -103,6 +99,34 @@ int rounded(float value) {
   return olvex::saturating_cast<int>(static_cast<double>(value) + 0.5);
 }
 
+// What a box is made of beside its score.
+RowAccess rest_of_row(const DetDecodeInfo& info, const OutputMemoryCheck& memory,
+                      const TensorRoles& roles, int row) {
+  RowAccess access = memory.row(roles.boxes, row, kBoxValues);
+  if (access == kRowInside && roles.classes != kNoTensor) {
+    access = memory.row(roles.classes, row, 1);
+  }
+  if (access == kRowInside && roles.keypoints != kNoTensor) {
+    access = memory.row(roles.keypoints, row, info.net_out_c[roles.keypoints]);
+  }
+  return access;
+}
+
+// An element of the box tensor, where a row of fewer than four values reaches into the next one. No
+// tensor has a negative number of channels, but a description may.
+template <typename Tensors>
+float box_value(const Tensors& tensors, const OutputMemoryCheck& memory, int tensor,
+                int64_t element) {
+  return element >= 0 && memory.has(tensor, static_cast<uint64_t>(element) + 1)
+             ? tensors.value(tensor, static_cast<ptrdiff_t>(element))
+             : 0.0f;
+}
+
+int refuse_memory() {
+  OLVEX_ERROR("shape of model output tensor might be wrong, please check!");
+  return E_ALGO_INVALID_OUTPUT_SIZE;
+}
+
 template <typename Tensors>
 void fill_keypoints(const Tensors& tensors, const TensorRoles& roles, const KeyPointLayout& layout,
                     ptrdiff_t row, olvex::vector<KeyPt_t>& keypts) {
@@ -117,25 +141,36 @@ void fill_keypoints(const Tensors& tensors, const TensorRoles& roles, const KeyP
 }
 
 template <typename Tensors>
-void append_row(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
-                const KeyPointLayout* keypoint_layout, ptrdiff_t row,
-                olvex::vector<BoxInfo>& boxes) {
+RowAccess append_row(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
+                     const KeyPointLayout* keypoint_layout, int row_index,
+                     olvex::vector<BoxInfo>& boxes) {
+  const OutputMemoryCheck memory(info);
+  RowAccess access = memory.row(roles.scores, row_index, 1);
+  if (access != kRowInside) {
+    return access;
+  }
+  const ptrdiff_t row = row_index;
   const float score = tensors.value(roles.scores, row);
   if (!(score >= info.conf_threshold)) {
-    return;
+    return kRowInside;
   }
-  const ptrdiff_t first = row * info.net_out_c[roles.boxes];
+  access = rest_of_row(info, memory, roles, row_index);
+  if (access != kRowInside) {
+    return access;
+  }
+  const int64_t first = static_cast<int64_t>(row) * info.net_out_c[roles.boxes];
   BoxInfo box;
-  box.x1 = tensors.value(roles.boxes, first);
-  box.y1 = tensors.value(roles.boxes, first + 1);
-  box.x2 = tensors.value(roles.boxes, first + 2);
-  box.y2 = tensors.value(roles.boxes, first + 3);
+  box.x1 = box_value(tensors, memory, roles.boxes, first);
+  box.y1 = box_value(tensors, memory, roles.boxes, first + 1);
+  box.x2 = box_value(tensors, memory, roles.boxes, first + 2);
+  box.y2 = box_value(tensors, memory, roles.boxes, first + 3);
   box.score = score;
   box.label = roles.classes == kNoTensor ? 0 : rounded(tensors.value(roles.classes, row));
   if (keypoint_layout != NULL) {
     fill_keypoints(tensors, roles, *keypoint_layout, row, box.keypts);
   }
   boxes.push_back(box);
+  return kRowInside;
 }
 
 template <typename Tensors>
@@ -155,6 +190,10 @@ int decode_rows(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes) {
   }
   info.num_keypoints = keypoint_layout == NULL ? 0 : keypoint_layout->num_keypoints;
 
+  const OutputMemoryCheck memory(info);
+  if (!memory.has(roles.count, 1)) {
+    return refuse_memory();
+  }
   const Tensors tensors(info);
   const int num_boxes = rounded(tensors.value(roles.count, 0));
   OLVEX_DEBUG_FORMAT("num_classes = %d\n", info.num_classes);
@@ -163,15 +202,17 @@ int decode_rows(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes) {
                      keypoint_layout != NULL && keypoint_layout->has_score ? 1 : 0);
   OLVEX_DEBUG_FORMAT("num_boxes = %d\n", num_boxes);
 
-  // When the number of rows is known, a count or an index outside is not followed.
-  const bool rows_known = info.num_rows != 0;
-  const int entries = rows_known ? olvex::min(num_boxes, info.num_rows) : num_boxes;
+  const int entries = olvex::max(memory.at_most_all(roles.indices, num_boxes), 0);
+  if (!memory.has(roles.indices, static_cast<uint64_t>(entries))) {
+    return refuse_memory();
+  }
+  const size_t before = boxes.size();
   for (int i = 0; i < entries; ++i) {
     const int row = rounded(tensors.value(roles.indices, i));
-    if (rows_known && (row < 0 || row >= info.num_rows)) {
-      continue;
+    if (append_row(info, tensors, roles, keypoint_layout, row, boxes) == kRowMissing) {
+      boxes.resize(before, BoxInfo());
+      return refuse_memory();
     }
-    append_row(info, tensors, roles, keypoint_layout, row, boxes);
   }
   return E_ALGO_SUCCESS;
 }

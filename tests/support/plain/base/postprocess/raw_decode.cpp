@@ -6,13 +6,11 @@
 #include <stdint.h>
 
 #include "utils/log/olvex_log.h"
+#include "base/postprocess/raw_layer.h"
 
 OLVEX_LOG_CLOCK;
 
 namespace {
-
-const int kKeyPointTriple = 3;  // x, y, visibility
-const int kKeyPointPair = 2;    // x, y
 
 // A cell of 32-bit floats.
 struct Fp32Cell {
@@ -66,25 +64,6 @@ struct LayerShape {
   int first_keypoint;   // channel of the first key-point value
   int keypoint_values;  // values per key point
 };
-
-bool is_equal_multiple(int net_w, int net_h, int out_w, int out_h) {
-  return out_w > 0 && out_h > 0 && net_w % out_w == 0 && net_h % out_h == 0 &&
-         net_w / out_w == net_h / out_h;
-}
-
-// 3 or 2, whichever explains the channel count; 0 when neither does. Negative counts describe no
-// cell, whatever the channels add up to. Sums are taken in 64 bits.
-int values_per_keypoint(const DetDecodeInfo& info, int channels) {
-  if (info.reg_max < 1 || info.num_classes < 0 || info.num_keypoints < 0) {
-    return 0;
-  }
-  const int64_t base = 4 * static_cast<int64_t>(info.reg_max) + info.num_classes;
-  const int64_t num_keypoints = info.num_keypoints;
-  if (channels == base + kKeyPointTriple * num_keypoints) {
-    return kKeyPointTriple;
-  }
-  return channels == base + kKeyPointPair * num_keypoints ? kKeyPointPair : 0;
-}
 
 int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
   // A negative index is refused like one too large.
