@@ -43,15 +43,15 @@ SCOPES = {
         r"(unit|golden) ", {"OLVEX_ROUNDS": "10"}, 120, 85.0, None),
 }
 
-# Of the tests of the command line, those that can notice a change: a pattern of the source, and of the test's
-# name. The first that fits counts; a source without one may show in all of them.
+# Of the tests of the command line, those that can notice a change, beside the one of all help texts: a pattern
+# of the source, and of the test's name. The first that fits counts; a source without one may show in all.
 LIKELY_TESTS = (
-    (r"tools/eval/(eval_)?coco_", r"eval_coco"),
+    (r"tools/eval/(eval_)?coco_(?!worst)", r"eval_coco"),
     (r"tools/eval/(eval_)?mot_", r"eval_mot"),
     (r"tools/eval/", r"eval"),
-    (r"tools/compare_", r"compare"),
+    (r"tools/compare_", r"compare|annotation"),
     (r"tools/(calibration|inspect_|library_model|model_|onnx_|pack_)", r"pack"),
-    (r"tools/(detector|last_output|progress|result_|run_)", r"run"),
+    (r"tools/(detector|last_output|result_|run_)", r"run"),
 )
 
 
@@ -60,7 +60,7 @@ def can_notice(file, name):
     if not name.startswith("tools."):
         return True
     tests = next((tests for source, tests in LIKELY_TESTS if re.match(source, file)), "")
-    return bool(re.match(r"tools\." + tests, name))
+    return bool(re.match(rf"tools\.({tests}|pack\.test_help)", name))
 
 
 def arm_only_lines(source):

@@ -82,6 +82,8 @@ class AnnotationTest(ToolTest):
         self.tool(*run, "--track", "--limit", 2, "--pictures", "shown", "--contact-sheet", "sheet.png",
                   "--contact-frames", 3, "--jsonl", "shown.jsonl")
         self.assert_kept("run_picture.png", (self.folder / "shown/frame_000002.png").read_bytes())
+        self.tool(*run, "--video", "shown.mp4")
+        self.assertIn(b"avc1", (self.folder / "shown.mp4").read_bytes())  # H.264
         self.tool(*pack, "--keypoints", "points", "--no-classes")
         self.tool(*run, "--display", "384x256", "--contact-sheet", "sheet.png", "--contact-frames", 3)
         self.assert_kept("contact_sheet.png", (self.folder / "sheet.png").read_bytes())

@@ -22,6 +22,7 @@ REFUSALS = [  # exit code, words of the message, arguments
     (2, ["nhcw", "Did you mean n"], [*RAW, "--layout", "nhcw"]),
     (2, ["--mean", '"x" is no number'], [*RAW, "--mean", "1,x,2"]),
     (2, ["--size", "640x384"], [*RAW, "--size", "64"]),
+    (2, ["--scale", "no number"], [*RAW[:-1], "3.01e38"]),
     (2, ["Did you mean zrpcn?", "zrpcncdhf"], [*RAW, "--model-out", "zrpcnn"]),
     (2, ["KEY=VALUE"], [*RAW, "--pair", "a"]),
     (2, ['the key "a:b"', "':'"], [*RAW, "--pair", "a:b=c"]),

@@ -207,6 +207,8 @@ class RunTest(ToolTest):
         os.close(reader)
         with os.fdopen(writer, "w") as closed:
             self.run_tool(*picture, "--jsonl", "-", code=4, stdout=closed, said=["ended"])
+        self.transcript = self.transcript.replace(str(pathlib.Path(self.model).parent), "MODELS")
+        self.assert_transcript_kept("run_errors.txt")
 
     def test_an_interrupted_run_leaves_complete_files(self):
         pictures = self.moving_squares()
