@@ -1,7 +1,11 @@
 // raw_layer.cpp - which raw layers can be decoded and read. See raw_layer.h.
 #include "base/postprocess/raw_layer.h"
 
-#include <stdint.h>
+#include <math.h>
+
+#include "utils/log/olvex_log.h"
+
+OLVEX_LOG_CLOCK;
 
 namespace {
 
@@ -49,4 +53,41 @@ bool raw_layers_are_readable(const DetDecodeInfo& info) {
     }
   }
   return true;
+}
+
+int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
+  // A negative index is refused like one too large.
+  if (layer < 0 || layer >= info.num_out_layers) {
+    OLVEX_ERROR_FORMAT("illegal access to out layer%d \n\n", layer);
+    return E_ALGO_INVALID_PARAM;
+  }
+  shape.columns = info.net_out_w[layer];
+  shape.rows = info.net_out_h[layer];
+  shape.channels = info.net_out_c[layer];
+  if (!is_equal_multiple(info.net_in_w, info.net_in_h, shape.columns, shape.rows)) {
+    OLVEX_ERROR_FORMAT("Mismatch between input shape(%dx%d) and output shape(%dx%d)\n\n",
+                       info.net_in_w, info.net_in_h, shape.columns, shape.rows);
+    return E_ALGO_INVALID_OUTPUT_SIZE;
+  }
+  shape.stride = info.net_in_w / shape.columns;
+  shape.keypoint_values = values_per_keypoint(info, shape.channels);
+  if (shape.keypoint_values == 0) {
+    OLVEX_ERROR_FORMAT(
+        "mismatch between out shape(%d) with num_classes(%d) and num_keypoints(%d)\n",
+        shape.channels, info.num_classes, info.num_keypoints);
+    return E_ALGO_INVALID_OUTPUT_SIZE;
+  }
+  shape.first_class = 4 * info.reg_max;
+  shape.first_keypoint = shape.first_class + info.num_classes;
+  return E_ALGO_SUCCESS;
+}
+
+float logit_threshold(float conf_threshold) {
+  const double p = static_cast<double>(conf_threshold);
+  return static_cast<float>(log(p / (1.0 - p)));
+}
+
+int refuse_keypoints() {
+  OLVEX_ERROR("error occurred while decoding keypoints");
+  return E_ALGO_INVALID_OUTPUT_SIZE;
 }

@@ -12,92 +12,6 @@ OLVEX_LOG_CLOCK;
 
 namespace {
 
-// A cell of 32-bit floats.
-struct Fp32Cell {
-  typedef float Element;
-
-  Fp32Cell(const float* values, const float* /*end*/, float /*scalar*/) : values_(values) {}
-
-  // Floats have no scale: the array is not looked at.
-  static float layer_scale(const DetDecodeInfo& /*info*/, int /*layer*/) { return 1.0f; }
-
-  float operator[](int k) const { return values_[k]; }
-  float pair_score(int /*q*/) const { return 1.0f; }
-
- private:
-  const float* values_;
-};
-
-// A cell of 16-bit integers with one scale per layer.
-struct Int16Cell {
-  typedef int16_t Element;
-
-  Int16Cell(const int16_t* values, const int16_t* end, float scalar)
-      : values_(values), end_(end), scalar_(scalar) {}
-
-  static float layer_scale(const DetDecodeInfo& info, int layer) { return info.scalar[layer]; }
-
-  float operator[](int k) const { return static_cast<float>(values_[k]) * scalar_; }
-
-  // Deliberate: unlike the float path, which gives 1, the score of a key point without one comes
-  // from the element behind its pair: the next key point's x, or the next cell's first element.
-  // Models are tuned to these scores. Behind the last cell there is none, and 0 is used.
-  float pair_score(int q) const {
-    const int16_t* behind = values_ + q + kKeyPointPair;
-    const float value = behind < end_ ? static_cast<float>(*behind) * scalar_ : 0.0f;
-    return sigmoid(value);
-  }
-
- private:
-  const int16_t* values_;
-  const int16_t* end_;
-  float scalar_;
-};
-
-// The measures of one layer.
-struct LayerShape {
-  int rows;
-  int columns;
-  int channels;
-  int stride;           // network-input pixels per cell
-  int first_class;      // channel of the first class logit
-  int first_keypoint;   // channel of the first key-point value
-  int keypoint_values;  // values per key point
-};
-
-int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape) {
-  // A negative index is refused like one too large.
-  if (layer < 0 || layer >= info.num_out_layers) {
-    OLVEX_ERROR_FORMAT("illegal access to out layer%d \n\n", layer);
-    return E_ALGO_INVALID_PARAM;
-  }
-  shape.columns = info.net_out_w[layer];
-  shape.rows = info.net_out_h[layer];
-  shape.channels = info.net_out_c[layer];
-  if (!is_equal_multiple(info.net_in_w, info.net_in_h, shape.columns, shape.rows)) {
-    OLVEX_ERROR_FORMAT("Mismatch between input shape(%dx%d) and output shape(%dx%d)\n\n",
-                       info.net_in_w, info.net_in_h, shape.columns, shape.rows);
-    return E_ALGO_INVALID_OUTPUT_SIZE;
-  }
-  shape.stride = info.net_in_w / shape.columns;
-  shape.keypoint_values = values_per_keypoint(info, shape.channels);
-  if (shape.keypoint_values == 0) {
-    OLVEX_ERROR_FORMAT(
-        "mismatch between out shape(%d) with num_classes(%d) and num_keypoints(%d)\n",
-        shape.channels, info.num_classes, info.num_keypoints);
-    return E_ALGO_INVALID_OUTPUT_SIZE;
-  }
-  shape.first_class = 4 * info.reg_max;
-  shape.first_keypoint = shape.first_class + info.num_classes;
-  return E_ALGO_SUCCESS;
-}
-
-// The logit whose sigmoid is the threshold: scores are compared before the exponential.
-float logit_threshold(float conf_threshold) {
-  const double p = static_cast<double>(conf_threshold);
-  return static_cast<float>(log(p / (1.0 - p)));
-}
-
 template <typename Cell>
 float best_class(const Cell& cell, const LayerShape& shape, int num_classes, int& label) {
   float best = -INFINITY;
@@ -130,34 +44,6 @@ float side_distance(const Cell& cell, int side, int reg_max, int stride, olvex::
     mean += static_cast<float>(b) * probabilities[static_cast<size_t>(b)];
   }
   return static_cast<float>(stride) * mean;
-}
-
-// Computed in double and rounded once.
-float keypoint_position(int cell_index, float offset, int stride) {
-  return static_cast<float>((cell_index + 2.0 * static_cast<double>(offset)) * stride);
-}
-
-template <typename Cell>
-int decode_keypoints(const Cell& cell, const LayerShape& shape, int i, int j,
-                     olvex::vector<KeyPt_t>& keypts) {
-  for (size_t k = 0; k < keypts.size(); ++k) {
-    const int q = shape.first_keypoint + shape.keypoint_values * static_cast<int>(k);
-    keypts[k].x = keypoint_position(j, cell[q], shape.stride);
-    keypts[k].y = keypoint_position(i, cell[q + 1], shape.stride);
-    switch (shape.keypoint_values) {
-      case kKeyPointTriple:
-        keypts[k].score = sigmoid(cell[q + 2]);
-        break;
-      case kKeyPointPair:
-        keypts[k].score = cell.pair_score(q);
-        break;
-      default:
-        // Not reached while resolve_shape refuses every other layout.
-        OLVEX_ERROR("error occurred while decoding keypoints");
-        return E_ALGO_INVALID_OUTPUT_SIZE;
-    }
-  }
-  return E_ALGO_SUCCESS;
 }
 
 template <typename Cell>
