@@ -148,6 +148,10 @@ bool natural_less(const std::string& left, const std::string& right) {
   return left_over != right_over ? left_over < right_over : left < right;
 }
 
+std::string local_path(const std::string& path) {
+  return path.rfind('/', 0) == 0 ? path : "./" + path;
+}
+
 std::uint64_t time_stamp(long number, double frames_per_second) {
   constexpr double kMicroseconds = 1e6;
   return static_cast<std::uint64_t>(
