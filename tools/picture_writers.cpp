@@ -43,8 +43,8 @@ cv::Size even_size(cv::Size size) {
   return {size.width + size.width % 2, size.height + size.height % 2};
 }
 
-// Whether the file can be played up to its last frames while it still grows. The index of the others
-// is written when they are finished.
+// Whether the file can be played up to its last seconds, which the coder still holds, while it grows.
+// The index of the others is written when they are finished.
 bool survives_kill(const fs::path& path) {
   return path.extension() == ".mkv" || path.extension() == ".avi";
 }
@@ -76,7 +76,7 @@ class VideoWriter : public PictureWriter {
     if (!survives_kill(path_)) {
       notice_(path_ +
               ": a video of this kind is lost when the run is killed or the power fails. Name it "
-              ".mkv to keep what was written until then.");
+              ".mkv to keep all but the last seconds.");
     }
   }
 
