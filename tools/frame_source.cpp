@@ -181,6 +181,10 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
   if (fs::is_directory(status)) {
     return open_folder(input, layout, picture_rate);
   }
+  if (fs::is_fifo(status)) {
+    throw input_error(input,
+                      "is not a file or camera, but a pipe. Write the frames to a file first.");
+  }
   if (fs::is_regular_file(status) && fs::file_size(path, error) == 0) {
     throw input_error(input, "the file is empty.");
   }
