@@ -285,8 +285,8 @@ void add_output_options(CLI::App* command, CommandLine* line) {
       ->group(group);
   command
       ->add_option("--video", outputs->video,
-                   "Annotated video (.mkv, .avi, .mp4, .mov); after a kill the first two lack the "
-                   "last seconds, the others all")
+                   "Annotated video (.mkv, .avi, .mp4, .mov); killed, the "
+                   "first two keep most")
       ->type_name("FILE")
       ->group(group);
   command
