@@ -105,8 +105,12 @@ class PictureSource : public FileSource {
 
  private:
   void read(const fs::path& path, SourceFrame* frame) const override {
+    const std::vector<unsigned char> bytes = bytes_of(path);
     try {
-      frame->picture = cv::imread(path.string(), cv::IMREAD_COLOR);
+      // Not imread: that prints the name, which may hold anything, to the terminal.
+      if (!bytes.empty()) {
+        frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
+      }
     } catch (const cv::Exception& error) {
       throw file_error(path, "cannot be read as a picture: " + error.err + ".");
     }
@@ -115,7 +119,7 @@ class PictureSource : public FileSource {
                        "cannot be read as a picture; it is damaged or of another kind than "
                        "its name says.");
     }
-    if (is_cut_jpeg(bytes_of(path))) {
+    if (is_cut_jpeg(bytes)) {
       throw file_error(path, "is cut: the file ends before the picture does.");
     }
   }

@@ -148,6 +148,10 @@ bool natural_less(const std::string& left, const std::string& right) {
   return left_over != right_over ? left_over < right_over : left < right;
 }
 
+std::string local_path(const std::string& path) {
+  return path.rfind('/', 0) == 0 ? path : "./" + path;
+}
+
 std::uint64_t time_stamp(long number, double frames_per_second) {
   constexpr double kMicroseconds = 1e6;
   return static_cast<std::uint64_t>(
@@ -176,6 +180,10 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
   }
   if (fs::is_directory(status)) {
     return open_folder(input, layout, picture_rate);
+  }
+  if (fs::is_fifo(status)) {
+    throw input_error(input,
+                      "is not a file or camera, but a pipe. Write the frames to a file first.");
   }
   if (fs::is_regular_file(status) && fs::file_size(path, error) == 0) {
     throw input_error(input, "the file is empty.");

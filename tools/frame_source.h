@@ -63,6 +63,9 @@ std::unique_ptr<FrameSource> make_video_source(const std::string& path);
 // name as the user wrote it; device as the system knows it: /dev/videoN
 std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
 
+// The path in a form that no coder takes for an address (http:) or a protocol (concat:).
+std::string local_path(const std::string& path);
+
 // Whether a folder's file of that name counts as a frame.
 bool is_frame_file(const std::filesystem::path& path);
 

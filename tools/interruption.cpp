@@ -2,7 +2,11 @@
 #include "tools/interruption.h"
 
 #include <atomic>
+#include <cerrno>
 
+#include <fcntl.h>
+
+#include "tools/command.h"
 #include "tools/whole_file.h"
 
 namespace olvex_tools {
@@ -36,17 +40,33 @@ void handle(int signal_number, void (*handler)(int), struct sigaction* former) {
   sigaction(signal_number, &action, former);
 }
 
+void remember(int signal_number, struct sigaction* former) {
+  handle(signal_number, remember_request, former);
+  if (former->sa_handler == SIG_IGN) {
+    sigaction(signal_number, former, nullptr);
+  }
+}
+
+// Whether a call that waits goes on after a request.
+void set_restart(bool restart) {
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    sigaction(signal_number, nullptr, &action);
+    if (action.sa_handler == remember_request) {
+      action.sa_flags = restart ? SA_RESTART : 0;
+      sigaction(signal_number, &action, nullptr);
+    }
+  }
+}
+
 }  // namespace
 
 Interruption::Interruption() {
   was_requested = false;
   was_asked_for = false;
-  handle(SIGINT, remember_request, &former_interrupt_);
-  handle(SIGTERM, remember_request, &former_terminate_);
-  handle(SIGHUP, remember_request, &former_hang_up_);
-  if (former_hang_up_.sa_handler == SIG_IGN) {
-    sigaction(SIGHUP, &former_hang_up_, nullptr);
-  }
+  remember(SIGINT, &former_interrupt_);
+  remember(SIGTERM, &former_terminate_);
+  remember(SIGHUP, &former_hang_up_);
   handle(SIGPIPE, SIG_IGN, &former_pipe_);
   handle(SIGXFSZ, SIG_IGN, &former_file_size_);
 }
@@ -61,6 +81,18 @@ Interruption::~Interruption() {
 
 bool Interruption::requested() const {
   return was_requested;
+}
+
+int open_interruptibly(const std::string& path, int flags) {
+  set_restart(false);
+  const int descriptor = ::open(path.c_str(), flags, 0666);
+  const int reason = errno;
+  set_restart(true);
+  if (descriptor < 0 && reason == EINTR && was_requested) {
+    throw ToolError(kInterrupted, path + ": interrupted while it was opened.");
+  }
+  errno = reason;
+  return descriptor;
 }
 
 }  // namespace olvex_tools

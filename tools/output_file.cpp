@@ -8,10 +8,12 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "tools/command.h"
+#include "tools/interruption.h"
 
 namespace olvex_tools {
 
@@ -88,8 +90,23 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::open_in_place() {
-  descriptor_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  descriptor_ = open_interruptibly(path_, O_WRONLY | O_CREAT | O_CLOEXEC);
   if (descriptor_ < 0) {
+    fail(errno);
+  }
+  struct stat status = {};
+  if (fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode)) {
+    empty_own_file();
+  }
+}
+
+void OutputFile::empty_own_file() {
+  // Some file systems know no locks; there two runs are not told apart.
+  if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    failed_ = true;
+    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file.");
+  }
+  if (ftruncate(descriptor_, 0) != 0) {
     fail(errno);
   }
 }

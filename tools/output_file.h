@@ -47,6 +47,7 @@ class OutputFile {
 
  private:
   void open_in_place();
+  void empty_own_file();
   void open();
   void write_in_place(const std::string& text);
   void commit();

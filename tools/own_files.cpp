@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "tools/command.h"
+#include "tools/frame_source.h"
 
 namespace olvex_tools {
 
@@ -39,9 +40,19 @@ void require_apart(const OutputOption& output, const std::string& input) {
                                      " would lie among the frames that are read. Name another " +
                                      "folder.");
   }
+  if (is_frame_in(input, path)) {
+    throw ToolError(kUsageError, option + " " + path + " holds " + input +
+                                     ", which is read. Name another folder.");
+  }
 }
 
 }  // namespace
+
+bool is_frame_in(const std::string& path, const std::string& folder) {
+  std::error_code error;
+  return is_frame_file(path) &&
+         (lies_in(path, folder) || lies_in(fs::canonical(path, error).string(), folder));
+}
 
 void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs) {

@@ -17,6 +17,10 @@ using OutputOption = std::pair<std::string, std::string>;
 void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs);
 
+// Whether path is a picture or dumped frame in that folder, itself or behind a link. A folder of
+// pictures that is written there could overwrite it.
+bool is_frame_in(const std::string& path, const std::string& folder);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_OWN_FILES_H

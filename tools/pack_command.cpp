@@ -91,8 +91,9 @@ cv::Mat test_picture(const PackOptions& options, const Description& description)
   if (options.picture_path.empty()) {
     return generated_gradient(description.input.width, description.input.height);
   }
-  read_whole_file("the test picture", options.picture_path);  // says why when it cannot be read
-  cv::Mat picture = cv::imread(options.picture_path, cv::IMREAD_COLOR);
+  const std::vector<char> bytes = read_whole_file("the test picture", options.picture_path);
+  // Not imread: that prints the name, which may hold anything, to the terminal.
+  const cv::Mat picture = bytes.empty() ? cv::Mat() : cv::imdecode(bytes, cv::IMREAD_COLOR);
   if (picture.empty()) {
     throw ToolError(kInputError, options.picture_path + ": not a picture that can be decoded. " +
                                      "Give a JPEG or PNG file");

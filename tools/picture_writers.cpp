@@ -14,6 +14,7 @@
 
 #include "tools/annotation.h"
 #include "tools/command.h"
+#include "tools/frame_source.h"
 #include "tools/output_file.h"
 
 namespace olvex_tools {
@@ -42,10 +43,23 @@ cv::Size even_size(cv::Size size) {
   return {size.width + size.width % 2, size.height + size.height % 2};
 }
 
-// Whether the file can be played up to its last frames while it still grows. The index of the others
-// is written when they are finished.
+// Whether the file can be played up to its last seconds, which the coder still holds, while it grows.
+// The index of the others is written when they are finished.
 bool survives_kill(const fs::path& path) {
   return path.extension() == ".mkv" || path.extension() == ".avi";
+}
+
+// Without trailing zeros: 25 rather than 25.000000.
+std::string short_number(double number) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", number);
+  return text;
+}
+
+// What stands at the path itself, not behind a link there.
+fs::file_type type_of(const fs::path& path) {
+  std::error_code ignored;
+  return fs::symlink_status(path, ignored).type();
 }
 
 class VideoWriter : public PictureWriter {
@@ -55,10 +69,14 @@ class VideoWriter : public PictureWriter {
       : path_(path), rate_(frames_per_second), notice_(std::move(notice)) {
     // The encoder says nothing of a file that cannot be made.
     require_writable(path_);
+    std::error_code error;
+    if (fs::is_directory(path_, error)) {
+      throw write_error(path_, "is a folder. Name a file for the video.");
+    }
     if (!survives_kill(path_)) {
       notice_(path_ +
               ": a video of this kind is lost when the run is killed or the power fails. Name it "
-              ".mkv to keep what was written until then.");
+              ".mkv to keep all but the last seconds.");
     }
   }
 
@@ -88,15 +106,18 @@ class VideoWriter : public PictureWriter {
   void open(cv::Size size) {
     const int h264 = cv::VideoWriter::fourcc('a', 'v', 'c', '1');
     const int mpeg4 = cv::VideoWriter::fourcc('m', 'p', '4', 'v');
-    if (writer_.open(path_, h264, rate_, size)) {
+    const bool is_new = type_of(path_) == fs::file_type::not_found;
+    if (writer_.open(local_path(path_), h264, rate_, size)) {
       return;
     }
-    if (!writer_.open(path_, mpeg4, rate_, size)) {
-      std::error_code ignored;  // an empty file that stays does no harm
-      fs::remove(path_, ignored);
-      throw write_error(path_,
-                        "no video encoder for this kind of file. Name the video .mp4 or "
-                        ".avi, and check that OpenCV was built with FFmpeg.");
+    if (!writer_.open(local_path(path_), mpeg4, rate_, size)) {
+      if (is_new && type_of(path_) == fs::file_type::regular) {
+        std::error_code ignored;  // an empty file that stays does no harm
+        fs::remove(path_, ignored);
+      }
+      throw write_error(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
+                                   std::to_string(size.height) + " at " + short_number(rate_) +
+                                   " frames per second. Check that OpenCV was built with FFmpeg.");
     }
     notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
   }
@@ -104,7 +125,7 @@ class VideoWriter : public PictureWriter {
   // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
   // it is where the number of frames stands or is reckoned from.
   void require_complete() const {
-    cv::VideoCapture check(path_);
+    cv::VideoCapture check(local_path(path_));
     constexpr double kShareExpected = 0.98;
     const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
     if (found < kShareExpected * static_cast<double>(written_) - 1 || !check.grab()) {

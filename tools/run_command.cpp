@@ -2,7 +2,9 @@
 // Read run_session.h for what is done with them.
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 
@@ -32,16 +34,16 @@ const char kManual[] =
     "  olvex-det run detector.img pictures/ --threshold 0.05 --coco results.json\n"
     "  olvex-det run detector.img dumps/ --display 1920x1080 --mot tracks.txt --track\n"
     "  olvex-det run detector.img camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
-    "Ctrl-C, SIGTERM and SIGHUP end the run in order: the outputs are complete up to the last "
-    "frame\n"
-    "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. "
-    "What\n"
-    "was there before is replaced once there is a frame. After kill -9 or a power cut, JSON "
-    "Lines,\n"
-    "MOT rows, pictures, .mkv and .avi hold what was written until then; .mp4 and .mov cannot be\n"
-    "played; COCO results are those of the run before, and FILE.partial.* may be left beside "
-    "them.\n"
-    "Name a long run's video .mkv.\n\n"
+    "Ctrl-C, SIGTERM and SIGHUP end a run in order: the outputs are complete up to the last frame\n"
+    "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. An\n"
+    "output that fails in the middle ends it with exit code 4, too; the others, COCO results\n"
+    "included, hold what came until then. What was there before is replaced once there is a "
+    "frame.\n"
+    "After kill -9 or a power cut, JSON Lines, MOT rows and pictures hold what was written until\n"
+    "then; .mkv and .avi all but the last seconds, so a short run's may hold nothing; .mp4 and "
+    ".mov\n"
+    "cannot be played; COCO results are those of the run before, and FILE.partial.* may be left\n"
+    "beside them. Name a long run's video .mkv.\n\n"
     "Frames are numbered from 1 in their source, skipped ones included. COCO results use the "
     "number\n"
     "that a picture is named by (000000000139.jpg) as image_id if all names are numbers, else the\n"
@@ -127,17 +129,41 @@ void check_combinations(const CommandLine& line) {
   if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
     refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi.");
   }
+  if (line.run.log == kStandardOutput) {
+    refuse("--log -: the log cannot go to standard output, which is for results. Name a file.");
+  }
   const std::string& sheet = line.run.outputs.contact_sheet;
   if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
     refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg.");
   }
 }
 
+// Whether a path leads to /proc/self/fd/1, by links or other names. What that link itself leads to
+// is another matter: a pipe has no path.
+bool is_standard_output(std::filesystem::path path) {
+  namespace fs = std::filesystem;
+  constexpr int kLinksMost = 40;  // the system follows no more
+  for (int links = 0; links < kLinksMost; ++links) {
+    std::error_code error;
+    const fs::path folder = fs::canonical(fs::absolute(path, error).parent_path(), error);
+    if (path.filename() == "1" && (fs::equivalent(folder, "/proc/self/fd", error) ||
+                                   fs::equivalent(folder, "/proc/thread-self/fd", error))) {
+      return true;
+    }
+    const fs::path target = fs::read_symlink(path, error);
+    if (error) {
+      return false;
+    }
+    path = folder / target;
+  }
+  return false;
+}
+
 // Standard output by its other names. Those lead to the library's log while a run goes on.
 void recognise_standard_output(OutputOptions* outputs) {
   for (std::string* path :
        {&outputs->json_lines, &outputs->mot, &outputs->coco, &outputs->summary}) {
-    if (*path == "/dev/stdout" || *path == "/dev/fd/1" || *path == "/proc/self/fd/1") {
+    if (is_standard_output(*path)) {
       *path = kStandardOutput;
     }
   }
@@ -259,7 +285,8 @@ void add_output_options(CLI::App* command, CommandLine* line) {
       ->group(group);
   command
       ->add_option("--video", outputs->video,
-                   "Annotated video (.mkv, .avi, .mp4, .mov); the first two survive a kill")
+                   "Annotated video (.mkv, .avi, .mp4, .mov); killed, the "
+                   "first two keep most")
       ->type_name("FILE")
       ->group(group);
   command

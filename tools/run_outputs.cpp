@@ -7,9 +7,13 @@
 #include <system_error>
 #include <utility>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "tools/command.h"
 #include "tools/frame_source.h"
 #include "tools/output_file.h"
+#include "tools/own_files.h"
 
 namespace olvex_tools {
 
@@ -53,6 +57,15 @@ bool same_file(const std::string& left, const std::string& right) {
   return !whole.empty() && whole == fs::weakly_canonical(fs::absolute(right, error), error);
 }
 
+// Whether the shell made standard output lead to that file.
+bool leads_to_standard_output(const std::string& path) {
+  struct stat ours = {};
+  struct stat other = {};
+  return fstat(STDOUT_FILENO, &ours) == 0 && S_ISREG(ours.st_mode) &&
+         stat(path.c_str(), &other) == 0 && ours.st_dev == other.st_dev &&
+         ours.st_ino == other.st_ino;
+}
+
 // Whether writing there would replace a frame of the folder that is read, or add one.
 bool lies_among_frames(const std::string& output, const std::string& input) {
   std::error_code error;
@@ -88,6 +101,11 @@ void require_separate_files(const OutputOptions& options, const std::string& log
     wanted.push_back({"--log", log});
   }
   for (auto output = wanted.begin(); output != wanted.end(); ++output) {
+    if (leads_to_standard_output(output->path)) {
+      throw ToolError(kUsageError, std::string(output->option) + " " + output->path +
+                                       ": standard output is redirected to the same file. Give "
+                                       "each a file of its own.");
+    }
     for (auto other = wanted.begin(); other != output; ++other) {
       if (same_file(output->path, other->path)) {
         throw ToolError(kUsageError, std::string(other->option) + " and " + output->option +
@@ -104,6 +122,10 @@ void require_separate_files(const OutputOptions& options, const std::string& log
         throw ToolError(kUsageError, std::string(output->option) + " " + output->path +
                                          " would lie among the frames that are read. Name another "
                                          "folder.");
+      }
+      if (is_frame_in(path, output->path)) {
+        throw ToolError(kUsageError, std::string(output->option) + " " + output->path + " holds " +
+                                         path + ", which is read. Name another folder.");
       }
     }
   }

@@ -276,7 +276,18 @@ class Session {
     if (results_on_screen) {
       std::fputs(summary_.text(facts).c_str(), stderr);
     } else {
-      write_output(kStandardOutput, log_.results(), summary_.text(facts));
+      show_on_screen(summary_.text(facts));
+    }
+  }
+
+  // A terminal that closes interrupts the run, and takes the place of the summary with it.
+  void show_on_screen(const std::string& text) {
+    try {
+      write_output(kStandardOutput, log_.results(), text);
+    } catch (const ToolError&) {
+      if (!interruption_.requested()) {
+        throw;
+      }
     }
   }
 

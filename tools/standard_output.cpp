@@ -2,7 +2,6 @@
 // library's own stdout. Read standard_output.h first.
 #include "tools/standard_output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include "tools/command.h"
+#include "tools/interruption.h"
 
 namespace olvex_tools {
 
@@ -18,7 +18,7 @@ namespace {
 int open_log(const std::string& log_path) {
   const bool dropped = log_path.empty();
   const char* path = dropped ? "/dev/null" : log_path.c_str();
-  const int descriptor = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const int descriptor = open_interruptibly(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC);
   if (descriptor < 0) {
     throw ToolError(kInputError,
                     "cannot open the log file " + std::string(path) + ": " + std::strerror(errno));
@@ -31,17 +31,31 @@ bool is_control(char character) {
   return code < 0x20 || code == 0x7f;
 }
 
-}  // namespace
-
-std::string printable(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c != '\n' && is_control(c); }, '?');
-  return text;
+// U+0080 to U+009F, which some terminals obey, too.
+bool is_wide_control(const std::string& text, std::size_t position) {
+  return position + 1 < text.size() && text[position] == '\xc2' &&
+         (static_cast<unsigned char>(text[position + 1]) & 0xe0) == 0x80;
 }
 
-std::string one_line(std::string text) {
-  std::replace_if(text.begin(), text.end(), is_control, '?');
-  return text;
+std::string without_controls(const std::string& text, bool keep_line_ends) {
+  std::string result;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool wide = is_wide_control(text, i);
+    const bool kept = keep_line_ends && text[i] == '\n';
+    result += wide || (is_control(text[i]) && !kept) ? '?' : text[i];
+    i += wide ? 1 : 0;
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string printable(const std::string& text) {
+  return without_controls(text, true);
+}
+
+std::string one_line(const std::string& text) {
+  return without_controls(text, false);
 }
 
 LibraryLog::LibraryLog(const std::string& log_path) {

@@ -39,7 +39,8 @@ class VideoSource : public FrameSource {
       throw ToolError(kInputError, path + ": cannot be opened: " + std::strerror(errno) + ".");
     }
     // Not CAP_ANY: that takes a file it does not know for the first of a numbered series.
-    if (!capture_.open(path, cv::CAP_FFMPEG) && !capture_.open(path, cv::CAP_GSTREAMER)) {
+    const std::string local = local_path(path);
+    if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
       throw ToolError(kInputError, path + ": is neither a video nor a picture that can be read.");
     }
     rate_ = rate_of(capture_);

@@ -181,6 +181,23 @@ class RunSweepTest(ToolTest):
         self.assertEqual(process.returncode, 130)
         json.loads((self.out / "coco").read_text())
 
+    def test_a_file_takes_one_run_and_signals_end_a_wait_for_its_reader(self):
+        process = self.start_long_run()
+        self.assertIn("another program", self.run_with("--jsonl", "lines").stderr)
+        process.kill()
+        process.communicate()
+        os.mkfifo(self.folder / "pipe")
+        process = subprocess.Popen([TOOL, "run", self.model, self.pictures, "--mot", "pipe"],
+                                   cwd=self.folder, stderr=subprocess.PIPE)
+        status = pathlib.Path(f"/proc/{process.pid}/status")
+        while not int(status.read_text().split("SigCgt:")[1].split()[0], 16) & 1:
+            time.sleep(0.01)  # SIGHUP would still end it at once
+        while process.poll() is None:  # the first may come before it waits, and is remembered
+            process.send_signal(signal.SIGHUP)
+            time.sleep(0.5)
+        process.communicate()
+        self.assertEqual(process.returncode, 130)
+
     def test_file_size_limits_spare_other_outputs(self):
         result = self.run_with("--jsonl", "lines", "--mot", "mot", preexec_fn=lambda: (
             resource.setrlimit(resource.RLIMIT_FSIZE, (10000, 10000))))

@@ -181,6 +181,10 @@ class RunTest(ToolTest):
         (self.folder / "broken.png").write_bytes(b"\x89PNG but not really")
         (self.folder / "empty.mp4").touch()
         (self.folder / "empty").mkdir()
+        (self.folder / "folder.mp4").mkdir()
+        (self.folder / "kept.mp4").write_text("old")
+        (self.folder / "x\x1b\x9b.png").write_text("no picture")
+        os.mkfifo(self.folder / "pipe.mp4")
         picture = [self.model, "picture.ppm"]
         for code, text, arguments in (
                 (4, "nowhere.mp4", [self.model, "nowhere.mp4"]),
@@ -199,16 +203,35 @@ class RunTest(ToolTest):
                 (2, "--mot", [*picture, "--jsonl", "same", "--mot", "./same"]),
                 (2, "picture.ppm", [*picture, "--jsonl", self.folder / "picture.ppm"]),
                 (2, "among the frames", [self.model, self.folder, "--contact-sheet", "sheet.png"]),
+                (2, "is read", [*picture, "--pictures", "."]),
+                (2, "results", [*picture, "--log", "-"]),
+                (4, "is a folder", [*picture, "--video", "folder.mp4"]),
+                (4, "refuses", [*picture, "--fps", "0.001", "--video", "kept.mp4"]),
+                (4, "x??.png: cannot", [self.model, "x\x1b\x9b.png"]),
+                (4, "a pipe", [self.model, "pipe.mp4"]),
                 (4, "/dev/full", [*picture, "--jsonl", "/dev/full"]),
                 (4, "no/such", [*picture, "--video", "no/such/folder.mp4"])):
             with self.subTest(text):
                 self.run_tool(*arguments, code=code, said=[text])
+        self.assertEqual((self.folder / "kept.mp4").read_text(), "old")
         reader, writer = os.pipe()
         os.close(reader)
         with os.fdopen(writer, "w") as closed:
             self.run_tool(*picture, "--jsonl", "-", code=4, stdout=closed, said=["ended"])
         self.transcript = self.transcript.replace(str(pathlib.Path(self.model).parent), "MODELS")
         self.assert_transcript_kept("run_errors.txt")
+
+    def test_names_that_stand_for_something_else(self):
+        pictures = self.moving_squares()
+        (self.folder / "link").symlink_to("/dev/stdout")
+        for name in ("link", "//dev/stdout", "/proc/thread-self/fd/1"):
+            result = self.run_tool(self.model, pictures, "--quiet", "--jsonl", name, "--video",
+                                   "http:a.mp4")
+            self.assertEqual(len(read_json_lines(result.stdout)), 12)
+        self.assertEqual(len(self.frames_of(self.model, "http:a.mp4")), 12)
+        with open(self.folder / "lines", "w") as lines:
+            self.run_tool(self.model, pictures, "--jsonl", "lines", code=2, stdout=lines,
+                          said=["redirected"])
 
     def test_an_interrupted_run_leaves_complete_files(self):
         pictures = self.moving_squares()

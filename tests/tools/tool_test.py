@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import re
+import signal
 import struct
 import subprocess
 import sys
@@ -110,4 +111,8 @@ def make_network(path, kind, *numbers):
 
 
 def main():
+    # A shell's background ignores some signals, and the program would go on ignoring them.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_DFL)
     unittest.main(argv=[sys.argv[0], *sys.argv[4:]])
