@@ -18,6 +18,7 @@ olvex_add_fuzzer(evaluation_fuzz
     ${tools}/compare_choice.cpp
     ${tools}/compare_run.cpp
     ${tools}/eval/metric_minimums.cpp
+    ${tools}/interruption.cpp
     ${tools}/standard_output.cpp
     ${tools}/suggestion.cpp
     ${tools}/whole_file.cpp

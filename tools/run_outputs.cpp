@@ -97,15 +97,17 @@ bool uses_standard_output(const OutputOptions& options) {
 void require_separate_files(const OutputOptions& options, const std::string& log,
                             const std::vector<std::string>& read_paths) {
   std::vector<NamedPath> wanted = wanted_outputs(options);
+  for (const NamedPath& output : wanted) {
+    if (leads_to_standard_output(output.path)) {
+      throw ToolError(kUsageError, std::string(output.option) + " " + output.path +
+                                       ": standard output is redirected to the same file. Give "
+                                       "each a file of its own.");
+    }
+  }
   if (!log.empty()) {
     wanted.push_back({"--log", log});
   }
   for (auto output = wanted.begin(); output != wanted.end(); ++output) {
-    if (leads_to_standard_output(output->path)) {
-      throw ToolError(kUsageError, std::string(output->option) + " " + output->path +
-                                       ": standard output is redirected to the same file. Give "
-                                       "each a file of its own.");
-    }
     for (auto other = wanted.begin(); other != output; ++other) {
       if (same_file(output->path, other->path)) {
         throw ToolError(kUsageError, std::string(other->option) + " and " + output->option +
