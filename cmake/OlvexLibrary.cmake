@@ -14,6 +14,7 @@ add_library(olvex_det_core OBJECT
   base/postprocess/box_sort.cpp
   base/postprocess/double_check.cpp
   base/postprocess/ipu_decode.cpp
+  base/postprocess/ipu_layout.cpp
   base/postprocess/raw_decode.cpp
   base/postprocess/raw_layer.cpp
   base/postprocess/stable_box.cpp

@@ -6,7 +6,8 @@
 //   suppression.cpp   non-maximum suppression
 //   raw_decode.cpp    raw output layers, decoded on the CPU; cell_scan.h finds their cells
 //   raw_layer.cpp     which raw layers can be decoded and read
-//   ipu_decode.cpp    box lists that the accelerator has already decoded
+//   ipu_decode.cpp    box lists that the accelerator has already decoded; ipu_layout.cpp knows their
+//                     tensors
 //   stable_box.cpp    OLVEX_StableBox
 //   double_check.cpp  the double check of tracks against other classes
 //

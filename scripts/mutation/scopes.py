@@ -1,4 +1,4 @@
-"""What tests/mutation/run can change: parts of the tree, each with its build and the tests that try it."""
+"""What scripts/mutation/run can change: parts of the tree, each with its build and the tests that try it."""
 import collections
 import re
 

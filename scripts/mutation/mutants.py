@@ -1,4 +1,4 @@
-"""Small changes to a C++ source, found by a light tokenizer: what tests/mutation/run tries out.
+"""Small changes to a C++ source, found by a light tokenizer: what scripts/mutation/run tries out.
 
 The tokenizer relies on the layout that .clang-format gives: binary operators stand between blanks, the
 brackets of templates do not.
