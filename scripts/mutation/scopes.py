@@ -24,16 +24,16 @@ SCOPES = {
         ("base", "utils", "video"), False, [*FLAGS, *NATIVE, *NO_TOOLS], [], [LIBRARY], LIBRARY,
         r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
-        "tools; the tests of the command line",
+        "tools; the tests of the command line, but not those that take minutes",
         ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network"], [TOOL], TOOL,
-        r"tools ", {}, 120, 85.0, 4 << 30),
+        r"tools tools\.(?!network_trial|run_sweep)", {}, 120, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
         ("platform/host",), False, [*FLAGS, *NATIVE],
         [TOOL, "make_test_network", "host_accelerator_test", "host_contract_test", "host_image_test",
          "host_threads_test"],
         ["lib/libqv_host.so", "bin/host_image_test"], TOOL,
-        r"platform Host|tools tools\.(pack|run)", {}, 120, 85.0, 4 << 30),
+        r"platform Host|tools tools\.(pack|run$)", {}, 120, 85.0, 4 << 30),
     "arm": Scope(
         "what only 32-bit ARM compiles of base, utils and video; under the emulator",
         ("base", "utils", "video"), True,

@@ -316,6 +316,8 @@ TEST(HostAccelerator, boxes_may_be_centre_and_size_or_input_pixels_and_scores_na
   description.decoded.box_order = BoxOrder::kCornerPairs;
   description.decoded.box_fractions = false;
   Channel pixels(description, network);
+  description.output_format = QV_IPU_FORMAT_INT16;
+  Channel integer(description, network);
   double conversion_ms = -1.0;
   double network_ms = -1.0;
   for (const float first : {0.f, std::numeric_limits<float>::quiet_NaN()}) {
@@ -328,12 +330,14 @@ TEST(HostAccelerator, boxes_may_be_centre_and_size_or_input_pixels_and_scores_na
     }
     ASSERT_EQ(0, centre.run(frame));
     ASSERT_EQ(0, pixels.run(frame));
+    ASSERT_EQ(0, integer.run(frame));
     QV_HOST_LastInvokeTimes(&conversion_ms, &network_ms);
     EXPECT_TRUE(conversion_ms >= 0.0 && network_ms > 0.0) << conversion_ms << ' ' << network_ms;
     EXPECT_EQ(1.f, centre.value(4, 0));
     EXPECT_EQ(1.f, centre.value(1, 0));
     EXPECT_EQ(150.f, centre.value(2, 0));
     // In the network: 0.5, 0.5, 1, 1. Its boxes are no numbers either where its scores are not.
+    EXPECT_EQ(first == 0.f ? 0.5f : 0.f, integer.value(0, 0));
     for (std::size_t side = 0; side < 4 && first == 0.f; ++side) {
       EXPECT_EQ(side < 2 ? 0.f : 16.f, centre.value(0, side));
       EXPECT_EQ(side < 2 ? 0.5f : 1.f, pixels.value(0, side));

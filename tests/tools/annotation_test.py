@@ -72,7 +72,7 @@ class AnnotationTest(ToolTest):
         (self.folder / "names.txt").write_text("red\n\nblue\n")
         pictures = self.folder / "pictures"
         pictures.mkdir()
-        for number in range(1, 14):
+        for number in range(1, 15):
             write_cells(pictures / f"{number:02}.ppm", 192, 128, {
                 (number + 4, 6): (255, 0, 0), (2, 12): (0, 240, 0), (20, 14): (0, 0, 225)})
         pack = ["pack", "n.onnx", "-o", "n.img", "--input-format", "rgb", "--scale", "1/255", "--boxes",
@@ -85,20 +85,22 @@ class AnnotationTest(ToolTest):
         self.tool(*run, "--video", "shown.mp4")
         self.assertIn(b"avc1", (self.folder / "shown.mp4").read_bytes())  # H.264
         self.tool(*pack, "--keypoints", "points", "--no-classes")
-        self.tool(*run, "--display", "384x256", "--contact-sheet", "sheet.png", "--contact-frames", 3)
-        self.assert_kept("contact_sheet.png", (self.folder / "sheet.png").read_bytes())
+        for frames in (3, 4):  # with and without thinning out
+            self.tool(*run, "--display", "384x256", "--contact-sheet", "sheet.png", "--contact-frames",
+                      frames)
+            self.assert_kept(f"contact_sheet_{frames}.png", (self.folder / "sheet.png").read_bytes())
 
     def test_the_worst_pictures_show_every_fate(self):
-        write_gray(self.folder / "7.pgm", 260, 200)
-        truth = {"images": [{"id": 7, "width": 520, "height": 400}],
+        write_gray(self.folder / "7.pgm", 520, 400)
+        truth = {"images": [{"id": 7, "width": 260, "height": 200}],
                  "categories": [{"id": 1, "name": "person"}, {"id": 2, "name": "car"}],
                  "annotations": [{"id": n, "image_id": 7, "category_id": kind, "bbox": where}
                                  for n, (kind, where) in enumerate((
-                                     (1, [40, 60, 120, 200]), (2, [300, 60, 160, 100]),
-                                     (1, [250, 240, 90, 100])))]}
+                                     (1, [20, 30, 60, 100]), (2, [150, 30, 80, 50]),
+                                     (1, [125, 120, 45, 50])))]}
         results = [{"image_id": 7, "category_id": kind, "bbox": where, "score": score}
-                   for kind, where, score in ((1, [44, 70, 120, 200], 0.912), (1, [310, 66, 160, 100], 0.75),
-                                              (2, [-50, 300, 100, 2000], 0.5))]
+                   for kind, where, score in ((1, [22, 35, 60, 100], 0.912), (1, [155, 33, 80, 50], 0.75),
+                                              (2, [-25, 150, 50, 1000], 0.5))]
         (self.folder / "truth.json").write_text(json.dumps(truth))
         (self.folder / "results.json").write_text(json.dumps(results))
         self.tool("eval", "coco", "truth.json", "results.json", "--worst-pictures", "worst", "--input",

@@ -53,6 +53,11 @@ class CompareTest(ToolTest):
         self.assertEqual(self.frames_of(*runs), "frames 10, 17, 25, 38")
         self.assertEqual(self.frames_of("a=same.jsonl", "b=same.jsonl"), "frames 6, 16, 26, 36")
         self.assertEqual(self.frames_of(*runs, "--at", "30,2,30"), "frames 2, 30")
+        # Boxes without area are counterparts at the same place alone.
+        for name, y in (("left", (20, 20)), ("right", (20, 21))):
+            self.write(f"{name}.jsonl", [frame(number, [box(10, width=0, y=y[number - 1])])
+                                         for number in (1, 2)])
+        self.assertEqual(self.frames_of("a=left.jsonl", "b=right.jsonl", "--frames", 1), "frames 2")
         # A frame that only one run holds is not shown.
         self.write("short.jsonl", [frame(number) for number in (3, 10, 41)])
         self.assertEqual(self.frames_of("a=same.jsonl", "b=short.jsonl"), "frames 3, 10")
