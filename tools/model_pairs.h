@@ -1,6 +1,6 @@
 // model_pairs.h - the key/value pairs in front of an offline model: checking and writing them, and
 // what the library makes of the key model_out.
-// Used by pack_check.cpp and model_facts.cpp; the library reads the pairs in sdet_model.cpp.
+// The library reads the pairs in sdet_model.cpp.
 #ifndef TOOLS_MODEL_PAIRS_H
 #define TOOLS_MODEL_PAIRS_H
 

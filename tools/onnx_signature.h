@@ -1,6 +1,5 @@
 // onnx_signature.h - names and shapes of an ONNX network's inputs and outputs, read from the file's
 // own description, which OpenCV does not hand on.
-// Read pack_check.cpp for what they are used for.
 #ifndef TOOLS_ONNX_SIGNATURE_H
 #define TOOLS_ONNX_SIGNATURE_H
 

@@ -12,8 +12,8 @@ namespace olvex_tools {
 using OutputOption = std::pair<std::string, std::string>;
 
 // Throws ToolError (kUsageError) when an output is one of the inputs or another output, also by
-// another name, or would lie among the files of a folder that is an input. Empty names are not
-// looked at.
+// another name, when it would lie among the files of a folder that is an input, or when it is a
+// folder that holds a frame that is an input. Empty names are not looked at.
 void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs);
 

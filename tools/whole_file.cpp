@@ -32,6 +32,13 @@ extern "C" void end_without_unfinished_files(int signal_number) {
   _exit(128 + signal_number);
 }
 
+// Ends with the memory dump that SIGQUIT asks for.
+extern "C" void quit_without_unfinished_files(int signal_number) {
+  remove_unfinished_files();
+  std::signal(signal_number, SIG_DFL);
+  std::raise(signal_number);
+}
+
 // What happens on a signal that would end the process.
 struct SignalAction {
   int signal_number;
@@ -42,6 +49,7 @@ struct SignalAction {
 const SignalAction kSignalActions[] = {{SIGINT, end_without_unfinished_files},
                                        {SIGTERM, end_without_unfinished_files},
                                        {SIGHUP, end_without_unfinished_files},
+                                       {SIGQUIT, quit_without_unfinished_files},
                                        {SIGXFSZ, SIG_IGN}};
 
 [[noreturn]] void fail(const std::string& doing, const std::string& path) {

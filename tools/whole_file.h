@@ -59,7 +59,7 @@ class ReplacementFile {
   std::string temporary_path_;
   int descriptor_ = -1;
   char* registration_ = nullptr;  // of the temporary path, for remove_unfinished_files()
-  std::array<struct sigaction, 4> former_;
+  std::array<struct sigaction, 5> former_;
 };
 
 }  // namespace olvex_tools

@@ -535,6 +535,10 @@ Json parse_plain_json(const std::string& text) {
     }
     return true;
   };
+  // The parser takes a zero byte for the end of the text.
+  if (text.find('\0') != std::string::npos) {
+    throw ImageError("the description is not JSON: it holds a zero byte");
+  }
   try {
     return Json::parse(text, check);
   } catch (const Json::exception& error) {

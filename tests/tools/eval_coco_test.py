@@ -386,6 +386,7 @@ class EvalCocoTest(ToolTest):
             ("results", result_with(score=0).replace("0}", "1e999}"), "is not JSON"),
             ("results", result_with(image_id=9), "result [1] is of picture 9"),
             ("results", result_with()[:-1] + "garbage", "is not JSON"),
+            ("results", result_with(score=0) + "\0", "is not JSON: it holds a zero byte"),
             ("results", "[{\"score\": 1, \"score\": 2}]", "has the member \"score\" twice"),
             ("results", deep, "more than 64 deep"),
         )

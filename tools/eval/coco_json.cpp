@@ -2,6 +2,7 @@
 // and dropped from the tree. Read coco_json.h first.
 #include "tools/eval/coco_json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 #include <vector>
@@ -48,6 +49,10 @@ class ListParser {
     const std::vector<char> bytes = read_whole_file("the file", path_);
     if (bytes.empty()) {
       refuse_file(path_, "the file is empty.");
+    }
+    // The parser takes a zero byte for the end of the text.
+    if (std::find(bytes.begin(), bytes.end(), '\0') != bytes.end()) {
+      refuse_file(path_, "is not JSON: it holds a zero byte.");
     }
     const auto callback = [this](int depth, Event event, Json& value) {
       return handle(depth, event, value);
