@@ -83,12 +83,20 @@ bool Interruption::requested() const {
   return was_requested;
 }
 
+bool interruption_requested() {
+  return was_requested;
+}
+
 int open_interruptibly(const std::string& path, int flags) {
   set_restart(false);
-  const int descriptor = ::open(path.c_str(), flags, 0666);
+  // After a request nothing is waited for, so that a pipe without a reader is refused.
+  const int descriptor = ::open(path.c_str(), was_requested ? flags | O_NONBLOCK : flags, 0666);
   const int reason = errno;
   set_restart(true);
-  if (descriptor < 0 && reason == EINTR && was_requested) {
+  if (descriptor >= 0) {
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+  }
+  if (descriptor < 0 && (reason == EINTR || reason == ENXIO) && was_requested) {
     throw ToolError(kInterrupted, path + ": interrupted while it was opened.");
   }
   errno = reason;

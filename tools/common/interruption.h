@@ -29,8 +29,12 @@ class Interruption {
   struct sigaction former_file_size_;
 };
 
+// Whether an Interruption that lives, or the last one, remembers a request.
+bool interruption_requested();
+
 // open() for writing, which waits on a pipe for its reader. A signal that an Interruption remembers
-// ends the wait: then throws ToolError (kInterrupted). -1 and errno on any other failure.
+// ends the wait, and one that it already remembers forbids it: then throws ToolError (kInterrupted).
+// -1 and errno on any other failure.
 int open_interruptibly(const std::string& path, int flags);
 
 }  // namespace olvex_tools

@@ -126,8 +126,14 @@ void OutputFile::write_in_place(const std::string& text) {
     const ssize_t written = ::write(descriptor_, text.data() + done, text.size() - done);
     if (written < 0 && errno != EINTR) {
       const int reason = errno;
+      // Ctrl-C ends all programs of a pipeline, and which of them is first is open.
+      if (reason == EPIPE && interruption_requested()) {
+        failed_ = true;
+        return;
+      }
       const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
-      fail(reason, cut ? " Its last line is cut." : "");
+      const bool incomplete = is_file_ && form_ != OutputForm::kLines;
+      fail(reason, incomplete ? " It is not complete." : cut ? " Its last line is cut." : "");
     }
     done += written > 0 ? static_cast<std::size_t>(written) : 0;
   }
@@ -153,11 +159,15 @@ void OutputFile::write(const std::string& text) {
 }
 
 void OutputFile::commit() {
+  const std::string temporary = replacement_->temporary_path();
   try {
     replacement_->commit(form_ == OutputForm::kWhole ? Durability::kOnDisk
                                                      : Durability::kLeftToSystem);
   } catch (const FileError& error) {
-    fail(error.reason());
+    std::error_code ignored;
+    fail(error.reason(), fs::exists(temporary, ignored)
+                             ? " What was to be written there is in " + temporary + "."
+                             : "");
   }
   replacement_.reset();
 }

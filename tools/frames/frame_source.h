@@ -38,6 +38,8 @@ class FrameSource {
   // a video's own statement is not always right.
   virtual std::optional<long> length() const = 0;
   virtual double frames_per_second() const = 0;
+  // False when the source ends before what it says of its own size.
+  virtual bool is_whole() const { return true; }
 };
 
 // OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Who

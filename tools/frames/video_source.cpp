@@ -11,6 +11,7 @@
 
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
+#include "tools/frames/video_container.h"
 
 namespace olvex_tools {
 
@@ -82,6 +83,7 @@ class VideoSource : public FrameSource {
     return static_cast<long>(count);
   }
   double frames_per_second() const override { return rate_; }
+  bool is_whole() const override { return is_whole_container(path_); }
 
  private:
   std::uint64_t position_in_video() const {
