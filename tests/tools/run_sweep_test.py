@@ -34,7 +34,7 @@ class RunSweepTest(ToolTest):
         shared = tempfile.TemporaryDirectory()
         cls.addClassCleanup(shared.cleanup)
         cls.shared = pathlib.Path(shared.name).resolve()
-        cls.model = cls.shared / "model.img"
+        cls.model = cls.shared / "model.qtm"
         make_network(cls.shared / "network.onnx", "decoded", 72, 64, 8)
         subprocess.run([TOOL, "pack", cls.shared / "network.onnx", "-o", cls.model, "--input-format",
                         "rgb", "--scale", "1/255", "--boxes", "boxes", "--scores", "scores"],
@@ -207,7 +207,7 @@ class RunSweepTest(ToolTest):
         result = self.run_with("--jsonl", "lines", "--mot", "mot", preexec_fn=lambda: (
             resource.setrlimit(resource.RLIMIT_FSIZE, (10000, 10000))))
         self.assertEqual(result.returncode, 4)
-        self.assertIn("lines: cannot be written: File too large.", result.stderr)
+        self.assertIn("lines: cannot be written: File too large", result.stderr)
         self.assertEqual((self.out / "lines").read_text()[-1:], "\n")
         self.assertTrue((self.out / "mot").read_text().startswith("1,"))
 

@@ -47,6 +47,13 @@ void remember(int signal_number, struct sigaction* former) {
   }
 }
 
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ};
+
+// The others are ignored.
+bool is_remembered(int signal_number) {
+  return signal_number != SIGPIPE && signal_number != SIGXFSZ;
+}
+
 // Whether a call that waits goes on after a request.
 void set_restart(bool restart) {
   for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -64,19 +71,19 @@ void set_restart(bool restart) {
 Interruption::Interruption() {
   was_requested = false;
   was_asked_for = false;
-  remember(SIGINT, &former_interrupt_);
-  remember(SIGTERM, &former_terminate_);
-  remember(SIGHUP, &former_hang_up_);
-  handle(SIGPIPE, SIG_IGN, &former_pipe_);
-  handle(SIGXFSZ, SIG_IGN, &former_file_size_);
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    if (is_remembered(kSignals[i])) {
+      remember(kSignals[i], &former_[i]);
+    } else {
+      handle(kSignals[i], SIG_IGN, &former_[i]);
+    }
+  }
 }
 
 Interruption::~Interruption() {
-  sigaction(SIGINT, &former_interrupt_, nullptr);
-  sigaction(SIGTERM, &former_terminate_, nullptr);
-  sigaction(SIGHUP, &former_hang_up_, nullptr);
-  sigaction(SIGPIPE, &former_pipe_, nullptr);
-  sigaction(SIGXFSZ, &former_file_size_, nullptr);
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    sigaction(kSignals[i], &former_[i], nullptr);
+  }
 }
 
 bool Interruption::requested() const {
@@ -97,7 +104,7 @@ int open_interruptibly(const std::string& path, int flags) {
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
   }
   if (descriptor < 0 && (reason == EINTR || reason == ENXIO) && was_requested) {
-    throw ToolError(kInterrupted, path + ": interrupted while it was opened.");
+    throw ToolError(kInterrupted, path + ": interrupted while it was opened");
   }
   errno = reason;
   return descriptor;

@@ -3,6 +3,7 @@
 #ifndef TOOLS_COMMON_INTERRUPTION_H
 #define TOOLS_COMMON_INTERRUPTION_H
 
+#include <array>
 #include <csignal>
 #include <string>
 
@@ -22,11 +23,7 @@ class Interruption {
   bool requested() const;
 
  private:
-  struct sigaction former_interrupt_;
-  struct sigaction former_terminate_;
-  struct sigaction former_hang_up_;
-  struct sigaction former_pipe_;
-  struct sigaction former_file_size_;
+  std::array<struct sigaction, 5> former_;
 };
 
 // Whether an Interruption that lives, or the last one, remembers a request.

@@ -31,9 +31,9 @@ std::string folder_of(const std::string& path) {
 }
 
 [[noreturn]] void refuse_output(const std::string& path, int reason, const std::string& state) {
-  std::string message = path + ": cannot be written: " + std::strerror(reason) + "." + state;
+  std::string message = path + ": cannot be written: " + std::strerror(reason) + state;
   if (reason == EPIPE) {
-    message += " The program that reads the results ended before this one.";
+    message += ". The program that reads the results ended before this one";
   }
   throw ToolError(kInputError, message);
 }
@@ -104,7 +104,7 @@ void OutputFile::empty_own_file() {
   // Some file systems know no locks; there two runs are not told apart.
   if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     failed_ = true;
-    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file.");
+    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file");
   }
   if (ftruncate(descriptor_, 0) != 0) {
     fail(errno);
@@ -133,7 +133,7 @@ void OutputFile::write_in_place(const std::string& text) {
       }
       const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
       const bool incomplete = is_file_ && form_ != OutputForm::kLines;
-      fail(reason, incomplete ? " It is not complete." : cut ? " Its last line is cut." : "");
+      fail(reason, incomplete ? ". It is not complete" : cut ? ". Its last line is cut" : "");
     }
     done += written > 0 ? static_cast<std::size_t>(written) : 0;
   }
@@ -165,9 +165,8 @@ void OutputFile::commit() {
                                                      : Durability::kLeftToSystem);
   } catch (const FileError& error) {
     std::error_code ignored;
-    fail(error.reason(), fs::exists(temporary, ignored)
-                             ? " What was to be written there is in " + temporary + "."
-                             : "");
+    fail(error.reason(),
+         fs::exists(temporary, ignored) ? ". What was to be written there is in " + temporary : "");
   }
   replacement_.reset();
 }

@@ -208,7 +208,7 @@ class Session {
         input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
       throw ToolError(kAcceleratorError, options_.detector.model +
                                              ": the accelerator asks for another input than the "
-                                             "model's description. Pack the model anew.");
+                                             "model's description. Pack the model anew");
     }
   }
 
@@ -236,7 +236,7 @@ class Session {
   void check_end() {
     if (summary_.frames() == 0) {
       throw ToolError(kInputError, options_.input + ": no frame is left after --skip " +
-                                       std::to_string(options_.skip) + ".");
+                                       std::to_string(options_.skip));
     }
     const std::optional<long> length = source_->length();
     const long read = options_.skip + summary_.frames();
@@ -249,11 +249,11 @@ class Session {
       const std::string end = options_.input + ": ended after " + std::to_string(read) + " of " +
                               std::to_string(*length) + " frames; ";
       if (source_->is_whole()) {
-        progress_.notice(end + "the file is whole, so it counts frames that it does not show.");
+        progress_.notice(end + "the file is whole, so it counts frames that it does not show");
         return;
       }
       input_failed_ = true;
-      throw ToolError(kInputError, end + "it is damaged or cut.");
+      throw ToolError(kInputError, end + "it is damaged or cut");
     }
   }
 
