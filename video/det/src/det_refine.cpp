@@ -5,15 +5,11 @@
 #include <stdint.h>
 
 #include "utils/log/olvex_log.h"
-#include "utils/numeric/saturating_cast.h"
+#include "video/det/src/previous_boxes.h"
 
 OLVEX_LOG_CLOCK;
 
 namespace {
-
-uint32_t truncated(float position) {
-  return olvex::saturating_cast<uint32_t>(static_cast<double>(position));
-}
 
 OlvexIouTracker* as_tracker(void* tracker) {
   return static_cast<OlvexIouTracker*>(tracker);
@@ -123,70 +119,19 @@ void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
   }
 }
 
-namespace {
-
-// What iou_ratio() needs of one box, taken once. Ordinary corners are numbers: truncating them and
-// taking the larger or smaller are then done in either order with the same result.
-struct StableCorners {
-  explicit StableCorners(const BoxInfo& box)
-      : x1(truncated(box.x1)),
-        y1(truncated(box.y1)),
-        x2(truncated(box.x2)),
-        y2(truncated(box.y2)),
-        area((box.x2 - box.x1) * (box.y2 - box.y1)),
-        are_ordinary(box.x1 == box.x1 && box.y1 == box.y1 && box.x2 == box.x2 && box.y2 == box.y2) {
-  }
-
-  uint32_t x1;
-  uint32_t y1;
-  uint32_t x2;
-  uint32_t y2;
-  float area;
-  bool are_ordinary;
-};
-
-// iou_ratio() of two boxes with ordinary corners, by the same steps; 0 instead of any ratio that is
-// not above 0.
-float ratio_above_zero(const StableCorners& a, const StableCorners& b) {
-  const uint32_t width = olvex::min(a.x2, b.x2) - olvex::max(a.x1, b.x1);
-  const uint32_t height = olvex::min(a.y2, b.y2) - olvex::max(a.y1, b.y1);
-  const float inter = static_cast<float>(height * width);
-  const float areas = a.area + b.area - inter;
-  const float union_area = static_cast<float>(static_cast<double>(areas) + 1e-6);
-  // Boxes that do not meet in one direction have a huge intersection and a negative union.
-  return inter > 0.0f && union_area >= 0.0f ? inter / union_area : 0.0f;
-}
-
-}  // namespace
-
 void DetHandle::stable_box(olvex::vector<BoxInfo>& boxes) {
   OLVEX_DEBUG_FORMAT("enter %s\n", "stable_box");
   if (assert_handle_inited() != E_ALGO_SUCCESS) {
     return;
   }
-  olvex::scratch<StableCorners> previous;
-  for (size_t k = 0; k < mLastOutput_.size(); ++k) {
-    previous.push_back(StableCorners(mLastOutput_[k]));
-  }
+  const PreviousBoxes previous(mLastOutput_);
   for (size_t i = 0; i < boxes.size(); ++i) {
-    const StableCorners corners(boxes[i]);
-    size_t best = 0;
-    float best_iou = 0.0f;
-    for (size_t k = 0; k < mLastOutput_.size(); ++k) {
-      const float ratio = corners.are_ordinary && previous[k].are_ordinary
-                              ? ratio_above_zero(corners, previous[k])
-                              : iou_ratio(boxes[i], mLastOutput_[k]);
-      // Deliberate: strictly less, so that among equal overlaps the first previous box wins.
-      if (best_iou < ratio) {
-        best = k;
-        best_iou = ratio;
-      }
-    }
+    const PreviousBoxes::Match best = previous.highest_ratio(boxes[i]);
     // Deliberate: the whole record is replaced, class, time stamp and track id with it, and no
     // class is compared. OLVEX_StableBox holds the corners only, by another overlap. A sensitivity
     // below 0 would let a box without any overlap be replaced: there is none to take.
-    if (best_iou > 0.0f && mStableBboxPrams_.stable_sensitive < best_iou) {
-      boxes[i] = mLastOutput_[best];
+    if (best.ratio > 0.0f && mStableBboxPrams_.stable_sensitive < best.ratio) {
+      boxes[i] = mLastOutput_[best.index];
     }
   }
 }
