@@ -24,6 +24,10 @@ add_library(olvex_det_core OBJECT
   base/postprocess/score_order.cpp
   base/postprocess/stable_box.cpp
   base/postprocess/suppression.cpp
+  base/sdet/class_mapping.cpp
+  base/sdet/model_image.cpp
+  base/sdet/model_loading.cpp
+  base/sdet/output_type.cpp
   base/sdet/sdet_model.cpp
   base/tracker/iou_tracker/iout.cpp
   base/tracker/iou_tracker/open_detections.cpp

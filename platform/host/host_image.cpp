@@ -21,7 +21,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr char kStartPattern[] = {'Q', 'T', 'N', 'X'};
+constexpr std::string_view kStartPattern = QV_IPU_OFFLINE_MODEL_START;
 constexpr int kMaxSide = 8192;   // pixels; keeps every frame size within 31 bits
 constexpr int kMaxRows = 32767;  // an index must fit an INT16 tensor
 constexpr std::size_t kMaxName = QV_IPU_TENSOR_NAME_SIZE - 1;  // bytes, with room for the end mark
@@ -224,7 +224,7 @@ void check_name_pairs(const Description& description) {
            "at most " + std::to_string(kMaxName) + "; shorten the pairs or that name");
   }
   const auto pattern =
-      std::search(name.begin(), name.end(), std::begin(kStartPattern), std::end(kStartPattern));
+      std::search(name.begin(), name.end(), kStartPattern.begin(), kStartPattern.end());
   if (!description.name_pairs.empty() && pattern != name.end()) {
     refuse("name_pairs", "\"QTNX\" in them or in the first output's name",
            "none: the library reads pairs up to there only");
@@ -605,7 +605,7 @@ std::vector<char> read_file(const std::string& path) {
 // Position of the start pattern; what precedes it is key/value text.
 std::size_t find_start_pattern(const std::vector<char>& bytes) {
   const auto start =
-      std::search(bytes.begin(), bytes.end(), std::begin(kStartPattern), std::end(kStartPattern));
+      std::search(bytes.begin(), bytes.end(), kStartPattern.begin(), kStartPattern.end());
   if (start == bytes.end()) {
     throw ImageError("no start pattern \"QTNX\" in it; make a model file with the packer");
   }
@@ -728,7 +728,7 @@ std::vector<char> build_image(const Description& description, const std::vector<
   std::uint32_t crc = add_to_crc(0, json.data(), json.size());
   crc = add_to_crc(crc, network.data(), network.size());
 
-  std::vector<char> image(std::begin(kStartPattern), std::end(kStartPattern));
+  std::vector<char> image(kStartPattern.begin(), kStartPattern.end());
   append_little_endian(kImageVersion, &image);
   append_little_endian(static_cast<std::uint32_t>(json.size()), &image);
   append_little_endian(crc, &image);
@@ -743,7 +743,7 @@ std::uint64_t image_size(const ImageHeader& header) {
 }
 
 ImageHeader parse_image_header(const char (&bytes)[kImageHeaderSize]) {
-  if (!std::equal(std::begin(kStartPattern), std::end(kStartPattern), bytes)) {
+  if (!std::equal(kStartPattern.begin(), kStartPattern.end(), bytes)) {
     throw ImageError("does not begin with \"QTNX\"; make a model file with the packer");
   }
   ImageHeader header;

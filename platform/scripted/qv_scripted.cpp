@@ -16,7 +16,7 @@ namespace qv_scripted {
 
 namespace {
 
-constexpr char kStartPattern[] = "QTNX";
+constexpr char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
 constexpr QV_U32 kPatternSize = 4;
 
 // Of this thread itself: thread ids are used again after a thread has ended.

@@ -1,5 +1,5 @@
-// det_refine.cpp - DetHandle: what becomes of a frame's detections. Tracking, the rebuilt list and
-// stabilisation. See det_schedule.h.
+// det_refine.cpp - DetHandle: a frame's stages and what becomes of its detections. Tracking, the rebuilt list
+// and stabilisation. See det_schedule.h.
 #include "video/det/include/det_schedule.h"
 
 #include <stdint.h>
@@ -8,14 +8,6 @@
 #include "video/det/src/previous_boxes.h"
 
 OLVEX_LOG_CLOCK;
-
-namespace {
-
-OlvexIouTracker* as_tracker(void* tracker) {
-  return static_cast<OlvexIouTracker*>(tracker);
-}
-
-}  // namespace
 
 // Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
 // the differences of boxes that do not meet wrap, so that two boxes far apart on a diagonal can
@@ -53,10 +45,10 @@ int DetHandle::track(olvex::vector<BoxInfo>& boxes) {
   }
   OLVEX_INFO_FORMAT("track input num is %d !\n", static_cast<int>(track_boxes_.size()));
 
-  OlvexIouTracker& tracker = *as_tracker(mTracker_);
-  tracker.track_frame(track_boxes_.data(), track_boxes_.size());
-  for (size_t i = 0; i < tracker.finished_tracks_.size(); ++i) {
-    const Track& track = tracker.finished_tracks_[i];
+  tracker()->track_frame(track_boxes_.data(), track_boxes_.size());
+  const olvex::vector<Track>& tracks = tracker()->finished_tracks_;
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    const Track& track = tracks[i];
     const TrackBBox& last = track.boxes[track.boxes.size() - 1];
     OLVEX_INFO_FORMAT("track result %d x,y,w,h,id=%f,%f,%f,%f,%d!\n", static_cast<int>(i),
                       static_cast<double>(last.x), static_cast<double>(last.y),
@@ -105,7 +97,7 @@ void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
     return;
   }
   boxes.clear();
-  const olvex::vector<Track>& tracks = as_tracker(mTracker_)->finished_tracks_;
+  const olvex::vector<Track>& tracks = tracker()->finished_tracks_;
   size_t n = 0;
   for (size_t i = 0; i < tracks.size(); ++i) {
     n += is_reported(tracks[i]) ? 1 : 0;
@@ -140,4 +132,44 @@ void DetHandle::update_last_output(olvex::vector<BoxInfo>& boxes) {
   if (assert_handle_inited() == E_ALGO_SUCCESS) {
     mLastOutput_ = boxes;
   }
+}
+
+int DetHandle::track_and_refine(olvex::vector<BoxInfo>& boxes) {
+  const int result = track(boxes);
+  if (result != E_ALGO_SUCCESS) {
+    OLVEX_ERROR("track error");
+    return result;
+  }
+  const bool is_strict = mDoubleCheckParams_.enable == 1;
+  if (mStaticParams_.ignore_static_objects == 1 || is_strict) {
+    tracker()->static_moving_classify(mStaticParams_);
+  }
+  if (is_strict) {
+    do_double_check(boxes.data(), static_cast<int>(boxes.size()), tracker(), mDoubleCheckParams_);
+  }
+  refine_result(boxes);
+  return E_ALGO_SUCCESS;
+}
+
+int DetHandle::run_frame(const QV_SYS_BufInfo_s* buffer, olvex::vector<BoxInfo>& boxes) {
+  int result = detect(buffer, boxes);
+  if (result != E_ALGO_SUCCESS) {
+    OLVEX_ERROR_FORMAT("detect error (error code = %d)\n", result);
+    return result;
+  }
+  if (mIouTrackerParams_.enable == 0 && mDoubleCheckParams_.enable == 1) {
+    OLVEX_ERROR("tracker should be enable in strict mode!");
+    return E_ALGO_INVALID_PARAM;
+  }
+  if (mIouTrackerParams_.enable == 1) {
+    result = track_and_refine(boxes);
+    if (result != E_ALGO_SUCCESS) {
+      return result;
+    }
+  }
+  if (mStableBboxPrams_.stable_bbox == 1) {
+    stable_box(boxes);
+  }
+  update_last_output(boxes);
+  return E_ALGO_SUCCESS;
 }
