@@ -19,8 +19,8 @@
 extern "C" {
 #endif
 
-#define QV_IPU_MAX_TENSORS 60u       /* tensors that one description or vector can hold */
-#define QV_IPU_MAX_DIMENSIONS 10u    /* entries of a tensor shape */
+#define QV_IPU_MAX_TENSORS 60u      /* tensors that one description or vector can hold */
+#define QV_IPU_MAX_DIMENSIONS 10u   /* entries of a tensor shape */
 #define QV_IPU_TENSOR_NAME_SIZE 256u /* bytes of a tensor name; the last one may be in use too */
 
 /* In C++ an enumeration of fixed width can hold whatever number a platform reports. */
@@ -32,12 +32,12 @@ extern "C" {
 
 /* Element type of a tensor; for an input tensor also the picture format that the camera delivers. */
 typedef enum QV_IPU_ELEMENT_FORMAT QV_ENUM_WIDTH {
-  QV_IPU_FORMAT_U8 = 0,    /* 8-bit unsigned; as a picture: three interleaved channels */
-  QV_IPU_FORMAT_NV12 = 1,  /* a plane of Y, then one of interleaved U and V at half size */
-  QV_IPU_FORMAT_INT16 = 2, /* 16-bit signed, real value = integer x fScalar */
-  QV_IPU_FORMAT_INT32 = 3, /* 32-bit signed */
-  QV_IPU_FORMAT_INT8 = 4,  /* 8-bit signed */
-  QV_IPU_FORMAT_FP32 = 5,  /* 32-bit IEEE 754 */
+  QV_IPU_FORMAT_U8 = 0,        /* 8-bit unsigned; as a picture: three interleaved channels */
+  QV_IPU_FORMAT_NV12 = 1,      /* a plane of Y, then one of interleaved U and V at half size */
+  QV_IPU_FORMAT_INT16 = 2,     /* 16-bit signed, real value = integer x fScalar */
+  QV_IPU_FORMAT_INT32 = 3,     /* 32-bit signed */
+  QV_IPU_FORMAT_INT8 = 4,      /* 8-bit signed */
+  QV_IPU_FORMAT_FP32 = 5,      /* 32-bit IEEE 754 */
   QV_IPU_FORMAT_UNKNOWN = 6,
   QV_IPU_FORMAT_ARGB8888 = 7,  /* 32-bit word A-R-G-B from the top: bytes B, G, R, A in memory */
   QV_IPU_FORMAT_ABGR8888 = 8,  /* 32-bit word A-B-G-R from the top: bytes R, G, B, A in memory */
@@ -66,10 +66,10 @@ typedef int (*QV_IPU_ReadFunc)(void* dst, int offset, int size, char* ctx);
 
 /* Device attributes. Set what is needed, leave the rest 0. */
 typedef struct QV_IPU_DevAttr_s {
-  QV_U32 u32MaxVariableBufSize;       /* bytes; the largest variable buffer of all models to come */
+  QV_U32 u32MaxVariableBufSize;      /* bytes; the largest variable buffer of all models to come */
   QV_U32 u32YUV420_W_Pitch_Alignment; /* bytes; each NV12 row starts at a multiple of this */
   QV_U32 u32YUV420_H_Pitch_Alignment; /* rows; the Y plane's row count is rounded up to this */
-  QV_U32 u32XRGB_W_Pitch_Alignment; /* bytes; each 4-byte-pixel row starts at a multiple of this */
+  QV_U32 u32XRGB_W_Pitch_Alignment;  /* bytes; each 4-byte-pixel row starts at a multiple of this */
   QV_U32 u32VariableGroup;
   QV_U32 u32CoreMask;
   QV_U32 au32Reserve[6];
@@ -92,8 +92,7 @@ typedef QV_IPU_OfflineModelStaticInfo_s QV_IPU_OfflineModelStaticInfo_t;
 typedef struct QV_IPUChnAttr_s {
   QV_U32 u32SubNetId;       /* 0: the first network of the model */
   QV_U32 u32OutputBufDepth; /* output buffers that the channel owns; the library asks for 1 */
-  QV_U32
-      u32InputBufDepth; /* input buffers; 0 when the caller brings its own, as the library does */
+  QV_U32 u32InputBufDepth;  /* input buffers; 0 when the caller brings its own, as the library does */
   QV_U32 u32BatchMax;
   QV_U32 au32Reserve[8];
 } QV_IPUChnAttr_s;
@@ -101,18 +100,18 @@ typedef QV_IPUChnAttr_s QV_IPUChnAttr_t;
 
 /* One tensor of a network. */
 typedef struct QV_IPU_TensorDesc_t {
-  QV_U32 u32TensorDim;                          /* entries of the shape in use; the rest are 0 */
-  QV_IPU_ELEMENT_FORMAT eElmFormat;             /* element type */
-  QV_U32 u32TensorShape[QV_IPU_MAX_DIMENSIONS]; /* N, H, W, C in elements 0 to 3 */
-  char name[QV_IPU_TENSOR_NAME_SIZE];           /* terminated when shorter than the array */
-  QV_U32 u32InnerMostStride;                    /* bytes from one innermost run to the next */
-  QV_FLOAT fScalar;                             /* real value of 1 for an integer tensor */
-  QV_S64 s64ZeroPoint;                          /* integer that stands for 0.0 */
-  QV_S32 s32AlignedBufSize;                     /* bytes of the buffer with its row padding */
-  QV_U32 u32BufSize;                            /* bytes of the elements alone */
-  QV_U32 u32InputWidthAlignment;                /* of an input: alignment of a row, see DevAttr */
-  QV_U32 u32InputHeightAlignment;               /* of an input: alignment of the row count */
-  QV_IPU_LAYOUT_TYPE eLayoutType;               /* order of the dimensions */
+  QV_U32 u32TensorDim;                            /* entries of the shape in use; the rest are 0 */
+  QV_IPU_ELEMENT_FORMAT eElmFormat;               /* element type */
+  QV_U32 u32TensorShape[QV_IPU_MAX_DIMENSIONS];   /* N, H, W, C in elements 0 to 3 */
+  char name[QV_IPU_TENSOR_NAME_SIZE];             /* terminated when shorter than the array */
+  QV_U32 u32InnerMostStride;                      /* bytes from one innermost run to the next */
+  QV_FLOAT fScalar;                               /* real value of 1 for an integer tensor */
+  QV_S64 s64ZeroPoint;                            /* integer that stands for 0.0 */
+  QV_S32 s32AlignedBufSize;                       /* bytes of the buffer with its row padding */
+  QV_U32 u32BufSize;                              /* bytes of the elements alone */
+  QV_U32 u32InputWidthAlignment;                  /* of an input: alignment of a row, see DevAttr */
+  QV_U32 u32InputHeightAlignment;                 /* of an input: alignment of the row count */
+  QV_IPU_LAYOUT_TYPE eLayoutType;                 /* order of the dimensions */
 } QV_IPU_TensorDesc_t;
 typedef QV_IPU_TensorDesc_t QV_IPU_TensorDesc_s;
 
