@@ -12,7 +12,7 @@ namespace {
 const size_t kCacheLine = 64;  // bytes
 
 // Goes on from the best of the classes before first: of equal logits the lowest class is the best.
-// Written without branches, as which class is best is anybody's guess.
+// Written without branches, as which class is best cannot be predicted.
 template <typename Cell>
 BestClass best_from(const Cell& cell, const LayerShape& shape, int first, int num_classes,
                     BestClass best) {

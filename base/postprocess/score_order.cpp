@@ -156,7 +156,7 @@ bool rank_few(const Keys& keys, const Range& range) {
   int32_t ranks[kFew];
   memcpy(scores, keys.scores + range.left, count * sizeof(float));
   memcpy(indices, keys.indices + range.left, count * sizeof(uint32_t));
-  // The last lanes may hold more than there is; nobody asks for the ranks of these.
+  // The last lanes may hold more than there is; the ranks of these are not used.
   for (size_t k = count; k < kFew; ++k) {
     scores[k] = -INFINITY;
   }

@@ -1,5 +1,6 @@
 // scripted_state.cpp - the control functions of the scripted accelerator and what they work on.
-// qv_scripted.h is their contract; qv_scripted.cpp holds the QV_ calls.
+// qv_scripted.h is their contract; scripted_setup.cpp and scripted_frames.cpp hold the QV_
+// calls.
 #include "platform/scripted/scripted_state.h"
 
 #include <algorithm>
