@@ -39,27 +39,17 @@ void Tensors::add(int width, int height, int channels, const std::vector<float>&
   }
   lines_.emplace_back((size + sizeof(Line) - 1) / sizeof(Line));
   std::memcpy(lines_.back().data(), source, size);
-  widths_.push_back(width);
-  heights_.push_back(height);
-  channels_.push_back(channels);
-  scales_.push_back(scale);
-  memory_.push_back({static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
-                     values.size(), values.size()});
-  info_.net_out_w = widths_.data();
-  info_.net_out_h = heights_.data();
-  info_.net_out_c = channels_.data();
-  info_.scalar = scales_.data();
-  info_.memory = memory_.data();
-  info_.num_out_layers = static_cast<int>(lines_.size());
+  outputs_.add(nullptr, scale, width, height, channels,
+               {static_cast<std::size_t>(width) * static_cast<std::size_t>(height), values.size(),
+                values.size()});
+  outputs_.describe(info_);
   use(lines_);
 }
 
 void Tensors::use(std::vector<Lines>& lines) {
-  data_.clear();
-  for (Lines& tensor : lines) {
-    data_.push_back(tensor.data());
+  for (std::size_t k = 0; k < lines.size(); ++k) {
+    outputs_.data[k] = lines[k].data();
   }
-  info_.data = data_.data();
 }
 
 std::size_t Tensors::bytes() const {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/postprocess/output_tensors.h"
 #include "tests/support/routines.h"
 
 constexpr int kInputWidth = 640;
@@ -63,10 +64,7 @@ class Tensors {
  private:
   DetDecodeInfo info_;
   std::vector<Lines> lines_;
-  std::vector<void*> data_;
-  std::vector<float> scales_;
-  std::vector<int> widths_, heights_, channels_;
-  std::vector<OutputMemory> memory_;
+  OutputTensors outputs_ = {};
 };
 
 struct RawScene {

@@ -2,6 +2,8 @@
 #   qv_platform     headers of the chip's call contract
 #   olvex_det_core  all library sources but the exported functions, as objects, for tests and tools
 #   olvex_det       libolvex_det.so.1 (alias olvex::det), which exports the public functions alone
+# An x_plain.cpp in the library's folders defines what the x.cpp beside it has to do; no library that ships
+# has it, OlvexRoutines.cmake compiles it.
 
 find_package(Threads REQUIRED)
 
@@ -12,20 +14,28 @@ add_library(olvex_det_core OBJECT
   base/ipu_engine/ipu_engine.cpp
   base/postprocess/activations.cpp
   base/postprocess/box_sort.cpp
+  base/postprocess/cell_candidates.cpp
   base/postprocess/double_check.cpp
   base/postprocess/ipu_decode.cpp
   base/postprocess/ipu_layout.cpp
+  base/postprocess/kept_boxes.cpp
   base/postprocess/raw_decode.cpp
   base/postprocess/raw_layer.cpp
+  base/postprocess/score_order.cpp
   base/postprocess/stable_box.cpp
   base/postprocess/suppression.cpp
+  base/sdet/class_mapping.cpp
+  base/sdet/model_image.cpp
+  base/sdet/model_loading.cpp
+  base/sdet/output_type.cpp
   base/sdet/sdet_model.cpp
   base/tracker/iou_tracker/iout.cpp
   base/tracker/iou_tracker/open_detections.cpp
   utils/debug/debug.cpp
   utils/log/olvex_log.cpp
   video/det/src/det_refine.cpp
-  video/det/src/det_schedule.cpp)
+  video/det/src/det_schedule.cpp
+  video/det/src/previous_boxes.cpp)
 set_target_properties(olvex_det_core PROPERTIES
   CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   POSITION_INDEPENDENT_CODE ON)

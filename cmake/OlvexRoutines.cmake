@@ -1,15 +1,30 @@
-# olvex_add_routines(<target> <table> [<folder>...]) builds a whole library as a shared object that
-# exports one function, <table>, from tests/support/routines.h. Files that a folder has under the
-# path of one of the library's own take its place: a source is compiled instead, a header is found
-# first. A file that stands in for nothing is an error: after a file of the library has moved, its
-# stand-in would be left out in silence, and the library be compared with itself.
+# olvex_add_routines(<target> <table> [PLAIN] [<folder>...]) builds a whole library as a shared object
+# that exports one function, <table>, from tests/support/routines.h. With PLAIN, each x_plain.cpp of the
+# library's folders takes the place of the x.cpp beside it. Files that a folder has under the path of one
+# of the library's own take its place, too: a source is compiled instead, a header is found first. A file
+# that stands in for nothing is an error: after a file of the library has moved, its stand-in would be
+# left out in silence, and the library be compared with itself.
 
 set(OLVEX_ROUTINES_SOURCES video/det/src/olvex_det_impl.cpp tests/support/routines.cpp)
 
 function(olvex_add_routines target table)
   get_target_property(sources olvex_det_core SOURCES)
   list(APPEND sources ${OLVEX_ROUTINES_SOURCES})
-  foreach(folder IN LISTS ARGN)
+  cmake_parse_arguments(PARSE_ARGV 2 routines "PLAIN" "" "")
+  set(folders ${routines_UNPARSED_ARGUMENTS})
+  set(plain "")
+  if(routines_PLAIN)
+    file(GLOB_RECURSE plain RELATIVE "${PROJECT_SOURCE_DIR}" CONFIGURE_DEPENDS
+         "${PROJECT_SOURCE_DIR}/base/*_plain.cpp" "${PROJECT_SOURCE_DIR}/utils/*_plain.cpp"
+         "${PROJECT_SOURCE_DIR}/video/*_plain.cpp")
+  endif()
+  foreach(source IN LISTS plain)
+    string(REPLACE "_plain.cpp" ".cpp" fast "${source}")
+    if(NOT fast IN_LIST sources)
+      message(FATAL_ERROR "${source} stands in for no file of the library")
+    endif()
+  endforeach()
+  foreach(folder IN LISTS folders)
     file(GLOB_RECURSE stand_ins RELATIVE "${folder}" CONFIGURE_DEPENDS "${folder}/*.cpp"
          "${folder}/*.h")
     foreach(stand_in IN LISTS stand_ins)
@@ -21,8 +36,13 @@ function(olvex_add_routines target table)
   endforeach()
   set(chosen "")
   foreach(source IN LISTS sources)
-    set(file "${PROJECT_SOURCE_DIR}/${source}")
-    foreach(folder IN LISTS ARGN)
+    string(REPLACE ".cpp" "_plain.cpp" plain_source "${source}")
+    if(plain_source IN_LIST plain)
+      set(file "${PROJECT_SOURCE_DIR}/${plain_source}")
+    else()
+      set(file "${PROJECT_SOURCE_DIR}/${source}")
+    endif()
+    foreach(folder IN LISTS folders)
       if(EXISTS "${folder}/${source}")
         set(file "${folder}/${source}")
         break()
@@ -41,7 +61,7 @@ function(olvex_add_routines target table)
   target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
   target_compile_definitions(${target} PRIVATE OLVEX_ROUTINES=${table})
   target_include_directories(${target} BEFORE PRIVATE
-    ${ARGN} "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records"
+    ${folders} "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/utils/records"
     "${PROJECT_SOURCE_DIR}/video/det/include")
   # For the records in the table: the ones of the library as it ships.
   target_include_directories(${target} INTERFACE

@@ -71,8 +71,9 @@ std::string sound_file(const std::vector<std::string>& parts) {
   const std::string contents = parts[1] + parts[2];
   const uLong crc =
       crc32(0, reinterpret_cast<const Bytef*>(contents.data()), static_cast<uInt>(contents.size()));
-  return parts[0] + "QTNX" + little_endian(kImageVersion, 4) + little_endian(parts[1].size(), 4) +
-         little_endian(crc, 4) + little_endian(parts[2].size(), 8) + contents;
+  return parts[0] + QV_IPU_OFFLINE_MODEL_START + little_endian(kImageVersion, 4) +
+         little_endian(parts[1].size(), 4) + little_endian(crc, 4) +
+         little_endian(parts[2].size(), 8) + contents;
 }
 
 std::optional<Image> read_file(const std::string& bytes, std::string* text_header) {

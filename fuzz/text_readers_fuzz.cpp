@@ -15,7 +15,7 @@
 
 namespace {
 
-const char kPattern[] = "QTNX";
+const char kPattern[] = QV_IPU_OFFLINE_MODEL_START;
 const QV_U32 kModelSize = 16;
 const int kUntouched = 77;
 typedef olvex::vector<ModelKeyValue_t> Pairs;

@@ -1,23 +1,13 @@
-// box_sort.h - the sort behind qsort_descent_inplace, on scores alone: whoever goes on with the
-// order (suppression.cpp) moves the boxes themselves only once.
+// box_sort.h - what qsort_descent_inplace does with an order of scores. suppression.cpp goes on with the
+// order (score_order.h) first, so that the boxes themselves are moved only once.
 #ifndef BASE_POSTPROCESS_BOX_SORT_H
 #define BASE_POSTPROCESS_BOX_SORT_H
 
 #include <stddef.h>
-#include <stdint.h>
 
-#include "utils/olvex_stl/scratch.h"
 #include "utils/olvex_stl/simplestl.h"
 #include "utils/records/det_records.h"
-
-const size_t kUsualBoxes = 64;  // more take their scratch from the heap
-
-// Indices of boxes, in some order.
-typedef olvex::scratch<uint32_t, kUsualBoxes> BoxOrder;
-
-// The order of count boxes from index first on, by falling score, in which qsort_descent_inplace
-// leaves them. Indices count from first.
-void find_order(const olvex::vector<BoxInfo>& boxes, size_t first, size_t count, BoxOrder& order);
+#include "base/postprocess/score_order.h"
 
 // Moves the boxes so that box order[k] comes to place k, both counted from first. Spends the order:
 // afterwards order[k] is k.

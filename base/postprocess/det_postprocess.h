@@ -1,10 +1,10 @@
-// det_postprocess.h - from output tensors to boxes, and what is done with boxes: the one door of
-// this room.
+// det_postprocess.h - from output tensors to boxes, and what is done with boxes: the one header that
+// other folders use.
 //
 //   activations.cpp   the exponential's relatives
-//   box_sort.cpp      boxes by falling score
-//   suppression.cpp   non-maximum suppression
-//   raw_decode.cpp    raw output layers, decoded on the CPU; cell_scan.h finds their cells
+//   box_sort.cpp      boxes by falling score; score_order.cpp finds the order
+//   suppression.cpp   non-maximum suppression; kept_boxes.cpp compares the boxes
+//   raw_decode.cpp    raw output layers, decoded on the CPU; cell_candidates.cpp finds their cells
 //   raw_layer.cpp     which raw layers can be decoded and read
 //   ipu_decode.cpp    box lists that the accelerator has already decoded; ipu_layout.cpp knows their
 //                     tensors

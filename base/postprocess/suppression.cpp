@@ -1,229 +1,23 @@
 // suppression.cpp - the two non-maximum suppressions. See det_postprocess.h.
 #include "base/postprocess/det_postprocess.h"
 
-#include <math.h>
-#include <string.h>
-
 #include "utils/log/olvex_log.h"
-#include "utils/numeric/lanes.h"
-#include "utils/olvex_stl/scratch.h"
 #include "base/postprocess/box_sort.h"
+#include "base/postprocess/inclusive_overlap.h"
+#include "base/postprocess/kept_boxes.h"
+#include "base/postprocess/score_order.h"
 
 OLVEX_LOG_CLOCK;
-
-namespace {
-
-using olvex::Floats;
-
-// For a smaller threshold the limit times a union could be a denormal number, with few bits.
-const float kSmallestLimited = 1e-20f;
-
-// The corners of one box, or of several side by side.
-template <typename Float>
-struct Corners {
-  Float x1;
-  Float y1;
-  Float x2;
-  Float y2;
-};
-
-Corners<float> corners_of(const BoxInfo& box) {
-  const Corners<float> corners = {box.x1, box.y1, box.x2, box.y2};
-  return corners;
-}
-
-// Deliberate: widths count both border pixels (+1), unlike the other overlap measures; the
-// threshold of suppression is tuned to this one.
-float inclusive_area(const BoxInfo& box) {
-  return (box.x2 - box.x1 + 1) * (box.y2 - box.y1 + 1);
-}
-
-// Each choice is written like olvex::max or olvex::min, whose first argument wins when the two
-// cannot be compared.
-template <typename Float>
-Float inclusive_intersection(const Corners<Float>& a, const Corners<Float>& b) {
-  const Float none = Float();
-  const Float xx1 = a.x1 < b.x1 ? b.x1 : a.x1;
-  const Float yy1 = a.y1 < b.y1 ? b.y1 : a.y1;
-  const Float xx2 = a.x2 > b.x2 ? b.x2 : a.x2;
-  const Float yy2 = a.y2 > b.y2 ? b.y2 : a.y2;
-  const Float width = xx2 - xx1 + 1.0f;
-  const Float height = yy2 - yy1 + 1.0f;
-  const Float w = none < width ? width : none;
-  const Float h = none < height ? height : none;
-  return w * h;
-}
-
-// A box against those that were kept, several at a time.
-struct Candidate {
-  explicit Candidate(const BoxInfo& box)
-      : corners{olvex::splat(box.x1), olvex::splat(box.y1), olvex::splat(box.x2),
-                olvex::splat(box.y2)},
-        area(olvex::splat(inclusive_area(box))),
-        label(olvex::splat(static_cast<int32_t>(box.label))) {}
-
-  Corners<Floats> corners;
-  Floats area;
-  olvex::FloatsInt32 label;
-};
-
-// The boxes that suppression has kept so far.
-//
-// With a positive threshold, a box of another label is out of reach: its intersection counts as 0,
-// and so does the ratio, unless it is NaN, which does not suppress either. So each box need only
-// meet those of a bucket, which labels share by their last bits.
-class KeptBoxes {
- public:
-  KeptBoxes(const olvex::vector<BoxInfo>& boxes, float threshold, bool class_specific)
-      : threshold_(threshold),
-        limit_(threshold * 0.999f),
-        class_specific_(class_specific),
-        has_limit_(threshold >= kSmallestLimited),
-        num_buckets_(class_specific && threshold > 0.0f ? buckets_for(boxes.size()) : 1) {
-    make_room(boxes);
-  }
-
-  bool suppress(const BoxInfo& box) const {
-    const Bucket& bucket = buckets_[bucket_of(box)];
-    const Candidate candidate(box);
-    const Block* const end = blocks_.data() + bucket.end;
-    const Block* block = blocks_.data() + bucket.first;
-    if (end - block <= kFewBlocks) {
-      olvex::FloatsMask mask = olvex::FloatsMask();
-      for (; block < end; ++block) {
-        mask |= suppressed(*block, candidate);
-      }
-      return olvex::any(mask);
-    }
-    for (; block < end; ++block) {
-      if (may_suppress(*block, candidate) && olvex::any(suppressed(*block, candidate))) {
-        return true;
-      }
-    }
-    return false;
-  }
-
-  void add(const BoxInfo& box) {
-    Bucket& bucket = buckets_[bucket_of(box)];
-    const size_t lane = bucket.kept % olvex::kFloatLanes;
-    const size_t place = bucket.first + bucket.kept / olvex::kFloatLanes;
-    if (place == bucket.end) {
-      blocks_[bucket.end++] = blank();
-    }
-    Block& block = blocks_[place];
-    olvex::set_lane(block.corners.x1, lane, box.x1);
-    olvex::set_lane(block.corners.y1, lane, box.y1);
-    olvex::set_lane(block.corners.x2, lane, box.x2);
-    olvex::set_lane(block.corners.y2, lane, box.y2);
-    olvex::set_lane(block.area, lane, inclusive_area(box));
-    olvex::set_lane(block.label, lane, static_cast<int32_t>(box.label));
-    ++bucket.kept;
-  }
-
- private:
-  static const size_t kMaxBuckets = 64;
-  static const ptrdiff_t kFewBlocks = 4;
-
-  struct Block {
-    Corners<Floats> corners;
-    Floats area;
-    olvex::FloatsInt32 label;
-  };
-  struct Bucket {
-    size_t first;  // block
-    size_t end;    // block behind the last
-    size_t kept;   // boxes
-  };
-
-  // Lanes without a box: the ratio with them is NaN.
-  static Block blank() {
-    Block block = Block();
-    block.area = olvex::splat(NAN);
-    return block;
-  }
-
-  // A power of two, with a few boxes for each.
-  static size_t buckets_for(size_t num_boxes) {
-    size_t buckets = 1;
-    while (buckets < kMaxBuckets && buckets * olvex::kFloatLanes < num_boxes) {
-      buckets *= 2;
-    }
-    return buckets;
-  }
-
-  size_t bucket_of(const BoxInfo& box) const {
-    return static_cast<unsigned int>(box.label) & (num_buckets_ - 1);
-  }
-
-  void make_room(const olvex::vector<BoxInfo>& boxes) {
-    size_t sizes[kMaxBuckets];
-    memset(sizes, 0, num_buckets_ * sizeof(sizes[0]));
-    for (size_t k = 0; k < boxes.size(); ++k) {
-      ++sizes[bucket_of(boxes[k])];
-    }
-    size_t first = 0;
-    for (size_t b = 0; b < num_buckets_; ++b) {
-      buckets_[b].first = buckets_[b].end = first;
-      buckets_[b].kept = 0;
-      first += (sizes[b] + olvex::kFloatLanes - 1) / olvex::kFloatLanes;
-    }
-    blocks_.resize(first);
-  }
-
-  // Without a division, which takes longest: false only when no ratio reaches the threshold. The
-  // limit lies below the threshold by more than the division rounds.
-  bool may_suppress(const Block& kept, const Candidate& candidate) const {
-    const Floats intersection = inclusive_intersection(kept.corners, candidate.corners);
-    const Floats union_area = kept.area + candidate.area - intersection;
-    return !has_limit_ || olvex::any(intersection >= limit_ * union_area);
-  }
-
-  olvex::FloatsMask suppressed(const Block& kept, const Candidate& candidate) const {
-    Floats intersection = inclusive_intersection(kept.corners, candidate.corners);
-    if (class_specific_) {
-      const Floats none = Floats();
-      intersection = kept.label == candidate.label ? intersection : none;
-    }
-    const Floats ovr = intersection / (kept.area + candidate.area - intersection);
-    // Deliberate: a pair is kept only strictly below the threshold, so a ratio equal to it
-    // suppresses; a NaN ratio is not at or above it and does not.
-    return ovr >= threshold_;
-  }
-
-  float threshold_;
-  float limit_;
-  bool class_specific_;
-  bool has_limit_;
-  size_t num_buckets_;
-  Bucket buckets_[kMaxBuckets];
-  olvex::scratch<Block, kUsualBoxes / olvex::kFloatLanes> blocks_;
-};
-
-}  // namespace
 
 void nms(olvex::vector<BoxInfo>& input_boxes, float NMS_THRESH, unsigned char class_specific) {
   OLVEX_INFO_FORMAT("nms, NMS_THRESH: %f\n", static_cast<double>(NMS_THRESH));
   OLVEX_INFO("qsort_descent_inplace");
-  const size_t n = input_boxes.size();
   BoxOrder sorted;
-  find_order(input_boxes, 0, n, sorted);
+  find_order(input_boxes, 0, input_boxes.size(), sorted);
 
   OLVEX_INFO("do nms now!");
-  KeptBoxes kept(input_boxes, NMS_THRESH, class_specific != 0);
-  // First the boxes that are kept, by falling score, then the others.
   BoxOrder order;
-  order.resize(n);
-  size_t num_kept = 0;
-  size_t num_suppressed = 0;
-  for (size_t k = 0; k < n; ++k) {
-    const BoxInfo& box = input_boxes[sorted[k]];
-    if (kept.suppress(box)) {
-      order[n - ++num_suppressed] = sorted[k];
-    } else {
-      kept.add(box);
-      order[num_kept++] = sorted[k];
-    }
-  }
+  const size_t num_kept = find_kept(input_boxes, sorted, NMS_THRESH, class_specific != 0, order);
   move_to_order(input_boxes, 0, order);
   while (input_boxes.size() > num_kept) {
     input_boxes.erase(input_boxes.end() - 1);
@@ -244,9 +38,7 @@ void nms_sorted_bboxes(olvex::vector<BoxInfo>& bboxes, olvex::vector<int>& picke
     // Deliberate: no early exit, so that the time depends on the number of boxes only.
     for (size_t k = 0; k < picked.size(); ++k) {
       const size_t p = static_cast<size_t>(picked[k]);
-      const bool apart = class_specific != 0 && bboxes[i].label != bboxes[p].label;
-      const float intersection =
-          apart ? 0.0f : inclusive_intersection(corners_of(bboxes[i]), corners_of(bboxes[p]));
+      const float intersection = inclusive_intersection(bboxes[i], bboxes[p], class_specific != 0);
       const float union_area = areas[i] + areas[p] - intersection;
       if (intersection / union_area >= nms_threshold) {
         keep = false;

@@ -20,7 +20,8 @@ struct InvokeTimes {
 // The range that the calling thread last flushed, as the frame's owner stated its size.
 struct FlushedRange {
   const void* address = nullptr;
-  QV_U32 size = 0;  // bytes
+  QV_U32 size = 0;         // bytes
+  bool is_memory = false;  // all of them could be read then, and none is mapped from a file
 };
 
 class Channel {

@@ -260,13 +260,14 @@ QV_EXPORT QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input,
 // frame is, so that QV_IPU_Invoke can refuse one that is too small.
 QV_EXPORT QV_S32 QV_SYS_FlushInvCache(void* address, QV_U32 size) {
   return guarded("QV_SYS_FlushInvCache", [&] {
-    last_flushed = FlushedRange{address, size};
+    last_flushed = FlushedRange{address, size, false};
     require_argument(address, "address");
-    const std::size_t readable = readable_range(address, size).size;
-    if (readable < size) {
-      throw HostError(QV_HOST_BAD_FRAME, "only " + std::to_string(readable) + " of " +
+    const ReadableRange readable = readable_range(address, size);
+    if (readable.size < size) {
+      throw HostError(QV_HOST_BAD_FRAME, "only " + std::to_string(readable.size) + " of " +
                                              std::to_string(size) + " bytes are mapped");
     }
+    last_flushed.is_memory = !readable.has_file;
   });
 }
 

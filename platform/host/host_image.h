@@ -1,6 +1,7 @@
 // host_image.h - the host accelerator's offline model: its bytes, and the description inside.
 // Written by the packer, read by the host accelerator; both through these functions alone.
-// docs/model-images.md is the format's manual; host_image.cpp holds the reading and checking.
+// docs/model-images.md is the format's manual; host_image.cpp reads the bytes,
+// description_json.cpp and description_checks.cpp the description.
 #ifndef PLATFORM_HOST_HOST_IMAGE_H
 #define PLATFORM_HOST_HOST_IMAGE_H
 

@@ -2,6 +2,7 @@
 #include "platform/host/memory_map.h"
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -79,6 +80,7 @@ ReadableRange readable_range(const void* address, std::size_t wanted) {
     if (position == start) {
       range.file = mapping->path;
     }
+    range.has_file = range.has_file || mapping->inode != 0;
     const std::uintptr_t end = end_within_file(*mapping);
     position = std::max(position, end);
     range.size = std::min<std::size_t>(wanted, position - start);
@@ -87,6 +89,28 @@ ReadableRange readable_range(const void* address, std::size_t wanted) {
     }
   }
   return range;
+}
+
+bool is_still_readable(const void* address, std::size_t size) {
+  constexpr std::size_t kPagesAtOnce = 256;
+  const std::uintptr_t page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(address);
+  const std::uintptr_t end = start + size;
+  std::uintptr_t position = start;
+  while (position < end) {
+    iovec from[kPagesAtOnce];
+    char bytes[kPagesAtOnce];
+    std::size_t count = 0;
+    for (; count < kPagesAtOnce && position < end; ++count) {
+      from[count] = {reinterpret_cast<void*>(position), 1};
+      position = (position / page + 1) * page;
+    }
+    const iovec to = {bytes, count};
+    if (process_vm_readv(getpid(), &to, 1, from, count, 0) != static_cast<ssize_t>(count)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace qv_host

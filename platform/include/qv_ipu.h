@@ -51,10 +51,18 @@ typedef enum QV_IPU_LAYOUT_TYPE QV_ENUM_WIDTH {
   QV_IPU_LAYOUT_NCHW = 1
 } QV_IPU_LAYOUT_TYPE;
 
+/* The bytes with which an offline model starts. */
+#define QV_IPU_OFFLINE_MODEL_START "QTNX"
+
 /* Read callback: copies size bytes at offset of whatever ctx names to dst. Returns 0 when all bytes
  * were delivered, anything else on failure. For the library's own callback ctx is the address of
  * the offline model's first byte in memory and offset counts from there. */
 typedef int (*QV_IPU_ReadFunc)(void* dst, int offset, int size, char* ctx);
+
+/* How pictures lie in memory with the device that the library creates: bytes to whose multiples the rows
+ * of NV12 and of the 4-byte formats are padded, and rows to which the Y plane of NV12 is. */
+#define QV_IPU_ROW_ALIGNMENT 16
+#define QV_IPU_NV12_ROWS_ALIGNMENT 2
 
 /* Device attributes. Set what is needed, leave the rest 0. */
 typedef struct QV_IPU_DevAttr_s {

@@ -4,7 +4,7 @@
 // The accelerator keeps real device and channel states, hands out guarded buffers, plays queued
 // output frames, fails the calls that it is told to fail, notes every call, and reports by itself
 // whatever breaks the contract of qv_ipu.h. tests/support/scripted_test.h wraps it for GoogleTest;
-// qv_scripted.cpp holds the QV_ calls.
+// scripted_setup.cpp and scripted_frames.cpp hold the QV_ calls.
 #ifndef PLATFORM_SCRIPTED_QV_SCRIPTED_H
 #define PLATFORM_SCRIPTED_QV_SCRIPTED_H
 

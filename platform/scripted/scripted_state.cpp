@@ -1,5 +1,6 @@
 // scripted_state.cpp - the control functions of the scripted accelerator and what they work on.
-// qv_scripted.h is their contract; qv_scripted.cpp holds the QV_ calls.
+// qv_scripted.h is their contract; scripted_setup.cpp and scripted_frames.cpp hold the QV_
+// calls.
 #include "platform/scripted/scripted_state.h"
 
 #include <algorithm>
@@ -170,12 +171,11 @@ QV_IPU_TensorDesc_t picture_input(QV_IPU_ELEMENT_FORMAT format, QV_U32 width, QV
   const bool nv12 = format == QV_IPU_FORMAT_NV12;
   const bool four_bytes = format == QV_IPU_FORMAT_ARGB8888 || format == QV_IPU_FORMAT_ABGR8888;
   const QV_U32 channels = format == QV_IPU_FORMAT_GRAY ? 1 : four_bytes ? 4 : 3;
-  constexpr QV_U32 kRowAlignment = 16;  // bytes
   QV_IPU_TensorDesc_t tensor = nhwc_tensor("input", {1, height, width, channels}, format, 1.f);
-  tensor.u32InputWidthAlignment = kRowAlignment;
-  tensor.u32InputHeightAlignment = nv12 ? 2 : 1;
+  tensor.u32InputWidthAlignment = QV_IPU_ROW_ALIGNMENT;
+  tensor.u32InputHeightAlignment = nv12 ? QV_IPU_NV12_ROWS_ALIGNMENT : 1;
   const std::uint64_t row = nv12 ? width : std::uint64_t{width} * channels;
-  const std::uint64_t pitch = round_up(row, kRowAlignment);
+  const std::uint64_t pitch = round_up(row, QV_IPU_ROW_ALIGNMENT);
   const std::uint64_t rows = round_up(height, tensor.u32InputHeightAlignment);
   const std::uint64_t aligned = nv12 ? pitch * rows / 2 * 3 : pitch * rows;
   if (aligned > kMaxTensorSize) {

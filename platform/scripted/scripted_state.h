@@ -1,5 +1,6 @@
 // scripted_state.h - everything that the scripted accelerator remembers, behind one mutex.
-// scripted_state.cpp holds the control functions over it, qv_scripted.cpp the QV_ calls.
+// scripted_state.cpp holds the control functions over it, scripted_setup.cpp and scripted_frames.cpp the QV_
+// calls.
 #ifndef PLATFORM_SCRIPTED_SCRIPTED_STATE_H
 #define PLATFORM_SCRIPTED_SCRIPTED_STATE_H
 

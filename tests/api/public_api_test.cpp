@@ -180,7 +180,7 @@ TEST_F(PublicApi, set_tracker2_takes_a_zero_for_the_stabiliser_only) {
                                     std::to_string(row.given.ignore_frame_number) + "\n"));
     EXPECT_EQ(row.options, options(det()));
   }
-  const OlvexIouTracker* made = static_cast<OlvexIouTracker*>(det().mTracker_);
+  const OlvexIouTracker* made = det().tracker();
   ASSERT_NE(nullptr, made);
   EXPECT_EQ(-32768.f, made->iou_t_min_);
 }

@@ -689,7 +689,7 @@ TEST_F(SdetModel, handle_takes_part_in_nothing_without_frame_tracker_or_initiali
   ASSERT_NE(nullptr, handle.mTracker_);
 
   // Tracks that none of its steps makes: one without a box, and one of a hidden class.
-  olvex::vector<Track>& tracks = static_cast<OlvexIouTracker*>(handle.mTracker_)->finished_tracks_;
+  olvex::vector<Track>& tracks = handle.tracker()->finished_tracks_;
   tracks.resize(3, Track());
   tracks[1].boxes.resize(1, TrackBBox());
   tracks[2].boxes = tracks[1].boxes;

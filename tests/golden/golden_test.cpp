@@ -257,7 +257,8 @@ std::string run_scenario(const Scenario& s) {
   qv_scripted::add_network(network);
 
   const std::string model = testing::TempDir() + "golden_" + s.name + ".model";
-  std::ofstream(model, std::ios::binary) << s.header << "QTNX" << std::string(60, '.');
+  std::ofstream(model, std::ios::binary)
+      << s.header << QV_IPU_OFFLINE_MODEL_START << std::string(60, '.');
 
   void* handle = nullptr;
   ALGO_DET_CreateHandle(&handle);

@@ -3,15 +3,17 @@
 compile_commands.json."""
 import json
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
 
-# The library's own targets: others compile the same sources, with headers of their own.
-TARGETS = ("olvex_det_core.dir/", "olvex_det.dir/")
+# The library's own targets: others compile the same sources, with headers of their own. What takes the
+# place of a source, the plain library has.
+TARGETS = re.compile(r"olvex_det(_core)?\.dir/|olvex_det_plain\.dir/.*_plain\.cpp$")
 
 commands = json.loads((pathlib.Path(sys.argv[1]) / "compile_commands.json").read_text())
-commands = [c for c in commands if any(target in c["command"] for target in TARGETS)]
+commands = [c for c in commands if TARGETS.search(c["command"])]
 sources = sorted({c["file"] for c in commands})
 assert sources, "no library source in compile_commands.json"
 with tempfile.TemporaryDirectory() as folder:

@@ -104,8 +104,8 @@ class OLVEX_CONTRACT_SUITE : public testing::Test {
     contract::set_up();
     std::ifstream file(contract::model_path(), std::ios::binary);
     model_.assign((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    ASSERT_NE(model_.find("QTNX"), std::string::npos);
-    model_.erase(0, model_.find("QTNX"));
+    ASSERT_NE(model_.find(QV_IPU_OFFLINE_MODEL_START), std::string::npos);
+    model_.erase(0, model_.find(QV_IPU_OFFLINE_MODEL_START));
     ASSERT_EQ(0, create_device());
     channel_.open(&model_);
   }

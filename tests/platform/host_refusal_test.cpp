@@ -184,6 +184,11 @@ TEST_F(HostRefusal, frames_that_are_absent_or_too_small) {
     expect_refusal(QV_HOST_BAD_FRAME, invoke);
     expect_refusal(QV_HOST_BAD_FRAME,
                    [&] { return QV_SYS_FlushInvCache(pages + page - 767, 768); });
+    input.astArrayTensors[0].ptTensorData[0] = pages + page - 768;
+    EXPECT_EQ(0, QV_SYS_FlushInvCache(pages + page - 768, 768));
+    EXPECT_EQ(0, invoke());
+    mprotect(pages, page, PROT_NONE);  // gone since the flush
+    expect_refusal(QV_HOST_BAD_FRAME, invoke);
     munmap(pages, 2 * page);
   }
   close(file);

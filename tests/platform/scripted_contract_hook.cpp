@@ -15,7 +15,7 @@ namespace contract {
 
 namespace {
 
-const std::string kOfflineModel = "QTNX and the rest of a model";
+const std::string kOfflineModel = QV_IPU_OFFLINE_MODEL_START " and the rest of a model";
 
 }  // namespace
 

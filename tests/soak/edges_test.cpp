@@ -43,7 +43,7 @@ class Edges : public PublicApi {
     PublicApi::SetUp();
   }
 
-  OlvexIouTracker& tracker() { return *static_cast<OlvexIouTracker*>(det().mTracker_); }
+  OlvexIouTracker& tracker() { return *det().tracker(); }
 
   std::vector<unsigned long long> ids() {
     std::vector<unsigned long long> ids;

@@ -270,7 +270,7 @@ class Soak {
 
   // New ids grow, none of a track that has ended comes again, and no list outgrows its bound.
   void check_tracks(const DetHandle& det, bool lists_tracks) {
-    const auto* const tracker = static_cast<const OlvexIouTracker*>(det.mTracker_);
+    const auto* const tracker = det.tracker();
     const olvex::vector<Track>& live = tracker->active_tracks_;
     const std::size_t finished = tracker->finished_tracks_.capacity();
     require(live.capacity() <= 2 * kMostLiveTracks, "live tracks", as_number(live.size()));

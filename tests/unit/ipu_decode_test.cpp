@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/postprocess/output_tensors.h"
 #include "tests/unit/boxes.h"
 
 namespace {
@@ -17,29 +18,22 @@ typedef std::vector<float> Values;
 
 // The output of one frame.
 struct Outputs {
-  std::vector<int> channels;
   std::vector<Tensor> tensors;
-  std::vector<float> scales;
-  std::vector<void*> data;
-  std::vector<OutputMemory> memory;
+  OutputTensors outputs = {};
   DetDecodeInfo info;
 
   Outputs(const std::vector<int>& c, const std::vector<Values>& values,
-          QV_IPU_ELEMENT_FORMAT format)
-      : channels(c) {
+          QV_IPU_ELEMENT_FORMAT format) {
     info.out_format = format;
-    for (const Values& tensor : values) {
-      const bool is_count = scales.size() + 1 == values.size();
-      scales.push_back(is_count ? 0.2f : ldexpf(1, -6 - static_cast<int>(scales.size())));
-      tensors.push_back(Tensor(tensor, scales.back()));
-      data.push_back(tensors.back().data(info.out_format));
-      memory.push_back({4, tensor.size(), tensor.size()});
+    for (size_t k = 0; k < values.size(); ++k) {
+      const bool is_count = k + 1 == values.size();
+      const float scale = is_count ? 0.2f : ldexpf(1, -6 - static_cast<int>(k));
+      tensors.push_back(Tensor(values[k], scale));
+      outputs.add(tensors.back().data(format), scale, 0, 0, c[k],
+                  {4, values[k].size(), values[k].size()});
     }
-    channels.resize(6);  // as in a frame, of which four are printed
-    info.data = data.data();
-    info.scalar = scales.data();
-    info.net_out_c = channels.data();
-    info.num_out_layers = static_cast<int>(values.size());
+    outputs.describe(info);
+    info.memory = NULL;
     info.conf_threshold = info.nms_threshold = 0.5f;
     info.num_classes = 80;
     info.num_keypoints = 9;
@@ -98,10 +92,10 @@ TEST(IpuDecode, ReadsEachLayout) {
     for (const QV_IPU_ELEMENT_FORMAT format : {QV_IPU_FORMAT_FP32, QV_IPU_FORMAT_INT16}) {
       SCOPED_TRACE(std::string(row.name) + ", format " + std::to_string(format));
       Outputs outputs(row.channels, row.tensors, format);
-      for (OutputMemory& memory : outputs.memory) {
+      for (OutputMemory& memory : outputs.outputs.memory) {
         memory.rows = row.num_rows;
       }
-      outputs.info.memory = row.num_rows == 0 ? NULL : outputs.memory.data();
+      outputs.info.memory = row.num_rows == 0 ? NULL : outputs.outputs.memory;
       olvex::vector<BoxInfo> boxes = list_of({make_box(1, 2, 3, 4)});
       EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
       EXPECT_EQ(numbers(boxes), numbers(list_of(row.hits)));
@@ -182,17 +176,17 @@ TEST(IpuDecode, RefusesBuffersThatEndBeforeWhatIsRead) {
     for (size_t t = 0; t < tensors.size(); ++t) {
       SCOPED_TRACE(std::to_string(channels.size()) + " tensors, short: " + std::to_string(t));
       Outputs outputs(channels, tensors, QV_IPU_FORMAT_FP32);
-      outputs.info.memory = outputs.memory.data();
+      outputs.info.memory = outputs.outputs.memory;
       olvex::vector<BoxInfo> boxes;
       EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
       EXPECT_FALSE(boxes.empty());
-      --outputs.memory[t].readable;
+      --outputs.outputs.memory[t].readable;
       testing::internal::CaptureStdout();
       EXPECT_EQ(ipu_decode(outputs.info, boxes), 12);
       EXPECT_EQ(captured_errors(), "shape of model output tensor might be wrong, please check!\n");
       EXPECT_TRUE(boxes.empty());
       // Nothing of the short part is asked for: the list names the first row only.
-      *static_cast<float*>(outputs.data[tensors.size() - 1]) = 1;
+      *static_cast<float*>(outputs.outputs.data[tensors.size() - 1]) = 1;
       EXPECT_EQ(ipu_decode(outputs.info, boxes), t + 1 == tensors.size() ? 12 : 0);
     }
   }

@@ -8,6 +8,8 @@
 
 #include "platform/scripted/qv_scripted.h"
 #include "utils/numeric/saturating_cast.h"
+#include "base/postprocess/output_tensors.h"
+#include "base/sdet/model_words.h"
 #include "video/det/include/det_schedule.h"
 
 // Both libraries are shared objects and take these before the system's.
@@ -204,31 +206,21 @@ struct Outputs {
     const bool is_int16 = info.out_format == QV_IPU_FORMAT_INT16;
     fenced_.emplace_back(new Fenced(random, encoded(random, info.out_format, values, scale),
                                     is_int16 ? sizeof(int16_t) : sizeof(float)));
-    data_.push_back(fenced_.back()->data());
-    scales_.push_back(scale);
-    widths_.push_back(w);
-    heights_.push_back(h);
-    channels_.push_back(c);
-    info.data = data_.data();
-    info.scalar = is_int16 ? scales_.data() : nullptr;
-    info.net_out_w = widths_.data();
-    info.net_out_h = heights_.data();
-    info.net_out_c = channels_.data();
-    info.num_out_layers = static_cast<int>(data_.size());
     // At times the platform says that a buffer is shorter than its shape.
     const size_t most = values.size();
-    memory_.push_back({static_cast<size_t>(w) * static_cast<size_t>(h), most,
-                       random.chance(5) ? random.index(most + 1) : most});
+    tensors_.add(fenced_.back()->data(), scale, w, h, c,
+                 {static_cast<size_t>(w) * static_cast<size_t>(h), most,
+                  random.chance(5) ? random.index(most + 1) : most});
+    tensors_.describe(info);
+    info.scalar = is_int16 ? tensors_.scalar : nullptr;
+    info.memory = nullptr;
   }
 
-  void tell_memory() { info.memory = memory_.data(); }
+  void tell_memory() { info.memory = tensors_.memory; }
 
  private:
   std::vector<std::unique_ptr<Fenced>> fenced_;
-  std::vector<OutputMemory> memory_;
-  std::vector<void*> data_;
-  std::vector<float> scales_;
-  std::vector<int> widths_, heights_, channels_;
+  OutputTensors tensors_ = {};
 };
 
 float draw_scale(Random& random) {
@@ -546,9 +538,14 @@ void log_lines(const Routines& library, Random& random, Record& /*record*/) {
 const QV_U32 kNetSize = 64;  // pixels
 
 struct ModelType {
-  const char* header;
+  std::string header;
   int num_classes, num_keypoints;
 };
+
+ModelType of_word(const char* name, const char* rest) {
+  const ModelWord& word = *find_model_word(name);
+  return {std::string(kModelOutKey) + ":" + name + rest, word.num_classes, word.num_keypoints};
+}
 
 void add_output(Random& random, QV_IPU_ELEMENT_FORMAT format, const std::vector<QV_U32>& shape,
                 float scale, const std::vector<float>& values, qv_scripted::Network& network) {
@@ -619,12 +616,12 @@ void set_options(const Routines& library, Random& random, void* handle) {
 }
 
 void whole_run(const Routines& library, Random& random, Record& record) {
-  const ModelType type = random.pick<ModelType>({{"model_out:zrpd\n", 1, 0},
-                                                 {"model_out:zrpcd\n", 3, 0},
+  const ModelType type = random.pick<ModelType>({of_word("zrpd", "\n"),
+                                                 of_word("zrpcd", "\n"),
                                                  {"", 8, 0},
-                                                 {"model_out:zrlpd\n", 1, 4},
-                                                 {"model_out:zrhpd\n", 1, 17},
-                                                 {"model_out:zrpcnh;lib_out:zrpcn\n", 7, 0}});
+                                                 of_word("zrlpd", "\n"),
+                                                 of_word("zrhpd", "\n"),
+                                                 of_word("zrpcnh", ";lib_out:zrpcn\n")});
   const int frames = random.between(20, 40);
   qv_scripted::reset();
   qv_scripted::Network network;
@@ -634,7 +631,8 @@ void whole_run(const Routines& library, Random& random, Record& record) {
   qv_scripted::add_network(network);
   const std::string model =
       testing::TempDir() + "plain_comparison_" + std::to_string(getpid()) + ".model";
-  std::ofstream(model, std::ios::binary) << type.header << "QTNX0123456789ab";
+  std::ofstream(model, std::ios::binary)
+      << type.header << QV_IPU_OFFLINE_MODEL_START "0123456789ab";
   unsetenv("QK_ALGO_S");
 
   void* handle = nullptr;

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/postprocess/output_tensors.h"
 #include "tests/unit/boxes.h"
 
 namespace {
@@ -18,25 +19,22 @@ typedef std::vector<float> Values;
 struct Layer {
   float scale = 1.0f / 256;
   Tensor cells;
-  int width[2], height[2], channels[2];  // a second layer is the same
-  void* data[2];
+  OutputTensors outputs = {};
   DetDecodeInfo info;
   olvex::vector<BoxInfo> boxes;
 
-  Layer(int w, int h, const Values& values, QV_IPU_ELEMENT_FORMAT format)
-      : cells(values, scale), width{w, w}, height{h, h} {
-    channels[0] = channels[1] = static_cast<int>(values.size()) / (w * h);
-    data[0] = data[1] = cells.data(format);
+  Layer(int w, int h, const Values& values, QV_IPU_ELEMENT_FORMAT format) : cells(values, scale) {
+    for (int layer = 0; layer < 2; ++layer) {  // the second one is the same
+      outputs.add(cells.data(format), scale, w, h, static_cast<int>(values.size()) / (w * h),
+                  OutputMemory());
+    }
+    outputs.describe(info);
+    info.memory = NULL;
     info.net_in_w = 8 * w;
     info.net_in_h = 8 * h;
-    info.net_out_w = width;
-    info.net_out_h = height;
-    info.net_out_c = channels;
     info.num_out_layers = 1;
     info.num_classes = 2;
     info.conf_threshold = info.nms_threshold = 0.5f;
-    info.data = data;
-    info.scalar = &scale;
     info.out_format = format;
   }
   Layer(const Layer&) = delete;
@@ -172,7 +170,7 @@ TEST(RawDecode, RefusesLayersThatDoNotFit) {
 TEST(RawDecode, GoesOnBehindALayerThatFails) {
   // Both cells pass, with boxes that overlap by 57 / 73 and have different labels.
   Layer layer(2, 1, {0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2}, QV_IPU_FORMAT_FP32);
-  layer.channels[0] = 7;
+  layer.outputs.channels[0] = 7;
   layer.info.num_out_layers = 2;
   for (const QV_BOOL class_specific : {QV_BOOL{1}, QV_BOOL{0}}) {
     layer.info.class_specific_nms = class_specific;

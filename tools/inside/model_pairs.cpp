@@ -1,5 +1,5 @@
 // model_pairs.cpp - header pairs and type words. What a word or a channel count means is asked of
-// the library; only the list of words is kept here. Read model_pairs.h first.
+// the library. Read model_pairs.h first.
 #include "tools/inside/model_pairs.h"
 
 #include <algorithm>
@@ -11,13 +11,10 @@
 
 namespace olvex_tools {
 
-const char kModelOutKey[] = "model_out";
-const char kLibOutKey[] = "lib_out";
-
 namespace {
 
 constexpr std::size_t kLongestText = 127;  // bytes of a key or value that the library keeps
-const char kStartPattern[] = "QTNX";
+const char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
 
 // Why the library would not read the text back as it is; empty when it would.
 std::string fault_of(const std::string& text) {
@@ -117,9 +114,13 @@ TypeCounts guess_counts(int channels) {
 }
 
 const std::vector<std::string>& type_words() {
-  static const std::vector<std::string> words = {"zrpd",   "zrfd",   "zrlpd",   "zrhgd",    "zrhpd",
-                                                 "zrfl",   "zrfsd",  "zrpcd",   "zrphf",    "zrpcn",
-                                                 "zrpcnh", "zrpcnf", "zrpcncd", "zrpcncdhf"};
+  static const std::vector<std::string> words = [] {
+    std::vector<std::string> known;
+    for (const ModelWord& word : kModelWords) {
+      known.emplace_back(word.word);
+    }
+    return known;
+  }();
   return words;
 }
 

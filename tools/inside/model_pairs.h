@@ -1,6 +1,6 @@
 // model_pairs.h - the key/value pairs in front of an offline model: checking and writing them, and
 // what the library makes of the key model_out.
-// The library reads the pairs in sdet_model.cpp.
+// The library reads the pairs in base/sdet/model_image.cpp.
 #ifndef TOOLS_INSIDE_MODEL_PAIRS_H
 #define TOOLS_INSIDE_MODEL_PAIRS_H
 
@@ -8,16 +8,12 @@
 #include <utility>
 #include <vector>
 
-#include "base/sdet/sdet_model.h"
+#include "base/sdet/model_words.h"
 
 namespace olvex_tools {
 
 using Pair = std::pair<std::string, std::string>;
 using Pairs = std::vector<Pair>;
-
-// Keys that the library looks for.
-extern const char kModelOutKey[];
-extern const char kLibOutKey[];
 
 // Throws ToolError (kUsageError) unless the library will read every pair back as it is.
 void check_pairs(const Pairs& pairs);

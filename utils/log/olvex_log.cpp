@@ -1,6 +1,7 @@
-// olvex_log.cpp - the header of a log line. See olvex_log.h.
+// olvex_log.cpp - the header of a log line. See olvex_log.h; olvex_log_plain.cpp is the plain version,
+// which has the text's format.
 //
-// The text is that of the format "[%d-%02d-%02d %02d:%02d:%02d %.04f] %s, LINE: %d. ". Every frame
+// Every frame
 // logs some hundred lines, and with localtime and printf they would take longer than its boxes: so
 // the calendar fields are kept while the second lasts, and the numbers are written by hand.
 #include "utils/log/olvex_log.h"

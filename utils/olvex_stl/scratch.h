@@ -61,7 +61,8 @@ class scratch {
 
   T* own_data() { return reinterpret_cast<T*>(own_); }
 
-  void reserve(size_t n) {
+  // Seldom needed, and not to be repeated at each push_back.
+  __attribute__((noinline)) void reserve(size_t n) {
     T* moved = reinterpret_cast<T*>(storage::reserve_unset(n, sizeof(T)));
     if (size_ > 0) {
       memcpy(static_cast<void*>(moved), static_cast<const void*>(data_), size_ * sizeof(T));

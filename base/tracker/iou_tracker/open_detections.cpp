@@ -1,4 +1,5 @@
-// open_detections.cpp - one box against the open detections of a frame. See open_detections.h.
+// open_detections.cpp - one box against the open detections of a frame. See open_detections.h;
+// open_detections_plain.cpp is the plain version.
 #include "base/tracker/iou_tracker/open_detections.h"
 
 #include <math.h>
@@ -111,7 +112,6 @@ OpenDetections::Match OpenDetections::highest_iou(const TrackBBox& box) const {
       continue;
     }
     const Floats iou = are_apart ? nothing : ratio(block, asking);
-    // Deliberate: less or equal, so that equal overlaps go to the later detection.
     const FloatsMask is_best = best_iou <= iou;
     best_iou = is_best ? iou : best_iou;
     best_index = is_best ? block.index : best_index;

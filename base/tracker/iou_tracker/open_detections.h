@@ -1,5 +1,7 @@
 // open_detections.h - the detections of one frame that no track has taken yet, laid out for
 // comparing several at once with a track's last box. The tracker (iout.h) owns one.
+// open_detections_plain.cpp says which detection a box gets; open_detections.cpp finds the same one faster
+// and ships.
 #ifndef BASE_TRACKER_IOU_TRACKER_OPEN_DETECTIONS_H
 #define BASE_TRACKER_IOU_TRACKER_OPEN_DETECTIONS_H
 
@@ -24,6 +26,8 @@ class OpenDetections {
   void open(const TrackBBox* boxes, size_t count);
 
   // The open detection that highest_iou() chooses for the box, and track_bbox_iou() with it.
+  //
+  // Deliberate: of equal overlaps the last, and an overlap of 0 counts, but NaN does not.
   Match highest_iou(const TrackBBox& box) const;
 
   // Closes a detection that a track continues with.

@@ -67,6 +67,12 @@ class DetHandle {
   // Creates the tracker when it is switched on for the first time; once made it is kept.
   void set_iou_tracker_params(IouTrackerParams_t& params);
 
+  // Takes one frame through all stages that the options ask for, in order: detection, tracking with
+  // classification and double check, stabilisation. Returns 0; what detect or track returned; in between
+  // E_ALGO_INVALID_PARAM for the double check without a tracker. A failure is logged, and boxes then holds
+  // what the last stage left.
+  int run_frame(const QV_SYS_BufInfo_s* buffer, olvex::vector<BoxInfo>& boxes);
+
   // Runs one frame through the model; boxes gets the detections in display pixels. Returns 0;
   // E_ALGO_NOT_INIT; E_ALGO_INPUT_DATA_NULL without a buffer record; the model's code when the
   // invocation fails; E_ALGO_FILEIO_ERROR when the frame dump cannot be written.
@@ -85,6 +91,9 @@ class DetHandle {
   // Remembers this frame's boxes for stable_box.
   void update_last_output(olvex::vector<BoxInfo>& boxes);
 
+  // mTracker_ by its type; NULL: none.
+  OlvexIouTracker* tracker() const { return static_cast<OlvexIouTracker*>(mTracker_); }
+
   DetStableBboxParams_t mStableBboxPrams_;
   IoutStaticParams_t mStaticParams_;
   DetDoubleCheckParams_t mDoubleCheckParams_;
@@ -101,6 +110,7 @@ class DetHandle {
   int create_device(unsigned int variable_size);
   int open_device_and_model();
   int dump_frame(const QV_SYS_BufInfo_s& buffer);
+  int track_and_refine(olvex::vector<BoxInfo>& boxes);
   bool is_reported(const Track& track) const;
   olvex::scratch<TrackBBox> track_boxes_;  // this frame's boxes as the tracker sees them
 };

@@ -1,25 +1,13 @@
-// det_refine.cpp - DetHandle: what becomes of a frame's detections. Tracking, the rebuilt list and
-// stabilisation. See det_schedule.h.
+// det_refine.cpp - DetHandle: a frame's stages and what becomes of its detections. Tracking, the rebuilt list
+// and stabilisation. See det_schedule.h.
 #include "video/det/include/det_schedule.h"
 
 #include <stdint.h>
 
 #include "utils/log/olvex_log.h"
-#include "utils/numeric/saturating_cast.h"
+#include "video/det/src/previous_boxes.h"
 
 OLVEX_LOG_CLOCK;
-
-namespace {
-
-uint32_t truncated(float position) {
-  return olvex::saturating_cast<uint32_t>(static_cast<double>(position));
-}
-
-OlvexIouTracker* as_tracker(void* tracker) {
-  return static_cast<OlvexIouTracker*>(tracker);
-}
-
-}  // namespace
 
 // Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
 // the differences of boxes that do not meet wrap, so that two boxes far apart on a diagonal can
@@ -57,10 +45,10 @@ int DetHandle::track(olvex::vector<BoxInfo>& boxes) {
   }
   OLVEX_INFO_FORMAT("track input num is %d !\n", static_cast<int>(track_boxes_.size()));
 
-  OlvexIouTracker& tracker = *as_tracker(mTracker_);
-  tracker.track_frame(track_boxes_.data(), track_boxes_.size());
-  for (size_t i = 0; i < tracker.finished_tracks_.size(); ++i) {
-    const Track& track = tracker.finished_tracks_[i];
+  tracker()->track_frame(track_boxes_.data(), track_boxes_.size());
+  const olvex::vector<Track>& tracks = tracker()->finished_tracks_;
+  for (size_t i = 0; i < tracks.size(); ++i) {
+    const Track& track = tracks[i];
     const TrackBBox& last = track.boxes[track.boxes.size() - 1];
     OLVEX_INFO_FORMAT("track result %d x,y,w,h,id=%f,%f,%f,%f,%d!\n", static_cast<int>(i),
                       static_cast<double>(last.x), static_cast<double>(last.y),
@@ -109,7 +97,7 @@ void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
     return;
   }
   boxes.clear();
-  const olvex::vector<Track>& tracks = as_tracker(mTracker_)->finished_tracks_;
+  const olvex::vector<Track>& tracks = tracker()->finished_tracks_;
   size_t n = 0;
   for (size_t i = 0; i < tracks.size(); ++i) {
     n += is_reported(tracks[i]) ? 1 : 0;
@@ -123,70 +111,19 @@ void DetHandle::refine_result(olvex::vector<BoxInfo>& boxes) {
   }
 }
 
-namespace {
-
-// What iou_ratio() needs of one box, taken once. Ordinary corners are numbers: truncating them and
-// taking the larger or smaller are then done in either order with the same result.
-struct StableCorners {
-  explicit StableCorners(const BoxInfo& box)
-      : x1(truncated(box.x1)),
-        y1(truncated(box.y1)),
-        x2(truncated(box.x2)),
-        y2(truncated(box.y2)),
-        area((box.x2 - box.x1) * (box.y2 - box.y1)),
-        are_ordinary(box.x1 == box.x1 && box.y1 == box.y1 && box.x2 == box.x2 && box.y2 == box.y2) {
-  }
-
-  uint32_t x1;
-  uint32_t y1;
-  uint32_t x2;
-  uint32_t y2;
-  float area;
-  bool are_ordinary;
-};
-
-// iou_ratio() of two boxes with ordinary corners, by the same steps; 0 instead of any ratio that is
-// not above 0.
-float ratio_above_zero(const StableCorners& a, const StableCorners& b) {
-  const uint32_t width = olvex::min(a.x2, b.x2) - olvex::max(a.x1, b.x1);
-  const uint32_t height = olvex::min(a.y2, b.y2) - olvex::max(a.y1, b.y1);
-  const float inter = static_cast<float>(height * width);
-  const float areas = a.area + b.area - inter;
-  const float union_area = static_cast<float>(static_cast<double>(areas) + 1e-6);
-  // Boxes that do not meet in one direction have a huge intersection and a negative union.
-  return inter > 0.0f && union_area >= 0.0f ? inter / union_area : 0.0f;
-}
-
-}  // namespace
-
 void DetHandle::stable_box(olvex::vector<BoxInfo>& boxes) {
   OLVEX_DEBUG_FORMAT("enter %s\n", "stable_box");
   if (assert_handle_inited() != E_ALGO_SUCCESS) {
     return;
   }
-  olvex::scratch<StableCorners> previous;
-  for (size_t k = 0; k < mLastOutput_.size(); ++k) {
-    previous.push_back(StableCorners(mLastOutput_[k]));
-  }
+  const PreviousBoxes previous(mLastOutput_);
   for (size_t i = 0; i < boxes.size(); ++i) {
-    const StableCorners corners(boxes[i]);
-    size_t best = 0;
-    float best_iou = 0.0f;
-    for (size_t k = 0; k < mLastOutput_.size(); ++k) {
-      const float ratio = corners.are_ordinary && previous[k].are_ordinary
-                              ? ratio_above_zero(corners, previous[k])
-                              : iou_ratio(boxes[i], mLastOutput_[k]);
-      // Deliberate: strictly less, so that among equal overlaps the first previous box wins.
-      if (best_iou < ratio) {
-        best = k;
-        best_iou = ratio;
-      }
-    }
+    const PreviousBoxes::Match best = previous.highest_ratio(boxes[i]);
     // Deliberate: the whole record is replaced, class, time stamp and track id with it, and no
     // class is compared. OLVEX_StableBox holds the corners only, by another overlap. A sensitivity
     // below 0 would let a box without any overlap be replaced: there is none to take.
-    if (best_iou > 0.0f && mStableBboxPrams_.stable_sensitive < best_iou) {
-      boxes[i] = mLastOutput_[best];
+    if (best.ratio > 0.0f && mStableBboxPrams_.stable_sensitive < best.ratio) {
+      boxes[i] = mLastOutput_[best.index];
     }
   }
 }
@@ -195,4 +132,44 @@ void DetHandle::update_last_output(olvex::vector<BoxInfo>& boxes) {
   if (assert_handle_inited() == E_ALGO_SUCCESS) {
     mLastOutput_ = boxes;
   }
+}
+
+int DetHandle::track_and_refine(olvex::vector<BoxInfo>& boxes) {
+  const int result = track(boxes);
+  if (result != E_ALGO_SUCCESS) {
+    OLVEX_ERROR("track error");
+    return result;
+  }
+  const bool is_strict = mDoubleCheckParams_.enable == 1;
+  if (mStaticParams_.ignore_static_objects == 1 || is_strict) {
+    tracker()->static_moving_classify(mStaticParams_);
+  }
+  if (is_strict) {
+    do_double_check(boxes.data(), static_cast<int>(boxes.size()), tracker(), mDoubleCheckParams_);
+  }
+  refine_result(boxes);
+  return E_ALGO_SUCCESS;
+}
+
+int DetHandle::run_frame(const QV_SYS_BufInfo_s* buffer, olvex::vector<BoxInfo>& boxes) {
+  int result = detect(buffer, boxes);
+  if (result != E_ALGO_SUCCESS) {
+    OLVEX_ERROR_FORMAT("detect error (error code = %d)\n", result);
+    return result;
+  }
+  if (mIouTrackerParams_.enable == 0 && mDoubleCheckParams_.enable == 1) {
+    OLVEX_ERROR("tracker should be enable in strict mode!");
+    return E_ALGO_INVALID_PARAM;
+  }
+  if (mIouTrackerParams_.enable == 1) {
+    result = track_and_refine(boxes);
+    if (result != E_ALGO_SUCCESS) {
+      return result;
+    }
+  }
+  if (mStableBboxPrams_.stable_bbox == 1) {
+    stable_box(boxes);
+  }
+  update_last_output(boxes);
+  return E_ALGO_SUCCESS;
 }

@@ -15,11 +15,6 @@ char* save_path_det = NULL;
 
 namespace {
 
-// Bytes to which the camera aligns its rows, and rows to which it pads the Y plane.
-const QV_U32 kYuvRowAlignment = 16;
-const QV_U32 kYuvHeightAlignment = 2;
-const QV_U32 kXrgbRowAlignment = 16;
-
 // Holds a handle's mutex for a scope, also when an allocation failure leaves it.
 class MutexGuard {
  public:
@@ -40,10 +35,6 @@ class MutexGuard {
   DetHandle& handle_;
   bool unlocks_;
 };
-
-OlvexIouTracker* as_tracker(void* tracker) {
-  return static_cast<OlvexIouTracker*>(tracker);
-}
 
 }  // namespace
 
@@ -108,9 +99,9 @@ int DetHandle::unlock_mutex_lock() {
 int DetHandle::create_device(unsigned int variable_size) {
   QV_IPU_DevAttr_t attributes = QV_IPU_DevAttr_t();
   attributes.u32MaxVariableBufSize = variable_size;
-  attributes.u32YUV420_W_Pitch_Alignment = kYuvRowAlignment;
-  attributes.u32YUV420_H_Pitch_Alignment = kYuvHeightAlignment;
-  attributes.u32XRGB_W_Pitch_Alignment = kXrgbRowAlignment;
+  attributes.u32YUV420_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT;
+  attributes.u32YUV420_H_Pitch_Alignment = QV_IPU_NV12_ROWS_ALIGNMENT;
+  attributes.u32XRGB_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT;
   const int result = QV_IPU_CreateDevice(&attributes, NULL, mDetInfo_.ipu_firmware_path, 0);
   if (result != 0) {
     OLVEX_ERROR_FORMAT("QV_IPU_CreateDevice failed(error code = %d)\n", result);
@@ -182,7 +173,7 @@ int DetHandle::handle_deinit() {
   lock_mutex_lock();
   OLVEX_INFO("det_model deinit");
   detModel_.model_deinit();
-  delete as_tracker(mTracker_);
+  delete tracker();
   mTracker_ = NULL;
   if (mDetInfo_.had_create_device == 0) {
     OLVEX_INFO("QV_IPU_DestroyDevice");
@@ -244,8 +235,8 @@ void DetHandle::set_iou_tracker_params(IouTrackerParams_t& params) {
     mTracker_ = new OlvexIouTracker();
   }
   if (mTracker_ != NULL) {
-    as_tracker(mTracker_)->iou_t_min_ = static_cast<float>(mIouTrackerParams_.ignore_frame_number);
-    as_tracker(mTracker_)->max_lost_times_ = mIouTrackerParams_.max_lost_times;
+    tracker()->iou_t_min_ = static_cast<float>(mIouTrackerParams_.ignore_frame_number);
+    tracker()->max_lost_times_ = mIouTrackerParams_.max_lost_times;
   }
 }
 

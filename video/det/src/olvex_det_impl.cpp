@@ -1,6 +1,5 @@
-// olvex_det_impl.cpp - the exported functions: argument checks, translation of the public records,
-// and the order of the stages of one frame. See olvex_det.h for the contract and det_schedule.h for
-// the object behind a handle.
+// olvex_det_impl.cpp - the exported functions: argument checks and translation of the public records. See
+// olvex_det.h for the contract and det_schedule.h for the object behind a handle.
 #include "video/det/include/olvex_det.h"
 
 #include <stdint.h>
@@ -8,8 +7,6 @@
 
 #include "utils/log/olvex_log.h"
 #include "utils/numeric/saturating_cast.h"
-#include "base/postprocess/det_postprocess.h"
-#include "base/tracker/iou_tracker/iout.h"
 #include "video/det/include/commit_det.h"
 #include "video/det/include/det_schedule.h"
 
@@ -52,25 +49,6 @@ int init_handle(void* handle, DetInfo_t& record) {
 
 uint32_t to_pixels(float extent) {
   return olvex::saturating_cast<uint32_t>(static_cast<double>(extent));
-}
-
-// Tracking, classification and double check, then the rebuilt list.
-int track_and_refine(DetHandle& det, olvex::vector<BoxInfo>& boxes) {
-  const int result = det.track(boxes);
-  if (result != E_ALGO_SUCCESS) {
-    OLVEX_ERROR("track error");
-    return result;
-  }
-  OlvexIouTracker* tracker = static_cast<OlvexIouTracker*>(det.mTracker_);
-  const bool is_strict = det.mDoubleCheckParams_.enable == 1;
-  if (det.mStaticParams_.ignore_static_objects == 1 || is_strict) {
-    tracker->static_moving_classify(det.mStaticParams_);
-  }
-  if (is_strict) {
-    do_double_check(boxes.data(), static_cast<int>(boxes.size()), tracker, det.mDoubleCheckParams_);
-  }
-  det.refine_result(boxes);
-  return E_ALGO_SUCCESS;
 }
 
 // Deliberate: the limit counts examined entries, so one with a negative label uses up a place:
@@ -245,25 +223,10 @@ QV_S32 ALGO_DET_Run(void* handle, const ALGO_Input_t* algo_input, Box_t* bboxes,
   buffer.stFrameData.u32BufSize = algo_input->buf_size;
 
   olvex::vector<BoxInfo> boxes;
-  int result = det.detect(&buffer, boxes);
+  const int result = det.run_frame(&buffer, boxes);
   if (result != E_ALGO_SUCCESS) {
-    OLVEX_ERROR_FORMAT("detect error (error code = %d)\n", result);
     return result;
   }
-  if (det.mIouTrackerParams_.enable == 0 && det.mDoubleCheckParams_.enable == 1) {
-    OLVEX_ERROR("tracker should be enable in strict mode!");
-    return E_ALGO_INVALID_PARAM;
-  }
-  if (det.mIouTrackerParams_.enable == 1) {
-    result = track_and_refine(det, boxes);
-    if (result != E_ALGO_SUCCESS) {
-      return result;
-    }
-  }
-  if (det.mStableBboxPrams_.stable_bbox == 1) {
-    det.stable_box(boxes);
-  }
-  det.update_last_output(boxes);
   *num_bboxes = write_boxes(boxes, algo_input->pts, bboxes);
   OLVEX_INFO("ALGO_DET_Run Done");
   return E_ALGO_SUCCESS;

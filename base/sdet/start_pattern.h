@@ -1,0 +1,13 @@
+// start_pattern.h - the bytes with which the offline model starts, behind the text of a model image.
+// model_image.cpp looks for them.
+#ifndef BASE_SDET_START_PATTERN_H
+#define BASE_SDET_START_PATTERN_H
+
+#include <stddef.h>
+
+#include "qv_ipu.h"
+
+const char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
+const size_t kStartPatternSize = sizeof(kStartPattern) - 1;
+
+#endif  // BASE_SDET_START_PATTERN_H
