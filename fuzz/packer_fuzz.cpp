@@ -9,7 +9,7 @@
 #include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_file.h"
 #include "tools/common/command.h"
-#include "tools/pack/pack_options.h"
+#include "tools/pack/pack.h"
 
 namespace {
 

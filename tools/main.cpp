@@ -18,7 +18,6 @@
 
 #include "tools/common/command.h"
 #include "tools/common/standard_output.h"
-#include "tools/common/suggestion.h"
 #include "tools/common/text.h"
 
 namespace {

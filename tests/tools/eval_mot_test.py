@@ -276,6 +276,7 @@ class EvalMotTest(ToolTest):
         self.tool(*files, "--min", "HOTTA=1", code=2, said=["HOTA"])
         self.tool(*files, "--json", "truth_0.txt", code=2, said=["would overwrite"])
         self.tool(*files, "--json", "x", "--timeline", "./x", code=2, said=["both write to"])
+        self.tool(*files, "--json", "/dev/null", "--timeline", "/dev/null")
         self.tool(*files, "--timeline", "missing/x.svg", code=4, said=["missing/x.svg"])
         done = self.tool(*files, "--json", "-")
         self.assertEqual(json.loads(done.stdout)["schema_version"], 1)

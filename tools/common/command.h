@@ -35,6 +35,15 @@ class ToolError : public std::runtime_error {
   ExitCode exit_code_;
 };
 
+[[noreturn]] inline void refuse_usage(const std::string& message) {
+  throw ToolError(kUsageError, message);
+}
+
+// place: the file, and where in it.
+[[noreturn]] inline void refuse_input(const std::string& place, const std::string& problem) {
+  throw ToolError(kInputError, place + ": " + problem);
+}
+
 // The work of the subcommand that was chosen; returns an ExitCode, may throw ToolError.
 using Command = std::function<int()>;
 

@@ -8,7 +8,6 @@
 
 #include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
-#include "tools/common/suggestion.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {
@@ -17,15 +16,12 @@ namespace {
 
 constexpr std::size_t kNamesListed = 30;  // metrics of every class would fill the screen
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 double parse_value(const std::string& option, const std::string& text) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
   if (text.empty() || *end != '\0' || !std::isfinite(value)) {
-    refuse(option + ": \"" + text + "\" is not a number; give METRIC=VALUE, as in --min AP50=0.6");
+    refuse_usage(option + ": \"" + text +
+                 "\" is not a number; give METRIC=VALUE, as in --min AP50=0.6");
   }
   return value;
 }
@@ -79,7 +75,7 @@ std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts)
     const std::string option = "--min " + text;
     const std::size_t sign = text.rfind('=');  // a class may have one in its name
     if (sign == std::string::npos || sign == 0) {
-      refuse(option + ": give METRIC=VALUE, as in --min AP50=0.6");
+      refuse_usage(option + ": give METRIC=VALUE, as in --min AP50=0.6");
     }
     minimums.push_back({text.substr(0, sign), parse_value(option, text.substr(sign + 1))});
   }
@@ -92,8 +88,8 @@ void require_known_metrics(const std::vector<MetricMinimum>& minimums,
     if (std::find(known_names.begin(), known_names.end(), minimum.name) != known_names.end()) {
       continue;
     }
-    refuse("--min " + minimum.name + ": there is no such metric" +
-           did_you_mean(minimum.name, known_names) + "\nMetrics: " + listed(known_names));
+    refuse_usage("--min " + minimum.name + ": there is no such metric" +
+                 did_you_mean(minimum.name, known_names) + "\nMetrics: " + listed(known_names));
   }
 }
 

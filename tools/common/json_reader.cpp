@@ -24,10 +24,6 @@ constexpr double kNumberMost = 1e9;  // areas of such boxes are still far from o
 constexpr double kIntegerMost = 9007199254740992;  // 2^53
 constexpr std::size_t kReasonMost = 300;           // letters; the parser repeats what it read last
 
-[[noreturn]] void refuse_at(const std::string& place, const std::string& problem) {
-  throw ToolError(kInputError, place + ": " + problem);
-}
-
 // From the first of the starts on that is in the parser's message.
 std::string reason_of(const Json::exception& error, bool one_line) {
   std::string reason = error.what();
@@ -45,18 +41,18 @@ Json parse(const std::string& place, const char* begin, const char* end, bool on
            const Json::parser_callback_t& handle) {
   // The parser takes a zero byte for the end of the text.
   if (std::find(begin, end, '\0') != end) {
-    refuse_at(place, "is not JSON: it holds a zero byte");
+    refuse_input(place, "is not JSON: it holds a zero byte");
   }
   const auto callback = [&](int depth, Event event, Json& value) {
     if (depth > kNestingMost) {
-      refuse_at(place, "nests its values more than " + std::to_string(kNestingMost) + " deep");
+      refuse_input(place, "nests its values more than " + std::to_string(kNestingMost) + " deep");
     }
     return handle(depth, event, value);
   };
   try {
     return Json::parse(begin, end, callback);
   } catch (const Json::exception& error) {
-    refuse_at(place, "is not JSON: " + reason_of(error, one_line));
+    refuse_input(place, "is not JSON: " + reason_of(error, one_line));
   }
 }
 
@@ -87,13 +83,13 @@ class ListParser {
   void read() {
     const std::vector<char> bytes = read_whole_file("the file", path_);
     if (bytes.empty()) {
-      refuse_at(path_, "the file is empty");
+      refuse_input(path_, "the file is empty");
     }
     parse(path_, bytes.data(), bytes.data() + bytes.size(), false,
           [this](int depth, Event event, Json& value) { return handle(depth, event, value); });
     for (const auto& [name, reader] : lists_) {
       if (!one_list_ && file_keys_.all.count(name) == 0) {
-        refuse_at(path_, "has no \"" + name + "\"" + kind_.missing_list);
+        refuse_input(path_, "has no \"" + name + "\"" + kind_.missing_list);
       }
     }
   }
@@ -117,7 +113,7 @@ class ListParser {
     const bool begins =
         event == Event::object_start || event == Event::array_start || event == Event::value;
     if (begins && event != (one_list_ ? Event::array_start : Event::object_start)) {
-      refuse_at(path_, kind_.wrong_kind);
+      refuse_input(path_, kind_.wrong_kind);
     }
   }
 
@@ -131,14 +127,14 @@ class ListParser {
       return true;
     }
     if (reader_ != nullptr && (event == Event::value || event == Event::object_start)) {
-      refuse_at(path_, "\"" + list_name_ + "\" must be a list");
+      refuse_input(path_, "\"" + list_name_ + "\" must be a list");
     }
     return reader_ != nullptr || event != Event::array_start;
   }
 
   bool handle_item(Event event, const Json& value) {
     if (event == Event::value || event == Event::array_start) {
-      refuse_at(path_, item() + " must be an object {...}");
+      refuse_input(path_, item() + " must be an object {...}");
     }
     if (event == Event::object_start) {
       item_keys_.all.clear();
@@ -191,7 +187,7 @@ JsonItem::JsonItem(const std::string& place, const std::string& advice, const Js
 }
 
 void JsonItem::refuse(const std::string& problem) const {
-  refuse_at(place_, problem);
+  refuse_input(place_, problem);
 }
 
 void JsonItem::refuse_member(const std::string& name, const std::string& wanted) const {

@@ -61,7 +61,7 @@ using JsonItemReader = std::function<void(const JsonItem&)>;
 void read_json_object(const std::string& place, const std::string& advice, const char* begin,
                       const char* end, const JsonItemReader& reader);
 
-// How the file of read_json_lists is called when it is another one.
+// What read_json_lists says of a file of another kind.
 struct JsonListsKind {
   std::string wrong_kind;    // "is not a list of results"
   std::string missing_list;  // "; is it a COCO instances file?"

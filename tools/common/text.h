@@ -1,5 +1,5 @@
 // text.h - texts for messages and reports: numbers, counts, lists, and names from files made safe to show.
-// Read common/suggestion.h for what a misspelt word was meant to be.
+// And what a misspelt word was probably meant to be.
 #ifndef TOOLS_COMMON_TEXT_H
 #define TOOLS_COMMON_TEXT_H
 
@@ -33,6 +33,13 @@ std::string shortened(std::string_view text, std::size_t letters, const std::str
 
 // Letters on the screen: bytes that continue a UTF-8 letter take no room.
 std::size_t width_of(const std::string& text);
+
+// The nearest of names by edits (a letter added, left out, replaced, or two neighbours swapped);
+// empty when none is near enough to be meant.
+std::string closest_name(const std::string& word, const std::vector<std::string>& names);
+
+// ". Did you mean NAME?" for the closest name, or nothing.
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& names);
 
 }  // namespace olvex_tools
 

@@ -61,30 +61,26 @@ struct NamedRun {
   std::string path;
 };
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 std::vector<NamedRun> named_runs(const CommandLine& line) {
   if (line.runs.empty()) {
-    refuse("give at least one run as LABEL=FILE, as in tracked=tracked.jsonl");
+    refuse_usage("give at least one run as LABEL=FILE, as in tracked=tracked.jsonl");
   }
   if (line.runs.size() > kRunsMost) {
-    refuse("a sheet has room for " + std::to_string(kRunsMost) + " runs, not for " +
-           std::to_string(line.runs.size()));
+    refuse_usage("a sheet has room for " + std::to_string(kRunsMost) + " runs, not for " +
+                 std::to_string(line.runs.size()));
   }
   std::vector<NamedRun> runs;
   for (const std::string& word : line.runs) {
     const std::size_t sign = word.find('=');
     if (sign == std::string::npos || sign == 0 || sign + 1 == word.size()) {
-      refuse(word + ": give LABEL=FILE, as in tracked=tracked.jsonl");
+      refuse_usage(word + ": give LABEL=FILE, as in tracked=tracked.jsonl");
     }
     const NamedRun run = {word.substr(0, sign), word.substr(sign + 1)};
     const bool taken = std::any_of(runs.begin(), runs.end(), [&run](const NamedRun& other) {
       return other.label == run.label;
     });
     if (taken) {
-      refuse("two runs have the label " + run.label + ". Give each its own");
+      refuse_usage("two runs have the label " + run.label + ". Give each its own");
     }
     runs.push_back(run);
   }
@@ -94,7 +90,7 @@ std::vector<NamedRun> named_runs(const CommandLine& line) {
 void check_output(const CommandLine& line, const std::vector<NamedRun>& runs) {
   const std::string extension = fs::path(line.output).extension().string();
   if (extension != ".png" && extension != ".jpg" && extension != ".jpeg") {
-    refuse("--output " + line.output + ": the name must end in .png, .jpg or .jpeg");
+    refuse_usage("--output " + line.output + ": the name must end in .png, .jpg or .jpeg");
   }
   std::vector<std::string> read_paths = {line.input};
   for (const NamedRun& run : runs) {
@@ -110,7 +106,8 @@ bool is_dump(const fs::path& path) {
 // A camera shows its frames once, and what a dumped frame shows only its model tells.
 void require_repeatable(const std::string& input) {
   if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
-    refuse(input + ": a camera does not show its frames again. Record a video and run on that");
+    refuse_usage(input +
+                 ": a camera does not show its frames again. Record a video and run on that");
   }
   std::error_code error;
   bool dumps = is_dump(input);
@@ -119,14 +116,15 @@ void require_repeatable(const std::string& input) {
     dumps = dumps || is_dump(entry->path());
   }
   if (dumps) {
-    refuse(input + ": dumped frames cannot be shown without their model. Give the video or the " +
-           "pictures that they come from");
+    refuse_usage(input +
+                 ": dumped frames cannot be shown without their model. Give the video or the " +
+                 "pictures that they come from");
   }
 }
 
 void check_display(const CommandLine& line) {
   if (!line.display.empty() && line.display.size() != 2) {
-    refuse("--display: give width and height in pixels, as in 1920x1080");
+    refuse_usage("--display: give width and height in pixels, as in 1920x1080");
   }
 }
 
@@ -139,7 +137,7 @@ std::vector<long> in_order(std::vector<long> numbers) {
   std::sort(numbers.begin(), numbers.end());
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   if (numbers.size() > kFramesMost) {
-    refuse("--at: a sheet has room for " + std::to_string(kFramesMost) + " frames");
+    refuse_usage("--at: a sheet has room for " + std::to_string(kFramesMost) + " frames");
   }
   return numbers;
 }

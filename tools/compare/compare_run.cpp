@@ -24,10 +24,6 @@ constexpr std::uint64_t kPixelMost = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint64_t kAnyMost = std::numeric_limits<std::uint64_t>::max();
 const char kAdvice[] = "Give what olvex-det run wrote with --jsonl";
 
-[[noreturn]] void refuse(const std::string& place, const std::string& problem) {
-  throw ToolError(kInputError, place + ": " + problem);
-}
-
 std::vector<KeyPoint> read_key_points(const JsonItem& box) {
   constexpr float kNone = std::numeric_limits<float>::quiet_NaN();
   std::vector<KeyPoint> points;
@@ -91,9 +87,9 @@ void add_line(const char* begin, const char* end, ComparedRun* run) {
   read_json_object(place, kAdvice, begin, end,
                    [&](const JsonItem& line) { frame = read_frame(line, &run->class_names); });
   if (!run->frames.empty() && frame.number <= run->frames.back().number) {
-    refuse(place, "frame " + std::to_string(frame.number) + " comes after frame " +
-                      std::to_string(run->frames.back().number) +
-                      "; the numbers must rise. Give each run a file of its own");
+    refuse_input(place, "frame " + std::to_string(frame.number) + " comes after frame " +
+                            std::to_string(run->frames.back().number) +
+                            "; the numbers must rise. Give each run a file of its own");
   }
   run->frames.push_back(std::move(frame));
 }
@@ -112,7 +108,7 @@ ComparedRun read_compared_run(const std::string& label, const std::string& path)
     begin = line_end < end ? line_end + 1 : end;
   }
   if (run.frames.empty()) {
-    refuse(path, std::string("holds no frame. ") + kAdvice);
+    refuse_input(path, std::string("holds no frame. ") + kAdvice);
   }
   return run;
 }

@@ -22,14 +22,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-ToolError file_error(const fs::path& path, const std::string& problem) {
-  return ToolError(kInputError, path.string() + ": " + problem);
-}
-
 void require_readable(const fs::path& path) {
   errno = 0;
   if (!std::ifstream(path, std::ios::binary)) {
-    throw file_error(path, std::string("cannot be opened: ") + std::strerror(errno));
+    refuse_input(path, std::string("cannot be opened: ") + std::strerror(errno));
   }
 }
 
@@ -159,15 +155,15 @@ class PictureSource : public FileSource {
         frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
       }
     } catch (const cv::Exception& error) {
-      throw file_error(path, "cannot be read as a picture: " + error.err);
+      refuse_input(path, "cannot be read as a picture: " + error.err);
     }
     if (frame->picture.empty()) {
-      throw file_error(path,
-                       "cannot be read as a picture; it is damaged or of another kind than "
-                       "its name says");
+      refuse_input(path,
+                   "cannot be read as a picture; it is damaged or of another kind than "
+                   "its name says");
     }
     if (is_cut_jpeg(bytes)) {
-      throw file_error(path, "is cut: the file ends before the picture does");
+      refuse_input(path, "is cut: the file ends before the picture does");
     }
   }
 };
@@ -182,18 +178,18 @@ class DumpSource : public FileSource {
     std::error_code error;
     const std::uintmax_t size = fs::file_size(path, error);
     if (error) {
-      throw file_error(path, "its size cannot be told: " + error.message());
+      refuse_input(path, "its size cannot be told: " + error.message());
     }
     if (size != layout_.size) {
-      throw file_error(path, "has " + counted(size, "byte", "bytes") +
-                                 ", but a frame of this model is " + describe(layout_) +
-                                 ". It was dumped for another model or is cut");
+      refuse_input(path, "has " + counted(size, "byte", "bytes") +
+                             ", but a frame of this model is " + describe(layout_) +
+                             ". It was dumped for another model or is cut");
     }
     frame->dump.resize(layout_.size);
     std::ifstream file(path, std::ios::binary);
     if (!file.read(reinterpret_cast<char*>(frame->dump.data()),
                    static_cast<std::streamsize>(frame->dump.size()))) {
-      throw file_error(path, "cannot be read");
+      refuse_input(path, "cannot be read");
     }
   }
 

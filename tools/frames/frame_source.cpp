@@ -32,10 +32,6 @@ bool is_dump(const fs::path& path) {
   return lower_case_extension(path) == ".bin";
 }
 
-ToolError input_error(const std::string& input, const std::string& problem) {
-  return ToolError(kInputError, input + ": " + problem);
-}
-
 // The device path that a camera input names; empty when input is not a camera.
 std::string camera_device(const std::string& input) {
   if (input.rfind("/dev/video", 0) == 0) {
@@ -46,7 +42,7 @@ std::string camera_device(const std::string& input) {
   }
   const std::string number = input.substr(sizeof kCameraPrefix - 1);
   if (number.empty() || number.size() > 4 || !std::all_of(number.begin(), number.end(), is_digit)) {
-    throw input_error(input, "a camera is named by its number, for example camera:0");
+    refuse_input(input, "a camera is named by its number, for example camera:0");
   }
   return "/dev/video" + number;
 }
@@ -63,7 +59,7 @@ std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(con
     }
   }
   if (error) {
-    throw input_error(folder.string(), "the folder cannot be read: " + error.message());
+    refuse_input(folder.string(), "the folder cannot be read: " + error.message());
   }
   std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
     return natural_less(left.filename().string(), right.filename().string());
@@ -76,9 +72,9 @@ std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameL
   std::vector<fs::path> pictures = matching_files(folder, is_picture_file);
   std::vector<fs::path> dumps = matching_files(folder, is_dump);
   if (!pictures.empty() && !dumps.empty()) {
-    throw input_error(folder,
-                      "the folder holds both pictures and dumped frames (*.bin). Give each "
-                      "kind a folder of its own");
+    refuse_input(folder,
+                 "the folder holds both pictures and dumped frames (*.bin). Give each "
+                 "kind a folder of its own");
   }
   if (!pictures.empty()) {
     return make_picture_source(std::move(pictures), picture_rate);
@@ -86,9 +82,9 @@ std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameL
   if (!dumps.empty()) {
     return make_dump_source(std::move(dumps), layout, picture_rate);
   }
-  throw input_error(folder,
-                    "the folder holds no picture (png, jpg, bmp, ...) and no dumped frame "
-                    "(*.bin)");
+  refuse_input(folder,
+               "the folder holds no picture (png, jpg, bmp, ...) and no dumped frame "
+               "(*.bin)");
 }
 
 // Digits from position on, without leading zeros; moves position behind them.
@@ -169,8 +165,8 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {
     const std::string reason = error ? error.message() : "No such file or directory";
-    throw input_error(
-        input, device.empty() ? reason : device + ": " + reason + ". Is the camera connected?");
+    refuse_input(input,
+                 device.empty() ? reason : device + ": " + reason + ". Is the camera connected?");
   }
   if (!device.empty()) {
     return make_camera_source(input, device);
@@ -179,11 +175,10 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
     return open_folder(input, layout, picture_rate);
   }
   if (fs::is_fifo(status)) {
-    throw input_error(input,
-                      "is not a file or camera, but a pipe. Write the frames to a file first");
+    refuse_input(input, "is not a file or camera, but a pipe. Write the frames to a file first");
   }
   if (fs::is_regular_file(status) && fs::file_size(path, error) == 0) {
-    throw input_error(input, "the file is empty");
+    refuse_input(input, "the file is empty");
   }
   if (is_dump(path)) {
     return make_dump_source({path}, layout, picture_rate);

@@ -17,10 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 // Two names of one file. Devices and pipes may be shared.
 bool is_same_file(const std::string& left, const std::string& right) {
   if (left == kStandardOutput || right == kStandardOutput) {
@@ -57,16 +53,16 @@ bool lies_in(const std::string& path, const std::string& folder) {
 
 void require_apart(const OutputOption& output, const std::string& input) {
   if (is_same_file(output.path, input)) {
-    refuse(output.name + " would overwrite " + input + ", which is read. Name another file");
+    refuse_usage(output.name + " would overwrite " + input + ", which is read. Name another file");
   }
   if (is_frame_file(output.path) && lies_in(output.path, input)) {
-    refuse(output.name + " " + output.path +
-           " would lie among the frames that are read. Name another folder");
+    refuse_usage(output.name + " " + output.path +
+                 " would lie among the frames that are read. Name another folder");
   }
   // A folder of pictures that is written there could overwrite it.
   if (is_picture_file(input) && lies_in(input, output.path)) {
-    refuse(output.name + " " + output.path + " holds " + input +
-           ", which is read. Name another folder");
+    refuse_usage(output.name + " " + output.path + " holds " + input +
+                 ", which is read. Name another folder");
   }
 }
 
@@ -76,8 +72,8 @@ void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs) {
   for (const OutputOption& output : outputs) {
     if (!output.is_appended && leads_to_standard_output(output.path)) {
-      refuse(output.name + " " + output.path +
-             ": standard output is redirected to the same file. Give each a file of its own");
+      refuse_usage(output.name + " " + output.path +
+                   ": standard output is redirected to the same file. Give each a file of its own");
     }
   }
   for (auto output = outputs.begin(); output != outputs.end(); ++output) {
@@ -86,8 +82,8 @@ void require_own_files(const std::vector<OutputOption>& outputs,
     }
     for (auto other = outputs.begin(); other != output; ++other) {
       if (!other->path.empty() && is_same_file(output->path, other->path)) {
-        refuse(other->name + " and " + output->name + " both write to " + output->path +
-               ". Give each output a file of its own");
+        refuse_usage(other->name + " and " + output->name + " both write to " + output->path +
+                     ". Give each output a file of its own");
       }
     }
     for (const std::string& input : inputs) {

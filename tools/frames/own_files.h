@@ -14,7 +14,7 @@ struct OutputOption {
   bool is_appended = false;  // so that standard output may lead to the same file
 };
 
-// Throws ToolError (kUsageError) when two outputs would meet in one file, also by other names, when
+// Throws ToolError (kUsageError) when two outputs are one file, also by other names, when
 // standard output was redirected to one of them, when one would overwrite an input or a frame of a folder
 // that is an input, or when it is a folder that holds a frame that is an input. Devices and pipes may be
 // shared. Empty names are not looked at.

@@ -1,30 +1,223 @@
-// network_trial.cpp - the limits, what is run under them, and the refusals. Read network_trial.h
-// first.
+// network_trial.cpp - a child process with limits, which it sets on itself so that the parent only has to wait;
+// what is run in it, and the refusals. Read network_trial.h first.
 #include "tools/inside/network_trial.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <functional>
 #include <limits>
+#include <new>
 #include <system_error>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <opencv2/core.hpp>
 
 #include "platform/host/host_image.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
-#include "tools/inside/limited_child.h"
 
 namespace olvex_tools {
 
 namespace {
+
+// ---- The child process --------------------------------------------------------------------------
+
+struct ChildLimits {
+  double processor_seconds = 0;  // of all its threads together; counted in whole seconds
+  double seconds = 0;            // by the clock
+  std::uint64_t memory = 0;      // bytes of writable memory of its own; no limit under sanitizers
+};
+
+enum class ChildEnd {
+  kFinished,
+  kCrashed,
+  kTooLong,
+  kTooMuchProcessorTime,
+  kTooMuchMemory,
+  kKilled,  // SIGKILL: the kernel's when memory runs out, or when a limit of the shell's is reached
+  kInterrupted
+};
+
+struct ChildResult {
+  ChildEnd end = ChildEnd::kFinished;
+  std::string detail;  // kCrashed: the signal or the exit code, in words
+};
+
+constexpr int kMemoryExitCode = 99;
+
+// The sanitizers map terabytes, which a limit on memory would count.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryIsLimited = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kMemoryIsLimited = false;
+#else
+constexpr bool kMemoryIsLimited = true;
+#endif
+#else
+constexpr bool kMemoryIsLimited = true;
+#endif
+
+[[noreturn]] void end_without_memory() {
+  _exit(kMemoryExitCode);
+}
+
+// OpenCV allocates without operator new, and wraps the failure in errors of other kinds.
+int note_engine_error(int status, const char*, const char*, const char*, int, void*) {
+  if (status == cv::Error::StsNoMem) {
+    end_without_memory();
+  }
+  return 0;
+}
+
+// What the parent does on these signals (it removes its unfinished files, or ends in order) is not
+// the child's to do. Those that are ignored stay so.
+void drop_handlers() {
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    if (std::signal(signal_number, SIG_DFL) == SIG_IGN) {
+      std::signal(signal_number, SIG_IGN);
+    }
+  }
+}
+
+// A stricter limit of the user's stays.
+void lower_limit(__rlimit_resource resource, rlim_t value) {
+  struct rlimit limit = {};
+  getrlimit(resource, &limit);
+  limit.rlim_cur = std::min({value, limit.rlim_cur, limit.rlim_max});
+  setrlimit(resource, &limit);
+}
+
+void limit_time(const ChildLimits& limits) {
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_UNBLOCK, &all, nullptr);
+  std::signal(SIGXCPU, SIG_DFL);
+  std::signal(SIGALRM, SIG_DFL);
+  lower_limit(RLIMIT_CPU, static_cast<rlim_t>(std::ceil(limits.processor_seconds)));
+  struct itimerval timer = {};
+  timer.it_value.tv_sec = static_cast<time_t>(std::ceil(limits.seconds));
+  setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+void limit_memory(const ChildLimits& limits) {
+  // When the whole machine runs short, the kernel is to take this process and no other.
+  FILE* const preference = std::fopen("/proc/self/oom_score_adj", "w");
+  if (preference != nullptr) {
+    std::fputs("1000", preference);
+    std::fclose(preference);
+  }
+  if (kMemoryIsLimited) {
+    // Unlike RLIMIT_AS it leaves out what is reserved only, as the allocator does for each thread.
+    lower_limit(RLIMIT_DATA, limits.memory);
+  }
+  std::set_new_handler(end_without_memory);
+  cv::redirectError(note_engine_error);
+}
+
+void leave_no_traces() {
+  lower_limit(RLIMIT_CORE, 0);
+  prctl(PR_SET_DUMPABLE, 0);  // core files that go to a program instead know no limit
+  // Standard input stays: the network may come from there.
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    dup2(nowhere, stream);
+  }
+}
+
+[[noreturn]] void be_child(pid_t parent, const ChildLimits& limits,
+                           const std::function<void()>& work) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) {
+    _exit(kDone);  // the parent ended before it could be watched
+  }
+  drop_handlers();
+  limit_memory(limits);
+  leave_no_traces();
+  limit_time(limits);
+  try {
+    work();
+  } catch (const std::exception&) {
+    // The caller comes to the same refusal, and reports it.
+  }
+  _exit(kDone);
+}
+
+int wait_for(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+ChildResult explain_signal(int signal) {
+  switch (signal) {
+    case SIGXCPU:
+      return {ChildEnd::kTooMuchProcessorTime, ""};
+    case SIGALRM:
+      return {ChildEnd::kTooLong, ""};
+    case SIGKILL:
+      return {ChildEnd::kKilled, ""};
+    case SIGINT:
+    case SIGTERM:
+    case SIGHUP:
+    case SIGQUIT:
+      return {ChildEnd::kInterrupted, ""};
+    default:
+      return {ChildEnd::kCrashed, strsignal(signal)};
+  }
+}
+
+// Runs the work in a child and waits for its end. An exception of the work is no crash; what it
+// prints is dropped; it leaves no core file, and it ends when the caller does. Throws ToolError
+// (kAcceleratorError) when there can be no child.
+// Requires: no other thread runs in this process, since the child would have it no more.
+ChildResult run_limited(const ChildLimits& limits, const std::function<void()>& work) {
+  std::fflush(nullptr);
+  // Some programs start others with this signal ignored, and then the kernel keeps no child's end.
+  std::signal(SIGCHLD, SIG_DFL);
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child < 0) {
+    throw ToolError(kAcceleratorError,
+                    std::string("the network cannot be tried in a process of its own: ") +
+                        std::strerror(errno) + ". End other programs, or allow more processes");
+  }
+  if (child == 0) {
+    be_child(parent, limits, work);
+  }
+  const int status = wait_for(child);
+  if (WIFSIGNALED(status)) {
+    return explain_signal(WTERMSIG(status));
+  }
+  switch (WEXITSTATUS(status)) {
+    case kDone:
+      return {ChildEnd::kFinished, ""};
+    case kMemoryExitCode:
+      return {ChildEnd::kTooMuchMemory, ""};
+    default:  // a sanitizer's report, or the engine called exit
+      return {ChildEnd::kCrashed, "exit code " + std::to_string(WEXITSTATUS(status))};
+  }
+}
+
+// ---- The trial -----------------------------------------------------------------------------------
 
 const char kFactorVariable[] = "OLVEX_DET_LIMITS";
 constexpr double kMebibyte = 1024 * 1024;

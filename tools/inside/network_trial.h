@@ -1,6 +1,6 @@
 // network_trial.h - tries a model's network before this process hands it to the network engine,
 // which crashes on some networks and does not end on others.
-// Read limited_child.h for the process that it is tried in.
+// Used before a model is opened for the first time.
 #ifndef TOOLS_INSIDE_NETWORK_TRIAL_H
 #define TOOLS_INSIDE_NETWORK_TRIAL_H
 

@@ -1,6 +1,6 @@
 // calibration.cpp - runs the pictures, keeps the largest values, makes scales of them.
-// Read calibration.h first; frame_source.h supplies the pictures.
-#include "tools/pack/calibration.h"
+// Read pack.h first; frame_source.h supplies the pictures.
+#include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <cmath>
@@ -21,7 +21,7 @@ namespace {
 
 using qv_host::Description;
 
-// Pictures to come exceed those of the calibration now and then. The room costs a seventh of a bit
+// Pictures to come exceed those of the calibration now and then. This reserve costs a seventh of a bit
 // of the fifteen that a value has.
 constexpr double kHeadroom = 1.1;
 constexpr double kSteps = std::numeric_limits<std::int16_t>::max();

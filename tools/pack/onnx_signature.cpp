@@ -1,6 +1,6 @@
 // onnx_signature.cpp - walks the protocol-buffer records of an ONNX file as far as the signature.
-// Read onnx_signature.h first.
-#include "tools/pack/onnx_signature.h"
+// Read pack.h first.
+#include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,5 +1,5 @@
 // pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and only
-// then puts it in place. Read pack_options.h for the options and model_facts.h for what is checked.
+// then puts it in place. Read pack.h for its parts and model_facts.h for what is checked.
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -12,14 +12,13 @@
 #include "platform/host/host_image.h"
 #include "platform/host/qv_host.h"
 
-#include "tools/pack/calibration.h"
+#include "tools/pack/pack.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
 #include "tools/frames/own_files.h"
-#include "tools/pack/pack_options.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"

@@ -1,14 +1,13 @@
 // pack_description.cpp - the description of the model that the options and the network amount to.
-// Read pack_options.h first.
+// Read pack.h first.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
 
-#include "tools/common/suggestion.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
-#include "tools/pack/pack_options.h"
+#include "tools/pack/pack.h"
 
 namespace olvex_tools {
 
@@ -17,10 +16,6 @@ namespace {
 using qv_host::ColourOrder;
 using qv_host::Description;
 using qv_host::OutputKind;
-
-[[noreturn]] void refuse_usage(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
 
 // ---- Input --------------------------------------------------------------------------------------
 

@@ -1,6 +1,6 @@
 // pack_options.cpp - the options of pack, and their words and numbers as values, with a message of its own for
-// every one that does not fit. Read pack_options.h first.
-#include "tools/pack/pack_options.h"
+// every one that does not fit. Read pack.h first.
+#include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,9 +9,7 @@
 #include <memory>
 
 #include "tools/common/standard_output.h"
-#include "tools/common/suggestion.h"
 #include "tools/common/text.h"
-#include "tools/pack/calibration.h"
 
 namespace olvex_tools {
 
@@ -40,10 +38,6 @@ const char kExamples[] =
     "    olvex-det pack people.onnx --boxes boxes --scores scores --print-description > d.json\n"
     "    olvex-det pack --description d.json people.onnx -o people.qtm\n"
     "Nothing is written unless the library takes the model and a test run succeeds.";
-
-[[noreturn]] void refuse_usage(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
 
 // ---- Words and numbers --------------------------------------------------------------------------
 

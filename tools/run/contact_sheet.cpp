@@ -1,6 +1,6 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Read writers.h first, tile_grid.h for the grid.
-#include "tools/run/writers.h"
+// Read run_outputs.h first, tile_grid.h for the grid.
+#include "tools/run/run_outputs.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,6 @@
-// picture_writers.cpp - video and folder of annotated frames. Read writers.h first;
+// picture_writers.cpp - video and folder of annotated frames. Read run_outputs.h first;
 // contact_sheet.cpp holds the third writer.
-#include "tools/run/writers.h"
+#include "tools/run/run_outputs.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -20,10 +20,6 @@ namespace olvex_tools {
 namespace fs = std::filesystem;
 
 namespace {
-
-ToolError write_error(const std::string& path, const std::string& problem) {
-  return ToolError(kInputError, path + ": " + problem);
-}
 
 // H.264 wants even sizes.
 cv::Size even_size(cv::Size size) {
@@ -51,7 +47,7 @@ class VideoWriter : public PictureWriter {
     require_writable(path_);
     std::error_code error;
     if (fs::is_directory(path_, error)) {
-      throw write_error(path_, "is a folder. Name a file for the video");
+      refuse_input(path_, "is a folder. Name a file for the video");
     }
     if (!survives_kill(path_)) {
       notice_(path_ +
@@ -95,9 +91,9 @@ class VideoWriter : public PictureWriter {
         std::error_code ignored;  // an empty file that stays does no harm
         fs::remove(path_, ignored);
       }
-      throw write_error(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
-                                   std::to_string(size.height) + " at " + format("%g", rate_) +
-                                   " frames per second. Check that OpenCV was built with FFmpeg");
+      refuse_input(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
+                              std::to_string(size.height) + " at " + format("%g", rate_) +
+                              " frames per second. Check that OpenCV was built with FFmpeg");
     }
     notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
   }
@@ -109,7 +105,7 @@ class VideoWriter : public PictureWriter {
     constexpr double kShareExpected = 0.98;
     const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
     if (found < kShareExpected * static_cast<double>(written_) - 1 || !check.grab()) {
-      throw write_error(path_, "the video is not complete. Is the disk full?");
+      refuse_input(path_, "the video is not complete. Is the disk full?");
     }
   }
 
@@ -128,7 +124,7 @@ class FolderWriter : public PictureWriter {
     std::error_code error;
     fs::create_directories(folder_, error);
     if (error) {
-      throw write_error(folder, "the folder cannot be made: " + error.message());
+      refuse_input(folder, "the folder cannot be made: " + error.message());
     }
   }
 

@@ -1,5 +1,5 @@
-// result_writers.cpp - one class per format. Read writers.h first.
-#include "tools/run/writers.h"
+// result_writers.cpp - one class per format. Read run_outputs.h first.
+#include "tools/run/run_outputs.h"
 
 #include <charconv>
 #include <cmath>

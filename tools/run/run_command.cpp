@@ -58,10 +58,6 @@ struct CommandLine {
   Option firmware;
 };
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 bool is_share(float value) {
   return value >= 0.f && value <= 1.f;
 }
@@ -73,8 +69,8 @@ cv::Size parse_display(const std::string& text) {
   const int found = std::sscanf(text.c_str(), "%5dx%5d%n", &width, &height, &used);
   if (found != 2 || static_cast<std::size_t>(used) != text.size() || width < 1 || height < 1 ||
       width > kDisplayMost || height > kDisplayMost) {
-    refuse("--display " + text + ": give width and height in pixels, 1 to " +
-           std::to_string(kDisplayMost) + ", as in 1920x1080");
+    refuse_usage("--display " + text + ": give width and height in pixels, 1 to " +
+                 std::to_string(kDisplayMost) + ", as in 1920x1080");
   }
   return {width, height};
 }
@@ -92,48 +88,50 @@ bool ends_in_one_of(const std::string& path, std::initializer_list<const char*> 
 void check_numbers(const CommandLine& line) {
   const DetectorOptions& detector = line.run.detector;
   if (!is_share(detector.threshold)) {
-    refuse("--threshold must be from 0 to 1");
+    refuse_usage("--threshold must be from 0 to 1");
   }
   if (!is_share(detector.stable_sensitivity)) {
-    refuse("--stable-sensitivity must be from 0 to 1");
+    refuse_usage("--stable-sensitivity must be from 0 to 1");
   }
   if (!is_share(detector.static_sensitivity) || detector.static_sensitivity <= 0.f) {
-    refuse("--static-sensitivity must be above 0, up to 1");
+    refuse_usage("--static-sensitivity must be above 0, up to 1");
   }
   if (!(line.run.picture_rate >= 0.001 && line.run.picture_rate <= 1000)) {
-    refuse("--fps must be from 0.001 to 1000");
+    refuse_usage("--fps must be from 0.001 to 1000");
   }
 }
 
 void check_combinations(const CommandLine& line) {
   const DetectorOptions& detector = line.run.detector;
   if (detector.strict && line.track.given() && !detector.track) {
-    refuse("--strict needs the tracker: leave out --no-track");
+    refuse_usage("--strict needs the tracker: leave out --no-track");
   }
   for (const Option& option : line.tracking) {
     if (option.given() && !detector.track && !detector.strict) {
-      refuse(option.name() + " acts on tracks: add --track");
+      refuse_usage(option.name() + " acts on tracks: add --track");
     }
   }
   if (line.static_sensitivity.given() && !detector.ignore_static && !detector.strict) {
-    refuse("--static-sensitivity acts on --ignore-static: add that, or leave it out");
+    refuse_usage("--static-sensitivity acts on --ignore-static: add that, or leave it out");
   }
   if (line.stable_sensitivity.given() && !detector.stable) {
-    refuse("--stable-sensitivity acts on --stable: add that, or leave it out");
+    refuse_usage("--stable-sensitivity acts on --stable: add that, or leave it out");
   }
   if (line.firmware.given() && detector.from_memory) {
-    refuse("--firmware: a model from memory always uses the default firmware; leave out --memory");
+    refuse_usage(
+        "--firmware: a model from memory always uses the default firmware; leave out --memory");
   }
   const std::string& video = line.run.outputs.video;
   if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
-    refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
+    refuse_usage("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
   }
   if (line.run.log == kStandardOutput) {
-    refuse("--log -: the log cannot go to standard output, which is for results. Name a file");
+    refuse_usage(
+        "--log -: the log cannot go to standard output, which is for results. Name a file");
   }
   const std::string& sheet = line.run.outputs.contact_sheet;
   if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
-    refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg");
+    refuse_usage("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg");
   }
 }
 

@@ -8,7 +8,7 @@
 
 #include "tools/common/command.h"
 #include "tools/common/json_reader.h"
-#include "tools/common/suggestion.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -20,10 +20,6 @@ struct PendingBox {
   std::int64_t image_id = 0;
   std::int64_t category_id = 0;
 };
-
-[[noreturn]] void refuse(const std::string& path, const std::string& problem) {
-  throw ToolError(kInputError, path + ": " + problem);
-}
 
 CocoPicture read_picture(const JsonItem& item) {
   CocoPicture picture;
@@ -62,7 +58,7 @@ void sort_by_id(const std::string& path, const std::string& list, std::vector<El
       elements->begin(), elements->end(),
       [](const Element& left, const Element& right) { return left.id == right.id; });
   if (twice != elements->end()) {
-    refuse(path, list + " has the id " + std::to_string(twice->id) + " twice");
+    refuse_input(path, list + " has the id " + std::to_string(twice->id) + " twice");
   }
 }
 
@@ -70,7 +66,7 @@ void require_different_names(const std::string& path, const std::vector<CocoCate
   std::set<std::string> names;
   for (const CocoCategory& category : categories) {
     if (!names.insert(category.name).second) {
-      refuse(path, "categories has the name \"" + category.name + "\" twice");
+      refuse_input(path, "categories has the name \"" + category.name + "\" twice");
     }
   }
 }
@@ -81,8 +77,8 @@ std::size_t known_index(const std::string& path, const std::string& list,
                         std::int64_t id) {
   const std::optional<std::size_t> index = index_of_id(elements, id);
   if (!index) {
-    refuse(path, "annotations [" + std::to_string(annotation) + "] belongs to id " +
-                     std::to_string(id) + ", which " + list + " does not have");
+    refuse_input(path, "annotations [" + std::to_string(annotation) + "] belongs to id " +
+                           std::to_string(id) + ", which " + list + " does not have");
   }
   return *index;
 }
@@ -169,10 +165,10 @@ std::vector<ResultBox> known_results(const CocoTruth& truth, const std::vector<C
     const CocoResult& result = results[i];
     const std::optional<std::size_t> picture = index_of_id(truth.pictures, result.image_id);
     if (!picture) {
-      refuse(path, "result [" + std::to_string(i) + "] is of picture " +
-                       std::to_string(result.image_id) +
-                       ", which the truth's images do not have. Evaluate results of the same "
-                       "pictures as the truth's");
+      refuse_input(path, "result [" + std::to_string(i) + "] is of picture " +
+                             std::to_string(result.image_id) +
+                             ", which the truth's images do not have. Evaluate results of the same "
+                             "pictures as the truth's");
     }
     const std::optional<std::size_t> category = index_of_id(truth.categories, result.category_id);
     if (category) {

@@ -1,5 +1,5 @@
-// coco_matching.cpp - greedy matching by falling score. Read coco_matching.h first.
-#include "tools/eval/coco/coco_matching.h"
+// coco_matching.cpp - greedy matching by falling score. Read coco_metrics.h first.
+#include "tools/eval/coco/coco_metrics.h"
 
 #include <algorithm>
 #include <map>

@@ -1,5 +1,5 @@
-// coco_metrics.h - average precision and average recall of a result.
-// coco_matching.h says which detection finds what, coco_report.h prints the metrics.
+// coco_metrics.h - which detection finds which truth box, and the average precision and recall of a result.
+// coco_report.h prints the metrics.
 //
 // The twelve metrics of T.-Y. Lin, M. Maire, S. Belongie et al., "Microsoft COCO: Common Objects in
 // Context", European Conference on Computer Vision, 2014, as its evaluation server computes them:
@@ -14,11 +14,54 @@
 #include <string>
 #include <vector>
 
-#include "tools/eval/coco/coco_data.h"
-#include "tools/eval/coco/coco_matching.h"
+#include "tools/eval/coco/coco_files.h"
 #include "tools/common/evaluation.h"
 
 namespace olvex_tools {
+
+// The boxes of one class in one picture. In coco_matching.cpp, up to match_greedily.
+struct PictureBoxes {
+  std::size_t picture = 0;            // index in CocoTruth::pictures
+  std::vector<TruthBox> truths;       // in the order of the file
+  std::vector<ResultBox> detections;  // by falling score, equal scores in the order of the file
+};
+
+// For each class of the truth its pictures that have a truth box or a detection, by ascending id.
+std::vector<std::vector<PictureBoxes>> boxes_by_class(const CocoTruth& truth,
+                                                      const std::vector<ResultBox>& results);
+
+// The overlap of each detection with each truth box; a crowd, of which a detection is a part, is
+// overlapped by the share of the detection that lies in it.
+class Overlaps {
+ public:
+  // Only the first so many detections are looked at.
+  Overlaps(const PictureBoxes& boxes, std::size_t detections_most);
+
+  std::size_t detections() const { return detections_; }
+  std::size_t truths() const { return truths_; }
+  double at(std::size_t detection, std::size_t truth) const {
+    return values_[detection * truths_ + truth];
+  }
+
+ private:
+  std::size_t detections_;
+  std::size_t truths_;
+  std::vector<double> values_;
+};
+
+// How a truth box takes part in one matching.
+struct TruthRole {
+  bool ignored = false;
+  bool crowd = false;
+};
+
+// The truth box that each detection finds, if any. Detections choose in their order: each takes the
+// truth box with the largest overlap, the last among equals, that is still free and overlaps by the
+// threshold at least. Ignored ones are left for detections that find no other; a crowd stays free.
+// Requires: one role per truth box.
+std::vector<std::optional<std::size_t>> match_greedily(const Overlaps& overlaps,
+                                                       const std::vector<TruthRole>& roles,
+                                                       double threshold);
 
 constexpr std::size_t kRecallLevels = 101;       // 0.00, 0.01, ... 1.00
 constexpr std::size_t kDetectionsCounted = 100;  // per picture and class

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "tools/eval/coco/coco_data.h"
-#include "tools/eval/coco/coco_matching.h"
+#include "tools/eval/coco/coco_files.h"
+#include "tools/eval/coco/coco_metrics.h"
 
 namespace olvex_tools {
 

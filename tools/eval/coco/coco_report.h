@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/eval/coco/coco_data.h"
+#include "tools/eval/coco/coco_files.h"
 #include "tools/eval/coco/coco_metrics.h"
 #include "tools/eval/coco/coco_picture_errors.h"
 #include "tools/common/evaluation.h"

@@ -49,16 +49,12 @@ struct CommandLine {
   std::string input;
 };
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 void check_options(const CommandLine& line) {
   if (!(line.error_score >= 0 && line.error_score <= 1)) {
-    refuse("--confusion-score must be from 0 to 1");
+    refuse_usage("--confusion-score must be from 0 to 1");
   }
   if (line.worst_folder.empty() != line.input.empty()) {
-    refuse(
+    refuse_usage(
         "--worst-pictures and --input go together: the folder to draw into, and the video or "
         "pictures to draw on");
   }

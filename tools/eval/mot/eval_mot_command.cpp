@@ -42,17 +42,13 @@ struct CommandLine {
   std::string timeline;
 };
 
-[[noreturn]] void refuse(const std::string& message) {
-  throw ToolError(kUsageError, message);
-}
-
 void require_pairs(const CommandLine& line) {
   if (line.files.size() % 2 != 0) {
-    refuse("there is no RESULT for the TRUTH " + line.files.back() +
-           ": give files in pairs, TRUTH RESULT [TRUTH RESULT ...]");
+    refuse_usage("there is no RESULT for the TRUTH " + line.files.back() +
+                 ": give files in pairs, TRUTH RESULT [TRUTH RESULT ...]");
   }
   if (!line.timeline.empty() && line.files.size() > 2) {
-    refuse("--timeline draws one clip: give a single TRUTH and RESULT");
+    refuse_usage("--timeline draws one clip: give a single TRUTH and RESULT");
   }
 }
 

@@ -1,5 +1,5 @@
-// mot_clear.cpp - one pass over the frames with a memory of each object. Read mot_clear.h first.
-#include "tools/eval/mot/mot_clear.h"
+// mot_clear.cpp - one pass over the frames with a memory of each object. Read mot_metrics.h first.
+#include "tools/eval/mot/mot_metrics.h"
 
 #include <limits>
 

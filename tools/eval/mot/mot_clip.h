@@ -1,5 +1,5 @@
-// mot_clip.h - truth and result of one clip side by side, frame by frame: what the metrics are
-// computed from.
+// mot_clip.h - truth and result of one clip side by side, frame by frame, and the assignment of boxes and tracks
+// to one another: what the metrics are computed from.
 // Read mot_metrics.h for them.
 #ifndef TOOLS_EVAL_MOT_MOT_CLIP_H
 #define TOOLS_EVAL_MOT_MOT_CLIP_H
@@ -8,10 +8,25 @@
 #include <set>
 #include <vector>
 
-#include "tools/eval/mot/mot_assignment.h"
 #include "tools/eval/mot/mot_files.h"
 
 namespace olvex_tools {
+
+struct WeightedPair {
+  std::size_t row = 0;
+  std::size_t column = 0;
+  double weight = 0;
+};
+
+// In mot_assignment.cpp.
+// The pairs with the largest sum of weights of which no two share a row or a column, in the order
+// of their rows. Pairs that are not listed are forbidden, those without a weight above 0 are never
+// taken, and rows and columns may be left over. Of several equally good ways one is chosen, always
+// the same one.
+// Requires: rows and columns of pairs are below these counts; weights are finite; no pair is listed
+// twice.
+std::vector<WeightedPair> best_assignment(std::size_t rows, std::size_t columns,
+                                          const std::vector<WeightedPair>& pairs);
 
 // From here on two boxes show the same object.
 constexpr double kMatchOverlap = 0.5;

@@ -1,6 +1,6 @@
 // mot_hota.cpp - two passes over the frames: how well objects and tracks go together over the whole
-// clip, then the assignment in each frame that follows it. Read mot_hota.h first.
-#include "tools/eval/mot/mot_hota.h"
+// clip, then the assignment in each frame that follows it. Read mot_metrics.h first.
+#include "tools/eval/mot/mot_metrics.h"
 
 #include <cmath>
 #include <map>

@@ -1,9 +1,10 @@
-// pack_options.h - the options of pack, and the description of the model that they amount to.
-// Read pack_command.cpp for what is done with it.
-#ifndef TOOLS_PACK_PACK_OPTIONS_H
-#define TOOLS_PACK_PACK_OPTIONS_H
+// pack.h - the parts of the subcommand pack: what is known of the network, the options, the description of the
+// model that they amount to, and its calibration. Read pack_command.cpp for how they go together.
+#ifndef TOOLS_PACK_PACK_H
+#define TOOLS_PACK_PACK_H
 
 #include <array>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -12,10 +13,32 @@
 #include "platform/host/host_image.h"
 
 #include "tools/common/options.h"
+#include "tools/inside/library_model.h"
 #include "tools/inside/model_pairs.h"
-#include "tools/pack/onnx_signature.h"
 
 namespace olvex_tools {
+
+// ---- The network (onnx_signature.cpp) -----------------------------------------------------------
+
+struct NetworkTensor {
+  std::string name;
+  std::vector<std::int64_t> shape;  // 0 where the network leaves a size open
+};
+
+struct NetworkSignature {
+  std::vector<NetworkTensor> inputs;  // without the weights
+  std::vector<NetworkTensor> outputs;
+};
+
+// Throws ToolError (kModelError) when the bytes are not an ONNX network.
+NetworkSignature read_onnx_signature(const std::string& path, const std::vector<char>& bytes);
+
+// "boxes 1x484x4", with ? for open sizes.
+std::string describe(const NetworkTensor& tensor);
+
+std::vector<std::string> names_of(const std::vector<NetworkTensor>& tensors);
+
+// ---- The options (pack_options.cpp) and what they amount to (pack_description.cpp) --------------
 
 using ThreeNumbers = std::array<float, 3>;
 
@@ -78,12 +101,37 @@ struct PackOptions {
 std::function<void()> add_pack_options(const OptionTable& table, PackOptions* options);
 
 // The description: of the file that --description names, or a new one, changed by the options; what
-// the network itself fixes is filled in. Throws ToolError. In pack_description.cpp.
+// the network itself fixes is filled in. Throws ToolError.
 qv_host::Description describe_model(const PackOptions& options, const NetworkSignature& network);
+
+// ---- The scales of 16-bit outputs (calibration.cpp) ---------------------------------------------
+
+constexpr long kUsualCalibrationFrames = 200;
+
+// What the pictures showed of one output of the network.
+struct CalibratedOutput {
+  std::string name;
+  double largest = 0;  // without sign, as the library gets it: coordinates are pixels
+  float scale = 0.f;   // chosen real value of 1
+  double reach = 0;    // largest value that does not saturate
+};
+
+struct Calibration {
+  long frames = 0;  // that were run
+  std::vector<CalibratedOutput> outputs;
+};
+
+// Runs the frames of pictures (see open_frame_source), at most limit of them and evenly spread over
+// a source of known length, and sets the scales of description.
+//   model  the model of the same description but for its FP32 outputs
+// Throws ToolError: kInputError when a picture is unreadable, kModelError when an output holds a
+// value that is not finite, or nothing but zeros, and what LibraryModel::detect throws.
+Calibration calibrate(const std::string& pictures, long limit, LibraryModel* model,
+                      qv_host::Description* description);
 
 // The work of the subcommand. In pack_command.cpp.
 int pack(const PackOptions& options);
 
 }  // namespace olvex_tools
 
-#endif  // TOOLS_PACK_PACK_OPTIONS_H
+#endif  // TOOLS_PACK_PACK_H
