@@ -1,5 +1,6 @@
 """What the scripts share: the root of the tree, calls of other programs, tables, and files that explain
 what a check finds."""
+import os
 import pathlib
 import re
 import subprocess
@@ -21,8 +22,15 @@ def run_script(main, code=1):
     """Runs main(), which returns the exit code; a failure is told in one line and ends with `code`."""
     try:
         sys.exit(main())
-    except (Failure, OSError) as failure:
+    except BrokenPipeError:
+        # What could not be written is not tried once more at exit.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        sys.exit(code)
+    except Failure as failure:
         say(f"error: {failure}")
+        sys.exit(code)
+    except OSError as error:
+        say(f"error: {error.filename or 'standard output'}: {error.strerror}")
         sys.exit(code)
     except KeyboardInterrupt:
         say("stopped")

@@ -10,7 +10,9 @@ import pathlib
 import re
 import sys
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import common  # noqa: E402
+
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 FLOORS = [("platform/include/", 0), ("utils/", 1), ("base/", 2), ("video/det/", 3)]
 PUBLIC = {"olvex_det.h", "algo_types.h", "qv_types.h", "qv_sys.h", "qv_ipu.h"}
@@ -68,8 +70,7 @@ def faults(sources):
 
 def read_sources():
     folders = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
-    paths = [p for f in folders for p in (ROOT / f).rglob("*") if p.suffix in (".h", ".cpp", ".c")]
-    return {p.relative_to(ROOT).as_posix(): p.read_text() for p in paths}
+    return {path: (common.ROOT / path).read_text() for path in common.paths_in(folders)}
 
 
 def self_test():
