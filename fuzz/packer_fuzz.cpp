@@ -8,8 +8,8 @@
 
 #include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_file.h"
-#include "tools/command.h"
-#include "tools/pack_options.h"
+#include "tools/common/command.h"
+#include "tools/pack/pack_options.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 // main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
 // every failure into one message and an exit code.
-// Read command.h for the codes, then pack_command.cpp, inspect_command.cpp, run_command.cpp,
-// eval/eval_command.cpp or compare_command.cpp.
+// Read common/command.h for the codes, then the *_command.cpp of a subcommand.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -17,9 +16,9 @@
 
 #include "video/det/include/commit_det.h"
 
-#include "tools/command.h"
-#include "tools/standard_output.h"
-#include "tools/suggestion.h"
+#include "tools/common/command.h"
+#include "tools/common/standard_output.h"
+#include "tools/common/suggestion.h"
 
 namespace {
 
@@ -33,6 +32,23 @@ const char kExamples[] =
     "  olvex-det SUBCOMMAND --help\n\n"
     "Exit codes: 0 done, 1 a check failed, 2 wrong usage, 3 model, 4 input or output file,\n"
     "            5 accelerator, 70 a fault of this program, 130 interrupted";
+
+const char kEvalExamples[] =
+    "Examples:\n"
+    "  olvex-det eval coco truth.json results.json --min AP50=0.6\n"
+    "  olvex-det eval mot truth.txt result.txt --min IDF1=0.7\n"
+    "  olvex-det eval coco --help\n\n"
+    "Exit code 1: a metric is below its --min.";
+
+// The subcommand eval has subcommands of its own, one per kind of result.
+void add_eval_command(CLI::App& application, Command* chosen) {
+  CLI::App* const eval =
+      application.add_subcommand("eval", "Measure how good results are, against the truth");
+  eval->require_subcommand(1);
+  eval->footer(kEvalExamples);
+  olvex_tools::add_eval_coco_command(*eval, chosen);
+  olvex_tools::add_eval_mot_command(*eval, chosen);
+}
 
 // The subcommands that the command line selects, from the outermost in: eval, then coco.
 std::vector<const CLI::App*> selected_subcommands(const CLI::App& application) {
@@ -182,7 +198,7 @@ int main(int argc, char** argv) {
   olvex_tools::add_pack_command(application, &command);
   olvex_tools::add_inspect_command(application, &command);
   olvex_tools::add_run_command(application, &command);
-  olvex_tools::add_eval_command(application, &command);
+  add_eval_command(application, &command);
   olvex_tools::add_compare_command(application, &command);
   try {
     application.parse(argc, argv);

@@ -46,12 +46,12 @@ SCOPES = {
 # Of the tests of the command line, those that can notice a change, beside the one of all help texts: a pattern
 # of the source, and of the test's name. The first that fits counts; a source without one may show in all.
 LIKELY_TESTS = (
-    (r"tools/eval/(eval_)?coco_(?!worst)", r"eval_coco"),
-    (r"tools/eval/(eval_)?mot_", r"eval_mot"),
+    (r"tools/eval/coco/(?!coco_worst)", r"eval_coco"),
+    (r"tools/eval/mot/", r"eval_mot"),
     (r"tools/eval/", r"eval"),
-    (r"tools/compare_", r"compare|annotation"),
-    (r"tools/(calibration|inspect_|library_model|model_|onnx_|pack_)", r"pack"),
-    (r"tools/(detector|last_output|result_|run_)", r"run"),
+    (r"tools/compare/", r"compare|annotation"),
+    (r"tools/(pack/|inspect/|inside/(library_model|model_))", r"pack"),
+    (r"tools/(run/|inside/(last_output|result_))", r"run"),
 )
 
 

@@ -1,0 +1,52 @@
+// command.h - what every subcommand of olvex-det shares: exit codes, the error that carries one, and
+// how a subcommand registers itself. main.cpp puts them together.
+#ifndef TOOLS_COMMON_COMMAND_H
+#define TOOLS_COMMON_COMMAND_H
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace olvex_tools {
+
+enum ExitCode {
+  kDone = 0,
+  kCheckFailed = 1,
+  kUsageError = 2,
+  kModelError = 3,
+  kInputError = 4,
+  kAcceleratorError = 5,
+  kInternalError = 70,
+  kInterrupted = 130
+};
+
+// An error for the user: one or more lines that say what failed, which file, and what to do.
+class ToolError : public std::runtime_error {
+ public:
+  ToolError(ExitCode exit_code, const std::string& message)
+      : std::runtime_error(message), exit_code_(exit_code) {}
+  ExitCode exit_code() const { return exit_code_; }
+
+ private:
+  ExitCode exit_code_;
+};
+
+// The work of the subcommand that was chosen; returns an ExitCode, may throw ToolError.
+using Command = std::function<int()>;
+
+// Each adds one subcommand with its options to the application and, when parsing selects it, sets
+// *chosen to its work.
+void add_pack_command(CLI::App& application, Command* chosen);
+void add_inspect_command(CLI::App& application, Command* chosen);
+void add_run_command(CLI::App& application, Command* chosen);
+void add_eval_coco_command(CLI::App& eval, Command* chosen);
+void add_eval_mot_command(CLI::App& eval, Command* chosen);
+void add_compare_command(CLI::App& application, Command* chosen);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_COMMAND_H

@@ -1,0 +1,38 @@
+// interruption.h - signals that end a run in order: the first Ctrl-C asks, the second one kills.
+// Read run_session.cpp for the loop that asks.
+#ifndef TOOLS_COMMON_INTERRUPTION_H
+#define TOOLS_COMMON_INTERRUPTION_H
+
+#include <csignal>
+#include <string>
+
+namespace olvex_tools {
+
+// While one lives, the first SIGINT or SIGTERM and every SIGHUP are only remembered; one that was
+// ignored before (nohup, a shell's background) stays so. The second SIGINT or SIGTERM removes unfinished files and
+// ends the process. SIGPIPE and SIGXFSZ are ignored, so that a closed pipe and a file that grows
+// beyond its limit are failed writes. The destructor puts the former behaviour back. One at a time.
+class Interruption {
+ public:
+  Interruption();
+  ~Interruption();
+  Interruption(const Interruption&) = delete;
+  Interruption& operator=(const Interruption&) = delete;
+
+  bool requested() const;
+
+ private:
+  struct sigaction former_interrupt_;
+  struct sigaction former_terminate_;
+  struct sigaction former_hang_up_;
+  struct sigaction former_pipe_;
+  struct sigaction former_file_size_;
+};
+
+// open() for writing, which waits on a pipe for its reader. A signal that an Interruption remembers
+// ends the wait: then throws ToolError (kInterrupted). -1 and errno on any other failure.
+int open_interruptibly(const std::string& path, int flags);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_INTERRUPTION_H

@@ -1,0 +1,190 @@
+// output_file.cpp - checked writing through the system's own calls. Read output_file.h first.
+#include "tools/common/output_file.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tools/common/command.h"
+#include "tools/common/interruption.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool is_permitted(const std::string& path, int what) {
+  return faccessat(AT_FDCWD, path.c_str(), what, AT_EACCESS) == 0;
+}
+
+std::string folder_of(const std::string& path) {
+  const std::string folder = fs::path(path).parent_path().string();
+  return folder.empty() ? "." : folder;
+}
+
+[[noreturn]] void refuse_output(const std::string& path, int reason, const std::string& state) {
+  std::string message = path + ": cannot be written: " + std::strerror(reason) + "." + state;
+  if (reason == EPIPE) {
+    message += " The program that reads the results ended before this one.";
+  }
+  throw ToolError(kInputError, message);
+}
+
+bool is_device_or_pipe(const std::string& path) {
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+// The file that is to be replaced behind a path that may be a link; empty when that cannot be: the
+// link leads nowhere yet, or its folder permits no other file.
+std::string replaceable(const std::string& path) {
+  std::error_code error;
+  std::string target = path;
+  if (fs::is_symlink(path, error)) {
+    target = fs::canonical(path, error).string();
+  }
+  constexpr std::size_t kLongestName = 255 - sizeof ".partial.XXXXXX";
+  const bool possible = !target.empty() &&
+                        fs::path(target).filename().string().size() < kLongestName &&
+                        is_permitted(folder_of(target), W_OK | X_OK);
+  return possible ? target : "";
+}
+
+}  // namespace
+
+void require_writable(const std::string& path) {
+  if (is_permitted(path, F_OK) ? !is_permitted(path, W_OK)
+                               : errno != ENOENT || !is_permitted(folder_of(path), W_OK | X_OK)) {
+    refuse_output(path, errno, "");
+  }
+}
+
+OutputFile::OutputFile(const std::string& path, FILE* standard_output, OutputForm form)
+    : path_(path), form_(form) {
+  if (path == kStandardOutput) {
+    path_ = "standard output";
+    is_file_ = false;
+    owned_ = false;
+    std::fflush(standard_output);
+    descriptor_ = fileno(standard_output);
+  } else if (is_device_or_pipe(path)) {
+    is_file_ = false;
+    open_in_place();
+  } else {
+    require_writable(path);
+  }
+}
+
+OutputFile::~OutputFile() {
+  if (owned_ && descriptor_ >= 0) {
+    ::close(descriptor_);
+  }
+}
+
+void OutputFile::open_in_place() {
+  descriptor_ = open_interruptibly(path_, O_WRONLY | O_CREAT | O_CLOEXEC);
+  if (descriptor_ < 0) {
+    fail(errno);
+  }
+  struct stat status = {};
+  if (fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode)) {
+    empty_own_file();
+  }
+}
+
+void OutputFile::empty_own_file() {
+  // Some file systems know no locks; there two runs are not told apart.
+  if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    failed_ = true;
+    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file.");
+  }
+  if (ftruncate(descriptor_, 0) != 0) {
+    fail(errno);
+  }
+}
+
+void OutputFile::open() {
+  const std::string target = form_ == OutputForm::kLines ? "" : replaceable(path_);
+  if (target.empty()) {
+    open_in_place();
+  } else {
+    replacement_.emplace(target);
+  }
+}
+
+void OutputFile::write_in_place(const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written = ::write(descriptor_, text.data() + done, text.size() - done);
+    if (written < 0 && errno != EINTR) {
+      const int reason = errno;
+      const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
+      fail(reason, cut ? " Its last line is cut." : "");
+    }
+    done += written > 0 ? static_cast<std::size_t>(written) : 0;
+  }
+  whole_ += static_cast<off_t>(text.size());
+}
+
+void OutputFile::write(const std::string& text) {
+  if (failed_) {
+    return;
+  }
+  try {
+    if (descriptor_ < 0 && !replacement_) {
+      open();
+    }
+    if (replacement_) {
+      replacement_->write(text);
+    } else {
+      write_in_place(text);
+    }
+  } catch (const FileError& error) {
+    fail(error.reason());
+  }
+}
+
+void OutputFile::commit() {
+  try {
+    replacement_->commit(form_ == OutputForm::kWhole ? Durability::kOnDisk
+                                                     : Durability::kLeftToSystem);
+  } catch (const FileError& error) {
+    fail(error.reason());
+  }
+  replacement_.reset();
+}
+
+void OutputFile::close() {
+  if (!owned_ || failed_) {
+    return;
+  }
+  if (replacement_) {
+    commit();
+  }
+  const int descriptor = std::exchange(descriptor_, -1);
+  if (descriptor >= 0 && ::close(descriptor) != 0) {
+    fail(errno);
+  }
+}
+
+void OutputFile::fail(int reason, const std::string& state) {
+  failed_ = true;
+  replacement_.reset();
+  refuse_output(path_, reason, state);
+}
+
+void write_output(const std::string& path, FILE* standard_output, const std::string& text) {
+  OutputFile file(path, standard_output, OutputForm::kWhole);
+  file.write(text);
+  file.close();
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,40 @@
+// standard_output.h - keeps standard output for results: the detection library prints its
+// diagnostics there, so they are led elsewhere while it works.
+// Read library_model.h for one that works under it.
+#ifndef TOOLS_COMMON_STANDARD_OUTPUT_H
+#define TOOLS_COMMON_STANDARD_OUTPUT_H
+
+#include <cstdio>
+#include <string>
+
+namespace olvex_tools {
+
+// While one lives, file descriptor 1 leads to a log file or nowhere, and results() is the process's
+// real standard output. The destructor puts everything back. Not for use from two threads; one at
+// a time.
+class LibraryLog {
+ public:
+  // log_path: file that the library's diagnostics are appended to; empty: they are dropped. Throws
+  // ToolError (kInputError) when it cannot be opened.
+  explicit LibraryLog(const std::string& log_path);
+  ~LibraryLog();
+  LibraryLog(const LibraryLog&) = delete;
+  LibraryLog& operator=(const LibraryLog&) = delete;
+
+  FILE* results() { return results_; }
+
+ private:
+  FILE* results_ = nullptr;
+};
+
+// Names come from files and may hold any bytes. Control characters, which could steer the terminal,
+// become question marks: all but line ends, or in one_line all.
+std::string printable(const std::string& text);
+std::string one_line(const std::string& text);
+
+// Writes text to standard output and flushes it; throws ToolError when that fails (a full disk).
+void print_result(const std::string& text);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_STANDARD_OUTPUT_H

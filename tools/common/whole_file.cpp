@@ -1,0 +1,189 @@
+// whole_file.cpp - whole-file reading, and writing by temporary file and rename.
+// Read whole_file.h first.
+#include "tools/common/whole_file.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr std::size_t kLargestFile = 1u << 30;  // bytes; no model file takes more
+
+// The temporary files that a signal has to remove; only what may be used in a handler. An empty
+// path is a free place.
+constexpr std::size_t kLongestPath = 4096;
+char g_unfinished_paths[8][kLongestPath];
+
+extern "C" void end_without_unfinished_files(int signal_number) {
+  remove_unfinished_files();
+  _exit(128 + signal_number);
+}
+
+// Ends with the memory dump that SIGQUIT asks for.
+extern "C" void quit_without_unfinished_files(int signal_number) {
+  remove_unfinished_files();
+  std::signal(signal_number, SIG_DFL);
+  std::raise(signal_number);
+}
+
+// What happens on a signal that would end the process.
+struct SignalAction {
+  int signal_number;
+  void (*handler)(int);
+};
+
+// A file larger than allowed is a failed write.
+const SignalAction kSignalActions[] = {{SIGINT, end_without_unfinished_files},
+                                       {SIGTERM, end_without_unfinished_files},
+                                       {SIGHUP, end_without_unfinished_files},
+                                       {SIGQUIT, quit_without_unfinished_files},
+                                       {SIGXFSZ, SIG_IGN}};
+
+[[noreturn]] void fail(const std::string& doing, const std::string& path) {
+  const int reason = errno;
+  throw FileError("cannot " + doing + " " + path + ": " + std::strerror(reason), reason);
+}
+
+// Null when all places are taken: then a signal leaves the file.
+char* register_unfinished(const std::string& path) {
+  for (char* place : g_unfinished_paths) {
+    if (place[0] == '\0') {
+      // The first byte comes last: a signal in between finds the place free.
+      std::memcpy(place + 1, path.c_str() + 1, path.size());
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+      place[0] = path[0];
+      return place;
+    }
+  }
+  return nullptr;
+}
+
+mode_t default_file_mode() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+std::vector<char> read_whole_file(const std::string& what, const std::string& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) {
+    fail("read " + what, path);
+  }
+  // A pipe is as good as a file.
+  if (!S_ISREG(status.st_mode) && !S_ISFIFO(status.st_mode)) {
+    throw ToolError(kInputError, "cannot read " + what + " " + path + ": it is not a file");
+  }
+  std::ifstream file(path, std::ios::binary);
+  std::vector<char> bytes;
+  char part[1 << 16];
+  while (file.read(part, sizeof part) || file.gcount() > 0) {
+    if (bytes.size() > kLargestFile) {
+      throw ToolError(kInputError, "cannot read " + what + " " + path + ": it has more than 1 GiB");
+    }
+    bytes.insert(bytes.end(), part, part + file.gcount());
+  }
+  if (!file.is_open() || file.bad()) {
+    fail("read " + what, path);
+  }
+  return bytes;
+}
+
+extern "C" void remove_unfinished_files() {
+  for (const char* path : g_unfinished_paths) {
+    if (path[0] != '\0') {
+      unlink(path);
+    }
+  }
+}
+
+ReplacementFile::ReplacementFile(const std::string& target)
+    : target_(target), temporary_path_(target + ".partial.XXXXXX") {
+  if (temporary_path_.size() >= kLongestPath) {
+    errno = ENAMETOOLONG;
+    fail("write", target);
+  }
+  struct stat status = {};
+  if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    throw ToolError(kInputError, "cannot write " + target + ": it exists and is not a file");
+  }
+  descriptor_ = mkostemp(temporary_path_.data(), O_CLOEXEC);
+  if (descriptor_ < 0) {
+    fail("write", target);
+  }
+  registration_ = register_unfinished(temporary_path_);
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    sigaction(kSignalActions[i].signal_number, nullptr, &former_[i]);
+    if (former_[i].sa_handler == SIG_DFL) {
+      std::signal(kSignalActions[i].signal_number, kSignalActions[i].handler);
+    }
+  }
+}
+
+ReplacementFile::~ReplacementFile() {
+  if (descriptor_ >= 0) {
+    close(descriptor_);
+    unlink(temporary_path_.c_str());
+  }
+  if (registration_ != nullptr) {
+    registration_[0] = '\0';
+  }
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    if (former_[i].sa_handler == SIG_DFL) {
+      std::signal(kSignalActions[i].signal_number, SIG_DFL);
+    }
+  }
+}
+
+void ReplacementFile::write(std::string_view bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t written = ::write(descriptor_, bytes.data() + done, bytes.size() - done);
+    if (written < 0 && errno != EINTR) {
+      fail("write", target_);
+    }
+    done += written > 0 ? static_cast<std::size_t>(written) : 0;
+  }
+}
+
+void ReplacementFile::take_over_attributes() const {
+  struct stat former = {};
+  const bool replaces = stat(target_.c_str(), &former) == 0;
+  // Best effort: some file systems know no owners and modes, and not everyone may give a file away.
+  // mkstemp makes files that only their owner may read.
+  if (replaces && fchown(descriptor_, former.st_uid, former.st_gid) != 0) {
+    errno = 0;
+  }
+  fchmod(descriptor_, replaces ? former.st_mode & 0777 : default_file_mode());
+}
+
+void ReplacementFile::commit(Durability durability) {
+  take_over_attributes();
+  if (durability == Durability::kOnDisk && fsync(descriptor_) != 0) {
+    fail("write", target_);
+  }
+  // Some file systems report a full disk only here.
+  const int descriptor = std::exchange(descriptor_, -1);
+  if (close(descriptor) != 0 || std::rename(temporary_path_.c_str(), target_.c_str()) != 0) {
+    const int reason = errno;
+    unlink(temporary_path_.c_str());
+    errno = reason;
+    fail("write", target_);
+  }
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,124 @@
+// compare_sheet.cpp - reads the frames one after the other and draws each into its row at once.
+// Read compare_sheet.h first.
+#include "tools/compare/compare_sheet.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "tools/frames/annotation.h"
+#include "tools/common/command.h"
+#include "tools/frames/frame_source.h"
+#include "tools/common/progress.h"
+#include "tools/frames/tile_grid.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr GridStrips kStrips = {34, 24};  // pixels
+
+std::string text_of(cv::Size size) {
+  return std::to_string(size.width) + "x" + std::to_string(size.height);
+}
+
+// 1:02:03.400, without the hours where there are none.
+std::string text_of_time(std::uint64_t microseconds) {
+  const std::uint64_t milliseconds = microseconds / 1000;
+  const std::uint64_t minutes = milliseconds / 60000;
+  char text[64];
+  if (minutes < 60) {
+    std::snprintf(text, sizeof text, "%" PRIu64, minutes);
+  } else {
+    std::snprintf(text, sizeof text, "%" PRIu64 ":%02" PRIu64, minutes / 60, minutes % 60);
+  }
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, ":%02" PRIu64 ".%03" PRIu64, milliseconds / 1000 % 60,
+                milliseconds % 1000);
+  return std::string(text) + seconds;
+}
+
+std::string text_of_boxes(std::size_t boxes, std::size_t alone) {
+  return std::to_string(boxes) + (boxes == 1 ? " box" : " boxes") +
+         (alone > 0 ? ", " + std::to_string(alone) + " differ" : "");
+}
+
+// Reads forward to the frame of that number.
+SourceFrame read_frame(const std::string& input, long number, FrameSource* source, long* position,
+                       Progress* progress) {
+  bool more = true;
+  while (more && *position + 1 < number) {
+    more = source->skip();
+    *position += more ? 1 : 0;
+    progress->update(*position);
+  }
+  SourceFrame frame;
+  if (!more || !source->next(&frame)) {
+    throw ToolError(kInputError, input + ": has " + std::to_string(*position) +
+                                     " frames that can be read, but frame " +
+                                     std::to_string(number) +
+                                     " is asked for. Give the input that the runs were made from.");
+  }
+  ++*position;
+  return frame;
+}
+
+// The runs agree with one another, so the first one's boxes stand for all.
+void require_own_size(const std::string& input, cv::Size picture,
+                      const std::optional<cv::Size>& display, const ComparedRun& run,
+                      const FrameRecord& record) {
+  const cv::Size size(record.width, record.height);
+  const std::string boxes = place_of(run, record) + ": the boxes are for " + text_of(size);
+  if (display && size != *display) {
+    throw ToolError(kInputError, boxes + " pixels, but --display says " + text_of(*display) + ".");
+  }
+  if (!display && size != picture) {
+    throw ToolError(kInputError,
+                    boxes + " pixels, but frame " + std::to_string(record.number) + " of " + input +
+                        " has " + text_of(picture) +
+                        ". Give the input that the runs were made from, and the --display that "
+                        "they had, if any.");
+  }
+}
+
+void draw_row(const cv::Mat& picture, const std::vector<ComparedRun>& runs,
+              const ComparedFrame& frame, std::size_t row, TileGrid* grid) {
+  for (std::size_t column = 0; column < runs.size(); ++column) {
+    const FrameRecord& record = *frame.records[column];
+    cv::Mat tile = grid->tile(row, column);
+    FramePicture(record, runs[column].class_names, picture).annotated_at(tile.size()).copyTo(tile);
+    std::string text = text_of_boxes(record.detections.size(), frame.boxes_alone[column]);
+    if (column == 0) {
+      text =
+          "frame " + std::to_string(frame.number) + "   " + text_of_time(record.pts) + "   " + text;
+    }
+    cv::Mat strip = grid->caption(row, column);
+    draw_line_of_text(text, &strip);
+  }
+}
+
+}  // namespace
+
+cv::Mat draw_compare_sheet(const std::string& input, FrameSource* source,
+                           const std::optional<cv::Size>& display,
+                           const std::vector<ComparedRun>& runs,
+                           const std::vector<ComparedFrame>& frames) {
+  Progress progress(frames.back().number, false);
+  std::optional<TileGrid> grid;
+  long position = 0;  // frames read so far
+  for (std::size_t row = 0; row < frames.size(); ++row) {
+    const ComparedFrame& frame = frames[row];
+    const cv::Mat picture = read_frame(input, frame.number, source, &position, &progress).picture;
+    require_own_size(input, picture.size(), display, runs.front(), *frame.records.front());
+    if (!grid) {
+      grid.emplace(tile_size(picture.size(), runs.size()), frames.size(), runs.size(), kStrips);
+    }
+    draw_row(picture, runs, frame, row, &*grid);
+  }
+  for (std::size_t column = 0; column < runs.size(); ++column) {
+    cv::Mat strip = grid->heading(column);
+    draw_line_of_text(runs[column].label, &strip);
+  }
+  return grid->sheet();
+}
+
+}  // namespace olvex_tools

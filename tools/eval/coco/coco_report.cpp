@@ -1,0 +1,281 @@
+// coco_report.cpp - tables in fixed columns, and the same as JSON. Read coco_report.h first.
+#include "tools/eval/coco/coco_report.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/common/standard_output.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kReportSchemaVersion = 1;
+
+// ---- text -------------------------------------------------------------------------------------
+
+using Row = std::vector<std::string>;
+
+std::string decimal(const std::optional<double>& value, const char* format = "%.3f") {
+  if (!value) {
+    return "-";
+  }
+  char text[64];
+  std::snprintf(text, sizeof text, format, *value);
+  return text;
+}
+
+// Letters on the screen: bytes that continue a UTF-8 letter take no room.
+std::size_t width_of(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char character) {
+    return (static_cast<unsigned char>(character) & 0xC0) != 0x80;
+  }));
+}
+
+// The first column to the left, the others to the right. Requires: rows of one length.
+std::string table(const std::vector<Row>& rows) {
+  std::vector<std::size_t> widths(rows.front().size(), 0);
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], width_of(row[i]));
+    }
+  }
+  std::string text;
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      const std::string padding(widths[i] - width_of(row[i]), ' ');
+      text += i == 0 ? row[i] + padding : "  " + padding + row[i];
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    text += "\n";
+  }
+  return text;
+}
+
+std::string counted(std::size_t count, const std::string& one, const std::string& many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::string counts_line(const CocoReport& report) {
+  std::size_t ignored = 0;
+  for (const ClassMetrics& item : report.metrics.classes) {
+    ignored += item.ignored;
+  }
+  return counted(report.truth.pictures.size(), "picture, ", "pictures, ") +
+         counted(report.truth.categories.size(), "class, ", "classes, ") +
+         counted(report.truth.boxes.size(), "truth box", "truth boxes") + " (" +
+         std::to_string(ignored) + " ignored), " + counted(report.results, "result", "results") +
+         "\n";
+}
+
+std::string summary_table(const CocoMetrics& metrics) {
+  static const char* const kMeanings[] = {"average precision, overlap .50 to .95",
+                                          "average precision, overlap .50",
+                                          "average precision, overlap .75",
+                                          "AP of areas up to 32x32 pixels",
+                                          "AP of areas from 32x32 to 96x96",
+                                          "AP of larger areas",
+                                          "average recall, 1 box per picture and class",
+                                          "average recall, 10 boxes",
+                                          "average recall, 100 boxes",
+                                          "AR100 of areas up to 32x32 pixels",
+                                          "AR100 of areas from 32x32 to 96x96",
+                                          "AR100 of larger areas"};
+  std::string text;
+  for (std::size_t i = 0; i < metrics.summary.size(); ++i) {
+    char line[128];
+    std::snprintf(line, sizeof line, "%-6s %6s  %s\n", metrics.summary[i].name.c_str(),
+                  decimal(metrics.summary[i].value).c_str(), kMeanings[i]);
+    text += line;
+  }
+  return text;
+}
+
+std::string class_table(const CocoMetrics& metrics) {
+  std::vector<Row> rows = {{"class", "AP", "AP50", "truth", "ignored", "results"}};
+  for (const ClassMetrics& item : metrics.classes) {
+    rows.push_back({one_line(item.category.name), decimal(item.ap), decimal(item.ap50),
+                    std::to_string(item.truths), std::to_string(item.ignored),
+                    std::to_string(item.detections)});
+  }
+  return table(rows);
+}
+
+std::string class_name_of(const CocoTruth& truth, std::size_t category, const char* none) {
+  return category < truth.categories.size() ? one_line(truth.categories[category].name) : none;
+}
+
+constexpr const char* kNothing = "nothing";  // detected where no truth is
+constexpr const char* kMissed = "missed";    // truth without a detection
+
+std::string confusion_matrix(const CocoReport& report, const std::set<std::size_t>& shown) {
+  std::vector<Row> rows = {{""}};
+  for (const std::size_t column : shown) {
+    rows.front().push_back(class_name_of(report.truth, column, kMissed));
+  }
+  for (const std::size_t line : shown) {
+    rows.push_back({class_name_of(report.truth, line, kNothing)});
+    for (const std::size_t column : shown) {
+      const auto count = report.confusion.find({line, column});
+      rows.back().push_back(count == report.confusion.end() ? "0" : std::to_string(count->second));
+    }
+  }
+  // Nothing that is missed is not a case.
+  rows.back().back().clear();
+  return table(rows);
+}
+
+std::string confusion_list(const CocoReport& report) {
+  constexpr std::size_t kListed = 20;
+  std::vector<std::pair<std::pair<std::size_t, std::size_t>, std::size_t>> errors;
+  for (const auto& item : report.confusion) {
+    if (item.first.first != item.first.second) {
+      errors.push_back(item);
+    }
+  }
+  std::stable_sort(errors.begin(), errors.end(),
+                   [](const auto& left, const auto& right) { return left.second > right.second; });
+  std::vector<Row> rows = {{"truth", "result", "times"}};
+  for (std::size_t i = 0; i < errors.size() && i < kListed; ++i) {
+    rows.push_back({class_name_of(report.truth, errors[i].first.first, kNothing),
+                    class_name_of(report.truth, errors[i].first.second, kMissed),
+                    std::to_string(errors[i].second)});
+  }
+  return table(rows);
+}
+
+std::string confusion_table(const CocoReport& report) {
+  constexpr std::size_t kClassesMost = 10;  // a screen is not wider
+  std::set<std::size_t> shown;
+  for (const auto& [pair, count] : report.confusion) {
+    shown.insert(pair.first);
+    shown.insert(pair.second);
+  }
+  shown.insert(report.truth.categories.size());
+  const std::string conditions = " at overlap 0.5 and score " + decimal(report.error_score, "%g");
+  return shown.size() <= kClassesMost + 1
+             ? "confusion" + conditions + ", rows: truth, columns: results\n" +
+                   confusion_matrix(report, shown)
+             : "most frequent errors" + conditions + "\n" + confusion_list(report);
+}
+
+std::string worst_table(const CocoReport& report) {
+  std::vector<Row> rows = {{"worst picture", "missed", "false", "hit", "file"}};
+  for (const PictureErrors& errors : report.worst) {
+    const CocoPicture& picture = report.truth.pictures[errors.picture];
+    rows.push_back({std::to_string(picture.id), std::to_string(errors.misses),
+                    std::to_string(errors.false_boxes), std::to_string(errors.hits),
+                    one_line(picture.file_name)});
+  }
+  return table(rows);
+}
+
+// ---- JSON -------------------------------------------------------------------------------------
+
+Json number_or_null(const std::optional<double>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+Json values_of(const std::vector<Metric>& metrics) {
+  Json values = Json::object();
+  for (const Metric& metric : metrics) {
+    values[metric.name] = number_or_null(metric.value);
+  }
+  return values;
+}
+
+Json classes_of(const CocoMetrics& metrics) {
+  Json list = Json::array();
+  for (const ClassMetrics& item : metrics.classes) {
+    list.push_back({{"id", item.category.id},
+                    {"name", item.category.name},
+                    {"truth_boxes", item.truths},
+                    {"ignored_truth_boxes", item.ignored},
+                    {"results", item.detections},
+                    {"AP", number_or_null(item.ap)},
+                    {"AP50", number_or_null(item.ap50)},
+                    {"precision50", item.precision50 ? Json(*item.precision50) : Json(nullptr)}});
+  }
+  return list;
+}
+
+Json confusion_of(const CocoReport& report) {
+  const auto name = [&](std::size_t category) {
+    const std::vector<CocoCategory>& categories = report.truth.categories;
+    return category < categories.size() ? Json(categories[category].name) : Json(nullptr);
+  };
+  Json cells = Json::array();
+  for (const auto& [pair, count] : report.confusion) {
+    cells.push_back({{"truth", name(pair.first)}, {"result", name(pair.second)}, {"count", count}});
+  }
+  return {{"overlap", kErrorOverlap}, {"score", report.error_score}, {"cells", std::move(cells)}};
+}
+
+Json worst_of(const CocoReport& report) {
+  Json list = Json::array();
+  for (const PictureErrors& errors : report.worst) {
+    const CocoPicture& picture = report.truth.pictures[errors.picture];
+    list.push_back({{"image_id", picture.id},
+                    {"file_name", picture.file_name},
+                    {"missed", errors.misses},
+                    {"false", errors.false_boxes},
+                    {"hit", errors.hits}});
+  }
+  return list;
+}
+
+Json findings_of(const std::vector<LintFinding>& findings) {
+  Json list = Json::array();
+  for (const LintFinding& finding : findings) {
+    list.push_back({{"kind", finding.kind},
+                    {"file", finding.file},
+                    {"count", finding.count},
+                    {"message", finding.message}});
+  }
+  return list;
+}
+
+Json minimums_of(const std::vector<MetricMinimum>& minimums, const std::vector<Metric>& metrics) {
+  Json list = Json::array();
+  for (const MetricMinimum& minimum : minimums) {
+    list.push_back(
+        {{"metric", minimum.name}, {"minimum", minimum.value}, {"met", is_met(minimum, metrics)}});
+  }
+  return list;
+}
+
+}  // namespace
+
+std::string coco_report_text(const CocoReport& report) {
+  std::string text = counts_line(report) + "\n" + summary_table(report.metrics) + "\n" +
+                     class_table(report.metrics) + "\n" + confusion_table(report);
+  if (!report.worst.empty()) {
+    text += "\n" + worst_table(report);
+  }
+  return text;
+}
+
+std::string coco_report_json(const CocoReport& report, const std::vector<MetricMinimum>& minimums) {
+  const Json json = {{"schema_version", kReportSchemaVersion},
+                     {"truth", report.truth_path},
+                     {"result", report.result_path},
+                     {"pictures", report.truth.pictures.size()},
+                     {"truth_boxes", report.truth.boxes.size()},
+                     {"results", report.results},
+                     {"metrics", values_of(report.metrics.summary)},
+                     {"classes", classes_of(report.metrics)},
+                     {"confusion", confusion_of(report)},
+                     {"worst_pictures", worst_of(report)},
+                     {"warnings", findings_of(report.findings)},
+                     {"minimums", minimums_of(minimums, all_metrics(report.metrics))}};
+  // File names need not be UTF-8, JSON must be.
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,195 @@
+// coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
+// Read coco_worst_pictures.h first.
+#include "tools/eval/coco/coco_worst_pictures.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <system_error>
+
+#include <opencv2/imgproc.hpp>
+
+#include "tools/frames/annotation.h"
+#include "tools/common/command.h"
+#include "tools/frames/frame_source.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Blue, green, red.
+const cv::Scalar kWhite(255, 255, 255);
+const cv::Scalar kGreen(80, 200, 60);
+const cv::Scalar kRed(50, 50, 235);
+const cv::Scalar kYellow(40, 220, 255);
+
+// Boxes are in pixels of the truth's picture, which the run may have scaled.
+struct Scale {
+  double across = 1;
+  double down = 1;
+};
+
+cv::Point scaled_point(double x, double y, const Scale& scale) {
+  constexpr double kLimit = 32000;  // drawing needs coordinates far below the limit of an int
+  return {static_cast<int>(std::clamp(x * scale.across, -kLimit, kLimit)),
+          static_cast<int>(std::clamp(y * scale.down, -kLimit, kLimit))};
+}
+
+// Requires: the line is level or upright.
+void draw_dashes(cv::Point from, cv::Point to, const cv::Scalar& colour, int width,
+                 cv::Mat* picture) {
+  const int dash = 5 * width;
+  const cv::Point way = to - from;
+  const int length = std::max(std::abs(way.x), std::abs(way.y));
+  const cv::Point step((way.x > 0) - (way.x < 0), (way.y > 0) - (way.y < 0));
+  for (int start = 0; start < length; start += 2 * dash) {
+    const int end = std::min(start + dash, length);
+    cv::line(*picture, from + step * start, from + step * end, colour, width);
+  }
+}
+
+void draw_dashed_box(cv::Point upper_left, cv::Point lower_right, const cv::Scalar& colour,
+                     int width, cv::Mat* picture) {
+  const cv::Point upper_right(lower_right.x, upper_left.y);
+  const cv::Point lower_left(upper_left.x, lower_right.y);
+  draw_dashes(upper_left, upper_right, colour, width, picture);
+  draw_dashes(upper_right, lower_right, colour, width, picture);
+  draw_dashes(lower_left, lower_right, colour, width, picture);
+  draw_dashes(upper_left, lower_left, colour, width, picture);
+}
+
+std::string label_of(const JudgedBox& judged, const std::string& name) {
+  if (judged.fate == Fate::kMissed) {
+    return name + " missed";
+  }
+  char score[32];
+  std::snprintf(score, sizeof score, " %.2f", judged.score);
+  return name + score;
+}
+
+void draw_box(const JudgedBox& judged, const Scale& scale, const std::string& name,
+              std::vector<Label>* labels, cv::Mat* picture) {
+  const Box& box = judged.box;
+  const cv::Point upper_left = scaled_point(box.x, box.y, scale);
+  const cv::Point lower_right = scaled_point(box.x + box.width, box.y + box.height, scale);
+  const int width = outline_width(*picture);
+  switch (judged.fate) {
+    case Fate::kFound:
+      cv::rectangle(*picture, upper_left, lower_right, kWhite, 1);
+      return;
+    case Fate::kMissed:
+      draw_dashed_box(upper_left, lower_right, kYellow, width, picture);
+      labels->push_back({label_of(judged, name), upper_left, kYellow});
+      return;
+    case Fate::kHit:
+      cv::rectangle(*picture, upper_left, lower_right, kGreen, width);
+      labels->push_back({label_of(judged, name), upper_left, kGreen});
+      return;
+    case Fate::kFalse:
+      cv::rectangle(*picture, upper_left, lower_right, kRed, width);
+      labels->push_back({label_of(judged, name), upper_left, kRed});
+      return;
+  }
+}
+
+void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* picture) {
+  const CocoPicture& facts = truth.pictures[errors.picture];
+  Scale scale;
+  if (facts.width > 0 && facts.height > 0) {
+    scale = {picture->cols / facts.width, picture->rows / facts.height};
+  }
+  std::vector<JudgedBox> boxes = errors.boxes;
+  // Truth that was found goes on top: it is thin and would vanish below the hits.
+  std::stable_sort(boxes.begin(), boxes.end(), [](const JudgedBox& left, const JudgedBox& right) {
+    return left.fate != Fate::kFound && right.fate == Fate::kFound;
+  });
+  std::vector<Label> labels;
+  for (const JudgedBox& judged : boxes) {
+    draw_box(judged, scale, truth.categories[judged.category].name, &labels, picture);
+  }
+  draw_labels(labels, picture);
+  draw_caption("image " + std::to_string(facts.id) + ": missed " + std::to_string(errors.misses) +
+                   ", false " + std::to_string(errors.false_boxes) + ", hit " +
+                   std::to_string(errors.hits),
+               picture);
+}
+
+void make_folder(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error) {
+    throw ToolError(kInputError, folder + ": the folder cannot be made: " + error.message() + ".");
+  }
+}
+
+bool is_dump(const fs::path& path) {
+  return path.extension() == ".bin";
+}
+
+// Only a model knows how a dumped frame lies in memory, and no evaluation waits for a camera.
+void require_pictures(const std::string& input) {
+  bool dumps = is_dump(input);
+  std::error_code error;
+  for (fs::directory_iterator entry(input, error), end; !error && entry != end && !dumps;
+       entry.increment(error)) {
+    dumps = is_dump(entry->path());
+  }
+  if (dumps) {
+    throw ToolError(kInputError, input +
+                                     ": dumped frames (*.bin) cannot be drawn on; give the "
+                                     "video or the pictures.");
+  }
+  if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
+    throw ToolError(kInputError, input +
+                                     ": a camera does not show the same frames again; give a "
+                                     "video or pictures.");
+  }
+}
+
+std::string file_name(std::size_t rank, std::int64_t image_id) {
+  char name[80];
+  std::snprintf(name, sizeof name, "worst_%02zu_image_%lld.png", rank,
+                static_cast<long long>(image_id));
+  return name;
+}
+
+}  // namespace
+
+void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors>& worst,
+                         const std::string& input, const std::string& folder) {
+  std::map<std::uint64_t, std::size_t> wanted;  // place among the worst by image id
+  for (std::size_t i = 0; i < worst.size(); ++i) {
+    wanted[static_cast<std::uint64_t>(truth.pictures[worst[i].picture].id)] = i;
+  }
+  require_pictures(input);
+  silence_opencv();
+  constexpr double kAnyRate = 25;  // frames per second; times play no part here
+  const std::unique_ptr<FrameSource> source = open_frame_source(input, FrameLayout(), kAnyRate);
+  make_folder(folder);
+  SourceFrame frame;
+  while (!wanted.empty() && source->next(&frame)) {
+    const auto found = wanted.find(frame.image_id);
+    if (found == wanted.end()) {
+      continue;
+    }
+    const PictureErrors& errors = worst[found->second];
+    cv::Mat picture = frame.picture.clone();
+    draw_errors(truth, errors, &picture);
+    const std::string name = file_name(found->second + 1, truth.pictures[errors.picture].id);
+    write_picture((fs::path(folder) / name).string(), picture);
+    wanted.erase(found);
+  }
+  if (!wanted.empty()) {
+    const PictureErrors& missing = worst[wanted.begin()->second];
+    throw ToolError(kInputError, input + ": has no frame with the image id " +
+                                     std::to_string(truth.pictures[missing.picture].id) +
+                                     " of the truth. Give the input that the results come from.");
+  }
+}
+
+}  // namespace olvex_tools

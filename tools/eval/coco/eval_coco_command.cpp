@@ -1,0 +1,165 @@
+// eval_coco_command.cpp - the subcommand eval coco: its options, and the way from files to a report.
+// Read coco_files.h and coco_metrics.h for what is measured.
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/eval/coco/coco_files.h"
+#include "tools/eval/coco/coco_plot.h"
+#include "tools/eval/coco/coco_report.h"
+#include "tools/eval/coco/coco_worst_pictures.h"
+#include "tools/common/command.h"
+#include "tools/common/output_file.h"
+#include "tools/frames/own_files.h"
+#include "tools/common/standard_output.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr long kWorstMost = 1000;
+
+const char kDescription[] = "Measure boxes against the truth: average precision and recall";
+
+const char kManual[] =
+    "TRUTH is a COCO instances file: images, annotations (an \"ignore\": 1 is honoured beside\n"
+    "iscrowd) and categories, whose ids are the library's class ids, from 0. RESULT is what\n"
+    "olvex-det run --coco writes; run it with a low threshold, as precision is measured at all\n"
+    "scores.\n\n"
+    "Examples:\n"
+    "  olvex-det run detector.img pictures/ --threshold 0.01 --coco results.json\n"
+    "  olvex-det eval coco truth.json results.json\n"
+    "  olvex-det eval coco truth.json results.json --min AP50=0.6 --min AP50:person=0.7\n"
+    "  olvex-det eval coco truth.json results.json --plot curves.svg --classes person,car\n"
+    "  olvex-det eval coco truth.json results.json --worst-pictures worst/ --input pictures/\n"
+    "  olvex-det eval coco truth.json results.json --json - | jq .metrics.AP\n\n"
+    "Metrics are fractions, as in 0.85; \"-\" is undefined: a class without truth, which no mean\n"
+    "counts. Pictures of the worst: hits green on the truth in white, false boxes red, misses\n"
+    "dashed yellow; frame n of the input is image n, or the number that a picture is named by, as\n"
+    "with olvex-det run. Warnings tell of probable mistakes in the files, such as class ids that\n"
+    "are numbered from 1. Exit code 1: a metric is below its --min.";
+
+struct CommandLine {
+  std::string truth;
+  std::string result;
+  std::vector<std::string> classes;
+  std::vector<std::string> minimums;
+  double error_score = 0.5;
+  long worst = 5;
+  std::string json;
+  std::string plot;
+  std::string worst_folder;
+  std::string input;
+};
+
+[[noreturn]] void refuse(const std::string& message) {
+  throw ToolError(kUsageError, message);
+}
+
+void check_options(const CommandLine& line) {
+  if (!(line.error_score >= 0 && line.error_score <= 1)) {
+    refuse("--confusion-score must be from 0 to 1.");
+  }
+  if (line.worst_folder.empty() != line.input.empty()) {
+    refuse(
+        "--worst-pictures and --input go together: the folder to draw into, and the video or "
+        "pictures to draw on.");
+  }
+  require_own_files(
+      {{"--json", line.json}, {"--plot", line.plot}, {"--worst-pictures", line.worst_folder}},
+      {line.truth, line.result, line.input});
+}
+
+// Files to a report; also what --min needs, which is checked before the long part.
+CocoReport evaluate(const CommandLine& line, const std::vector<MetricMinimum>& minimums) {
+  CocoReport report;
+  report.truth_path = line.truth;
+  report.result_path = line.result;
+  report.error_score = line.error_score;
+  report.truth = read_coco_truth(line.truth);
+  const CocoTruth all_classes = report.truth;
+  if (!line.classes.empty()) {
+    report.truth = restricted_to(all_classes, line.classes);
+  }
+  require_known_metrics(minimums, coco_metric_names(report.truth));
+  const std::vector<CocoResult> raw_results = read_coco_results(line.result);
+  report.findings = lint_coco(all_classes, line.truth, raw_results, line.result);
+  print_findings("olvex-det eval coco", report.findings);
+  const std::vector<ResultBox> results = known_results(report.truth, raw_results, line.result);
+  report.results = results.size();
+  const auto classes = boxes_by_class(report.truth, results);
+  report.metrics = coco_metrics(report.truth, classes);
+  report.confusion = confusion_counts(report.truth, results, line.error_score);
+  report.worst = worst_pictures(picture_errors(report.truth, classes, line.error_score),
+                                static_cast<std::size_t>(line.worst));
+  return report;
+}
+
+int run(const CommandLine& line) {
+  check_options(line);
+  const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
+  const CocoReport report = evaluate(line, minimums);
+  if (!line.json.empty()) {
+    write_output(line.json, stdout, coco_report_json(report, minimums));
+  }
+  if (!line.plot.empty()) {
+    write_output(line.plot, stdout, precision_recall_svg(report.metrics));
+  }
+  if (line.json == kStandardOutput || line.plot == kStandardOutput) {
+    std::fputs(coco_report_text(report).c_str(), stderr);
+  } else {
+    print_result(coco_report_text(report));
+  }
+  if (!line.worst_folder.empty()) {
+    draw_worst_pictures(report.truth, report.worst, line.input, line.worst_folder);
+  }
+  return check_minimums(minimums, all_metrics(report.metrics));
+}
+
+void add_measuring_options(CLI::App* command, CommandLine* line) {
+  command->add_option("--classes", line->classes, "Classes that count, by id or name, as in 0,1")
+      ->type_name("CLASS,CLASS...")
+      ->delimiter(',')
+      ->allow_extra_args(false);
+  add_minimum_option(command, &line->minimums);
+  command
+      ->add_option("--confusion-score", line->error_score,
+                   "Score that a box needs for the confusion table and the worst pictures")
+      ->type_name("NUMBER")
+      ->capture_default_str();
+}
+
+void add_output_options(CLI::App* command, CommandLine* line) {
+  command->add_option("--json", line->json, "Everything for programs, see eval_coco.schema.json")
+      ->type_name("FILE|-");
+  command->add_option("--plot", line->plot, "Precision over recall of each class, an SVG picture")
+      ->type_name("FILE|-");
+  command->add_option("--worst", line->worst, "Pictures to list, those with most errors")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(0L, kWorstMost));
+  command
+      ->add_option("--worst-pictures", line->worst_folder,
+                   "Draw the worst pictures into this folder")
+      ->type_name("FOLDER");
+  command->add_option("--input", line->input, "What the results come from, to draw on")
+      ->type_name("VIDEO|FOLDER");
+}
+
+}  // namespace
+
+void add_eval_coco_command(CLI::App& eval, Command* chosen) {
+  CLI::App* const command = eval.add_subcommand("coco", kDescription);
+  const auto line = std::make_shared<CommandLine>();
+  command->add_option("TRUTH", line->truth, "COCO instances file")->type_name("")->required();
+  command->add_option("RESULT", line->result, "COCO results file")->type_name("")->required();
+  add_measuring_options(command, line.get());
+  add_output_options(command, line.get());
+  command->footer(kManual);
+  command->callback([line, chosen] { *chosen = [line] { return run(*line); }; });
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,162 @@
+// eval_mot_command.cpp - the subcommand eval mot: its options, and the way from files to a report.
+// Read mot_clip.h and mot_metrics.h for what is measured.
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/common/command.h"
+#include "tools/common/metric_minimums.h"
+#include "tools/eval/mot/mot_report.h"
+#include "tools/eval/mot/mot_timeline.h"
+#include "tools/common/output_file.h"
+#include "tools/frames/own_files.h"
+#include "tools/common/standard_output.h"
+
+namespace olvex_tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kClassMost = 1000000;
+
+const char kDescription[] = "Measure tracks against the truth: HOTA, MOTA, IDF1 and their parts";
+
+const char kManual[] =
+    "TRUTH has a row per box: frame,id,left,top,width,height,consider,class,visibility[,moving],\n"
+    "with frames from 1, the library's class ids and 0 for consider where a box is to be ignored.\n"
+    "RESULT is what olvex-det run --track --mot writes. Give more pairs to measure several clips\n"
+    "as one: they get a row each, and --min acts on their combined values.\n\n"
+    "Examples:\n"
+    "  olvex-det run detector.img street.mp4 --track --mot result.txt\n"
+    "  olvex-det eval mot truth.txt result.txt\n"
+    "  olvex-det eval mot truth.txt result.txt --timeline objects.svg --classes 0\n"
+    "  olvex-det eval mot a.txt a_result.txt b.txt b_result.txt --min MOTA=0.6 --min IDF1=0.7\n"
+    "  olvex-det eval mot truth.txt result.txt --json - | jq .combined.metrics.HOTA\n\n"
+    "Metrics are fractions, as in 0.85; \"-\" is undefined. Warnings tell of probable mistakes in\n"
+    "the files, such as frames that are numbered from 0. Exit code 1: a metric is below its --min.";
+
+struct CommandLine {
+  std::vector<std::string> files;  // truth and result in turn
+  std::vector<int> classes;
+  std::vector<std::string> minimums;
+  std::string json;
+  std::string timeline;
+};
+
+[[noreturn]] void refuse(const std::string& message) {
+  throw ToolError(kUsageError, message);
+}
+
+void require_pairs(const CommandLine& line) {
+  if (line.files.size() % 2 != 0) {
+    refuse("there is no RESULT for the TRUTH " + line.files.back() +
+           ": give files in pairs, TRUTH RESULT [TRUTH RESULT ...].");
+  }
+  if (!line.timeline.empty() && line.files.size() > 2) {
+    refuse("--timeline draws one clip: give a single TRUTH and RESULT.");
+  }
+}
+
+std::vector<MetricMinimum> read_minimums(const CommandLine& line) {
+  std::vector<std::string> names;
+  for (const Metric& metric : mot_metrics({})) {
+    names.push_back(metric.name);
+  }
+  std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
+  require_known_metrics(minimums, names);
+  return minimums;
+}
+
+// After the truth's file, unless another clip's is named so too.
+std::string clip_name(const std::vector<std::string>& files, std::size_t truth) {
+  std::string name = fs::path(files[truth]).stem().string();
+  for (std::size_t other = 0; other < files.size(); other += 2) {
+    if (other != truth && fs::path(files[other]).stem().string() == name) {
+      return files[truth];
+    }
+  }
+  return name;
+}
+
+void write_timeline(const std::string& path, const MotClipReport& report, const MotClip& clip) {
+  write_output(path, stdout,
+               timeline_svg(report.name + ": " + report.result_path, clip, report.runs));
+}
+
+void add_classes(const MotClip& clip, MotReport* report) {
+  for (const int class_id : classes_of(clip)) {
+    report->per_class[class_id].add(measure_tracks(restricted_to(clip, {class_id})).scores);
+  }
+}
+
+void add_clip(const CommandLine& line, std::size_t truth_index, MotReport* report) {
+  const MotFile truth = read_mot_truth(line.files[truth_index]);
+  MotFile result = read_mot_result(line.files[truth_index + 1]);
+  const std::vector<LintFinding> findings = lint_tracks(truth, &result);
+  print_findings("olvex-det eval mot", findings);
+  report->findings.insert(report->findings.end(), findings.begin(), findings.end());
+  MotClip clip = make_mot_clip(truth, result);
+  if (!report->restricted_to.empty()) {
+    clip = restricted_to(clip, report->restricted_to);
+  }
+  MotMeasurement measured = measure_tracks(clip);
+  add_classes(clip, report);
+  report->combined.add(measured.scores);
+  report->clips.push_back({clip_name(line.files, truth_index), truth.path, result.path,
+                           measured.scores, clip.objects, std::move(measured.runs)});
+  if (!line.timeline.empty()) {
+    write_timeline(line.timeline, report->clips.back(), clip);
+  }
+}
+
+int evaluate(const CommandLine& line) {
+  require_pairs(line);
+  require_own_files({{"--json", line.json}, {"--timeline", line.timeline}}, line.files);
+  const std::vector<MetricMinimum> minimums = read_minimums(line);
+  MotReport report;
+  report.restricted_to.insert(line.classes.begin(), line.classes.end());
+  for (std::size_t i = 0; i < line.files.size(); i += 2) {
+    add_clip(line, i, &report);
+  }
+  if (!line.json.empty()) {
+    write_output(line.json, stdout, mot_report_json(report, minimums));
+  }
+  if (line.json == kStandardOutput || line.timeline == kStandardOutput) {
+    std::fputs(mot_report_text(report).c_str(), stderr);
+  } else {
+    print_result(mot_report_text(report));
+  }
+  return check_minimums(minimums, mot_metrics(report.combined));
+}
+
+}  // namespace
+
+void add_eval_mot_command(CLI::App& eval, Command* chosen) {
+  CLI::App* const command = eval.add_subcommand("mot", kDescription);
+  const auto line = std::make_shared<CommandLine>();
+  command->add_option("FILES", line->files, "Pairs of files: TRUTH RESULT [TRUTH RESULT ...]")
+      ->type_name("")
+      ->required();
+  command->add_option("--classes", line->classes, "Class ids that count in both files, as in 0,1")
+      ->type_name("N,N...")
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->check(CLI::Range(0, kClassMost));
+  add_minimum_option(command, &line->minimums);
+  command
+      ->add_option("--json", line->json,
+                   "Values, findings and the runs of each object, see eval_mot.schema.json")
+      ->type_name("FILE|-");
+  command
+      ->add_option("--timeline", line->timeline,
+                   "A picture (SVG) of each object: when it was found, and under which id")
+      ->type_name("FILE");
+  command->footer(kManual);
+  command->callback([line, chosen] { *chosen = [line] { return evaluate(*line); }; });
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,186 @@
+// mot_lint.cpp - one function per kind of mistake. Read mot_lint.h first.
+#include "tools/eval/mot/mot_lint.h"
+
+#include <algorithm>
+#include <set>
+
+#include "tools/eval/mot/mot_overlap.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr std::size_t kManyBoxes = 100;  // in a frame; more than a scene for detectors has
+// A shift is a mistake when it makes that many more of the truth's boxes match.
+constexpr long kClearGain = 5;
+constexpr long kClearGainPercent = 10;
+
+std::string row_text(const MotRow& row) {
+  return "row " + std::to_string(row.line) + " (frame " + std::to_string(row.frame) + ", id " +
+         std::to_string(row.id) + ")";
+}
+
+class Lint {
+ public:
+  Lint(const MotFile& truth, MotFile* result) : truth_(truth), result_(*result) {}
+
+  std::vector<LintFinding> run() {
+    find_empty_files();
+    find_repeated_ids();
+    find_frame_zero(truth_, result_);
+    find_frame_zero(result_, truth_);
+    find_crowded_frame(truth_);
+    find_crowded_frame(result_);
+    find_empty_boxes(truth_);
+    find_empty_boxes(result_);
+    find_frames_beyond_truth();
+    find_shifts();
+    return std::move(findings_);
+  }
+
+ private:
+  void add(const char* kind, const MotFile& file, const std::string& message) {
+    findings_.push_back({kind, file.path, 0, message});
+  }
+
+  void find_empty_files() {
+    if (truth_.rows.empty()) {
+      add("empty_truth", truth_,
+          "there are no rows, so no metric is defined. Is it the right file?");
+    }
+    if (result_.rows.empty()) {
+      add("empty_result", result_,
+          "there are no rows. Was it written by olvex-det run --track --mot, and to the end? A "
+          "lower --threshold finds more.");
+    }
+  }
+
+  void find_repeated_ids() {
+    std::vector<MotRow> kept;
+    std::vector<MotRow> repeated;
+    std::set<long> ids;
+    for (const MotRow& row : result_.rows) {
+      if (!kept.empty() && kept.back().frame != row.frame) {
+        ids.clear();
+      }
+      (ids.insert(row.id).second ? kept : repeated).push_back(row);
+    }
+    if (!repeated.empty()) {
+      add("repeated_ids", result_,
+          std::to_string(repeated.size()) + " rows repeat an id of their frame, first " +
+              row_text(repeated.front()) +
+              "; they are left out. Are two results in the file? Write each to a file of its own.");
+    }
+    result_.rows = std::move(kept);
+  }
+
+  void find_frame_zero(const MotFile& file, const MotFile& other) {
+    if (!file.rows.empty() && !other.rows.empty() && file.rows.front().frame == 0 &&
+        other.rows.front().frame > 0) {
+      add("frames_from_zero", file,
+          "frames are numbered from 0, see " + row_text(file.rows.front()) + "; in " + other.path +
+              " they are from 1. Add 1 to the first column.");
+    }
+  }
+
+  void find_crowded_frame(const MotFile& file) {
+    for (std::size_t i = kManyBoxes; i < file.rows.size(); ++i) {
+      const long frame = file.rows[i].frame;
+      if (file.rows[i - kManyBoxes].frame == frame) {
+        add("many_boxes_in_frame", file,
+            "frame " + std::to_string(frame) + " has more than " + std::to_string(kManyBoxes) +
+                " boxes. Is the first column the frame's number? If boxes of low score fill it, "
+                "raise --threshold.");
+        return;
+      }
+    }
+  }
+
+  void find_empty_boxes(const MotFile& file) {
+    const auto is_empty = [](const MotRow& row) {
+      return row.box.width <= 0 || row.box.height <= 0;
+    };
+    const auto first = std::find_if(file.rows.begin(), file.rows.end(), is_empty);
+    if (first != file.rows.end()) {
+      add("boxes_without_area", file,
+          std::to_string(std::count_if(first, file.rows.end(), is_empty)) +
+              " boxes of a width or height of 0 or less, first " + row_text(*first) +
+              "; they match nothing. Columns 3 to 6 are left, top, width and height, not corners.");
+    }
+  }
+
+  void find_frames_beyond_truth() {
+    if (truth_.rows.empty()) {
+      return;
+    }
+    const long last = truth_.rows.back().frame;
+    const auto first = std::find_if(result_.rows.begin(), result_.rows.end(),
+                                    [&](const MotRow& row) { return row.frame > last; });
+    if (first != result_.rows.end()) {
+      add("frames_beyond_truth", result_,
+          std::to_string(result_.rows.end() - first) + " boxes lie behind the truth's last frame " +
+              std::to_string(last) + ", first " + row_text(*first) +
+              "; they count as false. Are both files of one clip? To stop in time, use run "
+              "--limit " +
+              std::to_string(last) + ".");
+    }
+  }
+
+  // How many of the truth's boxes match one of the results when those get other frames and classes.
+  long matches_when_shifted(long frames, int classes) const {
+    long matches = 0;
+    auto first = result_.rows.begin();
+    for (const MotRow& truth : truth_.rows) {
+      while (first != result_.rows.end() && first->frame + frames < truth.frame) {
+        ++first;
+      }
+      for (auto row = first; row != result_.rows.end() && row->frame + frames == truth.frame;
+           ++row) {
+        if (row->class_id + classes == truth.class_id &&
+            reaches(overlap_of(row->box, truth.box), kMatchOverlap)) {
+          ++matches;
+          break;
+        }
+      }
+    }
+    return matches;
+  }
+
+  void find_shifts() {
+    const long now = matches_when_shifted(0, 0);
+    for (const int shift : {-1, 1}) {
+      find_shift("frames_shifted", "frame number", "first column", shift, now,
+                 matches_when_shifted(shift, 0));
+      find_shift("class_ids_shifted", "class id", "eighth column", shift, now,
+                 matches_when_shifted(0, shift));
+    }
+  }
+
+  void find_shift(const char* kind, const std::string& what, const std::string& column, int shift,
+                  long now, long shifted) {
+    if (shifted < now + kClearGain || shifted * 100 < now * (100 + kClearGainPercent)) {
+      return;
+    }
+    const MotRow& example = result_.rows.front();
+    const long value = kind == std::string("frames_shifted") ? example.frame : example.class_id;
+    add(kind, result_,
+        std::to_string(shifted) + " instead of " + std::to_string(now) + " of the truth's " +
+            std::to_string(truth_.rows.size()) + " boxes match when each " + what + " is " +
+            (shift > 0 ? "raised" : "lowered") + " by 1, in row " + std::to_string(example.line) +
+            " from " + std::to_string(value) + " to " + std::to_string(value + shift) + ". " +
+            (shift > 0 ? "Add 1 to" : "Subtract 1 from") + " its " + column + ", or correct " +
+            truth_.path + " the other way.");
+  }
+
+  const MotFile& truth_;
+  MotFile& result_;
+  std::vector<LintFinding> findings_;
+};
+
+}  // namespace
+
+std::vector<LintFinding> lint_tracks(const MotFile& truth, MotFile* result) {
+  return Lint(truth, result).run();
+}
+
+}  // namespace olvex_tools

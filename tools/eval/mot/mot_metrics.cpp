@@ -1,0 +1,73 @@
+// mot_metrics.cpp - from counts to metrics. Read mot_metrics.h first.
+#include "tools/eval/mot/mot_metrics.h"
+
+#include <utility>
+
+namespace olvex_tools {
+
+namespace {
+
+std::optional<double> ratio(double part, double whole) {
+  return whole > 0 ? std::optional<double>(part / whole) : std::nullopt;
+}
+
+double as_number(long count) {
+  return static_cast<double>(count);
+}
+
+}  // namespace
+
+void MotScores::add(const MotScores& other) {
+  clear.add(other.clear);
+  identity.add(other.identity);
+  hota.add(other.hota);
+}
+
+MotMeasurement measure_tracks(const MotClip& clip) {
+  const HotaSums hota = hota_sums(clip);  // first: it refuses what is too much for all
+  ClearResult clear = clear_mot(clip);
+  return {{clear.counts, identity_matches(clip), hota}, std::move(clear.runs)};
+}
+
+std::vector<Metric> mot_metrics(const MotScores& scores) {
+  const ClearCounts& clear = scores.clear;
+  const IdentityCounts& identity = scores.identity;
+  const HotaValues hota = hota_values(scores.hota);
+  const double truths = as_number(scores.hota.truths);
+  const double results = as_number(scores.hota.results);
+  const double errors = as_number(clear.misses + clear.false_boxes + clear.switches);
+  const double found = as_number(identity.matches);
+  const bool any_match = scores.hota.thresholds[0].matches > 0;
+  std::vector<Metric> metrics = {
+      {"HOTA", hota.hota},
+      {"DetA", hota.detection},
+      {"AssA", hota.association},
+      {"LocA", any_match ? std::optional<double>(hota.localisation) : std::nullopt},
+      {"MOTA", ratio(truths - errors, truths)},
+      {"MOTP", ratio(clear.overlap_sum, as_number(clear.matches))},
+      {"IDF1", ratio(2 * found, truths + results)},
+      {"IDP", ratio(found, results)},
+      {"IDR", ratio(found, truths)}};
+  if (scores.hota.truths == 0) {
+    for (Metric& metric : metrics) {
+      metric.value.reset();
+    }
+  }
+  return metrics;
+}
+
+std::vector<MotCount> mot_counts(const MotScores& scores) {
+  const ClearCounts& clear = scores.clear;
+  return {{"truths", "truths", scores.hota.truths},
+          {"results", "results", scores.hota.results},
+          {"misses", "FN", clear.misses},
+          {"false_boxes", "FP", clear.false_boxes},
+          {"id_switches", "IDSW", clear.switches},
+          {"fragments", "Frag", clear.fragments},
+          {"objects", "objects", clear.mostly_tracked + clear.partly_tracked + clear.mostly_lost},
+          {"mostly_tracked", "MT", clear.mostly_tracked},
+          {"partly_tracked", "PT", clear.partly_tracked},
+          {"mostly_lost", "ML", clear.mostly_lost}};
+}
+
+}  // namespace olvex_tools

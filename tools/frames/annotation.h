@@ -1,0 +1,62 @@
+// annotation.h - draws boxes, names, tracks and key points into a picture, and writes picture files.
+// Read run/picture_writers.h for where such pictures go.
+#ifndef TOOLS_FRAMES_ANNOTATION_H
+#define TOOLS_FRAMES_ANNOTATION_H
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "tools/frames/frame_record.h"
+
+namespace olvex_tools {
+
+// One frame with its boxes drawn into it. Coordinates are scaled from the record's display size, line
+// width and text from the picture's. The annotated picture is made when first asked for.
+class FramePicture {
+ public:
+  FramePicture(const FrameRecord& record, const std::vector<std::string>& class_names,
+               const cv::Mat& plain)
+      : record_(record), class_names_(class_names), plain_(plain) {}
+
+  const FrameRecord& record() const { return record_; }
+  // Annotated, in the source's own size.
+  const cv::Mat& annotated();
+  // Annotated, stretched to fit into size, with dark bars where the shape differs.
+  cv::Mat annotated_at(cv::Size size) const;
+
+ private:
+  const FrameRecord& record_;
+  const std::vector<std::string>& class_names_;
+  const cv::Mat& plain_;
+  cv::Mat annotated_;
+};
+
+struct Label {
+  std::string text;
+  cv::Point lower_left;
+  cv::Scalar ground;  // colour (blue, green, red) of the area that the text stands on
+};
+
+// Draws each label at its place; later ones move down where earlier ones are in the way.
+void draw_labels(const std::vector<Label>& labels, cv::Mat* picture);
+
+// The width of a box's outline that suits the picture.
+int outline_width(const cv::Mat& picture);
+
+// Draws text on a dark ground into the picture's lower left corner.
+void draw_caption(const std::string& text, cv::Mat* picture);
+
+// Draws black text that fits the height of a strip; text that is too long for it ends in "..".
+void draw_line_of_text(const std::string& text, cv::Mat* strip);
+
+// The bytes of a picture file, in the format of the path's extension.
+std::string encoded_picture(const std::string& path, const cv::Mat& picture);
+
+// Writes it to a picture file of that name, one of many: it does not wait for the disk.
+void write_picture(const std::string& path, const cv::Mat& picture);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_FRAMES_ANNOTATION_H

@@ -1,0 +1,168 @@
+// file_source.cpp - frames from files, one each: pictures, or frames that the library dumped.
+// Read frame_source.h first.
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <system_error>
+#include <utility>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "tools/common/command.h"
+#include "tools/frames/frame_source.h"
+#include "tools/frames/jpeg_file.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+ToolError file_error(const fs::path& path, const std::string& problem) {
+  return ToolError(kInputError, path.string() + ": " + problem);
+}
+
+void require_readable(const fs::path& path) {
+  errno = 0;
+  if (!std::ifstream(path, std::ios::binary)) {
+    throw file_error(path, std::string("cannot be opened: ") + std::strerror(errno) + ".");
+  }
+}
+
+std::vector<unsigned char> bytes_of(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// COCO names pictures by their image ids (000000000139.jpg). When every name is a number and no two
+// are equal, those are the ids; otherwise the frame numbers are.
+std::vector<std::uint64_t> image_ids(const std::vector<fs::path>& paths) {
+  std::vector<std::uint64_t> ids;
+  for (const fs::path& path : paths) {
+    const std::string stem = path.stem().string();
+    std::uint64_t id = 0;
+    const auto parsed = std::from_chars(stem.data(), stem.data() + stem.size(), id);
+    if (parsed.ec != std::errc() || parsed.ptr != stem.data() + stem.size()) {
+      break;
+    }
+    ids.push_back(id);
+  }
+  if (ids.size() != paths.size() ||
+      std::set<std::uint64_t>(ids.begin(), ids.end()).size() != ids.size()) {
+    ids.resize(paths.size());
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      ids[i] = i + 1;
+    }
+  }
+  return ids;
+}
+
+class FileSource : public FrameSource {
+ public:
+  FileSource(std::vector<fs::path> paths, double frames_per_second)
+      : paths_(std::move(paths)), image_ids_(image_ids(paths_)), rate_(frames_per_second) {}
+
+  bool next(SourceFrame* frame) override {
+    if (position_ >= paths_.size()) {
+      return false;
+    }
+    const fs::path& path = paths_[position_];
+    frame->image_id = image_ids_[position_];
+    frame->number = static_cast<long>(++position_);
+    frame->pts = time_stamp(frame->number, rate_);
+    frame->name = path.string();
+    require_readable(path);
+    read(path, frame);
+    return true;
+  }
+
+  bool skip() override {
+    if (position_ >= paths_.size()) {
+      return false;
+    }
+    ++position_;
+    return true;
+  }
+  std::optional<long> length() const override { return static_cast<long>(paths_.size()); }
+  double frames_per_second() const override { return rate_; }
+
+ private:
+  virtual void read(const fs::path& path, SourceFrame* frame) const = 0;
+
+  std::vector<fs::path> paths_;
+  std::vector<std::uint64_t> image_ids_;
+  double rate_;
+  std::size_t position_ = 0;
+};
+
+class PictureSource : public FileSource {
+ public:
+  using FileSource::FileSource;
+
+ private:
+  void read(const fs::path& path, SourceFrame* frame) const override {
+    const std::vector<unsigned char> bytes = bytes_of(path);
+    try {
+      // Not imread: that prints the name, which may hold anything, to the terminal.
+      if (!bytes.empty()) {
+        frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
+      }
+    } catch (const cv::Exception& error) {
+      throw file_error(path, "cannot be read as a picture: " + error.err + ".");
+    }
+    if (frame->picture.empty()) {
+      throw file_error(path,
+                       "cannot be read as a picture; it is damaged or of another kind than "
+                       "its name says.");
+    }
+    if (is_cut_jpeg(bytes)) {
+      throw file_error(path, "is cut: the file ends before the picture does.");
+    }
+  }
+};
+
+class DumpSource : public FileSource {
+ public:
+  DumpSource(std::vector<fs::path> paths, const FrameLayout& layout, double frames_per_second)
+      : FileSource(std::move(paths), frames_per_second), layout_(layout) {}
+
+ private:
+  void read(const fs::path& path, SourceFrame* frame) const override {
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(path, error);
+    if (error) {
+      throw file_error(path, "its size cannot be told: " + error.message() + ".");
+    }
+    if (size != layout_.size) {
+      throw file_error(path, "has " + std::to_string(size) +
+                                 " bytes, but a frame of this model is " + describe(layout_) +
+                                 ". It was dumped for another model or is cut.");
+    }
+    frame->dump.resize(layout_.size);
+    std::ifstream file(path, std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(frame->dump.data()),
+                   static_cast<std::streamsize>(frame->dump.size()))) {
+      throw file_error(path, "cannot be read.");
+    }
+  }
+
+  FrameLayout layout_;
+};
+
+}  // namespace
+
+std::unique_ptr<FrameSource> make_picture_source(std::vector<fs::path> paths,
+                                                 double frames_per_second) {
+  return std::make_unique<PictureSource>(std::move(paths), frames_per_second);
+}
+
+std::unique_ptr<FrameSource> make_dump_source(std::vector<fs::path> paths,
+                                              const FrameLayout& layout, double frames_per_second) {
+  return std::make_unique<DumpSource>(std::move(paths), layout, frames_per_second);
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,222 @@
+// frame_conversion.cpp - the formats' memory layouts as OpenCV matrices over one buffer, so that
+// every conversion writes straight into the frame. Read frame_conversion.h first.
+#include "tools/frames/frame_conversion.h"
+
+#include <algorithm>
+
+#include <opencv2/imgproc.hpp>
+
+#include "tools/common/command.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using qv_host::ColourOrder;
+
+constexpr std::size_t kRowAlignment = 16;  // bytes, of NV12 and the 4-byte formats
+
+std::size_t round_up(std::size_t value, std::size_t step) {
+  return (value + step - 1) / step * step;
+}
+
+const char* format_name(QV_IPU_ELEMENT_FORMAT format) {
+  switch (format) {
+    case QV_IPU_FORMAT_NV12:
+      return "NV12";
+    case QV_IPU_FORMAT_ARGB8888:
+      return "ARGB8888";
+    case QV_IPU_FORMAT_ABGR8888:
+      return "ABGR8888";
+    case QV_IPU_FORMAT_U8:
+      return "U8";
+    case QV_IPU_FORMAT_GRAY:
+      return "GRAY";
+    case QV_IPU_FORMAT_FP32:
+      return "FP32";
+    default:
+      return nullptr;
+  }
+}
+
+// The planes of an NV12 frame without the padding at the end of rows. Width and height are even:
+// no model image has others.
+struct Nv12Planes {
+  cv::Mat y;
+  cv::Mat uv;
+};
+
+Nv12Planes nv12_planes(unsigned char* frame, const FrameLayout& layout) {
+  unsigned char* const uv = frame + layout.row_bytes * static_cast<std::size_t>(layout.height);
+  return {cv::Mat(layout.height, layout.width, CV_8UC1, frame, layout.row_bytes),
+          cv::Mat(layout.height / 2, layout.width / 2, CV_8UC2, uv, layout.row_bytes)};
+}
+
+// A frame that is one plane of the given OpenCV element type.
+cv::Mat single_plane(unsigned char* frame, const FrameLayout& layout, int type) {
+  return cv::Mat(layout.height, layout.width, type, frame, layout.row_bytes);
+}
+
+void write_nv12(const cv::Mat& picture, const FrameLayout& layout, unsigned char* frame) {
+  cv::Mat planar;  // Y, then U, then V, each without padding
+  cv::cvtColor(picture, planar, cv::COLOR_BGR2YUV_I420);
+  const int half_width = layout.width / 2;
+  const int half_height = layout.height / 2;
+  unsigned char* const u = planar.ptr(layout.height);
+  unsigned char* const v = u + half_width * half_height;
+  const cv::Mat chroma[] = {cv::Mat(half_height, half_width, CV_8UC1, u),
+                            cv::Mat(half_height, half_width, CV_8UC1, v)};
+  Nv12Planes planes = nv12_planes(frame, layout);
+  planar.rowRange(0, layout.height).copyTo(planes.y);
+  cv::merge(chroma, 2, planes.uv);
+}
+
+cv::Mat read_nv12(unsigned char* frame, const FrameLayout& layout) {
+  const Nv12Planes planes = nv12_planes(frame, layout);
+  cv::Mat picture;
+  cv::cvtColorTwoPlane(planes.y, planes.uv, picture, cv::COLOR_YUV2BGR_NV12);
+  return picture;
+}
+
+// U8, GRAY and FP32: the channels one after the other, or the only one.
+int packed_type(const FrameLayout& layout) {
+  const int depth = layout.format == QV_IPU_FORMAT_FP32 ? CV_32F : CV_8U;
+  return CV_MAKETYPE(depth, layout.order == ColourOrder::kGray ? 1 : 3);
+}
+
+void write_packed(const cv::Mat& picture, const FrameLayout& layout, unsigned char* frame) {
+  cv::Mat ordered;  // with pixels of its own where they change: the picture is drawn on later
+  if (layout.order == ColourOrder::kBgr) {
+    ordered = picture;
+  } else {
+    const bool gray = layout.order == ColourOrder::kGray;
+    cv::cvtColor(picture, ordered, gray ? cv::COLOR_BGR2GRAY : cv::COLOR_BGR2RGB);
+  }
+  cv::Mat plane = single_plane(frame, layout, packed_type(layout));
+  ordered.convertTo(plane, plane.depth());
+}
+
+cv::Mat read_packed(unsigned char* frame, const FrameLayout& layout) {
+  cv::Mat picture;
+  single_plane(frame, layout, packed_type(layout)).convertTo(picture, CV_8U);
+  if (layout.order != ColourOrder::kBgr) {
+    const bool gray = layout.order == ColourOrder::kGray;
+    cv::cvtColor(picture, picture, gray ? cv::COLOR_GRAY2BGR : cv::COLOR_RGB2BGR);
+  }
+  return picture;
+}
+
+cv::Mat resized(const cv::Mat& picture, const FrameLayout& layout) {
+  const cv::Size size(layout.width, layout.height);
+  if (picture.size() == size) {
+    return picture;
+  }
+  // Averaging keeps small objects from falling between the samples when the picture shrinks.
+  const bool shrinks = picture.cols > size.width && picture.rows > size.height;
+  cv::Mat result;
+  cv::resize(picture, result, size, 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
+  return result;
+}
+
+}  // namespace
+
+FrameLayout frame_layout(const qv_host::InputDescription& input) {
+  FrameLayout layout;
+  layout.width = input.width;
+  layout.height = input.height;
+  layout.format = input.format;
+  layout.order = input.frame_order;
+  const auto width = static_cast<std::size_t>(input.width);
+  const auto height = static_cast<std::size_t>(input.height);
+  switch (input.format) {
+    case QV_IPU_FORMAT_NV12:
+      layout.row_bytes = round_up(width, kRowAlignment);
+      layout.size = layout.row_bytes * height / 2 * 3;
+      return layout;
+    case QV_IPU_FORMAT_ARGB8888:
+    case QV_IPU_FORMAT_ABGR8888:
+      layout.row_bytes = round_up(width * 4, kRowAlignment);
+      break;
+    case QV_IPU_FORMAT_U8:
+      layout.row_bytes = width * 3;
+      break;
+    case QV_IPU_FORMAT_GRAY:
+      layout.order = ColourOrder::kGray;
+      layout.row_bytes = width;
+      break;
+    case QV_IPU_FORMAT_FP32:
+      // A network of one gray plane takes its float frames in one channel too.
+      if (input.network_order == ColourOrder::kGray) {
+        layout.order = ColourOrder::kGray;
+      }
+      layout.row_bytes = width * sizeof(float) * (layout.order == ColourOrder::kGray ? 1 : 3);
+      break;
+    default:
+      throw ToolError(kModelError, "the model asks for input in element format " +
+                                       std::to_string(static_cast<int>(input.format)) +
+                                       ", which no picture can be converted to. Pack it with NV12, "
+                                       "ARGB8888, ABGR8888, U8, GRAY or FP32.");
+  }
+  layout.size = layout.row_bytes * height;
+  return layout;
+}
+
+std::string describe(const FrameLayout& layout) {
+  return std::string(format_name(layout.format)) + " " + std::to_string(layout.width) + "x" +
+         std::to_string(layout.height) + ", " + std::to_string(layout.size) + " bytes";
+}
+
+void convert_to_frame(const cv::Mat& picture, const FrameLayout& layout,
+                      std::vector<unsigned char>* frame) {
+  frame->assign(layout.size, 0);
+  unsigned char* const bytes = frame->data();
+  const cv::Mat input = resized(picture, layout);
+  cv::Mat plane;
+  switch (layout.format) {
+    case QV_IPU_FORMAT_NV12:
+      write_nv12(input, layout, bytes);
+      break;
+    case QV_IPU_FORMAT_ARGB8888:
+      plane = single_plane(bytes, layout, CV_8UC4);
+      cv::cvtColor(input, plane, cv::COLOR_BGR2BGRA);
+      break;
+    case QV_IPU_FORMAT_ABGR8888:
+      plane = single_plane(bytes, layout, CV_8UC4);
+      cv::cvtColor(input, plane, cv::COLOR_BGR2RGBA);
+      break;
+    default:
+      write_packed(input, layout, bytes);
+  }
+}
+
+cv::Mat picture_of_frame(const std::vector<unsigned char>& frame, const FrameLayout& layout) {
+  // OpenCV has no matrix over constant bytes; nothing below writes to them.
+  unsigned char* const bytes = const_cast<unsigned char*>(frame.data());
+  cv::Mat picture;
+  switch (layout.format) {
+    case QV_IPU_FORMAT_NV12:
+      return read_nv12(bytes, layout);
+    case QV_IPU_FORMAT_ARGB8888:
+      cv::cvtColor(single_plane(bytes, layout, CV_8UC4), picture, cv::COLOR_BGRA2BGR);
+      return picture;
+    case QV_IPU_FORMAT_ABGR8888:
+      cv::cvtColor(single_plane(bytes, layout, CV_8UC4), picture, cv::COLOR_RGBA2BGR);
+      return picture;
+    default:
+      return read_packed(bytes, layout);
+  }
+}
+
+cv::Mat generated_gradient(int width, int height) {
+  cv::Mat picture(height, width, CV_8UC3);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      picture.at<cv::Vec3b>(y, x) = cv::Vec3b(
+          static_cast<unsigned char>(255 * x / width), static_cast<unsigned char>(255 * y / height),
+          static_cast<unsigned char>(255 * (x + y) / (width + height)));
+    }
+  }
+  return picture;
+}
+
+}  // namespace olvex_tools

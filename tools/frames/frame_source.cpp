@@ -1,0 +1,200 @@
+// frame_source.cpp - finds out what an input is and opens it. Read frame_source.h first.
+#include "tools/frames/frame_source.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <system_error>
+
+#include <opencv2/core/utils/logger.hpp>
+
+#include "tools/common/command.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kCameraPrefix[] = "camera:";
+
+bool is_digit(char character) {
+  return std::isdigit(static_cast<unsigned char>(character)) != 0;
+}
+
+std::string lower_case_extension(const fs::path& path) {
+  std::string extension = path.extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+  return extension;
+}
+
+bool is_picture(const fs::path& path) {
+  static const char* const kExtensions[] = {".png", ".jpg",  ".jpeg", ".jpe",  ".bmp",
+                                            ".dib", ".webp", ".tif",  ".tiff", ".pgm",
+                                            ".ppm", ".pbm",  ".pnm",  ".jp2"};
+  const std::string extension = lower_case_extension(path);
+  return std::any_of(std::begin(kExtensions), std::end(kExtensions),
+                     [&](const char* known) { return extension == known; });
+}
+
+bool is_dump(const fs::path& path) {
+  return lower_case_extension(path) == ".bin";
+}
+
+ToolError input_error(const std::string& input, const std::string& problem) {
+  return ToolError(kInputError, input + ": " + problem);
+}
+
+// The device path that a camera input names; empty when input is not a camera.
+std::string camera_device(const std::string& input) {
+  if (input.rfind("/dev/video", 0) == 0) {
+    return input;
+  }
+  if (input.rfind(kCameraPrefix, 0) != 0) {
+    return "";
+  }
+  const std::string number = input.substr(sizeof kCameraPrefix - 1);
+  if (number.empty() || number.size() > 4 || !std::all_of(number.begin(), number.end(), is_digit)) {
+    throw input_error(input, "a camera is named by its number, for example camera:0.");
+  }
+  return "/dev/video" + number;
+}
+
+std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(const fs::path&)) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code ignored;
+    // Opening a pipe that lies there would wait for its writer.
+    if (matches(entry->path()) && !entry->is_directory(ignored) && !entry->is_fifo(ignored)) {
+      files.push_back(entry->path());
+    }
+  }
+  if (error) {
+    throw input_error(folder.string(), "the folder cannot be read: " + error.message() + ".");
+  }
+  std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
+    return natural_less(left.filename().string(), right.filename().string());
+  });
+  return files;
+}
+
+std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameLayout& layout,
+                                         double picture_rate) {
+  std::vector<fs::path> pictures = matching_files(folder, is_picture);
+  std::vector<fs::path> dumps = matching_files(folder, is_dump);
+  if (!pictures.empty() && !dumps.empty()) {
+    throw input_error(folder,
+                      "the folder holds both pictures and dumped frames (*.bin). Give each "
+                      "kind a folder of its own.");
+  }
+  if (!pictures.empty()) {
+    return make_picture_source(std::move(pictures), picture_rate);
+  }
+  if (!dumps.empty()) {
+    return make_dump_source(std::move(dumps), layout, picture_rate);
+  }
+  throw input_error(folder,
+                    "the folder holds no picture (png, jpg, bmp, ...) and no dumped frame "
+                    "(*.bin).");
+}
+
+// Digits from position on, without leading zeros; moves position behind them.
+std::string take_number(const std::string& text, std::size_t* position) {
+  std::size_t end = *position;
+  while (end < text.size() && is_digit(text[end])) {
+    ++end;
+  }
+  std::size_t start = *position;
+  while (start + 1 < end && text[start] == '0') {
+    ++start;
+  }
+  *position = end;
+  return text.substr(start, end - start);
+}
+
+}  // namespace
+
+bool is_frame_file(const fs::path& path) {
+  return is_picture(path) || is_dump(path);
+}
+
+bool natural_less(const std::string& left, const std::string& right) {
+  std::size_t i = 0;
+  std::size_t j = 0;
+  while (i < left.size() && j < right.size()) {
+    if (is_digit(left[i]) && is_digit(right[j])) {
+      const std::string a = take_number(left, &i);
+      const std::string b = take_number(right, &j);
+      if (a.size() != b.size()) {
+        return a.size() < b.size();
+      }
+      if (a != b) {
+        return a < b;
+      }
+    } else if (left[i] != right[j]) {
+      return static_cast<unsigned char>(left[i]) < static_cast<unsigned char>(right[j]);
+    } else {
+      ++i;
+      ++j;
+    }
+  }
+  const std::size_t left_over = left.size() - i;
+  const std::size_t right_over = right.size() - j;
+  // Names that differ in leading zeros alone still need one order.
+  return left_over != right_over ? left_over < right_over : left < right;
+}
+
+std::string local_path(const std::string& path) {
+  return path.rfind('/', 0) == 0 ? path : "./" + path;
+}
+
+std::uint64_t time_stamp(long number, double frames_per_second) {
+  constexpr double kMicroseconds = 1e6;
+  return static_cast<std::uint64_t>(
+      std::llround(static_cast<double>(number - 1) * kMicroseconds / frames_per_second));
+}
+
+void silence_opencv() {
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
+}
+
+std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const FrameLayout& layout,
+                                               double picture_rate) {
+  const std::string device = camera_device(input);
+  const fs::path path = device.empty() ? input : device;
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (!fs::exists(status)) {
+    const std::string reason = error ? error.message() : "No such file or directory";
+    throw input_error(input, device.empty()
+                                 ? reason + "."
+                                 : device + ": " + reason + ". Is the camera connected?");
+  }
+  if (!device.empty()) {
+    return make_camera_source(input, device);
+  }
+  if (fs::is_directory(status)) {
+    return open_folder(input, layout, picture_rate);
+  }
+  if (fs::is_fifo(status)) {
+    throw input_error(input,
+                      "is not a file or camera, but a pipe. Write the frames to a file first.");
+  }
+  if (fs::is_regular_file(status) && fs::file_size(path, error) == 0) {
+    throw input_error(input, "the file is empty.");
+  }
+  if (is_dump(path)) {
+    return make_dump_source({path}, layout, picture_rate);
+  }
+  if (is_picture(path)) {
+    return make_picture_source({path}, picture_rate);
+  }
+  return make_video_source(input);
+}
+
+}  // namespace olvex_tools

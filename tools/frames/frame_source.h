@@ -1,0 +1,77 @@
+// frame_source.h - where frames come from: video, picture, folder, dumped frames, camera.
+// open_frame_source() in frame_source.cpp decides which; file_source.cpp and video_source.cpp read.
+#ifndef TOOLS_FRAMES_FRAME_SOURCE_H
+#define TOOLS_FRAMES_FRAME_SOURCE_H
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "tools/frames/frame_conversion.h"
+
+namespace olvex_tools {
+
+// Either a picture to convert, or a frame that is in the model's input format already.
+struct SourceFrame {
+  long number = 0;                  // from 1, counted from the start of the source
+  std::uint64_t pts = 0;            // microseconds from the start of the source
+  std::uint64_t image_id = 0;       // see --coco
+  std::string name;                 // file or device
+  cv::Mat picture;                  // 8-bit BGR; empty for a dumped frame
+  std::vector<unsigned char> dump;  // empty for a picture
+};
+
+class FrameSource {
+ public:
+  virtual ~FrameSource() = default;
+
+  // Reads the next frame; false at the end. Throws ToolError (kInputError) when it is unreadable.
+  virtual bool next(SourceFrame* frame) = 0;
+  // Leaves out the next frame, which keeps its number; false at the end.
+  virtual bool skip() = 0;
+  // Frames in total; nothing for a camera and for a video that does not tell. For progress only:
+  // a video's own statement is not always right.
+  virtual std::optional<long> length() const = 0;
+  virtual double frames_per_second() const = 0;
+};
+
+// OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Who
+// wants the coder's sets OPENCV_FFMPEG_LOGLEVEL. Call it before anything is opened.
+void silence_opencv();
+
+// input    a path, /dev/videoN or camera:N
+// layout   what a dumped frame must look like
+// picture_rate  frames per second that a series of pictures or dumps stands for
+// Throws ToolError (kInputError) when there is no such input or nothing in it.
+std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const FrameLayout& layout,
+                                               double picture_rate);
+
+// Microseconds of a frame (from 1) at a constant rate.
+std::uint64_t time_stamp(long number, double frames_per_second);
+
+// Pictures or dumped frames, in order. Requires: paths is not empty and all of one kind.
+std::unique_ptr<FrameSource> make_picture_source(std::vector<std::filesystem::path> paths,
+                                                 double frames_per_second);
+std::unique_ptr<FrameSource> make_dump_source(std::vector<std::filesystem::path> paths,
+                                              const FrameLayout& layout, double frames_per_second);
+std::unique_ptr<FrameSource> make_video_source(const std::string& path);
+// name as the user wrote it; device as the system knows it: /dev/videoN
+std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
+
+// The path in a form that no coder takes for an address (http:) or a protocol (concat:).
+std::string local_path(const std::string& path);
+
+// Whether a folder's file of that name counts as a frame.
+bool is_frame_file(const std::filesystem::path& path);
+
+// Order of file names in which runs of digits compare by value: frame2 before frame10.
+bool natural_less(const std::string& left, const std::string& right);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_FRAMES_FRAME_SOURCE_H

@@ -1,0 +1,18 @@
+// last_output.h - what the public record Box_t does not carry: track ids and key points.
+// Read detector.h for the one that uses it.
+#ifndef TOOLS_INSIDE_LAST_OUTPUT_H
+#define TOOLS_INSIDE_LAST_OUTPUT_H
+
+#include <vector>
+
+#include "tools/frames/frame_record.h"
+
+namespace olvex_tools {
+
+// Adds track ids (when has_tracks) and key points to the boxes of the last ALGO_DET_Run.
+// Requires: handle is initialised, its last run succeeded, and detections holds what it reported.
+void add_last_output(void* handle, bool has_tracks, std::vector<Detection>* detections);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_INSIDE_LAST_OUTPUT_H

@@ -1,0 +1,45 @@
+// library_model.h - one model opened through the library's own loading code, so that pack and
+// inspect see exactly what the library will make of it. Read model_facts.h for what is taken from
+// it.
+#ifndef TOOLS_INSIDE_LIBRARY_MODEL_H
+#define TOOLS_INSIDE_LIBRARY_MODEL_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/sdet/sdet_model.h"
+
+namespace olvex_tools {
+
+// A device, and on it a channel for the model; both are closed by the destructor. One at a time.
+// Requires: a LibraryLog exists, as the library prints.
+class LibraryModel {
+ public:
+  // name: what messages call the model (the file that it is to become). Throws ToolError:
+  // kModelError when the model is refused, kAcceleratorError when there is no device.
+  LibraryModel(const std::string& path, const std::string& name);
+  ~LibraryModel();
+  LibraryModel(const LibraryModel&) = delete;
+  LibraryModel& operator=(const LibraryModel&) = delete;
+
+  // Runs one frame in the model's input format and returns the boxes at or above the threshold, in
+  // network pixels. Throws ToolError: kAcceleratorError when the accelerator fails, kModelError
+  // when the library refuses the outputs.
+  std::vector<BoxInfo> detect(std::vector<unsigned char>* frame, float threshold);
+
+  DetAfModel& model() { return *model_; }
+  unsigned variable_buffer_size() const { return variable_buffer_size_; }  // bytes
+
+ private:
+  void create_device();
+
+  std::string name_;
+  std::unique_ptr<DetAfModel> model_;
+  unsigned variable_buffer_size_ = 0;
+  bool channel_open_ = false;
+};
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_INSIDE_LIBRARY_MODEL_H

@@ -1,0 +1,346 @@
+// pack_command.cpp - the subcommand pack: builds a model file, tries it with the library, and only
+// then puts it in place. Read pack_options.h for the options and model_facts.h for what is checked.
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "platform/host/host_image.h"
+#include "platform/host/qv_host.h"
+
+#include "tools/pack/calibration.h"
+#include "tools/common/command.h"
+#include "tools/frames/frame_conversion.h"
+#include "tools/inside/library_model.h"
+#include "tools/inside/model_facts.h"
+#include "tools/inside/network_trial.h"
+#include "tools/frames/own_files.h"
+#include "tools/pack/pack_options.h"
+#include "tools/common/standard_output.h"
+#include "tools/common/whole_file.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using qv_host::Description;
+
+constexpr float kTestThreshold = 0.5f;
+
+const char kExamples[] =
+    "Examples:\n"
+    "  A network that ends in boxes and scores, fed from the camera's NV12 frames:\n"
+    "    olvex-det pack people.onnx -o people.img --boxes boxes --scores scores \\\n"
+    "      --network-order bgr --scale 1/255\n"
+    "  Scores with a background column, mean and scale, class names for people:\n"
+    "    olvex-det pack faces.onnx -o faces.img --boxes boxes --scores scores \\\n"
+    "      --background 0 --mean 127 --scale 1/128 --class-names names.txt\n"
+    "  Raw layers, with the type that tells the library their classes and key points:\n"
+    "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
+    "      --model-out zrpcn --lib-out zrpcn\n"
+    "  The same with 16-bit outputs, whose scales a folder of such pictures decides:\n"
+    "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
+    "      --model-out zrpcn --lib-out zrpcn --int16 --calibrate pictures/\n"
+    "  A description to edit, and its use:\n"
+    "    olvex-det pack people.onnx --boxes boxes --scores scores --print-description > d.json\n"
+    "    olvex-det pack --description d.json people.onnx -o people.img\n"
+    "Nothing is written unless the library takes the model and a test run succeeds.";
+
+// What the test of a new model file showed.
+struct TestRun {
+  ModelFacts facts;
+  std::vector<BoxInfo> boxes;  // network pixels
+  double conversion_ms = 0;
+  double network_ms = 0;
+};
+
+void check_target(const PackOptions& options) {
+  if (options.image_path.empty()) {
+    throw ToolError(kUsageError, "say where the model file goes: --output IMAGE");
+  }
+  std::error_code ignored;  // a target that does not exist is no other file
+  if (std::filesystem::equivalent(options.network_path, options.image_path, ignored)) {
+    throw ToolError(kUsageError,
+                    options.image_path + ": this is the network itself. Choose another --output");
+  }
+  require_own_files({{"--output", options.image_path}},
+                    {options.description_path, options.class_names_path, options.picture_path,
+                     options.calibration_pictures.value_or("")});
+}
+
+void check_pair_places(const PackOptions& options, const Pairs& pairs,
+                       const Description& description) {
+  if (options.pairs_in_name && pairs.empty()) {
+    throw ToolError(kUsageError,
+                    "--pairs-in-name: there are no entries. Add --model-out, --lib-out or --pair");
+  }
+  if (!pairs.empty() && !description.name_pairs.empty() && description.name_pairs != pairs) {
+    throw ToolError(kUsageError,
+                    "the description has name_pairs of its own, and the library would read them "
+                    "instead of the header. Add --pairs-in-name to replace them");
+  }
+}
+
+cv::Mat test_picture(const PackOptions& options, const Description& description) {
+  if (options.picture_path.empty()) {
+    return generated_gradient(description.input.width, description.input.height);
+  }
+  const std::vector<char> bytes = read_whole_file("the test picture", options.picture_path);
+  // Not imread: that prints the name, which may hold anything, to the terminal.
+  const cv::Mat picture = bytes.empty() ? cv::Mat() : cv::imdecode(bytes, cv::IMREAD_COLOR);
+  if (picture.empty()) {
+    throw ToolError(kInputError, options.picture_path + ": not a picture that can be decoded. " +
+                                     "Give a JPEG or PNG file");
+  }
+  return picture;
+}
+
+// What the library makes of the model, which is refused when that is not what was asked for.
+ModelFacts checked_facts(LibraryModel* model, const std::string& name, const Pairs& pairs,
+                         const Description& description) {
+  ModelFacts facts = collect_facts(model, file_header(pairs));
+  if (!facts.decoding.fault.empty()) {
+    throw ToolError(kModelError, name + ": " + facts.decoding.fault);
+  }
+  const Pairs& expected = description.name_pairs.empty() ? pairs : description.name_pairs;
+  if (facts.valid_pairs != expected) {
+    throw ToolError(kModelError, name +
+                                     ": the library reads other header entries than were given (" +
+                                     std::to_string(facts.valid_pairs.size()) +
+                                     " of them). Choose plainer keys and values");
+  }
+  return facts;
+}
+
+// Requires: a LibraryLog exists.
+TestRun try_model(const std::string& path, const std::string& name, const Pairs& pairs,
+                  const Description& description, const cv::Mat& picture) {
+  std::vector<unsigned char> frame;
+  convert_to_frame(picture, frame_layout(description.input), &frame);
+  LibraryModel model(path, name);
+  TestRun test;
+  test.facts = checked_facts(&model, name, pairs, description);
+  test.boxes = model.detect(&frame, kTestThreshold);
+  QV_HOST_LastInvokeTimes(&test.conversion_ms, &test.network_ms);
+  return test;
+}
+
+// ---- Report -------------------------------------------------------------------------------------
+
+std::string describe_boxes(const std::vector<BoxInfo>& boxes, const Description& description) {
+  constexpr std::size_t kMostShown = 5;
+  std::string text;
+  for (std::size_t i = 0; i < boxes.size() && i < kMostShown; ++i) {
+    const BoxInfo& box = boxes[i];
+    const bool named =
+        box.label >= 0 && static_cast<std::size_t>(box.label) < description.class_names.size();
+    char line[160];
+    std::snprintf(
+        line, sizeof line, "             class %d%s%.60s%s, score %.3f, %.0f,%.0f to %.0f,%.0f\n",
+        box.label, named ? " (" : "",
+        named ? description.class_names[static_cast<std::size_t>(box.label)].c_str() : "",
+        named ? ")" : "", static_cast<double>(box.score), static_cast<double>(box.x1),
+        static_cast<double>(box.y1), static_cast<double>(box.x2), static_cast<double>(box.y2));
+    text += line;
+  }
+  return text;
+}
+
+std::string describe_type(const DecodingFacts& decoding) {
+  std::string classes = "not declared; the tensors carry them";
+  if (decoding.counts.classes >= 0) {
+    classes = std::to_string(decoding.counts.classes);
+  }
+  return "classes " + classes + ", key points " + std::to_string(decoding.counts.keypoints) +
+         " (from the " + decoding.counts_source + ")";
+}
+
+std::string describe_test(const PackOptions& options, const Description& description,
+                          const TestRun& test) {
+  char numbers[160];
+  std::snprintf(numbers, sizeof numbers,
+                "%zu boxes at score 0.5 or more, %.1f ms conversion, %.1f ms network\n",
+                test.boxes.size(), test.conversion_ms, test.network_ms);
+  const std::string picture =
+      options.picture_path.empty() ? "generated gradient" : options.picture_path;
+  return "  test run   " + picture + ": " + numbers + describe_boxes(test.boxes, description);
+}
+
+std::string describe_calibration(const std::string& pictures, const Calibration& calibration) {
+  std::string text = "  calibrated " + pictures + ", " + std::to_string(calibration.frames) +
+                     (calibration.frames == 1 ? " frame\n" : " frames\n");
+  for (const CalibratedOutput& output : calibration.outputs) {
+    char numbers[120];
+    std::snprintf(numbers, sizeof numbers, "largest value %.6g, scale %.6g, which reaches %.6g\n",
+                  output.largest, static_cast<double>(output.scale), output.reach);
+    text += "             " + output.name + ": " + numbers;
+  }
+  return text;
+}
+
+std::string describe_result(const PackOptions& options, const Description& description,
+                            const std::optional<Calibration>& calibration, std::size_t bytes,
+                            const TestRun& test) {
+  std::string text = "packed " + options.image_path + ", " + std::to_string(bytes) + " bytes\n";
+  for (const TensorFacts& tensor : test.facts.inputs) {
+    text += "  input      " + describe(tensor) + "\n";
+  }
+  for (const TensorFacts& tensor : test.facts.outputs) {
+    text += "  output     " + describe(tensor) + "\n";
+  }
+  text += "  decoding   " + test.facts.decoding.reason + "\n";
+  text += "             " + describe_type(test.facts.decoding) + "\n";
+  for (const Pair& pair : test.facts.valid_pairs) {
+    text += "  header     " + pair.first + ":" + pair.second + "\n";
+  }
+  if (calibration) {
+    text += describe_calibration(*options.calibration_pictures, *calibration);
+  }
+  return printable(text + describe_test(options, description, test));
+}
+
+// Score columns that are classes; 0 when the network leaves their number open.
+long class_columns(const Description& description, const NetworkSignature& network) {
+  for (const NetworkTensor& tensor : network.outputs) {
+    if (tensor.name == description.decoded.scores && !tensor.shape.empty() &&
+        tensor.shape.back() > 0) {
+      return static_cast<long>(tensor.shape.back()) - (description.decoded.background >= 0 ? 1 : 0);
+    }
+  }
+  return 0;
+}
+
+void print_note(const std::string& note) {
+  std::fprintf(stderr, "olvex-det pack: note: %s\n", note.c_str());
+}
+
+// What works, but probably not as meant.
+void print_notes(const Description& description, const NetworkSignature& network,
+                 const TestRun& test) {
+  if (description.kind != qv_host::OutputKind::kDecoded) {
+    return;
+  }
+  if (!test.boxes.empty() && test.boxes.front().score > 1.f) {
+    print_note("the test run found scores above 1 (" + std::to_string(test.boxes.front().score) +
+               "); check --mean and --scale, and that the scores are probabilities");
+  }
+  const long columns = description.decoded.emit_classes ? class_columns(description, network) : 0;
+  if (columns == 0) {
+    return;
+  }
+  const TypeCounts& counts = test.facts.decoding.counts;
+  if (counts.known && counts.classes != columns) {
+    print_note("the model_out word declares " + std::to_string(counts.classes) +
+               " classes, the scores hold " + std::to_string(columns) +
+               "; class ids beyond the declared ones are reported all the same");
+  }
+  const auto names = static_cast<long>(description.class_names.size());
+  if (names != 0 && names != columns) {
+    print_note(std::to_string(names) + " class names for " + std::to_string(columns) + " classes");
+  }
+}
+
+// ---- The work -----------------------------------------------------------------------------------
+
+std::vector<char> build_model_file(const Pairs& pairs, const Description& description,
+                                   const std::vector<char>& network) {
+  const std::string header = file_header(pairs);
+  std::vector<char> bytes(header.begin(), header.end());
+  const std::vector<char> image = qv_host::build_image(description, network);
+  bytes.insert(bytes.end(), image.begin(), image.end());
+  return bytes;
+}
+
+// The file of the model that is calibrated with. It lies beside the model file to be written, so that
+// a folder without the right or the room for that shows before the pictures are run.
+std::string calibration_path(const PackOptions& options) {
+  if (!options.print_description) {
+    return options.image_path;
+  }
+  std::error_code ignored;  // without a folder for temporary files: the current one
+  return std::filesystem::temp_directory_path(ignored) / "olvex-det-pack";
+}
+
+// Nothing without --calibrate. Requires: a LibraryLog exists.
+std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs& pairs,
+                                         const std::vector<char>& network,
+                                         Description* description) {
+  if (!options.calibration_pictures) {
+    return std::nullopt;
+  }
+  Description exact = *description;
+  exact.output_format = QV_IPU_FORMAT_FP32;
+  ReplacementFile file(calibration_path(options));
+  file.write(build_model_file(pairs, exact, network));
+  require_harmless_network(file.temporary_path(), options.network_path);
+  LibraryModel model(file.temporary_path(), options.network_path);
+  checked_facts(&model, options.network_path, pairs, exact);
+  return calibrate(*options.calibration_pictures,
+                   options.calibration_limit.value_or(kUsualCalibrationFrames), &model,
+                   description);
+}
+
+// Returns what to print. Requires: a LibraryLog exists.
+std::string pack_and_describe(const PackOptions& options) {
+  const Pairs pairs = header_pairs(options);
+  const std::vector<char> network = read_whole_file("the network", options.network_path);
+  const NetworkSignature signature = read_onnx_signature(options.network_path, network);
+  Description description = describe_model(options, signature);
+  check_pair_places(options, pairs, description);
+  if (options.print_description) {
+    choose_scales(options, pairs, network, &description);
+    return qv_host::description_to_json(description) + "\n";
+  }
+  check_target(options);
+  const cv::Mat picture = test_picture(options, description);
+  const std::optional<Calibration> calibration =
+      choose_scales(options, pairs, network, &description);
+  const std::vector<char> bytes = build_model_file(pairs, description, network);
+  ReplacementFile file(options.image_path);
+  file.write(bytes);
+  if (!calibration) {  // which has tried the network
+    require_harmless_network(file.temporary_path(), options.network_path);
+  }
+  const TestRun test =
+      try_model(file.temporary_path(), options.network_path, pairs, description, picture);
+  file.commit();
+  print_notes(description, signature, test);
+  return describe_result(options, description, calibration, bytes.size(), test);
+}
+
+int pack(const PackOptions& options) {
+  std::string result;
+  {
+    const LibraryLog log("");
+    result = pack_and_describe(options);
+  }
+  print_result(result);
+  return kDone;
+}
+
+}  // namespace
+
+void add_pack_command(CLI::App& application, Command* chosen) {
+  CLI::App* command = application.add_subcommand(
+      "pack", "Build a model file for the host accelerator from an ONNX network");
+  const auto options = std::make_shared<PackOptions>();
+  add_pack_options(command, options.get());
+  command->footer(kExamples);
+  command->callback([options, chosen] {
+    *chosen = [options] {
+      try {
+        return pack(*options);
+      } catch (const qv_host::ImageError& error) {
+        throw ToolError(kModelError, options->network_path + ": " + error.what());
+      }
+    };
+  });
+}
+
+}  // namespace olvex_tools

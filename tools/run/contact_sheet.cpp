@@ -1,0 +1,94 @@
+// contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
+// Read picture_writers.h first, tile_grid.h for the grid.
+#include "tools/run/picture_writers.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "tools/frames/annotation.h"
+#include "tools/common/output_file.h"
+#include "tools/frames/tile_grid.h"
+
+namespace olvex_tools {
+
+namespace {
+
+// Keeps every stride-th frame. When that makes four times as many as wanted, every second one goes
+// and the stride doubles; so at the end there are at least twice as many to choose from, all
+// equally far apart.
+class ContactSheetWriter : public PictureWriter {
+ public:
+  ContactSheetWriter(const std::string& path, std::size_t tiles)
+      : path_(path), file_(path, nullptr, OutputForm::kWhole), wanted_(tiles) {}
+
+  void write(FramePicture* picture) override {
+    if (seen_++ % stride_ != 0) {
+      return;
+    }
+    kept_.push_back(tile_of(picture));
+    if (kept_.size() == 4 * wanted_) {
+      drop_every_second();
+      stride_ *= 2;
+    }
+  }
+
+  void finish() override {
+    if (!kept_.empty()) {
+      file_.write(encoded_picture(path_, sheet()));
+    }
+    file_.close();
+  }
+
+ private:
+  cv::Mat tile_of(FramePicture* picture) {
+    if (tile_.empty()) {
+      // Many tiles are small ones, which also bounds the memory that the kept ones take.
+      tile_ = tile_size(picture->annotated().size(), columns_of(wanted_));
+    }
+    cv::Mat tile = picture->annotated_at(tile_);
+    draw_caption("frame " + std::to_string(picture->record().number), &tile);
+    return tile;
+  }
+
+  void drop_every_second() {
+    for (std::size_t i = 0; 2 * i < kept_.size(); ++i) {
+      kept_[i] = kept_[2 * i];
+    }
+    kept_.resize((kept_.size() + 1) / 2);
+  }
+
+  cv::Mat sheet() const {
+    const std::size_t count = std::min(wanted_, kept_.size());
+    const std::size_t columns = columns_of(count);
+    const std::size_t rows = (count + columns - 1) / columns;
+    TileGrid grid(tile_, rows, columns, GridStrips());
+    for (std::size_t i = 0; i < count; ++i) {
+      // From the first kept frame to the last one, both included.
+      const std::size_t chosen = count == 1 ? 0 : i * (kept_.size() - 1) / (count - 1);
+      kept_[chosen].copyTo(grid.tile(i / columns, i % columns));
+    }
+    return grid.sheet();
+  }
+
+  static std::size_t columns_of(std::size_t count) {
+    return static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(count))));
+  }
+
+  std::string path_;
+  OutputFile file_;
+  std::size_t wanted_;
+  cv::Size tile_;
+  std::vector<cv::Mat> kept_;
+  std::size_t seen_ = 0;
+  std::size_t stride_ = 1;
+};
+
+}  // namespace
+
+std::unique_ptr<PictureWriter> make_contact_sheet_writer(const std::string& path,
+                                                         std::size_t tiles) {
+  return std::make_unique<ContactSheetWriter>(path, tiles);
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,169 @@
+// picture_writers.cpp - video and folder of annotated frames. Read picture_writers.h first;
+// contact_sheet.cpp holds the third writer.
+#include "tools/run/picture_writers.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include "tools/frames/annotation.h"
+#include "tools/common/command.h"
+#include "tools/frames/frame_source.h"
+#include "tools/common/output_file.h"
+
+namespace olvex_tools {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+ToolError write_error(const std::string& path, const std::string& problem) {
+  return ToolError(kInputError, path + ": " + problem);
+}
+
+// H.264 wants even sizes.
+cv::Size even_size(cv::Size size) {
+  return {size.width + size.width % 2, size.height + size.height % 2};
+}
+
+// Whether the file can be played up to its last seconds, which the coder still holds, while it grows.
+// The index of the others is written when they are finished.
+bool survives_kill(const fs::path& path) {
+  return path.extension() == ".mkv" || path.extension() == ".avi";
+}
+
+// Without trailing zeros: 25 rather than 25.000000.
+std::string short_number(double number) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", number);
+  return text;
+}
+
+// What stands at the path itself, not behind a link there.
+fs::file_type type_of(const fs::path& path) {
+  std::error_code ignored;
+  return fs::symlink_status(path, ignored).type();
+}
+
+class VideoWriter : public PictureWriter {
+ public:
+  VideoWriter(const std::string& path, double frames_per_second,
+              std::function<void(const std::string&)> notice)
+      : path_(path), rate_(frames_per_second), notice_(std::move(notice)) {
+    // The encoder says nothing of a file that cannot be made.
+    require_writable(path_);
+    std::error_code error;
+    if (fs::is_directory(path_, error)) {
+      throw write_error(path_, "is a folder. Name a file for the video.");
+    }
+    if (!survives_kill(path_)) {
+      notice_(path_ +
+              ": a video of this kind is lost when the run is killed or the power fails. Name it "
+              ".mkv to keep all but the last seconds.");
+    }
+  }
+
+  void write(FramePicture* picture) override {
+    if (!writer_.isOpened()) {
+      source_size_ = picture->annotated().size();
+      open(even_size(source_size_));
+    }
+    const bool same_size = picture->annotated().size() == source_size_;
+    const cv::Mat fitting = same_size ? picture->annotated() : picture->annotated_at(source_size_);
+    const cv::Size size = even_size(source_size_);
+    cv::Mat frame;
+    cv::copyMakeBorder(fitting, frame, 0, size.height - fitting.rows, 0, size.width - fitting.cols,
+                       cv::BORDER_REPLICATE);
+    writer_.write(frame);
+    ++written_;
+  }
+
+  void finish() override {
+    if (writer_.isOpened()) {
+      writer_.release();
+      require_complete();
+    }
+  }
+
+ private:
+  void open(cv::Size size) {
+    const int h264 = cv::VideoWriter::fourcc('a', 'v', 'c', '1');
+    const int mpeg4 = cv::VideoWriter::fourcc('m', 'p', '4', 'v');
+    const bool is_new = type_of(path_) == fs::file_type::not_found;
+    if (writer_.open(local_path(path_), h264, rate_, size)) {
+      return;
+    }
+    if (!writer_.open(local_path(path_), mpeg4, rate_, size)) {
+      if (is_new && type_of(path_) == fs::file_type::regular) {
+        std::error_code ignored;  // an empty file that stays does no harm
+        fs::remove(path_, ignored);
+      }
+      throw write_error(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
+                                   std::to_string(size.height) + " at " + short_number(rate_) +
+                                   " frames per second. Check that OpenCV was built with FFmpeg.");
+    }
+    notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
+  }
+
+  // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
+  // it is where the number of frames stands or is reckoned from.
+  void require_complete() const {
+    cv::VideoCapture check(local_path(path_));
+    constexpr double kShareExpected = 0.98;
+    const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
+    if (found < kShareExpected * static_cast<double>(written_) - 1 || !check.grab()) {
+      throw write_error(path_, "the video is not complete. Is the disk full?");
+    }
+  }
+
+  std::string path_;
+  double rate_;
+  std::function<void(const std::string&)> notice_;
+  cv::VideoWriter writer_;
+  cv::Size source_size_;
+  long written_ = 0;
+};
+
+class FolderWriter : public PictureWriter {
+ public:
+  FolderWriter(const std::string& folder, const std::string& extension)
+      : folder_(folder), extension_(extension) {
+    std::error_code error;
+    fs::create_directories(folder_, error);
+    if (error) {
+      throw write_error(folder, "the folder cannot be made: " + error.message() + ".");
+    }
+  }
+
+  void write(FramePicture* picture) override {
+    char name[64];
+    std::snprintf(name, sizeof name, "frame_%06ld.", picture->record().number);
+    const std::string path = (folder_ / (name + extension_)).string();
+    write_picture(path, picture->annotated());
+  }
+
+  void finish() override {}
+
+ private:
+  fs::path folder_;
+  std::string extension_;
+};
+
+}  // namespace
+
+std::unique_ptr<PictureWriter> make_video_writer(
+    const std::string& path, double frames_per_second,
+    const std::function<void(const std::string&)>& notice) {
+  return std::make_unique<VideoWriter>(path, frames_per_second, notice);
+}
+
+std::unique_ptr<PictureWriter> make_folder_writer(const std::string& folder,
+                                                  const std::string& extension) {
+  return std::make_unique<FolderWriter>(folder, extension);
+}
+
+}  // namespace olvex_tools

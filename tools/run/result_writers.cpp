@@ -1,0 +1,172 @@
+// result_writers.cpp - one class per format. Read result_writers.h first.
+#include "tools/run/result_writers.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/common/output_file.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kFrameSchemaVersion = 1;
+
+std::string shortest_text(float value) {
+  char text[64];
+  const std::to_chars_result result = std::to_chars(text, text + sizeof text, value);
+  return std::string(text, result.ptr);
+}
+
+// Times to the microsecond: more digits would only be noise.
+double rounded(double milliseconds) {
+  return std::round(milliseconds * 1000) / 1000;
+}
+
+// File names need not be UTF-8, JSON must be.
+std::string text_of(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+Json key_points_of(const Detection& detection) {
+  Json list = Json::array();
+  for (const KeyPoint& point : detection.key_points) {
+    Json item = {{"x", shortest_decimal(point.x)}, {"y", shortest_decimal(point.y)}};
+    item["score"] = point.score < 0 ? Json(nullptr) : Json(shortest_decimal(point.score));
+    list.push_back(std::move(item));
+  }
+  return list;
+}
+
+Json box_of(const Detection& detection, const std::vector<std::string>& class_names) {
+  Json box = {{"x", detection.x},
+              {"y", detection.y},
+              {"width", detection.width},
+              {"height", detection.height},
+              {"class_id", detection.class_id}};
+  const std::string name = class_name(class_names, detection.class_id);
+  if (!name.empty()) {
+    box["class"] = name;
+  }
+  box["score"] = shortest_decimal(detection.score);
+  box["track_id"] = detection.track_id ? Json(*detection.track_id) : Json(nullptr);
+  box["keypoints"] = key_points_of(detection);
+  return box;
+}
+
+class JsonLinesWriter : public ResultWriter {
+ public:
+  JsonLinesWriter(const std::string& path, FILE* standard_output,
+                  const std::vector<std::string>& class_names)
+      : file_(path, standard_output, OutputForm::kLines), class_names_(class_names) {}
+
+  void write(const FrameRecord& record) override {
+    Json boxes = Json::array();
+    for (const Detection& detection : record.detections) {
+      boxes.push_back(box_of(detection, class_names_));
+    }
+    const Json line = {{"schema_version", kFrameSchemaVersion},
+                       {"frame", record.number},
+                       {"pts", record.pts},
+                       {"source", record.source},
+                       {"size", {{"width", record.width}, {"height", record.height}}},
+                       {"boxes", std::move(boxes)},
+                       {"milliseconds",
+                        {{"decode", rounded(record.milliseconds.decode)},
+                         {"conversion", rounded(record.milliseconds.conversion)},
+                         {"network", rounded(record.milliseconds.network)},
+                         {"postprocessing", rounded(record.milliseconds.postprocessing)}}}};
+    file_.write(text_of(line) + "\n");
+  }
+
+  void finish() override { file_.close(); }
+
+ private:
+  OutputFile file_;
+  std::vector<std::string> class_names_;
+};
+
+class MotWriter : public ResultWriter {
+ public:
+  MotWriter(const std::string& path, FILE* standard_output)
+      : file_(path, standard_output, OutputForm::kLines) {}
+
+  void write(const FrameRecord& record) override {
+    std::string rows;
+    for (const Detection& detection : record.detections) {
+      const std::string id = detection.track_id ? std::to_string(*detection.track_id) : "-1";
+      rows += std::to_string(record.number) + "," + id + "," + std::to_string(detection.x) + "," +
+              std::to_string(detection.y) + "," + std::to_string(detection.width) + "," +
+              std::to_string(detection.height) + "," + shortest_text(detection.score) + "," +
+              std::to_string(detection.class_id) + ",-1,-1\n";
+    }
+    file_.write(rows);
+  }
+
+  void finish() override { file_.close(); }
+
+ private:
+  OutputFile file_;
+};
+
+class CocoWriter : public ResultWriter {
+ public:
+  CocoWriter(const std::string& path, FILE* standard_output)
+      : file_(path, standard_output, OutputForm::kWhole) {}
+
+  void write(const FrameRecord& record) override {
+    std::string items = opening();
+    for (const Detection& detection : record.detections) {
+      const Json item = {{"image_id", record.image_id},
+                         {"category_id", detection.class_id},
+                         {"bbox", {detection.x, detection.y, detection.width, detection.height}},
+                         {"score", shortest_decimal(detection.score)}};
+      items += (first_ ? "\n" : ",\n") + text_of(item);
+      first_ = false;
+    }
+    file_.write(items);
+  }
+
+  void finish() override {
+    // A run without a frame leaves the file of an earlier one, but a reader of a pipe gets an array.
+    if (begun_ || !file_.is_file()) {
+      file_.write(opening() + "\n]\n");
+    }
+    file_.close();
+  }
+
+ private:
+  // What stands before the first item, once.
+  std::string opening() { return std::exchange(begun_, true) ? "" : "["; }
+
+  OutputFile file_;
+  bool begun_ = false;
+  bool first_ = true;  // no item has been written yet
+};
+
+}  // namespace
+
+double shortest_decimal(float value) {
+  return std::strtod(shortest_text(value).c_str(), nullptr);
+}
+
+std::unique_ptr<ResultWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
+                                                     const std::vector<std::string>& class_names) {
+  return std::make_unique<JsonLinesWriter>(path, standard_output, class_names);
+}
+
+std::unique_ptr<ResultWriter> make_mot_writer(const std::string& path, FILE* standard_output) {
+  return std::make_unique<MotWriter>(path, standard_output);
+}
+
+std::unique_ptr<ResultWriter> make_coco_writer(const std::string& path, FILE* standard_output) {
+  return std::make_unique<CocoWriter>(path, standard_output);
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,342 @@
+// run_command.cpp - the subcommand run: its options, their checks, and its help.
+// Read run_session.h for what is done with them.
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include <CLI/CLI.hpp>
+
+#include "tools/common/command.h"
+#include "tools/common/output_file.h"
+#include "tools/run/run_session.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr int kDisplayMost = 32767;   // pixels, each way
+constexpr int kTrackFramesMost = 10;  // the tracker remembers that many frames of an object
+constexpr int kContactFramesMost = 400;
+constexpr long kFramesMost = 1000000000;  // a year of video and more
+
+const char kDescription[] = "Run a model on video, pictures or a camera and write what it finds";
+
+const char kManual[] =
+    "INPUT is a video file, a picture, a folder of pictures, a dumped frame or a folder of them\n"
+    "(*.bin, raw frames in the model's input format, as the library dumps them), or a camera\n"
+    "(/dev/video0 or camera:0). Files of a folder are taken in the order of their names, numbers\n"
+    "by value. Without any output option only the summary is printed.\n\n"
+    "Examples:\n"
+    "  olvex-det run detector.img street.mp4 --track --video annotated.mp4\n"
+    "  olvex-det run detector.img street.mp4 --jsonl - | jq '.boxes[].score'\n"
+    "  olvex-det run detector.img pictures/ --threshold 0.05 --coco results.json\n"
+    "  olvex-det run detector.img dumps/ --display 1920x1080 --mot tracks.txt --track\n"
+    "  olvex-det run detector.img camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
+    "Ctrl-C, SIGTERM and SIGHUP end a run in order: the outputs are complete up to the last frame\n"
+    "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. An\n"
+    "output that fails in the middle ends it with exit code 4, too; the others, COCO results\n"
+    "included, hold what came until then. What was there before is replaced once there is a "
+    "frame.\n"
+    "After kill -9 or a power cut, JSON Lines, MOT rows and pictures hold what was written until\n"
+    "then; .mkv and .avi all but the last seconds, so a short run's may hold nothing; .mp4 and "
+    ".mov\n"
+    "cannot be played; COCO results are those of the run before, and FILE.partial.* may be left\n"
+    "beside them. Name a long run's video .mkv.\n\n"
+    "Frames are numbered from 1 in their source, skipped ones included. COCO results use the "
+    "number\n"
+    "that a picture is named by (000000000139.jpg) as image_id if all names are numbers, else the\n"
+    "frame number, and the class id as category_id.";
+
+struct CommandLine {
+  RunOptions run;
+  std::string display;
+  std::vector<const CLI::Option*> tracking;  // options without effect unless --track
+  const CLI::Option* track = nullptr;
+  const CLI::Option* stable_sensitivity = nullptr;
+  const CLI::Option* static_sensitivity = nullptr;
+  const CLI::Option* firmware = nullptr;
+};
+
+[[noreturn]] void refuse(const std::string& message) {
+  throw ToolError(kUsageError, message);
+}
+
+bool is_share(float value) {
+  return value >= 0.f && value <= 1.f;
+}
+
+cv::Size parse_display(const std::string& text) {
+  int width = 0;
+  int height = 0;
+  int used = 0;
+  const int found = std::sscanf(text.c_str(), "%5dx%5d%n", &width, &height, &used);
+  if (found != 2 || static_cast<std::size_t>(used) != text.size() || width < 1 || height < 1 ||
+      width > kDisplayMost || height > kDisplayMost) {
+    refuse("--display " + text + ": give width and height in pixels, 1 to " +
+           std::to_string(kDisplayMost) + ", as in 1920x1080.");
+  }
+  return {width, height};
+}
+
+bool ends_in_one_of(const std::string& path, std::initializer_list<const char*> extensions) {
+  for (const std::string extension : extensions) {
+    if (path.size() > extension.size() &&
+        path.compare(path.size() - extension.size(), extension.size(), extension) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void check_numbers(const CommandLine& line) {
+  const DetectorOptions& detector = line.run.detector;
+  if (!is_share(detector.threshold)) {
+    refuse("--threshold must be from 0 to 1.");
+  }
+  if (!is_share(detector.stable_sensitivity)) {
+    refuse("--stable-sensitivity must be from 0 to 1.");
+  }
+  if (!is_share(detector.static_sensitivity) || detector.static_sensitivity <= 0.f) {
+    refuse("--static-sensitivity must be above 0, up to 1.");
+  }
+  if (!(line.run.picture_rate >= 0.001 && line.run.picture_rate <= 1000)) {
+    refuse("--fps must be from 0.001 to 1000.");
+  }
+}
+
+void check_combinations(const CommandLine& line) {
+  const DetectorOptions& detector = line.run.detector;
+  if (detector.strict && line.track->count() > 0 && !detector.track) {
+    refuse("--strict needs the tracker: leave out --no-track.");
+  }
+  for (const CLI::Option* option : line.tracking) {
+    if (option->count() > 0 && !detector.track && !detector.strict) {
+      refuse(option->get_name() + " acts on tracks: add --track.");
+    }
+  }
+  if (line.static_sensitivity->count() > 0 && !detector.ignore_static && !detector.strict) {
+    refuse("--static-sensitivity acts on --ignore-static: add that, or leave it out.");
+  }
+  if (line.stable_sensitivity->count() > 0 && !detector.stable) {
+    refuse("--stable-sensitivity acts on --stable: add that, or leave it out.");
+  }
+  if (line.firmware->count() > 0 && detector.from_memory) {
+    refuse("--firmware: a model from memory always uses the default firmware; leave out --memory.");
+  }
+  const std::string& video = line.run.outputs.video;
+  if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
+    refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi.");
+  }
+  if (line.run.log == kStandardOutput) {
+    refuse("--log -: the log cannot go to standard output, which is for results. Name a file.");
+  }
+  const std::string& sheet = line.run.outputs.contact_sheet;
+  if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
+    refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg.");
+  }
+}
+
+// Whether a path leads to /proc/self/fd/1, by links or other names. What that link itself leads to
+// is another matter: a pipe has no path.
+bool is_standard_output(std::filesystem::path path) {
+  namespace fs = std::filesystem;
+  constexpr int kLinksMost = 40;  // the system follows no more
+  for (int links = 0; links < kLinksMost; ++links) {
+    std::error_code error;
+    const fs::path folder = fs::canonical(fs::absolute(path, error).parent_path(), error);
+    if (path.filename() == "1" && (fs::equivalent(folder, "/proc/self/fd", error) ||
+                                   fs::equivalent(folder, "/proc/thread-self/fd", error))) {
+      return true;
+    }
+    const fs::path target = fs::read_symlink(path, error);
+    if (error) {
+      return false;
+    }
+    path = folder / target;
+  }
+  return false;
+}
+
+// Standard output by its other names. Those lead to the library's log while a run goes on.
+void recognise_standard_output(OutputOptions* outputs) {
+  for (std::string* path :
+       {&outputs->json_lines, &outputs->mot, &outputs->coco, &outputs->summary}) {
+    if (is_standard_output(*path)) {
+      *path = kStandardOutput;
+    }
+  }
+}
+
+int run(CommandLine* line) {
+  recognise_standard_output(&line->run.outputs);
+  check_numbers(*line);
+  check_combinations(*line);
+  if (!line->display.empty()) {
+    line->run.display = parse_display(line->display);
+  }
+  return run_session(line->run);
+}
+
+void add_detection_options(CLI::App* command, CommandLine* line) {
+  DetectorOptions* const detector = &line->run.detector;
+  const std::string group = "Detection";
+  command->add_option("--threshold", detector->threshold, "Score that a box needs, 0 to 1")
+      ->type_name("NUMBER")
+      ->capture_default_str()
+      ->group(group);
+  command
+      ->add_option("--display", line->display,
+                   "Size in pixels that boxes are scaled to; without it the frame's own")
+      ->type_name("WxH")
+      ->group(group);
+  command
+      ->add_flag("--memory", detector->from_memory,
+                 "Hand the model to the library in memory instead of by its path")
+      ->group(group);
+  line->firmware =
+      command
+          ->add_option("--firmware", detector->firmware,
+                       "The accelerator's firmware file; without it the library's default")
+          ->type_name("FILE")
+          ->group(group);
+}
+
+void add_tracking_options(CLI::App* command, CommandLine* line) {
+  DetectorOptions* const detector = &line->run.detector;
+  const std::string group = "Tracking";
+  line->track =
+      command->add_flag("--track,!--no-track", detector->track, "Give objects an id across frames")
+          ->group(group);
+  line->tracking.push_back(
+      command
+          ->add_option("--track-frames", detector->track_frames,
+                       "Frames an object must be seen before it is reported, 1 to 10")
+          ->type_name("N")
+          ->capture_default_str()
+          ->check(CLI::Range(1, kTrackFramesMost))
+          ->group(group));
+  line->tracking.push_back(
+      command->add_flag("--ignore-static", detector->ignore_static, "Report moving objects only")
+          ->group(group));
+  line->static_sensitivity =
+      command
+          ->add_option("--static-sensitivity", detector->static_sensitivity,
+                       "Overlap from which an object counts as standing still")
+          ->type_name("NUMBER")
+          ->capture_default_str()
+          ->group(group);
+  command
+      ->add_flag("--stable", detector->stable,
+                 "Hold boxes still while they overlap those of the frame before")
+      ->group(group);
+  line->stable_sensitivity = command
+                                 ->add_option("--stable-sensitivity", detector->stable_sensitivity,
+                                              "Overlap above which a box is held")
+                                 ->type_name("NUMBER")
+                                 ->capture_default_str()
+                                 ->group(group);
+  command
+      ->add_flag("--strict", detector->strict,
+                 "Report objects of class 0 that never moved only when a box of a class that "
+                 "the model names confirms them; tracks too")
+      ->group(group);
+}
+
+void add_input_options(CLI::App* command, CommandLine* line) {
+  const std::string group = "Frames";
+  command->add_option("--skip", line->run.skip, "Frames to leave out at the start")
+      ->type_name("N")
+      ->check(CLI::Range(0L, kFramesMost))
+      ->group(group);
+  command->add_option("--limit", line->run.limit, "Frames to process at most")
+      ->type_name("N")
+      ->check(CLI::Range(1L, kFramesMost))
+      ->group(group);
+  command
+      ->add_option("--fps", line->run.picture_rate,
+                   "Frames per second that a folder of files stands for")
+      ->type_name("NUMBER")
+      ->capture_default_str()
+      ->group(group);
+}
+
+void add_output_options(CLI::App* command, CommandLine* line) {
+  OutputOptions* const outputs = &line->run.outputs;
+  const std::string group = "Outputs (FILE|-: a file, or - for standard output)";
+  command
+      ->add_option("--jsonl", outputs->json_lines,
+                   "One JSON object per frame and line, see frame.schema.json")
+      ->type_name("FILE|-")
+      ->group(group);
+  command
+      ->add_option("--mot", outputs->mot,
+                   "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)")
+      ->type_name("FILE|-")
+      ->group(group);
+  command
+      ->add_option("--coco", outputs->coco,
+                   "COCO results, a JSON array; written as FILE.partial.* until complete")
+      ->type_name("FILE|-")
+      ->group(group);
+  command->add_option("--summary-json", outputs->summary, "The summary as JSON")
+      ->type_name("FILE|-")
+      ->group(group);
+  command
+      ->add_option("--video", outputs->video,
+                   "Annotated video (.mkv, .avi, .mp4, .mov); killed, the "
+                   "first two keep most")
+      ->type_name("FILE")
+      ->group(group);
+  command
+      ->add_option("--pictures", outputs->pictures,
+                   "One annotated picture per frame, frame_000001.png and so on")
+      ->type_name("FOLDER")
+      ->group(group);
+  command->add_option("--picture-format", outputs->picture_extension, "png or jpg")
+      ->type_name("WORD")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"png", "jpg"}))
+      ->group(group);
+  command
+      ->add_option("--contact-sheet", outputs->contact_sheet,
+                   "One picture (.png, .jpg) with frames chosen evenly over the run")
+      ->type_name("FILE")
+      ->group(group);
+  command->add_option("--contact-frames", outputs->contact_frames, "Frames on the contact sheet")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(CLI::Range(1, kContactFramesMost))
+      ->group(group);
+  command
+      ->add_option("--log", line->run.log,
+                   "The library's own log is added to it; otherwise it is not kept")
+      ->type_name("FILE")
+      ->group(group);
+  command
+      ->add_flag("--quiet", line->run.quiet,
+                 "No progress, remarks or summary on the screen; errors are shown")
+      ->group(group);
+}
+
+}  // namespace
+
+void add_run_command(CLI::App& application, Command* chosen) {
+  CLI::App* const command = application.add_subcommand("run", kDescription);
+  const auto line = std::make_shared<CommandLine>();
+  command->add_option("IMAGE", line->run.detector.model, "Model image, made by olvex-det pack")
+      ->type_name("")
+      ->required();
+  command->add_option("INPUT", line->run.input, "Video, picture, dump, folder or camera")
+      ->type_name("")
+      ->required();
+  add_detection_options(command, line.get());
+  add_tracking_options(command, line.get());
+  add_input_options(command, line.get());
+  add_output_options(command, line.get());
+  command->footer(kManual);
+  command->callback([line, chosen] { *chosen = [line] { return run(line.get()); }; });
+}
+
+}  // namespace olvex_tools

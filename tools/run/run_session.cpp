@@ -1,0 +1,338 @@
+// run_session.cpp - the loop over the frames and what stands around it. Read run_session.h first,
+// then detector.h and frame_source.h for the two ends of the loop.
+#include "tools/run/run_session.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/host/host_image.h"
+#include "tools/common/command.h"
+#include "tools/frames/frame_source.h"
+#include "tools/common/interruption.h"
+#include "tools/inside/network_trial.h"
+#include "tools/common/output_file.h"
+#include "tools/common/progress.h"
+#include "tools/run/run_log.h"
+#include "tools/run/run_summary.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double milliseconds_since(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+struct Model {
+  qv_host::Description description;
+  std::string text_header;
+};
+
+Model read_model(const std::string& path) {
+  Model model;
+  try {
+    model.description = qv_host::read_image_file(path, &model.text_header).description;
+  } catch (const qv_host::ImageError& error) {
+    throw ToolError(kModelError, error.what());
+  }
+  return model;
+}
+
+DetectorOptions at_start_pattern(DetectorOptions options, const Model& model) {
+  options.pattern_offset = model.text_header.size();
+  return options;
+}
+
+std::optional<long> frames_to_come(const FrameSource& source, const RunOptions& options) {
+  std::optional<long> total = source.length();
+  if (total) {
+    total = std::max(0L, *total - options.skip);
+  }
+  if (options.limit > 0) {
+    total = total ? std::min(*total, options.limit) : options.limit;
+  }
+  return total;
+}
+
+// One error for all; the first one's exit code stands for them.
+void throw_all(const std::vector<ToolError>& failures) {
+  std::string message;
+  for (const ToolError& failure : failures) {
+    message += (message.empty() ? "" : "\n") + std::string(failure.what());
+  }
+  if (!failures.empty()) {
+    throw ToolError(failures.front().exit_code(), message);
+  }
+}
+
+class Session {
+ public:
+  Session(const RunOptions& options, RunLog* log, const Interruption& interruption)
+      : options_(options),
+        log_(*log),
+        interruption_(interruption),
+        model_(read_model(options.detector.model)),
+        detector_options_(at_start_pattern(options.detector, model_)),
+        layout_(frame_layout(model_.description.input)),
+        source_(open_frame_source(options.input, layout_, options.picture_rate)),
+        progress_(frames_to_come(*source_, options), options.quiet),
+        outputs_(options.outputs, log->results(), model_.description.class_names,
+                 source_->frames_per_second(),
+                 [this](const std::string& text) { progress_.notice(text); }) {}
+
+  int run() {
+    std::vector<ToolError> failures = failures_of_frames();
+    const std::vector<ToolError> of_outputs = outputs_.finish();
+    if (of_outputs.empty() && (failures.empty() || input_failed_)) {
+      report(&failures);
+    }
+    failures.insert(failures.end(), of_outputs.begin(), of_outputs.end());
+    throw_all(failures);
+    return interruption_.requested() ? kInterrupted : kDone;
+  }
+
+ private:
+  std::vector<ToolError> failures_of_frames() {
+    try {
+      process_all();
+    } catch (const ToolError& error) {
+      return {error};
+    } catch (...) {
+      outputs_.finish();  // the failure that ended the run is the one to report
+      throw;
+    }
+    return {};
+  }
+
+  void process_all() {
+    announce();
+    skip_frames();
+    start_ = Clock::now();
+    bool ended = false;
+    while (!ended && !interruption_.requested() && !limit_reached()) {
+      ended = !process_next();
+      progress_.update(summary_.frames());
+    }
+    if (ended) {
+      check_end();
+    }
+  }
+
+  void skip_frames() {
+    long skipped = 0;
+    while (skipped < options_.skip && !interruption_.requested() && source_->skip()) {
+      ++skipped;
+    }
+  }
+
+  bool limit_reached() const { return options_.limit > 0 && summary_.frames() >= options_.limit; }
+
+  bool process_next() {
+    SourceFrame frame;
+    FrameRecord record;
+    const auto decoding = Clock::now();
+    if (!read(&frame)) {
+      return false;
+    }
+    record.milliseconds.decode = milliseconds_since(decoding);
+    record.number = frame.number;
+    record.pts = frame.pts;
+    record.image_id = frame.image_id;
+    record.source = frame.name;
+    detect(&frame, &record);
+    log_.frame_done();
+
+    const auto writing = Clock::now();
+    if (outputs_.needs_picture() && frame.picture.empty()) {
+      frame.picture = picture_of_frame(frame.dump, layout_);
+    }
+    outputs_.write(record, frame.picture);
+    summary_.add(record, milliseconds_since(writing));
+    last_pts_ = frame.pts;
+    return true;
+  }
+
+  bool read(SourceFrame* frame) {
+    try {
+      return source_->next(frame);
+    } catch (const ToolError&) {
+      input_failed_ = summary_.frames() > 0;
+      throw;
+    }
+  }
+
+  void detect(SourceFrame* frame, FrameRecord* record) {
+    const bool is_dump = frame->picture.empty();
+    const cv::Size own_size =
+        is_dump ? cv::Size(layout_.width, layout_.height) : frame->picture.size();
+    open_detector(options_.display.value_or(own_size));
+    record->width = display_.width;
+    record->height = display_.height;
+    if (!is_dump) {
+      const auto conversion = Clock::now();
+      convert_to_frame(frame->picture, layout_, &converted_);
+      record->milliseconds.conversion = milliseconds_since(conversion);
+    }
+    detector_->run(is_dump ? &frame->dump : &converted_, frame->pts, &record->detections,
+                   &record->milliseconds);
+    number_tracks(&record->detections);
+  }
+
+  // The library takes the display size once, so another size needs another handle.
+  void open_detector(cv::Size display) {
+    if (detector_ != nullptr && display == display_) {
+      return;
+    }
+    if (detector_ != nullptr && tracked()) {
+      progress_.notice(
+          "the pictures change size; objects are tracked anew from there. Set "
+          "--display to keep the tracks.");
+    }
+    detector_.reset();  // there is one accelerator device only
+    detector_ = std::make_unique<Detector>(detector_options_, display);
+    display_ = display;
+    first_track_ = last_track_;
+    const InputAttr_t input = detector_->input();
+    if (input.width != static_cast<QV_U32>(layout_.width) ||
+        input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
+      throw ToolError(kAcceleratorError, options_.detector.model +
+                                             ": the accelerator asks for another input than the "
+                                             "model's description. Pack the model anew.");
+    }
+  }
+
+  // Each handle counts its tracks from 1; a later handle's go on from the last one's.
+  void number_tracks(std::vector<Detection>* detections) {
+    for (Detection& detection : *detections) {
+      if (detection.track_id) {
+        *detection.track_id += first_track_;
+        last_track_ = std::max(last_track_, *detection.track_id);
+      }
+    }
+  }
+
+  bool tracked() const { return options_.detector.track || options_.detector.strict; }
+
+  void announce() {
+    if (options_.detector.from_memory && !model_.text_header.empty() &&
+        model_.description.name_pairs.empty()) {
+      progress_.notice(options_.detector.model +
+                       ": the text before the model is not seen when it is loaded from memory.");
+    }
+  }
+
+  // Called when the source has no more frames.
+  void check_end() {
+    if (summary_.frames() == 0) {
+      throw ToolError(kInputError, options_.input + ": no frame is left after --skip " +
+                                       std::to_string(options_.skip) + ".");
+    }
+    const std::optional<long> length = source_->length();
+    const long read = options_.skip + summary_.frames();
+    // A video without a constant rate has fewer frames than its duration makes one think; one that
+    // is cut has also not reached its end in time.
+    const double reached = static_cast<double>(last_pts_) / 1e6 * source_->frames_per_second() + 1;
+    constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
+    if (length && std::max(static_cast<double>(read), reached) <
+                      kShareExpected * static_cast<double>(*length) - 1) {
+      input_failed_ = true;
+      throw ToolError(kInputError, options_.input + ": ended after " + std::to_string(read) +
+                                       " of " + std::to_string(*length) +
+                                       " frames; it is damaged or cut.");
+    }
+  }
+
+  void report(std::vector<ToolError>* failures) {
+    try {
+      write_summary();
+    } catch (const ToolError& error) {
+      failures->push_back(error);
+    }
+  }
+
+  void write_summary() {
+    progress_.clear();
+    RunFacts facts;
+    facts.model = options_.detector.model;
+    facts.input = options_.input;
+    facts.class_names = model_.description.class_names;
+    facts.tracked = tracked();
+    facts.interrupted = interruption_.requested();
+    facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
+    facts.seconds = milliseconds_since(start_) / 1000;
+    const bool results_on_screen = uses_standard_output(options_.outputs);
+    if (!options_.outputs.summary.empty()) {
+      write_output(options_.outputs.summary, log_.results(), summary_.json(facts));
+    }
+    if (options_.quiet) {
+      return;
+    }
+    if (results_on_screen) {
+      std::fputs(summary_.text(facts).c_str(), stderr);
+    } else {
+      show_on_screen(summary_.text(facts));
+    }
+  }
+
+  // A terminal that closes interrupts the run, and takes the place of the summary with it.
+  void show_on_screen(const std::string& text) {
+    try {
+      write_output(kStandardOutput, log_.results(), text);
+    } catch (const ToolError&) {
+      if (!interruption_.requested()) {
+        throw;
+      }
+    }
+  }
+
+  const RunOptions& options_;
+  RunLog& log_;
+  const Interruption& interruption_;
+  Model model_;
+  DetectorOptions detector_options_;
+  FrameLayout layout_;
+  std::unique_ptr<FrameSource> source_;
+  Progress progress_;
+  RunOutputs outputs_;
+  RunSummary summary_;
+  std::unique_ptr<Detector> detector_;
+  cv::Size display_;               // of detector_
+  std::uint64_t first_track_ = 0;  // added to the ids of detector_
+  std::uint64_t last_track_ = 0;   // highest id so far
+  std::vector<unsigned char> converted_;
+  std::uint64_t last_pts_ = 0;  // of the last frame, microseconds
+  bool input_failed_ = false;   // after the first frame
+  Clock::time_point start_;
+};
+
+}  // namespace
+
+int run_session(const RunOptions& options) {
+  silence_opencv();
+  require_separate_files(options.outputs, options.log,
+                         {options.input, options.detector.model, options.detector.firmware});
+  // Before signals are caught: Ctrl-C ends the trial, too, and nothing is written yet.
+  require_harmless_network(options.detector.model, options.detector.model);
+  // Outlives the log, which flushes what a closed pipe did not take.
+  const Interruption interruption;
+  RunLog log(options.log);
+  try {
+    return Session(options, &log, interruption).run();
+  } catch (const ToolError& error) {
+    // Errors since the last good frame: there are some only if the library took part.
+    const std::string lines = log.last_errors();
+    if (lines.empty()) {
+      throw;
+    }
+    throw ToolError(error.exit_code(),
+                    std::string(error.what()) + "\nThe library's log says:" + lines);
+  }
+}
+
+}  // namespace olvex_tools

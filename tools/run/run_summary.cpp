@@ -1,0 +1,125 @@
+// run_summary.cpp - counts, medians and their two presentations. Read run_summary.h first.
+#include "tools/run/run_summary.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/common/standard_output.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kSummarySchemaVersion = 1;
+// In the order of RunSummary::milliseconds_.
+const char* const kStageNames[] = {"decode", "conversion", "network", "postprocessing", "output"};
+
+// The value below or at which that share of the values lies (nearest rank).
+// Requires: values is not empty.
+double percentile(std::vector<float> values, double share) {
+  const double rank = std::ceil(share * static_cast<double>(values.size()));
+  const auto index = static_cast<std::ptrdiff_t>(std::max(rank, 1.0)) - 1;
+  std::nth_element(values.begin(), values.begin() + index, values.end());
+  return static_cast<double>(values[static_cast<std::size_t>(index)]);
+}
+
+double rounded(double value) {
+  return std::round(value * 1000) / 1000;
+}
+
+double rate(long frames, double seconds) {
+  return seconds > 0 ? static_cast<double>(frames) / seconds : 0;
+}
+
+template <typename... Values>
+std::string format(const char* pattern, Values... values) {
+  char text[256];
+  std::snprintf(text, sizeof text, pattern, values...);
+  return text;
+}
+
+}  // namespace
+
+void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
+  ++frames_;
+  for (const Detection& detection : record.detections) {
+    ++boxes_[detection.class_id];
+    if (detection.track_id) {
+      tracks_.insert(*detection.track_id);
+    }
+  }
+  const StageTimes& times = record.milliseconds;
+  const double values[kStages] = {times.decode, times.conversion, times.network,
+                                  times.postprocessing, output_milliseconds};
+  for (std::size_t i = 0; i < kStages; ++i) {
+    milliseconds_[i].push_back(static_cast<float>(values[i]));
+  }
+}
+
+std::string RunSummary::text(const RunFacts& facts) const {
+  std::string text =
+      format("%ld frames in %.1f s, %.1f frames/s%s\n", frames_, facts.seconds,
+             rate(frames_, facts.seconds), facts.interrupted ? " (interrupted)" : "");
+  if (facts.expected_frames && *facts.expected_frames != frames_) {
+    text += format("expected  %ld frames\n", *facts.expected_frames);
+  }
+  text += boxes_.empty() ? "boxes   none\n" : "boxes\n";
+  for (const auto& [class_id, count] : boxes_) {
+    const std::string name = class_name(facts.class_names, class_id);
+    text += format("  %8llu  ", static_cast<unsigned long long>(count)) +
+            (name.empty() ? "class " + std::to_string(class_id) : one_line(name)) + "\n";
+  }
+  if (facts.tracked) {
+    text += format("tracks  %zu\n", tracks_.size());
+  }
+  if (frames_ > 0) {
+    text += "milliseconds per frame    median    99th percentile\n";
+    for (std::size_t i = 0; i < kStages; ++i) {
+      text += format("  %-18s  %10.2f  %17.2f\n", kStageNames[i], percentile(milliseconds_[i], 0.5),
+                     percentile(milliseconds_[i], 0.99));
+    }
+  }
+  return text;
+}
+
+std::string RunSummary::json(const RunFacts& facts) const {
+  std::uint64_t total = 0;
+  Json classes = Json::array();
+  for (const auto& [class_id, count] : boxes_) {
+    Json entry = {{"class_id", class_id}};
+    const std::string name = class_name(facts.class_names, class_id);
+    if (!name.empty()) {
+      entry["class"] = name;
+    }
+    entry["boxes"] = count;
+    classes.push_back(std::move(entry));
+    total += count;
+  }
+  Json stages = Json::object();
+  for (std::size_t i = 0; i < kStages && frames_ > 0; ++i) {
+    stages[kStageNames[i]] = {{"median", rounded(percentile(milliseconds_[i], 0.5))},
+                              {"p99", rounded(percentile(milliseconds_[i], 0.99))}};
+  }
+  const Json summary = {
+      {"schema_version", kSummarySchemaVersion},
+      {"model", facts.model},
+      {"input", facts.input},
+      {"interrupted", facts.interrupted},
+      {"frames", frames_},
+      {"expected_frames", facts.expected_frames ? Json(*facts.expected_frames) : Json(nullptr)},
+      {"seconds", rounded(facts.seconds)},
+      {"frames_per_second", rounded(rate(frames_, facts.seconds))},
+      {"boxes", total},
+      {"boxes_per_class", std::move(classes)},
+      {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
+      {"milliseconds", std::move(stages)}};
+  // File names need not be UTF-8, JSON must be.
+  return summary.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace olvex_tools
