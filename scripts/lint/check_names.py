@@ -16,7 +16,7 @@ NAME = re.compile(rf"(?<![\w./*<>$}}-])((?:\.\./)*[\w-][\w./-]*\.(?:{'|'.join(EN
 # Comments of C and C++, of everything else, and the texts at the start of Python files and functions.
 C_COMMENT = re.compile(r'"(?:[^"\\\n]|\\.)*"|//[^\n]*|/\*.*?\*/', re.DOTALL)
 HASH_COMMENT = re.compile(r'''"""(?:.|\n)*?"""|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|(?<![\w$])#[^\n]*''')
-STANDS_FOR_ANY = re.compile(r"(?:^|/)[A-Z]+(?=[./]|$)")
+STANDS_FOR_ANY = re.compile(r"(?:^|/)[A-Z]+(?=[./_]|$)")
 OUTSIDE = {"build", "demo-output", ".git", "__pycache__"}
 # Names that stand for any file, and those of the system.
 EXAMPLES = {"folder/file.cpp", "x.cpp", "x.h", "x_plain.cpp", "OpenCVConfig.cmake"}
