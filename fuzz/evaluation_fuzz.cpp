@@ -9,12 +9,10 @@
 #include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_file.h"
 #include "tools/common/command.h"
-#include "tools/compare/compare_choice.h"
+#include "tools/compare/compare.h"
 #include "tools/eval/coco/coco_files.h"
-#include "tools/eval/coco/coco_plot.h"
 #include "tools/eval/coco/coco_report.h"
 #include "tools/eval/mot/mot_report.h"
-#include "tools/eval/mot/mot_timeline.h"
 
 namespace {
 

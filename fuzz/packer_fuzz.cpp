@@ -27,9 +27,10 @@ void read_header(const std::string& text) {
 // Quotes and blanks as a shell takes them. False: the command line is refused.
 bool parse_options(const std::string& line, PackOptions* options) {
   CLI::App application;
-  add_pack_options(&application, options);
+  const auto convert = add_pack_options(OptionTable(&application), options);
   try {
     application.parse(line);
+    convert();
     return true;
   } catch (const CLI::ParseError&) {
     return false;
@@ -70,8 +71,7 @@ void pack(const std::vector<std::string>& parts) {
   }
   options.description_path = parts[1].empty() ? "" : description.holding(parts[1]);
   options.class_names_path = parts[2].empty() ? "" : class_names.holding(parts[2]);
-  const Pairs pairs = header_pairs(options);
-  FUZZ_CHECK(read_pairs(file_header(pairs)) == pairs);
+  FUZZ_CHECK(read_pairs(file_header(options.pairs)) == options.pairs);
   check_packed(describe_model(options, network));
 }
 

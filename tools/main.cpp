@@ -19,6 +19,7 @@
 #include "tools/common/command.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/suggestion.h"
+#include "tools/common/text.h"
 
 namespace {
 
@@ -27,8 +28,8 @@ using olvex_tools::ToolError;
 
 const char kExamples[] =
     "Examples:\n"
-    "  olvex-det pack detector.onnx -o detector.img --boxes boxes --scores scores\n"
-    "  olvex-det inspect detector.img\n"
+    "  olvex-det pack detector.onnx -o detector.qtm --boxes boxes --scores scores\n"
+    "  olvex-det inspect detector.qtm\n"
     "  olvex-det SUBCOMMAND --help\n\n"
     "Exit codes: 0 done, 1 a check failed, 2 wrong usage, 3 model, 4 input or output file,\n"
     "            5 accelerator, 70 a fault of this program, 130 interrupted";
@@ -100,16 +101,16 @@ std::string describe_unknown_words(const CLI::App& application, const CLI::App& 
   }
   const std::vector<std::string> subcommands = subcommand_names(selected);
   if (!subcommands.empty() && !is_option(words.front())) {
-    return "unknown subcommand \"" + words.front() + "\"." +
+    return "unknown subcommand \"" + words.front() + "\"" +
            olvex_tools::did_you_mean(words.front(), subcommands);
   }
   // A misspelt option leaves its value over too; the option is what to talk about.
   const auto option = std::find_if(words.begin(), words.end(), is_option);
   if (option == words.end()) {
-    return "unexpected argument \"" + words.front() + "\".";
+    return "unexpected argument \"" + words.front() + "\"";
   }
   const std::string name = option->substr(0, option->find('='));
-  return "unknown option \"" + name + "\"." +
+  return "unknown option \"" + name + "\"" +
          olvex_tools::did_you_mean(name, option_names(selected));
 }
 
@@ -147,7 +148,7 @@ bool is_open(int descriptor) {
 bool prepare_standard_streams() {
   if (!is_open(STDOUT_FILENO)) {
     std::fputs(
-        "olvex-det: standard output is closed. Redirect it to /dev/null if it is not wanted.\n",
+        "olvex-det: standard output is closed. Redirect it to /dev/null if it is not wanted\n",
         stderr);
     return false;
   }

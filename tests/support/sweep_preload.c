@@ -16,7 +16,7 @@ static void* next_of(const char* name) {
   return dlsym(RTLD_NEXT, name);
 }
 
-// SWEEP_ACTION: "full", or a signal's number. SWEEP_MARK: a file that is made when it happens.
+// SWEEP_ACTION: "full", a signal's number, or "busy", when no file may be replaced. SWEEP_MARK: a file that is made when it happens.
 static void mark(void) {
   const int descriptor = open(getenv("SWEEP_MARK"), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
   ((int (*)(int))next_of("close"))(descriptor);
@@ -83,5 +83,9 @@ int close(int descriptor) {
 int rename(const char* from, const char* to) {
   int (*const real)(const char*, const char*) =
       (int (*)(const char*, const char*))next_of("rename");
+  if (is_ours(to) && strcmp(getenv("SWEEP_ACTION"), "busy") == 0) {
+    errno = EBUSY;
+    return -1;
+  }
   return is_ours(to) && disk_is_full() ? -1 : real(from, to);
 }

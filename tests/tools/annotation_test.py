@@ -75,10 +75,10 @@ class AnnotationTest(ToolTest):
         for number in range(1, 15):
             write_cells(pictures / f"{number:02}.ppm", 192, 128, {
                 (number + 4, 6): (255, 0, 0), (2, 12): (0, 240, 0), (20, 14): (0, 0, 225)})
-        pack = ["pack", "n.onnx", "-o", "n.img", "--input-format", "rgb", "--scale", "1/255", "--boxes",
+        pack = ["pack", "n.onnx", "-o", "n.qtm", "--input-format", "rgb", "--scale", "1/255", "--boxes",
                 "boxes", "--scores", "scores", "--class-names", "names.txt"]
         self.tool(*pack)
-        run = ["run", "n.img", "pictures", "--quiet"]
+        run = ["run", "n.qtm", "pictures", "--quiet"]
         self.tool(*run, "--track", "--limit", 2, "--pictures", "shown", "--contact-sheet", "sheet.png",
                   "--contact-frames", 3, "--jsonl", "shown.jsonl")
         self.assert_kept("run_picture.png", (self.folder / "shown/frame_000002.png").read_bytes())
@@ -110,14 +110,14 @@ class AnnotationTest(ToolTest):
 
     def test_progress_is_shown_on_a_terminal_alone(self):
         make_network(self.folder / "n.onnx", "decoded", 96, 64)
-        self.tool("pack", "n.onnx", "-o", "n.img", "--input-format", "rgb", "--boxes", "boxes", "--scores",
+        self.tool("pack", "n.onnx", "-o", "n.qtm", "--input-format", "rgb", "--boxes", "boxes", "--scores",
                   "scores", "--min-score", "999")
         (self.folder / "pictures").mkdir()
         for number in range(1, 1500):
             path = self.folder / f"pictures/{number}.pgm"
             os.link(self.folder / "pictures/1.pgm", path) if number > 1 else write_gray(path, 96, 64)
         leader, follower = pty.openpty()
-        process = subprocess.Popen([TOOL, "run", "n.img", "pictures", "--jsonl", "lines"],
+        process = subprocess.Popen([TOOL, "run", "n.qtm", "pictures", "--jsonl", "lines"],
                                    cwd=self.folder, stdout=subprocess.DEVNULL, stderr=follower)
         os.close(follower)
         shown = b""

@@ -54,14 +54,14 @@ class NetworkTrialTest(ToolTest):
         size, factor, said = HARMS[harm]
         network = self.folder / f"{harm}.onnx"
         make_network(network, harm, size, size)
-        write_image(self.folder / f"{harm}.img", network.read_bytes(), size)
+        write_image(self.folder / f"{harm}.qtm", network.read_bytes(), size)
         return {"OLVEX_DET_LIMITS": factor}, said
 
     def test_harm_becomes_one_sentence_that_names_the_file(self):
         for harm in HARMS:
             environment, said = self.make(harm)
-            commands = [["inspect", f"{harm}.img"], ["run", f"{harm}.img", "none", "--memory"],
-                        ["pack", f"{harm}.onnx", "-o", "out.img", *LAYERS]]
+            commands = [["inspect", f"{harm}.qtm"], ["run", f"{harm}.qtm", "none", "--memory"],
+                        ["pack", f"{harm}.onnx", "-o", "out.qtm", *LAYERS]]
             before = sorted(self.folder.iterdir())
             for command in commands[:1] if harm == "never-ends" else commands:
                 result = self.tool(*command, code=3, environment=environment)
@@ -73,10 +73,10 @@ class NetworkTrialTest(ToolTest):
     def test_a_signal_ends_the_trial_too(self):
         self.make("never-ends")
         before = sorted(self.folder.iterdir())
-        pack = ["pack", "never-ends.onnx", "-o", "out.img", *LAYERS]
+        pack = ["pack", "never-ends.onnx", "-o", "out.qtm", *LAYERS]
         for number, command, code in ((signal.SIGINT, pack, 130),
-                                      (signal.SIGINT, ["inspect", "never-ends.img"], -2),
-                                      (signal.SIGKILL, ["run", "never-ends.img", "none"], -9)):
+                                      (signal.SIGINT, ["inspect", "never-ends.qtm"], -2),
+                                      (signal.SIGKILL, ["run", "never-ends.qtm", "none"], -9)):
             process = subprocess.Popen([TOOL, *command], cwd=self.folder)
             child = child_of(process)
             process.send_signal(number)
@@ -87,7 +87,7 @@ class NetworkTrialTest(ToolTest):
 
     def test_the_factor_of_the_limits_is_a_number(self):
         make_network(self.folder / "sound.onnx", "decoded", 64, 32)
-        write = ["pack", "sound.onnx", "-o", "out.img", "--boxes", "boxes", "--scores", "scores"]
+        write = ["pack", "sound.onnx", "-o", "out.qtm", "--boxes", "boxes", "--scores", "scores"]
         for factor in ("x", "1x", "0", "nan", "1e9"):
             self.tool(*write, code=2, said=["OLVEX_DET_LIMITS", "0.001 to 1000"],
                       environment={"OLVEX_DET_LIMITS": factor})

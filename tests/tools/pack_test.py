@@ -8,7 +8,7 @@ import resource
 
 from tool_test import ToolTest, main, make_network
 
-OUT = ["-o", "out.img"]
+OUT = ["-o", "out.qtm"]
 LAYERS = ["--raw", "stride8", "stride16", "stride32", "--scale", "1/255"]
 BOXES = ["--boxes", "boxes", "--scores", "scores", "--scale", "1/255"]
 RAW = ["raw.onnx", *OUT, *LAYERS]
@@ -30,10 +30,10 @@ REFUSALS = [  # exit code, words of the message, arguments
     (2, ["starts the offline model"], [*RAW, "--pair", "a=QTNX"]),
     (2, ["128 bytes", "127"], [*RAW, "--pair", "a=" + 128 * "x"]),
     (2, ["is empty"], [*RAW, "--lib-out", ""]),
-    (2, ["the network itself"], ["raw.onnx", "-o", "raw.onnx", *LAYERS]),
+    (2, ["overwrite raw.onnx"], ["raw.onnx", "-o", "raw.onnx", *LAYERS]),
     (2, ["overwrite names.txt"],
      ["raw.onnx", "-o", "./names.txt", *LAYERS, "--class-names", "names.txt"]),
-    (2, ["lie among the frames"], ["raw.onnx", "-o", "x.img", *LAYERS, *CALIBRATE, "."]),
+    (2, ["lie among the frames"], ["raw.onnx", "-o", "x.png", *LAYERS, *CALIBRATE, "."]),
     (2, ["max_boxes", "32767"], [*DECODED, "--max-boxes", "0"]),
     (2, ["--calibrate", "add --int16"], [*RAW, "--calibrate", "black.ppm"]),
     (2, ["leave out --raw-scale"], [*RAW, *CALIBRATE, "black.ppm", "--raw-scale", "1"]),
@@ -60,7 +60,7 @@ REFUSALS = [  # exit code, words of the message, arguments
     (4, ["names.txt", "picture"], [*RAW, "--picture", "names.txt"]),
     (4, ["none:", "No such file"], [*RAW, *CALIBRATE, "none"]),
     (4, ["damaged.ppm", "damaged"], [*RAW, *CALIBRATE, "damaged.ppm"]),
-    (4, ["none/out.img", "No such file"], ["raw.onnx", "-o", "none/out.img", *LAYERS]),
+    (4, ["none/out.qtm", "No such file"], ["raw.onnx", "-o", "none/out.qtm", *LAYERS]),
     (4, ["names.txt", "JSON"], ["raw.onnx", *OUT, "--description", "names.txt"]),
 ]
 
@@ -83,7 +83,7 @@ class PackTest(ToolTest):
         make_network(self.folder / "raw.onnx", "raw", 64, 64)
         make_network(self.folder / "boxes.onnx", "decoded", 64, 32)
         (self.folder / "names.txt").write_text("person\r\nbicycle\ncar\n\n")
-        self.image = self.folder / "out.img"
+        self.image = self.folder / "out.qtm"
 
     def packed(self, *arguments):
         """What inspect says of the image that these arguments make."""
@@ -91,7 +91,7 @@ class PackTest(ToolTest):
         return self.inspected()
 
     def inspected(self):
-        report = json.loads(self.tool("inspect", "out.img", "--json").stdout)
+        report = json.loads(self.tool("inspect", "out.qtm", "--json").stdout)
         self.assert_fits_schema(report, "inspect")
         return report
 
@@ -195,7 +195,7 @@ class PackTest(ToolTest):
             found = []
             for options in (calibrate[1:3], calibrate):
                 self.tool("pack", *arguments, *options)
-                result = self.tool("run", "out.img", picture, "--threshold", "0.1", "--jsonl", "-")
+                result = self.tool("run", "out.qtm", picture, "--threshold", "0.1", "--jsonl", "-")
                 found.append(json.loads(result.stdout)["boxes"])
             floats, integers = found
             self.assertGreater(len(floats), 10)
@@ -213,7 +213,7 @@ class PackTest(ToolTest):
         self.image.write_text("the former image")
         before = {path: path.read_bytes() for path in self.folder.iterdir()}
         limit = {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (700, 700))}
-        halfway = (4, ["cannot write out.img"], RAW, limit)
+        halfway = (4, ["cannot write out.qtm"], RAW, limit)
         for code, said, arguments, *options in [*REFUSALS, halfway]:
             with self.subTest(said):
                 result = self.tool("pack", *arguments, code=code, said=said, **dict(*options))
@@ -226,15 +226,15 @@ class PackTest(ToolTest):
         self.packed(*RAW)
         image = self.image.read_bytes()
         middle = len(image) // 2
-        (self.folder / "damaged.img").write_bytes(
+        (self.folder / "damaged.qtm").write_bytes(
             image[:middle] + bytes([image[middle] ^ 1]) + image[middle + 1:])
-        (self.folder / "short.img").write_bytes(image[:-1])
-        for code, name, said in ((3, "damaged.img", ["damaged.img", "CRC-32"]),
-                                 (3, "short.img", ["truncated"]), (3, "names.txt", ["QTNX"]),
-                                 (3, "none.img", ["none.img", "No such file"])):
+        (self.folder / "short.qtm").write_bytes(image[:-1])
+        for code, name, said in ((3, "damaged.qtm", ["damaged.qtm", "CRC-32"]),
+                                 (3, "short.qtm", ["truncated"]), (3, "names.txt", ["QTNX"]),
+                                 (3, "none.qtm", ["none.qtm", "No such file"])):
             self.tool("inspect", name, code=code, said=said)
         self.image.write_bytes(b"model_out:zrlpd\n" + image)
-        self.assertIn("17 or 13 channels", self.tool("inspect", "out.img", code=1).stdout)
+        self.assertIn("17 or 13 channels", self.tool("inspect", "out.qtm", code=1).stdout)
         self.assert_transcript_kept("inspect_damage.txt")
 
     def test_what_is_packed_is_told_in_full(self):
@@ -260,7 +260,7 @@ class PackTest(ToolTest):
                  *small],
                 [*DECODED, "--no-classes", "--box-order", "cxcywh", "--input-format", "bgr", *small]):
             self.tool("pack", *arguments)
-            self.tool("inspect", "out.img")
+            self.tool("inspect", "out.qtm")
         self.assert_transcript_kept("pack_reports.txt")
 
     def test_misspelt_words_are_answered_with_the_nearest_name(self):
@@ -268,7 +268,7 @@ class PackTest(ToolTest):
                 (["pcak"], 'olvex-det: unknown subcommand "pcak". Did you mean pack?'),
                 (["pack", *RAW, "--titel", "x"], 'unknown option "--titel". Did you mean --title?'),
                 (["inspect", "a", "--jsn"], 'unknown option "--jsn". Did you mean --json?'),
-                (["inspect", "--wholly-different", "a"], 'unknown option "--wholly-different".\n'),
+                (["inspect", "--wholly-different", "a"], 'unknown option "--wholly-different"\n'),
                 (["--versoin"], "Did you mean --version?"),
                 (["inspect", "a", "b"], 'unexpected argument "b"'),
                 ([], "subcommand is required")):

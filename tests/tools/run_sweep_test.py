@@ -10,6 +10,7 @@ import os
 import pathlib
 import random
 import resource
+import shutil
 import signal
 import subprocess
 import tempfile
@@ -33,7 +34,7 @@ class RunSweepTest(ToolTest):
         shared = tempfile.TemporaryDirectory()
         cls.addClassCleanup(shared.cleanup)
         cls.shared = pathlib.Path(shared.name).resolve()
-        cls.model = cls.shared / "model.img"
+        cls.model = cls.shared / "model.qtm"
         make_network(cls.shared / "network.onnx", "decoded", 72, 64, 8)
         subprocess.run([TOOL, "pack", cls.shared / "network.onnx", "-o", cls.model, "--input-format",
                         "rgb", "--scale", "1/255", "--boxes", "boxes", "--scores", "scores"],
@@ -62,11 +63,14 @@ class RunSweepTest(ToolTest):
         mark = self.folder / "mark"
         mark.unlink(missing_ok=True)
         video = f"video.{('mkv', 'mp4', 'avi')[turn % 3]}"
-        result = self.run_with(*OUTPUTS, "--video", video, env={
-            **os.environ, "LD_PRELOAD": os.environ["OLVEX_SWEEP_PRELOAD"], "SWEEP_AT": str(turn),
-            "ASAN_OPTIONS": "verify_asan_link_order=0:detect_leaks=0", "SWEEP_MARK": str(mark),
-            "SWEEP_ACTION": action if action == "full" else str(int(action)), "SWEEP_FOLDER": str(self.out)})
+        result = self.run_with(*OUTPUTS, "--video", video, env=self.preloaded(
+            action if action == "full" else str(int(action)), turn, mark))
         return result if mark.exists() else None
+
+    def preloaded(self, action, turn=0, mark=""):
+        return {**os.environ, "LD_PRELOAD": os.environ["OLVEX_SWEEP_PRELOAD"], "SWEEP_AT": str(turn),
+                "ASAN_OPTIONS": "verify_asan_link_order=0:detect_leaks=0", "SWEEP_MARK": str(mark),
+                "SWEEP_ACTION": action, "SWEEP_FOLDER": str(self.out)}
 
     def frames_in(self, name, whole):
         """How many frames an output holds, None when it is an earlier one; fails when it is torn."""
@@ -203,7 +207,7 @@ class RunSweepTest(ToolTest):
         result = self.run_with("--jsonl", "lines", "--mot", "mot", preexec_fn=lambda: (
             resource.setrlimit(resource.RLIMIT_FSIZE, (10000, 10000))))
         self.assertEqual(result.returncode, 4)
-        self.assertIn("lines: cannot be written: File too large.", result.stderr)
+        self.assertIn("lines: cannot be written: File too large", result.stderr)
         self.assertEqual((self.out / "lines").read_text()[-1:], "\n")
         self.assertTrue((self.out / "mot").read_text().startswith("1,"))
 
@@ -228,6 +232,11 @@ class RunSweepTest(ToolTest):
         self.assertTrue((self.out / "link").is_symlink())
         self.assertTrue(json.loads((self.out / "real").read_text()))
         self.assertEqual((self.out / "real").stat().st_mode & 0o777, 0o640)
+        found = (self.out / "real").read_text()
+        (self.out / "real").write_text(OLD * 1000)
+        self.assertEqual(self.run_with("--coco", "link", env=self.preloaded("busy")).returncode, 0)
+        self.assertEqual((self.out / "real").read_text(), found)
+        self.assertFalse(list(self.out.glob("*.partial.*")))
 
     def test_cut_inputs(self):
         self.run_with("--video", "whole.avi", "--pictures", "jpegs", "--picture-format", "jpg")
@@ -251,12 +260,20 @@ class RunSweepTest(ToolTest):
             self.assertEqual(len(json.loads((self.out / "coco").read_text())), summary["boxes"])
         self.assertIn("expected  50 frames", self.tool(
             "run", self.model, input_path, code=4, said=["damaged or cut"]).stdout)
+        # A whole file may count frames that it does not show.
+        data = bytearray((self.out / "longer.avi").read_bytes())
+        count = data.index(b"avih") + 24
+        self.assertEqual(int.from_bytes(data[count:count + 4], "little"), 50)
+        data = data.replace((50).to_bytes(4, "little"), (60).to_bytes(4, "little"))
+        (self.out / "longer.avi").write_bytes(data)
+        self.tool("run", self.model, self.out / "longer.avi", said=["60 frames; the file is whole"])
 
     def cut_video(self):
         pictures = self.folder / "fifty"
         self.write_pictures(pictures, 50)
         self.run_with("--video", "cut.avi", pictures=pictures)
         video = self.out / "cut.avi"
+        shutil.copy(video, self.out / "longer.avi")
         video.write_bytes(video.read_bytes()[:video.stat().st_size * 2 // 3])
         return video
 

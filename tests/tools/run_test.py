@@ -52,7 +52,7 @@ class RunTest(ToolTest):
 
     @classmethod
     def pack(cls, frame_format, *options):
-        image = f"{cls.network}.{frame_format}{len(options)}.img"
+        image = f"{cls.network}.{frame_format}{len(options)}.qtm"
         options = options or ("--boxes", "boxes", "--scores", "scores")
         if frame_format == "fp32":
             options += ("--frame-order", "bgr")
@@ -177,7 +177,7 @@ class RunTest(ToolTest):
 
     def test_errors_have_their_exit_code_and_name_the_cause(self):
         write_picture(self.folder / "picture.ppm", {})
-        (self.folder / "damaged.img").write_bytes(pathlib.Path(self.model).read_bytes()[:-100])
+        (self.folder / "damaged.qtm").write_bytes(pathlib.Path(self.model).read_bytes()[:-100])
         (self.folder / "broken.png").write_bytes(b"\x89PNG but not really")
         (self.folder / "empty.mp4").touch()
         (self.folder / "empty").mkdir()
@@ -193,8 +193,8 @@ class RunTest(ToolTest):
                 (4, "broken.png", [self.model, "broken.png"]),
                 (4, "--skip 1", [*picture, "--skip", 1]),
                 (4, "/dev/video987", [self.model, "camera:987"]),
-                (3, "damaged.img", ["damaged.img", "picture.ppm"]),
-                (3, "nothing.img", ["nothing.img", "picture.ppm"]),
+                (3, "damaged.qtm", ["damaged.qtm", "picture.ppm"]),
+                (3, "nothing.qtm", ["nothing.qtm", "picture.ppm"]),
                 (2, "--threshold", [*picture, "--threshold", "nan"]),
                 (2, "--threshold", [*picture, "--threshold", ""]),
                 (2, "--track", [*picture, "--ignore-static"]),

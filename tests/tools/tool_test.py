@@ -70,7 +70,7 @@ class ToolTest(unittest.TestCase):
         parser says itself."""
         text = self.transcript.replace(str(self.folder), "FOLDER")
         for unsure, sure in ((r"(is not JSON: ).*", r"\1..."), (r"\d+\.\d ms", "... ms"),
-                             (r"\.img\.partial\.\w{6}", ".img.partial.XXXXXX")):
+                             (r"\.qtm\.partial\.\w{6}", ".qtm.partial.XXXXXX")):
             text = re.sub(unsure, sure, text)
         # Equal scores may change places on another processor.
         text = re.sub(r"(generated gradient: ).*\n( +class .*\n)*", r"\1...\n", text)

@@ -47,6 +47,13 @@ void remember(int signal_number, struct sigaction* former) {
   }
 }
 
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGXFSZ};
+
+// The others are ignored.
+bool is_remembered(int signal_number) {
+  return signal_number != SIGPIPE && signal_number != SIGXFSZ;
+}
+
 // Whether a call that waits goes on after a request.
 void set_restart(bool restart) {
   for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -64,32 +71,40 @@ void set_restart(bool restart) {
 Interruption::Interruption() {
   was_requested = false;
   was_asked_for = false;
-  remember(SIGINT, &former_interrupt_);
-  remember(SIGTERM, &former_terminate_);
-  remember(SIGHUP, &former_hang_up_);
-  handle(SIGPIPE, SIG_IGN, &former_pipe_);
-  handle(SIGXFSZ, SIG_IGN, &former_file_size_);
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    if (is_remembered(kSignals[i])) {
+      remember(kSignals[i], &former_[i]);
+    } else {
+      handle(kSignals[i], SIG_IGN, &former_[i]);
+    }
+  }
 }
 
 Interruption::~Interruption() {
-  sigaction(SIGINT, &former_interrupt_, nullptr);
-  sigaction(SIGTERM, &former_terminate_, nullptr);
-  sigaction(SIGHUP, &former_hang_up_, nullptr);
-  sigaction(SIGPIPE, &former_pipe_, nullptr);
-  sigaction(SIGXFSZ, &former_file_size_, nullptr);
+  for (std::size_t i = 0; i < former_.size(); ++i) {
+    sigaction(kSignals[i], &former_[i], nullptr);
+  }
 }
 
 bool Interruption::requested() const {
   return was_requested;
 }
 
+bool interruption_requested() {
+  return was_requested;
+}
+
 int open_interruptibly(const std::string& path, int flags) {
   set_restart(false);
-  const int descriptor = ::open(path.c_str(), flags, 0666);
+  // After a request nothing is waited for, so that a pipe without a reader is refused.
+  const int descriptor = ::open(path.c_str(), was_requested ? flags | O_NONBLOCK : flags, 0666);
   const int reason = errno;
   set_restart(true);
-  if (descriptor < 0 && reason == EINTR && was_requested) {
-    throw ToolError(kInterrupted, path + ": interrupted while it was opened.");
+  if (descriptor >= 0) {
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
+  }
+  if (descriptor < 0 && (reason == EINTR || reason == ENXIO) && was_requested) {
+    throw ToolError(kInterrupted, path + ": interrupted while it was opened");
   }
   errno = reason;
   return descriptor;

@@ -3,6 +3,7 @@
 #ifndef TOOLS_COMMON_INTERRUPTION_H
 #define TOOLS_COMMON_INTERRUPTION_H
 
+#include <array>
 #include <csignal>
 #include <string>
 
@@ -22,15 +23,15 @@ class Interruption {
   bool requested() const;
 
  private:
-  struct sigaction former_interrupt_;
-  struct sigaction former_terminate_;
-  struct sigaction former_hang_up_;
-  struct sigaction former_pipe_;
-  struct sigaction former_file_size_;
+  std::array<struct sigaction, 5> former_;
 };
 
+// Whether an Interruption that lives, or the last one, remembers a request.
+bool interruption_requested();
+
 // open() for writing, which waits on a pipe for its reader. A signal that an Interruption remembers
-// ends the wait: then throws ToolError (kInterrupted). -1 and errno on any other failure.
+// ends the wait, and one that it already remembers forbids it: then throws ToolError (kInterrupted).
+// -1 and errno on any other failure.
 int open_interruptibly(const std::string& path, int flags);
 
 }  // namespace olvex_tools

@@ -31,9 +31,9 @@ std::string folder_of(const std::string& path) {
 }
 
 [[noreturn]] void refuse_output(const std::string& path, int reason, const std::string& state) {
-  std::string message = path + ": cannot be written: " + std::strerror(reason) + "." + state;
+  std::string message = path + ": cannot be written: " + std::strerror(reason) + state;
   if (reason == EPIPE) {
-    message += " The program that reads the results ended before this one.";
+    message += ". The program that reads the results ended before this one";
   }
   throw ToolError(kInputError, message);
 }
@@ -104,7 +104,7 @@ void OutputFile::empty_own_file() {
   // Some file systems know no locks; there two runs are not told apart.
   if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     failed_ = true;
-    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file.");
+    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file");
   }
   if (ftruncate(descriptor_, 0) != 0) {
     fail(errno);
@@ -126,8 +126,14 @@ void OutputFile::write_in_place(const std::string& text) {
     const ssize_t written = ::write(descriptor_, text.data() + done, text.size() - done);
     if (written < 0 && errno != EINTR) {
       const int reason = errno;
+      // Ctrl-C ends all programs of a pipeline, and which of them is first is open.
+      if (reason == EPIPE && interruption_requested()) {
+        failed_ = true;
+        return;
+      }
       const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
-      fail(reason, cut ? " Its last line is cut." : "");
+      const bool incomplete = is_file_ && form_ != OutputForm::kLines;
+      fail(reason, incomplete ? ". It is not complete" : cut ? ". Its last line is cut" : "");
     }
     done += written > 0 ? static_cast<std::size_t>(written) : 0;
   }
@@ -153,11 +159,14 @@ void OutputFile::write(const std::string& text) {
 }
 
 void OutputFile::commit() {
+  const std::string temporary = replacement_->temporary_path();
   try {
     replacement_->commit(form_ == OutputForm::kWhole ? Durability::kOnDisk
                                                      : Durability::kLeftToSystem);
   } catch (const FileError& error) {
-    fail(error.reason());
+    std::error_code ignored;
+    fail(error.reason(),
+         fs::exists(temporary, ignored) ? ". What was to be written there is in " + temporary : "");
   }
   replacement_.reset();
 }

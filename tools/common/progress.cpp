@@ -8,7 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -25,23 +25,12 @@ std::size_t terminal_columns() {
   return known ? size.ws_col : kUsualColumns;
 }
 
-std::string format(const char* pattern, double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, pattern, value);
-  return text;
-}
-
 std::string duration(double seconds) {
   const long whole = std::lround(std::min(seconds, 1e8));
-  char text[64];
   if (whole >= 3600) {
-    std::snprintf(text, sizeof text, "%ld h %02ld min", whole / 3600, whole / 60 % 60);
-  } else if (whole >= 60) {
-    std::snprintf(text, sizeof text, "%ld min %02ld s", whole / 60, whole % 60);
-  } else {
-    std::snprintf(text, sizeof text, "%ld s", whole);
+    return format("%ld h %02ld min", whole / 3600, whole / 60 % 60);
   }
-  return text;
+  return whole >= 60 ? format("%ld min %02ld s", whole / 60, whole % 60) : format("%ld s", whole);
 }
 
 std::string bar(double share) {
@@ -66,7 +55,7 @@ std::string Progress::line(long done, double seconds) const {
   const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
   const std::string speed = format("%.1f frames/s", rate);
   if (!total_ || *total_ <= 0) {
-    return std::to_string(done) + " frames  " + speed;
+    return counted(done, "frame", "frames") + "  " + speed;
   }
   const long total = std::max(*total_, done);
   const double share = static_cast<double>(done) / static_cast<double>(total);

@@ -26,37 +26,7 @@ int open_log(const std::string& log_path) {
   return descriptor;
 }
 
-bool is_control(char character) {
-  const auto code = static_cast<unsigned char>(character);
-  return code < 0x20 || code == 0x7f;
-}
-
-// U+0080 to U+009F, which some terminals obey, too.
-bool is_wide_control(const std::string& text, std::size_t position) {
-  return position + 1 < text.size() && text[position] == '\xc2' &&
-         (static_cast<unsigned char>(text[position + 1]) & 0xe0) == 0x80;
-}
-
-std::string without_controls(const std::string& text, bool keep_line_ends) {
-  std::string result;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool wide = is_wide_control(text, i);
-    const bool kept = keep_line_ends && text[i] == '\n';
-    result += wide || (is_control(text[i]) && !kept) ? '?' : text[i];
-    i += wide ? 1 : 0;
-  }
-  return result;
-}
-
 }  // namespace
-
-std::string printable(const std::string& text) {
-  return without_controls(text, true);
-}
-
-std::string one_line(const std::string& text) {
-  return without_controls(text, false);
-}
 
 LibraryLog::LibraryLog(const std::string& log_path) {
   std::fflush(stdout);

@@ -27,11 +27,6 @@ class LibraryLog {
   FILE* results_ = nullptr;
 };
 
-// Names come from files and may hold any bytes. Control characters, which could steer the terminal,
-// become question marks: all but line ends, or in one_line all.
-std::string printable(const std::string& text);
-std::string one_line(const std::string& text);
-
 // Writes text to standard output and flushes it; throws ToolError when that fails (a full disk).
 void print_result(const std::string& text);
 

@@ -47,7 +47,7 @@ std::string closest_name(const std::string& word, const std::vector<std::string>
 
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& names) {
   const std::string name = closest_name(word, names);
-  return name.empty() ? name : " Did you mean " + name + "?";
+  return name.empty() ? name : ". Did you mean " + name + "?";
 }
 
 }  // namespace olvex_tools

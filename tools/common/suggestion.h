@@ -12,7 +12,7 @@ namespace olvex_tools {
 // empty when none is near enough to be meant.
 std::string closest_name(const std::string& word, const std::vector<std::string>& names);
 
-// " Did you mean NAME?" for the closest name, or nothing.
+// ". Did you mean NAME?" for the closest name, or nothing.
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& names);
 
 }  // namespace olvex_tools

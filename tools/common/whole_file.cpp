@@ -71,6 +71,42 @@ char* register_unfinished(const std::string& path) {
   return nullptr;
 }
 
+// Holds back, in this thread, the signals that remove unfinished files while the list of them changes.
+class SignalBlock {
+ public:
+  SignalBlock() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const SignalAction& action : kSignalActions) {
+      sigaddset(&signals, action.signal_number);
+    }
+    pthread_sigmask(SIG_BLOCK, &signals, &former_);
+  }
+  ~SignalBlock() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+  SignalBlock(const SignalBlock&) = delete;
+  SignalBlock& operator=(const SignalBlock&) = delete;
+
+ private:
+  sigset_t former_;
+};
+
+// A file that is mounted by itself cannot be replaced, nor can another owner's in a folder like /tmp;
+// both may be writable all the same.
+bool forbids_replacement(int reason) {
+  return reason == EBUSY || reason == EPERM || reason == EACCES || reason == EXDEV;
+}
+
+bool copy_into(const std::string& target, const std::string& source) {
+  std::ifstream from(source, std::ios::binary);
+  std::ofstream to(target, std::ios::binary);
+  // An empty source would count as a failure of the insertion.
+  if (from.peek() != std::ifstream::traits_type::eof()) {
+    to << from.rdbuf();
+  }
+  to.close();
+  return !from.bad() && to.good();
+}
+
 mode_t default_file_mode() {
   const mode_t mask = umask(0);
   umask(mask);
@@ -121,6 +157,7 @@ ReplacementFile::ReplacementFile(const std::string& target)
   if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
     throw ToolError(kInputError, "cannot write " + target + ": it exists and is not a file");
   }
+  const SignalBlock block;
   descriptor_ = mkostemp(temporary_path_.data(), O_CLOEXEC);
   if (descriptor_ < 0) {
     fail("write", target);
@@ -165,10 +202,12 @@ void ReplacementFile::take_over_attributes() const {
   const bool replaces = stat(target_.c_str(), &former) == 0;
   // Best effort: some file systems know no owners and modes, and not everyone may give a file away.
   // mkstemp makes files that only their owner may read.
-  if (replaces && fchown(descriptor_, former.st_uid, former.st_gid) != 0) {
-    errno = 0;
+  mode_t mode = replaces ? former.st_mode & 0777 : default_file_mode();
+  if (replaces && fchown(descriptor_, former.st_uid, former.st_gid) != 0 &&
+      fchown(descriptor_, static_cast<uid_t>(-1), former.st_gid) != 0) {
+    mode &= ~static_cast<mode_t>(070);  // they were meant for another group
   }
-  fchmod(descriptor_, replaces ? former.st_mode & 0777 : default_file_mode());
+  fchmod(descriptor_, mode);
 }
 
 void ReplacementFile::commit(Durability durability) {
@@ -178,12 +217,30 @@ void ReplacementFile::commit(Durability durability) {
   }
   // Some file systems report a full disk only here.
   const int descriptor = std::exchange(descriptor_, -1);
-  if (close(descriptor) != 0 || std::rename(temporary_path_.c_str(), target_.c_str()) != 0) {
-    const int reason = errno;
-    unlink(temporary_path_.c_str());
-    errno = reason;
-    fail("write", target_);
+  if (close(descriptor) == 0 && std::rename(temporary_path_.c_str(), target_.c_str()) == 0) {
+    return;
   }
+  const int reason = errno;
+  if (forbids_replacement(reason)) {
+    put_in_place(reason);
+    return;
+  }
+  unlink(temporary_path_.c_str());
+  errno = reason;
+  fail("write", target_);
+}
+
+void ReplacementFile::put_in_place(int reason) {
+  if (copy_into(target_, temporary_path_)) {
+    unlink(temporary_path_.c_str());
+    return;
+  }
+  if (registration_ != nullptr) {
+    std::exchange(registration_, nullptr)[0] = '\0';
+  }
+  throw FileError("cannot replace " + target_ + ": " + std::strerror(reason) +
+                      "; what was to be written there is in " + temporary_path_,
+                  reason);
 }
 
 }  // namespace olvex_tools

@@ -36,8 +36,8 @@ enum class Durability { kOnDisk, kLeftToSystem };
 
 // A file that is written beside its target under a temporary name, <target>.partial.XXXXXX, and
 // takes the target's place in one step, with its mode and owner. Until commit() the target is
-// untouched; without it, also when SIGINT, SIGTERM or SIGHUP ends the process, the temporary file is
-// removed. A signal that is ignored or handled already stays so, and SIGXFSZ is ignored.
+// untouched; without it, also when SIGINT, SIGTERM, SIGHUP or SIGQUIT ends the process, the temporary
+// file is removed. A signal that is ignored or handled already stays so, and SIGXFSZ is ignored.
 class ReplacementFile {
  public:
   // Creates the temporary file. Throws FileError, as do the others, or ToolError (kInputError).
@@ -48,12 +48,14 @@ class ReplacementFile {
 
   void write(std::string_view bytes);
   void write(const std::vector<char>& bytes) { write({bytes.data(), bytes.size()}); }
-  // Puts the file in place.
+  // Puts the file in place: by its name, or, where the system does not permit that, by its
+  // contents. When neither is possible, the temporary file stays and the error names it.
   void commit(Durability durability = Durability::kOnDisk);
   const std::string& temporary_path() const { return temporary_path_; }
 
  private:
   void take_over_attributes() const;
+  void put_in_place(int reason);
 
   std::string target_;
   std::string temporary_path_;

@@ -1,5 +1,5 @@
-// compare_choice.cpp - counts the boxes in which runs differ. Read compare_choice.h first.
-#include "tools/compare/compare_choice.h"
+// compare_choice.cpp - counts the boxes in which runs differ. Read compare.h first.
+#include "tools/compare/compare.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,35 +7,30 @@
 #include <string>
 #include <utility>
 
+#include "tools/common/box.h"
 #include "tools/common/command.h"
 
 namespace olvex_tools {
 
 namespace {
 
-// Length of the part that two stretches of a line share.
-double shared_length(std::uint32_t start, std::uint32_t length, std::uint32_t other_start,
-                     std::uint32_t other_length) {
-  const double end = static_cast<double>(start) + length;
-  const double other_end = static_cast<double>(other_start) + other_length;
-  return std::max(0.0, std::min(end, other_end) - std::max(start, other_start));
+Box box_of(const Detection& detection) {
+  return {static_cast<double>(detection.x), static_cast<double>(detection.y),
+          static_cast<double>(detection.width), static_cast<double>(detection.height)};
 }
 
-double area(const Detection& box) {
-  return static_cast<double>(box.width) * box.height;
+bool has_area(const Detection& box) {
+  return box.width > 0 && box.height > 0;
 }
 
 bool are_counterparts(const Detection& left, const Detection& right) {
   if (left.class_id != right.class_id) {
     return false;
   }
-  const double shared = shared_length(left.x, left.width, right.x, right.width) *
-                        shared_length(left.y, left.height, right.y, right.height);
-  const double together = area(left) + area(right) - shared;
-  if (together <= 0) {  // boxes without area
+  if (!has_area(left) && !has_area(right)) {
     return left.x == right.x && left.y == right.y;
   }
-  return 2 * shared >= together;
+  return overlap(box_of(left), box_of(right)) >= 0.5;
 }
 
 bool has_counterpart(const Detection& box, const FrameRecord& record) {
@@ -61,7 +56,7 @@ void require_same_size(const ComparedRun& run, const FrameRecord& record, const 
                         "x" + std::to_string(record.height) + " pixels, those of " +
                         place_of(first, expected) + " for " + std::to_string(expected.width) + "x" +
                         std::to_string(expected.height) +
-                        ". Compare runs of the same input with the same --display.");
+                        ". Compare runs of the same input with the same --display");
   }
 }
 
@@ -106,7 +101,7 @@ std::vector<ComparedFrame> choose_frames(const std::vector<ComparedRun>& runs, s
   const std::vector<long> numbers = shared_numbers(runs);
   if (numbers.empty()) {
     throw ToolError(kInputError,
-                    "the runs have no frame in common. Run all of them over the same frames.");
+                    "the runs have no frame in common. Run all of them over the same frames");
   }
   const std::size_t parts = std::min(count, numbers.size());
   std::vector<ComparedFrame> chosen;
@@ -141,7 +136,7 @@ std::vector<ComparedFrame> named_frames(const std::vector<ComparedRun>& runs,
         throw ToolError(kInputError, run.path + ": has no frame " + std::to_string(number) +
                                          "; it goes from frame " +
                                          std::to_string(run.frames.front().number) + " to " +
-                                         std::to_string(run.frames.back().number) + ".");
+                                         std::to_string(run.frames.back().number));
       }
     }
     frames.push_back(compare_frame(runs, number));

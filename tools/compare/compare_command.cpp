@@ -1,7 +1,6 @@
 // compare_command.cpp - the subcommand compare: its options, their checks, and its help.
-// Read compare_choice.h for the frames that it shows and compare_sheet.h for how.
+// Read compare.h for what is done with them.
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -11,16 +10,14 @@
 
 #include <strings.h>
 
-#include <CLI/CLI.hpp>
-
 #include "tools/common/command.h"
-#include "tools/compare/compare_choice.h"
-#include "tools/compare/compare_run.h"
-#include "tools/compare/compare_sheet.h"
+#include "tools/compare/compare.h"
 #include "tools/frames/frame_source.h"
 #include "tools/frames/own_files.h"
 #include "tools/frames/annotation.h"
+#include "tools/common/options.h"
 #include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 
 namespace olvex_tools {
@@ -43,8 +40,8 @@ const char kManual[] =
     "(IoU 0.5). The run is split into --frames equal parts, and each part shows the frame with\n"
     "most boxes that differ; of several such frames the one nearest to the part's middle.\n\n"
     "Examples:\n"
-    "  olvex-det run detector.img street.mp4 --jsonl plain.jsonl\n"
-    "  olvex-det run detector.img street.mp4 --track --ignore-static --jsonl moving.jsonl\n"
+    "  olvex-det run detector.qtm street.mp4 --jsonl plain.jsonl\n"
+    "  olvex-det run detector.qtm street.mp4 --track --ignore-static --jsonl moving.jsonl\n"
     "  olvex-det compare street.mp4 all=plain.jsonl moving=moving.jsonl --output sheet.png\n"
     "  olvex-det compare pictures/ a=a.jsonl b=b.jsonl c=c.jsonl --at 12,85,300 --output "
     "sheet.jpg\n\n"
@@ -70,24 +67,24 @@ struct NamedRun {
 
 std::vector<NamedRun> named_runs(const CommandLine& line) {
   if (line.runs.empty()) {
-    refuse("give at least one run as LABEL=FILE, as in tracked=tracked.jsonl.");
+    refuse("give at least one run as LABEL=FILE, as in tracked=tracked.jsonl");
   }
   if (line.runs.size() > kRunsMost) {
     refuse("a sheet has room for " + std::to_string(kRunsMost) + " runs, not for " +
-           std::to_string(line.runs.size()) + ".");
+           std::to_string(line.runs.size()));
   }
   std::vector<NamedRun> runs;
   for (const std::string& word : line.runs) {
     const std::size_t sign = word.find('=');
     if (sign == std::string::npos || sign == 0 || sign + 1 == word.size()) {
-      refuse(word + ": give LABEL=FILE, as in tracked=tracked.jsonl.");
+      refuse(word + ": give LABEL=FILE, as in tracked=tracked.jsonl");
     }
     const NamedRun run = {word.substr(0, sign), word.substr(sign + 1)};
     const bool taken = std::any_of(runs.begin(), runs.end(), [&run](const NamedRun& other) {
       return other.label == run.label;
     });
     if (taken) {
-      refuse("two runs have the label " + run.label + ". Give each its own.");
+      refuse("two runs have the label " + run.label + ". Give each its own");
     }
     runs.push_back(run);
   }
@@ -97,7 +94,7 @@ std::vector<NamedRun> named_runs(const CommandLine& line) {
 void check_output(const CommandLine& line, const std::vector<NamedRun>& runs) {
   const std::string extension = fs::path(line.output).extension().string();
   if (extension != ".png" && extension != ".jpg" && extension != ".jpeg") {
-    refuse("--output " + line.output + ": the name must end in .png, .jpg or .jpeg.");
+    refuse("--output " + line.output + ": the name must end in .png, .jpg or .jpeg");
   }
   std::vector<std::string> read_paths = {line.input};
   for (const NamedRun& run : runs) {
@@ -113,7 +110,7 @@ bool is_dump(const fs::path& path) {
 // A camera shows its frames once, and what a dumped frame shows only its model tells.
 void require_repeatable(const std::string& input) {
   if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
-    refuse(input + ": a camera does not show its frames again. Record a video and run on that.");
+    refuse(input + ": a camera does not show its frames again. Record a video and run on that");
   }
   std::error_code error;
   bool dumps = is_dump(input);
@@ -123,13 +120,13 @@ void require_repeatable(const std::string& input) {
   }
   if (dumps) {
     refuse(input + ": dumped frames cannot be shown without their model. Give the video or the " +
-           "pictures that they come from.");
+           "pictures that they come from");
   }
 }
 
 void check_display(const CommandLine& line) {
   if (!line.display.empty() && line.display.size() != 2) {
-    refuse("--display: give width and height in pixels, as in 1920x1080.");
+    refuse("--display: give width and height in pixels, as in 1920x1080");
   }
 }
 
@@ -142,7 +139,7 @@ std::vector<long> in_order(std::vector<long> numbers) {
   std::sort(numbers.begin(), numbers.end());
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   if (numbers.size() > kFramesMost) {
-    refuse("--at: a sheet has room for " + std::to_string(kFramesMost) + " frames.");
+    refuse("--at: a sheet has room for " + std::to_string(kFramesMost) + " frames");
   }
   return numbers;
 }
@@ -155,11 +152,6 @@ std::string report(const std::string& path, const std::vector<ComparedFrame>& fr
   }
   return text + "\n" + path + ": " + std::to_string(size.width) + "x" +
          std::to_string(size.height) + " pixels\n";
-}
-
-void write_sheet(const cv::Mat& sheet, ReplacementFile* file, const std::string& path) {
-  file->write(encoded_picture(path, sheet));
-  file->commit();
 }
 
 int compare(const CommandLine& line) {
@@ -181,45 +173,31 @@ int compare(const CommandLine& line) {
       at.empty() ? choose_frames(runs, line.frames) : named_frames(runs, at);
   const cv::Mat sheet =
       draw_compare_sheet(line.input, source.get(), display_of(line), runs, frames);
-  write_sheet(sheet, &file, line.output);
+  file.write(encoded_picture(line.output, sheet));
+  file.commit();
   print_result(printable(report(line.output, frames, sheet.size())));
   return kDone;
-}
-
-void add_options(CLI::App* command, CommandLine* line) {
-  command->add_option("INPUT", line->input, "Video, picture or folder of pictures")
-      ->type_name("")
-      ->required();
-  command->add_option("RUN", line->runs, "LABEL=LINES.jsonl, once per run")->type_name("");
-  command->add_option("-o,--output", line->output, "The sheet (.png, .jpg)")
-      ->type_name("FILE")
-      ->required();
-  CLI::Option* const frames =
-      command->add_option("--frames", line->frames, "Frames to choose, 1 to 50")
-          ->type_name("N")
-          ->capture_default_str()
-          ->check(CLI::Range(std::size_t{1}, kFramesMost));
-  command->add_option("--at", line->at, "Frames to show instead, by their numbers")
-      ->type_name("N,N...")
-      ->delimiter(',')
-      ->allow_extra_args(false)
-      ->check(CLI::Range(1L, kNumberMost))
-      ->excludes(frames);
-  command->add_option("--display", line->display, "The --display that the runs had, if any")
-      ->type_name("WxH")
-      ->delimiter('x')
-      ->allow_extra_args(false)
-      ->check(CLI::Range(1, kDisplayMost));
 }
 
 }  // namespace
 
 void add_compare_command(CLI::App& application, Command* chosen) {
-  CLI::App* const command = application.add_subcommand("compare", kDescription);
   const auto line = std::make_shared<CommandLine>();
-  add_options(command, line.get());
-  command->footer(kManual);
-  command->callback([line, chosen] { *chosen = [line] { return compare(*line); }; });
+  OptionTable options(&application, "compare", kDescription, kManual, chosen,
+                      [line] { return compare(*line); });
+  options.add("INPUT", "", &line->input, "Video, picture or folder of pictures").required();
+  options.add("RUN", "", &line->runs, "LABEL=LINES.jsonl, once per run");
+  options.add("-o,--output", "FILE", &line->output, "The sheet (.png, .jpg)").required();
+  const Option frames = options.add("--frames", "N", &line->frames, "Frames to choose, 1 to 50")
+                            .shows_default()
+                            .range(std::size_t{1}, kFramesMost);
+  options.add("--at", "N,N...", &line->at, "Frames to show instead, by their numbers")
+      .split_at(',')
+      .range(1L, kNumberMost)
+      .excludes(frames);
+  options.add("--display", "WxH", &line->display, "The --display that the runs had, if any")
+      .split_at('x')
+      .range(1, kDisplayMost);
 }
 
 }  // namespace olvex_tools

@@ -1,14 +1,14 @@
 // compare_sheet.cpp - reads the frames one after the other and draws each into its row at once.
-// Read compare_sheet.h first.
-#include "tools/compare/compare_sheet.h"
+// Read compare.h first.
+#include "tools/compare/compare.h"
 
 #include <cinttypes>
-#include <cstdio>
 
 #include "tools/frames/annotation.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
 #include "tools/common/progress.h"
+#include "tools/common/text.h"
 #include "tools/frames/tile_grid.h"
 
 namespace olvex_tools {
@@ -25,20 +25,13 @@ std::string text_of(cv::Size size) {
 std::string text_of_time(std::uint64_t microseconds) {
   const std::uint64_t milliseconds = microseconds / 1000;
   const std::uint64_t minutes = milliseconds / 60000;
-  char text[64];
-  if (minutes < 60) {
-    std::snprintf(text, sizeof text, "%" PRIu64, minutes);
-  } else {
-    std::snprintf(text, sizeof text, "%" PRIu64 ":%02" PRIu64, minutes / 60, minutes % 60);
-  }
-  char seconds[32];
-  std::snprintf(seconds, sizeof seconds, ":%02" PRIu64 ".%03" PRIu64, milliseconds / 1000 % 60,
-                milliseconds % 1000);
-  return std::string(text) + seconds;
+  return (minutes < 60 ? format("%" PRIu64, minutes)
+                       : format("%" PRIu64 ":%02" PRIu64, minutes / 60, minutes % 60)) +
+         format(":%02" PRIu64 ".%03" PRIu64, milliseconds / 1000 % 60, milliseconds % 1000);
 }
 
 std::string text_of_boxes(std::size_t boxes, std::size_t alone) {
-  return std::to_string(boxes) + (boxes == 1 ? " box" : " boxes") +
+  return counted(boxes, "box", "boxes") +
          (alone > 0 ? ", " + std::to_string(alone) + " differ" : "");
 }
 
@@ -53,10 +46,9 @@ SourceFrame read_frame(const std::string& input, long number, FrameSource* sourc
   }
   SourceFrame frame;
   if (!more || !source->next(&frame)) {
-    throw ToolError(kInputError, input + ": has " + std::to_string(*position) +
-                                     " frames that can be read, but frame " +
-                                     std::to_string(number) +
-                                     " is asked for. Give the input that the runs were made from.");
+    throw ToolError(kInputError, input + ": has " + counted(*position, "frame", "frames") +
+                                     " that can be read, but frame " + std::to_string(number) +
+                                     " is asked for. Give the input that the runs were made from");
   }
   ++*position;
   return frame;
@@ -69,14 +61,14 @@ void require_own_size(const std::string& input, cv::Size picture,
   const cv::Size size(record.width, record.height);
   const std::string boxes = place_of(run, record) + ": the boxes are for " + text_of(size);
   if (display && size != *display) {
-    throw ToolError(kInputError, boxes + " pixels, but --display says " + text_of(*display) + ".");
+    throw ToolError(kInputError, boxes + " pixels, but --display says " + text_of(*display));
   }
   if (!display && size != picture) {
     throw ToolError(kInputError,
                     boxes + " pixels, but frame " + std::to_string(record.number) + " of " + input +
                         " has " + text_of(picture) +
                         ". Give the input that the runs were made from, and the --display that "
-                        "they had, if any.");
+                        "they had, if any");
   }
 }
 

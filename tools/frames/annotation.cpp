@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 
 #include <opencv2/imgcodecs.hpp>
@@ -12,6 +11,7 @@
 
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -60,9 +60,7 @@ std::string label_of(const Detection& detection, const std::vector<std::string>&
   if (label.empty()) {
     label = "class " + std::to_string(detection.class_id);
   }
-  char score[32];
-  std::snprintf(score, sizeof score, " %.2f", static_cast<double>(detection.score));
-  label += score;
+  label += format(" %.2f", static_cast<double>(detection.score));
   if (detection.track_id) {
     label = "#" + std::to_string(*detection.track_id) + " " + label;
   }
@@ -219,7 +217,7 @@ std::string encoded_picture(const std::string& path, const cv::Mat& picture) {
     // An unknown extension, which is reported below like any other refusal.
   }
   if (!encoded) {
-    throw ToolError(kInputError, path + ": the picture cannot be encoded. Name it .png or .jpg.");
+    throw ToolError(kInputError, path + ": the picture cannot be encoded. Name it .png or .jpg");
   }
   return std::string(bytes.begin(), bytes.end());
 }

@@ -13,8 +13,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 #include "tools/frames/frame_source.h"
-#include "tools/frames/jpeg_file.h"
 
 namespace olvex_tools {
 
@@ -29,13 +29,60 @@ ToolError file_error(const fs::path& path, const std::string& problem) {
 void require_readable(const fs::path& path) {
   errno = 0;
   if (!std::ifstream(path, std::ios::binary)) {
-    throw file_error(path, std::string("cannot be opened: ") + std::strerror(errno) + ".");
+    throw file_error(path, std::string("cannot be opened: ") + std::strerror(errno));
   }
 }
 
 std::vector<unsigned char> bytes_of(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+constexpr unsigned char kMarker = 0xff;
+constexpr unsigned char kStartOfImage = 0xd8;
+constexpr unsigned char kEndOfImage = 0xd9;
+constexpr unsigned char kFirstRestart = 0xd0;
+constexpr unsigned char kLastRestart = 0xd7;
+constexpr unsigned char kTemporary = 0x01;
+
+// Inside of coded data a marker byte is followed by zero, by itself, or by a restart's number.
+bool is_segment(unsigned char code) {
+  return code != 0 && code != kMarker && code != kTemporary &&
+         !(code >= kFirstRestart && code <= kLastRestart);
+}
+
+// The code of the next segment from *position on, which moves behind it; 0 at the end of the bytes.
+unsigned char next_segment(const std::vector<unsigned char>& bytes, std::size_t* position) {
+  while (*position + 1 < bytes.size()) {
+    const auto from = bytes.begin() + static_cast<std::ptrdiff_t>(*position);
+    *position = static_cast<std::size_t>(std::find(from, bytes.end(), kMarker) - bytes.begin());
+    if (*position + 1 < bytes.size() && is_segment(bytes[*position + 1])) {
+      *position += 2;
+      return bytes[*position - 1];
+    }
+    ++*position;
+  }
+  return 0;
+}
+
+// Whether a JPEG file ends before its end marker, which the decoder does not tell: it fills what is missing
+// with grey. A thumbnail inside a segment has an end marker of its own, and cameras put data behind the
+// picture's, so it goes from marker to marker. False for any other file.
+bool is_cut_jpeg(const std::vector<unsigned char>& bytes) {
+  if (bytes.size() < 3 || bytes[0] != kMarker || bytes[1] != kStartOfImage || bytes[2] != kMarker) {
+    return false;
+  }
+  std::size_t position = 2;
+  for (;;) {
+    const unsigned char code = next_segment(bytes, &position);
+    if (code == 0 || code == kEndOfImage) {
+      return code == 0;
+    }
+    if (position + 1 >= bytes.size()) {
+      return true;
+    }
+    position += static_cast<std::size_t>(bytes[position]) << 8 | bytes[position + 1];
+  }
 }
 
 // COCO names pictures by their image ids (000000000139.jpg). When every name is a number and no two
@@ -112,15 +159,15 @@ class PictureSource : public FileSource {
         frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
       }
     } catch (const cv::Exception& error) {
-      throw file_error(path, "cannot be read as a picture: " + error.err + ".");
+      throw file_error(path, "cannot be read as a picture: " + error.err);
     }
     if (frame->picture.empty()) {
       throw file_error(path,
                        "cannot be read as a picture; it is damaged or of another kind than "
-                       "its name says.");
+                       "its name says");
     }
     if (is_cut_jpeg(bytes)) {
-      throw file_error(path, "is cut: the file ends before the picture does.");
+      throw file_error(path, "is cut: the file ends before the picture does");
     }
   }
 };
@@ -135,18 +182,18 @@ class DumpSource : public FileSource {
     std::error_code error;
     const std::uintmax_t size = fs::file_size(path, error);
     if (error) {
-      throw file_error(path, "its size cannot be told: " + error.message() + ".");
+      throw file_error(path, "its size cannot be told: " + error.message());
     }
     if (size != layout_.size) {
-      throw file_error(path, "has " + std::to_string(size) +
-                                 " bytes, but a frame of this model is " + describe(layout_) +
-                                 ". It was dumped for another model or is cut.");
+      throw file_error(path, "has " + counted(size, "byte", "bytes") +
+                                 ", but a frame of this model is " + describe(layout_) +
+                                 ". It was dumped for another model or is cut");
     }
     frame->dump.resize(layout_.size);
     std::ifstream file(path, std::ios::binary);
     if (!file.read(reinterpret_cast<char*>(frame->dump.data()),
                    static_cast<std::streamsize>(frame->dump.size()))) {
-      throw file_error(path, "cannot be read.");
+      throw file_error(path, "cannot be read");
     }
   }
 

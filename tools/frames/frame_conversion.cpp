@@ -155,7 +155,7 @@ FrameLayout frame_layout(const qv_host::InputDescription& input) {
       throw ToolError(kModelError, "the model asks for input in element format " +
                                        std::to_string(static_cast<int>(input.format)) +
                                        ", which no picture can be converted to. Pack it with NV12, "
-                                       "ARGB8888, ABGR8888, U8, GRAY or FP32.");
+                                       "ARGB8888, ABGR8888, U8, GRAY or FP32");
   }
   layout.size = layout.row_bytes * height;
   return layout;

@@ -10,6 +10,7 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -24,19 +25,7 @@ bool is_digit(char character) {
 }
 
 std::string lower_case_extension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-  return extension;
-}
-
-bool is_picture(const fs::path& path) {
-  static const char* const kExtensions[] = {".png", ".jpg",  ".jpeg", ".jpe",  ".bmp",
-                                            ".dib", ".webp", ".tif",  ".tiff", ".pgm",
-                                            ".ppm", ".pbm",  ".pnm",  ".jp2"};
-  const std::string extension = lower_case_extension(path);
-  return std::any_of(std::begin(kExtensions), std::end(kExtensions),
-                     [&](const char* known) { return extension == known; });
+  return in_lower_case(path.extension().string());
 }
 
 bool is_dump(const fs::path& path) {
@@ -57,7 +46,7 @@ std::string camera_device(const std::string& input) {
   }
   const std::string number = input.substr(sizeof kCameraPrefix - 1);
   if (number.empty() || number.size() > 4 || !std::all_of(number.begin(), number.end(), is_digit)) {
-    throw input_error(input, "a camera is named by its number, for example camera:0.");
+    throw input_error(input, "a camera is named by its number, for example camera:0");
   }
   return "/dev/video" + number;
 }
@@ -74,7 +63,7 @@ std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(con
     }
   }
   if (error) {
-    throw input_error(folder.string(), "the folder cannot be read: " + error.message() + ".");
+    throw input_error(folder.string(), "the folder cannot be read: " + error.message());
   }
   std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
     return natural_less(left.filename().string(), right.filename().string());
@@ -84,12 +73,12 @@ std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(con
 
 std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameLayout& layout,
                                          double picture_rate) {
-  std::vector<fs::path> pictures = matching_files(folder, is_picture);
+  std::vector<fs::path> pictures = matching_files(folder, is_picture_file);
   std::vector<fs::path> dumps = matching_files(folder, is_dump);
   if (!pictures.empty() && !dumps.empty()) {
     throw input_error(folder,
                       "the folder holds both pictures and dumped frames (*.bin). Give each "
-                      "kind a folder of its own.");
+                      "kind a folder of its own");
   }
   if (!pictures.empty()) {
     return make_picture_source(std::move(pictures), picture_rate);
@@ -99,7 +88,7 @@ std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameL
   }
   throw input_error(folder,
                     "the folder holds no picture (png, jpg, bmp, ...) and no dumped frame "
-                    "(*.bin).");
+                    "(*.bin)");
 }
 
 // Digits from position on, without leading zeros; moves position behind them.
@@ -118,8 +107,17 @@ std::string take_number(const std::string& text, std::size_t* position) {
 
 }  // namespace
 
+bool is_picture_file(const fs::path& path) {
+  static const char* const kExtensions[] = {".png", ".jpg",  ".jpeg", ".jpe",  ".bmp",
+                                            ".dib", ".webp", ".tif",  ".tiff", ".pgm",
+                                            ".ppm", ".pbm",  ".pnm",  ".jp2"};
+  const std::string extension = lower_case_extension(path);
+  return std::any_of(std::begin(kExtensions), std::end(kExtensions),
+                     [&](const char* known) { return extension == known; });
+}
+
 bool is_frame_file(const fs::path& path) {
-  return is_picture(path) || is_dump(path);
+  return is_picture_file(path) || is_dump(path);
 }
 
 bool natural_less(const std::string& left, const std::string& right) {
@@ -171,9 +169,8 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {
     const std::string reason = error ? error.message() : "No such file or directory";
-    throw input_error(input, device.empty()
-                                 ? reason + "."
-                                 : device + ": " + reason + ". Is the camera connected?");
+    throw input_error(
+        input, device.empty() ? reason : device + ": " + reason + ". Is the camera connected?");
   }
   if (!device.empty()) {
     return make_camera_source(input, device);
@@ -183,15 +180,15 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
   }
   if (fs::is_fifo(status)) {
     throw input_error(input,
-                      "is not a file or camera, but a pipe. Write the frames to a file first.");
+                      "is not a file or camera, but a pipe. Write the frames to a file first");
   }
   if (fs::is_regular_file(status) && fs::file_size(path, error) == 0) {
-    throw input_error(input, "the file is empty.");
+    throw input_error(input, "the file is empty");
   }
   if (is_dump(path)) {
     return make_dump_source({path}, layout, picture_rate);
   }
-  if (is_picture(path)) {
+  if (is_picture_file(path)) {
     return make_picture_source({path}, picture_rate);
   }
   return make_video_source(input);

@@ -38,6 +38,8 @@ class FrameSource {
   // a video's own statement is not always right.
   virtual std::optional<long> length() const = 0;
   virtual double frames_per_second() const = 0;
+  // False when the source ends before what it says of its own size.
+  virtual bool is_whole() const { return true; }
 };
 
 // OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Who
@@ -66,7 +68,8 @@ std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const s
 // The path in a form that no coder takes for an address (http:) or a protocol (concat:).
 std::string local_path(const std::string& path);
 
-// Whether a folder's file of that name counts as a frame.
+// Whether a folder's file of that name counts as a picture; as a frame, which may also be a dump.
+bool is_picture_file(const std::filesystem::path& path);
 bool is_frame_file(const std::filesystem::path& path);
 
 // Order of file names in which runs of digits compare by value: frame2 before frame10.

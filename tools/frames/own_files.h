@@ -3,23 +3,23 @@
 #define TOOLS_FRAMES_OWN_FILES_H
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace olvex_tools {
 
-// An option that names a file to write, and the name; empty: the option was not given.
-using OutputOption = std::pair<std::string, std::string>;
+// An option that names a file to write.
+struct OutputOption {
+  std::string name;
+  std::string path;          // or "-"; empty: the option was not given
+  bool is_appended = false;  // so that standard output may lead to the same file
+};
 
-// Throws ToolError (kUsageError) when an output is one of the inputs or another output, also by
-// another name, when it would lie among the files of a folder that is an input, or when it is a
-// folder that holds a frame that is an input. Empty names are not looked at.
+// Throws ToolError (kUsageError) when two outputs would meet in one file, also by other names, when
+// standard output was redirected to one of them, when one would overwrite an input or a frame of a folder
+// that is an input, or when it is a folder that holds a frame that is an input. Devices and pipes may be
+// shared. Empty names are not looked at.
 void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs);
-
-// Whether path is a picture or dumped frame in that folder, itself or behind a link. A folder of
-// pictures that is written there could overwrite it.
-bool is_frame_in(const std::string& path, const std::string& folder);
 
 }  // namespace olvex_tools
 

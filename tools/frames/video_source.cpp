@@ -11,6 +11,7 @@
 
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
+#include "tools/frames/video_container.h"
 
 namespace olvex_tools {
 
@@ -36,12 +37,12 @@ class VideoSource : public FrameSource {
   explicit VideoSource(const std::string& path) : path_(path) {
     errno = 0;
     if (!std::ifstream(path, std::ios::binary)) {
-      throw ToolError(kInputError, path + ": cannot be opened: " + std::strerror(errno) + ".");
+      throw ToolError(kInputError, path + ": cannot be opened: " + std::strerror(errno));
     }
     // Not CAP_ANY: that takes a file it does not know for the first of a numbered series.
     const std::string local = local_path(path);
     if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
-      throw ToolError(kInputError, path + ": is neither a video nor a picture that can be read.");
+      throw ToolError(kInputError, path + ": is neither a video nor a picture that can be read");
     }
     rate_ = rate_of(capture_);
   }
@@ -51,7 +52,7 @@ class VideoSource : public FrameSource {
     cv::Mat picture;
     if (!capture_.read(picture) || picture.empty()) {
       if (position_ == 0) {
-        throw ToolError(kInputError, path_ + ": the video holds no frame that can be decoded.");
+        throw ToolError(kInputError, path_ + ": the video holds no frame that can be decoded");
       }
       return false;
     }
@@ -82,6 +83,7 @@ class VideoSource : public FrameSource {
     return static_cast<long>(count);
   }
   double frames_per_second() const override { return rate_; }
+  bool is_whole() const override { return is_whole_container(path_); }
 
  private:
   std::uint64_t position_in_video() const {
@@ -105,7 +107,7 @@ class CameraSource : public FrameSource {
     if (!capture_.open(device, cv::CAP_V4L2)) {
       throw ToolError(kInputError, name + ": " + device +
                                        " cannot be opened as a camera. It may be in use by another "
-                                       "program, or you may lack the right to use it.");
+                                       "program, or you may lack the right to use it");
     }
     rate_ = rate_of(capture_);
   }
@@ -113,7 +115,7 @@ class CameraSource : public FrameSource {
   bool next(SourceFrame* frame) override {
     cv::Mat picture;
     if (!capture_.read(picture) || picture.empty()) {
-      throw ToolError(kInputError, name_ + ": the camera delivers no more frames.");
+      throw ToolError(kInputError, name_ + ": the camera delivers no more frames");
     }
     make_colour(&picture);
     const auto now = std::chrono::steady_clock::now();

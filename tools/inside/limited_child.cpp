@@ -56,14 +56,13 @@ int note_engine_error(int status, const char*, const char*, const char*, int, vo
 // What the parent does on these signals (it removes its unfinished files, or ends in order) is not
 // the child's to do. Those that are ignored stay so.
 void drop_handlers() {
-  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
     if (std::signal(signal_number, SIG_DFL) == SIG_IGN) {
       std::signal(signal_number, SIG_IGN);
     }
   }
 }
 
-// A stricter limit of the user's stays.
 void lower_limit(__rlimit_resource resource, rlim_t value) {
   struct rlimit limit = {};
   getrlimit(resource, &limit);
@@ -101,8 +100,9 @@ void limit_memory(const ChildLimits& limits) {
 void leave_no_traces() {
   lower_limit(RLIMIT_CORE, 0);
   prctl(PR_SET_DUMPABLE, 0);  // core files that go to a program instead know no limit
+  // Standard input stays: the network may come from there.
   const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
     dup2(nowhere, stream);
   }
 }
@@ -143,6 +143,7 @@ ChildResult explain_signal(int signal) {
     case SIGINT:
     case SIGTERM:
     case SIGHUP:
+    case SIGQUIT:
       return {ChildEnd::kInterrupted, ""};
     default:
       return {ChildEnd::kCrashed, strsignal(signal)};

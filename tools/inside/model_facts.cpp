@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "tools/common/suggestion.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -45,14 +45,6 @@ TensorFacts tensor_facts(const QV_IPU_TensorDesc_t& tensor) {
   facts.scale = tensor.fScalar;
   facts.bytes = tensor.s32AlignedBufSize;
   return facts;
-}
-
-Pairs to_pairs(olvex::vector<ModelKeyValue_t>& entries) {
-  Pairs pairs;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    pairs.emplace_back(entries[i].key, entries[i].value);
-  }
-  return pairs;
 }
 
 // ---- Decoding -----------------------------------------------------------------------------------
@@ -119,8 +111,8 @@ std::string words_that_fit(int channels) {
 }
 
 std::string fault_of_unknown_channels(int channels) {
-  return "the raw layers have " + std::to_string(channels) +
-         " channels, and no model_out word says what they are. A layer needs 4 + classes + 3 or 2 "
+  return "the raw layers have " + counted(channels, "channel", "channels") +
+         ", and no model_out word says what they are. A layer needs 4 + classes + 3 or 2 "
          "for each key point. Without a word the library knows " +
          guessable_channels() + " channels; with one (--model-out), these:\n" +
          describe_type_words() + "Words that fit " + std::to_string(channels) +
@@ -128,11 +120,12 @@ std::string fault_of_unknown_channels(int channels) {
 }
 
 std::string fault_of_word(const std::string& word, const TypeCounts& counts, int channels) {
-  return "the model_out word \"" + word + "\" means " + std::to_string(counts.classes) +
-         " classes and " + std::to_string(counts.keypoints) +
-         " key points, which is layers of 4 + classes + 3 or 2 x key points = " +
-         describe_channels(counts) + " channels, but the raw layers have " +
-         std::to_string(channels) + ". Words that fit: " + words_that_fit(channels) +
+  return "the model_out word \"" + word + "\" means " +
+         counted(counts.classes, "class", "classes") + " and " +
+         counted(counts.keypoints, "key point", "key points") +
+         ", which is layers of 4 + classes + 3 or 2 x key points = " + describe_channels(counts) +
+         " channels, but the raw layers have " + std::to_string(channels) +
+         ". Words that fit: " + words_that_fit(channels) +
          (guess_counts(channels).known ? "; or leave the word out" : "");
 }
 

@@ -6,9 +6,8 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "base/sdet/sdet_model.h"
-
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -56,14 +55,6 @@ void check_text(const std::string& kind, const std::string& text) {
   }
 }
 
-Pairs to_pairs(olvex::vector<ModelKeyValue_t>& entries) {
-  Pairs pairs;
-  for (unsigned i = 0; i < entries.size(); ++i) {
-    pairs.emplace_back(entries[i].key, entries[i].value);
-  }
-  return pairs;
-}
-
 ModelKeyValue_t model_out_entry(const std::string& word) {
   ModelKeyValue_t entry = {};
   std::snprintf(entry.key, sizeof entry.key, "%s", kModelOutKey);
@@ -72,6 +63,14 @@ ModelKeyValue_t model_out_entry(const std::string& word) {
 }
 
 }  // namespace
+
+Pairs to_pairs(olvex::vector<ModelKeyValue_t>& entries) {
+  Pairs pairs;
+  for (unsigned i = 0; i < entries.size(); ++i) {
+    pairs.emplace_back(entries[i].key, entries[i].value);
+  }
+  return pairs;
+}
 
 void check_pairs(const Pairs& pairs) {
   for (const Pair& pair : pairs) {
@@ -142,11 +141,9 @@ std::string describe_type_words() {
   std::string text;
   for (const std::string& word : type_words()) {
     const TypeCounts counts = counts_of_word(word);
-    char line[128];
-    std::snprintf(line, sizeof line, "  %-10s %2d classes, %2d key points: %s channels\n",
-                  word.c_str(), counts.classes, counts.keypoints,
-                  describe_channels(counts).c_str());
-    text += line;
+    text += format("  %-10s %2d %-9s%2d key points: %s channels\n", word.c_str(), counts.classes,
+                   counts.classes == 1 ? "class," : "classes,", counts.keypoints,
+                   describe_channels(counts).c_str());
   }
   return text;
 }

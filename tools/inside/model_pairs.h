@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/sdet/sdet_model.h"
+
 namespace olvex_tools {
 
 using Pair = std::pair<std::string, std::string>;
@@ -22,6 +24,8 @@ void check_pairs(const Pairs& pairs);
 
 // The text in front of the start pattern: "key:value" lines.
 std::string file_header(const Pairs& pairs);
+
+Pairs to_pairs(olvex::vector<ModelKeyValue_t>& entries);
 
 // What the library reads from a header text or tensor name.
 Pairs read_pairs(const std::string& text);

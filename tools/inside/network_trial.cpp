@@ -9,9 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <system_error>
 #include <vector>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "platform/host/host_image.h"
@@ -102,7 +104,29 @@ std::string fault_of(const ChildResult& result, const ChildLimits& limits) {
   }
 }
 
-std::string remedy_of(ChildEnd end) {
+double shell_limit(__rlimit_resource resource) {
+  struct rlimit limit = {};
+  getrlimit(resource, &limit);
+  return limit.rlim_cur == RLIM_INFINITY ? std::numeric_limits<double>::infinity()
+                                         : static_cast<double>(limit.rlim_cur);
+}
+
+// What holds for a child that is started with these limits: stricter ones of the user's stay.
+ChildLimits within_shell_limits(ChildLimits limits) {
+  limits.processor_seconds = std::min(limits.processor_seconds, shell_limit(RLIMIT_CPU));
+  limits.memory = static_cast<std::uint64_t>(
+      std::min(static_cast<double>(limits.memory), shell_limit(RLIMIT_DATA)));
+  return limits;
+}
+
+std::string remedy_of(ChildEnd end, const ChildLimits& limits) {
+  const bool is_of_shell = (end == ChildEnd::kTooMuchProcessorTime &&
+                            limits.processor_seconds >= shell_limit(RLIMIT_CPU)) ||
+                           (end == ChildEnd::kTooMuchMemory &&
+                            static_cast<double>(limits.memory) >= shell_limit(RLIMIT_DATA));
+  if (is_of_shell) {
+    return "; that is a limit of the shell, see ulimit";
+  }
   const bool has_limit = end == ChildEnd::kTooLong || end == ChildEnd::kTooMuchProcessorTime ||
                          end == ChildEnd::kTooMuchMemory;
   return has_limit ? std::string("; use a smaller network, or, if you trust this one, set ") +
@@ -119,13 +143,14 @@ void require_harmless_network(const std::string& path, const std::string& name) 
   if (error) {
     return;  // not a file with a size, which the library cannot map either
   }
-  const ChildLimits limits = limits_for(static_cast<double>(bytes), factor);
+  const ChildLimits limits = within_shell_limits(limits_for(static_cast<double>(bytes), factor));
   const ChildResult result = run_limited(limits, [&path] { run_gradient(path); });
   if (result.end == ChildEnd::kInterrupted) {
     throw ToolError(kInterrupted, name + ": interrupted while the network was tried");
   }
   if (result.end != ChildEnd::kFinished) {
-    throw ToolError(kModelError, name + ": " + fault_of(result, limits) + remedy_of(result.end));
+    throw ToolError(kModelError,
+                    name + ": " + fault_of(result, limits) + remedy_of(result.end, limits));
   }
 }
 

@@ -1,18 +1,21 @@
 // inspect_command.cpp - the subcommand inspect: checks a model file, opens it with the library, and
-// reports what the library makes of it. Read inspect_report.h for the report.
+// reports what the library makes of it, as text or as the JSON of schema/inspect.schema.json.
+// Read model_facts.h for what is found.
+#include <cstdint>
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "platform/host/host_image.h"
 
 #include "tools/common/command.h"
-#include "tools/inspect/inspect_report.h"
+#include "tools/common/options.h"
+#include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
-#include "tools/common/standard_output.h"
 
 namespace olvex_tools {
 
@@ -20,10 +23,231 @@ namespace {
 
 const char kExamples[] =
     "Examples:\n"
-    "  olvex-det inspect people.img\n"
-    "  olvex-det inspect people.img --json | jq .outputs\n"
+    "  olvex-det inspect people.qtm\n"
+    "  olvex-det inspect people.qtm --json | jq .outputs\n"
     "The JSON is described in share/olvex-det/schema/inspect.schema.json.\n"
     "Exit code 1: the file is sound, but the library would find no boxes in its outputs.";
+
+struct Inspection {
+  std::string path;
+  std::uint64_t file_size = 0;    // bytes
+  std::uint64_t header_size = 0;  // bytes before the start pattern
+  qv_host::ImageHeader image;
+  qv_host::Description description;
+  ModelFacts facts;
+};
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kSchemaVersion = 1;
+
+std::string crc_text(std::uint32_t crc) {
+  return format("%08x", static_cast<unsigned>(crc));
+}
+
+const char* decoder_name(OutputDecoder decoder) {
+  switch (decoder) {
+    case kDecoderCpu:
+      return "raw";
+    case kDecoderIpu:
+      return "box_list";
+    default:
+      return "none";
+  }
+}
+
+// Where the entries come from that the library goes by.
+const char* valid_place(const ModelFacts& facts) {
+  if (!facts.name_pairs.empty()) {
+    return "name";
+  }
+  return facts.file_pairs.empty() ? "none" : "file";
+}
+
+std::string or_none(const std::string& text) {
+  return text.empty() ? "none" : text;
+}
+
+// ---- Text ---------------------------------------------------------------------------------------
+
+std::string line(const std::string& label, const std::string& text) {
+  return format("%-16s", label.c_str()) + printable(text) + "\n";
+}
+
+std::string pairs_text(const std::string& label, const Pairs& pairs, bool valid) {
+  std::string text;
+  for (const Pair& pair : pairs) {
+    text += line(text.empty() ? label : "",
+                 pair.first + ":" + pair.second + (valid ? "" : "   (not used)"));
+  }
+  return text.empty() ? line(label, "none") : text;
+}
+
+std::string class_text(int class_id, const std::vector<std::string>& names) {
+  const auto index = static_cast<std::size_t>(class_id);
+  const bool named = class_id >= 0 && index < names.size() && !names[index].empty();
+  return std::to_string(class_id) + (named ? " (" + names[index] + ")" : "");
+}
+
+std::string class_map_text(const ModelFacts& facts) {
+  std::string text;
+  for (const auto& entry : facts.class_map) {
+    text += (text.empty() ? "" : ", ") + std::to_string(entry.first) + " to " +
+            std::to_string(entry.second) + (entry.second < 0 ? " (hidden)" : "");
+  }
+  return text.empty() ? "none; class ids stay as they are" : text;
+}
+
+std::string double_check_text(const Inspection& inspection) {
+  const ModelFacts& facts = inspection.facts;
+  if (!facts.double_check_target) {
+    return "none; strict mode has no classes to confirm with";
+  }
+  std::string text;
+  for (const int class_id : facts.double_check_classes) {
+    text += (text.empty() ? "" : ", ") + std::to_string(class_id);
+  }
+  return "class " + class_text(*facts.double_check_target, inspection.description.class_names) +
+         " confirmed by " + or_none(text);
+}
+
+std::string type_text(const DecodingFacts& decoding) {
+  const TypeCounts& counts = decoding.counts;
+  const std::string classes =
+      counts.classes >= 0 ? counted(counts.classes, "class", "classes") : "classes not declared";
+  return classes + ", " + counted(counts.keypoints, "key point", "key points") +
+         " (from: " + decoding.counts_source + ")";
+}
+
+std::string tensor_text(const TensorFacts& tensor) {
+  return describe(tensor) + format(", scale %g, ", static_cast<double>(tensor.scale)) +
+         counted(tensor.bytes, "byte", "bytes");
+}
+
+std::string tensors_text(const std::string& label, const std::vector<TensorFacts>& tensors) {
+  std::string text;
+  for (std::size_t i = 0; i < tensors.size(); ++i) {
+    text += line(label + " " + std::to_string(i), tensor_text(tensors[i]));
+  }
+  return text;
+}
+
+std::string decoding_text(const DecodingFacts& decoding) {
+  const char* decoder = "none";
+  if (decoding.decoder == kDecoderCpu) {
+    decoder = "raw layers, decoded on the CPU";
+  } else if (decoding.decoder == kDecoderIpu) {
+    decoder = "box list, decoded by the accelerator";
+  }
+  return line("decoder", decoder) + line("  because", decoding.reason) +
+         (decoding.fault.empty() ? "" : line("  FAULT", decoding.fault));
+}
+
+// ---- JSON ---------------------------------------------------------------------------------------
+
+Json pairs_json(const Pairs& pairs) {
+  Json array = Json::array();
+  for (const Pair& pair : pairs) {
+    array.push_back({{"key", pair.first}, {"value", pair.second}});
+  }
+  return array;
+}
+
+Json tensors_json(const std::vector<TensorFacts>& tensors) {
+  Json array = Json::array();
+  for (const TensorFacts& tensor : tensors) {
+    array.push_back({{"name", tensor.name},
+                     {"shape", tensor.shape},
+                     {"format", tensor.format},
+                     {"scale", tensor.scale},
+                     {"bytes", tensor.bytes}});
+  }
+  return array;
+}
+
+Json text_or_null(const std::string& text) {
+  return text.empty() ? Json() : Json(text);
+}
+
+Json type_json(const ModelFacts& facts) {
+  const TypeCounts& counts = facts.decoding.counts;
+  return {{"model_out", text_or_null(first_value(facts.valid_pairs, kModelOutKey))},
+          {"lib_out", text_or_null(first_value(facts.valid_pairs, kLibOutKey))},
+          {"classes", counts.classes >= 0 ? Json(counts.classes) : Json()},
+          {"key_points", counts.keypoints},
+          {"source", facts.decoding.counts_source}};
+}
+
+Json class_map_json(const ModelFacts& facts) {
+  Json array = Json::array();
+  for (const auto& entry : facts.class_map) {
+    array.push_back({{"model", entry.first}, {"library", entry.second}});
+  }
+  return array;
+}
+
+Json double_check_json(const ModelFacts& facts) {
+  if (!facts.double_check_target) {
+    return Json();
+  }
+  return {{"target_class", *facts.double_check_target},
+          {"with_classes", facts.double_check_classes}};
+}
+
+Json decoder_json(const DecodingFacts& decoding) {
+  return {{"kind", decoder_name(decoding.decoder)},
+          {"reason", decoding.reason},
+          {"fault", text_or_null(decoding.fault)}};
+}
+
+std::string inspection_text(const Inspection& inspection) {
+  const ModelFacts& facts = inspection.facts;
+  const std::string place = valid_place(facts);
+  return line("model", inspection.path + ", " + std::to_string(inspection.file_size) + " bytes") +
+         line("title", or_none(inspection.description.title)) +
+         line("offline model", "version " + std::to_string(inspection.image.version) +
+                                   ", at byte " + std::to_string(inspection.header_size) +
+                                   ", CRC-32 " + crc_text(inspection.image.crc) + " (right)") +
+         line("", "description " + std::to_string(inspection.image.description_size) +
+                      " bytes, network " + std::to_string(inspection.image.network_size) +
+                      " bytes") +
+         line("working memory", std::to_string(facts.variable_buffer_size) + " bytes") +
+         pairs_text("header", facts.file_pairs, place == "file") +
+         pairs_text("in first name", facts.name_pairs, place == "name") +
+         line("type", type_text(facts.decoding)) + line("class map", class_map_text(facts)) +
+         line("double check", double_check_text(inspection)) + tensors_text("input", facts.inputs) +
+         tensors_text("output", facts.outputs) + decoding_text(facts.decoding) +
+         line("class names", or_none(join(inspection.description.class_names, ", ")));
+}
+
+std::string inspection_json(const Inspection& inspection) {
+  const ModelFacts& facts = inspection.facts;
+  Json json = {{"schema_version", kSchemaVersion},
+               {"path", inspection.path},
+               {"bytes", inspection.file_size},
+               {"title", inspection.description.title},
+               {"image",
+                {{"version", inspection.image.version},
+                 {"offset", inspection.header_size},
+                 {"description_bytes", inspection.image.description_size},
+                 {"network_bytes", inspection.image.network_size},
+                 {"crc32", crc_text(inspection.image.crc)}}},
+               {"variable_buffer_bytes", facts.variable_buffer_size},
+               {"pairs",
+                {{"file", pairs_json(facts.file_pairs)},
+                 {"name", pairs_json(facts.name_pairs)},
+                 {"valid", valid_place(facts)}}},
+               {"type", type_json(facts)},
+               {"class_map", class_map_json(facts)},
+               {"double_check", double_check_json(facts)},
+               {"inputs", tensors_json(facts.inputs)},
+               {"outputs", tensors_json(facts.outputs)},
+               {"decoder", decoder_json(facts.decoding)},
+               {"class_names", inspection.description.class_names},
+               {"description", Json::parse(qv_host::description_to_json(inspection.description))}};
+  // Names from a file may be in any encoding; a replaced character beats no report.
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 struct InspectOptions {
   std::string path;
@@ -59,13 +283,12 @@ int inspect(const InspectOptions& options) {
 }  // namespace
 
 void add_inspect_command(CLI::App& application, Command* chosen) {
-  CLI::App* command = application.add_subcommand(
-      "inspect", "Check a model file and tell what the library makes of it");
-  const auto options = std::make_shared<InspectOptions>();
-  command->add_option("image", options->path, "The model file")->type_name("IMAGE")->required();
-  command->add_flag("--json", options->json, "Print JSON for programs instead of text");
-  command->footer(kExamples);
-  command->callback([options, chosen] { *chosen = [options] { return inspect(*options); }; });
+  const auto line = std::make_shared<InspectOptions>();
+  OptionTable options(&application, "inspect",
+                      "Check a model file and tell what the library makes of it", kExamples, chosen,
+                      [line] { return inspect(*line); });
+  options.add("IMAGE", "", &line->path, "The model file").required();
+  options.flag("--json", &line->json, "Print JSON for programs instead of text");
 }
 
 }  // namespace olvex_tools

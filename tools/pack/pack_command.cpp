@@ -1,14 +1,12 @@
-// pack_command.cpp - the subcommand pack: builds a model file, tries it with the library, and only
+// pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and only
 // then puts it in place. Read pack_options.h for the options and model_facts.h for what is checked.
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include "platform/host/host_image.h"
@@ -23,6 +21,7 @@
 #include "tools/frames/own_files.h"
 #include "tools/pack/pack_options.h"
 #include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 
 namespace olvex_tools {
@@ -32,25 +31,6 @@ namespace {
 using qv_host::Description;
 
 constexpr float kTestThreshold = 0.5f;
-
-const char kExamples[] =
-    "Examples:\n"
-    "  A network that ends in boxes and scores, fed from the camera's NV12 frames:\n"
-    "    olvex-det pack people.onnx -o people.img --boxes boxes --scores scores \\\n"
-    "      --network-order bgr --scale 1/255\n"
-    "  Scores with a background column, mean and scale, class names for people:\n"
-    "    olvex-det pack faces.onnx -o faces.img --boxes boxes --scores scores \\\n"
-    "      --background 0 --mean 127 --scale 1/128 --class-names names.txt\n"
-    "  Raw layers, with the type that tells the library their classes and key points:\n"
-    "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
-    "      --model-out zrpcn --lib-out zrpcn\n"
-    "  The same with 16-bit outputs, whose scales a folder of such pictures decides:\n"
-    "    olvex-det pack street.onnx -o street.img --raw stride8 stride16 stride32 \\\n"
-    "      --model-out zrpcn --lib-out zrpcn --int16 --calibrate pictures/\n"
-    "  A description to edit, and its use:\n"
-    "    olvex-det pack people.onnx --boxes boxes --scores scores --print-description > d.json\n"
-    "    olvex-det pack --description d.json people.onnx -o people.img\n"
-    "Nothing is written unless the library takes the model and a test run succeeds.";
 
 // What the test of a new model file showed.
 struct TestRun {
@@ -64,18 +44,13 @@ void check_target(const PackOptions& options) {
   if (options.image_path.empty()) {
     throw ToolError(kUsageError, "say where the model file goes: --output IMAGE");
   }
-  std::error_code ignored;  // a target that does not exist is no other file
-  if (std::filesystem::equivalent(options.network_path, options.image_path, ignored)) {
-    throw ToolError(kUsageError,
-                    options.image_path + ": this is the network itself. Choose another --output");
-  }
   require_own_files({{"--output", options.image_path}},
-                    {options.description_path, options.class_names_path, options.picture_path,
-                     options.calibration_pictures.value_or("")});
+                    {options.network_path, options.description_path, options.class_names_path,
+                     options.picture_path, options.calibration_pictures.value_or("")});
 }
 
-void check_pair_places(const PackOptions& options, const Pairs& pairs,
-                       const Description& description) {
+void check_pair_places(const PackOptions& options, const Description& description) {
+  const Pairs& pairs = options.pairs;
   if (options.pairs_in_name && pairs.empty()) {
     throw ToolError(kUsageError,
                     "--pairs-in-name: there are no entries. Add --model-out, --lib-out or --pair");
@@ -140,14 +115,12 @@ std::string describe_boxes(const std::vector<BoxInfo>& boxes, const Description&
     const BoxInfo& box = boxes[i];
     const bool named =
         box.label >= 0 && static_cast<std::size_t>(box.label) < description.class_names.size();
-    char line[160];
-    std::snprintf(
-        line, sizeof line, "             class %d%s%.60s%s, score %.3f, %.0f,%.0f to %.0f,%.0f\n",
-        box.label, named ? " (" : "",
+    text += format(
+        "             class %d%s%.60s%s, score %.3f, %.0f,%.0f to %.0f,%.0f\n", box.label,
+        named ? " (" : "",
         named ? description.class_names[static_cast<std::size_t>(box.label)].c_str() : "",
         named ? ")" : "", static_cast<double>(box.score), static_cast<double>(box.x1),
         static_cast<double>(box.y1), static_cast<double>(box.x2), static_cast<double>(box.y2));
-    text += line;
   }
   return text;
 }
@@ -163,23 +136,21 @@ std::string describe_type(const DecodingFacts& decoding) {
 
 std::string describe_test(const PackOptions& options, const Description& description,
                           const TestRun& test) {
-  char numbers[160];
-  std::snprintf(numbers, sizeof numbers,
-                "%zu boxes at score 0.5 or more, %.1f ms conversion, %.1f ms network\n",
-                test.boxes.size(), test.conversion_ms, test.network_ms);
   const std::string picture =
       options.picture_path.empty() ? "generated gradient" : options.picture_path;
-  return "  test run   " + picture + ": " + numbers + describe_boxes(test.boxes, description);
+  return "  test run   " + picture + ": " + counted(test.boxes.size(), "box", "boxes") +
+         format(" at score 0.5 or more, %.1f ms conversion, %.1f ms network\n", test.conversion_ms,
+                test.network_ms) +
+         describe_boxes(test.boxes, description);
 }
 
 std::string describe_calibration(const std::string& pictures, const Calibration& calibration) {
-  std::string text = "  calibrated " + pictures + ", " + std::to_string(calibration.frames) +
-                     (calibration.frames == 1 ? " frame\n" : " frames\n");
+  std::string text =
+      "  calibrated " + pictures + ", " + counted(calibration.frames, "frame", "frames") + "\n";
   for (const CalibratedOutput& output : calibration.outputs) {
-    char numbers[120];
-    std::snprintf(numbers, sizeof numbers, "largest value %.6g, scale %.6g, which reaches %.6g\n",
-                  output.largest, static_cast<double>(output.scale), output.reach);
-    text += "             " + output.name + ": " + numbers;
+    text += "             " + output.name +
+            format(": largest value %.6g, scale %.6g, which reaches %.6g\n", output.largest,
+                   static_cast<double>(output.scale), output.reach);
   }
   return text;
 }
@@ -236,13 +207,14 @@ void print_notes(const Description& description, const NetworkSignature& network
   }
   const TypeCounts& counts = test.facts.decoding.counts;
   if (counts.known && counts.classes != columns) {
-    print_note("the model_out word declares " + std::to_string(counts.classes) +
-               " classes, the scores hold " + std::to_string(columns) +
+    print_note("the model_out word declares " + counted(counts.classes, "class", "classes") +
+               ", the scores hold " + std::to_string(columns) +
                "; class ids beyond the declared ones are reported all the same");
   }
   const auto names = static_cast<long>(description.class_names.size());
   if (names != 0 && names != columns) {
-    print_note(std::to_string(names) + " class names for " + std::to_string(columns) + " classes");
+    print_note(counted(names, "class name", "class names") + " for " +
+               counted(columns, "class", "classes"));
   }
 }
 
@@ -288,11 +260,11 @@ std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs
 
 // Returns what to print. Requires: a LibraryLog exists.
 std::string pack_and_describe(const PackOptions& options) {
-  const Pairs pairs = header_pairs(options);
+  const Pairs& pairs = options.pairs;
   const std::vector<char> network = read_whole_file("the network", options.network_path);
   const NetworkSignature signature = read_onnx_signature(options.network_path, network);
   Description description = describe_model(options, signature);
-  check_pair_places(options, pairs, description);
+  check_pair_places(options, description);
   if (options.print_description) {
     choose_scales(options, pairs, network, &description);
     return qv_host::description_to_json(description) + "\n";
@@ -314,33 +286,21 @@ std::string pack_and_describe(const PackOptions& options) {
   return describe_result(options, description, calibration, bytes.size(), test);
 }
 
-int pack(const PackOptions& options) {
-  std::string result;
-  {
-    const LibraryLog log("");
-    result = pack_and_describe(options);
+// Returns what to print.
+std::string pack_quietly(const PackOptions& options) {
+  const LibraryLog log("");
+  try {
+    return pack_and_describe(options);
+  } catch (const qv_host::ImageError& error) {
+    throw ToolError(kModelError, options.network_path + ": " + error.what());
   }
-  print_result(result);
-  return kDone;
 }
 
 }  // namespace
 
-void add_pack_command(CLI::App& application, Command* chosen) {
-  CLI::App* command = application.add_subcommand(
-      "pack", "Build a model file for the host accelerator from an ONNX network");
-  const auto options = std::make_shared<PackOptions>();
-  add_pack_options(command, options.get());
-  command->footer(kExamples);
-  command->callback([options, chosen] {
-    *chosen = [options] {
-      try {
-        return pack(*options);
-      } catch (const qv_host::ImageError& error) {
-        throw ToolError(kModelError, options->network_path + ": " + error.what());
-      }
-    };
-  });
+int pack(const PackOptions& options) {
+  print_result(pack_quietly(options));
+  return kDone;
 }
 
 }  // namespace olvex_tools

@@ -1,6 +1,6 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Read picture_writers.h first, tile_grid.h for the grid.
-#include "tools/run/picture_writers.h"
+// Read writers.h first, tile_grid.h for the grid.
+#include "tools/run/writers.h"
 
 #include <algorithm>
 #include <cmath>

@@ -22,7 +22,7 @@ namespace {
 [[noreturn]] void fail(QV_S32 code, const std::string& call, const std::string& model) {
   const ResultCode& result = explain_result(code);
   throw ToolError(result.exit_code, model + ": " + result.text + " (" + call + " returned " +
-                                        std::to_string(code) + ").");
+                                        std::to_string(code) + ")");
 }
 
 QV_BOOL flag(bool value) {
@@ -50,19 +50,19 @@ Mapping map_file(const std::string& path, std::size_t offset) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
   const std::streamoff end = file ? static_cast<std::streamoff>(file.tellg()) : -1;
   if (end <= static_cast<std::streamoff>(offset)) {
-    throw ToolError(kModelError, path + ": the model cannot be read.");
+    throw ToolError(kModelError, path + ": the model cannot be read");
   }
   const std::size_t size = static_cast<std::size_t>(end) - offset;
   // The pattern need not lie at a page's start, so the file itself cannot be mapped from there.
   void* const bytes =
       mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (bytes == MAP_FAILED) {
-    throw ToolError(kModelError, path + ": no memory for the model: " + std::strerror(errno) + ".");
+    throw ToolError(kModelError, path + ": no memory for the model: " + std::strerror(errno));
   }
   file.seekg(static_cast<std::streamoff>(offset));
   if (!file.read(static_cast<char*>(bytes), static_cast<std::streamsize>(size))) {
     munmap(bytes, size);
-    throw ToolError(kModelError, path + ": the model cannot be read.");
+    throw ToolError(kModelError, path + ": the model cannot be read");
   }
   return {bytes, size};
 }
@@ -95,8 +95,8 @@ Detector::~Detector() {
 
 void Detector::initialise_from_file(const Rect_t& display) {
   DetectionInfo_t info = {};
-  set_path(info.ipu_firmware_path, options_.firmware, "Move the firmware or use a link.");
-  set_path(info.model, options_.model, "Use a shorter path, or --memory.");
+  set_path(info.ipu_firmware_path, options_.firmware, "Move the firmware or use a link");
+  set_path(info.model, options_.model, "Use a shorter path, or --memory");
   info.threshold = options_.threshold;
   info.disp_size = display;
   const QV_S32 code = ALGO_DET_InitHandle(handle_, &info);

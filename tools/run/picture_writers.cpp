@@ -1,9 +1,8 @@
-// picture_writers.cpp - video and folder of annotated frames. Read picture_writers.h first;
+// picture_writers.cpp - video and folder of annotated frames. Read writers.h first;
 // contact_sheet.cpp holds the third writer.
-#include "tools/run/picture_writers.h"
+#include "tools/run/writers.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 
@@ -12,6 +11,7 @@
 
 #include "tools/frames/annotation.h"
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 #include "tools/frames/frame_source.h"
 #include "tools/common/output_file.h"
 
@@ -36,13 +36,6 @@ bool survives_kill(const fs::path& path) {
   return path.extension() == ".mkv" || path.extension() == ".avi";
 }
 
-// Without trailing zeros: 25 rather than 25.000000.
-std::string short_number(double number) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g", number);
-  return text;
-}
-
 // What stands at the path itself, not behind a link there.
 fs::file_type type_of(const fs::path& path) {
   std::error_code ignored;
@@ -58,7 +51,7 @@ class VideoWriter : public PictureWriter {
     require_writable(path_);
     std::error_code error;
     if (fs::is_directory(path_, error)) {
-      throw write_error(path_, "is a folder. Name a file for the video.");
+      throw write_error(path_, "is a folder. Name a file for the video");
     }
     if (!survives_kill(path_)) {
       notice_(path_ +
@@ -103,8 +96,8 @@ class VideoWriter : public PictureWriter {
         fs::remove(path_, ignored);
       }
       throw write_error(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
-                                   std::to_string(size.height) + " at " + short_number(rate_) +
-                                   " frames per second. Check that OpenCV was built with FFmpeg.");
+                                   std::to_string(size.height) + " at " + format("%g", rate_) +
+                                   " frames per second. Check that OpenCV was built with FFmpeg");
     }
     notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
   }
@@ -135,15 +128,19 @@ class FolderWriter : public PictureWriter {
     std::error_code error;
     fs::create_directories(folder_, error);
     if (error) {
-      throw write_error(folder, "the folder cannot be made: " + error.message() + ".");
+      throw write_error(folder, "the folder cannot be made: " + error.message());
     }
   }
 
   void write(FramePicture* picture) override {
-    char name[64];
-    std::snprintf(name, sizeof name, "frame_%06ld.", picture->record().number);
-    const std::string path = (folder_ / (name + extension_)).string();
-    write_picture(path, picture->annotated());
+    const std::string name = format("frame_%06ld.", picture->record().number) + extension_;
+    const fs::path path = folder_ / name;
+    // A link at a name that the user did not give is replaced: it may lead to an input.
+    if (type_of(path) == fs::file_type::symlink) {
+      std::error_code ignored;
+      fs::remove(path, ignored);
+    }
+    write_picture(path.string(), picture->annotated());
   }
 
   void finish() override {}

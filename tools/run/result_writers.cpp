@@ -1,5 +1,5 @@
-// result_writers.cpp - one class per format. Read result_writers.h first.
-#include "tools/run/result_writers.h"
+// result_writers.cpp - one class per format. Read writers.h first.
+#include "tools/run/writers.h"
 
 #include <charconv>
 #include <cmath>
@@ -22,6 +22,11 @@ std::string shortest_text(float value) {
   char text[64];
   const std::to_chars_result result = std::to_chars(text, text + sizeof text, value);
   return std::string(text, result.ptr);
+}
+
+// 0.9, not 0.899999976.
+double shortest_decimal(float value) {
+  return std::strtod(shortest_text(value).c_str(), nullptr);
 }
 
 // Times to the microsecond: more digits would only be noise.
@@ -151,10 +156,6 @@ class CocoWriter : public ResultWriter {
 };
 
 }  // namespace
-
-double shortest_decimal(float value) {
-  return std::strtod(shortest_text(value).c_str(), nullptr);
-}
 
 std::unique_ptr<ResultWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
                                                      const std::vector<std::string>& class_names) {

@@ -6,9 +6,8 @@
 #include <memory>
 #include <system_error>
 
-#include <CLI/CLI.hpp>
-
 #include "tools/common/command.h"
+#include "tools/common/options.h"
 #include "tools/common/output_file.h"
 #include "tools/run/run_session.h"
 
@@ -29,11 +28,11 @@ const char kManual[] =
     "(/dev/video0 or camera:0). Files of a folder are taken in the order of their names, numbers\n"
     "by value. Without any output option only the summary is printed.\n\n"
     "Examples:\n"
-    "  olvex-det run detector.img street.mp4 --track --video annotated.mp4\n"
-    "  olvex-det run detector.img street.mp4 --jsonl - | jq '.boxes[].score'\n"
-    "  olvex-det run detector.img pictures/ --threshold 0.05 --coco results.json\n"
-    "  olvex-det run detector.img dumps/ --display 1920x1080 --mot tracks.txt --track\n"
-    "  olvex-det run detector.img camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
+    "  olvex-det run detector.qtm street.mp4 --track --video annotated.mp4\n"
+    "  olvex-det run detector.qtm street.mp4 --jsonl - | jq '.boxes[].score'\n"
+    "  olvex-det run detector.qtm pictures/ --threshold 0.05 --coco results.json\n"
+    "  olvex-det run detector.qtm dumps/ --display 1920x1080 --mot tracks.txt --track\n"
+    "  olvex-det run detector.qtm camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
     "Ctrl-C, SIGTERM and SIGHUP end a run in order: the outputs are complete up to the last frame\n"
     "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. An\n"
     "output that fails in the middle ends it with exit code 4, too; the others, COCO results\n"
@@ -52,11 +51,11 @@ const char kManual[] =
 struct CommandLine {
   RunOptions run;
   std::string display;
-  std::vector<const CLI::Option*> tracking;  // options without effect unless --track
-  const CLI::Option* track = nullptr;
-  const CLI::Option* stable_sensitivity = nullptr;
-  const CLI::Option* static_sensitivity = nullptr;
-  const CLI::Option* firmware = nullptr;
+  std::vector<Option> tracking;  // options without effect unless --track
+  Option track;
+  Option stable_sensitivity;
+  Option static_sensitivity;
+  Option firmware;
 };
 
 [[noreturn]] void refuse(const std::string& message) {
@@ -75,7 +74,7 @@ cv::Size parse_display(const std::string& text) {
   if (found != 2 || static_cast<std::size_t>(used) != text.size() || width < 1 || height < 1 ||
       width > kDisplayMost || height > kDisplayMost) {
     refuse("--display " + text + ": give width and height in pixels, 1 to " +
-           std::to_string(kDisplayMost) + ", as in 1920x1080.");
+           std::to_string(kDisplayMost) + ", as in 1920x1080");
   }
   return {width, height};
 }
@@ -93,48 +92,48 @@ bool ends_in_one_of(const std::string& path, std::initializer_list<const char*> 
 void check_numbers(const CommandLine& line) {
   const DetectorOptions& detector = line.run.detector;
   if (!is_share(detector.threshold)) {
-    refuse("--threshold must be from 0 to 1.");
+    refuse("--threshold must be from 0 to 1");
   }
   if (!is_share(detector.stable_sensitivity)) {
-    refuse("--stable-sensitivity must be from 0 to 1.");
+    refuse("--stable-sensitivity must be from 0 to 1");
   }
   if (!is_share(detector.static_sensitivity) || detector.static_sensitivity <= 0.f) {
-    refuse("--static-sensitivity must be above 0, up to 1.");
+    refuse("--static-sensitivity must be above 0, up to 1");
   }
   if (!(line.run.picture_rate >= 0.001 && line.run.picture_rate <= 1000)) {
-    refuse("--fps must be from 0.001 to 1000.");
+    refuse("--fps must be from 0.001 to 1000");
   }
 }
 
 void check_combinations(const CommandLine& line) {
   const DetectorOptions& detector = line.run.detector;
-  if (detector.strict && line.track->count() > 0 && !detector.track) {
-    refuse("--strict needs the tracker: leave out --no-track.");
+  if (detector.strict && line.track.given() && !detector.track) {
+    refuse("--strict needs the tracker: leave out --no-track");
   }
-  for (const CLI::Option* option : line.tracking) {
-    if (option->count() > 0 && !detector.track && !detector.strict) {
-      refuse(option->get_name() + " acts on tracks: add --track.");
+  for (const Option& option : line.tracking) {
+    if (option.given() && !detector.track && !detector.strict) {
+      refuse(option.name() + " acts on tracks: add --track");
     }
   }
-  if (line.static_sensitivity->count() > 0 && !detector.ignore_static && !detector.strict) {
-    refuse("--static-sensitivity acts on --ignore-static: add that, or leave it out.");
+  if (line.static_sensitivity.given() && !detector.ignore_static && !detector.strict) {
+    refuse("--static-sensitivity acts on --ignore-static: add that, or leave it out");
   }
-  if (line.stable_sensitivity->count() > 0 && !detector.stable) {
-    refuse("--stable-sensitivity acts on --stable: add that, or leave it out.");
+  if (line.stable_sensitivity.given() && !detector.stable) {
+    refuse("--stable-sensitivity acts on --stable: add that, or leave it out");
   }
-  if (line.firmware->count() > 0 && detector.from_memory) {
-    refuse("--firmware: a model from memory always uses the default firmware; leave out --memory.");
+  if (line.firmware.given() && detector.from_memory) {
+    refuse("--firmware: a model from memory always uses the default firmware; leave out --memory");
   }
   const std::string& video = line.run.outputs.video;
   if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
-    refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi.");
+    refuse("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
   }
   if (line.run.log == kStandardOutput) {
-    refuse("--log -: the log cannot go to standard output, which is for results. Name a file.");
+    refuse("--log -: the log cannot go to standard output, which is for results. Name a file");
   }
   const std::string& sheet = line.run.outputs.contact_sheet;
   if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
-    refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg.");
+    refuse("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg");
   }
 }
 
@@ -179,164 +178,102 @@ int run(CommandLine* line) {
   return run_session(line->run);
 }
 
-void add_detection_options(CLI::App* command, CommandLine* line) {
+void add_detection_options(OptionTable* options, CommandLine* line) {
   DetectorOptions* const detector = &line->run.detector;
-  const std::string group = "Detection";
-  command->add_option("--threshold", detector->threshold, "Score that a box needs, 0 to 1")
-      ->type_name("NUMBER")
-      ->capture_default_str()
-      ->group(group);
-  command
-      ->add_option("--display", line->display,
-                   "Size in pixels that boxes are scaled to; without it the frame's own")
-      ->type_name("WxH")
-      ->group(group);
-  command
-      ->add_flag("--memory", detector->from_memory,
-                 "Hand the model to the library in memory instead of by its path")
-      ->group(group);
+  options->group("Detection");
+  options->add("--threshold", "NUMBER", &detector->threshold, "Score that a box needs, 0 to 1")
+      .shows_default();
+  options->add("--display", "WxH", &line->display,
+               "Size in pixels that boxes are scaled to; without it the frame's own");
+  options->flag("--memory", &detector->from_memory,
+                "Hand the model to the library in memory instead of by its path");
   line->firmware =
-      command
-          ->add_option("--firmware", detector->firmware,
-                       "The accelerator's firmware file; without it the library's default")
-          ->type_name("FILE")
-          ->group(group);
+      options->add("--firmware", "FILE", &detector->firmware,
+                   "The accelerator's firmware file; without it the library's default");
 }
 
-void add_tracking_options(CLI::App* command, CommandLine* line) {
+void add_tracking_options(OptionTable* options, CommandLine* line) {
   DetectorOptions* const detector = &line->run.detector;
-  const std::string group = "Tracking";
+  options->group("Tracking");
   line->track =
-      command->add_flag("--track,!--no-track", detector->track, "Give objects an id across frames")
-          ->group(group);
+      options->flag("--track,!--no-track", &detector->track, "Give objects an id across frames");
+  line->tracking.push_back(options
+                               ->add("--track-frames", "N", &detector->track_frames,
+                                     "Frames an object must be seen before it is reported, 1 to 10")
+                               .shows_default()
+                               .range(1, kTrackFramesMost));
   line->tracking.push_back(
-      command
-          ->add_option("--track-frames", detector->track_frames,
-                       "Frames an object must be seen before it is reported, 1 to 10")
-          ->type_name("N")
-          ->capture_default_str()
-          ->check(CLI::Range(1, kTrackFramesMost))
-          ->group(group));
-  line->tracking.push_back(
-      command->add_flag("--ignore-static", detector->ignore_static, "Report moving objects only")
-          ->group(group));
+      options->flag("--ignore-static", &detector->ignore_static, "Report moving objects only"));
   line->static_sensitivity =
-      command
-          ->add_option("--static-sensitivity", detector->static_sensitivity,
-                       "Overlap from which an object counts as standing still")
-          ->type_name("NUMBER")
-          ->capture_default_str()
-          ->group(group);
-  command
-      ->add_flag("--stable", detector->stable,
-                 "Hold boxes still while they overlap those of the frame before")
-      ->group(group);
-  line->stable_sensitivity = command
-                                 ->add_option("--stable-sensitivity", detector->stable_sensitivity,
-                                              "Overlap above which a box is held")
-                                 ->type_name("NUMBER")
-                                 ->capture_default_str()
-                                 ->group(group);
-  command
-      ->add_flag("--strict", detector->strict,
-                 "Report objects of class 0 that never moved only when a box of a class that "
-                 "the model names confirms them; tracks too")
-      ->group(group);
+      options
+          ->add("--static-sensitivity", "NUMBER", &detector->static_sensitivity,
+                "Overlap from which an object counts as standing still")
+          .shows_default();
+  options->flag("--stable", &detector->stable,
+                "Hold boxes still while they overlap those of the frame before");
+  line->stable_sensitivity =
+      options
+          ->add("--stable-sensitivity", "NUMBER", &detector->stable_sensitivity,
+                "Overlap above which a box is held")
+          .shows_default();
+  options->flag("--strict", &detector->strict,
+                "Report objects of class 0 that never moved only when a box of a class that the "
+                "model names confirms them; tracks too");
 }
 
-void add_input_options(CLI::App* command, CommandLine* line) {
-  const std::string group = "Frames";
-  command->add_option("--skip", line->run.skip, "Frames to leave out at the start")
-      ->type_name("N")
-      ->check(CLI::Range(0L, kFramesMost))
-      ->group(group);
-  command->add_option("--limit", line->run.limit, "Frames to process at most")
-      ->type_name("N")
-      ->check(CLI::Range(1L, kFramesMost))
-      ->group(group);
-  command
-      ->add_option("--fps", line->run.picture_rate,
-                   "Frames per second that a folder of files stands for")
-      ->type_name("NUMBER")
-      ->capture_default_str()
-      ->group(group);
+void add_input_options(OptionTable* options, CommandLine* line) {
+  options->group("Frames");
+  options->add("--skip", "N", &line->run.skip, "Frames to leave out at the start")
+      .range(0L, kFramesMost);
+  options->add("--limit", "N", &line->run.limit, "Frames to process at most")
+      .range(1L, kFramesMost);
+  options
+      ->add("--fps", "NUMBER", &line->run.picture_rate,
+            "Frames per second that a folder of files stands for")
+      .shows_default();
 }
 
-void add_output_options(CLI::App* command, CommandLine* line) {
+void add_output_options(OptionTable* options, CommandLine* line) {
   OutputOptions* const outputs = &line->run.outputs;
-  const std::string group = "Outputs (FILE|-: a file, or - for standard output)";
-  command
-      ->add_option("--jsonl", outputs->json_lines,
-                   "One JSON object per frame and line, see frame.schema.json")
-      ->type_name("FILE|-")
-      ->group(group);
-  command
-      ->add_option("--mot", outputs->mot,
-                   "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)")
-      ->type_name("FILE|-")
-      ->group(group);
-  command
-      ->add_option("--coco", outputs->coco,
-                   "COCO results, a JSON array; written as FILE.partial.* until complete")
-      ->type_name("FILE|-")
-      ->group(group);
-  command->add_option("--summary-json", outputs->summary, "The summary as JSON")
-      ->type_name("FILE|-")
-      ->group(group);
-  command
-      ->add_option("--video", outputs->video,
-                   "Annotated video (.mkv, .avi, .mp4, .mov); killed, the "
-                   "first two keep most")
-      ->type_name("FILE")
-      ->group(group);
-  command
-      ->add_option("--pictures", outputs->pictures,
-                   "One annotated picture per frame, frame_000001.png and so on")
-      ->type_name("FOLDER")
-      ->group(group);
-  command->add_option("--picture-format", outputs->picture_extension, "png or jpg")
-      ->type_name("WORD")
-      ->capture_default_str()
-      ->check(CLI::IsMember({"png", "jpg"}))
-      ->group(group);
-  command
-      ->add_option("--contact-sheet", outputs->contact_sheet,
-                   "One picture (.png, .jpg) with frames chosen evenly over the run")
-      ->type_name("FILE")
-      ->group(group);
-  command->add_option("--contact-frames", outputs->contact_frames, "Frames on the contact sheet")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(1, kContactFramesMost))
-      ->group(group);
-  command
-      ->add_option("--log", line->run.log,
-                   "The library's own log is added to it; otherwise it is not kept")
-      ->type_name("FILE")
-      ->group(group);
-  command
-      ->add_flag("--quiet", line->run.quiet,
-                 "No progress, remarks or summary on the screen; errors are shown")
-      ->group(group);
+  options->group("Outputs (FILE|-: a file, or - for standard output)");
+  options->add("--jsonl", "FILE|-", &outputs->json_lines,
+               "One JSON object per frame and line, see frame.schema.json");
+  options->add("--mot", "FILE|-", &outputs->mot,
+               "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)");
+  options->add("--coco", "FILE|-", &outputs->coco,
+               "COCO results, a JSON array; written as FILE.partial.* until complete");
+  options->add("--summary-json", "FILE|-", &outputs->summary, "The summary as JSON");
+  options->add("--video", "FILE", &outputs->video,
+               "Annotated video (.mkv, .avi, .mp4, .mov); killed, the first two keep most");
+  options->add("--pictures", "FOLDER", &outputs->pictures,
+               "One annotated picture per frame, frame_000001.png and so on");
+  options->add("--picture-format", "WORD", &outputs->picture_extension, "png or jpg")
+      .shows_default()
+      .one_of({"png", "jpg"});
+  options->add("--contact-sheet", "FILE", &outputs->contact_sheet,
+               "One picture (.png, .jpg) with frames chosen evenly over the run");
+  options->add("--contact-frames", "N", &outputs->contact_frames, "Frames on the contact sheet")
+      .shows_default()
+      .range(1, kContactFramesMost);
+  options->add("--log", "FILE", &line->run.log,
+               "The library's own log is added to it; otherwise it is not kept");
+  options->flag("--quiet", &line->run.quiet,
+                "No progress, remarks or summary on the screen; errors are shown");
 }
 
 }  // namespace
 
 void add_run_command(CLI::App& application, Command* chosen) {
-  CLI::App* const command = application.add_subcommand("run", kDescription);
   const auto line = std::make_shared<CommandLine>();
-  command->add_option("IMAGE", line->run.detector.model, "Model image, made by olvex-det pack")
-      ->type_name("")
-      ->required();
-  command->add_option("INPUT", line->run.input, "Video, picture, dump, folder or camera")
-      ->type_name("")
-      ->required();
-  add_detection_options(command, line.get());
-  add_tracking_options(command, line.get());
-  add_input_options(command, line.get());
-  add_output_options(command, line.get());
-  command->footer(kManual);
-  command->callback([line, chosen] { *chosen = [line] { return run(line.get()); }; });
+  OptionTable options(&application, "run", kDescription, kManual, chosen,
+                      [line] { return run(line.get()); });
+  options.add("IMAGE", "", &line->run.detector.model, "Model image, made by olvex-det pack")
+      .required();
+  options.add("INPUT", "", &line->run.input, "Video, picture, dump, folder or camera").required();
+  add_detection_options(&options, line.get());
+  add_tracking_options(&options, line.get());
+  add_input_options(&options, line.get());
+  add_output_options(&options, line.get());
 }
 
 }  // namespace olvex_tools

@@ -44,7 +44,7 @@ RunLog::RunLog(const std::string& path) : path_(path) {
     memory_ = memfd_create("olvex-det log", MFD_CLOEXEC);
     if (memory_ < 0) {
       throw ToolError(kInputError, std::string("no place for the library's log: ") +
-                                       std::strerror(errno) + ". Name a file with --log.");
+                                       std::strerror(errno) + ". Name a file with --log");
     }
     path_ = "/proc/self/fd/" + std::to_string(memory_);
   }
@@ -67,13 +67,13 @@ RunLog::~RunLog() {
 void RunLog::frame_done() {
   if (std::fflush(stdout) != 0 && memory_ < 0) {
     throw ToolError(kInputError,
-                    path_ + ": the library's log cannot be written: " + std::strerror(errno) + ".");
+                    path_ + ": the library's log cannot be written: " + std::strerror(errno));
   }
   if (memory_ < 0) {
     checked_ = size_of(path_);
   } else if (ftruncate(memory_, 0) != 0) {
-    throw ToolError(kInputError, std::string("the library's log cannot be emptied: ") +
-                                     std::strerror(errno) + ".");
+    throw ToolError(kInputError,
+                    std::string("the library's log cannot be emptied: ") + std::strerror(errno));
   }
 }
 

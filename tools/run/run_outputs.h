@@ -1,5 +1,5 @@
-// run_outputs.h - all outputs that one run was asked for, behind one door.
-// Read result_writers.h and picture_writers.h for the single ones.
+// run_outputs.h - all outputs that one run was asked for, in one object.
+// Read writers.h for the single ones.
 #ifndef TOOLS_RUN_RUN_OUTPUTS_H
 #define TOOLS_RUN_RUN_OUTPUTS_H
 
@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "tools/common/command.h"
-#include "tools/run/picture_writers.h"
-#include "tools/run/result_writers.h"
+#include "tools/run/writers.h"
 
 namespace olvex_tools {
 
@@ -31,8 +30,7 @@ struct OutputOptions {
 // Whether results go to standard output.
 bool uses_standard_output(const OutputOptions& options);
 
-// Throws ToolError (kUsageError) when two outputs would meet in one file, or when one would
-// overwrite something that is read.
+// Throws as require_own_files does.
 void require_separate_files(const OutputOptions& options, const std::string& log,
                             const std::vector<std::string>& read_paths);
 

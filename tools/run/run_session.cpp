@@ -6,6 +6,7 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -84,7 +85,11 @@ class Session {
         progress_(frames_to_come(*source_, options), options.quiet),
         outputs_(options.outputs, log->results(), model_.description.class_names,
                  source_->frames_per_second(),
-                 [this](const std::string& text) { progress_.notice(text); }) {}
+                 [this](const std::string& text) { progress_.notice(text); }) {
+    if (!options.outputs.summary.empty()) {
+      summary_file_.emplace(options.outputs.summary, log->results(), OutputForm::kWhole);
+    }
+  }
 
   int run() {
     std::vector<ToolError> failures = failures_of_frames();
@@ -203,7 +208,7 @@ class Session {
         input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
       throw ToolError(kAcceleratorError, options_.detector.model +
                                              ": the accelerator asks for another input than the "
-                                             "model's description. Pack the model anew.");
+                                             "model's description. Pack the model anew");
     }
   }
 
@@ -231,7 +236,7 @@ class Session {
   void check_end() {
     if (summary_.frames() == 0) {
       throw ToolError(kInputError, options_.input + ": no frame is left after --skip " +
-                                       std::to_string(options_.skip) + ".");
+                                       std::to_string(options_.skip));
     }
     const std::optional<long> length = source_->length();
     const long read = options_.skip + summary_.frames();
@@ -241,10 +246,14 @@ class Session {
     constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
     if (length && std::max(static_cast<double>(read), reached) <
                       kShareExpected * static_cast<double>(*length) - 1) {
+      const std::string end = options_.input + ": ended after " + std::to_string(read) + " of " +
+                              std::to_string(*length) + " frames; ";
+      if (source_->is_whole()) {
+        progress_.notice(end + "the file is whole, so it counts frames that it does not show");
+        return;
+      }
       input_failed_ = true;
-      throw ToolError(kInputError, options_.input + ": ended after " + std::to_string(read) +
-                                       " of " + std::to_string(*length) +
-                                       " frames; it is damaged or cut.");
+      throw ToolError(kInputError, end + "it is damaged or cut");
     }
   }
 
@@ -267,8 +276,9 @@ class Session {
     facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
     facts.seconds = milliseconds_since(start_) / 1000;
     const bool results_on_screen = uses_standard_output(options_.outputs);
-    if (!options_.outputs.summary.empty()) {
-      write_output(options_.outputs.summary, log_.results(), summary_.json(facts));
+    if (summary_file_) {
+      summary_file_->write(summary_.json(facts));
+      summary_file_->close();
     }
     if (options_.quiet) {
       return;
@@ -301,6 +311,7 @@ class Session {
   Progress progress_;
   RunOutputs outputs_;
   RunSummary summary_;
+  std::optional<OutputFile> summary_file_;
   std::unique_ptr<Detector> detector_;
   cv::Size display_;               // of detector_
   std::uint64_t first_track_ = 0;  // added to the ids of detector_

@@ -3,11 +3,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include <nlohmann/json.hpp>
 
-#include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -36,13 +35,6 @@ double rate(long frames, double seconds) {
   return seconds > 0 ? static_cast<double>(frames) / seconds : 0;
 }
 
-template <typename... Values>
-std::string format(const char* pattern, Values... values) {
-  char text[256];
-  std::snprintf(text, sizeof text, pattern, values...);
-  return text;
-}
-
 }  // namespace
 
 void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
@@ -63,10 +55,11 @@ void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
 
 std::string RunSummary::text(const RunFacts& facts) const {
   std::string text =
-      format("%ld frames in %.1f s, %.1f frames/s%s\n", frames_, facts.seconds,
-             rate(frames_, facts.seconds), facts.interrupted ? " (interrupted)" : "");
+      counted(frames_, "frame", "frames") + format(" in %.1f s, %.1f frames/s%s\n", facts.seconds,
+                                                   rate(frames_, facts.seconds),
+                                                   facts.interrupted ? " (interrupted)" : "");
   if (facts.expected_frames && *facts.expected_frames != frames_) {
-    text += format("expected  %ld frames\n", *facts.expected_frames);
+    text += "expected  " + counted(*facts.expected_frames, "frame", "frames") + "\n";
   }
   text += boxes_.empty() ? "boxes   none\n" : "boxes\n";
   for (const auto& [class_id, count] : boxes_) {

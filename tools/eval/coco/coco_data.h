@@ -9,15 +9,9 @@
 #include <string>
 #include <vector>
 
-namespace olvex_tools {
+#include "tools/common/box.h"
 
-// Pixels; finite.
-struct Box {
-  double x = 0;  // left edge
-  double y = 0;  // top edge
-  double width = 0;
-  double height = 0;
-};
+namespace olvex_tools {
 
 struct CocoPicture {
   std::int64_t id = 0;

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "tools/common/command.h"
-#include "tools/eval/coco/coco_json.h"
+#include "tools/common/json_reader.h"
 #include "tools/common/suggestion.h"
 
 namespace olvex_tools {
@@ -25,19 +25,19 @@ struct PendingBox {
   throw ToolError(kInputError, path + ": " + problem);
 }
 
-CocoPicture read_picture(const CocoItem& item) {
+CocoPicture read_picture(const JsonItem& item) {
   CocoPicture picture;
   picture.id = item.integer("id");
   picture.width = item.optional_number("width").value_or(0);
   picture.height = item.optional_number("height").value_or(0);
   picture.file_name = item.optional_text("file_name");
   if (picture.width < 0 || picture.height < 0) {
-    item.refuse("\"width\" and \"height\" must not be negative.");
+    item.refuse("\"width\" and \"height\" must not be negative");
   }
   return picture;
 }
 
-PendingBox read_truth_box(const CocoItem& item) {
+PendingBox read_truth_box(const JsonItem& item) {
   PendingBox pending;
   pending.image_id = item.integer("image_id");
   pending.category_id = item.integer("category_id");
@@ -46,7 +46,7 @@ PendingBox read_truth_box(const CocoItem& item) {
   box.box = item.box("bbox");
   const std::optional<double> area = item.optional_number("area");
   if (area && *area < 0) {
-    item.refuse("\"area\" must not be negative.");
+    item.refuse("\"area\" must not be negative");
   }
   box.area = area.value_or(box.box.width * box.box.height);
   box.crowd = item.optional_flag("iscrowd");
@@ -62,7 +62,7 @@ void sort_by_id(const std::string& path, const std::string& list, std::vector<El
       elements->begin(), elements->end(),
       [](const Element& left, const Element& right) { return left.id == right.id; });
   if (twice != elements->end()) {
-    refuse(path, list + " has the id " + std::to_string(twice->id) + " twice.");
+    refuse(path, list + " has the id " + std::to_string(twice->id) + " twice");
   }
 }
 
@@ -70,7 +70,7 @@ void require_different_names(const std::string& path, const std::vector<CocoCate
   std::set<std::string> names;
   for (const CocoCategory& category : categories) {
     if (!names.insert(category.name).second) {
-      refuse(path, "categories has the name \"" + category.name + "\" twice.");
+      refuse(path, "categories has the name \"" + category.name + "\" twice");
     }
   }
 }
@@ -82,7 +82,7 @@ std::size_t known_index(const std::string& path, const std::string& list,
   const std::optional<std::size_t> index = index_of_id(elements, id);
   if (!index) {
     refuse(path, "annotations [" + std::to_string(annotation) + "] belongs to id " +
-                     std::to_string(id) + ", which " + list + " does not have.");
+                     std::to_string(id) + ", which " + list + " does not have");
   }
   return *index;
 }
@@ -96,7 +96,7 @@ std::size_t find_class(const CocoTruth& truth, const std::string& wanted) {
     }
     names.push_back(category.name);
   }
-  throw ToolError(kUsageError, "--classes " + wanted + ": the truth has no such class id or name." +
+  throw ToolError(kUsageError, "--classes " + wanted + ": the truth has no such class id or name" +
                                    did_you_mean(wanted, names));
 }
 
@@ -105,11 +105,15 @@ std::size_t find_class(const CocoTruth& truth, const std::string& wanted) {
 CocoTruth read_coco_truth(const std::string& path) {
   CocoTruth truth;
   std::vector<PendingBox> pending;
-  read_coco_lists(
-      path,
-      {{"images", [&](const CocoItem& item) { truth.pictures.push_back(read_picture(item)); }},
-       {"annotations", [&](const CocoItem& item) { pending.push_back(read_truth_box(item)); }},
-       {"categories", [&](const CocoItem& item) {
+  const JsonListsKind kind = {
+      "is not a COCO instances file, an object with images, annotations and "
+      "categories. Give the truth first, then the results",
+      "; is it a COCO instances file?"};
+  read_json_lists(
+      path, kind,
+      {{"images", [&](const JsonItem& item) { truth.pictures.push_back(read_picture(item)); }},
+       {"annotations", [&](const JsonItem& item) { pending.push_back(read_truth_box(item)); }},
+       {"categories", [&](const JsonItem& item) {
           truth.categories.push_back({item.integer("id"), item.text("name")});
         }}});
   sort_by_id(path, "images", &truth.pictures);
@@ -126,10 +130,14 @@ CocoTruth read_coco_truth(const std::string& path) {
 
 std::vector<CocoResult> read_coco_results(const std::string& path) {
   std::vector<CocoResult> results;
-  read_coco_list(path, [&](const CocoItem& item) {
-    results.push_back({item.integer("image_id"), item.integer("category_id"), item.box("bbox"),
-                       item.number("score")});
-  });
+  const JsonListsKind kind = {
+      "is not a list of results. Give the truth first, then the results of olvex-det run --coco",
+      ""};
+  read_json_lists(path, kind,
+                  {{"", [&](const JsonItem& item) {
+                      results.push_back({item.integer("image_id"), item.integer("category_id"),
+                                         item.box("bbox"), item.number("score")});
+                    }}});
   return results;
 }
 
@@ -164,7 +172,7 @@ std::vector<ResultBox> known_results(const CocoTruth& truth, const std::vector<C
       refuse(path, "result [" + std::to_string(i) + "] is of picture " +
                        std::to_string(result.image_id) +
                        ", which the truth's images do not have. Evaluate results of the same "
-                       "pictures as the truth's.");
+                       "pictures as the truth's");
     }
     const std::optional<std::size_t> category = index_of_id(truth.categories, result.category_id);
     if (category) {

@@ -28,22 +28,6 @@ std::optional<std::size_t> best_free(const Overlaps& overlaps, std::size_t detec
 
 }  // namespace
 
-double overlap(const Box& detection, const Box& truth, bool crowd) {
-  const double width = std::min(detection.x + detection.width, truth.x + truth.width) -
-                       std::max(detection.x, truth.x);
-  const double height = std::min(detection.y + detection.height, truth.y + truth.height) -
-                        std::max(detection.y, truth.y);
-  if (!(width > 0 && height > 0)) {
-    return 0;
-  }
-  const double intersection = width * height;
-  const double detection_area = detection.width * detection.height;
-  const double whole =
-      crowd ? detection_area : detection_area + truth.width * truth.height - intersection;
-  // Sizes of 1e-200 have no area in double precision.
-  return whole > 0 ? intersection / whole : 0;
-}
-
 std::vector<std::vector<PictureBoxes>> boxes_by_class(const CocoTruth& truth,
                                                       const std::vector<ResultBox>& results) {
   std::vector<std::map<std::size_t, PictureBoxes>> cells(truth.categories.size());

@@ -14,10 +14,6 @@
 
 namespace olvex_tools {
 
-// Intersection over union; for a crowd, of which a detection is a part, intersection over the
-// detection's own area. 0 where the boxes do not intersect.
-double overlap(const Box& detection, const Box& truth, bool crowd);
-
 // The boxes of one class in one picture.
 struct PictureBoxes {
   std::size_t picture = 0;            // index in CocoTruth::pictures
@@ -29,7 +25,8 @@ struct PictureBoxes {
 std::vector<std::vector<PictureBoxes>> boxes_by_class(const CocoTruth& truth,
                                                       const std::vector<ResultBox>& results);
 
-// The overlap of each detection with each truth box.
+// The overlap of each detection with each truth box; a crowd, of which a detection is a part, is
+// overlapped by the share of the detection that lies in it.
 class Overlaps {
  public:
   // Only the first so many detections are looked at.

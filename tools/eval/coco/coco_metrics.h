@@ -16,7 +16,7 @@
 
 #include "tools/eval/coco/coco_data.h"
 #include "tools/eval/coco/coco_matching.h"
-#include "tools/common/metric_minimums.h"
+#include "tools/common/evaluation.h"
 
 namespace olvex_tools {
 

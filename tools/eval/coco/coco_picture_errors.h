@@ -1,11 +1,12 @@
 // coco_picture_errors.h - what went wrong in each picture at one score: hits, false boxes, misses;
 // and which class was taken for which.
-// coco_report.h prints both, coco_worst_pictures.h draws the worst pictures.
+// coco_report.h prints both.
 #ifndef TOOLS_EVAL_COCO_COCO_PICTURE_ERRORS_H
 #define TOOLS_EVAL_COCO_COCO_PICTURE_ERRORS_H
 
 #include <cstddef>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,13 @@ using ConfusionCounts = std::map<std::pair<std::size_t, std::size_t>, std::size_
 // left out.
 ConfusionCounts confusion_counts(const CocoTruth& truth, const std::vector<ResultBox>& results,
                                  double least_score);
+
+// Writes worst_01_image_139.png and so on into folder, which is made. input: the video, picture or
+// folder that the results were made from; its frames have the image ids that olvex-det run gives
+// them. Throws ToolError (kInputError) when it cannot be read, or lacks one of the pictures.
+// In coco_worst_pictures.cpp.
+void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors>& worst,
+                         const std::string& input, const std::string& folder);
 
 }  // namespace olvex_tools
 

@@ -1,9 +1,11 @@
-// coco_plot.cpp - writes SVG elements by hand; all lengths are pixels. Read coco_plot.h first.
-#include "tools/eval/coco/coco_plot.h"
+// coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Read coco_report.h first.
+#include "tools/eval/coco/coco_report.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <vector>
+
+#include "tools/common/svg.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -35,48 +37,16 @@ struct Series {
   std::string stroke;  // attributes of its line
 };
 
-std::string decimal(double value, const char* format) {
-  char text[32];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
-
 std::string x_of(double recall) {
-  return decimal(kLeft + recall * kSide, "%.1f");
+  return format("%.1f", kLeft + recall * kSide);
 }
 
 std::string y_of(double precision) {
-  return decimal(kTop + (1 - precision) * kSide, "%.1f");
+  return format("%.1f", kTop + (1 - precision) * kSide);
 }
 
 std::string number(int value) {
   return std::to_string(value);
-}
-
-// Cut to length between letters of UTF-8, then with XML's own characters escaped.
-std::string label(const std::string& name) {
-  std::string text;
-  std::size_t letters = 0;
-  for (const char character : name) {
-    const bool continues = (static_cast<unsigned char>(character) & 0xC0) == 0x80;
-    if (!continues && letters++ == kNameMost) {
-      return text + "…";
-    }
-    switch (character) {
-      case '&':
-        text += "&amp;";
-        break;
-      case '<':
-        text += "&lt;";
-        break;
-      case '>':
-        text += "&gt;";
-        break;
-      default:
-        text += static_cast<unsigned char>(character) < ' ' ? ' ' : character;
-    }
-  }
-  return text;
 }
 
 std::vector<Series> series_of(const CocoMetrics& metrics) {
@@ -104,15 +74,15 @@ std::vector<Series> series_of(const CocoMetrics& metrics) {
   return all;
 }
 
-std::string text_at(const std::string& x, const std::string& y, const char* anchor,
+std::string text_at(const std::string& x, const std::string& y, const std::string& attributes,
                     const std::string& text) {
-  return "<text x=\"" + x + "\" y=\"" + y + "\" text-anchor=\"" + anchor + "\">" + text +
-         "</text>\n";
+  return svg_element("text", "x=\"" + x + "\" y=\"" + y + "\" text-anchor=" + attributes, text);
 }
 
-std::string grid_lines(double share, const char* colour) {
-  return "<path d=\"M" + x_of(share) + " " + y_of(0) + "V" + y_of(1) + "M" + x_of(0) + " " +
-         y_of(share) + "H" + x_of(1) + "\" stroke=\"" + colour + "\"/>\n";
+std::string grid_lines(double share, const std::string& colour) {
+  return svg_element("path", "d=\"M" + x_of(share) + " " + y_of(0) + "V" + y_of(1) + "M" + x_of(0) +
+                                 " " + y_of(share) + "H" + x_of(1) + "\" stroke=\"" + colour +
+                                 "\"");
 }
 
 std::string grid() {
@@ -120,11 +90,11 @@ std::string grid() {
   std::string svg;
   for (int i = 0; i <= kGridSteps; ++i) {
     const double share = static_cast<double>(i) / kGridSteps;
-    const std::string text = decimal(share, "%.1f");
-    const std::string y = decimal(kTop + (1 - share) * kSide + kBaseline, "%.1f");
+    const std::string text = format("%.1f", share);
+    const std::string y = format("%.1f", kTop + (1 - share) * kSide + kBaseline);
     svg += grid_lines(share, i == 0 ? "#404040" : "#e2e2e2");
-    svg += text_at(x_of(share), number(kTop + kSide + 20), "middle", text);
-    svg += text_at(number(kLeft - 10), y, "end", text);
+    svg += text_at(x_of(share), number(kTop + kSide + 20), "\"middle\"", text);
+    svg += text_at(number(kLeft - 10), y, "\"end\"", text);
   }
   return svg;
 }
@@ -132,13 +102,12 @@ std::string grid() {
 std::string titles() {
   const std::string middle_x = number(kLeft + kSide / 2);
   const std::string middle_y = number(kTop + kSide / 2);
-  return "<text x=\"" + middle_x +
-         "\" y=\"30\" text-anchor=\"middle\" font-size=\"17\" font-weight=\"bold\">Precision over "
-         "recall at overlap 0.50</text>\n<text x=\"" +
-         middle_x + "\" y=\"" + number(kTop + kSide + 46) +
-         "\" text-anchor=\"middle\" font-size=\"14\">Recall</text>\n<text x=\"22\" y=\"" +
-         middle_y + "\" text-anchor=\"middle\" font-size=\"14\" transform=\"rotate(-90 22 " +
-         middle_y + ")\">Precision</text>\n";
+  return text_at(middle_x, "30", "\"middle\" font-size=\"17\" font-weight=\"bold\"",
+                 "Precision over recall at overlap 0.50") +
+         text_at(middle_x, number(kTop + kSide + 46), "\"middle\" font-size=\"14\"", "Recall") +
+         text_at("22", middle_y,
+                 "\"middle\" font-size=\"14\" transform=\"rotate(-90 22 " + middle_y + ")\"",
+                 "Precision");
 }
 
 std::string curve(const Series& series) {
@@ -147,23 +116,24 @@ std::string curve(const Series& series) {
     const double recall = static_cast<double>(level) / static_cast<double>(kRecallLevels - 1);
     points += (level == 0 ? "" : " ") + x_of(recall) + "," + y_of((*series.curve)[level]);
   }
-  return "<polyline fill=\"none\" stroke-linejoin=\"round\" " + series.stroke + " points=\"" +
-         points + "\"/>\n";
+  return svg_element("polyline", "fill=\"none\" stroke-linejoin=\"round\" " + series.stroke +
+                                     " points=\"" + points + "\"");
 }
 
 std::string legend(const std::vector<Series>& all) {
   const int left = kLeft + kSide + kLegendGap;
   const int right = left + kLegendWidth;
-  std::string svg = text_at(number(right), number(kTop + 4), "end", "AP50");
+  std::string svg = text_at(number(right), number(kTop + 4), "\"end\"", "AP50");
   int y = kTop;
   for (const Series& series : all) {
     y += kLegendRow;
-    svg += "<path d=\"M" + number(left) + " " + number(y) + "h30\" " + series.stroke + "/>\n";
-    svg += text_at(number(left + 38), number(y + 4), "start", label(series.name));
-    svg += text_at(number(right), number(y + 4), "end", decimal(series.ap50, "%.3f"));
+    svg += svg_element("path", "d=\"M" + number(left) + " " + number(y) + "h30\" " + series.stroke);
+    svg += text_at(number(left + 38), number(y + 4), "\"start\"",
+                   xml_text(shortened(series.name, kNameMost, "…")));
+    svg += text_at(number(right), number(y + 4), "\"end\"", format("%.3f", series.ap50));
   }
   if (all.empty()) {
-    svg += text_at(number(left), number(y + kLegendRow), "start", "no class has truth");
+    svg += text_at(number(left), number(y + kLegendRow), "\"start\"", "no class has truth");
   }
   return svg;
 }
@@ -175,16 +145,11 @@ std::string precision_recall_svg(const CocoMetrics& metrics) {
   const int width = kLeft + kSide + kLegendGap + kLegendWidth + 24;
   const int rows = static_cast<int>(std::min<std::size_t>(all.size() + 2, 1000000));
   const int height = kTop + std::max(kSide, rows * kLegendRow) + kBelow;
-  const std::string size = "width=\"" + number(width) + "\" height=\"" + number(height) + "\"";
-  std::string svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " +
-                    number(width) + " " + number(height) +
-                    "\" font-family=\"sans-serif\" font-size=\"12\" fill=\"#202020\">\n<rect " +
-                    size + " fill=\"#ffffff\"/>\n";
-  svg += grid() + titles();
+  std::string svg = grid() + titles();
   for (const Series& series : all) {
     svg += curve(series);
   }
-  return svg + legend(all) + "</svg>\n";
+  return svg_document(width, height, 12, svg + legend(all));
 }
 
 }  // namespace olvex_tools

@@ -2,13 +2,12 @@
 #include "tools/eval/coco/coco_report.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <set>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
-#include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -21,22 +20,6 @@ constexpr int kReportSchemaVersion = 1;
 // ---- text -------------------------------------------------------------------------------------
 
 using Row = std::vector<std::string>;
-
-std::string decimal(const std::optional<double>& value, const char* format = "%.3f") {
-  if (!value) {
-    return "-";
-  }
-  char text[64];
-  std::snprintf(text, sizeof text, format, *value);
-  return text;
-}
-
-// Letters on the screen: bytes that continue a UTF-8 letter take no room.
-std::size_t width_of(const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char character) {
-    return (static_cast<unsigned char>(character) & 0xC0) != 0x80;
-  }));
-}
 
 // The first column to the left, the others to the right. Requires: rows of one length.
 std::string table(const std::vector<Row>& rows) {
@@ -56,10 +39,6 @@ std::string table(const std::vector<Row>& rows) {
     text += "\n";
   }
   return text;
-}
-
-std::string counted(std::size_t count, const std::string& one, const std::string& many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
 std::string counts_line(const CocoReport& report) {
@@ -89,10 +68,8 @@ std::string summary_table(const CocoMetrics& metrics) {
                                           "AR100 of larger areas"};
   std::string text;
   for (std::size_t i = 0; i < metrics.summary.size(); ++i) {
-    char line[128];
-    std::snprintf(line, sizeof line, "%-6s %6s  %s\n", metrics.summary[i].name.c_str(),
-                  decimal(metrics.summary[i].value).c_str(), kMeanings[i]);
-    text += line;
+    text += format("%-6s %6s  %s\n", metrics.summary[i].name.c_str(),
+                   metric_text(metrics.summary[i].value).c_str(), kMeanings[i]);
   }
   return text;
 }
@@ -100,7 +77,7 @@ std::string summary_table(const CocoMetrics& metrics) {
 std::string class_table(const CocoMetrics& metrics) {
   std::vector<Row> rows = {{"class", "AP", "AP50", "truth", "ignored", "results"}};
   for (const ClassMetrics& item : metrics.classes) {
-    rows.push_back({one_line(item.category.name), decimal(item.ap), decimal(item.ap50),
+    rows.push_back({one_line(item.category.name), metric_text(item.ap), metric_text(item.ap50),
                     std::to_string(item.truths), std::to_string(item.ignored),
                     std::to_string(item.detections)});
   }
@@ -158,7 +135,8 @@ std::string confusion_table(const CocoReport& report) {
     shown.insert(pair.second);
   }
   shown.insert(report.truth.categories.size());
-  const std::string conditions = " at overlap 0.5 and score " + decimal(report.error_score, "%g");
+  const std::string conditions =
+      " at overlap 0.5 and score " + metric_text(report.error_score, "%g");
   return shown.size() <= kClassesMost + 1
              ? "confusion" + conditions + ", rows: truth, columns: results\n" +
                    confusion_matrix(report, shown)

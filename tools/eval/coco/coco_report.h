@@ -1,4 +1,4 @@
-// coco_report.h - what eval coco found, as text for the screen and as JSON.
+// coco_report.h - what eval coco found, as text for the screen, as JSON, and its curves as an SVG picture.
 // schema/eval_coco.schema.json defines the JSON; eval_coco_command.cpp puts the report together.
 #ifndef TOOLS_EVAL_COCO_COCO_REPORT_H
 #define TOOLS_EVAL_COCO_COCO_REPORT_H
@@ -8,10 +8,9 @@
 #include <vector>
 
 #include "tools/eval/coco/coco_data.h"
-#include "tools/eval/coco/coco_lint.h"
 #include "tools/eval/coco/coco_metrics.h"
 #include "tools/eval/coco/coco_picture_errors.h"
-#include "tools/common/metric_minimums.h"
+#include "tools/common/evaluation.h"
 
 namespace olvex_tools {
 
@@ -29,6 +28,9 @@ struct CocoReport {
 
 std::string coco_report_text(const CocoReport& report);
 std::string coco_report_json(const CocoReport& report, const std::vector<MetricMinimum>& minimums);
+
+// One curve per class that has truth, and their mean, at overlap .50, with a legend of AP50s. In coco_plot.cpp.
+std::string precision_recall_svg(const CocoMetrics& metrics);
 
 }  // namespace olvex_tools
 

@@ -1,10 +1,9 @@
 // coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
-// Read coco_worst_pictures.h first.
-#include "tools/eval/coco/coco_worst_pictures.h"
+// Read coco_picture_errors.h first.
+#include "tools/eval/coco/coco_picture_errors.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -14,6 +13,7 @@
 
 #include "tools/frames/annotation.h"
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 #include "tools/frames/frame_source.h"
 
 namespace olvex_tools {
@@ -67,9 +67,7 @@ std::string label_of(const JudgedBox& judged, const std::string& name) {
   if (judged.fate == Fate::kMissed) {
     return name + " missed";
   }
-  char score[32];
-  std::snprintf(score, sizeof score, " %.2f", judged.score);
-  return name + score;
+  return name + format(" %.2f", judged.score);
 }
 
 void draw_box(const JudgedBox& judged, const Scale& scale, const std::string& name,
@@ -123,7 +121,7 @@ void make_folder(const std::string& folder) {
   std::error_code error;
   fs::create_directories(folder, error);
   if (error) {
-    throw ToolError(kInputError, folder + ": the folder cannot be made: " + error.message() + ".");
+    throw ToolError(kInputError, folder + ": the folder cannot be made: " + error.message());
   }
 }
 
@@ -142,20 +140,13 @@ void require_pictures(const std::string& input) {
   if (dumps) {
     throw ToolError(kInputError, input +
                                      ": dumped frames (*.bin) cannot be drawn on; give the "
-                                     "video or the pictures.");
+                                     "video or the pictures");
   }
   if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
     throw ToolError(kInputError, input +
                                      ": a camera does not show the same frames again; give a "
-                                     "video or pictures.");
+                                     "video or pictures");
   }
-}
-
-std::string file_name(std::size_t rank, std::int64_t image_id) {
-  char name[80];
-  std::snprintf(name, sizeof name, "worst_%02zu_image_%lld.png", rank,
-                static_cast<long long>(image_id));
-  return name;
 }
 
 }  // namespace
@@ -180,7 +171,8 @@ void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors
     const PictureErrors& errors = worst[found->second];
     cv::Mat picture = frame.picture.clone();
     draw_errors(truth, errors, &picture);
-    const std::string name = file_name(found->second + 1, truth.pictures[errors.picture].id);
+    const auto id = static_cast<long long>(truth.pictures[errors.picture].id);
+    const std::string name = format("worst_%02zu_image_%lld.png", found->second + 1, id);
     write_picture((fs::path(folder) / name).string(), picture);
     wanted.erase(found);
   }
@@ -188,7 +180,7 @@ void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors
     const PictureErrors& missing = worst[wanted.begin()->second];
     throw ToolError(kInputError, input + ": has no frame with the image id " +
                                      std::to_string(truth.pictures[missing.picture].id) +
-                                     " of the truth. Give the input that the results come from.");
+                                     " of the truth. Give the input that the results come from");
   }
 }
 

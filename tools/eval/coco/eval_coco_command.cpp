@@ -1,20 +1,14 @@
 // eval_coco_command.cpp - the subcommand eval coco: its options, and the way from files to a report.
 // Read coco_files.h and coco_metrics.h for what is measured.
-#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <utility>
 
-#include <CLI/CLI.hpp>
-
 #include "tools/eval/coco/coco_files.h"
-#include "tools/eval/coco/coco_plot.h"
 #include "tools/eval/coco/coco_report.h"
-#include "tools/eval/coco/coco_worst_pictures.h"
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
 #include "tools/frames/own_files.h"
-#include "tools/common/standard_output.h"
 
 namespace olvex_tools {
 
@@ -30,7 +24,7 @@ const char kManual[] =
     "olvex-det run --coco writes; run it with a low threshold, as precision is measured at all\n"
     "scores.\n\n"
     "Examples:\n"
-    "  olvex-det run detector.img pictures/ --threshold 0.01 --coco results.json\n"
+    "  olvex-det run detector.qtm pictures/ --threshold 0.01 --coco results.json\n"
     "  olvex-det eval coco truth.json results.json\n"
     "  olvex-det eval coco truth.json results.json --min AP50=0.6 --min AP50:person=0.7\n"
     "  olvex-det eval coco truth.json results.json --plot curves.svg --classes person,car\n"
@@ -61,12 +55,12 @@ struct CommandLine {
 
 void check_options(const CommandLine& line) {
   if (!(line.error_score >= 0 && line.error_score <= 1)) {
-    refuse("--confusion-score must be from 0 to 1.");
+    refuse("--confusion-score must be from 0 to 1");
   }
   if (line.worst_folder.empty() != line.input.empty()) {
     refuse(
         "--worst-pictures and --input go together: the folder to draw into, and the video or "
-        "pictures to draw on.");
+        "pictures to draw on");
   }
   require_own_files(
       {{"--json", line.json}, {"--plot", line.plot}, {"--worst-pictures", line.worst_folder}},
@@ -108,58 +102,39 @@ int run(const CommandLine& line) {
   if (!line.plot.empty()) {
     write_output(line.plot, stdout, precision_recall_svg(report.metrics));
   }
-  if (line.json == kStandardOutput || line.plot == kStandardOutput) {
-    std::fputs(coco_report_text(report).c_str(), stderr);
-  } else {
-    print_result(coco_report_text(report));
-  }
+  print_report(coco_report_text(report), {line.json, line.plot});
   if (!line.worst_folder.empty()) {
     draw_worst_pictures(report.truth, report.worst, line.input, line.worst_folder);
   }
   return check_minimums(minimums, all_metrics(report.metrics));
 }
 
-void add_measuring_options(CLI::App* command, CommandLine* line) {
-  command->add_option("--classes", line->classes, "Classes that count, by id or name, as in 0,1")
-      ->type_name("CLASS,CLASS...")
-      ->delimiter(',')
-      ->allow_extra_args(false);
-  add_minimum_option(command, &line->minimums);
-  command
-      ->add_option("--confusion-score", line->error_score,
-                   "Score that a box needs for the confusion table and the worst pictures")
-      ->type_name("NUMBER")
-      ->capture_default_str();
-}
-
-void add_output_options(CLI::App* command, CommandLine* line) {
-  command->add_option("--json", line->json, "Everything for programs, see eval_coco.schema.json")
-      ->type_name("FILE|-");
-  command->add_option("--plot", line->plot, "Precision over recall of each class, an SVG picture")
-      ->type_name("FILE|-");
-  command->add_option("--worst", line->worst, "Pictures to list, those with most errors")
-      ->type_name("N")
-      ->capture_default_str()
-      ->check(CLI::Range(0L, kWorstMost));
-  command
-      ->add_option("--worst-pictures", line->worst_folder,
-                   "Draw the worst pictures into this folder")
-      ->type_name("FOLDER");
-  command->add_option("--input", line->input, "What the results come from, to draw on")
-      ->type_name("VIDEO|FOLDER");
-}
-
 }  // namespace
 
 void add_eval_coco_command(CLI::App& eval, Command* chosen) {
-  CLI::App* const command = eval.add_subcommand("coco", kDescription);
   const auto line = std::make_shared<CommandLine>();
-  command->add_option("TRUTH", line->truth, "COCO instances file")->type_name("")->required();
-  command->add_option("RESULT", line->result, "COCO results file")->type_name("")->required();
-  add_measuring_options(command, line.get());
-  add_output_options(command, line.get());
-  command->footer(kManual);
-  command->callback([line, chosen] { *chosen = [line] { return run(*line); }; });
+  OptionTable options(&eval, "coco", kDescription, kManual, chosen, [line] { return run(*line); });
+  options.add("TRUTH", "", &line->truth, "COCO instances file").required();
+  options.add("RESULT", "", &line->result, "COCO results file").required();
+  options
+      .add("--classes", "CLASS,CLASS...", &line->classes,
+           "Classes that count, by id or name, as in 0,1")
+      .split_at(',');
+  add_minimum_option(&options, &line->minimums);
+  options
+      .add("--confusion-score", "NUMBER", &line->error_score,
+           "Score that a box needs for the confusion table and the worst pictures")
+      .shows_default();
+  options.add("--json", "FILE|-", &line->json,
+              "Everything for programs, see eval_coco.schema.json");
+  options.add("--plot", "FILE|-", &line->plot,
+              "Precision over recall of each class, an SVG picture");
+  options.add("--worst", "N", &line->worst, "Pictures to list, those with most errors")
+      .shows_default()
+      .range(0L, kWorstMost);
+  options.add("--worst-pictures", "FOLDER", &line->worst_folder,
+              "Draw the worst pictures into this folder");
+  options.add("--input", "VIDEO|FOLDER", &line->input, "What the results come from, to draw on");
 }
 
 }  // namespace olvex_tools

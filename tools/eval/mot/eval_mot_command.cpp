@@ -5,15 +5,10 @@
 #include <filesystem>
 #include <memory>
 
-#include <CLI/CLI.hpp>
-
 #include "tools/common/command.h"
-#include "tools/common/metric_minimums.h"
 #include "tools/eval/mot/mot_report.h"
-#include "tools/eval/mot/mot_timeline.h"
 #include "tools/common/output_file.h"
 #include "tools/frames/own_files.h"
-#include "tools/common/standard_output.h"
 
 namespace olvex_tools {
 
@@ -31,7 +26,7 @@ const char kManual[] =
     "RESULT is what olvex-det run --track --mot writes. Give more pairs to measure several clips\n"
     "as one: they get a row each, and --min acts on their combined values.\n\n"
     "Examples:\n"
-    "  olvex-det run detector.img street.mp4 --track --mot result.txt\n"
+    "  olvex-det run detector.qtm street.mp4 --track --mot result.txt\n"
     "  olvex-det eval mot truth.txt result.txt\n"
     "  olvex-det eval mot truth.txt result.txt --timeline objects.svg --classes 0\n"
     "  olvex-det eval mot a.txt a_result.txt b.txt b_result.txt --min MOTA=0.6 --min IDF1=0.7\n"
@@ -54,10 +49,10 @@ struct CommandLine {
 void require_pairs(const CommandLine& line) {
   if (line.files.size() % 2 != 0) {
     refuse("there is no RESULT for the TRUTH " + line.files.back() +
-           ": give files in pairs, TRUTH RESULT [TRUTH RESULT ...].");
+           ": give files in pairs, TRUTH RESULT [TRUTH RESULT ...]");
   }
   if (!line.timeline.empty() && line.files.size() > 2) {
-    refuse("--timeline draws one clip: give a single TRUTH and RESULT.");
+    refuse("--timeline draws one clip: give a single TRUTH and RESULT");
   }
 }
 
@@ -82,11 +77,6 @@ std::string clip_name(const std::vector<std::string>& files, std::size_t truth) 
   return name;
 }
 
-void write_timeline(const std::string& path, const MotClipReport& report, const MotClip& clip) {
-  write_output(path, stdout,
-               timeline_svg(report.name + ": " + report.result_path, clip, report.runs));
-}
-
 void add_classes(const MotClip& clip, MotReport* report) {
   for (const int class_id : classes_of(clip)) {
     report->per_class[class_id].add(measure_tracks(restricted_to(clip, {class_id})).scores);
@@ -109,7 +99,9 @@ void add_clip(const CommandLine& line, std::size_t truth_index, MotReport* repor
   report->clips.push_back({clip_name(line.files, truth_index), truth.path, result.path,
                            measured.scores, clip.objects, std::move(measured.runs)});
   if (!line.timeline.empty()) {
-    write_timeline(line.timeline, report->clips.back(), clip);
+    const MotClipReport& drawn = report->clips.back();
+    write_output(line.timeline, stdout,
+                 timeline_svg(drawn.name + ": " + drawn.result_path, clip, drawn.runs));
   }
 }
 
@@ -125,38 +117,27 @@ int evaluate(const CommandLine& line) {
   if (!line.json.empty()) {
     write_output(line.json, stdout, mot_report_json(report, minimums));
   }
-  if (line.json == kStandardOutput || line.timeline == kStandardOutput) {
-    std::fputs(mot_report_text(report).c_str(), stderr);
-  } else {
-    print_result(mot_report_text(report));
-  }
+  print_report(mot_report_text(report), {line.json, line.timeline});
   return check_minimums(minimums, mot_metrics(report.combined));
 }
 
 }  // namespace
 
 void add_eval_mot_command(CLI::App& eval, Command* chosen) {
-  CLI::App* const command = eval.add_subcommand("mot", kDescription);
   const auto line = std::make_shared<CommandLine>();
-  command->add_option("FILES", line->files, "Pairs of files: TRUTH RESULT [TRUTH RESULT ...]")
-      ->type_name("")
-      ->required();
-  command->add_option("--classes", line->classes, "Class ids that count in both files, as in 0,1")
-      ->type_name("N,N...")
-      ->delimiter(',')
-      ->allow_extra_args(false)
-      ->check(CLI::Range(0, kClassMost));
-  add_minimum_option(command, &line->minimums);
-  command
-      ->add_option("--json", line->json,
-                   "Values, findings and the runs of each object, see eval_mot.schema.json")
-      ->type_name("FILE|-");
-  command
-      ->add_option("--timeline", line->timeline,
-                   "A picture (SVG) of each object: when it was found, and under which id")
-      ->type_name("FILE");
-  command->footer(kManual);
-  command->callback([line, chosen] { *chosen = [line] { return evaluate(*line); }; });
+  OptionTable options(&eval, "mot", kDescription, kManual, chosen,
+                      [line] { return evaluate(*line); });
+  options.add("FILES", "", &line->files, "Pairs of files: TRUTH RESULT [TRUTH RESULT ...]")
+      .required();
+  options
+      .add("--classes", "N,N...", &line->classes, "Class ids that count in both files, as in 0,1")
+      .split_at(',')
+      .range(0, kClassMost);
+  add_minimum_option(&options, &line->minimums);
+  options.add("--json", "FILE|-", &line->json,
+              "Values, findings and the runs of each object, see eval_mot.schema.json");
+  options.add("--timeline", "FILE", &line->timeline,
+              "A picture (SVG) of each object: when it was found, and under which id");
 }
 
 }  // namespace olvex_tools

@@ -3,8 +3,6 @@
 
 #include <limits>
 
-#include "tools/eval/mot/mot_overlap.h"
-
 namespace olvex_tools {
 
 namespace {

@@ -2,9 +2,8 @@
 #include "tools/eval/mot/mot_clip.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
-
-#include "tools/eval/mot/mot_overlap.h"
 
 namespace olvex_tools {
 
@@ -70,6 +69,14 @@ std::vector<Box> with_classes(const std::vector<Box>& boxes, const std::set<int>
 }
 
 }  // namespace
+
+double overlap_of(const Box& left, const Box& right) {
+  return std::min(overlap(left, right), 1.0);
+}
+
+bool reaches(double overlap, double threshold) {
+  return overlap >= threshold - std::numeric_limits<double>::epsilon();
+}
 
 void extend_spans(std::vector<FrameSpan>* spans, long frame) {
   if (!spans->empty() && spans->back().last + 1 == frame) {

@@ -13,10 +13,19 @@
 
 namespace olvex_tools {
 
+// From here on two boxes show the same object.
+constexpr double kMatchOverlap = 0.5;
+
+// Intersection over union, 0 to 1: at most 1 also where rounding makes it more, since sums of it are shares.
+double overlap_of(const Box& left, const Box& right);
+
+// Whether an overlap reaches a threshold that need not have an exact binary form.
+bool reaches(double overlap, double threshold);
+
 struct ClipBox {
   std::size_t track = 0;  // index into MotClip::objects or MotClip::result_ids
   int class_id = 0;
-  MotBox box;
+  Box box;
 };
 
 struct ClipFrame {

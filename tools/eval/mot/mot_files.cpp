@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 
 namespace olvex_tools {
@@ -48,13 +49,9 @@ std::vector<std::string_view> split(std::string_view row) {
   return fields;
 }
 
-// A field as a message may show it: not endless, and without control characters.
 std::string quoted(std::string_view field) {
-  constexpr std::size_t kShown = 30;
-  std::string text(field.substr(0, kShown));
-  std::replace_if(
-      text.begin(), text.end(), [](char letter) { return letter < ' ' || letter > '~'; }, '?');
-  return "\"" + text + (field.size() > kShown ? "...\"" : "\"");
+  constexpr std::size_t kShown = 30;  // letters
+  return "\"" + one_line(shortened(field, kShown, "...")) + "\"";
 }
 
 // One row under way, for messages that name file, row and column.
@@ -65,7 +62,8 @@ class RowReader {
 
   void require_columns(std::size_t fewest, std::size_t most, const char* columns) const {
     if (fields_.size() < fewest || fields_.size() > most) {
-      fail("there are " + std::to_string(fields_.size()) + " columns; a row is " + columns + ".");
+      fail((fields_.size() == 1 ? "there is " : "there are ") +
+           counted(fields_.size(), "column", "columns") + "; a row is " + columns);
     }
   }
 
@@ -78,11 +76,11 @@ class RowReader {
     if (error == std::errc::invalid_argument || end != field.data() + field.size() ||
         std::isnan(value)) {
       fail(name + (" " + quoted(field)) + " (column " + std::to_string(column + 1) +
-           ") is not a number.");
+           ") is not a number");
     }
     if (error != std::errc() || value < least || value > most) {
       fail(name + (" " + quoted(field)) + " (column " + std::to_string(column + 1) +
-           ") must be from " + quoted_limit(least) + " to " + quoted_limit(most) + ".");
+           ") must be from " + quoted_limit(least) + " to " + quoted_limit(most));
     }
     return value;
   }
@@ -92,7 +90,7 @@ class RowReader {
     const double value = number(column, name, least, most);
     if (value != std::floor(value)) {
       fail(name + (" " + quoted(fields_[column])) + " (column " + std::to_string(column + 1) +
-           ") must be a whole number.");
+           ") must be a whole number");
     }
     return static_cast<long>(value);
   }
@@ -113,8 +111,8 @@ MotRow read_shared(const RowReader& reader, std::size_t line, double least_id) {
   row.line = line;
   row.frame = reader.whole(0, "frame", 0, kFramesMost);
   row.id = reader.whole(1, "id", least_id, kIdMost);
-  row.box.left = reader.number(2, "left", -kPixelsMost, kPixelsMost);
-  row.box.top = reader.number(3, "top", -kPixelsMost, kPixelsMost);
+  row.box.x = reader.number(2, "left", -kPixelsMost, kPixelsMost);
+  row.box.y = reader.number(3, "top", -kPixelsMost, kPixelsMost);
   row.box.width = reader.number(4, "width", -kPixelsMost, kPixelsMost);
   row.box.height = reader.number(5, "height", -kPixelsMost, kPixelsMost);
   row.class_id = static_cast<int>(reader.whole(7, "class", 0, kClassMost));
@@ -136,7 +134,7 @@ MotRow read_result_row(const RowReader& reader, std::size_t line) {
   reader.require_columns(10, 10, kResultColumns);
   MotRow row = read_shared(reader, line, -1);
   if (row.id == -1) {
-    reader.fail("the box has no id (-1): run it with --track.");
+    reader.fail("the box has no id (-1): run it with --track");
   }
   reader.number(6, "score", -kScoreMost, kScoreMost);
   reader.number(8, "the ninth column", -kScoreMost, kScoreMost);
@@ -178,7 +176,7 @@ MotFile read_rows(const char* what, const std::string& path, ReadRow read_row) {
       continue;
     }
     if (file.rows.size() == kRowsMost) {
-      refuse(path, line, "more than " + std::to_string(kRowsMost) + " rows; measure it in pieces.");
+      refuse(path, line, "more than " + std::to_string(kRowsMost) + " rows; measure it in pieces");
     }
     file.rows.push_back(read_row(RowReader(path, line, row), line));
   }
@@ -198,13 +196,13 @@ void require_sound_objects(const MotFile& truth) {
     if (!is_new && last.frame == row.frame) {
       refuse(truth.path, row.line,
              object + " has a box in frame " + std::to_string(row.frame) + " already, in row " +
-                 std::to_string(last.line) + ". Remove one, or give it another id.");
+                 std::to_string(last.line) + ". Remove one, or give it another id");
     }
     if (last.class_id != row.class_id) {
       refuse(truth.path, row.line,
              object + " is of class " + std::to_string(row.class_id) + ", in row " +
                  std::to_string(last.line) + " of class " + std::to_string(last.class_id) +
-                 ". Give objects of different classes different ids.");
+                 ". Give objects of different classes different ids");
     }
     place->second = &row;
   }

@@ -1,6 +1,6 @@
 // mot_files.h - the two files that tracks are measured from: the truth, and the rows that olvex-det
 // run --track --mot writes.
-// Read mot_lint.h for the mistakes that are looked for in them, mot_clip.h for what becomes of them.
+// Read mot_clip.h for what becomes of them.
 #ifndef TOOLS_EVAL_MOT_MOT_FILES_H
 #define TOOLS_EVAL_MOT_MOT_FILES_H
 
@@ -8,15 +8,10 @@
 #include <string>
 #include <vector>
 
-namespace olvex_tools {
+#include "tools/common/box.h"
+#include "tools/common/evaluation.h"
 
-// Pixels of the display. A size may be zero or negative: such a box has no area.
-struct MotBox {
-  double left = 0;
-  double top = 0;
-  double width = 0;
-  double height = 0;
-};
+namespace olvex_tools {
 
 struct MotRow {
   std::size_t line = 0;  // in the file, from 1
@@ -24,7 +19,7 @@ struct MotRow {
   long id = 0;
   int class_id = 0;
   bool ignored = false;  // truth that counts neither as found nor as missed
-  MotBox box;
+  Box box;               // display pixels
 };
 
 struct MotFile {
@@ -40,6 +35,10 @@ struct MotFile {
 MotFile read_mot_truth(const std::string& path);
 // frame,id,left,top,width,height,score,class,-1,-1.
 MotFile read_mot_result(const std::string& path);
+
+// What is probably a mistake in the files and not in the tracker; at most one finding per kind and file. Of
+// rows of result that repeat an id in a frame only the first is kept. In mot_lint.cpp.
+std::vector<LintFinding> lint_tracks(const MotFile& truth, MotFile* result);
 
 }  // namespace olvex_tools
 

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tools/common/command.h"
-#include "tools/eval/mot/mot_overlap.h"
 
 namespace olvex_tools {
 
@@ -82,7 +81,7 @@ class HotaPasses {
                       "too many ids overlap each other up to frame " +
                           std::to_string(frame.number) +
                           ". Are the second columns ids of objects? If so, measure the clip in "
-                          "pieces.");
+                          "pieces");
     }
   }
 

@@ -1,10 +1,11 @@
-// mot_lint.cpp - one function per kind of mistake. Read mot_lint.h first.
-#include "tools/eval/mot/mot_lint.h"
+// mot_lint.cpp - one function per kind of mistake. Read mot_files.h first.
 
 #include <algorithm>
 #include <set>
 
-#include "tools/eval/mot/mot_overlap.h"
+#include "tools/common/text.h"
+#include "tools/eval/mot/mot_clip.h"
+#include "tools/eval/mot/mot_files.h"
 
 namespace olvex_tools {
 
@@ -67,9 +68,10 @@ class Lint {
     }
     if (!repeated.empty()) {
       add("repeated_ids", result_,
-          std::to_string(repeated.size()) + " rows repeat an id of their frame, first " +
-              row_text(repeated.front()) +
-              "; they are left out. Are two results in the file? Write each to a file of its own.");
+          counted(repeated.size(), "row repeats an id of its", "rows repeat an id of their") +
+              " frame, first " + row_text(repeated.front()) +
+              (repeated.size() == 1 ? "; it is" : "; they are") +
+              " left out. Are two results in the file? Write each to a file of its own.");
     }
     result_.rows = std::move(kept);
   }
@@ -102,10 +104,11 @@ class Lint {
     };
     const auto first = std::find_if(file.rows.begin(), file.rows.end(), is_empty);
     if (first != file.rows.end()) {
+      const auto count = std::count_if(first, file.rows.end(), is_empty);
       add("boxes_without_area", file,
-          std::to_string(std::count_if(first, file.rows.end(), is_empty)) +
-              " boxes of a width or height of 0 or less, first " + row_text(*first) +
-              "; they match nothing. Columns 3 to 6 are left, top, width and height, not corners.");
+          counted(count, "box", "boxes") + " of a width or height of 0 or less, first " +
+              row_text(*first) + (count == 1 ? "; it matches" : "; they match") +
+              " nothing. Columns 3 to 6 are left, top, width and height, not corners.");
     }
   }
 
@@ -117,11 +120,12 @@ class Lint {
     const auto first = std::find_if(result_.rows.begin(), result_.rows.end(),
                                     [&](const MotRow& row) { return row.frame > last; });
     if (first != result_.rows.end()) {
+      const auto count = result_.rows.end() - first;
       add("frames_beyond_truth", result_,
-          std::to_string(result_.rows.end() - first) + " boxes lie behind the truth's last frame " +
+          counted(count, "box lies", "boxes lie") + " behind the truth's last frame " +
               std::to_string(last) + ", first " + row_text(*first) +
-              "; they count as false. Are both files of one clip? To stop in time, use run "
-              "--limit " +
+              (count == 1 ? "; it counts" : "; they count") +
+              " as false. Are both files of one clip? To stop in time, use run --limit " +
               std::to_string(last) + ".");
     }
   }

@@ -1,17 +1,30 @@
 // mot_metrics.h - all metrics of tracks, and how several clips become one value.
-// Read mot_clear.h, mot_identity.h and mot_hota.h for where the counts come from.
+// Read mot_clear.h and mot_hota.h for where the other counts come from.
 #ifndef TOOLS_EVAL_MOT_MOT_METRICS_H
 #define TOOLS_EVAL_MOT_MOT_METRICS_H
 
 #include <string>
 #include <vector>
 
-#include "tools/common/metric_minimums.h"
+#include "tools/common/evaluation.h"
 #include "tools/eval/mot/mot_clear.h"
 #include "tools/eval/mot/mot_hota.h"
-#include "tools/eval/mot/mot_identity.h"
 
 namespace olvex_tools {
+
+// How much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
+// C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
+// 2016.
+struct IdentityCounts {
+  long matches = 0;      // IDTP
+  long misses = 0;       // IDFN
+  long false_boxes = 0;  // IDFP
+
+  void add(const IdentityCounts& other);
+};
+
+// Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
+IdentityCounts identity_matches(const MotClip& clip);
 
 struct MotScores {
   ClearCounts clear;

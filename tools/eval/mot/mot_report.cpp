@@ -3,12 +3,11 @@
 #include "tools/eval/mot/mot_report.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
-#include "tools/common/standard_output.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -56,15 +55,6 @@ std::string padded_left(const std::string& text, std::size_t width) {
 
 std::string padded_right(const std::string& text, std::size_t width) {
   return text + std::string(width - std::min(width, text.size()), ' ');
-}
-
-std::string metric_text(const std::optional<double>& value) {
-  if (!value) {
-    return "-";
-  }
-  char text[64];
-  std::snprintf(text, sizeof text, "%.3f", *value);
-  return text;
 }
 
 std::string metrics_table(const std::vector<TableRow>& rows, std::size_t name_width) {

@@ -1,11 +1,11 @@
-// mot_timeline.cpp - the picture as SVG elements, one string each. Read mot_timeline.h first.
-#include "tools/eval/mot/mot_timeline.h"
+// mot_timeline.cpp - the picture as SVG elements, one string each. Read mot_report.h first.
+#include "tools/eval/mot/mot_report.h"
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
-#include <nlohmann/json.hpp>
+#include "tools/common/svg.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -23,37 +23,6 @@ constexpr double kPlotNarrowest = 900;
 constexpr double kPlotWidest = 12000;
 constexpr double kFrameWidth = 2;  // wanted, within those
 constexpr double kTickDistance = 60;
-
-template <typename... Values>
-std::string format(const char* pattern, Values... values) {
-  char text[512];
-  std::snprintf(text, sizeof text, pattern, values...);
-  return text;
-}
-
-// As XML text; file names need not be UTF-8, XML must be.
-std::string escaped(const std::string& text) {
-  using Json = nlohmann::json;
-  const std::string sound =
-      Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
-  std::string result;
-  for (const char letter : sound) {
-    switch (letter) {
-      case '&':
-        result += "&amp;";
-        break;
-      case '<':
-        result += "&lt;";
-        break;
-      case '>':
-        result += "&gt;";
-        break;
-      default:
-        result += static_cast<unsigned char>(letter) < ' ' ? '?' : letter;
-    }
-  }
-  return result;
-}
 
 // Neighbouring ids get far apart hues: steps of the golden angle never come near each other soon.
 std::string colour_of(long result_id) {
@@ -87,18 +56,13 @@ class Timeline {
     const double width = kLabelsWidth + plot_width_ + kRightMargin;
     const double height =
         kHeaderHeight + kRowHeight * static_cast<double>(clip_.objects.size()) + 10;
-    svg_ = format(
-        "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 %.0f %.0f\" width=\"%.0f\" "
-        "height=\"%.0f\" font-family=\"sans-serif\" font-size=\"11\">\n"
-        "<rect width=\"100%%\" height=\"100%%\" fill=\"white\"/>\n",
-        width, height, width, height);
-    svg_ += "<text x=\"8\" y=\"18\" font-size=\"13\">" + escaped(title) + "</text>\n";
+    svg_ = svg_element("text", "x=\"8\" y=\"18\" font-size=\"13\"", xml_text(title));
     draw_legend();
     draw_ticks(height);
     for (std::size_t i = 0; i < clip_.objects.size(); ++i) {
       draw_object(clip_.objects[i], runs_[i], kHeaderHeight + kRowHeight * static_cast<double>(i));
     }
-    return svg_ + "</svg>\n";
+    return svg_document(width, height, 11, svg_);
   }
 
  private:
@@ -106,27 +70,30 @@ class Timeline {
     return kLabelsWidth + static_cast<double>(frame - frames_.first) * frame_width_;
   }
 
-  void draw_text(double x, double y, const char* attributes, const std::string& text) {
-    svg_ += format("<text x=\"%.1f\" y=\"%.1f\" %s>", x, y, attributes) + text + "</text>\n";
+  void draw_text(double x, double y, const std::string& attributes, const std::string& text) {
+    svg_ += svg_element("text", format("x=\"%.1f\" y=\"%.1f\"", x, y) + attributes, text);
   }
 
-  void draw_line(double left, double right, double y, const char* attributes) {
-    svg_ += format("<line x1=\"%.1f\" x2=\"%.1f\" y1=\"%.1f\" y2=\"%.1f\" %s/>\n", left, right, y,
-                   y, attributes);
+  void draw_line(double left, double right, double top, double bottom,
+                 const std::string& attributes) {
+    svg_ += svg_element("line", format("x1=\"%.1f\" x2=\"%.1f\" y1=\"%.1f\" y2=\"%.1f\" ", left,
+                                       right, top, bottom) +
+                                    attributes);
   }
 
   void draw_bar(double left, double right, double y, const std::string& colour,
                 const std::string& tooltip) {
-    svg_ += format("<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"%s\">", left,
-                   y, right - left, kBarHeight, colour.c_str()) +
-            "<title>" + tooltip + "</title></rect>\n";
+    svg_ += svg_element("rect",
+                        format("x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"%s\"",
+                               left, y, right - left, kBarHeight, colour.c_str()),
+                        "<title>" + tooltip + "</title>");
   }
 
   // A line across the beginning of a bar, on a triangle below it.
   void draw_switch(double x, double bar_top) {
-    svg_ +=
-        format("<path d=\"M%.1f %.1fv%.1fl-4 7h8l-4 -7\" fill=\"#d00000\" stroke=\"#d00000\"/>\n",
-               x, bar_top - 1, kBarHeight + 2);
+    svg_ += svg_element(
+        "path", format("d=\"M%.1f %.1fv%.1fl-4 7h8l-4 -7\" fill=\"#d00000\" stroke=\"#d00000\"", x,
+                       bar_top - 1, kBarHeight + 2));
   }
 
   void draw_legend() {
@@ -135,9 +102,9 @@ class Timeline {
     constexpr double kTextLine = kTop + kBarHeight;
     draw_bar(8, 38, kTop, colour_of(1), "found");
     draw_text(44, kTextLine, "", "found, with the result's id");
-    draw_line(200, 230, kMiddle, kMissedStroke);
+    draw_line(200, 230, kMiddle, kMiddle, kMissedStroke);
     draw_text(236, kTextLine, "", "in the truth");
-    draw_line(320, 350, kMiddle, kIgnoredStroke);
+    draw_line(320, 350, kMiddle, kMiddle, kIgnoredStroke);
     draw_text(356, kTextLine, "", "to be ignored");
     draw_switch(450, kTop);
     draw_text(458, kTextLine, "", "id switch");
@@ -148,25 +115,24 @@ class Timeline {
     for (long frame = (frames_.first + step - 1) / step * step; frame <= frames_.last;
          frame += step) {
       const double x = x_of(frame) + frame_width_ / 2;
-      svg_ += format("<line x1=\"%.1f\" x2=\"%.1f\" y1=\"%.1f\" y2=\"%.1f\" stroke=\"#e4e4e4\"/>\n",
-                     x, x, kHeaderHeight - 6, height - 8);
-      draw_text(x, kHeaderHeight - 10, "text-anchor=\"middle\" fill=\"#606060\"",
+      draw_line(x, x, kHeaderHeight - 6, height - 8, "stroke=\"#e4e4e4\"");
+      draw_text(x, kHeaderHeight - 10, " text-anchor=\"middle\" fill=\"#606060\"",
                 std::to_string(frame));
     }
-    draw_text(kLabelsWidth - 8, kHeaderHeight - 10, "text-anchor=\"end\" fill=\"#606060\"",
+    draw_text(kLabelsWidth - 8, kHeaderHeight - 10, " text-anchor=\"end\" fill=\"#606060\"",
               "frame");
   }
 
   void draw_object(const ClipObject& object, const std::vector<FoundRun>& runs, double top) {
     const double bar_top = top + kBarTop;
     const double middle = bar_top + kBarHeight / 2;
-    draw_text(kLabelsWidth - 8, bar_top + kBarHeight, "text-anchor=\"end\"",
+    draw_text(kLabelsWidth - 8, bar_top + kBarHeight, " text-anchor=\"end\"",
               "class " + std::to_string(object.class_id) + "  id " + std::to_string(object.id));
     for (const FrameSpan& span : object.ignored) {
-      draw_line(x_of(span.first), x_of(span.last + 1), middle, kIgnoredStroke);
+      draw_line(x_of(span.first), x_of(span.last + 1), middle, middle, kIgnoredStroke);
     }
     for (const FrameSpan& span : object.present) {
-      draw_line(x_of(span.first), x_of(span.last + 1), middle, kMissedStroke);
+      draw_line(x_of(span.first), x_of(span.last + 1), middle, middle, kMissedStroke);
     }
     double text_end = 0;
     for (std::size_t i = 0; i < runs.size(); ++i) {
@@ -179,7 +145,7 @@ class Timeline {
         draw_switch(left, bar_top);
       }
       if (left >= text_end) {
-        draw_text(left, bar_top - 2, "font-size=\"9\"", id);
+        draw_text(left, bar_top - 2, " font-size=\"9\"", id);
         text_end = left + kDigitWidth * static_cast<double>(id.size()) + 2;
       }
     }

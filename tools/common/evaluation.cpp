@@ -1,14 +1,15 @@
-// metric_minimums.cpp - parsing and checking of --min. Read metric_minimums.h first.
-#include "tools/common/metric_minimums.h"
+// evaluation.cpp - warnings on the screen, parsing and checking of --min. Read evaluation.h first.
+#include "tools/common/evaluation.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
-#include <CLI/CLI.hpp>
-
+#include "tools/common/output_file.h"
+#include "tools/common/standard_output.h"
 #include "tools/common/suggestion.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -24,23 +25,21 @@ double parse_value(const std::string& option, const std::string& text) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
   if (text.empty() || *end != '\0' || !std::isfinite(value)) {
-    refuse(option + ": \"" + text + "\" is not a number; give METRIC=VALUE, as in --min AP50=0.6.");
+    refuse(option + ": \"" + text + "\" is not a number; give METRIC=VALUE, as in --min AP50=0.6");
   }
   return value;
 }
 
-std::string joined(const std::vector<std::string>& names) {
-  std::string text;
-  for (std::size_t i = 0; i < names.size() && i < kNamesListed; ++i) {
-    text += (i == 0 ? "" : ", ") + names[i];
+std::string listed(std::vector<std::string> names) {
+  if (names.size() > kNamesListed) {
+    names.resize(kNamesListed);
+    names.push_back("...");
   }
-  return names.size() > kNamesListed ? text + ", ..." : text;
+  return join(names, ", ");
 }
 
 std::string decimal(double value, int digits) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.*g", digits, value);
-  return text;
+  return format("%.*g", digits, value);
 }
 
 // As few digits as leave the value and its minimum different.
@@ -61,13 +60,17 @@ const Metric& metric_of(const MetricMinimum& minimum, const std::vector<Metric>&
 
 }  // namespace
 
-void add_minimum_option(CLI::App* command, std::vector<std::string>* texts) {
-  command
-      ->add_option("--min", *texts,
-                   "Exit with code 1 when the metric is below the value or undefined; may be "
-                   "given many times")
-      ->type_name("METRIC=VALUE")
-      ->allow_extra_args(false);
+void print_findings(const std::string& command, const std::vector<LintFinding>& findings) {
+  for (const LintFinding& finding : findings) {
+    std::fprintf(stderr, "%s: warning: %s: %s\n", command.c_str(), one_line(finding.file).c_str(),
+                 one_line(finding.message).c_str());
+  }
+}
+
+void add_minimum_option(OptionTable* options, std::vector<std::string>* texts) {
+  const char help[] =
+      "Exit with code 1 when the metric is below the value or undefined; may be given many times";
+  options->add("--min", "METRIC=VALUE", texts, help).repeats();
 }
 
 std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts) {
@@ -76,7 +79,7 @@ std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts)
     const std::string option = "--min " + text;
     const std::size_t sign = text.rfind('=');  // a class may have one in its name
     if (sign == std::string::npos || sign == 0) {
-      refuse(option + ": give METRIC=VALUE, as in --min AP50=0.6.");
+      refuse(option + ": give METRIC=VALUE, as in --min AP50=0.6");
     }
     minimums.push_back({text.substr(0, sign), parse_value(option, text.substr(sign + 1))});
   }
@@ -89,8 +92,25 @@ void require_known_metrics(const std::vector<MetricMinimum>& minimums,
     if (std::find(known_names.begin(), known_names.end(), minimum.name) != known_names.end()) {
       continue;
     }
-    refuse("--min " + minimum.name + ": there is no such metric." +
-           did_you_mean(minimum.name, known_names) + "\nMetrics: " + joined(known_names));
+    refuse("--min " + minimum.name + ": there is no such metric" +
+           did_you_mean(minimum.name, known_names) + "\nMetrics: " + listed(known_names));
+  }
+}
+
+std::string metric_text(const std::optional<double>& value, const char* pattern) {
+  if (!value) {
+    return "-";
+  }
+  char text[64];
+  std::snprintf(text, sizeof text, pattern, *value);
+  return text;
+}
+
+void print_report(const std::string& text, const std::vector<std::string>& outputs) {
+  if (std::find(outputs.begin(), outputs.end(), kStandardOutput) != outputs.end()) {
+    std::fputs(text.c_str(), stderr);
+  } else {
+    print_result(text);
   }
 }
 

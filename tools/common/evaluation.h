@@ -1,0 +1,64 @@
+// evaluation.h - what both subcommands of eval share: warnings of probable mistakes in the files, and the
+// option --min METRIC=VALUE, values that an evaluation must reach.
+// Read eval_coco_command.cpp for their use.
+#ifndef TOOLS_COMMON_EVALUATION_H
+#define TOOLS_COMMON_EVALUATION_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/common/command.h"
+#include "tools/common/options.h"
+
+namespace olvex_tools {
+
+struct LintFinding {
+  std::string kind;       // one of the words in the report's schema
+  std::string file;       // path as given
+  std::size_t count = 0;  // boxes, pictures or ids concerned; 0: it is about the file as a whole
+  std::string message;    // what was found, with an example, and what to change
+};
+
+// One line each on standard error. command: as the user types it, as in "olvex-det eval mot".
+void print_findings(const std::string& command, const std::vector<LintFinding>& findings);
+
+struct Metric {
+  std::string name;
+  std::optional<double> value;  // empty: undefined, for want of truth
+};
+
+struct MetricMinimum {
+  std::string name;
+  double value = 0;
+};
+
+// Declares the option, which may be given many times; its values go to *texts.
+void add_minimum_option(OptionTable* options, std::vector<std::string>* texts);
+
+// Takes METRIC=VALUE apart. Throws ToolError (kUsageError) for another form, or when VALUE is not a
+// finite number.
+std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts);
+
+// Throws ToolError (kUsageError) for a minimum that is of none of the metrics.
+void require_known_metrics(const std::vector<MetricMinimum>& minimums,
+                           const std::vector<std::string>& known_names);
+
+// One line on standard error for each minimum that its metric misses; an undefined metric misses.
+// Returns kCheckFailed when there was one, else kDone. Requires: require_known_metrics passed.
+ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
+                        const std::vector<Metric>& metrics);
+
+// "0.853", or "-" where there is no value.
+std::string metric_text(const std::optional<double>& value, const char* pattern = "%.3f");
+
+// Prints a report, on standard error when one of the outputs goes to standard output.
+void print_report(const std::string& text, const std::vector<std::string>& outputs);
+
+// Whether the metric of that name reaches its minimum.
+bool is_met(const MetricMinimum& minimum, const std::vector<Metric>& metrics);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_EVALUATION_H

@@ -1,0 +1,39 @@
+// text.h - texts for messages and reports: numbers, counts, lists, and names from files made safe to show.
+// Read common/suggestion.h for what a misspelt word was meant to be.
+#ifndef TOOLS_COMMON_TEXT_H
+#define TOOLS_COMMON_TEXT_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace olvex_tools {
+
+// As printf, with a result of any length.
+std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+
+// "1 box", "2 boxes".
+template <typename Count>
+std::string counted(Count count, const std::string& one, const std::string& many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
+std::string join(const std::vector<std::string>& words, const std::string& separator);
+std::vector<std::string> split(const std::string& text, char separator);
+std::string in_lower_case(std::string text);
+
+// Names come from files and may hold any bytes. Control characters, which could steer the terminal,
+// become question marks: all but line ends, or in one_line all.
+std::string printable(const std::string& text);
+std::string one_line(const std::string& text);
+
+// The first letters of a text in UTF-8, with ending behind them when that is not all.
+std::string shortened(std::string_view text, std::size_t letters, const std::string& ending);
+
+// Letters on the screen: bytes that continue a UTF-8 letter take no room.
+std::size_t width_of(const std::string& text);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_TEXT_H

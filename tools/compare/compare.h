@@ -1,0 +1,69 @@
+// compare.h - runs read back, the frames of them that are shown, and the sheet that shows them.
+// compare_run.cpp reads, compare_choice.cpp chooses, compare_sheet.cpp draws; compare_command.cpp calls them.
+#ifndef TOOLS_COMPARE_COMPARE_H
+#define TOOLS_COMPARE_COMPARE_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "tools/frames/frame_record.h"
+
+namespace olvex_tools {
+
+class FrameSource;
+
+// One run to compare: what olvex-det run --jsonl wrote, read back.
+struct ComparedRun {
+  std::string label;
+  std::string path;
+  std::vector<std::string> class_names;  // by class id; empty where the file names none
+  std::vector<FrameRecord> frames;       // one per line of the file; their numbers rise
+};
+
+// Throws ToolError (kInputError) with file and line when it is not what olvex-det run writes.
+ComparedRun read_compared_run(const std::string& label, const std::string& path);
+
+// The frame of that number, or null where the run has none.
+const FrameRecord* find_frame(const ComparedRun& run, long number);
+
+// "tracked.jsonl:12", the place of one of the run's frames. Requires: frame is one of them.
+std::string place_of(const ComparedRun& run, const FrameRecord& frame);
+
+// One frame as each run saw it, in the order of the runs.
+struct ComparedFrame {
+  long number = 0;
+  std::vector<const FrameRecord*> records;
+  // Per run, its boxes that lack a counterpart in at least one other run: a box of the same class
+  // that overlaps by half (IoU) or more.
+  std::vector<std::size_t> boxes_alone;
+};
+
+// Splits the frames that all runs hold into so many equal parts and takes from each the one with the
+// most boxes alone, at least half a part behind the one before; where several have as many, the one
+// nearest to the part's middle. Throws ToolError (kInputError) when the runs share no frame or are not of one
+// picture size. Requires: runs is not empty and lives as long as the result; count is above 0.
+std::vector<ComparedFrame> choose_frames(const std::vector<ComparedRun>& runs, std::size_t count);
+
+// The frames of those numbers. Throws ToolError (kInputError) when a run lacks one, or when the
+// runs are not of one picture size there.
+std::vector<ComparedFrame> named_frames(const std::vector<ComparedRun>& runs,
+                                        const std::vector<long>& numbers);
+
+// The sheet: a row per frame, a column per run, boxes drawn as run draws them.
+// input    how messages call the source
+// display  picture size that the boxes are scaled to; without it the source's own
+// frames   not empty; their numbers rise
+// Reads the source up to the last of the frames. Throws ToolError (kInputError) when it ends before
+// that, or when the boxes are for another picture size.
+cv::Mat draw_compare_sheet(const std::string& input, FrameSource* source,
+                           const std::optional<cv::Size>& display,
+                           const std::vector<ComparedRun>& runs,
+                           const std::vector<ComparedFrame>& frames);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMPARE_COMPARE_H
