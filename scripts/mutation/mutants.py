@@ -3,6 +3,7 @@
 The tokenizer relies on the layout that .clang-format gives: binary operators stand between blanks, the
 brackets of templates do not.
 """
+import bisect
 import collections
 import re
 import zlib
@@ -43,6 +44,8 @@ TOKEN = re.compile(r"""
 """, re.VERBOSE | re.DOTALL)
 
 Token = collections.namedtuple("Token", "kind text start end")
+# A statement or what stands before a brace: where it begins and ends, and the function or class around it.
+Segment = collections.namedtuple("Segment", "start end scope")
 # The first and the last token of a statement, the blocks of the function around it, and the block.
 Statement = collections.namedtuple("Statement", "first last depth block")
 Mutant = collections.namedtuple("Mutant", "file kind start end new")
@@ -100,6 +103,49 @@ def statements_of(tokens):
         elif token.text == ";" and around != "list" and brackets == 0:
             if around == "block" and start < k:
                 found.append(Statement(start, k, braces.count("block"), block))
+            start = k + 1
+    return found
+
+
+def scope_of(header, opens):
+    """The name that a brace gives to what it holds: of a function or a class, "" of everything else."""
+    words = [token.text for token in header]
+    if opens == "block" and "operator" in words:
+        return "".join(words[words.index("operator"):words.index("(", words.index("operator") + 2)])
+    if opens == "block":
+        name = re.search(r"(?:[A-Za-z_]\w*(?: < [^()<>]* >)? :: )*(?:~ )?\w+$", " ".join(words[:words.index("(")]))
+        return re.sub(r" < .*? >| ", "", name[0]) if name else ""
+    keywords = [k for k, word in enumerate(words) if word in ("class", "struct", "union")]
+    if opens == "outer" and keywords:
+        end = words.index(":") if ":" in words else len(words)
+        return [word for word in words[keywords[-1] + 1:end] if word != "final"][-1:][0]
+    return ""
+
+
+def segments_of(tokens):
+    """The parts of a source between semicolons, labels and braces; those of lists of values do not count."""
+    found, braces, brackets, start = [], [], 0, 0
+    for k, token in enumerate(tokens):
+        around = braces[-1][0] if braces else "outer"
+        brackets += {"(": 1, ")": -1}.get(token.text, 0)
+        scope = "::".join(name for _, name in braces if name) or "-"
+        if token.text == "{":
+            opens = brace_opens(tokens[start:k], around, brackets > 0)
+            named = scope_of(tokens[start:k], opens) if around == "outer" else ""
+            braces.append((opens, named))
+            ends = opens != "list" and around != "list"
+            if named:
+                scope = "::".join(name for _, name in braces if name)
+        elif token.text == "}":
+            braces.pop()
+            ends = around != "list"
+        else:
+            ends = around != "list" and brackets == 0 and (
+                token.text == ";" or token.text == ":" and tokens[start].text in LABELS)
+        if ends:
+            last = k - 1 if token.text in "{}" else k
+            if start <= last:
+                found.append(Segment(tokens[start].start, tokens[last].end, scope))
             start = k + 1
     return found
 
@@ -235,19 +281,43 @@ def mutants_of(file, source):
                   [*token_mutants(source, tokens), *statement_mutants(source, tokens)])
 
 
+def without_comments(source):
+    """The source with blanks in the place of comments and directives."""
+    return TOKEN.sub(lambda m: re.sub(r"[^\n]", " ", m[0]) if m.lastgroup == "skip" else m[0], source)
+
+
+def bare(text):
+    """A text without the blanks that no compiler needs: layout does not count."""
+    return re.sub(r"(?<!\w)\s+|\s+(?!\w)", "", text)
+
+
+class Places:
+    """Says of the changes of one source where they stand, in words that a move or another layout leaves
+    as they are: the function or class, and the statement."""
+
+    def __init__(self, source):
+        self.code = without_comments(source)
+        self.segments = segments_of(tokens_of(source))
+        self.starts = [segment.start for segment in self.segments]
+        self.keys = [(s.scope, bare(self.code[s.start:s.end])) for s in self.segments]
+
+    def describe(self, mutant):
+        """The scope, the statement before and the one after, with as many above as make it the only one."""
+        first = max(bisect.bisect_right(self.starts, mutant.start) - 1, 0)
+        last = max(bisect.bisect_right(self.starts, mutant.end - 1) - 1, 0)
+        while first > 0 and self.occurrences(self.keys[first:last + 1]) > 1:
+            first -= 1
+        begin, end = self.segments[first].start, max(self.segments[last].end, mutant.end)
+        after = self.code[begin:mutant.start] + without_comments(mutant.new) + self.code[mutant.end:end]
+        before = " ".join(self.code[begin:end].split())
+        return self.segments[last].scope, before, " ".join(after.split())
+
+    def occurrences(self, keys):
+        return sum(1 for k in range(len(self.keys) - len(keys) + 1) if self.keys[k:k + len(keys)] == keys)
+
+
 def apply(mutant, source):
     return source[:mutant.start] + mutant.new + source[mutant.end:]
-
-
-def changed_lines(mutant, source, blanked):
-    """The lines before and after, as one with single blanks, from as far above as makes them the only ones
-    of the file: what a reader, and equivalent.txt, see of it. blanked is the source with single blanks."""
-    begin, end = mutant.start + 1, source.find("\n", mutant.end)
-    before = ""
-    while not before or (blanked.count(before) > 1 and begin > 0):
-        begin = source.rfind("\n", 0, begin - 1) + 1
-        before = " ".join(source[begin:end].split())
-    return before, " ".join((source[begin:mutant.start] + mutant.new + source[mutant.end:end]).split())
 
 
 def line_number(mutant, source):

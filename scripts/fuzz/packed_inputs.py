@@ -1,0 +1,130 @@
+#!/usr/bin/env python3
+"""Many inputs of a fuzzer in one file, fuzz/corpus/FUZZER.inputs, as fuzz/replay.cpp reads them.
+
+  scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each
+  scripts/fuzz/packed_inputs.py unpack FILE FOLDER  # a file for each
+  scripts/fuzz/packed_inputs.py pack FOLDER FILE    # and back
+  scripts/fuzz/packed_inputs.py self-test REPLAY    # both readers refuse a damaged file; REPLAY: a fuzzer's program
+
+The file: a line "olvex inputs 1"; a line with the number of inputs and the CRC-32, in hexadecimal, of all
+that follows; then of each input, in the order of their names, a line "SIZE NAME" and its SIZE bytes. The
+name "-" stands for the SHA-1 of the bytes, which is the name that libFuzzer gives.
+"""
+import argparse
+import hashlib
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import zlib
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+import common  # noqa: E402
+
+HEAD = re.compile(rb"olvex inputs 1\n(\d+) ([0-9a-f]{8})\n")
+ENTRY = re.compile(rb"(\d+) (\S+)\n")
+
+
+class Damaged(common.Failure):
+    """A packed file that does not hold what it says."""
+
+    def __init__(self, path):
+        super().__init__(f"{path} is damaged: take it from the repository again")
+
+
+def read(path):
+    """{name: bytes} of a packed file, in its order."""
+    packed = path.read_bytes()
+    head = HEAD.match(packed)
+    if not head or zlib.crc32(packed[head.end():]) != int(head[2], 16):
+        raise Damaged(path)
+    inputs, at = {}, head.end()
+    while at < len(packed):
+        entry = ENTRY.match(packed, at)
+        if not entry or entry.end() + int(entry[1]) > len(packed):
+            raise Damaged(path)
+        at = entry.end() + int(entry[1])
+        content = packed[entry.end():at]
+        inputs[hashlib.sha1(content).hexdigest() if entry[2] == b"-" else entry[2].decode()] = content
+    if len(inputs) != int(head[1]):
+        raise Damaged(path)
+    return inputs
+
+
+def write(path, inputs):
+    """Replaces a packed file by these inputs: it is the old one or the new one, whatever happens."""
+    entries = b""
+    for name, content in sorted(inputs.items()):
+        kept = "-" if name == hashlib.sha1(content).hexdigest() else name
+        entries += f"{len(content)} {kept}\n".encode() + content
+    partial = path.with_name(path.name + ".partial")
+    partial.write_bytes(f"olvex inputs 1\n{len(inputs)} {zlib.crc32(entries):08x}\n".encode() + entries)
+    os.replace(partial, path)
+
+
+def unpack(path, folder):
+    folder.mkdir(parents=True, exist_ok=True)
+    for name, content in read(path).items():
+        (folder / name).write_bytes(content)
+
+
+def pack(folder, path):
+    inputs = {file.name: file.read_bytes() for file in folder.iterdir()}
+    if any(re.search(r"\s", name) for name in inputs):
+        raise common.Failure(f"{folder}: the name of an input may hold no blank")
+    write(path, inputs)
+
+
+def show(path):
+    for number, (name, content) in enumerate(read(path).items(), 1):
+        print(f"{number} {len(content)} {name}")
+
+
+def refuses(path, replay):
+    """Whether this module and the program both call a file damaged."""
+    result = subprocess.run([replay, path], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+    assert result.returncode in (0, 1), result.stderr
+    try:
+        read(path)
+    except Damaged as damage:
+        assert result.returncode == 1 and str(damage) == result.stderr.strip(), result.stderr
+        return True
+    assert result.returncode == 0, f"{replay} alone refuses: {result.stderr}"
+    return False
+
+
+def self_test(replay):
+    inputs = {"named": b"text\n2 -\n", "zero": b"", hashlib.sha1(b"\0\xff").hexdigest(): b"\0\xff"}
+    with tempfile.TemporaryDirectory() as folder:
+        path = pathlib.Path(folder) / "test.inputs"
+        write(path, inputs)
+        assert list(read(path).items()) == sorted(inputs.items()) and not refuses(path, replay)
+        whole = path.read_bytes()
+        damages = [whole[:size] for size in range(len(whole))] + [whole + b"x"]
+        damages += [whole[:k] + bytes([whole[k] ^ 1]) + whole[k + 1:] for k in range(len(whole))]
+        for head, tail in ((b"4", b""), (b"2", b""), (b"1", b"9 -\nshort"), (b"1", b"18446744073709551615 -\n")):
+            entries = tail or whole[HEAD.match(whole).end():]
+            damages.append(b"olvex inputs 1\n" + head + b" %08x\n" % zlib.crc32(entries) + entries)
+        for damage in damages:
+            path.write_bytes(damage)
+            assert refuses(path, replay), damage
+    print(f"{len(damages)} damaged files are refused")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    commands = parser.add_subparsers(dest="command", required=True)
+    for name, call, operands in (("list", show, ["FILE"]), ("unpack", unpack, ["FILE", "FOLDER"]),
+                                 ("pack", pack, ["FOLDER", "FILE"]), ("self-test", self_test, ["REPLAY"])):
+        command = commands.add_parser(name)
+        command.set_defaults(call=call, operands=operands)
+        for operand in operands:
+            command.add_argument(operand, type=pathlib.Path)
+    arguments = parser.parse_args()
+    arguments.call(*(getattr(arguments, operand) for operand in arguments.operands))
+
+
+if __name__ == "__main__":
+    common.run_script(main)
