@@ -1,5 +1,5 @@
 // model_words.h - the words by which the pairs in front of a model say what it puts out: the one table of
-// them. model_type.cpp and class_mapping.cpp read the pairs; the tools and tests read the table, too.
+// them. output_type.cpp and class_mapping.cpp read the pairs; the tools and tests read the table, too.
 #ifndef BASE_SDET_MODEL_WORDS_H
 #define BASE_SDET_MODEL_WORDS_H
 

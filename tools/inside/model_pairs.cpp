@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "base/sdet/model_words.h"
+#include "base/sdet/start_pattern.h"
 #include "tools/common/command.h"
 #include "tools/common/text.h"
 
@@ -14,7 +16,6 @@ namespace olvex_tools {
 namespace {
 
 constexpr std::size_t kLongestText = 127;  // bytes of a key or value that the library keeps
-const char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
 
 // Why the library would not read the text back as it is; empty when it would.
 std::string fault_of(const std::string& text) {

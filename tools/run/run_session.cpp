@@ -249,7 +249,7 @@ class Session {
       const std::string end = options_.input + ": ended after " + std::to_string(read) + " of " +
                               std::to_string(*length) + " frames; ";
       if (source_->is_whole()) {
-        progress_.notice(end + "the file is whole, so it counts frames that it does not show");
+        progress_.notice(end + "the file is whole, so it counts frames that it does not show.");
         return;
       }
       input_failed_ = true;
