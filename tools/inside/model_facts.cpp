@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstring>
 
-#include "base/sdet/model_words.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "base/sdet/model_words.h"
 #include "base/sdet/start_pattern.h"
 #include "tools/common/command.h"
 #include "tools/common/text.h"

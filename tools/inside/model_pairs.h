@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/sdet/model_words.h"
 #include "base/sdet/sdet_model.h"
 
 namespace olvex_tools {
