@@ -71,6 +71,7 @@ uint64_t find_stops(const float* scores, ptrdiff_t count, float pivot, Passes pa
   for (; k < count; ++k) {
     passed |= static_cast<uint64_t>(passes(scores[k], pivot)) << k;
   }
+  // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): count is 1 to kBlock
   const uint64_t all = ~static_cast<uint64_t>(0) >> (kBlock - count);
   return ~passed & all;
 }
