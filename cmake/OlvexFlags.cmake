@@ -2,6 +2,8 @@
 #   olvex_warnings   what our own sources are compiled with
 #   olvex_numbers    what keeps floating-point results the same on every machine
 #   olvex_hardening  what is shipped: a fault of memory is to end the process, not to be of use
+#   olvex_quick_build    what is not shipped and need not be fast: tests and fuzzers
+#   olvex_quick_sanitizer_build    the same for olvex-det, only under the sanitizers
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 
@@ -48,6 +50,17 @@ if(OLVEX_HARDENING AND NOT OLVEX_SANITIZERS AND NOT OLVEX_COVERAGE AND
     $<$<BOOL:${OLVEX_HAS_STACK_CLASH_PROTECTION}>:-fstack-clash-protection>)
   target_link_options(olvex_hardening INTERFACE
     "LINKER:-z,relro,-z,now,-z,noexecstack,-z,separate-code")
+endif()
+
+# The compiler takes four times as long for an optimised source with sanitizers as for a plain one, and a
+# test program spends its time in the library.
+add_library(olvex_quick_build INTERFACE)
+add_library(olvex_quick_sanitizer_build INTERFACE)
+if(OLVEX_SANITIZERS AND NOT OLVEX_BUILD_FUZZERS)
+  target_compile_options(olvex_quick_build INTERFACE -O0)
+  target_compile_options(olvex_quick_sanitizer_build INTERFACE -O0)
+elseif(NOT OLVEX_BUILD_FUZZERS AND NOT OLVEX_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_options(olvex_quick_build INTERFACE -O1)
 endif()
 
 if(OLVEX_COVERAGE)

@@ -22,7 +22,7 @@ function(olvex_add_test)
   target_include_directories(${arg_NAME} PRIVATE "${PROJECT_SOURCE_DIR}"
                                                  "${PROJECT_BINARY_DIR}/generated")
   target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} GTest::gtest_main olvex_warnings
-                                            olvex_numbers)
+                                            olvex_numbers olvex_quick_build)
   gtest_discover_tests(${arg_NAME} DISCOVERY_MODE PRE_TEST
-                       PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 120)
+                       PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 600)
 endfunction()
