@@ -89,7 +89,7 @@ olvex::vector<BoxInfo> crowded_boxes(int count, int which);
 // Boxes that hardly meet: count objects on a loose grid, at one moment of a slow movement.
 constexpr int kMoments = 32;
 olvex::vector<BoxInfo> apart_boxes(int count, int moment = 0);
-// The same as one frame of the tracker, by falling score.
+// The same as one frame of the tracker, by descending score.
 TrackFrames tracker_frame(int count, int moment);
 
 // Tensors that the accelerator has decoded: boxes, classes or key points, scores, indices, count.

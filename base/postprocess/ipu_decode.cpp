@@ -1,6 +1,6 @@
 // ipu_decode.cpp - box lists that the accelerator has already decoded, thresholded and selected, in two
-// steps: the rows that reach the threshold, then a list of just their number. See det_postprocess.h, and
-// ipu_layout.h for the tensors.
+// steps: the rows that reach the threshold, then a list of just their number. ipu_layout.h
+// has the tensors.
 #include "base/postprocess/det_postprocess.h"
 
 #include <stdint.h>

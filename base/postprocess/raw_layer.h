@@ -28,8 +28,8 @@ struct LayerShape {
   int keypoint_values;  // values per key point
 };
 
-// Measures a layer. Returns E_ALGO_SUCCESS, or the code of det_decode_one_layer for one that cannot be decoded,
-// which is logged.
+// Measures a layer. Returns E_ALGO_SUCCESS, or the code of det_decode_one_layer for one that cannot be
+// decoded, which is logged.
 int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape);
 
 // The logit whose sigmoid is the threshold: scores are compared before the exponential.

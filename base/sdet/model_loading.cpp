@@ -1,5 +1,5 @@
-// model_loading.cpp - DetAfModel: a model from its image to an open channel, and who releases the image. See
-// sdet_model.h; sdet_model.cpp runs frames.
+// model_loading.cpp - DetAfModel: a model from its image to an open channel, and who releases the image.
+// sdet_model.cpp runs frames.
 #include "base/sdet/sdet_model.h"
 
 #include <string.h>

@@ -1,5 +1,5 @@
-// frame_converter.h - the camera's frame on one side, the network's input planes on the other.
-// docs/model-images.md shows the frame layouts; channel.h is the user.
+// frame_converter.h - converts the camera's frame to the network's input planes.
+// docs/model-images.md shows the frame layouts; channel.cpp uses it.
 #ifndef PLATFORM_HOST_FRAME_CONVERTER_H
 #define PLATFORM_HOST_FRAME_CONVERTER_H
 

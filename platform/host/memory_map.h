@@ -1,6 +1,6 @@
 // memory_map.h - what of this process's memory can be read without a fault. The library's read
-// callback and the application's frames come as bare addresses, so a truncated model file or a
-// frame that is gone would otherwise end the process. model_source.h, channel.h and the cache flush ask here.
+// callback and the application's frames come as bare addresses, so a truncated model file or an
+// unmapped frame would otherwise end the process. model_source.h, channel.h and the cache flush use it.
 #ifndef PLATFORM_HOST_MEMORY_MAP_H
 #define PLATFORM_HOST_MEMORY_MAP_H
 

@@ -76,7 +76,7 @@ typedef struct QV_IPU_DevAttr_s {
 } QV_IPU_DevAttr_s;
 typedef QV_IPU_DevAttr_s QV_IPU_DevAttr_t;
 
-/* What can be told of a model before a channel is opened for it. */
+/* What is known of a model before a channel is opened for it. */
 typedef struct QV_IPU_OfflineModelStaticInfo_s {
   QV_U32 u32VariableBufferSize; /* bytes of working memory that the model needs */
   QV_U32 u32OfflineModelSize;   /* bytes of the offline model */

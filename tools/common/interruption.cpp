@@ -1,4 +1,4 @@
-// interruption.cpp - the signal handlers. Read interruption.h first.
+// interruption.cpp - the signal handlers.
 #include "tools/common/interruption.h"
 
 #include <atomic>

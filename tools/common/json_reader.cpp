@@ -1,5 +1,5 @@
 // json_reader.cpp - the parser with a callback that checks; for lists it hands each object on when that is
-// complete and drops it from the tree. Read json_reader.h first.
+// complete and drops it from the tree.
 #include "tools/common/json_reader.h"
 
 #include <algorithm>

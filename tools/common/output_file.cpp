@@ -1,4 +1,4 @@
-// output_file.cpp - checked writing through the system's own calls. Read output_file.h first.
+// output_file.cpp - checked writing through the system's own calls.
 #include "tools/common/output_file.h"
 
 #include <cerrno>

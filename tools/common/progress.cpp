@@ -1,4 +1,4 @@
-// progress.cpp - draws the progress line with plain terminal control. Read progress.h first.
+// progress.cpp - draws the progress line with plain terminal control.
 #include "tools/common/progress.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// text.cpp - plain routines over strings. Read text.h first.
+// text.cpp - plain routines over strings.
 #include "tools/common/text.h"
 
 #include <algorithm>

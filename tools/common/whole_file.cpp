@@ -1,5 +1,4 @@
 // whole_file.cpp - whole-file reading, and writing by temporary file and rename.
-// Read whole_file.h first.
 #include "tools/common/whole_file.h"
 
 #include <atomic>

@@ -1,5 +1,4 @@
-// annotation.cpp - drawing with OpenCV's imgproc module, encoding with imgcodecs. Read annotation.h
-// first.
+// annotation.cpp - drawing with OpenCV's imgproc module, encoding with imgcodecs.
 #include "tools/frames/annotation.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // file_source.cpp - frames from files, one each: pictures, or frames that the library dumped.
-// Read frame_source.h first.
+// Declared in frame_source.h.
 #include <algorithm>
 #include <cerrno>
 #include <charconv>

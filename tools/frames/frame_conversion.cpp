@@ -1,5 +1,5 @@
 // frame_conversion.cpp - the formats' memory layouts as OpenCV matrices over one buffer, so that
-// every conversion writes straight into the frame. Read frame_conversion.h first.
+// every conversion writes straight into the frame.
 #include "tools/frames/frame_conversion.h"
 
 #include <algorithm>

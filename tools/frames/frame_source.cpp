@@ -1,4 +1,4 @@
-// frame_source.cpp - finds out what an input is and opens it. Read frame_source.h first.
+// frame_source.cpp - finds out what an input is and opens it.
 #include "tools/frames/frame_source.h"
 
 #include <algorithm>

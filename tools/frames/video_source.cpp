@@ -1,5 +1,5 @@
 // video_source.cpp - frames from a video file or a camera, by OpenCV's videoio module.
-// Read frame_source.h first.
+// Declared in frame_source.h.
 #include <cerrno>
 #include <chrono>
 #include <cmath>

@@ -1,5 +1,5 @@
 // network_trial.cpp - a child process with limits, which it sets on itself so that the parent only has to wait;
-// what is run in it, and the refusals. Read network_trial.h first.
+// what is run in it, and the refusals.
 #include "tools/inside/network_trial.h"
 
 #include <algorithm>

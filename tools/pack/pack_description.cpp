@@ -1,5 +1,5 @@
 // pack_description.cpp - the description of the model that the options and the network amount to.
-// Read pack.h first.
+// Declared in pack.h.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

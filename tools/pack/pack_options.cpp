@@ -1,5 +1,5 @@
 // pack_options.cpp - the options of pack, and their words and numbers as values, with a message of its own for
-// every one that does not fit. Read pack.h first.
+// every one that does not fit. Declared in pack.h.
 #include "tools/pack/pack.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// debug.h - the reader of one INI key and the dump of a frame to a file. The
-// detection handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
+// debug.h - the reader of one INI key and the dump of a frame to a file. The detection
+// handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
 #ifndef UTILS_DEBUG_DEBUG_H
 #define UTILS_DEBUG_DEBUG_H
 
@@ -11,7 +11,7 @@ enum { kIniLineSize = 1024 };
 //
 //   title     section name without brackets, at most 61 characters
 //   key       compared with the beginning of each line that holds a '=': a prefix matches too
-//   filename  path; read anew on every call
+//   filename  path; read again on every call
 //   out       caller's buffer of at least kIniLineSize bytes; gets the text behind '=' and its
 //             blanks, with the line's newline when it has one. Untouched when nothing is found
 //

@@ -1,9 +1,8 @@
-// olvex_log.cpp - the header of a log line. See olvex_log.h; olvex_log_plain.cpp is the plain version,
-// which has the text's format.
+// olvex_log.cpp - the header of a log line. olvex_log_plain.cpp is the plain version, which
+// has the text's format.
 //
-// Every frame
-// logs some hundred lines, and with localtime and printf they would take longer than its boxes: so
-// the calendar fields are kept while the second lasts, and the numbers are written by hand.
+// Every frame logs some hundred lines, and with localtime and printf they would take longer than its
+// boxes: so the calendar fields are kept while the second lasts, and the numbers are written by hand.
 #include "utils/log/olvex_log.h"
 
 #include <langinfo.h>

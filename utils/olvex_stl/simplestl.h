@@ -8,7 +8,7 @@
 //                clear; the slots behind the last element are zero bytes when the storage is new.
 //   Growth       Reserving n elements needs 3n/2 <= capacity/2 (integer division), and otherwise
 //                makes the capacity exactly 2n. So every push_back onto a full-grown list reserves
-//                anew, and a resize to fewer elements may reserve anew too:
+//                again, and a resize to fewer elements may reserve again too:
 //
 //                    operations                              capacity
 //                    push_back, 1st to 4th                   2, 4, 6, 8

@@ -1,4 +1,4 @@
-// coco_metrics.cpp - from matches to curves, from curves to means. Read coco_metrics.h first.
+// coco_metrics.cpp - from matches to curves, from curves to means.
 #include "tools/eval/coco/coco_metrics.h"
 
 #include <algorithm>
@@ -52,7 +52,7 @@ struct Outcome {
   std::bitset<kThresholds> ignored;  // counts neither way
 };
 
-// The outcomes of one class in one range of areas, by falling score.
+// The outcomes of one class in one range of areas, by descending score.
 struct ClassOutcomes {
   std::vector<Outcome> outcomes;
   std::size_t truths = 0;  // ignored ones left out

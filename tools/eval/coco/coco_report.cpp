@@ -1,4 +1,4 @@
-// coco_report.cpp - tables in fixed columns, and the same as JSON. Read coco_report.h first.
+// coco_report.cpp - tables in fixed columns, and the same as JSON.
 #include "tools/eval/coco/coco_report.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // coco_shift_lint.cpp - ids of a result that seem to be shifted against those of the truth: more truth boxes
-// are found, or all ids are known, when they are taken for others. Read coco_files.h first.
+// are found, or all ids are known, when they are taken for others. Declared in coco_files.h.
 #include <algorithm>
 #include <functional>
 #include <set>

@@ -1,5 +1,5 @@
 // coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
-// Read coco_picture_errors.h first.
+// Declared in coco_picture_errors.h.
 #include "tools/eval/coco/coco_picture_errors.h"
 
 #include <algorithm>
