@@ -151,7 +151,7 @@ class ListParser {
     if (event == Event::key) {
       item_keys_.add(place(), value);
     }
-    // Outlines can be the larger part of a file, and nothing asks for them.
+    // Outlines can be the larger part of a file, and nothing uses them.
     const bool nested = event == Event::array_start || event == Event::object_start;
     return !nested || item_keys_.last == "bbox";
   }

@@ -1,6 +1,5 @@
 // standard_output.h - keeps standard output for results: the detection library prints its
-// diagnostics there, so they are led elsewhere while it works.
-// Read library_model.h for one that works under it.
+// diagnostics there, so they are redirected while it works.
 #ifndef TOOLS_COMMON_STANDARD_OUTPUT_H
 #define TOOLS_COMMON_STANDARD_OUTPUT_H
 

@@ -31,7 +31,7 @@ std::string one_line(const std::string& text);
 // The first letters of a text in UTF-8, with ending behind them when that is not all.
 std::string shortened(std::string_view text, std::size_t letters, const std::string& ending);
 
-// Letters on the screen: bytes that continue a UTF-8 letter take no room.
+// Letters on the screen: bytes that continue a UTF-8 letter have no width.
 std::size_t width_of(const std::string& text);
 
 // The nearest of names by edits (a letter added, left out, replaced, or two neighbours swapped);

@@ -61,8 +61,8 @@ unsigned char next_segment(const std::vector<unsigned char>& bytes, std::size_t*
   return 0;
 }
 
-// Whether a JPEG file ends before its end marker, which the decoder does not tell: it fills what is missing
-// with grey. A thumbnail inside a segment has an end marker of its own, and cameras put data behind the
+// Whether a JPEG file ends before its end marker, which the decoder does not report: it fills what is missing
+// with grey. A thumbnail inside a segment has its own end marker, and cameras put data behind the
 // picture's, so it goes from marker to marker. False for any other file.
 bool is_cut_jpeg(const std::vector<unsigned char>& bytes) {
   if (bytes.size() < 3 || bytes[0] != kMarker || bytes[1] != kStartOfImage || bytes[2] != kMarker) {

@@ -22,7 +22,7 @@ std::uint64_t big_endian(const unsigned char* bytes, int count) {
 }
 
 // Each takes the first bytes of a part, zeros behind the file's end, and returns the size of the whole
-// part; nothing where it has no size of its own.
+// part; nothing where it has none.
 
 std::optional<std::uint64_t> size_of_box(const Bytes& head) {
   const std::uint64_t size = big_endian(head, 4);

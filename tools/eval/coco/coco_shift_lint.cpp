@@ -73,7 +73,7 @@ std::size_t boxes_found(const CocoTruth& truth, const ResultIndex& results, cons
       }));
 }
 
-// Whether the guess explains ids that the truth does not know: all of them, once guessed right.
+// Whether the guess explains ids that the truth does not have: all of them, when right.
 bool explains_ids(const std::set<std::int64_t>& result_ids, std::size_t elements,
                   const IdGuess& plain, const IdGuess& guess) {
   std::set<std::int64_t> known;

@@ -129,7 +129,7 @@ bool is_dump(const fs::path& path) {
   return path.extension() == ".bin";
 }
 
-// Only a model knows how a dumped frame lies in memory, and no evaluation waits for a camera.
+// Only a model defines how a dumped frame lies in memory, and a camera cannot be replayed.
 void require_pictures(const std::string& input) {
   bool dumps = is_dump(input);
   std::error_code error;
