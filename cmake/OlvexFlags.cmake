@@ -1,7 +1,7 @@
 # Flags that every target of the project shares, as three interface targets:
 #   olvex_warnings   what our own sources are compiled with
 #   olvex_numbers    what keeps floating-point results the same on every machine
-#   olvex_hardening  what is shipped: a fault of memory is to end the process, not to be of use
+#   olvex_hardening  what is shipped: a memory fault is to end the process and not be exploitable
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 

@@ -143,7 +143,7 @@ void leave_no_traces() {
 }
 
 [[noreturn]] void run_child(pid_t parent, const ChildLimits& limits,
-                           const std::function<void()>& work) {
+                            const std::function<void()>& work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
     _exit(kDone);  // the parent ended before it could be watched
