@@ -51,7 +51,7 @@ CellValues cell_of(const BoxInfo& box) {
   return cell;
 }
 
-// The objects' way, and where they stand in the output now.
+// The path of the objects, and where they are in the output now.
 struct Objects {
   std::vector<Moment> moments;
   std::size_t now = 0;

@@ -12,7 +12,7 @@
 
 #include "utils/numeric/lanes.h"
 
-// The layout of a layer: cells one behind the other, of `channels` values each. The four box
+// The layout of a layer: cells one after the other, of `channels` values each. The four box
 // distances before the classes make first_class at least 4.
 struct CellGrid {
   size_t cells;

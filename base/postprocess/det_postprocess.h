@@ -70,7 +70,7 @@ struct OutputMemory {
   size_t elements;  // of the whole shape
   size_t
       readable;  // elements that may be read: as many as the platform says that the buffer holds, those
-                 // of the shape where it does not say, none behind a null address
+                 // of the shape where it does not say, none at a null address
 };
 
 // Decode parameters of one frame. Owns nothing: the caller keeps the arrays for the call.
@@ -138,11 +138,11 @@ void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 //
 // Of the count, no more is followed than the index tensor has elements. An index outside the rows of a
 // tensor is passed over. A box row has four values whatever the tensor's channels are: with fewer, they
-// reach into the next row, and behind the last one read as 0.
+// reach into the next row, and beyond the last one read as 0.
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_DECODE_MODE for an element type other than FP32 and INT16;
 // E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout, or when a row, an index or the count lies
-// behind the end of its buffer. Each failure is logged.
+// beyond the end of its buffer. Each failure is logged.
 int ipu_decode(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 // The two it chooses from; they append to boxes and do not suppress.
 int ipu_decode_fp32(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);

@@ -22,7 +22,7 @@ const size_t kUsualRows = 64;  // more take their scratch from the heap
 typedef olvex::scratch<FoundRow, kUsualRows> FoundRows;
 
 // Notes the rows that reach the threshold, in the order of the index list. False when one of them, or
-// the list, lies behind the end of its buffer.
+// the list, lies beyond the end of its buffer.
 template <typename Tensors>
 bool find_rows(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
                int num_boxes, FoundRows& found) {

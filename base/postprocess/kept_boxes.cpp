@@ -117,7 +117,7 @@ class KeptBoxes {
   };
   struct Bucket {
     size_t first;  // block
-    size_t end;    // block behind the last
+    size_t end;    // block after the last
     size_t kept;   // boxes
   };
 

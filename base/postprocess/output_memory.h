@@ -18,7 +18,7 @@ class OutputMemoryCheck {
  public:
   explicit OutputMemoryCheck(const DetDecodeInfo& info) : info_(info) {}
 
-  // The first values of a row, but for those that lie behind the last element of the shape.
+  // The first values of a row, except those beyond the last element of the shape.
   RowAccess row(int tensor, int row, int values) const {
     if (row < 0) {
       return kRowOutside;

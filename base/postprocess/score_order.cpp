@@ -5,7 +5,7 @@
 // element (an idea of S. Edelkamp and A. Weiss, "BlockQuicksort: Avoiding Branch Mispredictions in
 // Quicksort", ESA 2016). The scan upwards stops at scores that are not greater than the pivot, the
 // scan downwards at those that are not less, and the k-th stops of both are exchanged as long as
-// the first is not behind the second. One bit per stop is enough.
+// the first is not after the second. One bit per stop is enough.
 #include "base/postprocess/score_order.h"
 
 #include <math.h>
@@ -94,7 +94,7 @@ uint64_t without_highest(uint64_t stops) {
 }
 
 // Exchanges what two blocks of count elements, one after each scan, have to exchange. A scan goes
-// on behind its block when that has no stops left, and at its next stop otherwise.
+// on after its block when that has no stops left, and at its next stop otherwise.
 void partition_blocks(const Keys& keys, ptrdiff_t count, float pivot, ptrdiff_t& i, ptrdiff_t& j) {
   const ptrdiff_t low = i;
   const ptrdiff_t high = j - count + 1;

@@ -200,7 +200,7 @@ void DetAfModel::log_tensors_and_learn_keys() {
 
 // A model can carry its pairs in the name of its first output, the only way for a model in memory.
 void DetAfModel::learn_keys_from_name(const TensorName& name) {
-  // Zeros behind the name keep the scan for the start pattern inside the buffer.
+  // Zeros after the name keep the scan for the start pattern inside the buffer.
   char text[QV_IPU_TENSOR_NAME_SIZE + kStartPatternSize] = {0};
   memcpy(text, name.text, QV_IPU_TENSOR_NAME_SIZE);
   olvex::vector<ModelKeyValue_t> kvs;

@@ -40,7 +40,7 @@ int get_model_ptr(char* model_path, char*& p_model_file, unsigned int& model_fil
 
 // Scans len bytes for pairs and the start pattern. kvs is cleared first; p_model is set when the
 // pattern is found. A zero byte ends the scan. Entries without ':', key or value are skipped.
-// Requires: three bytes behind buf[len - 1] can be read. Returns 0.
+// Requires: three bytes after buf[len - 1] can be read. Returns 0.
 int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue_t>& kvs,
                   char*& p_model);
 

@@ -234,7 +234,7 @@ class DetectionStage : public OutputStage {
   DecodedOutput output_;
   float x_factor_;
   float y_factor_;
-  Tables first_;  // of the trial run; its shapes alone are of use afterwards
+  Tables first_;  // of the trial run; only its shapes are used afterwards
 };
 
 }  // namespace

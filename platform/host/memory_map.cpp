@@ -44,7 +44,7 @@ std::optional<Mapping> parse_line(const std::string& line) {
 }
 
 // End of the part of the mapping that its file fills. A program's variables may lie in a writable
-// mapping behind the end of its file, in the rest of the last page.
+// mapping beyond the end of its file, in the rest of the last page.
 std::uintptr_t end_within_file(const Mapping& mapping) {
   struct stat status {};
   if (mapping.path.empty() || stat(mapping.path.c_str(), &status) != 0 ||

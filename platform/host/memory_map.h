@@ -15,7 +15,7 @@ struct ReadableRange {
   bool has_file = false;  // whether any of the bytes is mapped from a file
 };
 
-// How many of the wanted bytes at the address can be read. Bytes of a mapping behind the end of its
+// How many of the wanted bytes at the address can be read. Bytes of a mapping beyond the end of its
 // file do not count, since whole pages of them fault; nor does the rest of the last page when the
 // mapping is read-only, since it is no part of the file.
 ReadableRange readable_range(const void* address, std::size_t wanted);

@@ -87,7 +87,7 @@ struct Network {
   // Bytes of the offline model from its start pattern on; what the platform reads. At least 4.
   QV_U32 model_size = 16;
   // Output of each invocation in turn; see queue_frame. A tensor that is shorter than its buffer
-  // leaves kPoison behind it.
+  // leaves kPoison after it.
   std::vector<Frame> frames;
   // After the last frame: repeat it, or fail with kNoFrame and report.
   bool repeat_last_frame = true;

@@ -222,7 +222,7 @@ QV_S32 QV_SYS_FlushInvCache(void* address, QV_U32 size) {
   call.event.address = address;
   call.event.size = size;
   // Deliberate: also a flush with a fault set counts as made. Only the order of the caller's calls is
-  // watched, and a caller that goes on after the failure has kept to it.
+  // watched, and a caller that continues after the failure has kept to it.
   last_flush = {address, size, true, state().resets};
   if (call.injected() != 0) {
     return call.end(call.injected());

@@ -151,7 +151,7 @@ def segments_of(tokens):
 
 
 def is_declaration(words):
-    """A type, and a name behind it."""
+    """A type, and a name after it."""
     if words[0] in ("const", "static", "auto", "struct", "unsigned"):
         return True
     k = 1

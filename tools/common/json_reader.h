@@ -1,4 +1,4 @@
-// json_reader.h - strict reading of JSON: no member twice, no endless nesting, nothing behind a zero byte,
+// json_reader.h - strict reading of JSON: no member twice, no endless nesting, nothing after a zero byte,
 // and every member that is asked for is checked.
 #ifndef TOOLS_COMMON_JSON_READER_H
 #define TOOLS_COMMON_JSON_READER_H

@@ -99,7 +99,7 @@ class VideoWriter : public PictureWriter {
   }
 
   // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
-  // it is where the number of frames stands or is reckoned from.
+  // it is where the number of frames is stored or computed from.
   void require_complete() const {
     cv::VideoCapture check(local_path(path_));
     constexpr double kShareExpected = 0.98;

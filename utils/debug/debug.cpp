@@ -47,7 +47,7 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
     perror("fopen");
     return -1;
   }
-  // Deliberate: the flag is never reset, so that a key is found in any section behind the wanted
+  // Deliberate: the flag is never reset, so that a key is found in any section after the wanted
   // header too; files in use may have it there.
   bool in_section = false;
   while (fgets(sLine, kIniLineSize, file) != NULL) {
@@ -59,8 +59,8 @@ int getIniKeyString(const char* title, const char* key, const char* filename, ch
       if (!starts_with(sLine, key)) {
         continue;
       }
-      // Deliberate: the zero goes behind the terminator and not over the newline, so that the value
-      // keeps the line's newline. A file that ends right behind the value has none.
+      // Deliberate: the zero goes after the terminator and not over the newline, so that the value
+      // keeps the line's newline. A file that ends right after the value has none.
       sLine[strlen(sLine) + 1] = 0;
       fclose(file);
       ++value;

@@ -23,7 +23,7 @@ void keep_calendar(OlvexLogClock& clock, time_t seconds) {
   clock.second = seconds;
 }
 
-// Like stpcpy, writes at `to` and returns the place behind. Requires: not negative.
+// Like stpcpy, writes at `to` and returns the place after. Requires: not negative.
 char* write_number(char* to, long number) {
   char digits[kLongestNumber];
   char* first = digits + kLongestNumber;

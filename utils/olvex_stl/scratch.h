@@ -40,7 +40,7 @@ class scratch {
     data_[size_++] = value;
   }
 
-  // Sets the size. Values behind the old size are not set.
+  // Sets the size. Values beyond the old size are not set.
   void resize(size_t n) {
     if (n > capacity_) {
       reserve(n);

@@ -75,7 +75,7 @@ int highest_iou(TrackBBox box, olvex::vector<TrackBBox> candidates) {
   for (size_t k = 0; k < candidates.size(); ++k) {
     const float iou = track_bbox_iou(box, candidates[k], true);
     // Deliberate: less or equal, so that equal overlaps go to the later candidate. Which one it is
-    // decides the box and the score that the track goes on with.
+    // decides the box and the score that the track continues with.
     if (best_iou <= iou) {
       best = static_cast<int>(k);
       best_iou = iou;
@@ -208,7 +208,7 @@ void OlvexIouTracker::start_track(const TrackBBox& box) {
   track.boxes.push_back(box);
   track.max_score = box.score;
   track.id = track_id_;
-  // In unsigned arithmetic: a counter at its end goes on with negative ids.
+  // In unsigned arithmetic: a counter at its end continues with negative ids.
   track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
   active_tracks_.push_back(track);
   OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id, static_cast<double>(box.x),
@@ -264,7 +264,7 @@ void OlvexIouTracker::track_frame(const TrackBBox* boxes, size_t count) {
 
 void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
   OLVEX_DEBUG_FORMAT("enter %s\n", "static_moving_classify");
-  // 0 would address the box behind the newest; it counts as 1, the newest itself. A negative value
+  // 0 would address the box after the newest; it counts as 1, the newest itself. A negative value
   // becomes a number larger than any history.
   const uint32_t ref_frame =
       params.ref_frame == 0 ? 1u : static_cast<uint32_t>(static_cast<int32_t>(params.ref_frame));
@@ -292,7 +292,7 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
         }
       }
     }
-    // Finished tracks stand in the order of the live ones, and ids are unique: behind one that was
+    // Finished tracks stand in the order of the live ones, and ids are unique: after one that was
     // not found there is none either.
     next_live = find_live(active_tracks_, t.id, next_live, bound);
     if (next_live < bound) {

@@ -26,8 +26,8 @@ constexpr AreaRange kSmall = {0, kSmallSide* kSmallSide};
 constexpr AreaRange kMedium = {kSmallSide * kSmallSide, kMediumSide* kMediumSide};
 constexpr AreaRange kLarge = {kMediumSide * kMediumSide, kLargestArea};
 
-// Thresholds and recall levels are reckoned as start + i * step, rounding included: the published
-// evaluation does so, and whether 7 of 20 reach the level 0.35 hangs on the last bit.
+// Thresholds and recall levels are computed as start + i * step, rounding included: the published
+// evaluation does so, and whether 7 of 20 reach the level 0.35 depends on the last bit.
 double overlap_threshold(std::size_t i) {
   constexpr double kFirst = 0.5;
   constexpr double kLast = 0.95;

@@ -66,7 +66,7 @@ struct MotClip {
   std::vector<long> result_ids;     // in order
 };
 
-// Ignored truth is gone from the frames, and so is each result that shows one: with all truths of
+// Ignored truth is removed from the frames, and so is each result that shows one: with all truths of
 // the frame assigned to results, it belongs to an ignored one. Like the preprocessing of
 // MOTChallenge, but that a truth which counts takes results of the same class only.
 // Requires: no id twice in a frame.
@@ -82,7 +82,7 @@ std::set<int> classes_of(const MotClip& clip);
 // at all, their overlap as weight.
 std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold);
 
-// Adds a frame to spans. Requires: it lies behind them.
+// Adds a frame to spans. Requires: it comes after them.
 void extend_spans(std::vector<FrameSpan>* spans, long frame);
 
 }  // namespace olvex_tools

@@ -26,7 +26,7 @@
  * Output     Diagnostics go to standard output, each line with a time stamp but for the release
  *            banner; failures of open, fstat, mmap and fopen print the system's message on
  *            standard error. The lines are written with printf and its like while the function
- *            runs. Where standard output is a pipe, a reader that has gone ends the process by
+ *            runs. Where standard output is a pipe, a reader that has exited ends the process by
  *            SIGPIPE, unless the application ignores that signal, and a reader that has stopped
  *            makes the function wait, in the middle of a frame, too, as soon as the pipe is full.
  * Numbers    Results are for rounding to nearest, which every thread begins with. The library sets
