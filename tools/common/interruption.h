@@ -1,5 +1,5 @@
 // interruption.h - signals that end a run: the first Ctrl-C requests an orderly end, the second one
-// kills. The loop in run_session.cpp checks for requests.
+// ends the process. The loop in run_session.cpp checks for requests.
 #ifndef TOOLS_COMMON_INTERRUPTION_H
 #define TOOLS_COMMON_INTERRUPTION_H
 

@@ -65,7 +65,8 @@ def _render_scene(mix, seed):
 
 
 def load(folder, name, seeds, mix):
-    """Pictures of a mix of actors.py: (pictures N x HEIGHT x WIDTH x 3 of 8 bits in BGR, objects N x MOST_OBJECTS x COLUMNS)."""
+    """Pictures of a mix of actors.py: (pictures N x HEIGHT x WIDTH x 3 of 8 bits in BGR,
+    objects N x MOST_OBJECTS x COLUMNS)."""
     folder.mkdir(parents=True, exist_ok=True)
     picture_path, object_path = folder / f"{name}.pictures.npy", folder / f"{name}.objects.npy"
     mark_path, mark = folder / f"{name}.mark", f"{seeds} {sorted(mix.items())} {code_of_scenes()}"

@@ -1,4 +1,4 @@
-// coco_lint.cpp - one function per kind of doubt. Declared in coco_files.h; coco_shift_lint.cpp finds ids
+// coco_lint.cpp - one function per kind of warning. Declared in coco_files.h; coco_shift_lint.cpp finds ids
 // that fit better when shifted.
 #include "tools/eval/coco/coco_files.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 // ---- single boxes -----------------------------------------------------------------------------
 
-// A box of either file with what its doubts need.
+// A box of either file with what its warnings need.
 struct PlacedBox {
   Box box;
   const CocoPicture* picture;  // null: the truth has no such picture

@@ -102,7 +102,7 @@ void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* p
     scale = {picture->cols / facts.width, picture->rows / facts.height};
   }
   std::vector<JudgedBox> boxes = errors.boxes;
-  // Truth that was found goes on top: it is thin and would vanish below the hits.
+  // Truth that was found is drawn last: its line is thin and would be hidden below the hits.
   std::stable_sort(boxes.begin(), boxes.end(), [](const JudgedBox& left, const JudgedBox& right) {
     return left.fate != Fate::kFound && right.fate == Fate::kFound;
   });
