@@ -24,8 +24,8 @@ void stabilise(const Routines& routines, Boxes& boxes) {
   routines.stabilise(boxes, previous, 0.63f);
 }
 
-// Different lists of one length: a processor that meets one list again and again knows its branches
-// by heart, which no camera's does.
+// Different lists of one length: a processor that sorts one list repeatedly predicts its branches,
+// which it cannot on a camera.
 std::vector<Boxes> different_lists(Boxes (*list)(int, int), int count) {
   std::vector<Boxes> lists;
   for (int which = 0; which < std::clamp(20000 / count, 4, 256); ++which) {

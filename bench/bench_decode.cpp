@@ -1,4 +1,4 @@
-// bench_decode.cpp - raw output layers to boxes, and reading the layers as the floor below it.
+// bench_decode.cpp - raw output layers to boxes, and reading the layers as the lower bound of it.
 #include "bench/bench.h"
 
 #include <unistd.h>

@@ -115,7 +115,7 @@ def benchmark_names(program, pattern):
 
 
 def measure(program, name, min_time):
-    """One benchmark in a process of its own, so that none depends on what ran before it. Returns
+    """One benchmark in a separate process, so that none depends on what ran before it. Returns
     Google Benchmark's JSON."""
     output = call([program, f"--benchmark_filter=^{name}$", f"--benchmark_min_time={min_time}",
                    "--benchmark_format=json"])

@@ -1,4 +1,4 @@
-// scenes.cpp - see scenes.h.
+// scenes.cpp - draws the layers, boxes and tensors from fixed seeds.
 #include "bench/scenes.h"
 
 #include <algorithm>
@@ -128,7 +128,7 @@ void decode(const Routines& routines, DetDecodeInfo& info, olvex::vector<BoxInfo
 // ---- Boxes --------------------------------------------------------------------------------------
 
 olvex::vector<BoxInfo> crowded_boxes(int count, int which) {
-  // A detector answers several times to each object; how often grows once the picture is full.
+  // A detector gives several boxes per object, and more of them once the picture is full.
   const int objects = std::clamp(count / 8, 2, 60);
   Random random(42 + static_cast<std::uint64_t>(which));
   olvex::vector<BoxInfo> centres;

@@ -1,4 +1,4 @@
-// scenes.h - what is measured on: raw output layers, box lists, tensors that the accelerator has
+// scenes.h - the inputs of the benchmarks: raw output layers, box lists, tensors that the accelerator has
 // decoded, tracker frames. The same numbers on every machine and in every run.
 #ifndef BENCH_SCENES_H
 #define BENCH_SCENES_H
@@ -86,10 +86,10 @@ void decode(const Routines& routines, DetDecodeInfo& info, olvex::vector<BoxInfo
 
 // Boxes of a detector before suppression: several about each object, three classes.
 olvex::vector<BoxInfo> crowded_boxes(int count, int which);
-// Boxes that hardly meet: count objects on a loose grid, at one moment of a slow movement.
+// Boxes that hardly overlap: count objects on a loose grid, at one moment of a slow movement.
 constexpr int kMoments = 32;
 olvex::vector<BoxInfo> apart_boxes(int count, int moment = 0);
-// The same as one frame of the tracker, by falling score.
+// The same as one frame of the tracker, by descending score.
 TrackFrames tracker_frame(int count, int moment);
 
 // Tensors that the accelerator has decoded: boxes, classes or key points, scores, indices, count.

@@ -1,4 +1,4 @@
-// whole_run.cpp - see whole_run.h.
+// whole_run.cpp - sets the handle up, and moves the objects in the output from frame to frame.
 #include "bench/whole_run.h"
 
 #include <dlfcn.h>
@@ -51,7 +51,7 @@ CellValues cell_of(const BoxInfo& box) {
   return cell;
 }
 
-// The objects' way, and where they stand in the output now.
+// The path of the objects, and where they are in the output now.
 struct Objects {
   std::vector<Moment> moments;
   std::size_t now = 0;
@@ -133,7 +133,7 @@ void check(QV_S32 result, const char* what) {
 
 }  // namespace
 
-// Stands before the scripted accelerator's own: the picture has changed since the last frame, and
+// Replaces the scripted accelerator's own: the picture has changed since the last frame, and
 // so have the few cells of the output that see an object. Copying whole frames would be measured
 // with the library.
 extern "C" QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input,

@@ -1,9 +1,9 @@
 # Flags that every target of the project shares, as three interface targets:
-#   olvex_warnings   what our own sources are compiled with
-#   olvex_numbers    what keeps floating-point results the same on every machine
-#   olvex_hardening  what is shipped: a fault of memory is to end the process, not to be of use
-#   olvex_quick_build    what is not shipped and need not be fast: tests and fuzzers
-#   olvex_quick_sanitizer_build    the same for olvex-det, only under the sanitizers
+#   olvex_warnings               what our own sources are compiled with
+#   olvex_numbers                what keeps floating-point results the same on every machine
+#   olvex_hardening              what is shipped: a memory fault is to end the process and not be exploitable
+#   olvex_quick_build            what is not shipped and need not be fast: tests and fuzzers
+#   olvex_quick_sanitizer_build  the same for olvex-det, only under the sanitizers
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 

@@ -65,7 +65,7 @@ target_include_directories(olvex_det
   PRIVATE "${PROJECT_SOURCE_DIR}")
 target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numbers
                                         olvex_hardening)
-# The QV_ calls stay undefined: the application brings the chip's library or one of platform/.
+# The QV_ calls stay undefined: the application links the chip's library or one of platform/.
 target_link_options(olvex_det PRIVATE "LINKER:--version-script=${OLVEX_EXPORT_MAP}"
                                       "LINKER:--as-needed")
 

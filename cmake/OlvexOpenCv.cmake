@@ -1,5 +1,5 @@
 # olvex_find_opencv(<module>...) makes the targets opencv_<module>. Debian packs OpenCV module by
-# module, and only the collection of them all brings OpenCVConfig.cmake; without that the modules
+# module, and only the package of them all has OpenCVConfig.cmake; without that the modules
 # are looked up one by one.
 function(olvex_find_opencv)
   find_package(OpenCV QUIET COMPONENTS ${ARGN})

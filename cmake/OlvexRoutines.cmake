@@ -1,9 +1,9 @@
 # olvex_add_routines(<target> <table> [PLAIN] [<folder>...]) builds a whole library as a shared object
 # that exports one function, <table>, from tests/support/routines.h. With PLAIN, each x_plain.cpp of the
-# library's folders takes the place of the x.cpp beside it. Files that a folder has under the path of one
-# of the library's own take its place, too: a source is compiled instead, a header is found first. A file
-# that stands in for nothing is an error: after a file of the library has moved, its stand-in would be
-# left out in silence, and the library be compared with itself.
+# library's folders replaces the x.cpp beside it. A file that a folder has under the path of a file of the
+# library replaces that one, too: a source is compiled instead, a header is found first. A file that
+# replaces nothing is an error: after a file of the library has moved, its replacement would be left out
+# in silence, and the library be compared with itself.
 
 set(OLVEX_ROUTINES_SOURCES video/det/src/olvex_det_impl.cpp tests/support/routines.cpp)
 
@@ -54,8 +54,8 @@ function(olvex_add_routines target table)
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-  # The library's own public functions are visible by their declaration; they must not meet those of
-  # another library in the same program.
+  # The library's own public functions are visible by their declaration; they must not be bound to
+  # those of another library in the same program.
   set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
   file(CONFIGURE OUTPUT "${map}" CONTENT "{ global: ${table}; local: *; };\n")
   target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")

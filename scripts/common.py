@@ -19,7 +19,7 @@ def say(text):
 
 
 def run_script(main, code=1):
-    """Runs main(), which returns the exit code; a failure is told in one line and ends with `code`."""
+    """Runs main(), which returns the exit code; a failure is printed in one line and ends with `code`."""
     try:
         sys.exit(main())
     except BrokenPipeError:
@@ -70,8 +70,8 @@ def line_text(file, number):
 
 def read_explained(path):
     """The findings that a file explains, as a set of (file, kind, text of the line). Line numbers are left
-    out: they change too often. The file has blocks with an empty line between them; lines with '#' say
-    nothing:
+    out: they change too often. The file has blocks with an empty line between them; lines with '#' are
+    comments:
 
         folder/file.cpp kind
             the text of the line, as it stands there

@@ -1,6 +1,6 @@
 // main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
 // every failure into one message and an exit code.
-// Read common/command.h for the codes, then the *_command.cpp of a subcommand.
+// common/command.h has the codes; each subcommand is in its *_command.cpp.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -40,7 +40,7 @@ const char kEvalExamples[] =
     "  olvex-det eval coco --help\n\n"
     "Exit code 1: a metric is below its --min.";
 
-// The subcommand eval has subcommands of its own, one per kind of result.
+// The subcommand eval has one subcommand per kind of result.
 void add_eval_command(CLI::App& application, Command* chosen) {
   CLI::App* const eval =
       application.add_subcommand("eval", "Measure how good results are, against the truth");

@@ -1,4 +1,4 @@
-// ipu_engine.cpp - one accelerator channel. See ipu_engine.h.
+// ipu_engine.cpp - one accelerator channel.
 #include "base/ipu_engine/ipu_engine.h"
 
 #include <string.h>
@@ -39,8 +39,7 @@ int IpuEngine::model_init(int input_buf_depth, int output_buf_depth) {
   attributes.u32InputBufDepth = static_cast<QV_U32>(input_buf_depth);
   attributes.u32OutputBufDepth = static_cast<QV_U32>(output_buf_depth);
   if (QV_IPU_CreateCHN(&u32channelid_, &attributes, NULL, model_path_.data()) != 0) {
-    // Deliberate: the blank at the end stays, as whoever searches logs looks for the text to the
-    // byte.
+    // Deliberate: the blank at the end stays, as log searches compare the text byte by byte.
     OLVEX_ERROR("create ipu channel failed! ");
     QV_IPU_DestroyDevice();
     return E_ALGO_LOADMODEL_FAIL;

@@ -1,5 +1,5 @@
 // ipu_engine.h - the owner of one accelerator channel: sizing, opening, tensor descriptions,
-// closing. It knows nothing of detection; base/sdet/sdet_model.h derives from it.
+// closing. Independent of detection; base/sdet/sdet_model.h derives from it.
 //
 // The device is the detection handle's. It must be up before a channel is opened, and the engine
 // takes it down when opening fails.
@@ -30,7 +30,7 @@ class IpuEngine {
   // succeeded.
   void get_model_attri(unsigned int* width, unsigned int* height, QV_IPU_ELEMENT_FORMAT* format);
 
-  // Gives the output tensors back and closes the channel, whatever the platform answers. Returns 0.
+  // Gives the output tensors back and closes the channel, whatever the platform returns. Returns 0.
   int model_deinit();
 
   QV_U32 u32channelid_;

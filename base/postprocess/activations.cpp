@@ -1,4 +1,4 @@
-// activations.cpp - the exponential's relatives. See det_postprocess.h.
+// activations.cpp - fast_exp and softmax_. Declared in det_postprocess.h.
 #include "base/postprocess/det_postprocess.h"
 
 #include <math.h>

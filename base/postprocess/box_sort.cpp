@@ -1,18 +1,19 @@
-// box_sort.cpp - boxes by falling score. See det_postprocess.h, box_sort.h, and score_order.h for the order.
+// box_sort.cpp - boxes by descending score. score_order.h has the order.
 #include "base/postprocess/box_sort.h"
 
 #include <string.h>
 
 #include "base/postprocess/det_postprocess.h"
 
-// Follows each cycle of the order once, with one box in the air. Boxes may be moved by their bytes.
+// In place: follows each cycle of the order once, with one box held in a temporary. Boxes may be moved by
+// their bytes.
 void move_to_order(olvex::vector<BoxInfo>& boxes, size_t first, BoxOrder& order) {
-  char in_the_air[sizeof(BoxInfo)];
+  char held[sizeof(BoxInfo)];
   for (size_t start = 0; start < order.size(); ++start) {
     if (order[start] == start) {
       continue;
     }
-    memcpy(in_the_air, static_cast<const void*>(&boxes[first + start]), sizeof(BoxInfo));
+    memcpy(held, static_cast<const void*>(&boxes[first + start]), sizeof(BoxInfo));
     size_t place = start;
     size_t from = order[place];
     while (from != start) {
@@ -22,7 +23,7 @@ void move_to_order(olvex::vector<BoxInfo>& boxes, size_t first, BoxOrder& order)
       place = from;
       from = order[place];
     }
-    memcpy(static_cast<void*>(&boxes[first + place]), in_the_air, sizeof(BoxInfo));
+    memcpy(static_cast<void*>(&boxes[first + place]), held, sizeof(BoxInfo));
     order[place] = static_cast<uint32_t>(place);
   }
 }

@@ -1,6 +1,5 @@
 // cell_candidates.cpp - the cells that hold a box, in two steps: cell_scan.h finds the few cells that may
-// hold one, and only those are looked at closely. See cell_candidates.h; cell_candidates_plain.cpp is the
-// plain version.
+// hold one, and only those are examined. cell_candidates_plain.cpp is the plain version.
 #include "base/postprocess/cell_candidates.h"
 
 #include <math.h>
@@ -11,8 +10,8 @@ namespace {
 
 const size_t kCacheLine = 64;  // bytes
 
-// Goes on from the best of the classes before first: of equal logits the lowest class is the best.
-// Written without branches, as which class is best cannot be predicted.
+// Continues from the best of the classes before first: of equal logits the lowest class is the best.
+// Branch-free: the best class is unpredictable.
 template <typename Cell>
 BestClass best_from(const Cell& cell, const LayerShape& shape, int first, int num_classes,
                     BestClass best) {
@@ -34,15 +33,15 @@ BestClass best_class(const Int16Cell& cell, const LayerShape& shape, int num_cla
 struct LaneBest {
   LaneBest() : logit(olvex::splat(kNoClass.logit)), label(olvex::splat(kNoClass.label)) {}
 
-  // Classes from k on, which come after those that were met.
-  void meet(const float* logits, int k) {
+  // Takes in the classes from k on, which must come after those taken in before.
+  void add(const float* logits, int k) {
     const olvex::Floats some = olvex::load<olvex::Floats>(logits + k);
     const olvex::FloatsMask is_better = some > logit;
     label = is_better ? olvex::splat(k) : label;
     logit = is_better ? some : logit;
   }
 
-  void meet(const LaneBest& other) {
+  void merge(const LaneBest& other) {
     const olvex::FloatsMask is_better =
         (other.logit > logit) | ((other.logit == logit) & (other.label < label));
     label = is_better ? other.label : label;
@@ -53,8 +52,8 @@ struct LaneBest {
   olvex::FloatsInt32 label;
 };
 
-// Several classes at a time, in chains that do not wait for one another; then the chains, the
-// lanes, and the classes that fill no lanes.
+// Several classes at a time, in independent chains; then merges the chains, the lanes, and the
+// classes that fill no lanes.
 BestClass best_class(const Fp32Cell& cell, const LayerShape& shape, int num_classes) {
   const int lanes = static_cast<int>(olvex::kFloatLanes);
   const int kChains = 4;
@@ -66,14 +65,14 @@ BestClass best_class(const Fp32Cell& cell, const LayerShape& shape, int num_clas
   int k = 0;
   for (; k + kChains * lanes <= num_classes; k += kChains * lanes) {
     for (int c = 0; c < kChains; ++c) {
-      chains[c].meet(logits, k + c * lanes);
+      chains[c].add(logits, k + c * lanes);
     }
   }
   for (; k + lanes <= num_classes; k += lanes) {
-    chains[0].meet(logits, k);
+    chains[0].add(logits, k);
   }
   for (int c = 1; c < kChains; ++c) {
-    chains[0].meet(chains[c]);
+    chains[0].merge(chains[c]);
   }
   BestClass best = kNoClass;
   for (int lane = 0; lane < lanes; ++lane) {
@@ -88,7 +87,7 @@ BestClass best_class(const Fp32Cell& cell, const LayerShape& shape, int num_clas
   return best_from(cell, shape, k, num_classes, best);
 }
 
-// Asks for a cell's values, which are spread over several cache lines.
+// A cell's values are spread over several cache lines.
 template <typename Cell>
 void prefetch(const Layer<Cell>& layer, size_t cell) {
   typedef typename Cell::Element Element;

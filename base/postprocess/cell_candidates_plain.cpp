@@ -1,5 +1,5 @@
 // cell_candidates_plain.cpp - the cells that hold a box as they are defined: each logit of each cell is
-// looked at. See cell_candidates.h.
+// looked at.
 #include "base/postprocess/cell_candidates.h"
 
 #include <math.h>

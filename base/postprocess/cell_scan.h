@@ -1,7 +1,7 @@
 // cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every
 // class logit of every frame, so it is written for speed alone and decides nothing: it calls a
-// visitor for each cell with a logit that reaches the threshold, and now and then for one without.
-// cell_candidates.cpp brings the visitor.
+// visitor for each cell with a logit that reaches the threshold, and occasionally for one without.
+// cell_candidates.cpp supplies the visitor.
 #ifndef BASE_POSTPROCESS_CELL_SCAN_H
 #define BASE_POSTPROCESS_CELL_SCAN_H
 
@@ -12,7 +12,7 @@
 
 #include "utils/numeric/lanes.h"
 
-// The layout of a layer: cells one behind the other, of `channels` values each. The four box
+// The layout of a layer: cells one after the other, of `channels` values each. The four box
 // distances before the classes make first_class at least 4.
 struct CellGrid {
   size_t cells;

@@ -1,13 +1,13 @@
-// det_postprocess.h - from output tensors to boxes, and what is done with boxes: the one header that
-// other folders use.
+// det_postprocess.h - from output tensors to boxes, and operations on boxes: the public header of this
+// folder.
 //
-//   activations.cpp   the exponential's relatives
-//   box_sort.cpp      boxes by falling score; score_order.cpp finds the order
+//   activations.cpp   fast_exp and softmax_
+//   box_sort.cpp      boxes by descending score; score_order.cpp finds the order
 //   suppression.cpp   non-maximum suppression; kept_boxes.cpp compares the boxes
 //   raw_decode.cpp    raw output layers, decoded on the CPU; cell_candidates.cpp finds their cells
 //   raw_layer.cpp     which raw layers can be decoded and read
-//   ipu_decode.cpp    box lists that the accelerator has already decoded; ipu_layout.cpp knows their
-//                     tensors
+//   ipu_decode.cpp    box lists that the accelerator has already decoded; ipu_layout.cpp has the layout
+//                     of their tensors
 //   stable_box.cpp    OLVEX_StableBox
 //   double_check.cpp  the double check of tracks against other classes
 //
@@ -29,7 +29,7 @@ class OlvexIouTracker;
 
 // ---- Box operations -----------------------------------------------------------------------------
 
-// Sorts the elements from index left to index right, both inclusive, by falling score: Hoare's
+// Sorts the elements from index left to index right, both inclusive, by descending score: Hoare's
 // partition (C. A. R. Hoare, "Quicksort", The Computer Journal 5, 1962) around the middle element.
 // Not stable: the order that it gives among equal scores decides which box survives suppression.
 void qsort_descent_inplace(olvex::vector<BoxInfo>& boxes, int left, int right);
@@ -70,7 +70,7 @@ struct OutputMemory {
   size_t elements;  // of the whole shape
   size_t
       readable;  // elements that may be read: as many as the platform says that the buffer holds, those
-                 // of the shape where it does not say, none behind a null address
+                 // of the shape where it does not say, none at a null address
 };
 
 // Decode parameters of one frame. Owns nothing: the caller keeps the arrays for the call.
@@ -138,11 +138,11 @@ void det_postprocess(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
 //
 // Of the count, no more is followed than the index tensor has elements. An index outside the rows of a
 // tensor is passed over. A box row has four values whatever the tensor's channels are: with fewer, they
-// reach into the next row, and behind the last one read as 0.
+// reach into the next row, and beyond the last one read as 0.
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_DECODE_MODE for an element type other than FP32 and INT16;
 // E_ALGO_INVALID_OUTPUT_SIZE when the tensors match no layout, or when a row, an index or the count lies
-// behind the end of its buffer. Each failure is logged.
+// beyond the end of its buffer. Each failure is logged.
 int ipu_decode(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 // The two it chooses from; they append to boxes and do not suppress.
 int ipu_decode_fp32(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
@@ -159,7 +159,7 @@ int ipu_decode_int16(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 void do_double_check(BoxInfo* boxes, int count, OlvexIouTracker* tracker,
                      const DetDoubleCheckParams_t& params);
 
-// A stabiliser of its own: holds a box's corners at the previous call's while the two overlap by
+// A self-contained stabiliser: holds a box's corners at the previous call's while the two overlap by
 // more than 0.63. One instance serves one stream. The detection handle has another one, which
 // replaces whole boxes at a sensitivity of the caller's choice.
 class OLVEX_StableBox {

@@ -1,4 +1,4 @@
-// double_check.cpp - confirms tracks of one class by boxes of other classes. See det_postprocess.h.
+// double_check.cpp - confirms tracks of one class by boxes of other classes.
 #include "base/postprocess/det_postprocess.h"
 
 #include "base/tracker/iou_tracker/iout.h"

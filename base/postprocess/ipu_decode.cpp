@@ -1,6 +1,6 @@
 // ipu_decode.cpp - box lists that the accelerator has already decoded, thresholded and selected, in two
-// steps: the rows that reach the threshold, then a list of just their number. See det_postprocess.h, and
-// ipu_layout.h for the tensors.
+// steps: the rows that reach the threshold, then a list of just their number. ipu_layout.h
+// has the tensors.
 #include "base/postprocess/det_postprocess.h"
 
 #include <stdint.h>
@@ -22,7 +22,7 @@ const size_t kUsualRows = 64;  // more take their scratch from the heap
 typedef olvex::scratch<FoundRow, kUsualRows> FoundRows;
 
 // Notes the rows that reach the threshold, in the order of the index list. False when one of them, or
-// the list, lies behind the end of its buffer.
+// the list, lies beyond the end of its buffer.
 template <typename Tensors>
 bool find_rows(const DetDecodeInfo& info, const Tensors& tensors, const TensorRoles& roles,
                int num_boxes, FoundRows& found) {

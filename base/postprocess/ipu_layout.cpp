@@ -1,4 +1,4 @@
-// ipu_layout.cpp - chooses the layout of an accelerator-decoded list. See ipu_layout.h.
+// ipu_layout.cpp - chooses the layout of an accelerator-decoded list.
 #include "base/postprocess/ipu_layout.h"
 
 #include "utils/log/olvex_log.h"

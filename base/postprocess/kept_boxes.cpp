@@ -1,5 +1,5 @@
-// kept_boxes.cpp - which boxes suppression keeps, several compared at a time. See kept_boxes.h;
-// kept_boxes_plain.cpp is the plain version.
+// kept_boxes.cpp - which boxes suppression keeps, several compared at a time. kept_boxes_plain.cpp
+// is the plain version.
 #include "base/postprocess/kept_boxes.h"
 
 #include <math.h>
@@ -55,9 +55,9 @@ struct Candidate {
 
 // The boxes that suppression has kept so far.
 //
-// With a positive threshold, a box of another label is out of reach: its intersection counts as 0,
-// and so does the ratio, unless it is NaN, which does not suppress either. So each box need only
-// meet those of a bucket, which labels share by their last bits.
+// With a positive threshold, a box of another label never suppresses: its intersection counts as 0,
+// and so does the ratio, unless it is NaN, which does not suppress either. So each box is compared
+// only with those of one bucket, which is chosen by the last bits of the label.
 class KeptBoxes {
  public:
   KeptBoxes(const olvex::vector<BoxInfo>& boxes, float threshold, bool class_specific)
@@ -117,7 +117,7 @@ class KeptBoxes {
   };
   struct Bucket {
     size_t first;  // block
-    size_t end;    // block behind the last
+    size_t end;    // block after the last
     size_t kept;   // boxes
   };
 

@@ -11,9 +11,9 @@
 
 // Keeps a box when its ratio of intersection to union (inclusive_overlap.h) with each box kept before it
 // is not at or above the threshold: an equal ratio suppresses, NaN does not.
-//   sorted          indices of all boxes, by falling score
+//   sorted          indices of all boxes, by descending score
 //   class_specific  boxes of different labels have an intersection of 0
-//   order           gets first the kept boxes, by falling score, then the others
+//   order           gets first the kept boxes, by descending score, then the others
 // Returns how many are kept.
 size_t find_kept(const olvex::vector<BoxInfo>& boxes, const BoxOrder& sorted, float threshold,
                  bool class_specific, BoxOrder& order);

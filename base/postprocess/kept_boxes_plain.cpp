@@ -1,5 +1,5 @@
 // kept_boxes_plain.cpp - which boxes suppression keeps as it is defined: each box is divided by each kept
-// one. See kept_boxes.h.
+// one.
 #include "base/postprocess/kept_boxes.h"
 
 #include "base/postprocess/inclusive_overlap.h"

@@ -1,5 +1,5 @@
-// output_memory.h - asks before an accelerator-decoded list is read whether the memory is there. See
-// OutputMemory in det_postprocess.h; ipu_decode.cpp reads the lists.
+// output_memory.h - checks, before an accelerator-decoded list is read, whether the memory is there.
+// OutputMemory is in det_postprocess.h; ipu_decode.cpp reads the lists.
 #ifndef BASE_POSTPROCESS_OUTPUT_MEMORY_H
 #define BASE_POSTPROCESS_OUTPUT_MEMORY_H
 
@@ -18,7 +18,7 @@ class OutputMemoryCheck {
  public:
   explicit OutputMemoryCheck(const DetDecodeInfo& info) : info_(info) {}
 
-  // The first values of a row, but for those that lie behind the last element of the shape.
+  // The first values of a row, except those beyond the last element of the shape.
   RowAccess row(int tensor, int row, int values) const {
     if (row < 0) {
       return kRowOutside;

@@ -1,4 +1,4 @@
-// raw_layer.cpp - which raw layers can be decoded and read. See raw_layer.h.
+// raw_layer.cpp - which raw layers can be decoded and read.
 #include "base/postprocess/raw_layer.h"
 
 #include <math.h>

@@ -28,8 +28,8 @@ struct LayerShape {
   int keypoint_values;  // values per key point
 };
 
-// Measures a layer. Returns E_ALGO_SUCCESS, or the code of det_decode_one_layer for one that cannot be decoded,
-// which is logged.
+// Measures a layer. Returns E_ALGO_SUCCESS, or the code of det_decode_one_layer for one that cannot be
+// decoded, which is logged.
 int resolve_shape(const DetDecodeInfo& info, int layer, LayerShape& shape);
 
 // The logit whose sigmoid is the threshold: scores are compared before the exponential.
@@ -67,8 +67,8 @@ struct Int16Cell {
   float operator[](int k) const { return static_cast<float>(values_[k]) * scalar_; }
 
   // Deliberate: unlike the float path, which gives 1, the score of a key point without one comes
-  // from the element behind its pair: the next key point's x, or the next cell's first element.
-  // Models are tuned to these scores. Behind the last cell there is none, and 0 is used.
+  // from the element after its pair: the next key point's x, or the next cell's first element.
+  // Models are tuned to these scores. After the last cell there is none, and 0 is used.
   float pair_score(int q) const {
     const int16_t* behind = values_ + q + kKeyPointPair;
     const float value = behind < end_ ? static_cast<float>(*behind) * scalar_ : 0.0f;

@@ -1,11 +1,11 @@
-// score_order.cpp - the order of falling scores, many scores at a time. See score_order.h;
-// score_order_plain.cpp is the plain version.
+// score_order.cpp - the order of descending scores, many scores at a time. score_order_plain.cpp
+// is the plain version.
 //
 // The exchanges of the partition are found for up to 64 elements at once, without a branch per
 // element (an idea of S. Edelkamp and A. Weiss, "BlockQuicksort: Avoiding Branch Mispredictions in
 // Quicksort", ESA 2016). The scan upwards stops at scores that are not greater than the pivot, the
 // scan downwards at those that are not less, and the k-th stops of both are exchanged as long as
-// the first is not behind the second. A bit for each stop says it all.
+// the first is not after the second. One bit per stop is enough.
 #include "base/postprocess/score_order.h"
 
 #include <math.h>
@@ -94,7 +94,7 @@ uint64_t without_highest(uint64_t stops) {
 }
 
 // Exchanges what two blocks of count elements, one after each scan, have to exchange. A scan goes
-// on behind its block when that is spent, and at its next stop otherwise.
+// on after its block when that has no stops left, and at its next stop otherwise.
 void partition_blocks(const Keys& keys, ptrdiff_t count, float pivot, ptrdiff_t& i, ptrdiff_t& j) {
   const ptrdiff_t low = i;
   const ptrdiff_t high = j - count + 1;
@@ -148,7 +148,7 @@ void partition(const Keys& keys, const Range& range, ptrdiff_t& i, ptrdiff_t& j)
 }
 
 // Puts up to kFew elements in order by counting how many are greater than each; false, and nothing
-// done, when two are equal or one is NaN. Different scores have one order only, whoever finds it.
+// done, when two are equal or one is NaN. Different scores have only one order, however it is found.
 bool rank_few(const Keys& keys, const Range& range) {
   const size_t lanes = olvex::kFloatLanes;
   const size_t count = static_cast<size_t>(range.right - range.left + 1);

@@ -15,7 +15,7 @@ const size_t kUsualBoxes = 64;  // more take their scratch from the heap
 // Indices of boxes, in some order.
 typedef olvex::scratch<uint32_t, kUsualBoxes> BoxOrder;
 
-// The order of count boxes from index first on, by falling score. Indices count from first.
+// The order of count boxes from index first on, by descending score. Indices count from first.
 //
 // Deliberate: Hoare's partition around the middle element, although it is not stable. The order
 // that it leaves among equal scores, and around a NaN, decides which of them survives suppression, so

@@ -1,5 +1,5 @@
-// score_order_plain.cpp - the order of falling scores as it is defined: each box is compared with the
-// middle one. See score_order.h.
+// score_order_plain.cpp - the order of descending scores as it is defined: each box is compared with the
+// middle one.
 #include "base/postprocess/score_order.h"
 
 namespace {

@@ -1,5 +1,5 @@
-// stable_box.cpp - OLVEX_StableBox, the self-contained stabiliser. See det_postprocess.h; the one
-// that the handle uses is in video/det/src/det_schedule.cpp.
+// stable_box.cpp - OLVEX_StableBox, the self-contained stabiliser. The one
+// that the handle uses is in video/det/src/det_refine.cpp.
 #include "base/postprocess/det_postprocess.h"
 
 namespace {

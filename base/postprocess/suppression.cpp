@@ -1,4 +1,4 @@
-// suppression.cpp - the two non-maximum suppressions. See det_postprocess.h.
+// suppression.cpp - the two non-maximum suppressions.
 #include "base/postprocess/det_postprocess.h"
 
 #include "utils/log/olvex_log.h"

@@ -1,5 +1,5 @@
 // class_mapping.cpp - DetAfModel: class ids of the model to those of the library, and the classes of the
-// double check. See sdet_model.h.
+// double check.
 #include "base/sdet/sdet_model.h"
 
 #include <string.h>
@@ -23,10 +23,10 @@ struct ClassRule {
   int confirming[kMaxConfirmingClasses];
 };
 
-// Deliberate: negative library ids travel on as labels. Such boxes confirm tracks in the double
+// Deliberate: negative library ids are kept as labels. Such boxes confirm tracks in the double
 // check and are dropped only where boxes are tracked or written out.
 const ClassRule kClassRules[] = {
-    // Its confirming ids are the ones before the mapping, which no box carries any more.
+    // Its confirming ids are the ones before the mapping, which no box has after it.
     {"zrphf", "zrpd", 2, {{1, -1}, {2, -2}}, 2, {1, 2}},
     {"zrpcnh", "zrpcn", 1, {{6, -6}}, 1, {-6}},
     {"zrpcnf", "zrpcn", 1, {{6, -6}}, 1, {-6}},

@@ -1,5 +1,5 @@
 // model_image.cpp - the model image: a file's mapping, the pairs in front of the start pattern, and the read
-// callback. See sdet_model.h; model_loading.cpp is what asks for it.
+// callback. model_loading.cpp calls it.
 #include "base/sdet/sdet_model.h"
 
 #include <fcntl.h>

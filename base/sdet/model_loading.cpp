@@ -1,5 +1,5 @@
-// model_loading.cpp - DetAfModel: a model from its image to an open channel, and who releases the image. See
-// sdet_model.h; sdet_model.cpp runs frames.
+// model_loading.cpp - DetAfModel: a model from its image to an open channel, and who releases the image.
+// sdet_model.cpp runs frames.
 #include "base/sdet/sdet_model.h"
 
 #include <string.h>
@@ -200,7 +200,7 @@ void DetAfModel::log_tensors_and_learn_keys() {
 
 // A model can carry its pairs in the name of its first output, the only way for a model in memory.
 void DetAfModel::learn_keys_from_name(const TensorName& name) {
-  // Zeros behind the name keep the scan for the start pattern inside the buffer.
+  // Zeros after the name keep the scan for the start pattern inside the buffer.
   char text[QV_IPU_TENSOR_NAME_SIZE + kStartPatternSize] = {0};
   memcpy(text, name.text, QV_IPU_TENSOR_NAME_SIZE);
   olvex::vector<ModelKeyValue_t> kvs;

@@ -1,4 +1,4 @@
-// model_words.h - the words by which the pairs in front of a model say what it puts out: the one table of
+// model_words.h - the words by which the pairs in front of a model say what it outputs: the one table of
 // them. output_type.cpp and class_mapping.cpp read the pairs; the tools and tests read the table, too.
 #ifndef BASE_SDET_MODEL_WORDS_H
 #define BASE_SDET_MODEL_WORDS_H
@@ -6,7 +6,7 @@
 #include <stddef.h>
 #include <string.h>
 
-// Keys of the pairs: what the model puts out, and what the library is to make of it.
+// Keys of the pairs: what the model outputs, and what the library is to make of it.
 const char kModelOutKey[] = "model_out";
 const char kLibOutKey[] = "lib_out";
 

@@ -1,5 +1,5 @@
-// output_type.cpp - what a model puts out: classes and key points by its word or its channels, and which
-// decoder its tensors need. See sdet_model.h; model_words.h has the words.
+// output_type.cpp - what a model outputs: classes and key points by its word or its channels, and which
+// decoder its tensors need. model_words.h has the words.
 #include "base/sdet/sdet_model.h"
 
 #include <string.h>

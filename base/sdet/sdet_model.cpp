@@ -1,6 +1,5 @@
-// sdet_model.cpp - DetAfModel: one frame through the network and the decoders to boxes in display pixels. See
-// sdet_model.h; model_loading.cpp opens the model, output_type.cpp knows its outputs and class_mapping.cpp
-// its classes.
+// sdet_model.cpp - DetAfModel: one frame through the network and the decoders to boxes in display pixels.
+// model_loading.cpp opens the model, output_type.cpp has its outputs and class_mapping.cpp its classes.
 #include "base/sdet/sdet_model.h"
 
 #include <stdint.h>
@@ -84,7 +83,7 @@ int DetAfModel::model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int*
   OLVEX_INFO_FORMAT("input tensors and output tensor count is %d %d\n",
                     static_cast<int>(desc_.u32InputTensorCount),
                     static_cast<int>(desc_.u32OutputTensorCount));
-  // A clock that cannot tell the time leaves them as they are.
+  // A failing clock leaves them as they are.
   struct timeval start = timeval();
   struct timeval end = timeval();
   gettimeofday(&start, NULL);

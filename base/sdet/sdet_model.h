@@ -40,7 +40,7 @@ int get_model_ptr(char* model_path, char*& p_model_file, unsigned int& model_fil
 
 // Scans len bytes for pairs and the start pattern. kvs is cleared first; p_model is set when the
 // pattern is found. A zero byte ends the scan. Entries without ':', key or value are skipped.
-// Requires: three bytes behind buf[len - 1] can be read. Returns 0.
+// Requires: three bytes after buf[len - 1] can be read. Returns 0.
 int get_model_kvs(char* buf, unsigned long long len, olvex::vector<ModelKeyValue_t>& kvs,
                   char*& p_model);
 
@@ -71,7 +71,7 @@ enum OutputDecoder {
 OutputDecoder choose_output_decoder(const DetDecodeInfo& info);
 
 // Maps boxes and key points from network-input to image pixels and clamps them into the image, in
-// single precision. keypointnum is not used: each box knows its key points. Returns 0.
+// single precision. keypointnum is not used: each box holds its key points. Returns 0.
 int det_rescale_boxinfos(olvex::vector<BoxInfo>& boxes, int net_width, int net_height,
                          int img_width, int img_height, int keypointnum);
 
@@ -103,15 +103,14 @@ class DetAfModel : public IpuEngine {
   // Runs one frame.
   //
   //   input                    the frame's addresses in its first tensor
-  //   boxes, count             out: the model's own boxes in display pixels, valid until the next
-  //   call;
-  //                            NULL and 0 without any
+  //   boxes, count             out: the model's own boxes in display pixels, valid until the
+  //                            next call; NULL and 0 without any
   //   disp_width, disp_height  display size in pixels
   //
   // Returns E_ALGO_SUCCESS; E_ALGO_INPUT_DATA_NULL without input; the platform's code when the
   // network fails, after which the channel is closed; E_ALGO_LOADMODEL_FAIL for a model with one
   // output; E_ALGO_INVALID_OUTPUT_SIZE when no decoder takes the outputs' shapes, the classes are not
-  // known, or a buffer is missing or, by the platform's own word, ends before what is to be read;
+  // known, or a buffer is missing or, as the platform reports it, ends before what is to be read;
   // E_ALGO_INVALID_DECODE_MODE for accelerator-decoded outputs of another element type than FP32 and
   // INT16. Each failure is logged. A raw layer that cannot be decoded is logged and adds no boxes.
   int model_invoke(QV_IPU_TensorVector_s* input, BoxInfo** boxes, int* count,

@@ -1,4 +1,4 @@
-// start_pattern.h - the bytes with which the offline model starts, behind the text of a model image.
+// start_pattern.h - the bytes with which the offline model starts, after the text of a model image.
 // model_image.cpp looks for them.
 #ifndef BASE_SDET_START_PATTERN_H
 #define BASE_SDET_START_PATTERN_H

@@ -1,5 +1,5 @@
-"""Which seeds belong to whom. Training must never see a scene that anything is measured on, so each
-purpose has a range of seeds of its own.
+"""Which seeds are for which purpose. Training must never see a scene that anything is measured on, so each
+purpose has its own range of seeds.
 """
 import hashlib
 from pathlib import Path

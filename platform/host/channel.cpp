@@ -1,4 +1,4 @@
-// channel.cpp - see channel.h.
+// channel.cpp - loads a network, hands out its output buffers and runs its frames.
 #include "platform/host/channel.h"
 
 #include <algorithm>

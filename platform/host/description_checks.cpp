@@ -1,4 +1,5 @@
-// description_checks.cpp - what a description promises, and the names that follow from it. See host_image.h.
+// description_checks.cpp - the checks of a description, and the tensor names that follow from it.
+// Declared in host_image.h.
 #include <algorithm>
 #include <cmath>
 #include <string_view>

@@ -1,5 +1,4 @@
-// description_json.cpp - a description as JSON text, and back. See host_image.h; docs/model-images.md has the
-// fields.
+// description_json.cpp - a description as JSON text, and back. docs/model-images.md has the fields.
 #include <charconv>
 #include <set>
 

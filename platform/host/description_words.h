@@ -10,7 +10,7 @@
 
 namespace qv_host {
 
-constexpr std::size_t kMaxName = QV_IPU_TENSOR_NAME_SIZE - 1;  // bytes, with room for the end mark
+constexpr std::size_t kMaxName = QV_IPU_TENSOR_NAME_SIZE - 1;  // bytes, without the terminator
 
 template <typename Value>
 struct Choice {
@@ -56,8 +56,8 @@ const char* find_word(const Choice<Value> (&choices)[kCount], Value value) {
   return nullptr;
 }
 
-// Throws ImageError. The field's name may come from the description; what would break or steer the line
-// that a terminal shows is shown as a question mark.
+// Throws ImageError. The field's name may come from the description; what would break the line or steer
+// the terminal is shown as a question mark.
 [[noreturn]] void refuse(const std::string& field, const std::string& found,
                          const std::string& expected);
 

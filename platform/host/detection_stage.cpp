@@ -1,5 +1,5 @@
 // detection_stage.cpp - the accelerator's own detection stage: picks the best candidate boxes of a
-// network and hands them over as rows, indices and a count; see output_stage.h.
+// network and hands them over as rows, indices and a count.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -133,7 +133,7 @@ class DetectionStage : public OutputStage {
     }
   }
 
-  // The shapes are what tells the library the layouts apart: rows is the third extent of every
+  // The library recognises the layout by the shapes: rows is the third extent of every
   // tensor of values, and the second of the two-dimensional indices, whose third and fourth are 0.
   void add_tensors(const Description& description) {
     const std::size_t rows = static_cast<std::size_t>(output_.max_boxes);
@@ -234,7 +234,7 @@ class DetectionStage : public OutputStage {
   DecodedOutput output_;
   float x_factor_;
   float y_factor_;
-  Tables first_;  // of the trial run; its shapes alone are of use afterwards
+  Tables first_;  // of the trial run; only its shapes are used afterwards
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// frame_converter.cpp - see frame_converter.h.
+// frame_converter.cpp - colour conversion and planes by OpenCV, one function per frame format.
 #include "platform/host/frame_converter.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// frame_converter.h - the camera's frame on one side, the network's input planes on the other.
-// docs/model-images.md shows the frame layouts; channel.h is the user.
+// frame_converter.h - converts the camera's frame to the network's input planes.
+// docs/model-images.md shows the frame layouts; channel.cpp uses it.
 #ifndef PLATFORM_HOST_FRAME_CONVERTER_H
 #define PLATFORM_HOST_FRAME_CONVERTER_H
 
@@ -20,7 +20,7 @@ class FrameConverter {
   // The input tensor as the contract describes it.
   QV_IPU_TensorDesc_t tensor_description() const;
 
-  // Bytes that a frame has to have: everything up to the last pixel, without padding behind it.
+  // Bytes that a frame has to have: everything up to the last pixel, without the padding after it.
   std::size_t needed_size() const { return needed_size_; }
 
   // Network input for a frame, 1 x C x H x W. Requires: needed_size() readable bytes.

@@ -58,7 +58,7 @@ class DeviceTable {
 
   QV_U32 add(std::shared_ptr<Channel> channel) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    require_device();  // it may have gone while the network was loaded
+    require_device();  // it may have been destroyed while the network was loaded
     device_->channels[next_id_] = std::move(channel);
     return next_id_++;
   }

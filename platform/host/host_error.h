@@ -1,5 +1,5 @@
-// host_error.h - the refusal that travels from any depth of the host accelerator to the contract's
-// calls, which turn it into a code and one line on standard error (host_accelerator.cpp).
+// host_error.h - the exception that any part of the host accelerator throws. The contract's calls
+// turn it into a code and one line on standard error (host_accelerator.cpp).
 #ifndef PLATFORM_HOST_HOST_ERROR_H
 #define PLATFORM_HOST_HOST_ERROR_H
 

@@ -29,7 +29,7 @@ constexpr std::uint64_t kMaxNetworkSize = 1u << 30;
 // Order of the colour channels, in a U8 frame or in the network's input planes.
 enum class ColourOrder { kRgb, kBgr, kGray };
 
-// The frame that the camera delivers and what the network wants of it. Each network value is
+// The frame that the camera delivers and how it becomes the network's input. Each network value is
 // (channel - mean) * scale, with channel in 0..255 (or the frame's own values when it is FP32).
 struct InputDescription {
   std::string name;                                   // the network's input; empty: its only one
@@ -61,7 +61,7 @@ struct DecodedOutput {
   std::string scores;         // the network's score output
   int background = -1;        // column of the scores to leave out, -1: none; later columns
                               // move down by one to become class ids
-  bool emit_classes = true;   // a class tensor of its own (5 tensors); false: all class 0
+  bool emit_classes = true;   // a separate class tensor (5 tensors); false: all class 0
   std::string keypoints;      // the network's key-point output, empty: none; needs
                               // emit_classes false
   int keypoint_values = 0;    // values of a row: 8, 10 (pairs), 12, 15, 51, 63 (with scores);
@@ -93,13 +93,13 @@ class ImageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The bytes cannot be had at all: no such file, no permission, a failing disk.
+// The bytes cannot be read at all: no such file, no permission, a failing disk.
 class ImageReadError : public ImageError {
  public:
   using ImageError::ImageError;
 };
 
-// Checks what a description promises (sizes, ranges, names, combinations); throws ImageError naming
+// Checks a description (sizes, ranges, names, combinations); throws ImageError naming
 // the JSON field. description_to_json, parse_description and build_image all call it.
 void check_description(const Description& description);
 

@@ -1,4 +1,4 @@
-// memory_map.cpp - reads /proc/self/maps; see memory_map.h.
+// memory_map.cpp - reads /proc/self/maps.
 #include "platform/host/memory_map.h"
 
 #include <sys/stat.h>
@@ -44,12 +44,12 @@ std::optional<Mapping> parse_line(const std::string& line) {
 }
 
 // End of the part of the mapping that its file fills. A program's variables may lie in a writable
-// mapping behind the end of its file, in the rest of the last page.
+// mapping beyond the end of its file, in the rest of the last page.
 std::uintptr_t end_within_file(const Mapping& mapping) {
   struct stat status {};
   if (mapping.path.empty() || stat(mapping.path.c_str(), &status) != 0 ||
       !S_ISREG(status.st_mode) || status.st_ino != mapping.inode) {
-    return mapping.end;  // no file, or one that has gone or was replaced: nothing more is known
+    return mapping.end;  // no file, or one that was deleted or replaced: nothing more is known
   }
   const std::uint64_t page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   std::uint64_t file_end = static_cast<std::uint64_t>(status.st_size);

@@ -1,6 +1,6 @@
 // memory_map.h - what of this process's memory can be read without a fault. The library's read
-// callback and the application's frames come as bare addresses, so a truncated model file or a
-// frame that is gone would otherwise end the process. model_source.h, channel.h and the cache flush ask here.
+// callback and the application's frames come as bare addresses, so a truncated model file or an
+// unmapped frame would otherwise end the process. model_source.h, channel.h and the cache flush use it.
 #ifndef PLATFORM_HOST_MEMORY_MAP_H
 #define PLATFORM_HOST_MEMORY_MAP_H
 
@@ -15,7 +15,7 @@ struct ReadableRange {
   bool has_file = false;  // whether any of the bytes is mapped from a file
 };
 
-// How many of the wanted bytes at the address can be read. Bytes of a mapping behind the end of its
+// How many of the wanted bytes at the address can be read. Bytes of a mapping beyond the end of its
 // file do not count, since whole pages of them fault; nor does the rest of the last page when the
 // mapping is read-only, since it is no part of the file.
 ReadableRange readable_range(const void* address, std::size_t wanted);

@@ -1,4 +1,4 @@
-// model_source.cpp - see model_source.h.
+// model_source.cpp - reads a model by its path or by the caller's read callback.
 #include "platform/host/model_source.h"
 
 #include <algorithm>

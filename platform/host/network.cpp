@@ -1,4 +1,4 @@
-// network.cpp - see network.h.
+// network.cpp - loads and runs a network by OpenCV's dnn module.
 #include "platform/host/network.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace qv_host {
 namespace {
 
-// OpenCV logs several lines of its own before it throws; the refusal is to be one line. The level
+// OpenCV logs several lines before it throws; a refusal is to print one line only. The log level
 // belongs to the whole process, hence the lock: two threads must not restore each other's.
 class QuietEngine {
  public:

@@ -1,5 +1,5 @@
-// network.h - one ONNX network in OpenCV's dnn module, with its faults as HostError. channel.h owns
-// one; output_stage.h makes tensors of what it computes.
+// network.h - one ONNX network in OpenCV's dnn module, with its errors as HostError. A channel owns
+// one; output_stage.h makes tensors of its results.
 #ifndef PLATFORM_HOST_NETWORK_H
 #define PLATFORM_HOST_NETWORK_H
 

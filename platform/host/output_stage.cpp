@@ -1,4 +1,4 @@
-// output_stage.cpp - what both kinds of output stage share; see output_stage.h.
+// output_stage.cpp - what both kinds of output stage share.
 #include "platform/host/output_stage.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // output_stage.h - from what the network computes to the output tensors that the library sees.
-// raw_stage.cpp and detection_stage.cpp are the two kinds; channel.h is the user.
+// raw_stage.cpp and detection_stage.cpp are the two kinds; channel.cpp uses them.
 #ifndef PLATFORM_HOST_OUTPUT_STAGE_H
 #define PLATFORM_HOST_OUTPUT_STAGE_H
 
@@ -44,7 +44,7 @@ std::vector<std::string> network_outputs(const Description& description);
 std::unique_ptr<OutputStage> make_output_stage(const Description& description,
                                                const std::vector<cv::Mat>& results);
 
-// The two kinds, each for descriptions of its own kind.
+// The two kinds; each takes descriptions of its kind only.
 std::unique_ptr<OutputStage> make_raw_stage(const Description& description,
                                             const std::vector<cv::Mat>& results);
 std::unique_ptr<OutputStage> make_detection_stage(const Description& description,

@@ -76,7 +76,7 @@ typedef struct QV_IPU_DevAttr_s {
 } QV_IPU_DevAttr_s;
 typedef QV_IPU_DevAttr_s QV_IPU_DevAttr_t;
 
-/* What can be told of a model before a channel is opened for it. */
+/* What is known of a model before a channel is opened for it. */
 typedef struct QV_IPU_OfflineModelStaticInfo_s {
   QV_U32 u32VariableBufferSize; /* bytes of working memory that the model needs */
   QV_U32 u32OfflineModelSize;   /* bytes of the offline model */
@@ -169,7 +169,7 @@ QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char* path_or_conte
 QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attributes, QV_IPU_ReadFunc read,
                         char* path_or_context);
 
-/* Closes a channel; its output buffers are gone afterwards.
+/* Closes a channel; its output buffers are freed.
  * Returns 0, or a code for an unknown channel. */
 QV_S32 QV_IPU_DestroyCHN(QV_U32 channel);
 

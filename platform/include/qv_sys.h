@@ -1,6 +1,6 @@
 /* qv_sys.h - the chip's system interface: frame buffers and cache maintenance.
  *
- * C99 and C++11. See qv_ipu.h for the accelerator itself. */
+ * C99 and C++11. qv_ipu.h is the accelerator itself. */
 #ifndef QV_SYS_H
 #define QV_SYS_H
 

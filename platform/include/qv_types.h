@@ -1,7 +1,7 @@
 /* qv_types.h - scalar types of the chip's interfaces, in C99 and C++11.
  *
  * Every record that crosses a library boundary is made of these types and keeps natural alignment:
- * a 64-bit member is aligned to 8 bytes on 32-bit ARM too. Read qv_sys.h and qv_ipu.h next. */
+ * a 64-bit member is aligned to 8 bytes on 32-bit ARM too. */
 #ifndef QV_TYPES_H
 #define QV_TYPES_H
 

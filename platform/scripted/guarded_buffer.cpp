@@ -35,7 +35,7 @@ void allow(unsigned char* start, std::size_t size) {
 #endif
 }
 
-bool mend(unsigned char* area) {
+bool restore(unsigned char* area) {
   allow(area, kGuardSize);
   const bool damaged =
       std::any_of(area, area + kGuardSize, [](unsigned char byte) { return byte != kGuard; });
@@ -83,8 +83,8 @@ void GuardedBuffer::fill(const unsigned char* bytes, std::size_t count) {
 
 GuardedBuffer::Damage GuardedBuffer::take_damage() {
   Damage damage;
-  damage.before = mend(before());
-  damage.after = mend(after());
+  damage.before = restore(before());
+  damage.after = restore(after());
   return damage;
 }
 

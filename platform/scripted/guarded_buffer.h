@@ -39,7 +39,7 @@ class GuardedBuffer {
     bool before = false;
     bool after = false;
   };
-  // Which watched areas were written to since the last call; mends them.
+  // Which watched areas were written to since the last call; restores them.
   Damage take_damage();
 
  private:
@@ -51,8 +51,8 @@ class GuardedBuffer {
   std::size_t size_;
 };
 
-// Whether the address sanitizer knows of bytes in the range that nobody may touch; false without
-// it.
+// Whether the address sanitizer knows of bytes in the range that must not be accessed; false
+// without it.
 bool range_is_forbidden(const void* address, std::size_t size);
 
 }  // namespace qv_scripted

@@ -1,8 +1,8 @@
-// qv_scripted.h - control functions of the scripted accelerator: what a test sets before and asks
+// qv_scripted.h - control functions of the scripted accelerator: what a test sets before and reads
 // after the library under test has made its QV_ calls. All may be called from any thread.
 //
 // The accelerator keeps real device and channel states, hands out guarded buffers, plays queued
-// output frames, fails the calls that it is told to fail, notes every call, and reports by itself
+// output frames, fails the calls that a test selects, notes every call, and reports by itself
 // whatever breaks the contract of qv_ipu.h. tests/support/scripted_test.h wraps it for GoogleTest;
 // scripted_setup.cpp and scripted_frames.cpp hold the QV_ calls.
 #ifndef PLATFORM_SCRIPTED_QV_SCRIPTED_H
@@ -18,7 +18,7 @@
 
 namespace qv_scripted {
 
-// Results of calls that fail without being told to.
+// Results of calls that fail without a fault set by the test.
 enum Code : QV_S32 {
   kNoDevice = 0x2001,      // a channel or teardown call without a device
   kDeviceExists = 0x2002,  // a second device
@@ -87,7 +87,7 @@ struct Network {
   // Bytes of the offline model from its start pattern on; what the platform reads. At least 4.
   QV_U32 model_size = 16;
   // Output of each invocation in turn; see queue_frame. A tensor that is shorter than its buffer
-  // leaves kPoison behind it.
+  // leaves kPoison after it.
   std::vector<Frame> frames;
   // After the last frame: repeat it, or fail with kNoFrame and report.
   bool repeat_last_frame = true;
@@ -98,7 +98,7 @@ struct Network {
 };
 
 // Back to the first state: no device, channel, network, fault, event or violation. Buffers that
-// were handed out are gone. No QV_ call may be running.
+// were handed out are freed. No QV_ call may be running.
 void reset();
 
 // The next channel to be opened gets this network; the last network added serves all channels after

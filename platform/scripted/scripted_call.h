@@ -24,7 +24,7 @@ class Call {
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
-  // The code with which the call was told to fail; 0: it was not.
+  // The code of the fault that is set for the call; 0: none.
   QV_S32 injected() const { return injected_; }
   std::unique_lock<std::mutex>& lock() { return lock_; }
 

@@ -1,5 +1,5 @@
 // scripted_frames.cpp - the QV_ calls of the scripted accelerator for frames: output buffers, invocation and
-// cache. Read scripted_setup.cpp first.
+// cache.
 #include <algorithm>
 #include <chrono>
 #include <thread>
@@ -221,8 +221,8 @@ QV_S32 QV_SYS_FlushInvCache(void* address, QV_U32 size) {
   Call call(Function::kFlushInvCache);
   call.event.address = address;
   call.event.size = size;
-  // Deliberate: also a flush that is told to fail counts as made. The order of the caller's calls
-  // is what is watched, and a caller that goes on after the failure has kept to it.
+  // Deliberate: also a flush with a fault set counts as made. Only the order of the caller's calls is
+  // watched, and a caller that continues after the failure has kept to it.
   last_flush = {address, size, true, state().resets};
   if (call.injected() != 0) {
     return call.end(call.injected());

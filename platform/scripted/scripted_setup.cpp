@@ -1,6 +1,6 @@
 // scripted_setup.cpp - the QV_ calls of the scripted accelerator for devices, models and channels. Each one
-// notes its event, looks whether it is told to fail, checks what the caller must keep to, and only then takes
-// effect. scripted_state.h is what they work on; scripted_frames.cpp has the calls for frames.
+// notes its event, fails where a fault is set for it, checks the caller's part of the contract, and only then
+// takes effect. scripted_state.h is what they work on; scripted_frames.cpp has the calls for frames.
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -74,7 +74,7 @@ void note_source(Event* event, QV_IPU_ReadFunc read, const char* path_or_context
   }
 }
 
-// A null context is the read callback's own affair; a null path is an error.
+// A null context is passed to the read callback; a null path is an error.
 bool source_is_missing(QV_IPU_ReadFunc read, const char* path_or_context) {
   return read == nullptr && path_or_context == nullptr;
 }

@@ -11,8 +11,8 @@ import tempfile
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import common  # noqa: E402
 
-# The library's own targets: others compile the same sources, with headers of their own. What takes the
-# place of a source, the plain library has.
+# The library's own targets: others compile the same sources, with other headers. What takes the place of a
+# source is in the plain library.
 TARGETS = re.compile(r"olvex_det(_core)?\.dir/|olvex_det_plain\.dir/.*_plain\.cpp$")
 
 

@@ -2,7 +2,7 @@
 """Every source, script or page that a comment or a page of documentation names exists in the repository.
 
 A name is a word with one of ENDINGS, with folders before it or without: some file has to end so. A word that
-starts with a folder of the root and '/' has to be a path; a part of it in capitals stands for any name.
+starts with a folder of the root and '/' has to be a path; a part of it in capitals is any name.
 """
 import pathlib
 import re

@@ -85,7 +85,7 @@ def brace_opens(header, around, in_brackets):
 
 
 def statements_of(tokens):
-    """The statements without blocks of their own, inside functions."""
+    """The statements without nested blocks, inside functions."""
     found, braces, brackets, start, block = [], [], 0, 0, 0
     for k, token in enumerate(tokens):
         around = braces[-1] if braces else "outer"
@@ -151,7 +151,7 @@ def segments_of(tokens):
 
 
 def is_declaration(words):
-    """A type, and a name behind it."""
+    """A type, and a name after it."""
     if words[0] in ("const", "static", "auto", "struct", "unsigned"):
         return True
     k = 1
@@ -264,7 +264,7 @@ def statement_mutants(source, tokens):
         words = [token.text for token in tokens[statement.first:statement.last + 1]]
         begin, end = tokens[statement.first].start, tokens[statement.last].end
         shape = shape_of(words)[0]
-        # The last return of a function stays: what comes without it is anybody's guess.
+        # The last return of a function stays: without it the result is undefined.
         if shape in ("call", "assignment") or (shape == "jump" and statement.depth > 1):
             yield "drop", begin, end, ";" + "\n" * source.count("\n", begin, end)
         if last and (last[0].last + 1, last[0].block) == (statement.first, statement.block) and \

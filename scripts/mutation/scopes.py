@@ -43,8 +43,8 @@ SCOPES = {
         r"(unit|golden) ", {"OLVEX_ROUNDS": "10"}, 120, 85.0, None),
 }
 
-# Of the tests of the command line, those that can notice a change, beside the one of all help texts: a pattern
-# of the source, and of the test's name. The first that fits counts; a source without one may show in all.
+# Of the tests of the command line, those that can notice a change, beside the one of all help texts: a
+# pattern of the source, and of the test's name. The first that fits counts; a source without one may show in all.
 LIKELY_TESTS = (
     (r"tools/eval/coco/(?!coco_worst)", r"eval_coco"),
     (r"tools/eval/mot/", r"eval_mot"),

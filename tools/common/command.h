@@ -1,5 +1,5 @@
 // command.h - what every subcommand of olvex-det shares: exit codes, the error that carries one, and
-// how a subcommand registers itself. main.cpp puts them together.
+// how a subcommand registers itself. main.cpp registers them all.
 #ifndef TOOLS_COMMON_COMMAND_H
 #define TOOLS_COMMON_COMMAND_H
 

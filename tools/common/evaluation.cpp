@@ -1,4 +1,4 @@
-// evaluation.cpp - warnings on the screen, parsing and checking of --min. Read evaluation.h first.
+// evaluation.cpp - warnings on standard error, parsing and checking of --min.
 #include "tools/common/evaluation.h"
 
 #include <algorithm>

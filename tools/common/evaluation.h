@@ -1,6 +1,5 @@
 // evaluation.h - what both subcommands of eval share: warnings of probable mistakes in the files, and the
 // option --min METRIC=VALUE, values that an evaluation must reach.
-// Read eval_coco_command.cpp for their use.
 #ifndef TOOLS_COMMON_EVALUATION_H
 #define TOOLS_COMMON_EVALUATION_H
 
@@ -26,7 +25,7 @@ void print_findings(const std::string& command, const std::vector<LintFinding>& 
 
 struct Metric {
   std::string name;
-  std::optional<double> value;  // empty: undefined, for want of truth
+  std::optional<double> value;  // empty: undefined, as there is no truth
 };
 
 struct MetricMinimum {

@@ -1,4 +1,4 @@
-// interruption.cpp - the signal handlers. Read interruption.h first.
+// interruption.cpp - the signal handlers.
 #include "tools/common/interruption.h"
 
 #include <atomic>
@@ -35,7 +35,7 @@ void handle(int signal_number, void (*handler)(int), struct sigaction* former) {
   struct sigaction action = {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
-  // A read or write that the signal hits goes on, so that no result is cut.
+  // A read or write that the signal interrupts is continued, so that no result is cut.
   action.sa_flags = SA_RESTART;
   sigaction(signal_number, &action, former);
 }
@@ -54,7 +54,7 @@ bool is_remembered(int signal_number) {
   return signal_number != SIGPIPE && signal_number != SIGXFSZ;
 }
 
-// Whether a call that waits goes on after a request.
+// Whether a waiting call continues after a request.
 void set_restart(bool restart) {
   for (const int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action = {};

@@ -1,5 +1,5 @@
-// interruption.h - signals that end a run in order: the first Ctrl-C asks, the second one kills.
-// Read run_session.cpp for the loop that asks.
+// interruption.h - signals that end a run: the first Ctrl-C requests an orderly end, the second one
+// ends the process. The loop in run_session.cpp checks for requests.
 #ifndef TOOLS_COMMON_INTERRUPTION_H
 #define TOOLS_COMMON_INTERRUPTION_H
 
@@ -10,8 +10,8 @@
 namespace olvex_tools {
 
 // While one lives, the first SIGINT or SIGTERM and every SIGHUP are only remembered; one that was
-// ignored before (nohup, a shell's background) stays so. The second SIGINT or SIGTERM removes unfinished files and
-// ends the process. SIGPIPE and SIGXFSZ are ignored, so that a closed pipe and a file that grows
+// ignored before (nohup, a shell's background) stays so. The second SIGINT or SIGTERM removes unfinished
+// files and ends the process. SIGPIPE and SIGXFSZ are ignored, so that a closed pipe and a file that grows
 // beyond its limit are failed writes. The destructor puts the former behaviour back. One at a time.
 class Interruption {
  public:

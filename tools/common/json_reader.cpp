@@ -1,5 +1,5 @@
 // json_reader.cpp - the parser with a callback that checks; for lists it hands each object on when that is
-// complete and drops it from the tree. Read json_reader.h first.
+// complete and drops it from the tree.
 #include "tools/common/json_reader.h"
 
 #include <algorithm>
@@ -151,7 +151,7 @@ class ListParser {
     if (event == Event::key) {
       item_keys_.add(place(), value);
     }
-    // Outlines can be the larger part of a file, and nothing asks for them.
+    // Outlines can be the larger part of a file, and nothing uses them.
     const bool nested = event == Event::array_start || event == Event::object_start;
     return !nested || item_keys_.last == "bbox";
   }

@@ -1,6 +1,5 @@
-// json_reader.h - strict reading of JSON: no member twice, no endless nesting, nothing behind a zero byte,
+// json_reader.h - strict reading of JSON: no member twice, no endless nesting, nothing after a zero byte,
 // and every member that is asked for is checked.
-// Read coco_files.cpp and compare_run.cpp for the files that are read so.
 #ifndef TOOLS_COMMON_JSON_READER_H
 #define TOOLS_COMMON_JSON_READER_H
 

@@ -1,4 +1,4 @@
-// options.cpp - the parser's calls, for each type of value that an option has. Read options.h first.
+// options.cpp - the parser's calls, for each type of value that an option has.
 #include "tools/common/options.h"
 
 #include <cstdint>

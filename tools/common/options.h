@@ -1,5 +1,5 @@
 // options.h - how a subcommand declares its options. A thin layer over the parser, so that its header, which
-// takes long to compile, is needed here and in main.cpp alone. Read compare_command.cpp for an example.
+// takes long to compile, is needed here and in main.cpp alone. compare_command.cpp is an example.
 #ifndef TOOLS_COMMON_OPTIONS_H
 #define TOOLS_COMMON_OPTIONS_H
 
@@ -24,7 +24,7 @@ class Option {
   Option& shows_default();
   // Several values in one word, with that character between them.
   Option& split_at(char separator);
-  // So many values, each in a word of its own.
+  // That many values, each a separate word.
   Option& takes(int count);
   // May be given again, with one value each time.
   Option& repeats();

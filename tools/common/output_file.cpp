@@ -1,4 +1,4 @@
-// output_file.cpp - checked writing through the system's own calls. Read output_file.h first.
+// output_file.cpp - checked writing through the system's own calls.
 #include "tools/common/output_file.h"
 
 #include <cerrno>
@@ -101,7 +101,7 @@ void OutputFile::open_in_place() {
 }
 
 void OutputFile::empty_own_file() {
-  // Some file systems know no locks; there two runs are not told apart.
+  // Some file systems have no locks; there a second run is not detected.
   if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     failed_ = true;
     throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file");

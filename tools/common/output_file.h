@@ -1,6 +1,5 @@
 // output_file.h - a file of results in which no failed write goes unnoticed, and which is whole at
 // any moment: up to its last text, or as it was before.
-// Read tools/run/run_outputs.h for the formats.
 #ifndef TOOLS_COMMON_OUTPUT_FILE_H
 #define TOOLS_COMMON_OUTPUT_FILE_H
 

@@ -1,4 +1,4 @@
-// progress.cpp - draws the progress line with plain terminal control. Read progress.h first.
+// progress.cpp - draws the progress line with plain terminal control.
 #include "tools/common/progress.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kDrawInterval(100);
 constexpr std::size_t kBarWidth = 24;      // characters
-constexpr std::size_t kUsualColumns = 80;  // of a terminal that does not tell
+constexpr std::size_t kUsualColumns = 80;  // of a terminal that does not report them
 const char kEraseLine[] = "\r\033[K";
 
 std::size_t terminal_columns() {

@@ -1,5 +1,4 @@
-// progress.h - the line on standard error that tells how far a run is, and notices beside it.
-// Read run_session.cpp for the loop that drives it.
+// progress.h - the line on standard error that shows how far a run is, and notices.
 #ifndef TOOLS_COMMON_PROGRESS_H
 #define TOOLS_COMMON_PROGRESS_H
 
@@ -21,7 +20,7 @@ class Progress {
 
   // done: frames so far. Redraws at most ten times a second.
   void update(long done);
-  // Prints a remark on a line of its own.
+  // Prints a remark on its own line.
   void notice(const std::string& text);
   void clear();
 

@@ -1,5 +1,5 @@
 // standard_output.cpp - LibraryLog by moving file descriptors, as the library prints through the C
-// library's own stdout. Read standard_output.h first.
+// library's own stdout.
 #include "tools/common/standard_output.h"
 
 #include <cerrno>

@@ -1,6 +1,5 @@
 // standard_output.h - keeps standard output for results: the detection library prints its
-// diagnostics there, so they are led elsewhere while it works.
-// Read library_model.h for one that works under it.
+// diagnostics there, so they are redirected while it works.
 #ifndef TOOLS_COMMON_STANDARD_OUTPUT_H
 #define TOOLS_COMMON_STANDARD_OUTPUT_H
 
@@ -9,7 +8,7 @@
 
 namespace olvex_tools {
 
-// While one lives, file descriptor 1 leads to a log file or nowhere, and results() is the process's
+// While one lives, file descriptor 1 is a log file or /dev/null, and results() is the process's
 // real standard output. The destructor puts everything back. Not for use from two threads; one at
 // a time.
 class LibraryLog {

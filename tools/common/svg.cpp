@@ -1,4 +1,4 @@
-// svg.cpp - composing elements. Read svg.h first.
+// svg.cpp - composing elements.
 #include "tools/common/svg.h"
 
 #include "tools/common/json_reader.h"

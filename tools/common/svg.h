@@ -1,4 +1,4 @@
-// svg.h - the elements of SVG pictures as text. Read coco_plot.cpp and mot_timeline.cpp for the pictures.
+// svg.h - the elements of SVG pictures as text. coco_plot.cpp and mot_timeline.cpp draw with them.
 #ifndef TOOLS_COMMON_SVG_H
 #define TOOLS_COMMON_SVG_H
 
@@ -9,7 +9,7 @@ namespace olvex_tools {
 // A text of any bytes as XML holds it.
 std::string xml_text(const std::string& text);
 
-// <name attributes>content</name> on a line of its own. content is XML.
+// <name attributes>content</name> on its own line. content is XML.
 std::string svg_element(const std::string& name, const std::string& attributes,
                         const std::string& content = "");
 

@@ -1,4 +1,4 @@
-// text.cpp - plain routines over strings. Read text.h first.
+// text.cpp - plain routines over strings.
 #include "tools/common/text.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ bool is_control(char character) {
   return code < 0x20 || code == 0x7f;
 }
 
-// U+0080 to U+009F, which some terminals obey, too.
+// U+0080 to U+009F, which some terminals interpret, too.
 bool is_wide_control(const std::string& text, std::size_t position) {
   return position + 1 < text.size() && text[position] == '\xc2' &&
          (static_cast<unsigned char>(text[position + 1]) & 0xe0) == 0x80;

@@ -23,15 +23,15 @@ std::string join(const std::vector<std::string>& words, const std::string& separ
 std::vector<std::string> split(const std::string& text, char separator);
 std::string in_lower_case(std::string text);
 
-// Names come from files and may hold any bytes. Control characters, which could steer the terminal,
+// Names come from files and may hold any bytes. Control characters, which could control the terminal,
 // become question marks: all but line ends, or in one_line all.
 std::string printable(const std::string& text);
 std::string one_line(const std::string& text);
 
-// The first letters of a text in UTF-8, with ending behind them when that is not all.
+// The first letters of a text in UTF-8, with ending appended when that is not all.
 std::string shortened(std::string_view text, std::size_t letters, const std::string& ending);
 
-// Letters on the screen: bytes that continue a UTF-8 letter take no room.
+// Letters on the screen: bytes that continue a UTF-8 letter have no width.
 std::size_t width_of(const std::string& text);
 
 // The nearest of names by edits (a letter added, left out, replaced, or two neighbours swapped);

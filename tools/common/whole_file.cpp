@@ -1,5 +1,4 @@
 // whole_file.cpp - whole-file reading, and writing by temporary file and rename.
-// Read whole_file.h first.
 #include "tools/common/whole_file.h"
 
 #include <atomic>
@@ -200,7 +199,7 @@ void ReplacementFile::write(std::string_view bytes) {
 void ReplacementFile::take_over_attributes() const {
   struct stat former = {};
   const bool replaces = stat(target_.c_str(), &former) == 0;
-  // Best effort: some file systems know no owners and modes, and not everyone may give a file away.
+  // Best effort: some file systems have no owners and modes, and changing the owner takes privileges.
   // mkstemp makes files that only their owner may read.
   mode_t mode = replaces ? former.st_mode & 0777 : default_file_mode();
   if (replaces && fchown(descriptor_, former.st_uid, former.st_gid) != 0 &&

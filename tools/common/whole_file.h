@@ -1,6 +1,5 @@
 // whole_file.h - files read and written as a whole: a reader that says what went wrong, and a
 // writer that leaves either the complete new file or what was there before.
-// Read output_file.h for the outputs that are written so.
 #ifndef TOOLS_COMMON_WHOLE_FILE_H
 #define TOOLS_COMMON_WHOLE_FILE_H
 
@@ -14,7 +13,8 @@
 
 namespace olvex_tools {
 
-// The bytes of a file or pipe, up to 1 GiB. Throws ToolError (kInputError) with what ("the network") and path.
+// The bytes of a file or pipe, up to 1 GiB. Throws ToolError (kInputError) with what ("the network")
+// and path.
 std::vector<char> read_whole_file(const std::string& what, const std::string& path);
 
 // A ToolError (kInputError) that also carries the system's reason.

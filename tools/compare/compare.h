@@ -43,7 +43,7 @@ struct ComparedFrame {
 };
 
 // Splits the frames that all runs hold into so many equal parts and takes from each the one with the
-// most boxes alone, at least half a part behind the one before; where several have as many, the one
+// most boxes alone, at least half a part after the one before; where several have as many, the one
 // nearest to the part's middle. Throws ToolError (kInputError) when the runs share no frame or are not of one
 // picture size. Requires: runs is not empty and lives as long as the result; count is above 0.
 std::vector<ComparedFrame> choose_frames(const std::vector<ComparedRun>& runs, std::size_t count);

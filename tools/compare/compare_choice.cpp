@@ -1,4 +1,4 @@
-// compare_choice.cpp - counts the boxes in which runs differ. Read compare.h first.
+// compare_choice.cpp - counts the boxes in which runs differ. Declared in compare.h.
 #include "tools/compare/compare.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // compare_command.cpp - the subcommand compare: its options, their checks, and its help.
-// Read compare.h for what is done with them.
 #include <algorithm>
 #include <filesystem>
 #include <memory>
@@ -26,7 +25,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t kRunsMost = 8;     // more columns leave no room for labels
+constexpr std::size_t kRunsMost = 8;     // more columns leave no space for labels
 constexpr std::size_t kFramesMost = 50;  // more rows make a sheet that no program opens
 constexpr int kDisplayMost = 32767;      // pixels, each way
 constexpr long kNumberMost = 1000000000;
@@ -103,7 +102,7 @@ bool is_dump(const fs::path& path) {
   return strcasecmp(path.extension().c_str(), ".bin") == 0;
 }
 
-// A camera shows its frames once, and what a dumped frame shows only its model tells.
+// A camera delivers its frames once, and only its model can decode a dumped frame.
 void require_repeatable(const std::string& input) {
   if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
     refuse_usage(input +
@@ -159,7 +158,7 @@ int compare(const CommandLine& line) {
   const std::vector<long> at = in_order(line.at);
   check_output(line, names);
   require_repeatable(line.input);
-  constexpr double kAnyRate = 25;  // frames per second; the runs tell the time
+  constexpr double kAnyRate = 25;  // frames per second; times come from the runs
   const std::unique_ptr<FrameSource> source =
       open_frame_source(line.input, FrameLayout(), kAnyRate);
   ReplacementFile file(line.output);

@@ -1,5 +1,5 @@
 // compare_run.cpp - JSON lines to records; every member that is used is checked.
-// Read compare.h first.
+// Declared in compare.h.
 #include "tools/compare/compare.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // compare_sheet.cpp - reads the frames one after the other and draws each into its row at once.
-// Read compare.h first.
+// Declared in compare.h.
 #include "tools/compare/compare.h"
 
 #include <cinttypes>

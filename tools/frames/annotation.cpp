@@ -1,5 +1,4 @@
-// annotation.cpp - drawing with OpenCV's imgproc module, encoding with imgcodecs. Read annotation.h
-// first.
+// annotation.cpp - drawing with OpenCV's imgproc module, encoding with imgcodecs.
 #include "tools/frames/annotation.h"
 
 #include <algorithm>
@@ -72,7 +71,7 @@ class Labels {
  public:
   explicit Labels(cv::Mat* picture) : picture_(*picture), pen_(pen_for(*picture)) {}
 
-  // Draws text in a filled box above that point, or as near to there as the picture has room.
+  // Draws text in a filled box above that point, or as near to it as fits into the picture.
   void draw(const std::string& text, cv::Point lower_left, const cv::Scalar& ground) {
     int below = 0;
     const cv::Size size = cv::getTextSize(text, kFont, pen_.font_scale, pen_.text_line, &below);
@@ -89,7 +88,7 @@ class Labels {
   }
 
  private:
-  // Moves down below the labels in the way; stays where it was when there is no room below.
+  // Moves down below the labels in the way; stays where it was when it does not fit below.
   cv::Rect first_free(const cv::Rect& wanted) const {
     cv::Rect area = wanted;
     while (area.y + area.height <= picture_.rows) {

@@ -1,5 +1,4 @@
 // annotation.h - draws boxes, names, tracks and key points into a picture, and writes picture files.
-// Read tools/run/run_outputs.h for where such pictures go.
 #ifndef TOOLS_FRAMES_ANNOTATION_H
 #define TOOLS_FRAMES_ANNOTATION_H
 

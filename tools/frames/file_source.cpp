@@ -1,5 +1,5 @@
 // file_source.cpp - frames from files, one each: pictures, or frames that the library dumped.
-// Read frame_source.h first.
+// Declared in frame_source.h.
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -47,7 +47,7 @@ bool is_segment(unsigned char code) {
          !(code >= kFirstRestart && code <= kLastRestart);
 }
 
-// The code of the next segment from *position on, which moves behind it; 0 at the end of the bytes.
+// The code of the next segment from *position on, which moves past it; 0 at the end of the bytes.
 unsigned char next_segment(const std::vector<unsigned char>& bytes, std::size_t* position) {
   while (*position + 1 < bytes.size()) {
     const auto from = bytes.begin() + static_cast<std::ptrdiff_t>(*position);
@@ -61,8 +61,8 @@ unsigned char next_segment(const std::vector<unsigned char>& bytes, std::size_t*
   return 0;
 }
 
-// Whether a JPEG file ends before its end marker, which the decoder does not tell: it fills what is missing
-// with grey. A thumbnail inside a segment has an end marker of its own, and cameras put data behind the
+// Whether a JPEG file ends before its end marker, which the decoder does not report: it fills what is missing
+// with grey. A thumbnail inside a segment has its own end marker, and cameras put data after the
 // picture's, so it goes from marker to marker. False for any other file.
 bool is_cut_jpeg(const std::vector<unsigned char>& bytes) {
   if (bytes.size() < 3 || bytes[0] != kMarker || bytes[1] != kStartOfImage || bytes[2] != kMarker) {

@@ -1,5 +1,5 @@
 // frame_conversion.cpp - the formats' memory layouts as OpenCV matrices over one buffer, so that
-// every conversion writes straight into the frame. Read frame_conversion.h first.
+// every conversion writes straight into the frame.
 #include "tools/frames/frame_conversion.h"
 
 #include <algorithm>
@@ -86,7 +86,7 @@ int packed_type(const FrameLayout& layout) {
 }
 
 void write_packed(const cv::Mat& picture, const FrameLayout& layout, unsigned char* frame) {
-  cv::Mat ordered;  // with pixels of its own where they change: the picture is drawn on later
+  cv::Mat ordered;  // a copy where pixels change: the picture is drawn on later
   if (layout.order == ColourOrder::kBgr) {
     ordered = picture;
   } else {

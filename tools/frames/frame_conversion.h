@@ -1,4 +1,4 @@
-// frame_conversion.h - pictures into the frame format that a model asks for, and back.
+// frame_conversion.h - pictures into the frame format that a model expects, and back.
 // qv_ipu.h defines the formats; frame_source.h supplies the pictures.
 #ifndef TOOLS_FRAMES_FRAME_CONVERSION_H
 #define TOOLS_FRAMES_FRAME_CONVERSION_H

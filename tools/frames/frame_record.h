@@ -1,6 +1,5 @@
 // frame_record.h - what one frame yielded: its boxes and the time that each stage took. Made by
 // run_session.cpp, consumed by every writer.
-// Read tools/run/run_outputs.h for the formats that it ends in.
 #ifndef TOOLS_FRAMES_FRAME_RECORD_H
 #define TOOLS_FRAMES_FRAME_RECORD_H
 

@@ -1,4 +1,4 @@
-// frame_source.cpp - finds out what an input is and opens it. Read frame_source.h first.
+// frame_source.cpp - finds out what an input is and opens it.
 #include "tools/frames/frame_source.h"
 
 #include <algorithm>
@@ -87,7 +87,7 @@ std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameL
                "(*.bin)");
 }
 
-// Digits from position on, without leading zeros; moves position behind them.
+// Digits from position on, without leading zeros; moves position past them.
 std::string take_number(const std::string& text, std::size_t* position) {
   std::size_t end = *position;
   while (end < text.size() && is_digit(text[end])) {

@@ -34,7 +34,7 @@ class FrameSource {
   virtual bool next(SourceFrame* frame) = 0;
   // Leaves out the next frame, which keeps its number; false at the end.
   virtual bool skip() = 0;
-  // Frames in total; nothing for a camera and for a video that does not tell. For progress only:
+  // Frames in total; nothing for a camera and for a video that does not state it. For progress only:
   // a video's own statement is not always right.
   virtual std::optional<long> length() const = 0;
   virtual double frames_per_second() const = 0;
@@ -42,8 +42,8 @@ class FrameSource {
   virtual bool is_whole() const { return true; }
 };
 
-// OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Who
-// wants the coder's sets OPENCV_FFMPEG_LOGLEVEL. Call it before anything is opened.
+// OpenCV's own lines, and those of its video coder, say nothing that our errors do not say better. Set
+// OPENCV_FFMPEG_LOGLEVEL for the coder's. Call it before anything is opened.
 void silence_opencv();
 
 // input    a path, /dev/videoN or camera:N

@@ -1,4 +1,4 @@
-// own_files.cpp - compares files by identity where they exist, else by path. Read own_files.h first.
+// own_files.cpp - compares files by identity where they exist, else by path.
 #include "tools/frames/own_files.h"
 
 #include <filesystem>

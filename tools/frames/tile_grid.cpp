@@ -1,4 +1,4 @@
-// tile_grid.cpp - where each tile and strip of a sheet lies. Read tile_grid.h first.
+// tile_grid.cpp - where each tile and strip of a sheet lies.
 #include "tools/frames/tile_grid.h"
 
 #include <algorithm>

@@ -21,8 +21,8 @@ std::uint64_t big_endian(const unsigned char* bytes, int count) {
   return value;
 }
 
-// Each takes the first bytes of a part, zeros behind the file's end, and returns the size of the whole
-// part; nothing where it has no size of its own.
+// Each takes the first bytes of a part, zeros beyond the file's end, and returns the size of the whole
+// part; nothing where it has none.
 
 std::optional<std::uint64_t> size_of_box(const Bytes& head) {
   const std::uint64_t size = big_endian(head, 4);

@@ -1,5 +1,5 @@
 // video_source.cpp - frames from a video file or a camera, by OpenCV's videoio module.
-// Read frame_source.h first.
+// Declared in frame_source.h.
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -17,7 +17,7 @@ namespace olvex_tools {
 
 namespace {
 
-constexpr double kUsualRate = 25;      // frames per second, when the source does not tell
+constexpr double kUsualRate = 25;      // frames per second, when the source states none
 constexpr double kHighestRate = 1000;  // beyond, the statement is taken for a time base
 
 double rate_of(const cv::VideoCapture& capture) {
@@ -39,7 +39,7 @@ class VideoSource : public FrameSource {
     if (!std::ifstream(path, std::ios::binary)) {
       throw ToolError(kInputError, path + ": cannot be opened: " + std::strerror(errno));
     }
-    // Not CAP_ANY: that takes a file it does not know for the first of a numbered series.
+    // Not CAP_ANY: that takes an unknown file for the first of a numbered series.
     const std::string local = local_path(path);
     if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
       throw ToolError(kInputError, path + ": is neither a video nor a picture that can be read");
@@ -48,7 +48,7 @@ class VideoSource : public FrameSource {
   }
 
   bool next(SourceFrame* frame) override {
-    // A matrix of its own each time: the decoder reuses the memory behind the last one.
+    // A new matrix each time: the decoder reuses the memory behind the last one.
     cv::Mat picture;
     if (!capture_.read(picture) || picture.empty()) {
       if (position_ == 0) {

@@ -1,5 +1,5 @@
-// last_output.cpp - the only tool source that looks behind the public handle.
-// Read video/det/include/det_schedule.h for what it finds there.
+// last_output.cpp - the only tool source that reads the object behind the public handle
+// (video/det/include/det_schedule.h).
 #include "tools/inside/last_output.h"
 
 #include "olvex_det.h"

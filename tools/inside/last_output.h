@@ -1,5 +1,4 @@
 // last_output.h - what the public record Box_t does not carry: track ids and key points.
-// Read detector.h for the one that uses it.
 #ifndef TOOLS_INSIDE_LAST_OUTPUT_H
 #define TOOLS_INSIDE_LAST_OUTPUT_H
 

@@ -1,5 +1,5 @@
 // library_model.cpp - opens a model as the detection handle does, and explains each failure.
-// Read library_model.h first; video/det/src/det_schedule.cpp is the handle.
+// video/det/src/det_schedule.cpp is the handle.
 #include "tools/inside/library_model.h"
 
 #include "qv_sys.h"

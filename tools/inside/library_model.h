@@ -1,6 +1,5 @@
 // library_model.h - one model opened through the library's own loading code, so that pack and
-// inspect see exactly what the library will make of it. Read model_facts.h for what is taken from
-// it.
+// inspect see exactly what the library will make of it.
 #ifndef TOOLS_INSIDE_LIBRARY_MODEL_H
 #define TOOLS_INSIDE_LIBRARY_MODEL_H
 

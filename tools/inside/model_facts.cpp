@@ -1,5 +1,5 @@
-// model_facts.cpp - asks the library's routines about an opened model. Read model_facts.h first;
-// the decisions are in base/sdet and base/postprocess.
+// model_facts.cpp - calls the library's routines for an opened model. The decisions are in
+// base/sdet and base/postprocess.
 #include "tools/inside/model_facts.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // model_facts.h - what the library makes of a model: pairs, type, class mapping, tensors, and the
-// decoder that it will choose. Every decision is the library's own; here it is only put into words.
+// decoder that it will choose. Every decision is the library's; here it is only described.
 // inspect_command.cpp prints the facts, pack_command.cpp refuses a model whose decoding has a fault.
 #ifndef TOOLS_INSIDE_MODEL_FACTS_H
 #define TOOLS_INSIDE_MODEL_FACTS_H

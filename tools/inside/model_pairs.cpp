@@ -1,5 +1,5 @@
-// model_pairs.cpp - header pairs and type words. What a word or a channel count means is asked of
-// the library. Read model_pairs.h first.
+// model_pairs.cpp - header pairs and type words. The library decides what a word or a channel
+// count means.
 #include "tools/inside/model_pairs.h"
 
 #include <algorithm>

@@ -36,7 +36,7 @@ struct TypeCounts {
   int keypoints = 0;
   bool known = false;
 };
-// Counts that the library takes from a model_out word; known is false for a word it does not know.
+// Counts that the library takes from a model_out word; known is false for an unknown word.
 TypeCounts counts_of_word(const std::string& word);
 // Counts that the library guesses from the channels of a raw layer without a word.
 TypeCounts guess_counts(int channels);

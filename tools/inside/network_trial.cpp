@@ -1,5 +1,5 @@
-// network_trial.cpp - a child process with limits, which it sets on itself so that the parent only has to wait;
-// what is run in it, and the refusals. Read network_trial.h first.
+// network_trial.cpp - a child process with limits, which it sets on itself so that the parent only has to
+// wait; what is run in it, and the refusals.
 #include "tools/inside/network_trial.h"
 
 #include <algorithm>
@@ -42,7 +42,7 @@ namespace {
 struct ChildLimits {
   double processor_seconds = 0;  // of all its threads together; counted in whole seconds
   double seconds = 0;            // by the clock
-  std::uint64_t memory = 0;      // bytes of writable memory of its own; no limit under sanitizers
+  std::uint64_t memory = 0;      // bytes of private writable memory; no limit under sanitizers
 };
 
 enum class ChildEnd {
@@ -87,8 +87,8 @@ int note_engine_error(int status, const char*, const char*, const char*, int, vo
   return 0;
 }
 
-// What the parent does on these signals (it removes its unfinished files, or ends in order) is not
-// the child's to do. Those that are ignored stay so.
+// The parent's handlers (they remove its unfinished files, or end it in order) must not run in the
+// child. Those that are ignored stay so.
 void drop_handlers() {
   for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
     if (std::signal(signal_number, SIG_DFL) == SIG_IGN) {
@@ -134,7 +134,7 @@ void limit_memory(const ChildLimits& limits) {
 
 void leave_no_traces() {
   lower_limit(RLIMIT_CORE, 0);
-  prctl(PR_SET_DUMPABLE, 0);  // core files that go to a program instead know no limit
+  prctl(PR_SET_DUMPABLE, 0);  // core files that are piped to a program have no limit
   // Standard input stays: the network may come from there.
   const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
@@ -142,8 +142,8 @@ void leave_no_traces() {
   }
 }
 
-[[noreturn]] void be_child(pid_t parent, const ChildLimits& limits,
-                           const std::function<void()>& work) {
+[[noreturn]] void run_child(pid_t parent, const ChildLimits& limits,
+                            const std::function<void()>& work) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) {
     _exit(kDone);  // the parent ended before it could be watched
@@ -201,7 +201,7 @@ ChildResult run_limited(const ChildLimits& limits, const std::function<void()>& 
                         std::strerror(errno) + ". End other programs, or allow more processes");
   }
   if (child == 0) {
-    be_child(parent, limits, work);
+    run_child(parent, limits, work);
   }
   const int status = wait_for(child);
   if (WIFSIGNALED(status)) {

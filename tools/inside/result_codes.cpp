@@ -1,4 +1,4 @@
-// result_codes.cpp - the table behind explain_result. Read result_codes.h first.
+// result_codes.cpp - the table behind explain_result.
 #include "tools/inside/result_codes.h"
 
 #include <algorithm>

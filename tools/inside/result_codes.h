@@ -1,5 +1,5 @@
 // result_codes.h - the codes of the library and of the host accelerator in words, with the exit code
-// that each leads to. Read command.h for the exit codes, qv_host.h for the accelerator's.
+// that each leads to. command.h has the exit codes, qv_host.h the accelerator's codes.
 #ifndef TOOLS_INSIDE_RESULT_CODES_H
 #define TOOLS_INSIDE_RESULT_CODES_H
 

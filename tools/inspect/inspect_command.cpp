@@ -1,6 +1,5 @@
 // inspect_command.cpp - the subcommand inspect: checks a model file, opens it with the library, and
 // reports what the library makes of it, as text or as the JSON of schema/inspect.schema.json.
-// Read model_facts.h for what is found.
 #include <cstdint>
 #include <memory>
 #include <string>

@@ -1,5 +1,5 @@
 // calibration.cpp - runs the pictures, keeps the largest values, makes scales of them.
-// Read pack.h first; frame_source.h supplies the pictures.
+// Declared in pack.h; frame_source.h supplies the pictures.
 #include "tools/pack/pack.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // onnx_signature.cpp - walks the protocol-buffer records of an ONNX file as far as the signature.
-// Read pack.h first.
+// Declared in pack.h.
 #include "tools/pack/pack.h"
 
 #include <algorithm>

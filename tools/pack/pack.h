@@ -1,5 +1,5 @@
-// pack.h - the parts of the subcommand pack: what is known of the network, the options, the description of the
-// model that they amount to, and its calibration. Read pack_command.cpp for how they go together.
+// pack.h - the parts of the subcommand pack: what is known of the network, the options, the resulting
+// description of the model, and its calibration. pack_command.cpp puts them together.
 #ifndef TOOLS_PACK_PACK_H
 #define TOOLS_PACK_PACK_H
 

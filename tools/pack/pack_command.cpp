@@ -1,5 +1,5 @@
-// pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and only
-// then puts it in place. Read pack.h for its parts and model_facts.h for what is checked.
+// pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and
+// only then puts it in place. pack.h has the parts, model_facts.h what is checked.
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -229,7 +229,7 @@ std::vector<char> build_model_file(const Pairs& pairs, const Description& descri
 }
 
 // The file of the model that is calibrated with. It lies beside the model file to be written, so that
-// a folder without the right or the room for that shows before the pictures are run.
+// missing rights or disk space show before the pictures are run.
 std::string calibration_path(const PackOptions& options) {
   if (!options.print_description) {
     return options.image_path;

@@ -1,5 +1,5 @@
-// pack_description.cpp - the description of the model that the options and the network amount to.
-// Read pack.h first.
+// pack_description.cpp - the description of the model, from the options and the network.
+// Declared in pack.h.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -161,7 +161,7 @@ void apply_decoded_options(const PackOptions& options, const NetworkSignature& n
   decoded->keypoint_scale = options.keypoint_scale.value_or(decoded->keypoint_scale);
 }
 
-// An option that would have no effect is a misunderstanding that the user should hear of.
+// An option that would have no effect is a misunderstanding that must be reported.
 void refuse_stray_options(const PackOptions& options, const Description& description) {
   const bool raw = description.kind == OutputKind::kRaw;
   const std::pair<bool, const char*> stray[] = {

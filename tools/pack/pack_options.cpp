@@ -1,5 +1,5 @@
-// pack_options.cpp - the options of pack, and their words and numbers as values, with a message of its own for
-// every one that does not fit. Read pack.h first.
+// pack_options.cpp - the options of pack, and their words and numbers as values, with a separate message
+// for every one that does not fit. Declared in pack.h.
 #include "tools/pack/pack.h"
 
 #include <algorithm>
@@ -307,7 +307,7 @@ class Declaration {
   std::vector<Conversion> conversions_;
 };
 
-// The library tells its log of words that it does not know.
+// The library logs unknown words.
 void convert_quietly(const std::function<void()>& convert) {
   const LibraryLog log("");
   convert();

@@ -1,5 +1,5 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Read run_outputs.h first, tile_grid.h for the grid.
+// Declared in run_outputs.h; tile_grid.h has the grid.
 #include "tools/run/run_outputs.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// detector.cpp - create, initialise, configure, run, free. Read detector.h first; result_codes.h puts
-// the library's codes into words.
+// detector.cpp - create, initialise, configure, run, free. result_codes.h puts the
+// library's codes into words.
 #include "tools/run/detector.h"
 
 #include <cerrno>
@@ -40,7 +40,7 @@ void set_path(char (&field)[size], const std::string& path, const char* remedy) 
   std::memcpy(field, path.c_str(), path.size() + 1);
 }
 
-// A file's bytes from offset on, in a mapping of their own.
+// A file's bytes from offset on, in a separate mapping.
 struct Mapping {
   void* bytes;
   std::size_t size;

@@ -1,5 +1,5 @@
 // detector.h - one detection handle of libolvex_det, driven through its public functions.
-// Read olvex_det.h for what the options mean; last_output.h for ids and key points.
+// olvex_det.h says what the options mean; last_output.h adds ids and key points.
 #ifndef TOOLS_RUN_DETECTOR_H
 #define TOOLS_RUN_DETECTOR_H
 
@@ -54,7 +54,7 @@ class Detector {
   DetectorOptions options_;
   void* handle_ = nullptr;
   bool has_tracks_ = false;
-  std::vector<Box_t> boxes_;  // room for one frame
+  std::vector<Box_t> boxes_;  // of one frame
 };
 
 }  // namespace olvex_tools

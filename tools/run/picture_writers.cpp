@@ -1,5 +1,5 @@
-// picture_writers.cpp - video and folder of annotated frames. Read run_outputs.h first;
-// contact_sheet.cpp holds the third writer.
+// picture_writers.cpp - video and folder of annotated frames. Declared in
+// run_outputs.h; contact_sheet.cpp holds the third writer.
 #include "tools/run/run_outputs.h"
 
 #include <algorithm>
@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// H.264 wants even sizes.
+// H.264 needs even sizes.
 cv::Size even_size(cv::Size size) {
   return {size.width + size.width % 2, size.height + size.height % 2};
 }
@@ -99,7 +99,7 @@ class VideoWriter : public PictureWriter {
   }
 
   // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
-  // it is where the number of frames stands or is reckoned from.
+  // it is where the number of frames is stored or computed from.
   void require_complete() const {
     cv::VideoCapture check(local_path(path_));
     constexpr double kShareExpected = 0.98;

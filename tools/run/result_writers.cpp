@@ -1,4 +1,4 @@
-// result_writers.cpp - one class per format. Read run_outputs.h first.
+// result_writers.cpp - one class per format. Declared in run_outputs.h.
 #include "tools/run/run_outputs.h"
 
 #include <charconv>

@@ -1,5 +1,4 @@
 // run_command.cpp - the subcommand run: its options, their checks, and its help.
-// Read run_session.h for what is done with them.
 #include <cmath>
 #include <cstdio>
 #include <filesystem>

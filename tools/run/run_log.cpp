@@ -1,5 +1,5 @@
 // run_log.cpp - the log in an anonymous file of the kernel's, emptied after every good frame, so
-// that a run of days needs no disk. Read run_log.h first.
+// that a run of days needs no disk.
 #include "tools/run/run_log.h"
 
 #include <algorithm>

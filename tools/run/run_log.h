@@ -1,6 +1,5 @@
 // run_log.h - where the library's own log goes during a run: a file of the user's, or memory, from
 // which its last errors can be shown when a run fails.
-// Read standard_output.h for how it is kept off the screen.
 #ifndef TOOLS_RUN_RUN_LOG_H
 #define TOOLS_RUN_RUN_LOG_H
 
@@ -24,7 +23,7 @@ class RunLog {
   FILE* results() { return redirection_->results(); }
   // What was logged so far belongs to a frame that went well.
   void frame_done();
-  // The last error lines since then, each indented and on a line of its own; may be empty, and is
+  // The last error lines since then, each indented and on its own line; may be empty, and is
   // where the log is no regular file.
   std::string last_errors() const;
 

@@ -1,4 +1,4 @@
-// run_outputs.cpp - opens, feeds and completes the outputs of a run. Read run_outputs.h first.
+// run_outputs.cpp - opens, feeds and completes the outputs of a run.
 #include "tools/run/run_outputs.h"
 
 #include <algorithm>

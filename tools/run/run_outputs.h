@@ -1,4 +1,5 @@
-// run_outputs.h - the outputs of a run: boxes as text, annotated frames, and all that were asked for in one object.
+// run_outputs.h - the outputs of a run: boxes as text, annotated frames, and all requested ones in one
+// object.
 // schema/frame.schema.json defines a JSON line.
 #ifndef TOOLS_RUN_RUN_OUTPUTS_H
 #define TOOLS_RUN_RUN_OUTPUTS_H

@@ -1,5 +1,5 @@
-// run_session.cpp - the loop over the frames and what stands around it. Read run_session.h first,
-// then detector.h and frame_source.h for the two ends of the loop.
+// run_session.cpp - the loop over the frames, its setup and its end. Frames come from frame_source.h
+// and go to detector.h.
 #include "tools/run/run_session.h"
 
 #include <algorithm>

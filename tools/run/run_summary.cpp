@@ -1,4 +1,4 @@
-// run_summary.cpp - counts, medians and their two presentations. Read run_summary.h first.
+// run_summary.cpp - counts, medians and their two presentations.
 #include "tools/run/run_summary.h"
 
 #include <algorithm>

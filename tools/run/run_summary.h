@@ -1,5 +1,4 @@
 // run_summary.h - what a whole run amounted to: frames, boxes, tracks, time per stage.
-// Read run_session.cpp for the loop that feeds it.
 #ifndef TOOLS_RUN_RUN_SUMMARY_H
 #define TOOLS_RUN_RUN_SUMMARY_H
 

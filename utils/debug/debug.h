@@ -1,5 +1,5 @@
-// debug.h - the reader of one INI key and the dump of a frame to a file. The
-// detection handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
+// debug.h - the reader of one INI key and the dump of a frame to a file. The detection
+// handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
 #ifndef UTILS_DEBUG_DEBUG_H
 #define UTILS_DEBUG_DEBUG_H
 
@@ -11,12 +11,12 @@ enum { kIniLineSize = 1024 };
 //
 //   title     section name without brackets, at most 61 characters
 //   key       compared with the beginning of each line that holds a '=': a prefix matches too
-//   filename  path; read anew on every call
-//   out       caller's buffer of at least kIniLineSize bytes; gets the text behind '=' and its
+//   filename  path; read again on every call
+//   out       caller's buffer of at least kIniLineSize bytes; gets the text after '=' and its
 //             blanks, with the line's newline when it has one. Untouched when nothing is found
 //
 // Returns 0 when found; -1 when the file cannot be opened (the system's message goes to standard
-// error) or holds no such line behind the section's header.
+// error) or holds no such line after the section's header.
 int getIniKeyString(const char* title, const char* key, const char* filename, char* out);
 
 // Writes a buffer to DIR/NAME_dump_data[date and time to the millisecond].bin, replacing a file of

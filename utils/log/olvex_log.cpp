@@ -1,9 +1,8 @@
-// olvex_log.cpp - the header of a log line. See olvex_log.h; olvex_log_plain.cpp is the plain version,
-// which has the text's format.
+// olvex_log.cpp - the header of a log line. olvex_log_plain.cpp is the plain version, which
+// has the text's format.
 //
-// Every frame
-// logs some hundred lines, and with localtime and printf they would take longer than its boxes: so
-// the calendar fields are kept while the second lasts, and the numbers are written by hand.
+// Every frame logs some hundred lines, and with localtime and printf they would take longer than its
+// boxes: so the calendar fields are kept while the second lasts, and the numbers are written by hand.
 #include "utils/log/olvex_log.h"
 
 #include <langinfo.h>
@@ -24,7 +23,7 @@ void keep_calendar(OlvexLogClock& clock, time_t seconds) {
   clock.second = seconds;
 }
 
-// Like stpcpy, writes at `to` and returns the place behind. Requires: not negative.
+// Like stpcpy, writes at `to` and returns the place after. Requires: not negative.
 char* write_number(char* to, long number) {
   char digits[kLongestNumber];
   char* first = digits + kLongestNumber;

@@ -7,7 +7,7 @@
 //   OLVEX_INFO_FORMAT("count %d\n", count);    a format with its own newline and its arguments
 //
 // and the same with ERROR and DEBUG. The FORMAT macros do not compile without an argument. A
-// function that keeps a clock of its own names it: OLVEX_LOG_FORMAT(clock, OLVEX_TAG_INFO, "%d\n",
+// function with its own clock names it: OLVEX_LOG_FORMAT(clock, OLVEX_TAG_INFO, "%d\n",
 // count).
 //
 // Lines are printed whatever the level: LOG_LEVEL (utils/debug/debug.cpp) gates the dump's line

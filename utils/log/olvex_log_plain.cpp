@@ -1,4 +1,4 @@
-// olvex_log_plain.cpp - the header of a log line as it is defined: by localtime and printf. See olvex_log.h.
+// olvex_log_plain.cpp - the header of a log line as it is defined: by localtime and printf.
 #include "utils/log/olvex_log.h"
 
 void olvex_log_header(OlvexLogClock& clock, const char* tag, int line) {

@@ -23,7 +23,7 @@ class scratch {
     static_assert(alignof(T) <= alignof(max_align_t), "memory of new char[] must do");
   }
   ~scratch() { release(); }
-  // A copy has memory of its own and no values: nobody reads what another routine left.
+  // A copy has separate memory and no values: a routine's intermediate results are not shared.
   scratch(const scratch& /*other*/) : scratch() {}
   scratch& operator=(const scratch& /*other*/) {  // NOLINT(bugprone-unhandled-self-assignment)
     return *this;
@@ -40,7 +40,7 @@ class scratch {
     data_[size_++] = value;
   }
 
-  // Sets the size. Values behind the old size are not set.
+  // Sets the size. Values beyond the old size are not set.
   void resize(size_t n) {
     if (n > capacity_) {
       reserve(n);

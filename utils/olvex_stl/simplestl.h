@@ -5,10 +5,10 @@
 // olvex::vector<T> at a glance
 //
 //   Invariants   size_ <= capacity_; data_ is NULL while nothing was ever reserved and after a
-//                clear; the slots behind the last element are zero bytes when the storage is new.
+//                clear; the slots after the last element are zero bytes when the storage is new.
 //   Growth       Reserving n elements needs 3n/2 <= capacity/2 (integer division), and otherwise
 //                makes the capacity exactly 2n. So every push_back onto a full-grown list reserves
-//                anew, and a resize to fewer elements may reserve anew too:
+//                again, and a resize to fewer elements may reserve again too:
 //
 //                    operations                              capacity
 //                    push_back, 1st to 4th                   2, 4, 6, 8
@@ -100,7 +100,7 @@ class vector {
   ~vector() { clear(); }
   vector& operator=(const vector& other);
 
-  // Makes room for n elements by the growth rule; the size stays, and the storage never gets too small
+  // Reserves n elements by the growth rule; the size stays, and the storage never gets too small
   // for it. A string asked for half its length loses its terminator.
   void try_alloc(size_t n);
   // Destroys the elements from n on, or appends copies of value up to n. value may be an element.
@@ -234,7 +234,7 @@ void vector<T>::insert(iterator pos, const_iterator first, const_iterator last) 
   }
   const size_t count = static_cast<size_t>(last - first);
   try_alloc(size_ + count);
-  // The copies are constructed behind the last element and then rotated into place by their bytes:
+  // The copies are constructed after the last element and then rotated into place by their bytes:
   // no element is assigned over storage that another one still owns, and when a copy fails the
   // vector is whole.
   const size_t old_size = size_;

@@ -1,4 +1,4 @@
-/* algo_types.h - what the public interface and the library's inside share: error codes and the
+/* algo_types.h - what the public interface and the library's sources share: error codes and the
  * stabiliser's options.
  *
  * C99 and C++11. Installed next to olvex_det.h, which is the manual of the public interface. */

@@ -1,4 +1,4 @@
-// iout.cpp - matching, life and death of tracks, static/moving classification. See iout.h.
+// iout.cpp - matching, creation and removal of tracks, static/moving classification.
 #include "base/tracker/iou_tracker/iout.h"
 
 #include "utils/log/olvex_log.h"
@@ -7,32 +7,34 @@ OLVEX_LOG_CLOCK;
 
 namespace {
 
-// The corners of a box and of another one, and where they meet.
-struct Meeting {
+// The corners of two boxes, and the area of their intersection.
+struct Overlap {
   float minx1, maxx1, miny1, maxy1;
   float minx2, maxx2, miny2, maxy2;
   float intersection;
 };
 
-// False when there is no overlap to speak of: other class, or apart. Boxes that only touch meet, in
-// an intersection of 0.
-bool meet(const TrackBBox& a, const TrackBBox& b, bool same_class, Meeting& m) {
+// False for boxes of different classes, where that counts, and for boxes that are apart. Boxes that only
+// touch have an intersection of 0.
+bool overlap_of(const TrackBBox& a, const TrackBBox& b, bool same_class, Overlap& overlap) {
   if (same_class && a.class_id != b.class_id) {
     return false;
   }
-  m.minx1 = a.x;
-  m.maxx1 = a.x + a.w;
-  m.miny1 = a.y;
-  m.maxy1 = a.y + a.h;
-  m.minx2 = b.x;
-  m.maxx2 = b.x + b.w;
-  m.miny2 = b.y;
-  m.maxy2 = b.y + b.h;
-  if (m.maxx2 < m.minx1 || m.maxx1 < m.minx2 || m.maxy2 < m.miny1 || m.maxy1 < m.miny2) {
+  overlap.minx1 = a.x;
+  overlap.maxx1 = a.x + a.w;
+  overlap.miny1 = a.y;
+  overlap.maxy1 = a.y + a.h;
+  overlap.minx2 = b.x;
+  overlap.maxx2 = b.x + b.w;
+  overlap.miny2 = b.y;
+  overlap.maxy2 = b.y + b.h;
+  if (overlap.maxx2 < overlap.minx1 || overlap.maxx1 < overlap.minx2 ||
+      overlap.maxy2 < overlap.miny1 || overlap.maxy1 < overlap.miny2) {
     return false;
   }
-  m.intersection = (olvex::min(m.maxx2, m.maxx1) - olvex::max(m.minx2, m.minx1)) *
-                   (olvex::min(m.maxy2, m.maxy1) - olvex::max(m.miny2, m.miny1));
+  overlap.intersection =
+      (olvex::min(overlap.maxx2, overlap.maxx1) - olvex::max(overlap.minx2, overlap.minx1)) *
+      (olvex::min(overlap.maxy2, overlap.maxy1) - olvex::max(overlap.miny2, overlap.miny1));
   return true;
 }
 
@@ -53,17 +55,18 @@ TrackBBox to_track_box(const BoxInfo& box) {
 // Deliberate: no extra pixel, unlike suppression, and a class switch, unlike stabilisation: the
 // measures are part of each stage's results.
 float track_bbox_iou(TrackBBox& a, TrackBBox& b, bool same_class) {
-  Meeting m;
-  if (!meet(a, b, same_class, m)) {
+  Overlap overlap;
+  if (!overlap_of(a, b, same_class, overlap)) {
     return 0.0f;
   }
-  return m.intersection / ((m.maxx1 - m.minx1) * (m.maxy1 - m.miny1) +
-                           (m.maxx2 - m.minx2) * (m.maxy2 - m.miny2) - m.intersection);
+  return overlap.intersection /
+         ((overlap.maxx1 - overlap.minx1) * (overlap.maxy1 - overlap.miny1) +
+          (overlap.maxx2 - overlap.minx2) * (overlap.maxy2 - overlap.miny2) - overlap.intersection);
 }
 
 float track_bbox_intersect(TrackBBox& a, TrackBBox& b, bool same_class) {
-  Meeting m;
-  return meet(a, b, same_class, m) ? m.intersection : 0.0f;
+  Overlap overlap;
+  return overlap_of(a, b, same_class, overlap) ? overlap.intersection : 0.0f;
 }
 
 int highest_iou(TrackBBox box, olvex::vector<TrackBBox> candidates) {
@@ -72,7 +75,7 @@ int highest_iou(TrackBBox box, olvex::vector<TrackBBox> candidates) {
   for (size_t k = 0; k < candidates.size(); ++k) {
     const float iou = track_bbox_iou(box, candidates[k], true);
     // Deliberate: less or equal, so that equal overlaps go to the later candidate. Which one it is
-    // decides the box and the score that the track goes on with.
+    // decides the box and the score that the track continues with.
     if (best_iou <= iou) {
       best = static_cast<int>(k);
       best_iou = iou;
@@ -104,7 +107,7 @@ void replace_oldest(olvex::vector<TrackBBox>& history, const TrackBBox& newest) 
   history[last] = newest;
 }
 
-// Copies a track; a history of the same length is copied in place, without reserving anew.
+// Copies a track; a history of the same length is copied in place, without reserving again.
 void copy_track(const Track& from, Track& to) {
   if (from.boxes.size() != to.boxes.size()) {
     to = from;
@@ -126,8 +129,8 @@ void copy_track(const Track& from, Track& to) {
   to.pass_double_check = from.pass_double_check;
 }
 
-// Forgets the finished tracks when a frame does not come to its end for lack of memory: they are
-// always a part of the live ones.
+// Clears the finished tracks when an allocation failure ends a frame early: they are always a subset
+// of the live ones.
 class FinishedGuard {
  public:
   explicit FinishedGuard(olvex::vector<Track>& finished) : finished_(finished), is_done_(false) {}
@@ -205,7 +208,7 @@ void OlvexIouTracker::start_track(const TrackBBox& box) {
   track.boxes.push_back(box);
   track.max_score = box.score;
   track.id = track_id_;
-  // In unsigned arithmetic: a counter at its end goes on with negative ids.
+  // In unsigned arithmetic: a counter at its end continues with negative ids.
   track_id_ = static_cast<int>(static_cast<unsigned int>(track_id_) + 1u);
   active_tracks_.push_back(track);
   OLVEX_DEBUG_FORMAT("add new track %d x,y,w,h=%f,%f,%f,%f\n", track.id, static_cast<double>(box.x),
@@ -261,7 +264,7 @@ void OlvexIouTracker::track_frame(const TrackBBox* boxes, size_t count) {
 
 void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
   OLVEX_DEBUG_FORMAT("enter %s\n", "static_moving_classify");
-  // 0 would address the box behind the newest; it counts as 1, the newest itself. A negative value
+  // 0 would address the box after the newest; it counts as 1, the newest itself. A negative value
   // becomes a number larger than any history.
   const uint32_t ref_frame =
       params.ref_frame == 0 ? 1u : static_cast<uint32_t>(static_cast<int32_t>(params.ref_frame));
@@ -289,7 +292,7 @@ void OlvexIouTracker::static_moving_classify(const IoutStaticParams_t& params) {
         }
       }
     }
-    // Finished tracks stand in the order of the live ones, and ids are unique: behind one that was
+    // Finished tracks stand in the order of the live ones, and ids are unique: after one that was
     // not found there is none either.
     next_live = find_live(active_tracks_, t.id, next_live, bound);
     if (next_live < bound) {

@@ -46,7 +46,7 @@ struct Track {
 // A detection as the tracker sees it; landmarks stay 0 and key points are not carried over.
 TrackBBox to_track_box(const BoxInfo& box);
 
-// Intersection over union, without an extra pixel. 0 for boxes that do not meet and, with
+// Intersection over union, without an extra pixel. 0 for boxes that do not intersect and, with
 // same_class, for boxes of different classes. Two empty boxes at one point give NaN.
 float track_bbox_iou(TrackBBox& a, TrackBBox& b, bool same_class);
 

@@ -1,5 +1,5 @@
-// open_detections.cpp - one box against the open detections of a frame. See open_detections.h;
-// open_detections_plain.cpp is the plain version.
+// open_detections.cpp - one box against the open detections of a frame. open_detections_plain.cpp
+// is the plain version.
 #include "base/tracker/iou_tracker/open_detections.h"
 
 #include <math.h>
@@ -55,7 +55,7 @@ void OpenDetections::take(int index) {
   }
 }
 
-// Half of the lanes are spent: the open detections move together, in their order.
+// Half of the lanes are closed: compacts the open detections, in their order.
 void OpenDetections::close_gaps() {
   blocks_.clear();
   num_lanes_ = 0;

@@ -41,14 +41,14 @@ class OpenDetections {
   static const uint32_t kTaken = 0xffffffffu;
 
   // Detections side by side. A lane without one has NaN for its left edge and its overlap with what
-  // it does not meet, so that it is never the highest.
+  // it does not intersect, so that it is never the highest.
   struct Block {
     olvex::Floats minx;
     olvex::Floats maxx;
     olvex::Floats miny;
     olvex::Floats maxy;
     olvex::Floats area;
-    olvex::Floats apart;  // overlap with a box that the detection does not meet: 0
+    olvex::Floats apart;  // overlap with a box that the detection does not intersect: 0
     olvex::FloatsInt32 class_id;
     olvex::FloatsInt32 index;
   };

@@ -1,5 +1,5 @@
 // open_detections_plain.cpp - one box against the open detections of a frame as the result is defined:
-// track_bbox_iou() of each. See open_detections.h. Needs no lanes: a place that is not kTaken is open.
+// track_bbox_iou() of each. Needs no lanes: a place that is not kTaken is open.
 #include "base/tracker/iou_tracker/open_detections.h"
 
 #include "base/tracker/iou_tracker/iout.h"

@@ -1,7 +1,7 @@
 """Actors: figures with a path through the street, and the population of a scene.
 
 The street runs along x. From the camera outwards: near pavement, parked cars, two lanes, far pavement,
-houses. populate() fills it so that nobody walks through anybody.
+houses. populate() fills it so that actors do not walk through each other.
 """
 import numpy as np
 

@@ -49,6 +49,6 @@ class Camera:
         columns, rows = np.meshgrid(np.arange(0, CANVAS_WIDTH, step), np.arange(0, CANVAS_HEIGHT, step))
         rays = (self.forward + ((columns - CANVAS_WIDTH / 2) / self.focal)[..., None] * self.right +
                 ((rows - CANVAS_HEIGHT / 2) / self.focal)[..., None] * self.down)
-        meets = rays[..., 2] < -1e-3
-        distance = self.height / np.where(meets, -rays[..., 2], 1.0)
-        return rays[..., :2] * distance[..., None], meets
+        hits = rays[..., 2] < -1e-3
+        distance = self.height / np.where(hits, -rays[..., 2], 1.0)
+        return rays[..., :2] * distance[..., None], hits

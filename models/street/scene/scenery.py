@@ -1,7 +1,7 @@
 """Scenery: what the empty street looks like, and its light.
 
 Every pixel of the canvas is traced to the ground or to the house fronts; colours come from the place
-that it meets there.
+that it hits there.
 """
 import cv2
 import numpy as np
@@ -15,10 +15,10 @@ class Places:
     """Where each pixel ends: x and z on the house fronts where is_house, else x and y on the ground."""
 
     def __init__(self, camera):
-        ground, meets = camera.ground_under(1)
+        ground, hits = camera.ground_under(1)
         self.x, self.y = ground[..., 0], ground[..., 1]
-        self.is_house = ~meets | (self.y > HOUSES)
-        share = np.where(self.is_house & meets, HOUSES / np.maximum(self.y, 1e-3), 1.0)
+        self.is_house = ~hits | (self.y > HOUSES)
+        share = np.where(self.is_house & hits, HOUSES / np.maximum(self.y, 1e-3), 1.0)
         self.z = np.where(self.is_house, camera.height * (1.0 - share), 0.0)
         self.x = np.where(self.is_house, self.x * share, self.x)
         self.y = np.minimum(self.y, HOUSES)

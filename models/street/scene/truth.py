@@ -4,7 +4,7 @@ COCO: image ids are picture numbers from 1; annotations have, beside COCO's own 
 small or too much hidden), "occluded" (hidden share), "moving" and "track_id". MOT rows are
 frame,id,left,top,width,height,consider,class,visibility,moving with frames from 1; consider is 0 for
 what is to be ignored. Boxes are in frame pixels; category ids are the library's class ids, and -1 for
-decoys, which have a MOT file of their own.
+decoys, which have a separate MOT file.
 """
 import json
 

@@ -1,6 +1,6 @@
-"""What training minimises: which cell answers for which object, and how wrong its answer is.
+"""What training minimises: which cell predicts which object, and how wrong the prediction is.
 
-Cells are chosen by how well they answer already (C. Feng et al., "TOOD: Task-aligned One-stage Object
+Cells are chosen by how well they predict already (C. Feng et al., "TOOD: Task-aligned One-stage Object
 Detection", ICCV 2021); boxes are judged by their complete overlap (Z. Zheng et al., "Distance-IoU Loss",
 AAAI 2020). Rows of objects are those of pictures.py.
 """
@@ -13,7 +13,7 @@ from network import CLASSES, STRIDES
 _CELLS_PER_OBJECT = 10
 _SCORE_POWER, _OVERLAP_POWER = 0.5, 4.0
 _BOX_WEIGHT = 5.0
-_LEAST_BOX_SHARE = 0.2  # of a chosen cell in the box loss, however badly it answers yet
+_LEAST_BOX_SHARE = 0.2  # of a chosen cell in the box loss, however badly it predicts yet
 
 
 def cell_centres(width, height):
@@ -81,7 +81,7 @@ class Assignment:
         fit = fit * (inside & clear[..., None])
         best = torch.topk(fit, _CELLS_PER_OBJECT, -1)
         chosen = torch.zeros_like(fit).scatter_(-1, best.indices, (best.values > 0).float())
-        # A cell that several objects want answers for the one that it covers best.
+        # A cell that several objects choose is assigned to the one that it overlaps most.
         owner = (overlap * chosen).argmax(1)                                   # N x A
         chosen = chosen * torch.nn.functional.one_hot(owner, fit.shape[1]).transpose(1, 2)
         fit = fit * chosen
@@ -104,7 +104,7 @@ class Assignment:
         x, y = centres[:, 0], centres[:, 1]
         left, top, right, bottom = (wanted[..., i, None] for i in range(4))
         inside = (x > left) & (x < right) & (y > top) & (y < bottom)
-        # Objects smaller than a cell may lie between the centres: the nearest cell answers.
+        # Objects smaller than a cell may lie between the centres: the nearest cell is chosen.
         half = STRIDES[0] / 2
         near = ((x - (left + right) / 2).abs() <= half) & ((y - (top + bottom) / 2).abs() <= half)
         return inside | (near & (strides == STRIDES[0]))

@@ -21,8 +21,8 @@ from street import MOST_HIDDEN, Scene  # noqa: E402
 WIDTH, HEIGHT = 512, 288   # network pixels
 MOST_OBJECTS = 64          # of a picture
 # Rows of a picture's objects: class, left, top, right, bottom (network pixels), 1 to train on / 0 to
-# look away from; class -1 ends them. Decoys are persons to look away from: nobody knows all that will
-# be mistaken for a person in the street, so the network is not told; but it learns that they have no
+# ignore; class -1 ends them. Decoys are persons to ignore: which things are mistaken for persons in a real
+# street is unknown, so training does not settle whether they are; but it does teach that they have no
 # head, which is what strict mode needs.
 COLUMNS = 6
 
@@ -65,7 +65,8 @@ def _render_scene(mix, seed):
 
 
 def load(folder, name, seeds, mix):
-    """Pictures of a mix of actors.py: (pictures N x HEIGHT x WIDTH x 3 of 8 bits in BGR, objects N x MOST_OBJECTS x COLUMNS)."""
+    """Pictures of a mix of actors.py: (pictures N x HEIGHT x WIDTH x 3 of 8 bits in BGR,
+    objects N x MOST_OBJECTS x COLUMNS)."""
     folder.mkdir(parents=True, exist_ok=True)
     picture_path, object_path = folder / f"{name}.pictures.npy", folder / f"{name}.objects.npy"
     mark_path, mark = folder / f"{name}.mark", f"{seeds} {sorted(mix.items())} {code_of_scenes()}"

@@ -36,7 +36,7 @@ AVERAGE = 0.998            # of the exponential moving average of weights, which
 
 
 class Stage:
-    """A part of the training, with pictures of its own. It goes on from the averaged weights of the
+    """A part of the training, with its own pictures. It goes on from the averaged weights of the
     stage before."""
 
     def __init__(self, name, seeds, mix, epochs, peak_rate, last_rate, warm_up):

@@ -1,5 +1,4 @@
 // coco_files.cpp - the members of COCO's files, and the ids that tie them together.
-// Read coco_files.h first.
 #include "tools/eval/coco/coco_files.h"
 
 #include <algorithm>

@@ -43,7 +43,7 @@ struct CocoTruth {
   std::vector<TruthBox> boxes;           // in the order of the file
 };
 
-// A result as its file has it, with ids that the truth need not know.
+// A result as its file has it, with ids that the truth need not have.
 struct CocoResult {
   std::int64_t image_id = 0;
   std::int64_t category_id = 0;
@@ -51,7 +51,7 @@ struct CocoResult {
   double score = 0;
 };
 
-// A result whose picture and class the truth knows.
+// A result whose picture and class the truth has.
 struct ResultBox {
   std::size_t picture = 0;   // index in CocoTruth::pictures
   std::size_t category = 0;  // index in CocoTruth::categories
@@ -91,7 +91,7 @@ CocoTruth restricted_to(const CocoTruth& truth, const std::vector<std::string>& 
 std::vector<ResultBox> known_results(const CocoTruth& truth, const std::vector<CocoResult>& results,
                                      const std::string& path);
 
-// What is usually a mistake in the files and would spoil the metrics without a word: ids that are shifted,
+// What is usually a mistake in the files and would falsify the metrics unnoticed: ids that are shifted,
 // corners in place of sizes, boxes that count for nothing. One finding per kind and file. In coco_lint.cpp.
 std::vector<LintFinding> lint_coco(const CocoTruth& truth, const std::string& truth_path,
                                    const std::vector<CocoResult>& results,

@@ -1,5 +1,5 @@
-// coco_lint.cpp - one function per kind of doubt. Read coco_files.h first, coco_shift_lint.cpp for ids that fit
-// better when shifted.
+// coco_lint.cpp - one function per kind of warning. Declared in coco_files.h; coco_shift_lint.cpp finds ids
+// that fit better when shifted.
 #include "tools/eval/coco/coco_files.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 
 // ---- single boxes -----------------------------------------------------------------------------
 
-// A box of either file with what its doubts need.
+// A box of either file with what its warnings need.
 struct PlacedBox {
   Box box;
   const CocoPicture* picture;  // null: the truth has no such picture

@@ -1,4 +1,4 @@
-// coco_matching.cpp - greedy matching by falling score. Read coco_metrics.h first.
+// coco_matching.cpp - greedy matching by descending score. Declared in coco_metrics.h.
 #include "tools/eval/coco/coco_metrics.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// coco_metrics.cpp - from matches to curves, from curves to means. Read coco_metrics.h first.
+// coco_metrics.cpp - from matches to curves, from curves to means.
 #include "tools/eval/coco/coco_metrics.h"
 
 #include <algorithm>
@@ -26,8 +26,8 @@ constexpr AreaRange kSmall = {0, kSmallSide* kSmallSide};
 constexpr AreaRange kMedium = {kSmallSide * kSmallSide, kMediumSide* kMediumSide};
 constexpr AreaRange kLarge = {kMediumSide * kMediumSide, kLargestArea};
 
-// Thresholds and recall levels are reckoned as start + i * step, rounding included: the published
-// evaluation does so, and whether 7 of 20 reach the level 0.35 hangs on the last bit.
+// Thresholds and recall levels are computed as start + i * step, rounding included: the published
+// evaluation does so, and whether 7 of 20 reach the level 0.35 depends on the last bit.
 double overlap_threshold(std::size_t i) {
   constexpr double kFirst = 0.5;
   constexpr double kLast = 0.95;
@@ -52,7 +52,7 @@ struct Outcome {
   std::bitset<kThresholds> ignored;  // counts neither way
 };
 
-// The outcomes of one class in one range of areas, by falling score.
+// The outcomes of one class in one range of areas, by descending score.
 struct ClassOutcomes {
   std::vector<Outcome> outcomes;
   std::size_t truths = 0;  // ignored ones left out

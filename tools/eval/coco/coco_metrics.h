@@ -23,7 +23,7 @@ namespace olvex_tools {
 struct PictureBoxes {
   std::size_t picture = 0;            // index in CocoTruth::pictures
   std::vector<TruthBox> truths;       // in the order of the file
-  std::vector<ResultBox> detections;  // by falling score, equal scores in the order of the file
+  std::vector<ResultBox> detections;  // by descending score, equal scores in the order of the file
 };
 
 // For each class of the truth its pictures that have a truth box or a detection, by ascending id.

@@ -1,5 +1,5 @@
 // coco_picture_errors.cpp - two matchings at one overlap: within each class for the errors, across
-// classes for the confusion. Read coco_picture_errors.h first.
+// classes for the confusion.
 #include "tools/eval/coco/coco_picture_errors.h"
 
 #include <algorithm>
@@ -18,7 +18,7 @@ std::vector<TruthRole> roles_of(const std::vector<TruthBox>& truths) {
   return roles;
 }
 
-// Detections come by falling score.
+// Detections come by descending score.
 std::size_t count_from_score(const std::vector<ResultBox>& detections, double least_score) {
   const auto end = std::find_if(detections.begin(), detections.end(),
                                 [&](const ResultBox& box) { return box.score < least_score; });

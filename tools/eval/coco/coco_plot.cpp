@@ -1,4 +1,4 @@
-// coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Read coco_report.h first.
+// coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Declared in coco_report.h.
 #include "tools/eval/coco/coco_report.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// coco_report.cpp - tables in fixed columns, and the same as JSON. Read coco_report.h first.
+// coco_report.cpp - tables in fixed columns, and the same as JSON.
 #include "tools/eval/coco/coco_report.h"
 
 #include <algorithm>
@@ -103,7 +103,7 @@ std::string confusion_matrix(const CocoReport& report, const std::set<std::size_
       rows.back().push_back(count == report.confusion.end() ? "0" : std::to_string(count->second));
     }
   }
-  // Nothing that is missed is not a case.
+  // The pair of nothing and missed does not exist.
   rows.back().back().clear();
   return table(rows);
 }

@@ -29,7 +29,8 @@ struct CocoReport {
 std::string coco_report_text(const CocoReport& report);
 std::string coco_report_json(const CocoReport& report, const std::vector<MetricMinimum>& minimums);
 
-// One curve per class that has truth, and their mean, at overlap .50, with a legend of AP50s. In coco_plot.cpp.
+// One curve per class that has truth, and their mean, at overlap .50, with a legend of AP50s. In
+// coco_plot.cpp.
 std::string precision_recall_svg(const CocoMetrics& metrics);
 
 }  // namespace olvex_tools

@@ -1,5 +1,5 @@
 // coco_shift_lint.cpp - ids of a result that seem to be shifted against those of the truth: more truth boxes
-// are found, or all ids are known, when they are taken for others. Read coco_files.h first.
+// are found, or all ids are known, when they are taken for others. Declared in coco_files.h.
 #include <algorithm>
 #include <functional>
 #include <set>
@@ -73,7 +73,7 @@ std::size_t boxes_found(const CocoTruth& truth, const ResultIndex& results, cons
       }));
 }
 
-// Whether the guess explains ids that the truth does not know: all of them, once guessed right.
+// Whether the guess explains ids that the truth does not have: all of them, when right.
 bool explains_ids(const std::set<std::int64_t>& result_ids, std::size_t elements,
                   const IdGuess& plain, const IdGuess& guess) {
   std::set<std::int64_t> known;

@@ -1,5 +1,5 @@
 // coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
-// Read coco_picture_errors.h first.
+// Declared in coco_picture_errors.h.
 #include "tools/eval/coco/coco_picture_errors.h"
 
 #include <algorithm>
@@ -102,7 +102,7 @@ void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* p
     scale = {picture->cols / facts.width, picture->rows / facts.height};
   }
   std::vector<JudgedBox> boxes = errors.boxes;
-  // Truth that was found goes on top: it is thin and would vanish below the hits.
+  // Truth that was found is drawn last: its line is thin and would be hidden below the hits.
   std::stable_sort(boxes.begin(), boxes.end(), [](const JudgedBox& left, const JudgedBox& right) {
     return left.fate != Fate::kFound && right.fate == Fate::kFound;
   });
@@ -129,7 +129,7 @@ bool is_dump(const fs::path& path) {
   return path.extension() == ".bin";
 }
 
-// Only a model knows how a dumped frame lies in memory, and no evaluation waits for a camera.
+// Only a model defines how a dumped frame lies in memory, and a camera cannot be replayed.
 void require_pictures(const std::string& input) {
   bool dumps = is_dump(input);
   std::error_code error;

@@ -1,5 +1,4 @@
 // eval_coco_command.cpp - the subcommand eval coco: its options, and the way from files to a report.
-// Read coco_files.h and coco_metrics.h for what is measured.
 #include <cstdio>
 #include <memory>
 #include <utility>

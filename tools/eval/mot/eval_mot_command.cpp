@@ -1,5 +1,4 @@
 // eval_mot_command.cpp - the subcommand eval mot: its options, and the way from files to a report.
-// Read mot_clip.h and mot_metrics.h for what is measured.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>

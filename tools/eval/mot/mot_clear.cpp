@@ -1,4 +1,4 @@
-// mot_clear.cpp - one pass over the frames with a memory of each object. Read mot_metrics.h first.
+// mot_clear.cpp - one pass over the frames with a memory of each object. Declared in mot_metrics.h.
 #include "tools/eval/mot/mot_metrics.h"
 
 #include <limits>

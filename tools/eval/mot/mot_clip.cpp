@@ -1,4 +1,4 @@
-// mot_clip.cpp - merges two files by frame and takes ignored truth out. Read mot_clip.h first.
+// mot_clip.cpp - merges two files by frame and takes ignored truth out.
 #include "tools/eval/mot/mot_clip.h"
 
 #include <algorithm>

@@ -1,6 +1,5 @@
-// mot_clip.h - truth and result of one clip side by side, frame by frame, and the assignment of boxes and tracks
-// to one another: what the metrics are computed from.
-// Read mot_metrics.h for them.
+// mot_clip.h - truth and result of one clip side by side, frame by frame, and the assignment of boxes and
+// tracks to one another: what the metrics (mot_metrics.h) are computed from.
 #ifndef TOOLS_EVAL_MOT_MOT_CLIP_H
 #define TOOLS_EVAL_MOT_MOT_CLIP_H
 
@@ -67,9 +66,9 @@ struct MotClip {
   std::vector<long> result_ids;     // in order
 };
 
-// Ignored truth is gone from the frames, and so is each result that shows one: with all truths of
+// Ignored truth is removed from the frames, and so is each result that shows one: with all truths of
 // the frame assigned to results, it belongs to an ignored one. Like the preprocessing of
-// MOTChallenge, but that a truth which counts takes results of its own class only.
+// MOTChallenge, but that a truth which counts takes results of the same class only.
 // Requires: no id twice in a frame.
 MotClip make_mot_clip(const MotFile& truth, const MotFile& result);
 
@@ -83,7 +82,7 @@ std::set<int> classes_of(const MotClip& clip);
 // at all, their overlap as weight.
 std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold);
 
-// Adds a frame to spans. Requires: it lies behind them.
+// Adds a frame to spans. Requires: it comes after them.
 void extend_spans(std::vector<FrameSpan>* spans, long frame);
 
 }  // namespace olvex_tools

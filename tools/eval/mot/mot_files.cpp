@@ -1,4 +1,4 @@
-// mot_files.cpp - reading rows of comma separated numbers. Read mot_files.h first.
+// mot_files.cpp - reading rows of comma separated numbers.
 #include "tools/eval/mot/mot_files.h"
 
 #include <algorithm>

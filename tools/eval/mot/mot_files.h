@@ -1,6 +1,5 @@
 // mot_files.h - the two files that tracks are measured from: the truth, and the rows that olvex-det
 // run --track --mot writes.
-// Read mot_clip.h for what becomes of them.
 #ifndef TOOLS_EVAL_MOT_MOT_FILES_H
 #define TOOLS_EVAL_MOT_MOT_FILES_H
 

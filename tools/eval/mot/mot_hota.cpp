@@ -1,5 +1,5 @@
 // mot_hota.cpp - two passes over the frames: how well objects and tracks go together over the whole
-// clip, then the assignment in each frame that follows it. Read mot_metrics.h first.
+// clip, then the assignment in each frame that follows it. Declared in mot_metrics.h.
 #include "tools/eval/mot/mot_metrics.h"
 
 #include <cmath>

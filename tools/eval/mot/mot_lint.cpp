@@ -1,4 +1,4 @@
-// mot_lint.cpp - one function per kind of mistake. Read mot_files.h first.
+// mot_lint.cpp - one function per kind of mistake. Declared in mot_files.h.
 
 #include <algorithm>
 #include <set>

@@ -1,4 +1,4 @@
-// mot_metrics.cpp - from counts to metrics. Read mot_metrics.h first.
+// mot_metrics.cpp - from counts to metrics.
 #include "tools/eval/mot/mot_metrics.h"
 
 #include <map>

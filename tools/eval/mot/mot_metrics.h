@@ -1,5 +1,4 @@
 // mot_metrics.h - all metrics of tracks, and how several clips become one value.
-// Read mot_clip.h for what they are computed from.
 #ifndef TOOLS_EVAL_MOT_MOT_METRICS_H
 #define TOOLS_EVAL_MOT_MOT_METRICS_H
 

@@ -1,5 +1,5 @@
 // mot_report.cpp - a table of metrics, a table of counts, and the same as JSON with each object's
-// runs. Read mot_report.h first.
+// runs.
 #include "tools/eval/mot/mot_report.h"
 
 #include <algorithm>

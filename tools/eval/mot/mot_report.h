@@ -1,5 +1,5 @@
 // mot_report.h - what eval mot found, as a table, as JSON, and one clip as an SVG picture.
-// schema/eval_mot.schema.json defines the JSON; read mot_metrics.h for the values.
+// schema/eval_mot.schema.json defines the JSON; mot_metrics.h has the values.
 #ifndef TOOLS_EVAL_MOT_MOT_REPORT_H
 #define TOOLS_EVAL_MOT_MOT_REPORT_H
 
@@ -33,7 +33,7 @@ std::string mot_report_text(const MotReport& report);
 std::string mot_report_json(const MotReport& report, const std::vector<MetricMinimum>& minimums);
 
 // A picture of one clip: per object of the truth a row that shows when it was there and under which id it was
-// found. Ids are written where there is room; every bar's tooltip has id and frames. In mot_timeline.cpp.
+// found. Ids are written where they fit; every bar's tooltip has id and frames. In mot_timeline.cpp.
 std::string timeline_svg(const std::string& title, const MotClip& clip,
                          const std::vector<std::vector<FoundRun>>& runs);
 

@@ -1,4 +1,4 @@
-// mot_timeline.cpp - the picture as SVG elements, one string each. Read mot_report.h first.
+// mot_timeline.cpp - the picture as SVG elements, one string each. Declared in mot_report.h.
 #include "tools/eval/mot/mot_report.h"
 
 #include <algorithm>

@@ -16,7 +16,7 @@
 #include "base/tracker/iou_tracker/iout.h"
 
 // Overlap of two boxes for the stabiliser: the intersection of coordinates truncated to unsigned
-// integers, over the union of the areas. Boxes that do not meet give a number without meaning, as
+// integers, over the union of the areas. Boxes that do not intersect give a number without meaning, as
 // the unsigned differences wrap.
 float iou_ratio(const BoxInfo& a, const BoxInfo& b);
 

@@ -26,7 +26,7 @@
  * Output     Diagnostics go to standard output, each line with a time stamp but for the release
  *            banner; failures of open, fstat, mmap and fopen print the system's message on
  *            standard error. The lines are written with printf and its like while the function
- *            runs. Where standard output is a pipe, a reader that has gone ends the process by
+ *            runs. Where standard output is a pipe, a reader that has exited ends the process by
  *            SIGPIPE, unless the application ignores that signal, and a reader that has stopped
  *            makes the function wait, in the middle of a frame, too, as soon as the pipe is full.
  * Numbers    Results are for rounding to nearest, which every thread begins with. The library sets
@@ -41,7 +41,7 @@
  *             that was dumped.
  * QK_ALGO_S   read by each initialisation; the path of an INI file. While its section [SET_ENV]
  *             has a line QK_ALGO_I=DIRECTORY, every frame is written to a file
- *             DIRECTORY/algo_dump_data[...].bin before tracking. The INI file is read anew for
+ *             DIRECTORY/algo_dump_data[...].bin before tracking. The INI file is read again for
  *             every frame. The line's own newline is part of the value: end the file right after
  *             the directory's name, without a newline, or the name will hold it.
  *
@@ -100,7 +100,7 @@ typedef struct DetectionInfo_t {
 /* Initialisation from a model in memory. The firmware path is always the default one. */
 typedef struct DetectionInfo2_t {
   void* model_buffer;        /* first byte of the offline model, its start pattern. Must be a
-                                mapping of its own (mmap): initialisation releases it with munmap */
+                                separate mapping (mmap): initialisation releases it with munmap */
   QV_U32 model_buffer_len;   /* bytes */
   QV_FLOAT threshold;        /* as in DetectionInfo_t */
   Rect_t disp_size;          /* as in DetectionInfo_t */
@@ -265,7 +265,7 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
  *
  *   handle      not checked for NULL
  *   algo_input  the frame, in the format of ALGO_DET_GetInputAttr; not checked for NULL
- *   bboxes      out: room for ALGO_DET_MAX_BOXES records; the first *num_bboxes are written
+ *   bboxes      out: array of ALGO_DET_MAX_BOXES records; the first *num_bboxes are written
  *   num_bboxes  out: records written, 0..200
  *
  * Only the first 200 entries of the internal list are looked at, and an entry whose class the model

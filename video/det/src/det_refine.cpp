@@ -1,5 +1,4 @@
-// det_refine.cpp - DetHandle: a frame's stages and what becomes of its detections. Tracking, the rebuilt list
-// and stabilisation. See det_schedule.h.
+// det_refine.cpp - DetHandle: a frame's stages after detection: tracking, the rebuilt list and stabilisation.
 #include "video/det/include/det_schedule.h"
 
 #include <stdint.h>
@@ -10,7 +9,7 @@
 OLVEX_LOG_CLOCK;
 
 // Deliberate: truncated to unsigned integers, no extra pixel, and nothing clamps a negative extent:
-// the differences of boxes that do not meet wrap, so that two boxes far apart on a diagonal can
+// the differences of boxes that do not intersect wrap, so that two boxes far apart on a diagonal can
 // come out as overlapping. Different from the overlaps of suppression and tracking.
 float iou_ratio(const BoxInfo& a, const BoxInfo& b) {
   const uint32_t ix1 = truncated(olvex::max(a.x1, b.x1));

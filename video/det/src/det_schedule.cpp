@@ -1,5 +1,5 @@
-// det_schedule.cpp - DetHandle: set-up, options, detection, teardown. See det_schedule.h; tracking
-// and what follows it are in det_refine.cpp.
+// det_schedule.cpp - DetHandle: set-up, options, detection, teardown. Tracking and what
+// follows it are in det_refine.cpp.
 #include "video/det/include/det_schedule.h"
 
 #include <stdint.h>
@@ -122,8 +122,8 @@ int DetHandle::handle_init(DetInfo_t* info) {
     MutexGuard guard(*this);
     const int result = open_device_and_model();
     if (result != E_ALGO_SUCCESS) {
-      // Deliberate: a handle that failed is freed or initialised again, and init_mutex_lock makes
-      // the mutex anew.
+      // Deliberate: a handle that failed is freed or initialised again, and init_mutex_lock creates
+      // the mutex again.
       guard.leave_locked();
       return result;
     }

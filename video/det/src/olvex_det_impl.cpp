@@ -1,5 +1,5 @@
-// olvex_det_impl.cpp - the exported functions: argument checks and translation of the public records. See
-// olvex_det.h for the contract and det_schedule.h for the object behind a handle.
+// olvex_det_impl.cpp - the exported functions: argument checks and translation of the public records.
+// olvex_det.h is the contract, det_schedule.h the object behind a handle.
 #include "video/det/include/olvex_det.h"
 
 #include <stdint.h>

@@ -1,5 +1,5 @@
-// previous_boxes.cpp - the previous box that overlaps most, with what each box brings along worked out
-// once. See previous_boxes.h; previous_boxes_plain.cpp is the plain version.
+// previous_boxes.cpp - the previous box that overlaps most, with what depends on one box alone computed
+// once. previous_boxes_plain.cpp is the plain version.
 #include "video/det/src/previous_boxes.h"
 
 #include "video/det/include/det_schedule.h"
@@ -20,7 +20,7 @@ inline float PreviousBoxes::ratio_above_zero(const Corners& a, const Corners& b)
   const float inter = static_cast<float>(height * width);
   const float areas = a.area + b.area - inter;
   const float union_area = static_cast<float>(static_cast<double>(areas) + 1e-6);
-  // Boxes that do not meet in one direction have a huge intersection and a negative union.
+  // Boxes that do not intersect in one direction have a huge intersection and a negative union.
   return inter > 0.0f && union_area >= 0.0f ? inter / union_area : 0.0f;
 }
 

@@ -1,2 +1,2 @@
-// olvex_log.cpp - stands in for the source that prints the header of a log line: here is none.
+// olvex_log.cpp - replaces the source that prints the header of a log line: prints none.
 #include "utils/log/olvex_log.h"

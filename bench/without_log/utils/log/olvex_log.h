@@ -14,7 +14,7 @@ struct OlvexLogClock {
   struct tm* calendar;
 };
 
-// A declaration, so that the semicolon behind it has something to end.
+// A declaration, so that the semicolon after it ends something.
 #define OLVEX_LOG_CLOCK struct OlvexLogClock
 
 #define OLVEX_LOG_NOTHING(...) \

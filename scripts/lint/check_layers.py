@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Proves that no file includes one that it must not know: KNOWN says of each folder which others it may.
+"""Proves that no file includes one that it must not: KNOWN says of each folder which others it may include.
 
-Floor 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
-platform knows platform/include and itself, so that each can be exchanged for the chip maker's library. Of
-the tools, common knows none of the others, frames knows common, inside knows both, a subcommand all three and
-no other subcommand; inside alone looks into the library. A folder without a rule, and an include that names no
-file, are faults, too.
+Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
+platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
+the tools, common includes none of the others, frames includes common, inside both, a subcommand all three and
+no other subcommand; inside alone includes the library's own headers. A folder without a rule, and an include
+that names no file, are faults, too.
 """
 import pathlib
 import re
@@ -22,7 +22,7 @@ PUBLIC = ("video/det/include/olvex_det.h", "utils/records/algo_types.h", CONTRAC
 HOST = ("platform/host/host_image.h", "platform/host/qv_host.h")
 LIBRARY = (CONTRACT, "utils/", "base/", "video/det/")
 SUBCOMMAND = ("tools/common/", "tools/frames/", "tools/inside/", *PUBLIC, *HOST)
-# What begins so may include what begins so, and whatever begins like itself. The longest one counts.
+# Path prefix of a source: prefixes of what it may include, beside its own. The longest match counts.
 KNOWN = {
     CONTRACT: (),
     "utils/": (CONTRACT,),
