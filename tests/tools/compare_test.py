@@ -4,7 +4,7 @@ See tool_test.py for the usage. Runs are written by hand; the pictures are plain
 """
 import json
 
-from tool_test import ToolTest, main
+from tool_test import ToolTest, main, write_gray
 
 WIDTH, HEIGHT, FRAMES = 160, 120, 40
 
@@ -25,8 +25,7 @@ class CompareTest(ToolTest):
         super().setUp()
         (self.folder / "pictures").mkdir()
         for number in range(1, FRAMES + 1):
-            (self.folder / f"pictures/{number}.pgm").write_bytes(
-                b"P5 %d %d 255\n" % (WIDTH, HEIGHT) + bytes([number]) * (WIDTH * HEIGHT))
+            write_gray(self.folder / f"pictures/{number}.pgm", WIDTH, HEIGHT, number)
         self.write("same.jsonl", [frame(number, [box(10)]) for number in range(1, FRAMES + 1)])
 
     def write(self, name, lines):

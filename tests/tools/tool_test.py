@@ -108,6 +108,17 @@ def make_network(path, kind, *numbers):
     subprocess.run([MAKE_NETWORK, kind, path, *map(str, numbers)], check=True)
 
 
+def write_gray(path, width, height, level=96):
+    path.write_bytes(b"P5 %d %d 255\n" % (width, height) + bytes([level]) * (width * height))
+
+
+def write_cells(path, width, height, cells):
+    """Black but for cells of 8 pixels: {(column, row): (red, green, blue)}."""
+    rows = (b"".join(bytes(cells.get((column, row), (0, 0, 0))) * 8 for column in range(width // 8)) * 8
+            for row in range(height // 8))
+    path.write_bytes(b"P6 %d %d 255\n" % (width, height) + b"".join(rows))
+
+
 def main():
     # A shell's background ignores some signals, and the program would go on ignoring them.
     signal.signal(signal.SIGINT, signal.default_int_handler)
