@@ -12,19 +12,13 @@ import subprocess
 import tempfile
 import time
 
-from tool_test import TOOL, ToolTest, main, make_network
+from tool_test import TOOL, ToolTest, main, make_network, write_cells
 
 WIDTH, HEIGHT, CELL = 72, 64, 8  # NV12 rows of this width are padded
 
 
-def write_picture(path, squares, width=WIDTH, side=CELL):
-    """A PPM with squares on black: {(column, row) of the cell: (red, green, blue)}."""
-    pixels = bytearray(width * HEIGHT * 3)
-    for (column, row), colour in squares.items():
-        for y in range(row * CELL, row * CELL + side):
-            start = (y * width + column * CELL) * 3
-            pixels[start:start + side * 3] = bytes(colour) * side
-    path.write_bytes(b"P6 %d %d 255\n" % (width, HEIGHT) + pixels)
+def write_picture(path, squares, width=WIDTH):
+    write_cells(path, width, HEIGHT, squares)
 
 
 def read_json_lines(text):
@@ -125,8 +119,10 @@ class RunTest(ToolTest):
 
     def test_every_frame_format_finds_the_same_and_dumps_replay(self):
         picture = self.folder / "7.ppm"
-        write_picture(picture, {(1, 2): (255, 0, 0), (5, 4): (0, 255, 0), (7, 6): (0, 0, 255)},
-                      side=2 * CELL)
+        classes = {(x + i, y + j): label for i in (0, 1) for j in (0, 1)
+                   for x, y, label in ((1, 2, 0), (5, 4, 1), (7, 6, 2))}
+        write_picture(picture, {cell: [255 * (plane == label) for plane in range(3)]
+                                for cell, label in classes.items()})
         dumps = self.folder / "dumps"
         ini = self.folder / "dump.ini"
         ini.write_text(f"[SET_ENV]\nQK_ALGO_I={dumps}")
@@ -135,10 +131,8 @@ class RunTest(ToolTest):
                 model = self.pack(frame_format)
                 dumps.mkdir()
                 frames = self.frames_of(model, picture, environment={"QK_ALGO_S": str(ini)})
-                cells = {(box["x"] // CELL, box["y"] // CELL, box["class_id"])
-                         for box in frames[0]["boxes"]}
-                self.assertEqual(cells, {(x + i, y + j, label) for i in (0, 1) for j in (0, 1)
-                                         for x, y, label in ((1, 2, 0), (5, 4, 1), (7, 6, 2))})
+                self.assertEqual(set(classes.items()), {
+                    ((box["x"] // CELL, box["y"] // CELL), box["class_id"]) for box in frames[0]["boxes"]})
                 replayed = self.frames_of(model, dumps, "--pictures", self.folder / "shown")
                 self.assertEqual(box_rows(replayed), box_rows(frames))
                 dump = next(dumps.iterdir())
