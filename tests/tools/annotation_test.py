@@ -10,24 +10,7 @@ import pty
 import re
 import subprocess
 
-from tool_test import TOOL, ToolTest, main, make_network
-
-GRAY = 96
-
-
-def write_gray(path, width, height, level=GRAY):
-    path.write_bytes(b"P5 %d %d 255\n" % (width, height) + bytes([level]) * (width * height))
-
-
-def write_cells(path, width, height, cells):
-    """Black but for cells of 8 pixels: {(column, row): (red, green, blue)}."""
-    pixels = bytearray(width * height * 3)
-    for (column, row), colour in cells.items():
-        for y in range(8 * row, 8 * row + 8):
-            start = 3 * (y * width + 8 * column)
-            pixels[start:start + 24] = bytes(colour) * 8
-    path.write_bytes(b"P6 %d %d 255\n" % (width, height) + pixels)
-
+from tool_test import TOOL, ToolTest, main, make_network, write_cells, write_gray
 
 def box(x, y, width, height, class_id=0, score=0.5, track_id=None, points=(), name="person"):
     return {"x": x, "y": y, "width": width, "height": height, "class_id": class_id, "class": name,

@@ -2,7 +2,7 @@
 calls that write, and under kills: what stands on the disk afterwards.
 
 See tool_test.py for the usage and tests/support/sweep_preload.c, named by OLVEX_SWEEP_PRELOAD, for
-what strikes.
+what strikes. OLVEX_SWEEP_STRIDE=5 strikes at every fifth turn only.
 """
 import itertools
 import json
@@ -19,6 +19,7 @@ import time
 from tool_test import TOOL, ToolTest, main, make_network
 
 FRAMES = 3
+STRIDE = int(os.environ.get("OLVEX_SWEEP_STRIDE", "1"))
 OLD = "of an earlier run\n"
 OUTPUTS = ("--jsonl", "lines", "--mot", "mot", "--coco", "coco", "--summary-json", "summary",
            "--contact-sheet", "sheet.png", "--contact-frames", "1", "--pictures", "shown")
@@ -116,7 +117,7 @@ class RunSweepTest(ToolTest):
         for action, code, step in (("full", 4, 1), (signal.SIGKILL, -9, 2),
                                    (signal.SIGQUIT, -3, 9), (signal.SIGXFSZ, 4, 4),
                                    *((number, 130, 9) for number in interrupted)):
-            for turn in itertools.count(1, step):
+            for turn in itertools.count(1, step * STRIDE):
                 result = self.strike(action, turn)
                 if result is None:
                     self.assertGreater(turn, 20)

@@ -3,12 +3,13 @@ the comparison of whole texts and pictures with those in data/.
 
 usage: <test>.py OLVEX_DET MAKE_TEST_NETWORK SCHEMA_FOLDER [unittest options]
 To accept an intended change run the test with OLVEX_GOLDEN_UPDATE=1 in the environment and read the
-difference.
+difference. Of a session, a transcript whose commands are run from it, add the "$ olvex-det ..." line first.
 """
 import json
 import os
 import pathlib
 import re
+import shlex
 import signal
 import struct
 import subprocess
@@ -44,15 +45,33 @@ class ToolTest(unittest.TestCase):
 
     def tool(self, *arguments, code=0, said=(), environment=None, **options):
         """Runs the program in the test's folder; checks its exit code and what its errors say."""
-        result = subprocess.run([TOOL, *map(str, arguments)], timeout=60, encoding="utf-8",
-                                cwd=self.folder, env={**os.environ, **(environment or {})},
-                                **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        result = self.told([TOOL, *map(str, arguments)], shlex.join(["olvex-det", *map(str, arguments)]),
+                           **{"env": {**os.environ, **(environment or {})}, **options})
         self.assertEqual(result.returncode, code, f"{arguments}: {result.stderr}")
-        printed = "" if str(result.stdout).startswith("{") else result.stdout or ""
-        self.transcript += f"$ {' '.join(map(str, arguments))}\n{printed}{result.stderr or ''}"
         for text in said:
             self.assertIn(text, result.stderr)
         return result
+
+    def told(self, command, name, **options):
+        """Runs a command in the test's folder and adds all that is seen of it to the transcript."""
+        result = subprocess.run(command, timeout=60, encoding="utf-8", cwd=self.folder,
+                                **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+        printed = "{...}\n" if str(result.stdout).startswith("{") else result.stdout or ""
+        ended = f"exit code {result.returncode}\n" if result.returncode else ""
+        self.transcript += f"$ {name}\n{printed}{result.stderr or ''}{ended}"
+        return result
+
+    def assert_session_kept(self, name, after_each=lambda: None):
+        """Runs every line of a transcript that begins with "$ ", as a shell takes it; what follows has to
+        be the same again."""
+        path = os.pathsep.join((str(pathlib.Path(TOOL).parent), os.environ["PATH"]))
+        for line in (DATA / name).read_text().splitlines():
+            if line.startswith("# "):
+                self.transcript += f"{line}\n"
+            elif line.startswith("$ "):
+                self.told(["bash", "-c", line[2:]], line[2:], env={**os.environ, "PATH": path})
+                after_each()
+        self.assert_transcript_kept(name)
 
     def assert_kept(self, name, content):
         """Compares with the file of that name in data/."""
@@ -69,7 +88,7 @@ class ToolTest(unittest.TestCase):
         """Compares all that was printed so far but JSON, times, names of temporary files, and what the JSON
         parser says itself."""
         text = self.transcript.replace(str(self.folder), "FOLDER")
-        for unsure, sure in ((r"(is not JSON: ).*", r"\1..."), (r"\d+\.\d ms", "... ms"),
+        for unsure, sure in ((r"(is not JSON: \[?\w+).*", r"\1..."), (r"\d+\.\d ms", "... ms"),
                              (r"\.qtm\.partial\.\w{6}", ".qtm.partial.XXXXXX")):
             text = re.sub(unsure, sure, text)
         # Equal scores may change places on another processor.
@@ -87,6 +106,17 @@ class ToolTest(unittest.TestCase):
 
 def make_network(path, kind, *numbers):
     subprocess.run([MAKE_NETWORK, kind, path, *map(str, numbers)], check=True)
+
+
+def write_gray(path, width, height, level=96):
+    path.write_bytes(b"P5 %d %d 255\n" % (width, height) + bytes([level]) * (width * height))
+
+
+def write_cells(path, width, height, cells):
+    """Black but for cells of 8 pixels: {(column, row): (red, green, blue)}."""
+    rows = (b"".join(bytes(cells.get((column, row), (0, 0, 0))) * 8 for column in range(width // 8)) * 8
+            for row in range(height // 8))
+    path.write_bytes(b"P6 %d %d 255\n" % (width, height) + b"".join(rows))
 
 
 def main():
