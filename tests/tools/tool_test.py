@@ -122,6 +122,6 @@ def write_cells(path, width, height, cells):
 def main():
     # A shell's background ignores some signals, and the program would go on ignoring them.
     signal.signal(signal.SIGINT, signal.default_int_handler)
-    for number in (signal.SIGTERM, signal.SIGHUP):
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
         signal.signal(number, signal.SIG_DFL)
     unittest.main(argv=[sys.argv[0], *sys.argv[4:]])
