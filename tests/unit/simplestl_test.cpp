@@ -86,7 +86,7 @@ std::vector<int> contents(const olvex::vector<T>& v) {
   return std::vector<int>(v.begin(), v.end());
 }
 
-TEST(Vector, ReservesByItsOwnRule) {
+TEST(Vector, reserves_by_its_own_rule) {
   CountedVector v;
   std::vector<size_t> capacities;
   for (const size_t size : {1u, 2u, 3u, 4u, 10u, 8u, 5u, 9u, 6u, 7u, 3u, 0u}) {
@@ -170,7 +170,7 @@ void step(std::mt19937& random, CountedVector& v, Model& model) {
   }
 }
 
-TEST(Vector, KeepsStepWithTheStandardVector) {
+TEST(Vector, keeps_step_with_the_standard_vector) {
   for (unsigned seed = 1; seed <= 20; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
@@ -186,7 +186,7 @@ TEST(Vector, KeepsStepWithTheStandardVector) {
   EXPECT_TRUE(Counted::live().empty());
 }
 
-TEST(Vector, SurvivesTheFailureOfEveryAllocation) {
+TEST(Vector, survives_the_failure_of_every_allocation) {
   typedef CountedVector V;
   const struct {
     const char* name;
@@ -229,7 +229,7 @@ TEST(Vector, SurvivesTheFailureOfEveryAllocation) {
   }
 }
 
-TEST(Vector, RefusesMoreThanAddressesCanName) {
+TEST(Vector, refuses_more_than_addresses_can_name) {
   // Twice the count wraps to 0, three times the count to 2, the bytes of twice the count to 0.
   for (const size_t n : {SIZE_MAX / 2 + 1, SIZE_MAX / 3 + 1, SIZE_MAX / (2 * sizeof(int)) + 1}) {
     olvex::vector<int> v(3, 4);
@@ -238,7 +238,7 @@ TEST(Vector, RefusesMoreThanAddressesCanName) {
   }
 }
 
-TEST(String, KeepsItsTextTerminated) {
+TEST(String, keeps_its_text_terminated) {
   typedef olvex::string S;
   const struct {
     const char* name;
@@ -269,7 +269,7 @@ TEST(String, KeepsItsTextTerminated) {
   EXPECT_TRUE(abc != "ab" && abc != "abd" && abc != "abcd" && abc != S());
 }
 
-TEST(MinAndMax, ReturnAReferenceToTheFirstOnATie) {
+TEST(MinAndMax, return_a_reference_to_the_first_on_a_tie) {
   const float one = 1.0f, same = 1.0f, two = 2.0f, nan = NAN;
   EXPECT_TRUE(&olvex::max(one, same) == &one && &olvex::min(one, same) == &one);
   EXPECT_TRUE(&olvex::max(one, two) == &two && &olvex::min(two, one) == &one);
