@@ -11,6 +11,8 @@
 namespace {
 
 int64_t now_seconds;  // of the clocks below
+int step;             // microseconds from one reading to the next
+int64_t since;        // of the steps so far
 
 bool clock_reaches(int64_t seconds) {
   return static_cast<time_t>(seconds) == seconds;
@@ -23,8 +25,9 @@ extern "C" int gettimeofday(struct timeval* now, void* /*zone*/) noexcept {
   if (!clock_reaches(now_seconds)) {
     return -1;
   }
-  now->tv_sec = static_cast<time_t>(now_seconds);
-  now->tv_usec = 0;
+  since += step;
+  now->tv_sec = static_cast<time_t>(now_seconds + since / 1000000);
+  now->tv_usec = static_cast<suseconds_t>(since % 1000000);
   return 0;
 }
 
@@ -125,6 +128,12 @@ TEST_F(Edges, clock_passes_its_end) {
     EXPECT_TRUE(contains(text, "model invoke cost time: 0.000000 ms\n")) << text;
     EXPECT_TRUE(contains(text, "postprocess cost time: 0.000000 ms\n"));
   }
+  now_seconds = 1700000000;
+  step = 1250000;
+  log();
+  ASSERT_EQ(0, run());
+  EXPECT_TRUE(contains(log(), "model invoke cost time: 1250.000000 ms\n"));
+  step = 0;
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // soak.cpp - olvex_soak: the library over many frames and many lives of a handle, with failures in
-// between, watched for memory that grows, frames that slow down and track ids that come again. crowd.h
+// between, watched for memory that grows and track ids that come again. crowd.h
 // makes the frames.
 #include <malloc.h>
 #include <sys/mman.h>
@@ -57,7 +57,6 @@ namespace {
 using qv_scripted::Function;
 
 constexpr std::size_t kMostResidentGrowth = 1 << 20;  // bytes, from the first row to the last
-constexpr double kMostSlowing = 1.25;                 // median of the last row over the first's
 constexpr QV_S32 kCode = 0x51;                        // of a platform call that is made to fail
 constexpr QV_S32 kNoMemory = -1;                      // stands for an allocation exception
 constexpr int kMostLostTimes = 10;                    // of a live track, frames
@@ -89,14 +88,7 @@ const Fate kFates[] = {
 
 struct Options {
   long long frames = 1000000;
-  uint32_t seed = 1;
-  const char* csv = "/dev/null";
-  bool check_time = false;
-};
-
-struct Row {
-  std::size_t resident;
-  uint32_t median;  // nanoseconds
+  long long seed = 1;
 };
 
 void require(bool holds, const char* what, long long value) {
@@ -126,11 +118,10 @@ std::string make_model() {
 
 class Soak {
  public:
-  Soak(const Options& options, std::FILE* report, std::FILE* csv)
+  Soak(const Options& options, std::FILE* report)
       : options_(options),
         report_(report),
-        csv_(csv),
-        random_(options.seed),
+        random_(static_cast<std::uint64_t>(options.seed)),
         crowd_(random_),
         times_(static_cast<std::size_t>(std::min(1000000LL, options.frames / 10)), 1u),
         pts_(0 - static_cast<QV_U64>(options.frames / 2)) {
@@ -153,7 +144,6 @@ class Soak {
         "| frames | resident, KiB | most heap, KiB | median, us | 99 %, us | track ids | lives |\n"
         "|---:|---:|---:|---:|---:|---:|---:|\n",
         report_);
-    std::fputs("frames,resident,most_heap,median_ns,percentile_99_ns,track_ids,lives\n", csv_);
     const int longest = static_cast<int>(options_.frames / 32);
     while (frames_ < options_.frames) {
       int length = longest;
@@ -162,7 +152,9 @@ class Soak {
       }
       live(kFates[random_.below(static_cast<int>(std::size(kFates)))], 16 + random_.below(length));
     }
-    check_rows();
+    require(last_resident_ <= first_resident_ + kMostResidentGrowth,
+            "bytes that resident memory grew from the first row to the last",
+            as_number(last_resident_ - first_resident_));
   }
 
   std::string place() const {
@@ -325,9 +317,6 @@ class Soak {
   void count_frame(long long nanoseconds) {
     times_[row_frames_] = static_cast<uint32_t>(std::min(nanoseconds, 0xffffffffLL));
     ++frames_;
-    if (frames_ % 1024 == 0 && isatty(STDERR_FILENO) != 0) {
-      std::fprintf(stderr, "\r%lld of %lld frames ", frames_, options_.frames);
-    }
     if (++row_frames_ == times_.size()) {
       finish_row();
     }
@@ -341,33 +330,18 @@ class Soak {
   }
 
   void finish_row() {
-    last_ = {resident(), time_at_percent(50)};
-    first_ = frames_ == as_number(row_frames_) ? last_ : first_;
-    const uint32_t slow = time_at_percent(99);
-    const std::size_t most_heap = peak_bytes - heap_at_rest_;
-    const long long ids = ids_of_past_lives_ + next_id_ - 1;
+    last_resident_ = resident();
+    first_resident_ = frames_ == as_number(row_frames_) ? last_resident_ : first_resident_;
     std::fprintf(report_, "| %lld | %zu | %zu | %.1f | %.1f | %lld | %lld |\n", frames_,
-                 last_.resident / 1024, most_heap / 1024, last_.median / 1e3, slow / 1e3, ids,
-                 lives_);
-    std::fprintf(csv_, "%lld,%zu,%zu,%u,%u,%lld,%lld\n", frames_, last_.resident, most_heap,
-                 last_.median, slow, ids, lives_);
+                 last_resident_ / 1024, (peak_bytes - heap_at_rest_) / 1024,
+                 time_at_percent(50) / 1e3, time_at_percent(99) / 1e3,
+                 ids_of_past_lives_ + next_id_ - 1, lives_);
     row_frames_ = 0;
     peak_bytes = live_bytes;
   }
 
-  void check_rows() {
-    require(last_.resident <= first_.resident + kMostResidentGrowth,
-            "bytes that resident memory grew from the first row to the last",
-            as_number(last_.resident - first_.resident));
-    const double slowing = 1.0 * last_.median / first_.median;
-    std::fprintf(report_, "\nmedian of the last row over that of the first: %.2f\n", slowing);
-    require(!options_.check_time || slowing <= kMostSlowing, "nanoseconds of the last row's median",
-            last_.median);
-  }
-
   const Options options_;
   std::FILE* const report_;
-  std::FILE* const csv_;
   Random random_;
   Crowd crowd_;
   std::vector<uint32_t> times_;  // of the row's frames
@@ -383,57 +357,32 @@ class Soak {
   bool is_warm_ = false;
   long long frames_ = 0, lives_ = 0, ids_of_past_lives_ = 0;
   std::size_t row_frames_ = 0, heap_at_rest_ = 0;
-  Row first_ = {}, last_ = {};
+  std::size_t first_resident_ = 0, last_resident_ = 0;
 };
 
 const char kUsage[] =
-    "usage: olvex_soak [--frames N] [--seed S] [--csv FILE] [--check-time]\n"
+    "usage: olvex_soak [--frames N] [--seed S]\n"
     "Runs the library over N frames (1000 to 1000000000, default 1000000) on the scripted\n"
-    "accelerator and watches memory, time and track ids. Prints a row for each million frames, or\n"
-    "each tenth of a shorter run. --check-time: fails when the last row's median is above 1.25 "
-    "times\n"
-    "the first's. Exit codes: 0 all is well, 1 a check failed, 2 wrong usage.\n";
-
-long long whole_number(const char* text) {
-  char* end = nullptr;
-  const long long number = std::strtoll(text, &end, 10);
-  return end == text || *end != 0 ? -1 : number;
-}
+    "accelerator and watches memory and track ids. Prints a row for each million frames, or each\n"
+    "tenth of a shorter run. Exit codes: 0 all is well, 1 a check failed, 2 wrong usage.\n";
 
 bool parse(int argc, char** argv, Options* options) {
-  long long seed = options->seed;
-  for (int i = 1; i < argc; ++i) {
+  bool is_right = argc % 2 == 1;
+  for (int i = 1; i < argc && is_right; i += 2) {
     const std::string name = argv[i];
-    const char* const value = name == "--check-time" || i + 1 == argc ? nullptr : argv[++i];
-    if (name == "--check-time") {
-      options->check_time = true;
-    } else if (name == "--frames" && value != nullptr) {
-      options->frames = whole_number(value);
-    } else if (name == "--seed" && value != nullptr) {
-      seed = whole_number(value);
-    } else if (name == "--csv" && value != nullptr) {
-      options->csv = value;
-    } else {
-      return false;
-    }
+    char* end = argv[i];
+    (name == "--frames" ? options->frames : options->seed) = std::strtoll(argv[i + 1], &end, 10);
+    is_right = (name == "--frames" || name == "--seed") && end != argv[i + 1] && *end == 0;
   }
-  options->seed = static_cast<uint32_t>(seed);
-  return options->frames >= 1000 && options->frames <= 1000000000 && seed >= 0 &&
-         seed <= UINT32_MAX;
+  return is_right && options->frames >= 1000 && options->frames <= 1000000000 && options->seed >= 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   Options options;
-  const bool asks_for_help = argc == 2 && std::string(argv[1]) == "--help";
-  if (asks_for_help || !parse(argc, argv, &options)) {
-    std::fputs(kUsage, asks_for_help ? stdout : stderr);
-    return asks_for_help ? 0 : 2;
-  }
-  std::FILE* const csv = std::fopen(options.csv, "w");
-  if (csv == nullptr) {
-    std::perror(options.csv);
+  if (!parse(argc, argv, &options)) {
+    std::fputs(kUsage, stderr);
     return 2;
   }
   // The report takes the place of standard output, where the library logs.
@@ -443,16 +392,16 @@ int main(int argc, char** argv) {
     std::perror("/dev/null");
     return 2;
   }
-  Soak soak(options, report, csv);
+  Soak soak(options, report);
   try {
     soak.run();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "olvex_soak: %s: %s (seed %u)\n", soak.place().c_str(), error.what(),
+    std::fprintf(stderr, "olvex_soak: %s: %s (seed %lld)\n", soak.place().c_str(), error.what(),
                  options.seed);
     return 1;
   }
-  const bool is_written = std::ferror(report) == 0 && std::ferror(csv) == 0;
-  if ((std::fclose(report) | std::fclose(csv)) != 0 || !is_written) {
+  const bool is_written = std::ferror(report) == 0;
+  if (std::fclose(report) != 0 || !is_written) {
     std::fprintf(stderr, "olvex_soak: the report cannot be written\n");
     return 1;
   }
