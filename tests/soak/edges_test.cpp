@@ -94,23 +94,6 @@ TEST_F(Edges, lost_frames_are_counted_up_to_the_largest_setting) {
   EXPECT_EQ(2, tracker().active_tracks_[0].id);
 }
 
-TEST_F(Edges, long_life_leaves_no_trace_while_time_stamps_pass_their_end) {
-  start({{kStanding}});
-  ALGO_DET_SetTracker2(handle_, {1, 0, 0.f, 1, 0.63f, 10});
-  const TrackBBox* history = nullptr;
-  for (unsigned i = 1; i <= 2000; ++i) {
-    const QV_U64 pts = UINT64_MAX - 1000 + i;
-    ASSERT_EQ(i < 10 ? "" : "0@8,8,32x32", next_frame(pts));
-    ASSERT_TRUE(i < 10 || boxes_[0].pts == pts);
-    const Track& track = tracker().active_tracks_[0];
-    ASSERT_EQ(std::min(i, 10u), track.boxes.size());
-    history = i <= 10 ? track.boxes.data() : history;
-    ASSERT_EQ(history, track.boxes.data());
-    ASSERT_EQ(0, track.start_frame | track.status_pre | track.status_now | track.alert);
-  }
-  EXPECT_EQ(2, tracker().track_id_);
-}
-
 // A 32-bit clock ends with the first of these moments.
 TEST_F(Edges, clock_passes_its_end) {
   setenv("TZ", "UTC", 1);
