@@ -4,10 +4,10 @@
 #define BENCH_SCENES_H
 
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include "base/postprocess/output_tensors.h"
+#include "tests/support/random.h"
 #include "tests/support/routines.h"
 
 constexpr int kInputWidth = 640;
@@ -23,22 +23,6 @@ struct Library {
   const Routines* without_log;
 };
 const std::vector<Library>& libraries();  // plain, shipped
-
-class Random {
- public:
-  explicit Random(std::uint64_t seed) : state_(seed) {}
-  std::uint32_t next() {
-    state_ = state_ * 6364136223846793005u + 1442695040888963407u;
-    return static_cast<std::uint32_t>(state_ >> 33);
-  }
-  int below(int count) { return static_cast<int>(next() % static_cast<std::uint32_t>(count)); }
-  float between(float low, float high) {
-    return low + (high - low) * static_cast<float>(next() >> 7) / 16777216.0f;
-  }
-
- private:
-  std::uint64_t state_;
-};
 
 // One cache line of a tensor: buffers start where a line starts, as the accelerator's do.
 struct alignas(64) Line {

@@ -17,6 +17,10 @@ configure_file("${PROJECT_SOURCE_DIR}/tests/support/log_lines_text.h.in"
 # olvex_add_test(NAME <target> LABEL <label> SOURCES <file>... [LIBRARIES <target>...])
 # builds a GoogleTest program and registers each of its cases.
 function(olvex_add_test)
+  set(timeout 120)
+  if(CMAKE_CROSSCOMPILING)  # under an emulator
+    set(timeout 600)
+  endif()
   cmake_parse_arguments(arg "" "NAME;LABEL" "SOURCES;LIBRARIES" ${ARGN})
   add_executable(${arg_NAME} ${arg_SOURCES})
   target_include_directories(${arg_NAME} PRIVATE "${PROJECT_SOURCE_DIR}"
@@ -24,5 +28,5 @@ function(olvex_add_test)
   target_link_libraries(${arg_NAME} PRIVATE ${arg_LIBRARIES} GTest::gtest_main olvex_warnings
                                             olvex_numbers olvex_quick_build)
   gtest_discover_tests(${arg_NAME} DISCOVERY_MODE PRE_TEST
-                       PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 600)
+                       PROPERTIES LABELS "${arg_LABEL}" TIMEOUT ${timeout})
 endfunction()

@@ -28,22 +28,13 @@ std::string options(const DetHandle& det) {
   return text.str();
 }
 
-TEST(Codes, are_the_ones_that_applications_know) {
-  const std::vector<int> codes = {E_ALGO_SUCCESS,
-                                  E_ALGO_HANDLE_NULL,
-                                  E_ALGO_INVALID_PARAM,
-                                  E_ALGO_DEVICE_FAULT,
-                                  E_ALGO_LOADMODEL_FAIL,
-                                  E_ALGO_INIT_FAIL,
-                                  E_ALGO_NOT_INIT,
-                                  E_ALGO_INPUT_DATA_NULL,
-                                  E_ALGO_INVALID_INPUT_SIZE,
-                                  E_ALGO_MEMORY_OUT,
-                                  E_ALGO_FILEIO_ERROR,
-                                  E_ALGO_INVALID_OUTPUT_SIZE,
-                                  E_ALGO_INVALID_DECODE_MODE};
-  EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 10, 11, 12, 13}), codes);
-}
+// The codes that applications know.
+static_assert(E_ALGO_SUCCESS == 0 && E_ALGO_HANDLE_NULL == 1 && E_ALGO_INVALID_PARAM == 2);
+static_assert(E_ALGO_DEVICE_FAULT == 3 && E_ALGO_LOADMODEL_FAIL == 4 && E_ALGO_INIT_FAIL == 5);
+static_assert(E_ALGO_NOT_INIT == 6 && E_ALGO_INPUT_DATA_NULL == 7);
+static_assert(E_ALGO_INVALID_INPUT_SIZE == 8 && E_ALGO_MEMORY_OUT == 10);
+static_assert(E_ALGO_FILEIO_ERROR == 11 && E_ALGO_INVALID_OUTPUT_SIZE == 12);
+static_assert(E_ALGO_INVALID_DECODE_MODE == 13);
 
 TEST_F(PublicApi, null_handle_and_null_record_have_their_codes_messages_and_banner) {
   const auto check = [this](QV_S32 expected, QV_S32 code) {
@@ -103,26 +94,6 @@ TEST_F(PublicApi, whole_life_makes_the_platform_calls_in_order_with_the_right_ar
   EXPECT_EQ(frame_.data(), last_event(Function::kFlushInvCache).address);
   EXPECT_EQ(frame_.data(), last_event(Function::kInvoke).address);
   EXPECT_EQ(kPhysicalAddress, last_event(Function::kInvoke).physical_address);
-}
-
-TEST_F(PublicApi, path_of_the_model_may_fill_its_field) {
-  const std::string longest(255, 'm');
-  EXPECT_EQ(3, init_from_file(longest, 1));
-  EXPECT_TRUE(contains(log(), "fail to open model " + longest + "\n"));
-}
-
-TEST_F(PublicApi, device_of_the_caller_is_neither_created_nor_destroyed) {
-  qv_scripted::add_network(list_network({kOneBox}));
-  QV_IPU_DevAttr_s attributes = {};
-  char firmware[] = "firmware";
-  ASSERT_EQ(0, QV_IPU_CreateDevice(&attributes, nullptr, firmware, 0));
-  ASSERT_EQ(0, init_from_file(write_model(), 1));
-  ASSERT_EQ(0, run());
-  ASSERT_EQ(0, deinit());
-  EXPECT_TRUE(qv_scripted::device_is_up());
-  EXPECT_EQ(1, qv_scripted::call_count(Function::kCreateDevice));
-  EXPECT_EQ(0, qv_scripted::call_count(Function::kDestroyDevice));
-  EXPECT_EQ(0, qv_scripted::open_channel_count());
 }
 
 TEST_F(PublicApi, threshold_accepts_its_bounds_and_decides_inclusively) {
@@ -301,12 +272,6 @@ TEST_F(PublicApi, frames_are_dumped_while_the_file_says_so) {
   EXPECT_EQ(0u, dump.find(dumps + "/algo_dump_data["));
   EXPECT_EQ(std::string(frame_.begin(), frame_.end()), read_file(dump));
 
-  write_file("dump.ini", nowhere);
-  count_ = 77;
-  log();
-  EXPECT_EQ(11, run());
-  EXPECT_TRUE(contains(log(), "save_buffer_to_file failed!\n"));
-  EXPECT_EQ(77, count_);
   std::filesystem::remove(ini);
   EXPECT_EQ(0, run()) << "no file, no dump";
 
@@ -376,20 +341,6 @@ TEST_F(PublicApi, strict_mode_confirms_by_detections_whose_label_is_hidden) {
   EXPECT_EQ("0@32,32,64x64", next_frame()) << "strict mode keeps the tracker, and it its tracks";
   ALGO_DET_SetStrictMode(handle_, {0});
   EXPECT_EQ(1, det().mIouTrackerParams_.enable) << "stays on";
-}
-
-TEST_F(PublicApi, tracker_reports_what_moves) {
-  std::vector<Detections> frames;
-  for (int i = 0; i < 6; ++i) {
-    const float x = static_cast<float>(4 * i);
-    frames.push_back({{x, 0.f, x + 32.f, 32.f, 0.9f, 0.f}, {64.f, 64.f, 96.f, 96.f, 0.8f, 0.f}});
-  }
-  start(frames);
-  ALGO_DET_SetTracker(handle_, 1, 1);
-  // Four frames back the moving box overlaps itself by a third.
-  for (const char* shown : {"", "", "", "", "0@16,0,32x32", "0@20,0,32x32"}) {
-    EXPECT_EQ(shown, next_frame());
-  }
 }
 
 }  // namespace

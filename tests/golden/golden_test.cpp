@@ -1,11 +1,11 @@
 // golden_test.cpp - fixed tensors through the whole library: every build, compiler and processor
 // must report the same boxes, bit for bit. data/ holds one file per promise; after an intended
 // change run this program with OLVEX_GOLDEN_UPDATE=1 in the environment and read the difference.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -17,6 +17,8 @@
 
 #include "platform/scripted/qv_scripted.h"
 #include "tests/support/log_lines.h"
+#include "tests/support/random.h"
+#include "tests/support/record.h"
 #include "tests/support/scripted_test.h"
 #include "video/det/include/det_schedule.h"
 
@@ -26,23 +28,10 @@ const QV_U32 kNetWidth = 320, kNetHeight = 192;
 const int kFrames = 8;
 const size_t kListedBoxes = 12;
 
-// Integers only, so that the tensors themselves are the same everywhere.
-class Random {
- public:
-  explicit Random(uint32_t seed) : state_(seed) {}
-  uint32_t next() {
-    state_ = state_ * 1664525u + 1013904223u;
-    return state_ >> 8;
-  }
-  // A multiple of 1/256 in [-range, range).
-  float value(int range) {
-    const int steps = static_cast<int>(next() % static_cast<uint32_t>(512 * range));
-    return static_cast<float>(steps - 256 * range) / 256.0f;
-  }
-
- private:
-  uint32_t state_;
-};
+// A multiple of 1/256 in [-range, range).
+float value(Random& random, int range) {
+  return static_cast<float>(random.below(512 * range) - 256 * range) / 256.0f;
+}
 
 struct Scenario {
   const char *name, *header;
@@ -100,11 +89,11 @@ std::vector<float> raw_layer(const Scenario& s, uint32_t seed, int frame, int ce
   Random random(seed);
   std::vector<float> values;
   for (int cell = 0; cell < cells; ++cell) {
-    const bool hit = random.next() % 23 == 0;
+    const bool hit = random.one_in(23);
     for (int k = 0; k < channels; ++k) {
-      float v = random.value(2);
+      float v = value(random, 2);
       if (k >= 4 && k < 4 + s.classes) {
-        v = hit ? random.value(3) + 1.0f : -6.0f;
+        v = hit ? value(random, 3) + 1.0f : -6.0f;
         if (cell % 97 == 0) {
           v = 2.0f;
         }
@@ -157,12 +146,12 @@ void add_list_network(const Scenario& s, qv_scripted::Network& network) {
     Random random(5);
     std::vector<float> boxes, classes, scores, indices;
     for (QV_U32 row = 0; row < rows; ++row) {
-      const float x = static_cast<float>(random.next() % 250);
-      const float y = static_cast<float>(random.next() % 150);
+      const float x = static_cast<float>(random.below(250));
+      const float y = static_cast<float>(random.below(150));
       const float drift = static_cast<float>(frame * static_cast<int>(row % 5));
-      boxes.insert(boxes.end(), {x + drift, y, x + drift + 30.0f + random.value(8), y + 40.0f});
-      classes.push_back(static_cast<float>(random.next() % 5));
-      scores.push_back(static_cast<float>(random.next() % 256) / 256.0f);
+      boxes.insert(boxes.end(), {x + drift, y, x + drift + 30.0f + value(random, 8), y + 40.0f});
+      classes.push_back(static_cast<float>(random.below(5)));
+      scores.push_back(static_cast<float>(random.below(256)) / 256.0f);
       indices.push_back(static_cast<float>((row * 7) % rows));
     }
     const float count = static_cast<float>(40 + frame);
@@ -176,72 +165,42 @@ void add_list_network(const Scenario& s, qv_scripted::Network& network) {
   }
 }
 
-uint32_t bits_of(float value) {
-  if (value != value) {
-    return 0x7fc00000u;  // one pattern for all NaNs
+// FNV-1a of all numbers.
+uint64_t digest(const Record& record) {
+  uint64_t digest = 14695981039346656037u;
+  for (const uint64_t number : record.numbers) {
+    for (int shift = 0; shift < 64; shift += 8) {
+      digest = (digest ^ (number >> shift & 0xffu)) * 1099511628211u;
+    }
   }
-  uint32_t bits;
-  std::memcpy(&bits, &value, sizeof(bits));
-  return bits;
+  return digest;
 }
 
-// Writes numbers as text and keeps a digest (FNV-1a) of all of them.
-class Record {
- public:
-  void number(uint64_t value, bool listed = false) {
-    for (int i = 0; i < 8; ++i) {
-      digest_ = (digest_ ^ ((value >> (8 * i)) & 0xffu)) * 1099511628211ull;
-    }
-    if (listed) {
-      text_ << ' ' << std::hex << value << std::dec;
-    }
+// The first boxes of a frame in full, a line each, and a digest of all that came so far.
+void write_frame(const DetHandle& handle, const Box_t* boxes, QV_S32 count, Record& record,
+                 std::ostringstream& text) {
+  const size_t start = record.numbers.size() + 1, values = 7;
+  record.add_boxes(boxes, count);
+  text << "boxes " << std::dec << count << " list " << handle.mLastOutput_.size() << std::hex;
+  const size_t end = std::min(record.numbers.size(), start + kListedBoxes * values);
+  for (size_t k = start; k < end; ++k) {
+    text << ((k - start) % values == 0 ? "\n " : " ") << record.numbers[k];
   }
-  // All messages but the measured times.
-  void log(const std::string& log) {
-    EXPECT_EQ("", unknown_lines(log));
-    const std::vector<std::string> lines = log_lines(log);
-    for (const std::string& line : lines) {
-      for (const char c : line.find("cost time") == std::string::npos ? line : "") {
-        number(static_cast<unsigned char>(c));
-      }
-    }
-    text_ << "log lines " << lines.size() << '\n';
-    end_frame();
-  }
-  std::ostringstream& text() { return text_; }
-  void end_frame() { text_ << "digest " << std::hex << digest_ << std::dec << '\n'; }
+  record.add_boxes(handle.mLastOutput_);
+  text << "\ndigest " << digest(record) << '\n';
+}
 
- private:
-  std::ostringstream text_;
-  uint64_t digest_ = 14695981039346656037ull;
-};
-
-void record_frame(const DetHandle& handle, const Box_t* boxes, QV_S32 count, Record& record) {
-  record.text() << "boxes " << count << " list " << handle.mLastOutput_.size() << '\n';
-  for (QV_S32 i = 0; i < count; ++i) {
-    const bool listed = i < static_cast<QV_S32>(kListedBoxes);
-    for (const uint64_t v : {uint64_t{boxes[i].x}, uint64_t{boxes[i].y}, uint64_t{boxes[i].width},
-                             uint64_t{boxes[i].height}, uint64_t{boxes[i].class_id},
-                             uint64_t{bits_of(boxes[i].score)}, boxes[i].pts}) {
-      record.number(v, listed);
-    }
-    if (listed) {
-      record.text() << '\n';
+// All messages but the measured times.
+void write_log(const std::string& log, Record& record, std::ostringstream& text) {
+  EXPECT_EQ("", unknown_lines(log));
+  const std::vector<std::string> lines = log_lines(log);
+  for (const std::string& line : lines) {
+    for (const char c : line.find("cost time") == std::string::npos ? line : "") {
+      record.add(static_cast<unsigned char>(c));
     }
   }
-  for (const BoxInfo& box : handle.mLastOutput_) {
-    for (const float v : {box.x1, box.y1, box.x2, box.y2, box.score}) {
-      record.number(bits_of(v));
-    }
-    record.number(static_cast<uint32_t>(box.label));
-    record.number(box.track_id);
-    for (const KeyPt_t& point : box.keypts) {
-      for (const float v : {point.x, point.y, point.score}) {
-        record.number(bits_of(v));
-      }
-    }
-  }
-  record.end_frame();
+  text << "log lines " << std::dec << lines.size() << "\ndigest " << std::hex << digest(record)
+       << '\n';
 }
 
 std::string run_scenario(const Scenario& s) {
@@ -270,18 +229,19 @@ std::string run_scenario(const Scenario& s) {
     ALGO_DET_SetStrictMode(handle, {1});
   }
   Record record;
+  std::ostringstream text;
   std::vector<Box_t> boxes(ALGO_DET_MAX_BOXES);
   for (int frame = 0; frame < kFrames; ++frame) {
     ALGO_Input_t input = {picture.data(), 0, static_cast<QV_U32>(picture.size()),
                           40ull * static_cast<QV_U64>(frame)};
     QV_S32 count = -1;
     EXPECT_EQ(ALGO_DET_Run(handle, &input, boxes.data(), &count), 0);
-    record_frame(*static_cast<DetHandle*>(handle), boxes.data(), count, record);
+    write_frame(*static_cast<DetHandle*>(handle), boxes.data(), count, record, text);
   }
   EXPECT_EQ(ALGO_DET_DeinitHandle(handle), 0);
-  record.log(testing::internal::GetCapturedStdout());
+  write_log(testing::internal::GetCapturedStdout(), record, text);
   std::remove(model.c_str());
-  return record.text().str();
+  return text.str();
 }
 
 class Golden : public ScriptedTest {};

@@ -8,16 +8,9 @@
 
 namespace contract {
 
-// Before each test: brings the platform to its first state and makes the model file.
-void set_up();
-// After each test; the test has closed its channels and the device.
-void tear_down();
-
-// Path of a valid model file: one input, at least one FP32 or INT16 output. May start with a
-// key/value text; the offline model runs from the first "QTNX" to the end of the file.
-std::string model_path();
-// Path to give to QV_IPU_CreateDevice.
-std::string firmware_path();
+// Before each test: brings the platform to its first state. Gives the bytes of a valid offline model:
+// one input, at least one FP32 or INT16 output.
+std::string make_model();
 
 }  // namespace contract
 

@@ -2,10 +2,12 @@
 // Built once per platform; contract_platform.h is what the platform contributes.
 #include "tests/platform/contract_platform.h"
 
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,8 +42,8 @@ QV_S32 create_device() {
   attributes.u32MaxVariableBufSize = 1 << 20;
   attributes.u32YUV420_W_Pitch_Alignment = attributes.u32XRGB_W_Pitch_Alignment = 16;
   attributes.u32YUV420_H_Pitch_Alignment = 2;
-  std::string firmware = contract::firmware_path();
-  return QV_IPU_CreateDevice(&attributes, nullptr, &firmware[0], 0);
+  char firmware[] = "no_firmware";
+  return QV_IPU_CreateDevice(&attributes, nullptr, firmware, 0);
 }
 
 QV_S32 create_channel(QV_U32* id, QV_IPU_ReadFunc read, char* path_or_context) {
@@ -101,21 +103,19 @@ struct Channel {
 class OLVEX_CONTRACT_SUITE : public testing::Test {
  protected:
   void SetUp() override {
-    contract::set_up();
-    std::ifstream file(contract::model_path(), std::ios::binary);
-    model_.assign((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    ASSERT_NE(model_.find(QV_IPU_OFFLINE_MODEL_START), std::string::npos);
-    model_.erase(0, model_.find(QV_IPU_OFFLINE_MODEL_START));
+    model_ = contract::make_model();
+    std::ofstream(path_, std::ios::binary) << "key:value\n" << model_;
     ASSERT_EQ(0, create_device());
     channel_.open(&model_);
   }
 
   void TearDown() override {
     EXPECT_EQ(0, QV_IPU_DestroyDevice());
-    contract::tear_down();
+    std::remove(path_.c_str());
   }
 
   std::string model_;
+  std::string path_ = testing::TempDir() + "contract_" + std::to_string(getpid()) + ".model";
   Channel channel_;
 };
 
@@ -130,10 +130,9 @@ TEST_F(OLVEX_CONTRACT_SUITE, one_device_at_a_time_and_no_channel_without_one) {
 
 TEST_F(OLVEX_CONTRACT_SUITE, static_info_by_path_and_by_callback_agree_and_need_no_device) {
   EXPECT_EQ(0, QV_IPU_DestroyDevice());
-  std::string path = contract::model_path();
   QV_IPU_OfflineModelStaticInfo_s by_path = {};
   QV_IPU_OfflineModelStaticInfo_s by_callback = {};
-  EXPECT_EQ(0, QV_IPU_GetOfflineModeStaticInfo(nullptr, &path[0], &by_path));
+  EXPECT_EQ(0, QV_IPU_GetOfflineModeStaticInfo(nullptr, &path_[0], &by_path));
   EXPECT_EQ(0, QV_IPU_GetOfflineModeStaticInfo(read_model, context(&model_), &by_callback));
   EXPECT_EQ(model_.size(), by_path.u32OfflineModelSize);
   EXPECT_EQ(by_path.u32VariableBufferSize, by_callback.u32VariableBufferSize);
@@ -142,7 +141,7 @@ TEST_F(OLVEX_CONTRACT_SUITE, static_info_by_path_and_by_callback_agree_and_need_
 }
 
 TEST_F(OLVEX_CONTRACT_SUITE, a_model_that_cannot_be_read_is_refused) {
-  std::string missing = contract::model_path() + ".missing";
+  std::string missing = path_ + ".missing";
   std::string foreign = model_;
   foreign[0] = 'X';
   const struct {
@@ -215,18 +214,20 @@ TEST_F(OLVEX_CONTRACT_SUITE, calls_on_a_channel_that_is_not_open_are_refused) {
 }
 
 TEST_F(OLVEX_CONTRACT_SUITE, invocations_replace_the_whole_output_and_channels_do_not_mix) {
-  Channel second;
-  ASSERT_NO_FATAL_FAILURE(second.open(&model_));
-  ASSERT_NE(channel_.id, second.id);
-  second.frame.assign(second.frame.size(), 50);
   std::vector<std::thread> threads;
-  for (Channel* channel : {&channel_, &second}) {
-    threads.emplace_back([channel, alone = channel->output_over(0)] {
+  for (const char value : {'\x64', '\x32'}) {
+    channel_.frame.assign(channel_.frame.size(), value);
+    threads.emplace_back([this, value, alone = channel_.output_over(0)] {
       for (int i = 1; i <= 20; ++i) {
-        EXPECT_EQ(alone, channel->output_over(i));
+        Channel channel;
+        ASSERT_NO_FATAL_FAILURE(channel.open(&model_));
+        EXPECT_NE(channel_.id, channel.id);
+        channel.frame.assign(channel.frame.size(), value);
+        EXPECT_EQ(alone, channel.output_over(i));
+        EXPECT_EQ(alone, channel.output_over(-i));
+        EXPECT_EQ(0, QV_IPU_PutOutputTensors(channel.id, &channel.output));
+        EXPECT_EQ(0, QV_IPU_DestroyCHN(channel.id));
       }
-      EXPECT_EQ(0, QV_IPU_PutOutputTensors(channel->id, &channel->output));
-      EXPECT_EQ(0, QV_IPU_DestroyCHN(channel->id));
     });
   }
   for (std::thread& thread : threads) {

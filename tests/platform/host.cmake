@@ -18,5 +18,3 @@ foreach(test host_image_test host_accelerator_test)
     OLVEX_PLATFORM_DATA="${CMAKE_CURRENT_SOURCE_DIR}/data")
 endforeach()
 olvex_add_contract_test(Host host_contract_hook.cpp "qv_host;qv_host_image;tiny_onnx")
-olvex_add_test(NAME host_threads_test LABEL platform SOURCES host_threads_test.cpp
-               LIBRARIES olvex::det qv_host qv_host_image tiny_onnx)

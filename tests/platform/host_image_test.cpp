@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -70,27 +69,13 @@ std::vector<char> with_lengths(std::vector<char> image, std::uint32_t descriptio
   return image;
 }
 
-// What an invocation depends on reads back in the tests of the host accelerator.
-TEST(HostImage, numbers_and_texts_read_back_bit_for_bit) {
+// host_image_fuzz has that every description reads back.
+TEST(HostImage, the_first_name_carries_the_pairs_and_no_name_looks_like_one) {
   Description description = small_description(OutputKind::kRaw);
-  description.title = "a \"title\"";
-  description.input.name = "input.1";
-  description.input.mean = {{123.675f, FLT_MAX, FLT_TRUE_MIN}};
-  description.input.scale = {{1.f / 255.f, 0.1f, -16777217.f}};
-  description.raw[2].scale = 1.f / 3.f;
   description.raw[1].name = "a:b;c";
   description.name_pairs = {{"model_out", "zrpd"}, {"a:b", "c"}, {"a:b", "d"}};
-  description.class_names = {"person", ""};
-  const std::vector<char> image = build_image(description, kNetwork);
-  const Description again = parse_image(image.data(), image.size()).description;
-  EXPECT_EQ(description.title, again.title);
-  EXPECT_EQ(description.input.name, again.input.name);
-  EXPECT_EQ(description.input.mean, again.input.mean);
-  EXPECT_EQ(description.input.scale, again.input.scale);
-  EXPECT_EQ(description.raw[2].scale, again.raw[2].scale);
-  EXPECT_EQ(description.class_names, again.class_names);
-  EXPECT_EQ("layer0;model_out:zrpd;a:b:c;a:b:d;", output_tensor_names(again)[0]);
-  EXPECT_EQ("a_b_c", output_tensor_names(again)[1]);
+  EXPECT_EQ("layer0;model_out:zrpd;a:b:c;a:b:d;", output_tensor_names(description)[0]);
+  EXPECT_EQ("a_b_c", output_tensor_names(description)[1]);
 }
 
 TEST(HostImage, no_truncated_lengthened_or_altered_image_is_accepted) {

@@ -243,17 +243,10 @@ TEST_F(Scripted, each_channel_gets_the_next_network) {
   Caller callers[3];
   ASSERT_NO_FATAL_FAILURE(callers[0].open());
   Network second = small_network();
-  second.variable_buffer_size = 222;
   second.outputs.resize(1);
   second.frames = {{to_bytes<float>({7.f, 8.f})}};
   second.reported_outputs = 1000;
   qv_scripted::add_network(second);
-  QV_IPU_OfflineModelStaticInfo_s info = {};
-  ASSERT_EQ(0, QV_IPU_GetOfflineModeStaticInfo(read_memory, callers[1].model, &info));
-  EXPECT_EQ(222u, info.u32VariableBufferSize);
-  // The pattern, four bytes from the middle and the last one.
-  EXPECT_EQ(std::string("QTNX") + "89ab" + "f",
-            qv_scripted::last_event(Function::kGetOfflineModeStaticInfo).model);
   for (const int i : {1, 2}) {
     ASSERT_EQ(0, callers[i].create_channel());
     QV_IPU_SubNet_InputOutputDesc_t description = {};
@@ -267,72 +260,6 @@ TEST_F(Scripted, each_channel_gets_the_next_network) {
   EXPECT_EQ(1.f, callers[0].tensor<float>(0)[0]);
   ASSERT_EQ(0, QV_IPU_DestroyDevice());
   EXPECT_EQ(3, qv_scripted::last_event(Function::kDestroyDevice).open_channels);
-}
-
-TEST_F(Scripted, each_call_can_fail_in_turn_and_then_has_no_effect) {
-  using C = Caller;
-  const auto calls = {&C::create_device,   &C::create_channel, &C::get,
-                      &C::flush,           &C::invoke,         &C::put,
-                      &C::destroy_channel, &C::destroy_device};
-  const int count = static_cast<int>(calls.size());
-  for (int n = 1; n <= count; ++n) {
-    SCOPED_TRACE("failing call " + std::to_string(n));
-    qv_scripted::reset();
-    qv_scripted::add_network(small_network());
-    qv_scripted::fail_call_overall(n, kCode);
-    if (n <= 3) {  // device, channel, buffers: what follows lacks them
-      allow_violation("no device is up");
-      allow_violation("channel 0 was never opened");
-      allow_violation("output buffers that were never handed out");
-    }
-    Caller caller;
-    int i = 0;
-    for (const auto call : calls) {
-      EXPECT_EQ(++i == n, (caller.*call)() == kCode) << i;
-    }
-    EXPECT_EQ(n == count, qv_scripted::device_is_up());
-    EXPECT_EQ(n == count - 1 ? 1 : 0, qv_scripted::events().back().open_channels);
-    check_violations();
-  }
-  qv_scripted::reset();
-}
-
-// The tests of the library look at the arguments that the events carry.
-TEST_F(Scripted, notes_every_call) {
-  Caller caller;
-  ASSERT_NO_FATAL_FAILURE(caller.open());
-  ASSERT_EQ(0, caller.run());
-  qv_scripted::fail_next_call(Function::kDestroyCHN, kCode);
-  EXPECT_EQ(kCode, caller.destroy_channel());
-  std::string texts;
-  for (const std::string& text : qv_scripted::event_texts()) {
-    texts += text + "; ";
-  }
-  EXPECT_EQ(texts,
-            "CreateDevice; CreateCHN 1; GetOutputTensors 1; FlushInvCache 8 bytes; Invoke 1; "
-            "DestroyCHN 1 = 0x77; ");
-  EXPECT_EQ(caller.model, qv_scripted::last_event(Function::kCreateCHN).model);
-  EXPECT_EQ(caller.frame, qv_scripted::last_event(Function::kInvoke).address);
-  qv_scripted::record_events(false);
-  QV_IPU_OfflineModelStaticInfo_s info = {};
-  EXPECT_EQ(0, QV_IPU_GetOfflineModeStaticInfo(read_memory, caller.model, &info));
-  EXPECT_EQ(6u, qv_scripted::events().size());
-  EXPECT_EQ(7, qv_scripted::call_count());
-}
-
-TEST_F(Scripted, reset_forgets_everything) {
-  Caller caller;
-  ASSERT_NO_FATAL_FAILURE(caller.open());
-  caller.create_device();
-  caller.flush();
-  qv_scripted::fail_calls_from(Function::kCreateDevice, 1, kCode);
-  qv_scripted::reset();
-  EXPECT_FALSE(qv_scripted::device_is_up());
-  EXPECT_TRUE(qv_scripted::events().empty() && qv_scripted::violations().empty());
-  ASSERT_NO_FATAL_FAILURE(caller.open());
-  EXPECT_EQ(3, qv_scripted::call_count());
-  caller.invoke();
-  expect_violation("Invoke: channel 1: nothing was flushed");
 }
 
 TEST_F(Scripted, the_fixture_fails_on_unannounced_and_on_missing_violations) {

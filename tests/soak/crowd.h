@@ -3,23 +3,10 @@
 #ifndef TESTS_SOAK_CROWD_H
 #define TESTS_SOAK_CROWD_H
 
-#include <cstdint>
-#include <random>
+#include <cstring>
 
 #include "tests/api/list_network.h"
-
-class Random {
- public:
-  explicit Random(uint32_t seed) : engine_(seed) {}
-  int below(int count) { return static_cast<int>(engine_() % static_cast<uint32_t>(count)); }
-  bool one_in(int count) { return below(count) == 0; }
-  float between(float low, float high) {
-    return low + (high - low) * static_cast<float>(engine_() >> 8) / 16777216.f;
-  }
-
- private:
-  std::mt19937 engine_;
-};
+#include "tests/support/random.h"
 
 constexpr QV_U32 kWidth = 640, kHeight = 384;  // of the picture and the display
 constexpr int kMostObjects = 60;

@@ -15,11 +15,7 @@ struct Routines {
   // base/postprocess
   void (*sort_range)(olvex::vector<BoxInfo>& boxes, int left, int right);
   void (*nms)(olvex::vector<BoxInfo>& boxes, float threshold, unsigned char class_specific);
-  void (*nms_sorted_bboxes)(olvex::vector<BoxInfo>& boxes, olvex::vector<int>& picked,
-                            float threshold, unsigned char class_specific);
-  int (*decode_one_layer)(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out);
   void (*decode_layers)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
-  void (*det_postprocess)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
   int (*ipu_decode)(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
   // A tracker by its handle. The lists stay the tracker's; settings go in before the first frame.
@@ -30,10 +26,7 @@ struct Routines {
   olvex::vector<Track>& (*active_tracks)(void* tracker);
   olvex::vector<Track>& (*finished_tracks)(void* tracker);
 
-  // Overlaps, as the tracker and the stabiliser measure them.
-  int (*highest_iou)(TrackBBox box, olvex::vector<TrackBBox> candidates);
-  float (*track_bbox_iou)(TrackBBox& a, TrackBBox& b, bool same_class);
-  float (*track_bbox_intersect)(TrackBBox& a, TrackBBox& b, bool same_class);
+  // Overlap, as the stabiliser measures it.
   float (*iou_ratio)(const BoxInfo& a, const BoxInfo& b);
 
   // DetHandle::stable_box against the given boxes of the previous frame.

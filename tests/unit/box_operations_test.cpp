@@ -35,7 +35,7 @@ olvex::vector<BoxInfo> scored(const std::vector<float>& scores) {
 }
 
 // Worked out by hand with the partition around the middle element.
-TEST(QuickSort, LeavesEqualScoresInItsOwnOrder) {
+TEST(QuickSort, leaves_equal_scores_in_its_own_order) {
   const struct {
     std::vector<float> scores;
     Names order;
@@ -68,7 +68,7 @@ uint32_t bits_of(float value) {
   return bits;
 }
 
-TEST(Activations, AreTheSameBitsEverywhere) {
+TEST(Activations, are_the_same_bits_everywhere) {
   float soft[3], overflowed[2];
   softmax_(std::vector<float>({1, 2, 3}).data(), soft, 3);
   softmax_(std::vector<float>({100, 0}).data(), overflowed, 2);
@@ -87,7 +87,7 @@ TEST(Activations, AreTheSameBitsEverywhere) {
   EXPECT_TRUE(isnan(sigmoid(NAN)) && isnan(overflowed[0]));
 }
 
-TEST(Nms, ErasesFromTheThresholdOn) {
+TEST(Nms, erases_from_the_threshold_on) {
   const BoxInfo whole = make_box(0, 0, 9, 9, 0.9f, 0, 1), far = make_box(8, 0, 17, 9, 0.7f, 0, 3);
   const BoxInfo no_area = make_box(3, 3, 2, 2, 0.9f, 0, 1), half = make_box(0, 0, 9, 4, 0.7f, 0, 3);
   const auto second = [](float x1, float y1, float x2, float y2, int label = 0) {
@@ -130,7 +130,7 @@ TEST(Nms, ErasesFromTheThresholdOn) {
   }
 }
 
-TEST(IouRatio, TruncatesTheIntersectionAndWraps) {
+TEST(IouRatio, truncates_the_intersection_and_wraps) {
   const BoxInfo corner = make_box(0, 0, 2, 2), outside = make_box(-5, -5, 4, 4);
   const BoxInfo point = make_box(3, 3, 3, 3), fractions = make_box(0, 0, 10.9f, 10.9f);
   const struct {

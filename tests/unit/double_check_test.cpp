@@ -32,7 +32,7 @@ void check(OlvexIouTracker* tracker, const std::vector<BoxInfo>& detections) {
 const TrackBBox kTarget = make_track_box(0, 0, 10, 10, 0.9f, 1);
 const BoxInfo kConfirming = make_box(2, 2, 6, 6, 0.9f, 2);
 
-TEST(DoubleCheck, ConfirmsByTheCoveredPartOfAConfidentBox) {
+TEST(DoubleCheck, confirms_by_the_covered_part_of_a_confident_box) {
   const Track target = make_track(7, kTarget);
   const Track bystander = make_track(7, make_track_box(0, 0, 10, 10, 0.9f, 2));
   Track confirmed(target), moved(target);
@@ -75,7 +75,7 @@ TEST(DoubleCheck, ConfirmsByTheCoveredPartOfAConfidentBox) {
   check(NULL, {kConfirming});
 }
 
-TEST(DoubleCheck, CopiesFlagsToAsManyLiveTracksAsAreReported) {
+TEST(DoubleCheck, copies_flags_to_as_many_live_tracks_as_are_reported) {
   OlvexIouTracker tracker;
   tracker.active_tracks_.push_back(make_track(1, make_track_box(100, 0, 10, 10, 0.9f, 1)));
   tracker.active_tracks_.push_back(make_track(2, kTarget));
@@ -91,7 +91,7 @@ TEST(DoubleCheck, CopiesFlagsToAsManyLiveTracksAsAreReported) {
   EXPECT_FALSE(tracker.active_tracks_[0].pass_double_check);
 }
 
-TEST(Records, StartBlankOrWithTheirDefaults) {
+TEST(Records, start_blank_or_with_their_defaults) {
   const TrackBBox track_box;
   const std::vector<char> zeros(sizeof(track_box));
   EXPECT_EQ(memcmp(&track_box, zeros.data(), sizeof(track_box)), 0);

@@ -34,13 +34,13 @@ const TrackBBox kHere = make_track_box(0, 0, 10, 10);
 const TrackBBox kThere = make_track_box(100, 0, 10, 10);
 const TrackBBox kElsewhere = make_track_box(200, 0, 10, 10);
 
-TEST_F(IouTracker, StartsWithWhatItDoesNotUseYet) {
+TEST_F(IouTracker, starts_with_what_it_does_not_use_yet) {
   EXPECT_EQ(tracker_.iou_sigma_l_, 0.0f);
   EXPECT_EQ(tracker_.iou_sigma_show_, 0.5f);
   EXPECT_EQ(tracker_.erase_min_size_, 15.0f);
 }
 
-TEST_F(IouTracker, ContinuesATrackFromTheThresholdOn) {
+TEST_F(IouTracker, continues_a_track_from_the_threshold_on) {
   const struct {
     const char* name;
     TrackBBox next;
@@ -59,7 +59,7 @@ TEST_F(IouTracker, ContinuesATrackFromTheThresholdOn) {
   }
 }
 
-TEST_F(IouTracker, LetsEarlierTracksChooseFirstAndTheLaterOfEqualDetections) {
+TEST_F(IouTracker, lets_earlier_tracks_choose_first_and_the_later_of_equal_detections) {
   feed({kHere});
   const TrackBBox left = make_track_box(-2, 0, 10, 10), right = make_track_box(2, 0, 10, 10);
   EXPECT_EQ(feed({left, right}), (Ids{1, 2}));
@@ -68,7 +68,7 @@ TEST_F(IouTracker, LetsEarlierTracksChooseFirstAndTheLaterOfEqualDetections) {
   EXPECT_EQ(feed({make_track_box(-1, 0, 10, 10)}), Ids{1});  // though it is closer to track 2
 }
 
-TEST_F(IouTracker, FindsTheHighestOverlap) {
+TEST_F(IouTracker, finds_the_highest_overlap) {
   TrackBBox empty = make_track_box(5, 5, 0, 0);
   EXPECT_TRUE(isnan(track_bbox_iou(empty, empty, true)));
   EXPECT_EQ(highest_iou(kHere, list_of<TrackBBox>({})), -1);
@@ -82,7 +82,7 @@ TEST_F(IouTracker, FindsTheHighestOverlap) {
   EXPECT_EQ(track_bbox_iou(a, b, true), 0.0f);
 }
 
-TEST_F(IouTracker, CapsTheHistoryAndKeepsTheBestScore) {
+TEST_F(IouTracker, caps_the_history_and_keeps_the_best_score) {
   for (unsigned long long pts = 1; pts <= 15; ++pts) {
     feed({make_track_box(0, 0, 10, 10, pts == 2 ? 0.9f : 0.5f, 0, pts)});
     EXPECT_EQ(tracker_.finished_tracks_[0].boxes.size(), pts < 10 ? pts : 10);
@@ -91,7 +91,7 @@ TEST_F(IouTracker, CapsTheHistoryAndKeepsTheBestScore) {
   EXPECT_EQ(tracker_.finished_tracks_[0].max_score, 0.9f);
 }
 
-TEST_F(IouTracker, RevivesALostTrackUpToTheTenthMiss) {
+TEST_F(IouTracker, revives_a_lost_track_up_to_the_tenth_miss) {
   EXPECT_EQ(feed({kHere, kThere, kElsewhere}), (Ids{1, 2, 3}));
   EXPECT_EQ(feed({kHere, kElsewhere}, 10), (Ids{1, 3}));
   EXPECT_EQ(feed({kThere}), Ids{2});
@@ -102,7 +102,7 @@ TEST_F(IouTracker, RevivesALostTrackUpToTheTenthMiss) {
   EXPECT_EQ(feed({kThere}), Ids{4}) << "ids are not used again";
 }
 
-TEST_F(IouTracker, HidesATrackUntilItsBestScoreAndItsAgeAreEnough) {
+TEST_F(IouTracker, hides_a_track_until_its_best_score_and_its_age_are_enough) {
   EXPECT_EQ(feed({make_track_box(0, 0, 10, 10, 0.19f)}), Ids{});
   EXPECT_EQ(feed({make_track_box(0, 0, 10, 10, 0.2f)}), Ids{1});
   EXPECT_EQ(feed({make_track_box(0, 0, 10, 10, 0.1f)}), Ids{1});
@@ -113,7 +113,7 @@ TEST_F(IouTracker, HidesATrackUntilItsBestScoreAndItsAgeAreEnough) {
 }
 
 // Boxes of 10 x 10; a shift by 5 is an overlap of 1/3.
-TEST_F(IouTracker, TellsMovingFromStatic) {
+TEST_F(IouTracker, tells_moving_from_static) {
   const struct {
     const char* name;
     std::vector<float> xs;  // history, oldest first
@@ -150,7 +150,7 @@ TEST_F(IouTracker, TellsMovingFromStatic) {
   }
 }
 
-TEST_F(IouTracker, CopiesFlagsToAsManyLiveTracksAsAreReported) {
+TEST_F(IouTracker, copies_flags_to_as_many_live_tracks_as_are_reported) {
   IoutStaticParams_t params;
   params.ref_frame = 2;
   feed({kHere, kThere});

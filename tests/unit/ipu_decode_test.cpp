@@ -54,7 +54,7 @@ Values numbers(const olvex::vector<BoxInfo>& boxes) {
   return result;
 }
 
-TEST(IpuDecode, ReadsEachLayout) {
+TEST(IpuDecode, reads_each_layout) {
   const Values scores = {0.75f, 0.5f, 0.484375f, 0.625f};
   const Values classes = {2.5f, 0, 0, 1.375f}, order = {1, 0, 2, 3}, points(40, 0.0f);
   const Values wide = {0, 0, 8, 8, -1, 20, 0, 28, 8, -1};
@@ -105,7 +105,7 @@ TEST(IpuDecode, ReadsEachLayout) {
   }
 }
 
-TEST(IpuDecode, KnowsKeyPointsByTheirChannels) {
+TEST(IpuDecode, knows_key_points_by_their_channels) {
   const struct {
     int channels;
     size_t num_keypoints;
@@ -129,7 +129,7 @@ TEST(IpuDecode, KnowsKeyPointsByTheirChannels) {
   }
 }
 
-TEST(IpuDecode, RefusesWhatItDoesNotKnow) {
+TEST(IpuDecode, refuses_what_it_does_not_know) {
   const QV_IPU_ELEMENT_FORMAT fp32 = QV_IPU_FORMAT_FP32, int16 = QV_IPU_FORMAT_INT16;
   const std::string layout = "unknown output channel combinations: ";
   const std::string type = "unknown out tensors format!\ninfo.out_format = ";
@@ -164,7 +164,7 @@ TEST(IpuDecode, RefusesWhatItDoesNotKnow) {
 }
 
 // By the platform's word. Of each tensor the first row is there, or all of it but one element.
-TEST(IpuDecode, RefusesBuffersThatEndBeforeWhatIsRead) {
+TEST(IpuDecode, refuses_buffers_that_end_before_what_is_read) {
   const Values column = {0.5f, 0.5f, 0.5f, 0.5f}, points(40, 0.5f);
   const std::vector<int> kLayouts[] = {{4, 1, 0, 1}, {4, 1, 1, 1, 1}, {4, 1, 10, 1, 1}};
   for (const std::vector<int>& channels : kLayouts) {
@@ -192,7 +192,7 @@ TEST(IpuDecode, RefusesBuffersThatEndBeforeWhatIsRead) {
   }
 }
 
-TEST(IpuDecode, TypedFormsAppendAndDoNotSuppress) {
+TEST(IpuDecode, typed_forms_append_and_do_not_suppress) {
   Outputs outputs({4, 1, 0, 1}, {kBoxes, {0.5f, 0, 0, 0.75f}, {0, 3}, {2}}, QV_IPU_FORMAT_FP32);
   olvex::vector<BoxInfo> boxes = list_of({make_box(20, 0, 28, 8, 1)});
   EXPECT_EQ(ipu_decode_fp32(outputs.info, boxes), 0);

@@ -71,7 +71,7 @@ class Log : public testing::Test {
 typedef Log Dump;
 typedef Log IniReader;
 
-TEST_F(Log, EachLevelPrintsTextsAndFormats) {
+TEST_F(Log, each_level_prints_texts_and_formats) {
   OLVEX_ERROR("50% off");
   OLVEX_INFO("b");
   OLVEX_DEBUG("");
@@ -85,7 +85,7 @@ TEST_F(Log, EachLevelPrintsTextsAndFormats) {
 }
 
 // Second 0 is also what a new clock holds.
-TEST_F(Log, FirstLineHasItsCalendarFromTheFirstSecondOn) {
+TEST_F(Log, first_line_has_its_calendar_from_the_first_second_on) {
   const time_t usual = seconds_now;
   seconds_now = 0;
   OlvexLogClock clock = OlvexLogClock();
@@ -95,7 +95,7 @@ TEST_F(Log, FirstLineHasItsCalendarFromTheFirstSecondOn) {
 }
 
 // Registered once more per value of ALGO_DEBUG, which is read before main().
-TEST_F(Dump, LogsItsSizeAboveLevelOne) {
+TEST_F(Dump, logs_its_size_above_level_one) {
   EXPECT_EQ(dump("longer", folder_), 0);
   log();
   const std::string bytes("a\0b", 3);
@@ -107,7 +107,7 @@ TEST_F(Dump, LogsItsSizeAboveLevelOne) {
   EXPECT_EQ(log(), above_one ? kTime + line : "");
 }
 
-TEST_F(Dump, ReportsWhatItCannotWrite) {
+TEST_F(Dump, reports_what_it_cannot_write) {
   const std::string error = kTime + "DLA_ERROR:, LINE: n. ";
   const size_t longest = 255 - kDumpName.size();
   for (const size_t length : {longest, longest + 1, size_t{240}}) {  // the path has up to 255
@@ -128,7 +128,7 @@ TEST_F(Dump, ReportsWhatItCannotWrite) {
   EXPECT_EQ(log(), error + "failed to write data into " + folder_ + kDumpName + "\n");
 }
 
-TEST_F(IniReader, FindsTheFirstMatchBehindTheSection) {
+TEST_F(IniReader, finds_the_first_match_behind_the_section) {
   const std::string v1500(1500, 'v'), x1023(1023, 'x');
   const struct {
     const char* name;

@@ -15,7 +15,7 @@ namespace {
 
 static_assert(FLT_EVAL_METHOD == 0, "float arithmetic must be done in float");
 
-TEST(SaturatingCast, TruncatesAndStaysInTheRange) {
+TEST(SaturatingCast, truncates_and_stays_in_the_range) {
   const struct {
     double value;
     int32_t as_int;
@@ -39,7 +39,7 @@ TEST(SaturatingCast, TruncatesAndStaysInTheRange) {
   }
 }
 
-TEST(Arithmetic, IsNotFused) {
+TEST(Arithmetic, is_not_fused) {
   volatile float input = 1.0f + 0x1p-12f;
   const float here = input;
   EXPECT_EQ(here * here - 1.0f, 0x1p-11f);  // fused: 0x1p-11 + 0x1p-24

@@ -43,7 +43,7 @@ struct Layer {
 };
 
 // One cell with one value per side and two classes.
-TEST(RawDecode, PicksTheBestClassFromTheThresholdOn) {
+TEST(RawDecode, picks_the_best_class_from_the_threshold_on) {
   const float inf = INFINITY;
   const struct {
     const char* name;
@@ -78,7 +78,7 @@ TEST(RawDecode, PicksTheBestClassFromTheThresholdOn) {
 }
 
 // The only cell to pass is row 1, column 2 of a 3 x 2 grid: its centre is (20, 12).
-TEST(RawDecode, PlacesBoxesAndKeyPoints) {
+TEST(RawDecode, places_boxes_and_key_points) {
   const float low = -100, high = 100;  // sigmoid 0 and 1
   Values uniform(66, 0.0f), peaks(66, low);
   uniform[64] = peaks[64] = -1;  // the logit of class 0
@@ -121,7 +121,7 @@ TEST(RawDecode, PlacesBoxesAndKeyPoints) {
   }
 }
 
-TEST(RawDecode, Int16PairTakesItsScoreFromTheNextCell) {
+TEST(RawDecode, int16_pair_takes_its_score_from_the_next_cell) {
   Layer layer(2, 1, {-100, 0, 0, 0, 0, 0, 0, 0, 100, 0, 0, 0, 0, 0, 0, 0}, QV_IPU_FORMAT_INT16);
   layer.info.num_keypoints = 1;
   EXPECT_EQ(layer.decode(), 0);
@@ -130,7 +130,7 @@ TEST(RawDecode, Int16PairTakesItsScoreFromTheNextCell) {
   EXPECT_EQ(layer.boxes[1].keypts[0].score, 0.5f);  // behind the last cell: 0
 }
 
-TEST(RawDecode, RefusesLayersThatDoNotFit) {
+TEST(RawDecode, refuses_layers_that_do_not_fit) {
   typedef DetDecodeInfo I;
   const char kIndex[] = "illegal access to out layer", kShape[] = "Mismatch between input shape(";
   const char kCell[] = "mismatch between out shape(", kType[] = "Not implemented out format: 4 !";
@@ -167,7 +167,7 @@ TEST(RawDecode, RefusesLayersThatDoNotFit) {
   }
 }
 
-TEST(RawDecode, GoesOnBehindALayerThatFails) {
+TEST(RawDecode, goes_on_behind_a_layer_that_fails) {
   // Both cells pass, with boxes that overlap by 57 / 73 and have different labels.
   Layer layer(2, 1, {0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 2}, QV_IPU_FORMAT_FP32);
   layer.outputs.channels[0] = 7;

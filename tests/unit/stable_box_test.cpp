@@ -16,7 +16,7 @@ void expect_corners(const BoxInfo& box, const BoxInfo& expected) {
   EXPECT_TRUE(box.x2 == expected.x2 && box.y2 == expected.y2);
 }
 
-TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
+TEST(StableBox, holds_corners_strictly_above_its_threshold) {
   const BoxInfo square = make_box(0, 0, 100, 100), thin = make_box(0, 0, 1.71e-7f, 1);
   const BoxInfo close = make_box(0, 0, 100, 80), as_close = make_box(0, 20, 100, 100);
   const BoxInfo closer = make_box(0, 0, 100, 90), point = make_box(5, 5, 5, 5);
@@ -51,7 +51,7 @@ TEST(StableBox, HoldsCornersStrictlyAboveItsThreshold) {
   }
 }
 
-TEST(StableBox, ReplacesNothingButTheCornersAndRemembersTheResult) {
+TEST(StableBox, replaces_nothing_but_the_corners_and_remembers_the_result) {
   OLVEX_StableBox stabiliser;
   const BoxInfo first = make_box(0, 0, 100, 100, 0.1f, 1, 11);
   stabiliser.stable_box(list_of({first}));
