@@ -586,7 +586,7 @@ TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
   }
 }
 
-// The failure sweep has what follows when a later call fails.
+// The failure sweep has what follows when any call fails.
 TEST_F(SdetModel, engine_is_sized_from_a_path_and_opened_from_there) {
   DetAfModel unsized;
   EXPECT_EQ(4, unsized.model_init(0, 1));
@@ -611,6 +611,11 @@ TEST_F(SdetModel, engine_is_sized_from_a_path_and_opened_from_there) {
   EXPECT_TRUE(contains(log(), "get Model variable buffer size failed! modelpath:"));
   EXPECT_EQ(0, engine.IpuEngine::cal_variable_size(&file[0], &size));
   EXPECT_EQ(4096u, size);
+  qv_scripted::fail_next_call(Function::kGetInOutTensorDesc, kCode);
+  EXPECT_EQ(4, engine.model_init(2, 3));
+  EXPECT_EQ(1, qv_scripted::call_count(Function::kDestroyCHN));
+  EXPECT_FALSE(qv_scripted::device_is_up());
+  create_device();
   EXPECT_EQ(0, engine.model_init(2, 3));
   const qv_scripted::Event channel = qv_scripted::last_event(Function::kCreateCHN);
   EXPECT_EQ(file, channel.path);
