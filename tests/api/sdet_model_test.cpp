@@ -484,6 +484,7 @@ TEST_F(SdetModel, outputs_are_decoded_whatever_else_their_descriptions_say) {
   }
   boxes_ = &some_box_;
   EXPECT_EQ(7, model.model_invoke(nullptr, &boxes_, &count_, 1, 1));
+  EXPECT_TRUE(contains(log(), "det input tensor is nullptr"));
   EXPECT_EQ(&some_box_, boxes_);
   EXPECT_EQ(0, model.model_deinit());
 }

@@ -74,6 +74,7 @@ TEST_F(IouTracker, finds_the_highest_overlap) {
   EXPECT_EQ(highest_iou(kHere, list_of<TrackBBox>({})), -1);
   EXPECT_EQ(highest_iou(kHere, list_of<TrackBBox>({kThere, kElsewhere})), 1);
   EXPECT_EQ(highest_iou(kHere, list_of<TrackBBox>({kThere, kHere, kElsewhere})), 1);
+  EXPECT_EQ(highest_iou(kHere, list_of<TrackBBox>({kHere, kThere})), 0);
   EXPECT_EQ(highest_iou(empty, list_of<TrackBBox>({empty, empty})), -1);
   TrackBBox a = kHere, b = make_track_box(5, 2, 10, 4, 0.9f, 1);
   EXPECT_EQ(track_bbox_intersect(a, b, false), 20.0f);
