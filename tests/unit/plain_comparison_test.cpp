@@ -383,6 +383,7 @@ void tracker(const Routines& library, Random& random, Record& record) {
 void log_lines(const Routines& library, Random& random, Record& /*record*/) {
   setenv("LOCPATH", OLVEX_LOCALES, 1);
   setlocale(LC_NUMERIC, random.chance(10) ? "de_DE.UTF-8" : "C");  // decimal comma, if there is one
+  library.log_text();  // ends the second whose calendar it keeps, which may be of another zone
   for (int line = 1 + random.below(40); line >= 0; --line) {
     const int kind = random.below(5);
     if (kind == 0 || line == 0) {
