@@ -93,6 +93,13 @@ class NetworkTrialTest(ToolTest):
                       environment={"OLVEX_DET_LIMITS": factor})
         self.tool(*write, environment={"OLVEX_DET_LIMITS": "1.5"})
 
+    def test_a_stricter_limit_of_the_shell_is_named(self):
+        self.make("never-ends")
+        result = subprocess.run(["bash", "-c", 'ulimit -S -t 2; "$0" inspect never-ends.qtm', TOOL],
+                                cwd=self.folder, capture_output=True, encoding="utf-8", check=False)
+        self.assertEqual(result.returncode, 3)
+        self.assertRegex(result.stderr, "in 2 seconds of processor time; .* shell, see ulimit")
+
 
 if __name__ == "__main__":
     main()
