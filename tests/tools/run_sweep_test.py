@@ -153,6 +153,18 @@ class RunSweepTest(ToolTest):
             time.sleep(0.01)
         return process
 
+    def test_a_reader_that_ends_first_on_ctrl_c_is_no_failure(self):
+        pictures = self.folder / "many"
+        self.write_pictures(pictures, 20000)
+        process = subprocess.Popen([TOOL, "run", self.model, pictures, "--jsonl", "-", "--quiet"],
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        process.stdout.readline()
+        time.sleep(1)  # the pipe is full, and the next line waits
+        process.send_signal(signal.SIGINT)
+        process.stdout.close()
+        self.assertEqual((process.wait(60), process.stderr.read()), (130, b""))
+        process.stderr.close()
+
     def test_what_a_kill_leaves(self):
         for name, playable in (("a.mkv", True), ("b.avi", True), ("c.mp4", False), ("d.mov", False)):
             with self.subTest(name):
