@@ -85,7 +85,7 @@ void check_parts(const std::vector<std::string>& parts) {
   const auto description = accepted([&] { return parse_description(parts[1]); });
   std::string text_header;
   const auto image = read_file(sound_file(parts), &text_header);
-  // With a 'Q' the header text may begin an image of its own.
+  // With a 'Q' the header text may begin another image.
   if (parts[0].find('Q') == std::string::npos) {
     FUZZ_CHECK(image.has_value() == (description.has_value() && !parts[2].empty()));
     FUZZ_CHECK(!image || text_header == parts[0]);

@@ -68,6 +68,21 @@ class Call {
     return nullptr;
   }
 
+  // The channel of a call about one record of the caller's, unless a fault is set or there is no record;
+  // else null, and the call has ended with *result.
+  std::shared_ptr<Channel> channel_with(const void* record, const char* missing, QV_S32* result) {
+    if (injected_ != 0) {
+      *result = end(injected_);
+      return nullptr;
+    }
+    const std::shared_ptr<Channel> open = channel(result);
+    if (open == nullptr || record != nullptr) {
+      return open;
+    }
+    *result = refuse_channel(missing, kBadArgument);
+    return nullptr;
+  }
+
   Event event;
 
  private:

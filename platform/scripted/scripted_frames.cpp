@@ -123,16 +123,10 @@ using namespace qv_scripted;
 
 QV_S32 QV_IPU_GetOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* tensors) {
   Call call(Function::kGetOutputTensors, channel);
-  if (call.injected() != 0) {
-    return call.end(call.injected());
-  }
   QV_S32 result = 0;
-  const std::shared_ptr<Channel> open = call.channel(&result);
+  const std::shared_ptr<Channel> open = call.channel_with(tensors, "no vector to fill", &result);
   if (open == nullptr) {
     return result;
-  }
-  if (tensors == nullptr) {
-    return call.refuse_channel("no vector to fill", kBadArgument);
   }
   auto set = std::find_if(open->sets.begin(), open->sets.end(),
                           [](const OutputSet& candidate) { return !candidate.out; });
@@ -157,16 +151,10 @@ QV_S32 QV_IPU_GetOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* tensors) {
 
 QV_S32 QV_IPU_PutOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* tensors) {
   Call call(Function::kPutOutputTensors, channel);
-  if (call.injected() != 0) {
-    return call.end(call.injected());
-  }
   QV_S32 result = 0;
-  const std::shared_ptr<Channel> open = call.channel(&result);
+  const std::shared_ptr<Channel> open = call.channel_with(tensors, "no vector", &result);
   if (open == nullptr) {
     return result;
-  }
-  if (tensors == nullptr) {
-    return call.refuse_channel("no vector", kBadArgument);
   }
   std::string violation;
   OutputSet* const set = find_output_set(open.get(), *tensors, &violation);

@@ -209,16 +209,11 @@ QV_S32 QV_IPU_DestroyCHN(QV_U32 channel) {
 
 QV_S32 QV_IPU_GetInOutTensorDesc(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t* description) {
   Call call(Function::kGetInOutTensorDesc, channel);
-  if (call.injected() != 0) {
-    return call.end(call.injected());
-  }
   QV_S32 result = 0;
-  const std::shared_ptr<Channel> open = call.channel(&result);
+  const std::shared_ptr<Channel> open =
+      call.channel_with(description, "no description to fill", &result);
   if (open == nullptr) {
     return result;
-  }
-  if (description == nullptr) {
-    return call.refuse_channel("no description to fill", kBadArgument);
   }
   const Network& network = open->network;
   *description = QV_IPU_SubNet_InputOutputDesc_t();

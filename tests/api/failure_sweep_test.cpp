@@ -13,7 +13,7 @@
 
 #include "tests/api/det_test.h"
 
-// A handle that failed is freed with its mutex locked. The thread sanitizer goes on counting it as
+// A handle that failed is freed with its mutex locked. The thread sanitizer continues counting it as
 // held, and there is an end to the locks that it can count.
 extern "C" const char* __tsan_default_options() {
   return "detect_deadlocks=0";
@@ -24,7 +24,7 @@ namespace {
 using failing_calls::fault;
 
 enum Step { kCreate, kInit, kFirstFrame = 8, kRelease = kFirstFrame + 20, kEnd, kSteps };
-constexpr int kFramesAfter = 3;   // that a life goes on after its failure
+constexpr int kFramesAfter = 3;   // that a handle runs after its failure
 constexpr int kFramesOfNext = 6;  // of the life that follows: enough to tell what moves
 
 bool is_frame(int step) {
@@ -297,7 +297,7 @@ class FailureSweep : public PublicApi {
     return life;
   }
 
-  // A life of the handle, or of a new one. After a failure it goes on for some frames.
+  // A life of the handle, or of a new one. After a failure it runs some frames more.
   Life live(const Point& point, int frames) {
     Life life;
     for (int step = handle_ == nullptr ? kCreate : kInit; step < kSteps && !HasFailure(); ++step) {

@@ -21,7 +21,7 @@ struct Detection {
 };
 using Detections = std::vector<Detection>;
 
-// Shows these frames in turn and repeats the last one. rows: room for detections.
+// Shows these frames in turn and repeats the last one. rows: detections that fit.
 inline qv_scripted::Network list_network(const std::vector<Detections>& frames, QV_U32 rows = 8,
                                          const std::string& first_output_name = "boxes") {
   using namespace qv_scripted;

@@ -126,7 +126,7 @@ TEST_F(PublicApi, set_tracker_takes_three_combinations) {
       {-1, 0, 2, "parameter tk_type = -1, should be 0 or 1!\n", "9 9 10, 9 0.1 5, 0 0"},
       {1, 2, 2, "parameter md_type = 2, should be 0 or 1!\n", "9 9 10, 9 0.1 5, 0 0"}};
   for (const auto& row : kRows) {
-    // Other values first, to see each option set anew.
+    // Other values first, to see that each option is set again.
     ALGO_DET_SetTracker2(handle_, {9, 9, 0.1f, 0, 0.f, 9});
     log();
     EXPECT_EQ(row.code, ALGO_DET_SetTracker(handle_, row.tk_type, row.md_type));

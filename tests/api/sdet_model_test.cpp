@@ -165,7 +165,7 @@ TEST_F(ModelImage, sizing_maps_a_file_once_and_notes_a_buffer) {
     EXPECT_EQ(4, model.cal_variable_size(&missing[0], &size));
     EXPECT_TRUE(model.p_model_file_ == buffer && model.p_model_ == buffer) << "as they were";
     EXPECT_EQ(0u, model.model_file_size_);
-    EXPECT_EQ(4, model.cal_variable_size(&patternless[0], &size)) << "goes on with the buffer";
+    EXPECT_EQ(4, model.cal_variable_size(&patternless[0], &size)) << "uses the buffer";
     EXPECT_EQ(0, model.cal_variable_size(&first[0], &size));
     EXPECT_EQ(4, model.cal_variable_size(&missing[0], &size));
     EXPECT_TRUE(is_mapped(first)) << "the pointers into it are as they were";

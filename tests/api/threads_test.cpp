@@ -1,4 +1,4 @@
-// threads_test.cpp - handles in threads of their own on the scripted accelerator. With the preset
+// threads_test.cpp - handles in separate threads on the scripted accelerator. With the preset
 // tsan the thread sanitizer looks on.
 #include "olvex_det.h"
 

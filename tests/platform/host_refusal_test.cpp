@@ -236,7 +236,7 @@ TEST_F(HostRefusal, networks_that_do_not_fit_their_description) {
   expect_refusal(QV_HOST_BAD_NETWORK, [&] { return open_channel(foreign, &id); });
 }
 
-// The library maps a file and hands over a bare address: the mapping's end is nobody's argument.
+// The library maps a file and hands over a bare address: where the mapping ends is not an argument.
 TEST_F(HostRefusal, model_files_and_mappings_that_are_truncated) {
   const std::string path = testing::TempDir() + "host_refusal_" + std::to_string(getpid());
   std::string text_path = path;

@@ -70,7 +70,7 @@ struct Channel {
     EXPECT_EQ(0, QV_IPU_GetOutputTensors(id, &buffers));
   }
 
-  // All that is told of a tensor but its shape.
+  // What is reported of a tensor except its shape.
   static std::string facts_of(const QV_IPU_TensorDesc_t& tensor) {
     std::ostringstream text;
     text << tensor.name << " format " << tensor.eElmFormat << ", scale " << tensor.fScalar

@@ -1,5 +1,5 @@
 // edges_test.cpp - the public functions where a clock, a time stamp or a counter comes to its end:
-// what a camera meets after years. Nothing else in the library counts frames.
+// what a camera reaches after years. Nothing else in the library counts frames.
 #include <sys/time.h>
 #include <time.h>
 

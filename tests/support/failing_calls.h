@@ -112,7 +112,7 @@ OLVEX_FAILS(int, open, "open", -1, (const char* path, int flags, mode_t mode), (
 OLVEX_FAILS(FILE*, fopen, "fopen", nullptr, (const char* path, const char* mode), (path, mode))
 OLVEX_FAILS(char*, fgets, "fgets", nullptr, (char* line, int n, FILE* file), (line, n, file))
 // What a hardened build makes of fgets.
-char* __wrap___fgets_chk(char* line, std::size_t /*room*/, int n, FILE* file) {
+char* __wrap___fgets_chk(char* line, std::size_t /*size*/, int n, FILE* file) {
   return __wrap_fgets(line, n, file);
 }
 OLVEX_FAILS(int, fstat, "fstat", -1, (int file, struct stat* status), (file, status))

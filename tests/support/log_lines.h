@@ -1,5 +1,5 @@
 // log_lines.h - the messages in what the library has printed, and whether they are the ones that
-// whoever searches logs knows: log_lines.txt has each with its level, # for a number, * for any text.
+// searches of logs rely on: log_lines.txt has each with its level, # for a number, * for any text.
 #ifndef TESTS_SUPPORT_LOG_LINES_H
 #define TESTS_SUPPORT_LOG_LINES_H
 
@@ -38,7 +38,7 @@ inline bool fits(const char* line, const char* known) {
 }
 
 // The lines that log_lines.txt does not have, but for the banner and the empty ones that follow a
-// message with a newline of its own.
+// message that ends with a newline itself.
 inline std::string unknown_lines(const std::string& log) {
   static const std::vector<std::string> known = log_lines(kLogLines);
   std::string unknown;

@@ -1,6 +1,6 @@
 // routines.h - one whole library as a table of its routines, so that two of them can be called in
 // one program: the plain one (each x_plain.cpp in the place of the x.cpp beside it) beside the shipped one.
-// Each library is a shared object of its own that exports nothing but its table; the records that
+// Each library is a separate shared object that exports nothing but its table; the records that
 // cross the table are the library's own and have the same layout in all of them.
 #ifndef TESTS_SUPPORT_ROUTINES_H
 #define TESTS_SUPPORT_ROUTINES_H

@@ -45,16 +45,16 @@ class ToolTest(unittest.TestCase):
 
     def tool(self, *arguments, code=0, said=(), environment=None, **options):
         """Runs the program in the test's folder; checks its exit code and what its errors say."""
-        result = self.told([TOOL, *map(str, arguments)], shlex.join(["olvex-det", *map(str, arguments)]),
+        result = self.transcribe([TOOL, *map(str, arguments)], shlex.join(["olvex-det", *map(str, arguments)]),
                            **{"env": {**os.environ, **(environment or {})}, **options})
         self.assertEqual(result.returncode, code, f"{arguments}: {result.stderr}")
         for text in said:
             self.assertIn(text, result.stderr)
         return result
 
-    def told(self, command, name, **options):
+    def transcribe(self, command, name, **options):
         """Runs a command in the test's folder and adds all that is seen of it to the transcript."""
-        result = subprocess.run(command, timeout=60, encoding="utf-8", cwd=self.folder,
+        result = subprocess.run(command, timeout=600, encoding="utf-8", cwd=self.folder,
                                 **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
         printed = "{...}\n" if str(result.stdout).startswith("{") else result.stdout or ""
         ended = f"exit code {result.returncode}\n" if result.returncode else ""
@@ -69,7 +69,7 @@ class ToolTest(unittest.TestCase):
             if line.startswith("# "):
                 self.transcript += f"{line}\n"
             elif line.startswith("$ "):
-                self.told(["bash", "-c", line[2:]], line[2:], env={**os.environ, "PATH": path})
+                self.transcribe(["bash", "-c", line[2:]], line[2:], env={**os.environ, "PATH": path})
                 after_each()
         self.assert_transcript_kept(name)
 

@@ -110,7 +110,7 @@ TEST_F(IouTracker, hides_a_track_until_its_best_score_and_its_age_are_enough) {
   tracker_.iou_t_min_ = 5;
   EXPECT_EQ(feed({kHere}), Ids{});
   EXPECT_EQ(feed({}), Ids{});
-  EXPECT_EQ(feed({kHere}), Ids{1}) << "a miss does not start the history anew";
+  EXPECT_EQ(feed({kHere}), Ids{1}) << "a miss does not restart the history";
 }
 
 // Boxes of 10 x 10; a shift by 5 is an overlap of 1/3.

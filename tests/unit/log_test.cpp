@@ -32,7 +32,7 @@ namespace {
 const std::string kTime = "[2024-03-07 14:05:09 42.0170] ";
 const std::string kDumpName = "/algo_dump_data[2024-03-07_14-05-09_042].bin";
 
-// Each test has a folder of its own.
+// Each test has its folder.
 class Log : public testing::Test {
  protected:
   void SetUp() override {

@@ -242,7 +242,7 @@ class Fenced {
   char* data_;
 };
 
-// In most cells all logits miss the threshold; in others they meet it, miss it by a hair, tie, or
+// In most cells all logits miss the threshold; in others they reach it, miss it by a hair, tie, or
 // are anything, or one of them alone does.
 std::vector<float> draw_layer(Random& random, const DetDecodeInfo& info, float step, int cells,
                               int channels) {
@@ -421,7 +421,7 @@ uint64_t setting(const char* variable, uint64_t otherwise) {
   return text == nullptr ? otherwise : strtoull(text, nullptr, 0);
 }
 
-// Plays a scene so many times with both libraries, each time from a seed of its own. OLVEX_SEED
+// Plays a scene so many times with both libraries, each time from another seed. OLVEX_SEED
 // sets the first seed, OLVEX_ROUNDS the per cent of the times.
 void compare(uint64_t times, Scene scene) {
   const uint64_t rounds = std::max<uint64_t>(1, times * setting("OLVEX_ROUNDS", 100) / 100);

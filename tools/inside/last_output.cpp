@@ -30,7 +30,7 @@ void add_last_output(void* handle, bool has_tracks, std::vector<Detection>* dete
   if (entries.size() != detections->size()) {
     throw ToolError(kCheckFailed,
                     "the library and this tool were built from different sources: "
-                    "they disagree on the last frame's boxes. Build both anew");
+                    "they disagree on the last frame's boxes. Build both again");
   }
   for (std::size_t i = 0; i < entries.size(); ++i) {
     BoxInfo& entry = *entries[i];

@@ -196,7 +196,7 @@ class Session {
     }
     if (detector_ != nullptr && tracked()) {
       progress_.notice(
-          "the pictures change size; objects are tracked anew from there. Set "
+          "the pictures change size; tracking starts again from there. Set "
           "--display to keep the tracks.");
     }
     detector_.reset();  // there is one accelerator device only
@@ -208,7 +208,7 @@ class Session {
         input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
       throw ToolError(kAcceleratorError, options_.detector.model +
                                              ": the accelerator asks for another input than the "
-                                             "model's description. Pack the model anew");
+                                             "model's description. Pack the model again");
     }
   }
 

@@ -1,5 +1,4 @@
 // previous_boxes_plain.cpp - the previous box that overlaps most as it is defined: iou_ratio() of each.
-//
 #include "video/det/src/previous_boxes.h"
 
 #include "video/det/include/det_schedule.h"
