@@ -16,7 +16,8 @@ static void* next_of(const char* name) {
   return dlsym(RTLD_NEXT, name);
 }
 
-// SWEEP_ACTION: "full", a signal's number, or "busy", when no file may be replaced. SWEEP_MARK: a file that is made when it happens.
+// SWEEP_ACTION: "full", a signal's number, "busy", when no file may be replaced, or "stranger", when the
+// user may give files to no other group. SWEEP_MARK: a file that is made when it happens.
 static void mark(void) {
   const int descriptor = open(getenv("SWEEP_MARK"), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
   ((int (*)(int))next_of("close"))(descriptor);
@@ -78,6 +79,15 @@ int close(int descriptor) {
   const int result = real(descriptor);
   errno = full ? kept : errno;
   return full ? -1 : result;
+}
+
+int fchown(int descriptor, uid_t owner, gid_t group) {
+  int (*const real)(int, uid_t, gid_t) = (int (*)(int, uid_t, gid_t))next_of("fchown");
+  if (is_our_descriptor(descriptor) && strcmp(getenv("SWEEP_ACTION"), "stranger") == 0) {
+    errno = EPERM;
+    return -1;
+  }
+  return real(descriptor, owner, group);
 }
 
 int rename(const char* from, const char* to) {

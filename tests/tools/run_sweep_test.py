@@ -246,6 +246,8 @@ class RunSweepTest(ToolTest):
         self.assertTrue(json.loads((self.out / "real").read_text()))
         self.assertEqual((self.out / "real").stat().st_mode & 0o777, 0o640)
         found = (self.out / "real").read_text()
+        self.assertEqual(self.run_with("--coco", "link", env=self.preloaded("stranger")).returncode, 0)
+        self.assertEqual((self.out / "real").stat().st_mode & 0o777, 0o600)
         (self.out / "real").write_text(OLD * 1000)
         self.assertEqual(self.run_with("--coco", "link", env=self.preloaded("busy")).returncode, 0)
         self.assertEqual((self.out / "real").read_text(), found)
@@ -273,17 +275,21 @@ class RunSweepTest(ToolTest):
             self.assertEqual(len(json.loads((self.out / "coco").read_text())), summary["boxes"])
         self.assertIn("expected  50 frames", self.tool(
             "run", self.model, input_path, code=4, said=["damaged or cut"]).stdout)
-        # A whole file may count frames that it does not show.
-        data = bytearray((self.out / "longer.avi").read_bytes())
-        count = data.index(b"avih") + 24
-        self.assertEqual(int.from_bytes(data[count:count + 4], "little"), 50)
-        data = data.replace((50).to_bytes(4, "little"), (60).to_bytes(4, "little"))
-        (self.out / "longer.avi").write_bytes(data)
-        self.tool("run", self.model, self.out / "longer.avi", said=["60 frames; the file is whole"])
+        # A whole file may count frames that it does not show: an AVI of 50 that says 60, and an MP4 of
+        # which an edit list shows the first 40 milliseconds.
+        one_edit = b"elst" + (1).to_bytes(8, "big")
+        for name, stated, shown, expected in (
+                ("longer.avi", (50).to_bytes(4, "little"), (60).to_bytes(4, "little"), 60),
+                ("edited.mp4", one_edit + (2000).to_bytes(4, "big"), one_edit + (40).to_bytes(4, "big"), 50)):
+            data = (self.out / name).read_bytes()
+            self.assertTrue(stated in data, name)
+            (self.out / name).write_bytes(data.replace(stated, shown))
+            self.tool("run", self.model, self.out / name, said=[f"of {expected} frames; the file is whole"])
 
     def cut_video(self):
         pictures = self.folder / "fifty"
         self.write_pictures(pictures, 50)
+        self.run_with("--video", "edited.mp4", pictures=pictures)
         self.run_with("--video", "cut.avi", pictures=pictures)
         video = self.out / "cut.avi"
         shutil.copy(video, self.out / "longer.avi")
