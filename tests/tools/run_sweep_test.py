@@ -276,15 +276,21 @@ class RunSweepTest(ToolTest):
         self.assertIn("expected  50 frames", self.tool(
             "run", self.model, input_path, code=4, said=["damaged or cut"]).stdout)
         # A whole file may count frames that it does not show: an AVI of 50 that says 60, and an MP4 of
-        # which an edit list shows the first 40 milliseconds.
+        # which an edit list shows the first 40 milliseconds. Whole are files whose parts end where they do.
         one_edit = b"elst" + (1).to_bytes(8, "big")
-        for name, stated, shown, expected in (
-                ("longer.avi", (50).to_bytes(4, "little"), (60).to_bytes(4, "little"), 60),
-                ("edited.mp4", one_edit + (2000).to_bytes(4, "big"), one_edit + (40).to_bytes(4, "big"), 50)):
-            data = (self.out / name).read_bytes()
-            self.assertTrue(stated in data, name)
-            (self.out / name).write_bytes(data.replace(stated, shown))
-            self.tool("run", self.model, self.out / name, said=[f"of {expected} frames; the file is whole"])
+        longer = (self.out / "longer.avi").read_bytes().replace((50).to_bytes(4, "little"),
+                                                                (60).to_bytes(4, "little"))
+        edited = (self.out / "edited.mp4").read_bytes().replace(one_edit + (2000).to_bytes(4, "big"),
+                                                                one_edit + (40).to_bytes(4, "big"))
+        large_box = (1).to_bytes(4, "big") + b"free" + (16).to_bytes(8, "big")
+        for number, (data, whole) in enumerate((
+                (longer, True), (longer + b"JUNK" + bytes(4), False), (longer[:-1], False), (edited, True),
+                (edited.replace(b"ftyp", b"wide", 1), True), (edited + large_box, True),
+                (edited + large_box[:-1] + b"\x0f", False), (edited + bytes(4) + b"free", False))):
+            video = self.out / f"{number}.video"
+            video.write_bytes(data)
+            self.tool("run", self.model, video, code=0 if whole else 4, said=[
+                ("; the file is whole" if whole else "damaged or cut")])
 
     def cut_video(self):
         pictures = self.folder / "fifty"

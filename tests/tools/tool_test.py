@@ -53,10 +53,14 @@ class ToolTest(unittest.TestCase):
         return result
 
     def transcribe(self, command, name, **options):
-        """Runs a command in the test's folder and adds all that is seen of it to the transcript."""
+        """Runs a command in the test's folder and adds what it prints and its exit code to the transcript."""
         result = subprocess.run(command, timeout=600, encoding="utf-8", cwd=self.folder,
                                 **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
         printed = "{...}\n" if str(result.stdout).startswith("{") else result.stdout or ""
+        if "--help" in name:
+            self.assertEqual(result.stderr or "", "", name)
+        elif 2 <= result.returncode <= 70:
+            self.assertNotIn("olvex-det ", result.stdout or "", "an error belongs to standard error")
         ended = f"exit code {result.returncode}\n" if result.returncode else ""
         self.transcript += f"$ {name}\n{printed}{result.stderr or ''}{ended}"
         return result
@@ -65,6 +69,7 @@ class ToolTest(unittest.TestCase):
         """Runs every line of a transcript that begins with "$ ", as a shell takes it; what follows has to
         be the same again."""
         path = os.pathsep.join((str(pathlib.Path(TOOL).parent), os.environ["PATH"]))
+        self.assertIn("\n$ ", "\n" + (DATA / name).read_text(), f"{name} holds no command")
         for line in (DATA / name).read_text().splitlines():
             if line.startswith("# "):
                 self.transcript += f"{line}\n"
@@ -120,7 +125,7 @@ def write_cells(path, width, height, cells):
 
 
 def main():
-    # A shell's background ignores some signals, and the program would go on ignoring them.
+    # A background shell ignores some signals, and the program would inherit that.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
         signal.signal(number, signal.SIG_DFL)
