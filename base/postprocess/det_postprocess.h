@@ -120,7 +120,7 @@ struct DetDecodeInfo {
 //
 // Returns E_ALGO_SUCCESS; E_ALGO_INVALID_PARAM for a layer that does not exist or an element type
 // other than FP32 and INT16; E_ALGO_INVALID_OUTPUT_SIZE when the input size is no equal multiple of
-// the layer's, the channels do not fit or a count is negative. Each failure is logged.
+// the layer's, the channels do not fit, a count is negative or there are no bins. Each failure is logged.
 int det_decode_one_layer(DetDecodeInfo& info, int layer, olvex::vector<BoxInfo>& out);
 
 // Decodes all layers in order and appends their boxes to out, which is sized once. A layer that

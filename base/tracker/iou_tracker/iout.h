@@ -68,7 +68,8 @@ class OlvexIouTracker {
   void track_frame(const TrackBBox* boxes, size_t count);
 
   // Sets moved and moving of the finished tracks by comparing the newest box with the one ref_frame
-  // boxes back, and copies the flags to the live tracks. A ref_frame of 0 counts as 1.
+  // boxes back, and copies the flags to the live tracks. A ref_frame of 0 counts as 1. Requires: the
+  // finished tracks stand in the order of the live ones, as track_iou and track_frame leave them.
   void static_moving_classify(const IoutStaticParams_t& params);
 
   float iou_sigma_l_;     // not used by the steps

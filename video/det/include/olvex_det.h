@@ -278,8 +278,9 @@ QV_S32 ALGO_DET_SetStrictMode(void* handle, DetStrictModeParams_t params);
  *   E_ALGO_LOADMODEL_FAIL       the model has exactly one output tensor
  *   E_ALGO_NOT_INIT             the handle is not initialised
  *   E_ALGO_FILEIO_ERROR         the frame dump could not be written
- *   E_ALGO_INVALID_OUTPUT_SIZE  no decoder takes the shape of the output tensors, or the number of
- *                               classes is neither declared nor to be guessed
+ *   E_ALGO_INVALID_OUTPUT_SIZE  no decoder takes the shape of the output tensors, the number of
+ *                               classes is neither declared nor to be guessed, or a tensor's
+ *                               buffer is missing or, by its u32BufSize, shorter than its shape
  *   E_ALGO_INVALID_DECODE_MODE  accelerator-decoded outputs are neither FP32 nor INT16
  *   a platform code             the accelerator failed; its channel is closed and the handle must
  *                               be freed
