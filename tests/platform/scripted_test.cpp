@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest-spi.h>
@@ -97,10 +98,8 @@ class Scripted : public ScriptedTest {};
 
 TEST_F(Scripted, reports_each_violation_of_the_contract) {
   using C = Caller;
-  const struct {
-    const char* violation;
-    std::vector<QV_S32 (C::*)()> calls;  // on a channel that is open and holds its buffers
-  } kRows[] = {
+  // The calls are made on a channel that is open and holds its buffers.
+  const std::tuple<const char*, std::vector<QV_S32 (C::*)()>> kRows[] = {
       {"CreateDevice: a device is up already", {&C::create_device}},
       {"CreateDevice: no attributes", {&C::create_bare_device}},
       {"DestroyDevice: no device is up", {&C::destroy_device, &C::destroy_device}},
@@ -122,15 +121,15 @@ TEST_F(Scripted, reports_each_violation_of_the_contract) {
       {"channel 1: flushed 7 bytes of an input of 8", {&C::flush_short, &C::invoke}},
       {"Invoke: channel 1: wrong number of inputs", {&C::alter_input_count, &C::run}},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.violation);
+  for (const auto& [violation, calls] : kRows) {
+    SCOPED_TRACE(violation);
     qv_scripted::reset();
     Caller caller;
     ASSERT_NO_FATAL_FAILURE(caller.open());
-    for (const auto call : row.calls) {
+    for (const auto call : calls) {
       (caller.*call)();
     }
-    expect_violation(row.violation);
+    expect_violation(violation);
     EXPECT_EQ(1u, qv_scripted::violations().size());
     check_violations();
   }

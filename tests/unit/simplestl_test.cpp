@@ -10,6 +10,7 @@
 
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -108,10 +109,7 @@ TEST(Vector, reserves_by_its_own_rule) {
 
 TEST(Vector, survives_the_failure_of_every_allocation) {
   typedef CountedVector V;
-  const struct {
-    const char* name;
-    void (*operation)(V&);
-  } rows[] = {
+  const std::tuple<const char*, void (*)(V&)> rows[] = {
       {"push_back", [](V& v) { v.push_back(8); }},
       {"push_back of its own", [](V& v) { v.push_back(v[0]); }},
       {"resize", [](V& v) { v.resize(9, 7); }},
@@ -125,15 +123,15 @@ TEST(Vector, survives_the_failure_of_every_allocation) {
       {"copy", [](V& v) { EXPECT_EQ(contents(V(v)), contents(v)); }},
       {"swap", [](V& v) { olvex::swap(v[0], v[2]); }},
   };
-  for (const auto& row : rows) {
+  for (const auto& [name, operation] : rows) {
     const int arrays_before = g_live_arrays;
     bool failed = true;
     for (int n = 1; failed; ++n) {
-      SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(n));
+      SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(n));
       CountedVector v(3, Counted(1));
       g_allocations_until_failure = n;
       try {
-        row.operation(v);
+        operation(v);
         failed = g_allocations_until_failure == 0;
       } catch (const std::bad_alloc&) {
       }
@@ -144,8 +142,8 @@ TEST(Vector, survives_the_failure_of_every_allocation) {
       EXPECT_EQ(v[v.size() - 1], 2);
       ASSERT_LT(n, 100);
     }
-    EXPECT_EQ(g_live_arrays, arrays_before) << row.name;
-    EXPECT_TRUE(Counted::live().empty()) << row.name;
+    EXPECT_EQ(g_live_arrays, arrays_before) << name;
+    EXPECT_TRUE(Counted::live().empty()) << name;
   }
 }
 
