@@ -86,19 +86,7 @@ std::vector<int> contents(const olvex::vector<T>& v) {
   return std::vector<int>(v.begin(), v.end());
 }
 
-TEST(Vector, reserves_by_its_own_rule) {
-  CountedVector v;
-  std::vector<size_t> capacities;
-  for (const size_t size : {1u, 2u, 3u, 4u, 10u, 8u, 5u, 9u, 6u, 7u, 3u, 0u}) {
-    v.resize(size, 7);
-    capacities.push_back(v.capacity());
-  }
-  EXPECT_EQ(capacities, (std::vector<size_t>{2, 4, 6, 8, 20, 16, 16, 18, 18, 14, 14, 14}));
-  v.clear();
-  v.resize(0, 7);
-  EXPECT_TRUE(v.data() == NULL && v.capacity() == 0);
-
-  // Asked for less in steps, the rule comes down to the elements and no further.
+TEST(Vector, comes_down_to_its_elements_and_no_further_when_asked_for_less_in_steps) {
   olvex::vector<int> shrunk(10, 7);
   for (size_t n = 10; n > 0; --n) {
     shrunk.try_alloc(n);
