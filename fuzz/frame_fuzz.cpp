@@ -11,6 +11,7 @@
 #include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "platform/scripted/qv_scripted.h"
+#include "tests/support/record.h"
 #include "tests/support/routines.h"
 #include "utils/numeric/saturating_cast.h"
 #include "video/det/include/det_schedule.h"
@@ -300,45 +301,6 @@ Scene draw_scene(FuzzInput& input) {
 
 // ---- Playing ------------------------------------------------------------------------------------
 
-// All that a scene leaves behind, as numbers.
-class Record {
- public:
-  std::vector<uint64_t> numbers;
-
-  template <class... Values>
-  void add(Values... values) {
-    (append(values), ...);
-  }
-
- private:
-  template <class Value>
-  void append(Value value) {
-    numbers.push_back(static_cast<uint64_t>(value));
-  }
-  // The bits of a NaN depend on the order in which a compiler hands the operands over.
-  void append(float value) {
-    uint32_t bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    numbers.push_back(value != value ? 0x7fc00000 : bits);
-  }
-};
-
-void note(const Box_t* boxes, QV_S32 count, Record& record) {
-  for (const Box_t* b = boxes; b != boxes + count; ++b) {
-    record.add(b->x, b->y, b->width, b->height, b->class_id, b->score, b->pts);
-  }
-}
-
-void note(const olvex::vector<BoxInfo>& boxes, Record& record) {
-  record.add(boxes.size());
-  for (const BoxInfo& b : boxes) {
-    record.add(b.x1, b.y1, b.x2, b.y2, b.score, b.label, b.pts, b.track_id, b.keypts.size());
-    for (const KeyPt_t& point : b.keypts) {
-      record.add(point.x, point.y, point.score);
-    }
-  }
-}
-
 void run_frames(const Routines& library, void* handle, const Scene& scene, Record& record) {
   static std::vector<unsigned char> picture(kPictureSize);
   std::vector<Box_t> boxes(ALGO_DET_MAX_BOXES);
@@ -351,10 +313,10 @@ void run_frames(const Routines& library, void* handle, const Scene& scene, Recor
     const ALGO_Input_t input = {picture.data(), 0x1000, kPictureSize, frame};
     QV_S32 count = 0;
     const QV_S32 result = library.run(handle, &input, boxes.data(), &count);
-    record.add(result, count);
+    record.add(result);
     FUZZ_CHECK(count >= 0 && count <= ALGO_DET_MAX_BOXES);
-    note(boxes.data(), count, record);
-    note(static_cast<DetHandle*>(handle)->mLastOutput_, record);
+    record.add_boxes(boxes.data(), count);
+    record.add_boxes(static_cast<DetHandle*>(handle)->mLastOutput_);
   }
 }
 

@@ -1,7 +1,7 @@
 // qv_scripted.h - control functions of the scripted accelerator: what a test sets before and reads
 // after the library under test has made its QV_ calls. All may be called from any thread.
 //
-// The accelerator keeps real device and channel states, hands out guarded buffers, plays queued
+// The accelerator keeps real device and channel states, hands out guarded buffers, plays
 // output frames, fails the calls that a test selects, notes every call, and reports by itself
 // whatever breaks the contract of qv_ipu.h. tests/support/scripted_test.h wraps it for GoogleTest;
 // scripted_setup.cpp and scripted_frames.cpp hold the QV_ calls.
@@ -86,11 +86,9 @@ struct Network {
   QV_U32 variable_buffer_size = 4096;  // bytes
   // Bytes of the offline model from its start pattern on; what the platform reads. At least 4.
   QV_U32 model_size = 16;
-  // Output of each invocation in turn; see queue_frame. A tensor that is shorter than its buffer
-  // leaves kPoison after it.
+  // Output of each invocation in turn; the last one is repeated. Without any, invocations fail with
+  // kNoFrame, which is reported. A tensor that is shorter than its buffer leaves kPoison after it.
   std::vector<Frame> frames;
-  // After the last frame: repeat it, or fail with kNoFrame and report.
-  bool repeat_last_frame = true;
   // Deliberate: false leaves the buffer untouched when a frame is repeated, so that a benchmark
   // does not time a copy; what the caller itself wrote into the buffer then stays there.
   bool copy_repeated_frame = true;
@@ -104,17 +102,11 @@ void reset();
 // The next channel to be opened gets this network; the last network added serves all channels after
 // it, too. Throws std::invalid_argument when it contradicts itself.
 void add_network(Network network);
-// Appends an output frame to an open channel; std::invalid_argument when it is not open or the
-// frame does not fit.
-void queue_frame(QV_U32 channel, Frame frame);
 
-// Faults. n counts the calls since reset() from 1. A call that is made to fail has no effect,
-// except that a failed invocation poisons its output. Faults are looked up in the order of their
-// adding.
-void fail_call(Function function, int n, QV_S32 code);
-void fail_calls_from(Function function, int n, QV_S32 code);
+// Faults. A call that is made to fail has no effect, except that a failed invocation poisons its
+// output. Faults are looked up in the order of their adding.
 void fail_next_call(Function function, QV_S32 code);
-// The n-th call of all functions together, so that a loop can fail each call in turn.
+// The n-th call since reset() of all functions together, so that a loop can fail each call in turn.
 void fail_call_overall(int n, QV_S32 code);
 
 // One QV_ call. Members that the function has no use for keep their first values.

@@ -77,13 +77,13 @@ void check_flush(Call* call, const Network& network, const void* input) {
   last_flush.pending = false;
 }
 
-// The frame to show next; null: none is left. The last one stays for repeating.
+// The frame to show next, the last one again and again; null: there is none.
 const Frame* take_frame(Channel* channel) {
-  if (channel->next_frame < channel->frames.size()) {
-    return &channel->frames[channel->next_frame++];
+  const std::vector<Frame>& frames = channel->network.frames;
+  if (channel->next_frame < frames.size()) {
+    return &frames[channel->next_frame++];
   }
-  const bool repeat = channel->network.repeat_last_frame && !channel->frames.empty();
-  return repeat ? &channel->frames.back() : nullptr;
+  return frames.empty() ? nullptr : &frames.back();
 }
 
 void poison(OutputSet* set) {
@@ -199,7 +199,7 @@ QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_Tensor
   if (frame == nullptr) {
     poison(set);
     return call.injected() != 0 ? call.end(call.injected())
-                                : call.refuse_channel("no output frame is left", kNoFrame);
+                                : call.refuse_channel("the network has no output frame", kNoFrame);
   }
   run_unlocked(&call, open.get(), *frame, set);
   return call.end(0);

@@ -186,7 +186,6 @@ QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attributes, QV_IPU_Rea
   auto opened = std::make_shared<Channel>();
   opened->id = state().next_channel++;
   opened->network = *network;
-  opened->frames.assign(network->frames.begin(), network->frames.end());
   opened->output_depth = attributes->u32OutputBufDepth;
   state().take_network();
   call.event.channel = *channel = opened->id;

@@ -65,14 +65,6 @@ void check_network(const Network& network) {
   }
 }
 
-void add_fault(const Fault& fault) {
-  if (fault.first < 1) {
-    throw std::invalid_argument("fault: calls count from 1");
-  }
-  const Lock lock(state().mutex);
-  state().faults.push_back(fault);
-}
-
 }  // namespace
 
 State& state() {
@@ -115,9 +107,8 @@ QV_S32 State::count_call(Function function) {
   ++count;
   const int of_function = ++counts[static_cast<std::size_t>(function)];
   for (const Fault& fault : faults) {
-    const int number = fault.overall ? count : of_function;
-    if ((fault.overall || fault.function == function) && number >= fault.first &&
-        number <= fault.last) {
+    if (fault.overall ? fault.call == count
+                      : fault.function == function && fault.call == of_function) {
       return fault.code;
     }
   }
@@ -212,32 +203,15 @@ void add_network(Network network) {
   state().networks.push_back(std::move(network));
 }
 
-void queue_frame(QV_U32 channel, Frame frame) {
-  const Lock lock(state().mutex);
-  const auto found = state().channels.find(channel);
-  if (found == state().channels.end()) {
-    throw std::invalid_argument("output frame: channel " + std::to_string(channel) +
-                                " is not open");
-  }
-  check_frame(found->second->network, frame);
-  found->second->frames.push_back(std::move(frame));
-}
-
-void fail_call(Function function, int n, QV_S32 code) {
-  add_fault({false, function, n, n, code});
-}
-
-void fail_calls_from(Function function, int n, QV_S32 code) {
-  add_fault({false, function, n, INT_MAX, code});
-}
-
 void fail_next_call(Function function, QV_S32 code) {
-  const int next = call_count(function) + 1;
-  fail_call(function, next, code);
+  const Lock lock(state().mutex);
+  const int next = state().counts[static_cast<std::size_t>(function)] + 1;
+  state().faults.push_back({false, function, next, code});
 }
 
 void fail_call_overall(int n, QV_S32 code) {
-  add_fault({true, Function::kCreateDevice, n, n, code});
+  const Lock lock(state().mutex);
+  state().faults.push_back({true, Function::kCreateDevice, n, code});
 }
 
 std::string event_text(const Event& event) {

@@ -5,7 +5,6 @@
 #define PLATFORM_SCRIPTED_SCRIPTED_STATE_H
 
 #include <array>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -26,8 +25,7 @@ struct OutputSet {
 
 struct Channel {
   QV_U32 id = 0;
-  Network network;           // its frames are moved to the queue below
-  std::deque<Frame> frames;  // a deque, so that queueing leaves references to frames valid
+  Network network;
   std::size_t next_frame = 0;
   QV_U32 output_depth = 0;
   std::vector<OutputSet> sets;  // made when first needed, never more than output_depth
@@ -37,8 +35,7 @@ struct Channel {
 struct Fault {
   bool overall = false;  // counts the calls of all functions
   Function function = Function::kCreateDevice;
-  int first = 0;
-  int last = 0;
+  int call = 0;  // the one to fail, from 1
   QV_S32 code = 0;
 };
 

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Many inputs of a fuzzer in one file, fuzz/corpus/FUZZER.inputs, as fuzz/replay.cpp reads them.
+"""Many inputs of a fuzzer in one file, fuzz/corpus/FUZZER.inputs.
 
   scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each
   scripts/fuzz/packed_inputs.py unpack FILE FOLDER  # a file for each
   scripts/fuzz/packed_inputs.py pack FOLDER FILE    # and back
-  scripts/fuzz/packed_inputs.py self-test REPLAY    # both readers refuse a damaged file; REPLAY: a fuzzer's program
+  scripts/fuzz/packed_inputs.py replay FILE PROGRAM # runs a fuzzer, by its absolute path, over them
+  scripts/fuzz/packed_inputs.py self-test           # damaged files are refused
 
 The file: a line "olvex inputs 1"; a line with the number of inputs and the CRC-32, in hexadecimal, of all
 that follows; then of each input, in the order of their names, a line "SIZE NAME" and its SIZE bytes. The
@@ -82,25 +83,33 @@ def show(path):
         print(f"{number} {len(content)} {name}")
 
 
-def refuses(path, replay):
-    """Whether this module and the program both call a file damaged."""
-    result = subprocess.run([replay, path], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    assert result.returncode in (0, 1), result.stderr
+def replay(path, program):
+    """Runs a program, given with its first arguments, over the inputs, one file each, in their order."""
+    with tempfile.TemporaryDirectory() as folder:
+        unpack(path, pathlib.Path(folder))
+        names = list(read(path))
+        if not names:
+            raise common.Failure(f"{path} holds no input")
+        status = subprocess.run([*program, *names], cwd=folder, check=False).returncode
+    if status != 0:
+        raise common.Failure(f"the program ended with {status}; the last input named above, which unpack writes "
+                             f"from {path}, is to blame")
+
+
+def refuses(path):
     try:
         read(path)
-    except Damaged as damage:
-        assert result.returncode == 1 and str(damage) == result.stderr.strip(), result.stderr
+    except Damaged:
         return True
-    assert result.returncode == 0, f"{replay} alone refuses: {result.stderr}"
     return False
 
 
-def self_test(replay):
+def self_test():
     inputs = {"named": b"text\n2 -\n", "zero": b"", hashlib.sha1(b"\0\xff").hexdigest(): b"\0\xff"}
     with tempfile.TemporaryDirectory() as folder:
         path = pathlib.Path(folder) / "test.inputs"
         write(path, inputs)
-        assert list(read(path).items()) == sorted(inputs.items()) and not refuses(path, replay)
+        assert list(read(path).items()) == sorted(inputs.items()) and not refuses(path)
         whole = path.read_bytes()
         damages = [whole[:size] for size in range(len(whole))] + [whole + b"x"]
         damages += [whole[:k] + bytes([whole[k] ^ 1]) + whole[k + 1:] for k in range(len(whole))]
@@ -109,7 +118,7 @@ def self_test(replay):
             damages.append(b"olvex inputs 1\n" + head + b" %08x\n" % zlib.crc32(entries) + entries)
         for damage in damages:
             path.write_bytes(damage)
-            assert refuses(path, replay), damage
+            assert refuses(path), damage
     print(f"{len(damages)} damaged files are refused")
 
 
@@ -117,11 +126,15 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(dest="command", required=True)
     for name, call, operands in (("list", show, ["FILE"]), ("unpack", unpack, ["FILE", "FOLDER"]),
-                                 ("pack", pack, ["FOLDER", "FILE"]), ("self-test", self_test, ["REPLAY"])):
+                                 ("pack", pack, ["FOLDER", "FILE"]), ("replay", replay, ["FILE", "PROGRAM"]),
+                                 ("self-test", self_test, [])):
         command = commands.add_parser(name)
         command.set_defaults(call=call, operands=operands)
         for operand in operands:
-            command.add_argument(operand, type=pathlib.Path)
+            if operand == "PROGRAM":
+                command.add_argument(operand, nargs=argparse.REMAINDER)
+            else:
+                command.add_argument(operand, type=pathlib.Path)
     arguments = parser.parse_args()
     arguments.call(*(getattr(arguments, operand) for operand in arguments.operands))
 

@@ -4,6 +4,7 @@
 #include "olvex_det.h"
 
 #include <cmath>
+#include <tuple>
 
 #include "tests/api/det_test.h"
 #include "tests/unit/boxes.h"
@@ -98,26 +99,19 @@ TEST_F(PublicApi, whole_life_makes_the_platform_calls_in_order_with_the_right_ar
 
 TEST_F(PublicApi, threshold_accepts_its_bounds_and_decides_inclusively) {
   start({kOneBox});
-  const struct {
-    float threshold;
-    QV_S32 code;
-    int boxes;
-  } kRows[] = {{0.f, 0, 1},      {1.f, 0, 0},     {0.75f, 0, 1}, {0.75001f, 0, 0},
-               {-0.0001f, 2, 0}, {1.0001f, 2, 0}, {0.5f, 0, 1},  {std::nanf(""), 0, 0}};
-  for (const auto& row : kRows) {
-    EXPECT_EQ(row.code, ALGO_DET_SetThreshold(handle_, row.threshold)) << row.threshold;
+  const std::tuple<float, QV_S32, int> kRows[] = {
+      {0.f, 0, 1},      {1.f, 0, 0},     {0.75f, 0, 1}, {0.75001f, 0, 0},
+      {-0.0001f, 2, 0}, {1.0001f, 2, 0}, {0.5f, 0, 1},  {std::nanf(""), 0, 0}};
+  for (const auto& [threshold, code, boxes] : kRows) {
+    EXPECT_EQ(code, ALGO_DET_SetThreshold(handle_, threshold)) << threshold;
     ASSERT_EQ(0, run());
-    EXPECT_EQ(row.boxes, count_) << row.threshold;
+    EXPECT_EQ(boxes, count_) << threshold;
   }
 }
 
 TEST_F(PublicApi, set_tracker_takes_three_combinations) {
   start({kOneBox});
-  const struct {
-    QV_S32 tk_type, md_type, code;
-    const char* message;
-    const char* options;
-  } kRows[] = {
+  const std::tuple<QV_S32, QV_S32, QV_S32, const char*, const char*> kRows[] = {
       {1, 1, 0, "", "1 1 10, 1 0.85 5, 0 0"},
       {1, 0, 0, "", "1 1 10, 0 0.85 5, 0 0"},
       {0, 0, 0, "", "0 1 10, 0 0.85 5, 0 0"},
@@ -125,31 +119,29 @@ TEST_F(PublicApi, set_tracker_takes_three_combinations) {
       {2, 5, 2, "parameter tk_type = 2, should be 0 or 1!\n", "9 9 10, 9 0.1 5, 0 0"},
       {-1, 0, 2, "parameter tk_type = -1, should be 0 or 1!\n", "9 9 10, 9 0.1 5, 0 0"},
       {1, 2, 2, "parameter md_type = 2, should be 0 or 1!\n", "9 9 10, 9 0.1 5, 0 0"}};
-  for (const auto& row : kRows) {
+  for (const auto& [tk_type, md_type, code, message, taken] : kRows) {
     // Other values first, to see that each option is set again.
     ALGO_DET_SetTracker2(handle_, {9, 9, 0.1f, 0, 0.f, 9});
     log();
-    EXPECT_EQ(row.code, ALGO_DET_SetTracker(handle_, row.tk_type, row.md_type));
-    EXPECT_TRUE(contains(log(), row.message)) << row.message;
-    EXPECT_EQ(row.options, options(det()));
+    EXPECT_EQ(code, ALGO_DET_SetTracker(handle_, tk_type, md_type));
+    EXPECT_TRUE(contains(log(), message)) << message;
+    EXPECT_EQ(taken, options(det()));
   }
 }
 
 TEST_F(PublicApi, set_tracker2_takes_a_zero_for_the_stabiliser_only) {
   start({kOneBox});
-  const struct {
-    DetTrackParams_t given;
-    const char* options;
-  } kRows[] = {{{0, 0, 0.4f, 0, 0.3f, 7}, "0 7 10, 0 0.4 5, 0 0.3"},
-               {{1, 1, 0.f, 1, 0.f, 0}, "1 1 10, 1 0.85 5, 1 0"},
-               {{2, 3, -0.5f, 4, -1.f, 65536 + 3}, "2 3 10, 3 -0.5 5, 4 -1"},
-               {{1, 1, 0.f, 1, 0.63f, 32768}, "1 -32768 10, 1 0.85 5, 1 0.63"}};
-  for (const auto& row : kRows) {
+  const std::tuple<DetTrackParams_t, const char*> kRows[] = {
+      {{0, 0, 0.4f, 0, 0.3f, 7}, "0 7 10, 0 0.4 5, 0 0.3"},
+      {{1, 1, 0.f, 1, 0.f, 0}, "1 1 10, 1 0.85 5, 1 0"},
+      {{2, 3, -0.5f, 4, -1.f, 65536 + 3}, "2 3 10, 3 -0.5 5, 4 -1"},
+      {{1, 1, 0.f, 1, 0.63f, 32768}, "1 -32768 10, 1 0.85 5, 1 0.63"}};
+  for (const auto& [given, taken] : kRows) {
     log();
-    EXPECT_EQ(0, ALGO_DET_SetTracker2(handle_, row.given));
+    EXPECT_EQ(0, ALGO_DET_SetTracker2(handle_, given));
     EXPECT_TRUE(contains(log(), "track_params.ignore_frame_number = " +
-                                    std::to_string(row.given.ignore_frame_number) + "\n"));
-    EXPECT_EQ(row.options, options(det()));
+                                    std::to_string(given.ignore_frame_number) + "\n"));
+    EXPECT_EQ(taken, options(det()));
   }
   const OlvexIouTracker* made = det().tracker();
   ASSERT_NE(nullptr, made);
@@ -289,28 +281,22 @@ TEST_F(PublicApi, stabiliser_holds_the_first_of_equal_old_boxes_as_a_whole) {
   const Detections second = {{0.f, 0.f, 16.f, 4.f, 0.7f, 2.f}};
   const Detections touching = {{16.f, 0.f, 32.f, 8.f, 0.7f, 2.f}};
   const std::string held = "0@0,0,16x8", fresh = "2@0,0,16x4";
-  const struct {
-    const char* name;
-    QV_BOOL on;
-    float sensitivity;
-    Detections next;
-    std::string shown;
-  } kRows[] = {
+  const std::tuple<const char*, QV_BOOL, float, Detections, std::string> kRows[] = {
       {"overlap above", 1, 0.49f, second, held},
       {"overlap equal: strict", 1, 0.5f, second, fresh},
       {"off", 0, 0.f, second, fresh},
       {"negative", 1, -1.f, second, held},
       {"negative, no overlap", 1, -1.f, touching, "2@16,0,16x8"},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.name);
-    start({first, row.next});
-    ALGO_DET_SetTracker2(handle_, {0, 0, 0.f, row.on, row.sensitivity, 0});
+  for (const auto& [name, on, sensitivity, next, shown] : kRows) {
+    SCOPED_TRACE(name);
+    start({first, next});
+    ALGO_DET_SetTracker2(handle_, {0, 0, 0.f, on, sensitivity, 0});
     EXPECT_EQ("0@0,0,16x8 1@0,0,16x8", next_frame(1)) << "no old box yet";
-    EXPECT_EQ(row.shown, next_frame(2));
-    EXPECT_EQ(row.shown == held ? 0.9f : 0.7f, boxes_[0].score);
+    EXPECT_EQ(shown, next_frame(2));
+    EXPECT_EQ(shown == held ? 0.9f : 0.7f, boxes_[0].score);
     EXPECT_EQ(2u, boxes_[0].pts) << "the stamp is the frame's";
-    EXPECT_EQ(row.shown, next_frame(3));
+    EXPECT_EQ(shown, next_frame(3));
     restart();
   }
   // The plain switch sets 0.63.

@@ -1,6 +1,6 @@
-// scripted_scene.cpp - the camera of C programs: a scripted network that sees the same object in
+// scripted_scene.cpp - the camera of the manual's example, a C program: a scripted network that sees the same object in
 // three frames, set up before main. A program that broke the platform's contract or left the device
-// up ends with 1 and a line "scene: ...". c_api_test.c and the manual's example link it.
+// up ends with 1 and a line "scene: ...".
 #include <cstdio>
 #include <cstdlib>
 

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "tests/api/det_test.h"
 #include "tests/unit/boxes.h"
@@ -65,11 +66,8 @@ class ModelImage : public DetTest {
 TEST_F(ModelImage, header_is_split_into_pairs_up_to_the_start_pattern) {
   const int kNone = -1;
   const std::string k127(127, 'k'), v127(127, 'v'), long_pair = "<" + k127 + "=" + v127 + "> ";
-  const struct {
-    std::string text;
-    std::string pairs;
-    int pattern;  // its offset
-  } kRows[] = {
+  // A text, its pairs, and the offset of its pattern.
+  const std::tuple<std::string, std::string, int> kRows[] = {
       {"ka:va\nkb:vbb\nQTNX____", "<ka=va> <kb=vbb> ", 13},
       {"a:b;c:dQTNX____", "<a=b> <c=d> ", 7},
       {"a:b:c\nQTNX____", "<a:b=c> ", 6},
@@ -88,13 +86,13 @@ TEST_F(ModelImage, header_is_split_into_pairs_up_to_the_start_pattern) {
       {"QTNX", "", kNone},
       {"k:v\nQTNX", "<k=v> ", kNone},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.text.substr(0, 40));
-    ASSERT_EQ(0, load(write_file("model.bin", row.text)));
-    EXPECT_EQ(row.text.size(), size_);
-    EXPECT_EQ(row.pairs, Text::of(kvs_));
-    EXPECT_EQ(row.pattern == kNone ? &nowhere_ : file_start_ + row.pattern, pattern_);
-    EXPECT_EQ(0, std::memcmp(row.text.data(), file_start_, row.text.size()));
+  for (const auto& [text, pairs, pattern] : kRows) {
+    SCOPED_TRACE(text.substr(0, 40));
+    ASSERT_EQ(0, load(write_file("model.bin", text)));
+    EXPECT_EQ(text.size(), size_);
+    EXPECT_EQ(pairs, Text::of(kvs_));
+    EXPECT_EQ(pattern == kNone ? &nowhere_ : file_start_ + pattern, pattern_);
+    EXPECT_EQ(0, std::memcmp(text.data(), file_start_, text.size()));
     munmap(file_start_, size_);
   }
 }
@@ -190,10 +188,8 @@ void add_pair(olvex::vector<ModelKeyValue_t>& kvs, const char* key, const char* 
 TEST_F(ClassRules, first_rule_with_either_word_decides) {
   const std::string six = "6>-6 ", eight = "8>-8 9>-9 ";
   const std::string seven = "1>-1 2>-2 3>-3 4>-4 5>-5 6>1 7>2 8>-8 9>-9 ";
-  const struct {
-    const char *model_out, *lib_out;
-    std::string map, confirming;  // 99>98 and 77 stand for what was there before
-  } kRows[] = {
+  // Words of the two keys, the map and the confirming classes; 99>98 and 77: what was there before.
+  const std::tuple<const char*, const char*, std::string, std::string> kRows[] = {
       {"zrphf", "x", "1>-1 2>-2 ", "1 2 "}, {"x", "zrpd", "1>-1 2>-2 ", "1 2 "},
       {"zrpcnh", "x", six, "-6 "},          {"x", "zrpcn", six, "-6 "},
       {"zrpcnf", "x", six, "-6 "},          {"zrpcnhf", "x", "6>-6 7>-7 ", "-6 -7 "},
@@ -202,23 +198,23 @@ TEST_F(ClassRules, first_rule_with_either_word_decides) {
       {"x", "zrpcd", seven, "-8 -9 "},      {"ZRPHF", "zrp", "", "77 "},
       {"", "zrpd", "99>98 ", "77 "},        {"zrphf", "", "99>98 ", "77 "},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  for (const auto& [model_out, lib_out, map, confirming] : kRows) {
+    SCOPED_TRACE(model_out);
     DetAfModel model;
     // Of several pairs the last one counts.
     add_pair(model.model_kvs_, "model_out", "zrpcnh");
     add_pair(model.model_kvs_, "lib_out", "zrpd");
-    add_pair(model.model_kvs_, "model_out", row.model_out);
-    add_pair(model.model_kvs_, "lib_out", row.lib_out);
+    add_pair(model.model_kvs_, "model_out", model_out);
+    add_pair(model.model_kvs_, "lib_out", lib_out);
     model.class_id_map_.push_back(olvex::pair<int, int>(99, 98));
     EXPECT_EQ(0, model.get_class_id_map());
-    EXPECT_EQ(row.map, Text::of(model.class_id_map_));
+    EXPECT_EQ(map, Text::of(model.class_id_map_));
     olvex::vector<int> ids;
     ids.push_back(77);
     int target = 55;
     model.get_double_check_ids(ids, target);
-    EXPECT_EQ(row.confirming, Text::of(ids));
-    EXPECT_EQ(row.confirming == "77 " ? 55 : 0, target);
+    EXPECT_EQ(confirming, Text::of(ids));
+    EXPECT_EQ(confirming == "77 " ? 55 : 0, target);
   }
 }
 
@@ -265,10 +261,7 @@ TEST_F(OutputType, first_word_or_channels_give_classes_and_key_points) {
 
 TEST_F(DecoderChoice, number_and_shapes_of_the_outputs_decide) {
   // A character per output: only whether sizes are equal counts.
-  const struct {
-    std::string widths, heights, channels;
-    OutputDecoder decoder;
-  } kRows[] = {
+  const std::tuple<std::string, std::string, std::string, OutputDecoder> kRows[] = {
       {"842", "842", "666", kDecoderCpu},        {"842", "842", "676", kDecoderNone},
       {"842", "842", "667", kDecoderNone},       {"9911", "1191", "4111", kDecoderIpu},
       {"9811", "1191", "4111", kDecoderNone},    {"9999", "9989", "4111", kDecoderNone},
@@ -276,36 +269,34 @@ TEST_F(DecoderChoice, number_and_shapes_of_the_outputs_decide) {
       {"99811", "11191", "41111", kDecoderNone}, {"99999", "99989", "41111", kDecoderNone},
       {"99", "99", "66", kDecoderNone},          {"999999", "999999", "444444", kDecoderNone},
   };
-  for (const auto& row : kRows) {
-    std::vector<int> widths(row.widths.begin(), row.widths.end());
-    std::vector<int> heights(row.heights.begin(), row.heights.end());
-    std::vector<int> channels(row.channels.begin(), row.channels.end());
+  for (const auto& [w, h, c, decoder] : kRows) {
+    std::vector<int> widths(w.begin(), w.end());
+    std::vector<int> heights(h.begin(), h.end());
+    std::vector<int> channels(c.begin(), c.end());
     DetDecodeInfo info;
     info.num_out_layers = static_cast<int>(widths.size());
     info.net_out_w = widths.data();
     info.net_out_h = heights.data();
     info.net_out_c = channels.data();
-    EXPECT_EQ(row.decoder, choose_output_decoder(info)) << row.widths;
+    EXPECT_EQ(decoder, choose_output_decoder(info)) << w;
   }
 }
 
 TEST_F(Rescale, divides_first_then_clamps_into_the_image) {
   // From 640 x 41 to 1920 x 41; 1 / 41 is rounded down, so that times 41 it stays below 1.
-  const struct {
-    float x, y, scaled_x, scaled_y;
-  } kRows[] = {{320, 1, 960, 0.99999994f},     {640, 41, 1919, 40}, {-5, -5, 0, 0},
-               {INFINITY, INFINITY, 1919, 40}, {NAN, NAN, 0, 0},    {-INFINITY, -INFINITY, 0, 0}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.x);
-    BoxInfo box = make_box(row.x, row.y, row.x, row.y);
+  const std::tuple<float, float, float, float> kRows[] = {
+      {320, 1, 960, 0.99999994f},     {640, 41, 1919, 40}, {-5, -5, 0, 0},
+      {INFINITY, INFINITY, 1919, 40}, {NAN, NAN, 0, 0},    {-INFINITY, -INFINITY, 0, 0}};
+  for (const auto& [given_x, given_y, x, y] : kRows) {
+    SCOPED_TRACE(given_x);
+    BoxInfo box = make_box(given_x, given_y, given_x, given_y);
     box.keypts.resize(2, KeyPt_t());
-    box.keypts[1].x = row.x;
-    box.keypts[1].y = row.y;
+    box.keypts[1].x = given_x;
+    box.keypts[1].y = given_y;
     olvex::vector<BoxInfo> boxes;
     boxes.resize(2, box);
     EXPECT_EQ(0, det_rescale_boxinfos(boxes, 640, 41, 1920, 41, 0));
     const BoxInfo& got = boxes[1];
-    const float x = row.scaled_x, y = row.scaled_y;
     EXPECT_EQ((std::vector<float>{x, y, x, y}),
               (std::vector<float>{got.x1, got.y1, got.x2, got.y2}));
     EXPECT_TRUE(got.keypts[1].x == x && got.keypts[1].y == y);
@@ -356,10 +347,7 @@ class SdetModel : public DetTest {
 };
 
 TEST_F(SdetModel, name_of_the_first_output_can_carry_the_pairs) {
-  const struct {
-    std::string name, pairs;
-    std::size_t mapped;
-  } kRows[] = {
+  const std::tuple<std::string, std::string, std::size_t> kRows[] = {
       {"model_out:zrpcd;lib_out:zrpd", "<model_out=zrpcd> <lib_out=zrpd> ", 2},
       {"boxes", "<model_out=zrhpd> <k=v> ", 0},
       {"", "<model_out=zrhpd> <k=v> ", 0},
@@ -367,17 +355,17 @@ TEST_F(SdetModel, name_of_the_first_output_can_carry_the_pairs) {
       {"model_out:zrfsd;a:" + std::string(238, 'x'), "<model_out=zrfsd> ", 0},
       {"a:b;c:dQTNXe:f;", "<a=b> <c=d> ", 0},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.name);
-    qv_scripted::Network network = list_network({}, 8, row.name);
+  for (const auto& [name, pairs, mapped] : kRows) {
+    SCOPED_TRACE(name);
+    qv_scripted::Network network = list_network({}, 8, name);
     std::strcpy(network.outputs[1].name, "model_out:zrpcn;");
     DetAfModel model;
     log();
     ASSERT_EQ(0, open_model(model, network, "model_out:zrhpd\nk:v\n"));
-    EXPECT_EQ(row.pairs, Text::of(model.model_kvs_));
+    EXPECT_EQ(pairs, Text::of(model.model_kvs_));
     EXPECT_TRUE(
-        contains(log(), "output tensor [0], name: " + row.name + ", shape 1 1 8 4, format: 5\n"));
-    EXPECT_EQ(row.mapped, model.class_id_map_.size());
+        contains(log(), "output tensor [0], name: " + name + ", shape 1 1 8 4, format: 5\n"));
+    EXPECT_EQ(mapped, model.class_id_map_.size());
     EXPECT_EQ(0, model.model_deinit());
     qv_scripted::reset();
   }
@@ -392,12 +380,8 @@ TEST_F(SdetModel, name_of_the_first_output_can_carry_the_pairs) {
 TEST_F(SdetModel, number_of_outputs_decides_the_result) {
   const char kShape[] = "shape of model output tensor might be wrong, please check!\n";
   const char kMany[] = "num output tensor channel should not be larger than 6\n";
-  const struct {
-    std::vector<QV_U32> channels;  // of outputs of 16 x 32, 8 x 16, ...
-    QV_U32 reported;
-    int code;
-    const char* message;
-  } kRows[] = {
+  // Channels of outputs of 16 x 32, 8 x 16, ...; how many outputs are reported.
+  const std::tuple<std::vector<QV_U32>, QV_U32, int, const char*> kRows[] = {
       {{}, 0, 12, kShape},
       {{6}, 1, 4, "model one_output post process wrong\n"},
       {{6, 6}, 2, 12, kShape},
@@ -407,29 +391,28 @@ TEST_F(SdetModel, number_of_outputs_decides_the_result) {
       {{6, 6, 6}, 7, 12, kMany},
       {{6, 6, 6}, 1000, 12, kMany},  // more than a description holds
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  for (const auto& [channels, reported, code, message] : kRows) {
+    SCOPED_TRACE(message);
     qv_scripted::Network network = list_network({});
     network.outputs.clear();
     network.frames.resize(1);
-    for (const QV_U32 channels : row.channels) {
+    for (const QV_U32 count : channels) {
       const QV_U32 height = 16u >> network.outputs.size();
-      network.outputs.push_back(
-          qv_scripted::fp32_tensor("output", {1, height, 2 * height, channels}));
+      network.outputs.push_back(qv_scripted::fp32_tensor("output", {1, height, 2 * height, count}));
       network.frames[0].push_back(qv_scripted::Bytes(network.outputs.back().u32BufSize));
     }
-    network.reported_outputs = network.reported_inputs = row.reported;
+    network.reported_outputs = network.reported_inputs = reported;
     DetAfModel model;
     log();
     ASSERT_EQ(0, open_model(model, network));
-    const int described = static_cast<int>(std::min(row.reported, 60u));
+    const int described = static_cast<int>(std::min(reported, 60u));
     const std::string opened = log();
     EXPECT_EQ(described, count_of(opened, "output tensor ["));
     EXPECT_EQ(described, count_of(opened, "input tensor ["));
     model.set_theshold(0.9f);
-    EXPECT_EQ(row.code, invoke(model));
-    EXPECT_TRUE(contains(log(), row.message)) << row.message;
-    if (row.code == 0) {
+    EXPECT_EQ(code, invoke(model));
+    EXPECT_TRUE(contains(log(), message)) << message;
+    if (code == 0) {
       EXPECT_EQ(nullptr, boxes_);
       EXPECT_EQ(0, count_);
     }
@@ -452,12 +435,7 @@ TEST_F(SdetModel, outputs_are_decoded_whatever_else_their_descriptions_say) {
   const std::vector<QV_IPU_TensorDesc_t> whole(outputs, outputs + 5);
   const QV_IPU_ELEMENT_FORMAT fp32 = QV_IPU_FORMAT_FP32, int16 = QV_IPU_FORMAT_INT16;
   constexpr QV_U32 kAsIs = 99;
-  const struct {
-    int output;
-    QV_IPU_ELEMENT_FORMAT format;
-    QV_U32 dimensions, size;
-    int code;
-  } kRows[] = {
+  const std::tuple<int, QV_IPU_ELEMENT_FORMAT, QV_U32, QV_U32, int> kRows[] = {
       {0, QV_IPU_FORMAT_INT32, kAsIs, kAsIs, 13},
       {4, int16, kAsIs, kAsIs, 0},  // described otherwise than the first
       {3, QV_IPU_FORMAT_U8, kAsIs, kAsIs, 0},
@@ -471,16 +449,16 @@ TEST_F(SdetModel, outputs_are_decoded_whatever_else_their_descriptions_say) {
       {3, fp32, 4, 2, 12},
       {4, int16, 4, 2, 12},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  for (const auto& [output, format, dimensions, bytes, code] : kRows) {
+    SCOPED_TRACE(testing::Message() << output << ", size " << bytes);
     std::copy(whole.begin(), whole.end(), outputs);
-    QV_IPU_TensorDesc_t& tensor = outputs[row.output];
-    tensor.eElmFormat = row.format;
-    tensor.u32TensorDim = row.dimensions == kAsIs ? tensor.u32TensorDim : row.dimensions;
-    tensor.u32BufSize = row.size == kAsIs ? tensor.u32BufSize : row.size;
+    QV_IPU_TensorDesc_t& tensor = outputs[output];
+    tensor.eElmFormat = format;
+    tensor.u32TensorDim = dimensions == kAsIs ? tensor.u32TensorDim : dimensions;
+    tensor.u32BufSize = bytes == kAsIs ? tensor.u32BufSize : bytes;
     count_ = 0;
-    EXPECT_EQ(row.code, invoke(model));
-    EXPECT_EQ(row.code == 0 ? 1 : 0, count_);
+    EXPECT_EQ(code, invoke(model));
+    EXPECT_EQ(code == 0 ? 1 : 0, count_);
   }
   boxes_ = &some_box_;
   EXPECT_EQ(7, model.model_invoke(nullptr, &boxes_, &count_, 1, 1));
@@ -490,25 +468,21 @@ TEST_F(SdetModel, outputs_are_decoded_whatever_else_their_descriptions_say) {
 }
 
 TEST_F(SdetModel, raw_layers_are_refused_for_memory_only_once_they_are_to_be_read) {
-  const struct {
-    QV_U32 channels, size;  // of the second layer
-    bool has_data;
-    int code;
-    const char* message;
-  } kRows[] = {
+  // Channels, and of the second layer its size and whether it has data.
+  const std::tuple<QV_U32, QV_U32, bool, int, const char*> kRows[] = {
       {6, 0, true, 0, "detect box num is 0\n"},
       {6, 4 * 8 * 16 * 6, true, 0, "detect box num is 0\n"},
       {6, 4 * 8 * 16 * 6 - 1, true, 12, "empty model_out type\n"},
       {6, 0, false, 12, "shape of model output tensor might be wrong, please check!\n"},
       {9, 1, false, 12, "the detect class is wrong \n"},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  for (const auto& [channels, size, has_data, code, message] : kRows) {
+    SCOPED_TRACE(message);
     qv_scripted::Network network = list_network({});
     network.outputs.clear();
     for (QV_U32 height = 16; height > 2; height /= 2) {
       network.outputs.push_back(
-          qv_scripted::fp32_tensor("layer", {1, height, 2 * height, row.channels}));
+          qv_scripted::fp32_tensor("layer", {1, height, 2 * height, channels}));
     }
     network.frames = {{{}, {}, {}}};
     DetAfModel model;
@@ -516,16 +490,16 @@ TEST_F(SdetModel, raw_layers_are_refused_for_memory_only_once_they_are_to_be_rea
     model.set_theshold(1);
     // INT16 as it says, which does not count beside the first layer.
     model.desc_.astQV_OutputTensorDescs[1].eElmFormat = QV_IPU_FORMAT_INT16;
-    model.desc_.astQV_OutputTensorDescs[1].u32BufSize = row.size;
-    if (!row.has_data) {
+    model.desc_.astQV_OutputTensorDescs[1].u32BufSize = size;
+    if (!has_data) {
       model.output_tensor_vector_.astArrayTensors[1].ptTensorData[0] = nullptr;
     }
     log();
-    EXPECT_EQ(row.code, model.model_postprocess());
-    EXPECT_TRUE(contains(log(), row.message));
+    EXPECT_EQ(code, model.model_postprocess());
+    EXPECT_TRUE(contains(log(), message));
     // A layer that its shape refuses is not read.
     model.desc_.astQV_OutputTensorDescs[1].u32TensorShape[1] = 7;
-    EXPECT_EQ(row.channels == 6 ? 0 : 12, model.model_postprocess());
+    EXPECT_EQ(channels == 6 ? 0 : 12, model.model_postprocess());
     EXPECT_EQ(0, model.model_deinit());
     qv_scripted::reset();
   }
@@ -534,11 +508,7 @@ TEST_F(SdetModel, raw_layers_are_refused_for_memory_only_once_they_are_to_be_rea
 // A row for each cell, by a height that the shape may leave out; as many indices as there are elements.
 TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
   using Shape = std::vector<QV_U32>;
-  const struct {
-    Shape boxes, scores, indices;
-    std::vector<float> list;
-    std::string found;
-  } kRows[] = {
+  const std::tuple<Shape, Shape, Shape, std::vector<float>, std::string> kRows[] = {
       {{1, 2, 4, 4}, {1, 2, 4, 1}, {1, 4}, {1, 6, 8}, "1 6 "},
       {{1, 2, 4, 4}, {1, 1, 4, 1}, {1, 4}, {1, 6}, "1 "},
       {{1, 1, 4, 4}, {1, 2, 4, 1}, {1, 4}, {1, 6}, "1 "},
@@ -547,10 +517,10 @@ TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
       {{1, 0, 4, 4}, {1, 0, 4, 1}, {1, 4}, {0, 3, 4}, "0 3 "},
       {{1, 1, 0, 4}, {1, 1, 0, 1}, {1, 0}, {0}, ""},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(&row - kRows);
+  for (const auto& [box_shape, score_shape, index_shape, listed, expected] : kRows) {
+    SCOPED_TRACE(expected);
     qv_scripted::Network network = list_network({});
-    std::vector<float> boxes, scores(8, 0.9f), list = row.list;
+    std::vector<float> boxes, scores(8, 0.9f), list = listed;
     for (float i = 0; i < 8; ++i) {
       boxes.insert(boxes.end(), {20 * i, 0, 20 * i + 10, 10});
     }
@@ -559,7 +529,7 @@ TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
     network.outputs.clear();
     network.frames = {{}};
     const std::pair<Shape, std::vector<float>> kOutputs[] = {
-        {row.boxes, boxes}, {row.scores, scores}, {row.indices, list}, {{1, 1, 1, 1}, {count}}};
+        {box_shape, boxes}, {score_shape, scores}, {index_shape, list}, {{1, 1, 1, 1}, {count}}};
     for (const auto& [shape, values] : kOutputs) {
       network.outputs.push_back(
           qv_scripted::fp32_tensor("list", {1, 1, static_cast<QV_U32>(values.size()), 1}));
@@ -581,7 +551,7 @@ TEST_F(SdetModel, rows_of_a_list_are_its_height_times_its_width) {
         found += std::abs(boxes_[i].x1 - x) < 1 ? std::to_string(left / 20) + " " : "";
       }
     }
-    EXPECT_EQ(row.found, found);
+    EXPECT_EQ(expected, found);
     EXPECT_EQ(0, model.model_deinit());
     qv_scripted::reset();
   }

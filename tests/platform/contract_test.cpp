@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -144,19 +145,16 @@ TEST_F(OLVEX_CONTRACT_SUITE, a_model_that_cannot_be_read_is_refused) {
   std::string missing = path_ + ".missing";
   std::string foreign = model_;
   foreign[0] = 'X';
-  const struct {
-    const char* name;
-    QV_IPU_ReadFunc read;
-    char* path_or_context;
-  } kRows[] = {{"missing file", nullptr, &missing[0]},
-               {"failing callback", read_nothing, context(&model_)},
-               {"no start pattern", read_model, context(&foreign)}};
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.name);
+  const std::tuple<const char*, QV_IPU_ReadFunc, char*> kRows[] = {
+      {"missing file", nullptr, &missing[0]},
+      {"failing callback", read_nothing, context(&model_)},
+      {"no start pattern", read_model, context(&foreign)}};
+  for (const auto& [name, read, path_or_context] : kRows) {
+    SCOPED_TRACE(name);
     QV_IPU_OfflineModelStaticInfo_s info = {};
     QV_U32 channel = 0;
-    EXPECT_NE(0, QV_IPU_GetOfflineModeStaticInfo(row.read, row.path_or_context, &info));
-    EXPECT_NE(0, create_channel(&channel, row.read, row.path_or_context));
+    EXPECT_NE(0, QV_IPU_GetOfflineModeStaticInfo(read, path_or_context, &info));
+    EXPECT_NE(0, create_channel(&channel, read, path_or_context));
   }
 }
 

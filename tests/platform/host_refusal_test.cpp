@@ -24,6 +24,8 @@ using host_session::Device;
 using host_session::flush_and_invoke;
 using host_session::open_channel;
 
+#define EXPECT_REFUSAL(code, call) expect_refusal(code, [&] { return call; })
+
 const std::vector<char> kNetwork = tiny_onnx::decoded_network(16, 16, 8);
 
 // Each test's refusals, code and line, are compared with data/refusals_<test>.txt. Run with
@@ -74,28 +76,25 @@ TEST_F(HostRefusal, calls_out_of_order) {
   QV_U32 id = 0;
   QV_IPU_DevAttr_s attributes = {};
   const std::vector<char> image = build_image(decoded_description(), kNetwork);
-  expect_refusal(QV_HOST_NO_DEVICE, [&] { return open_channel(image, &id); });
+  EXPECT_REFUSAL(QV_HOST_NO_DEVICE, open_channel(image, &id));
   const Device device;
-  expect_refusal(QV_HOST_DEVICE_EXISTS,
-                 [&] { return QV_IPU_CreateDevice(&attributes, nullptr, nullptr, 0); });
-  expect_refusal(QV_HOST_NO_CHANNEL, [] { return QV_IPU_DestroyCHN(77777); });
+  EXPECT_REFUSAL(QV_HOST_DEVICE_EXISTS, QV_IPU_CreateDevice(&attributes, nullptr, nullptr, 0));
+  EXPECT_REFUSAL(QV_HOST_NO_CHANNEL, QV_IPU_DestroyCHN(77777));
   host_session::Channel channel(decoded_description(), kNetwork);
   QV_IPU_TensorVector_t never_out = {};
-  expect_refusal(QV_HOST_OUT_OF_ORDER,
-                 [&] { return QV_IPU_GetOutputTensors(channel.id, &never_out); });
+  EXPECT_REFUSAL(QV_HOST_OUT_OF_ORDER, QV_IPU_GetOutputTensors(channel.id, &never_out));
   const char frame[768] = {};
   const auto invoke = [&](QV_IPU_TensorVector_t* buffers) {
     return flush_and_invoke(channel.id, frame, sizeof frame, buffers);
   };
-  expect_refusal(QV_HOST_OUT_OF_ORDER, [&] { return invoke(&never_out); });
+  EXPECT_REFUSAL(QV_HOST_OUT_OF_ORDER, invoke(&never_out));
   for (const QV_U32 tensor : {0u, channel.buffers.u32TensorCount - 1}) {
     QV_IPU_TensorVector_t altered = channel.buffers;
     altered.astArrayTensors[tensor].ptTensorData[0] = nullptr;
-    expect_refusal(QV_HOST_OUT_OF_ORDER,
-                   [&] { return QV_IPU_PutOutputTensors(channel.id, &altered); });
+    EXPECT_REFUSAL(QV_HOST_OUT_OF_ORDER, QV_IPU_PutOutputTensors(channel.id, &altered));
   }
   EXPECT_EQ(0, QV_IPU_PutOutputTensors(channel.id, &channel.buffers));
-  expect_refusal(QV_HOST_OUT_OF_ORDER, [&] { return invoke(&channel.buffers); });
+  EXPECT_REFUSAL(QV_HOST_OUT_OF_ORDER, invoke(&channel.buffers));
   EXPECT_EQ(0, QV_IPU_GetOutputTensors(channel.id, &channel.buffers));
   EXPECT_EQ(0, invoke(&channel.buffers));
   EXPECT_EQ(0, QV_IPU_DestroyCHN(channel.id));
@@ -106,38 +105,31 @@ TEST_F(HostRefusal, arguments_that_no_call_can_take) {
   QV_U32 id = 0;
   QV_IPUChnAttr_s attributes = {};
   QV_IPU_TensorVector_t tensors = {};
-  QV_S32(*const kNulls[])
-  () = {[] { return QV_IPU_CreateDevice(nullptr, nullptr, nullptr, 0); },
-        [] { return QV_IPU_GetOfflineModeStaticInfo(nullptr, nullptr, nullptr); },
-        [] { return QV_IPU_CreateCHN(nullptr, nullptr, nullptr, nullptr); },
-        [] { return QV_IPU_GetInOutTensorDesc(0, nullptr); },
-        [] { return QV_IPU_GetOutputTensors(0, nullptr); },
-        [] { return QV_IPU_PutOutputTensors(0, nullptr); },
-        [] { return QV_IPU_Invoke(0, nullptr, nullptr); },
-        [] { return QV_SYS_FlushInvCache(nullptr, 0); }};
-  for (const auto call : kNulls) {
-    expect_refusal(QV_HOST_BAD_ARGUMENT, call);
-  }
-  expect_refusal(QV_HOST_BAD_ARGUMENT, [&] { return QV_IPU_Invoke(0, &tensors, nullptr); });
-  expect_refusal(QV_HOST_BAD_ARGUMENT,
-                 [&] { return QV_IPU_CreateCHN(&id, nullptr, nullptr, nullptr); });
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_CreateDevice(nullptr, nullptr, nullptr, 0));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_GetOfflineModeStaticInfo(nullptr, nullptr, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_CreateCHN(nullptr, nullptr, nullptr, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_GetInOutTensorDesc(0, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_GetOutputTensors(0, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_PutOutputTensors(0, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_Invoke(0, nullptr, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_SYS_FlushInvCache(nullptr, 0));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_Invoke(0, &tensors, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_CreateCHN(&id, nullptr, nullptr, nullptr));
   QV_IPUChnAttr_s wrong[3] = {};
   wrong[0].u32SubNetId = 1;
   wrong[1].u32BatchMax = 2;
   wrong[2].u32OutputBufDepth = 65;
   for (QV_IPUChnAttr_s& row : wrong) {
-    expect_refusal(QV_HOST_BAD_ARGUMENT,
-                   [&] { return QV_IPU_CreateCHN(&id, &row, nullptr, nullptr); });
+    EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, QV_IPU_CreateCHN(&id, &row, nullptr, nullptr));
   }
   attributes.u32BatchMax = 1;
   attributes.u32OutputBufDepth = 64;
-  expect_refusal(QV_HOST_NO_DEVICE,
-                 [&] { return QV_IPU_CreateCHN(&id, &attributes, nullptr, nullptr); });
+  EXPECT_REFUSAL(QV_HOST_NO_DEVICE, QV_IPU_CreateCHN(&id, &attributes, nullptr, nullptr));
   const Device device(1u << 31);
   Description nv12 = decoded_description();
   nv12.input.format = QV_IPU_FORMAT_NV12;
   const std::vector<char> image = build_image(nv12, kNetwork);
-  expect_refusal(QV_HOST_BAD_ARGUMENT, [&] { return open_channel(image, &id); });
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, open_channel(image, &id));
 }
 
 // Two pages: of memory whose second page has no access, or of a file whose end lies in the first. A
@@ -162,8 +154,8 @@ TEST_F(HostRefusal, frames_that_are_absent_or_too_small) {
   expect_refusal(QV_HOST_BAD_FRAME, invoke);
   input.u32TensorCount = 1;
   const std::vector<unsigned char> frame(768);
-  expect_refusal(QV_HOST_BAD_FRAME,
-                 [&] { return flush_and_invoke(channel.id, frame.data(), 767, &channel.buffers); });
+  EXPECT_REFUSAL(QV_HOST_BAD_FRAME,
+                 flush_and_invoke(channel.id, frame.data(), 767, &channel.buffers));
   EXPECT_EQ(0, channel.run(frame));
   Description floats = decoded_description();
   floats.input.format = QV_IPU_FORMAT_FP32;
@@ -182,8 +174,7 @@ TEST_F(HostRefusal, frames_that_are_absent_or_too_small) {
     EXPECT_EQ(0, invoke());
     input.astArrayTensors[0].ptTensorData[0] = pages + page - 767;
     expect_refusal(QV_HOST_BAD_FRAME, invoke);
-    expect_refusal(QV_HOST_BAD_FRAME,
-                   [&] { return QV_SYS_FlushInvCache(pages + page - 767, 768); });
+    EXPECT_REFUSAL(QV_HOST_BAD_FRAME, QV_SYS_FlushInvCache(pages + page - 767, 768));
     input.astArrayTensors[0].ptTensorData[0] = pages + page - 768;
     EXPECT_EQ(0, QV_SYS_FlushInvCache(pages + page - 768, 768));
     EXPECT_EQ(0, invoke());
@@ -220,20 +211,20 @@ TEST_F(HostRefusal, networks_that_do_not_fit_their_description) {
     Description spoilt = decoded_description();
     spoil(&spoilt);
     const std::vector<char> image = build_image(spoilt, kNetwork);
-    expect_refusal(QV_HOST_BAD_NETWORK, [&] { return open_channel(image, &id); });
+    EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(image, &id));
   }
   Description other = decoded_description();
   other.decoded.scores = "points";
   other.decoded.background = 0;
   std::vector<char> image = build_image(other, tiny_onnx::decoded_network(16, 16, 1));
-  expect_refusal(QV_HOST_BAD_NETWORK, [&] { return open_channel(image, &id); });
+  EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(image, &id));
   other.input.width = other.input.height = 64;
   other.decoded.boxes = "stride8";
   other.decoded.scores = "stride16";
   image = build_image(other, tiny_onnx::raw_network(64, 64, false));
-  expect_refusal(QV_HOST_BAD_NETWORK, [&] { return open_channel(image, &id); });
+  EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(image, &id));
   const std::vector<char> foreign = build_image(decoded_description(), std::vector<char>(100, 'x'));
-  expect_refusal(QV_HOST_BAD_NETWORK, [&] { return open_channel(foreign, &id); });
+  EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(foreign, &id));
 }
 
 // The library maps a file and hands over a bare address: where the mapping ends is not an argument.
@@ -262,18 +253,17 @@ TEST_F(HostRefusal, model_files_and_mappings_that_are_truncated) {
   constexpr std::size_t kPage = 4096;
   void* closed = mmap(nullptr, kPage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(MAP_FAILED, closed);
-  expect_refusal(QV_HOST_READ_FAILED,
-                 [&] { return info(copy_from_memory, static_cast<char*>(closed)); });
+  EXPECT_REFUSAL(QV_HOST_READ_FAILED, info(copy_from_memory, static_cast<char*>(closed)));
   munmap(closed, kPage);
-  expect_refusal(QV_HOST_BAD_ARGUMENT, [&] { return info(copy_from_memory, nullptr); });
-  expect_refusal(QV_HOST_BAD_ARGUMENT, [&] { return info(nullptr, nullptr); });
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, info(copy_from_memory, nullptr));
+  EXPECT_REFUSAL(QV_HOST_BAD_ARGUMENT, info(nullptr, nullptr));
   std::vector<char> memory = image;
   const auto fail_behind = [](void* dst, int offset, int size, char* ctx) {
     return offset > 0 ? 7 : copy_from_memory(dst, offset, size, ctx);
   };
-  expect_refusal(QV_HOST_READ_FAILED, [&] { return info(fail_behind, memory.data()); });
+  EXPECT_REFUSAL(QV_HOST_READ_FAILED, info(fail_behind, memory.data()));
   memory[0] = 'X';
-  expect_refusal(QV_HOST_BAD_IMAGE, [&] { return info(copy_from_memory, memory.data()); });
+  EXPECT_REFUSAL(QV_HOST_BAD_IMAGE, info(copy_from_memory, memory.data()));
   std::remove(path.c_str());
 }
 

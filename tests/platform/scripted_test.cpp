@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest-spi.h>
@@ -97,10 +98,8 @@ class Scripted : public ScriptedTest {};
 
 TEST_F(Scripted, reports_each_violation_of_the_contract) {
   using C = Caller;
-  const struct {
-    const char* violation;
-    std::vector<QV_S32 (C::*)()> calls;  // on a channel that is open and holds its buffers
-  } kRows[] = {
+  // The calls are made on a channel that is open and holds its buffers.
+  const std::tuple<const char*, std::vector<QV_S32 (C::*)()>> kRows[] = {
       {"CreateDevice: a device is up already", {&C::create_device}},
       {"CreateDevice: no attributes", {&C::create_bare_device}},
       {"DestroyDevice: no device is up", {&C::destroy_device, &C::destroy_device}},
@@ -122,15 +121,15 @@ TEST_F(Scripted, reports_each_violation_of_the_contract) {
       {"channel 1: flushed 7 bytes of an input of 8", {&C::flush_short, &C::invoke}},
       {"Invoke: channel 1: wrong number of inputs", {&C::alter_input_count, &C::run}},
   };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.violation);
+  for (const auto& [violation, calls] : kRows) {
+    SCOPED_TRACE(violation);
     qv_scripted::reset();
     Caller caller;
     ASSERT_NO_FATAL_FAILURE(caller.open());
-    for (const auto call : row.calls) {
+    for (const auto call : calls) {
       (caller.*call)();
     }
-    expect_violation(row.violation);
+    expect_violation(violation);
     EXPECT_EQ(1u, qv_scripted::violations().size());
     check_violations();
   }
@@ -187,11 +186,10 @@ TEST_F(Scripted, reports_writes_outside_a_tensor_once) {
 TEST_F(Scripted, plays_frames_in_order_between_poison) {
   Caller caller;
   Network network = small_network();
-  network.repeat_last_frame = false;
+  network.frames.push_back({to_bytes<float>({5.f})});
   ASSERT_NO_FATAL_FAILURE(caller.open(network));
   const unsigned char* bytes = caller.tensor<unsigned char>(0);
   EXPECT_EQ(kPoison, bytes[0]);
-  qv_scripted::queue_frame(caller.id, {to_bytes<float>({5.f})});
   ASSERT_EQ(0, caller.run());
   EXPECT_EQ(2.f, caller.tensor<float>(0)[1]);
   EXPECT_EQ(3, caller.tensor<std::int16_t>(1)[2]);
@@ -199,22 +197,16 @@ TEST_F(Scripted, plays_frames_in_order_between_poison) {
   EXPECT_EQ(5.f, caller.tensor<float>(0)[0]);
   EXPECT_EQ(kPoison, bytes[4]) << "past the short tensor";
   EXPECT_EQ(kPoison, caller.tensor<unsigned char>(1)[0]) << "a tensor not given";
-  EXPECT_EQ(qv_scripted::kNoFrame, caller.run());
-  expect_violation("Invoke: channel 1: no output frame is left");
-  EXPECT_EQ(kPoison, bytes[0]);
   for (const Frame& frame : {Frame(3), Frame{to_bytes<float>({1, 2, 3})}}) {
-    EXPECT_THROW(qv_scripted::queue_frame(caller.id, frame), std::invalid_argument);
+    network.frames = {frame};
+    EXPECT_THROW(qv_scripted::add_network(network), std::invalid_argument);
   }
-}
-
-TEST_F(Scripted, fails_the_calls_that_it_is_told_to_fail) {
-  Caller caller;
-  ASSERT_NO_FATAL_FAILURE(caller.open());
-  qv_scripted::fail_call(Function::kInvoke, 2, kCode);
-  qv_scripted::fail_calls_from(Function::kInvoke, 4, kCode + 1);
-  for (const QV_S32 expected : {0, kCode, 0, kCode + 1, kCode + 1}) {
-    EXPECT_EQ(expected, caller.run());
-  }
+  network.frames.clear();
+  qv_scripted::add_network(network);
+  Caller without;
+  EXPECT_TRUE(without.create_channel() == 0 && without.get() == 0);
+  EXPECT_EQ(qv_scripted::kNoFrame, without.run());
+  expect_violation("Invoke: channel 2: the network has no output frame");
 }
 
 TEST_F(Scripted, repeats_the_last_frame_with_and_without_a_copy) {

@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,10 +37,7 @@ olvex::vector<BoxInfo> scored(const std::vector<float>& scores) {
 
 // Worked out by hand with the partition around the middle element.
 TEST(QuickSort, leaves_equal_scores_in_its_own_order) {
-  const struct {
-    std::vector<float> scores;
-    Names order;
-  } rows[] = {
+  const std::tuple<std::vector<float>, Names> rows[] = {
       {{}, {}},
       {{1, 1}, {1, 0}},
       {{1, 1, 1, 1}, {2, 3, 0, 1}},
@@ -49,10 +47,10 @@ TEST(QuickSort, leaves_equal_scores_in_its_own_order) {
       {{3, 1, 4, 1, 5, 9, 2, 6, 5, 3}, {5, 7, 4, 8, 2, 0, 9, 6, 3, 1}},
       {{NAN, 1, NAN, 2, NAN}, {3, 4, 2, 0, 1}},
   };
-  for (const auto& row : rows) {
-    olvex::vector<BoxInfo> boxes = scored(row.scores);
+  for (const auto& [scores, order] : rows) {
+    olvex::vector<BoxInfo> boxes = scored(scores);
     qsort_descent_inplace(boxes);
-    EXPECT_EQ(names(boxes), row.order);
+    EXPECT_EQ(names(boxes), order);
     for (const BoxInfo& box : boxes) {
       EXPECT_EQ(box.keypts.size(), box.pts) << "key points stay with their box";
     }
@@ -72,17 +70,14 @@ TEST(Activations, are_the_same_bits_everywhere) {
   float soft[3], overflowed[2];
   softmax_(std::vector<float>({1, 2, 3}).data(), soft, 3);
   softmax_(std::vector<float>({100, 0}).data(), overflowed, 2);
-  const struct {
-    float value;
-    uint32_t bits;
-  } rows[] = {
+  const std::tuple<float, uint32_t> rows[] = {
       {sigmoid(0), 0x3f000000u},  {sigmoid(1), 0x3f3b26a8u},        {sigmoid(-2.5f), 0x3d9b5b88u},
       {sigmoid(-INFINITY), 0u},   {sigmoid(INFINITY), 0x3f800000u}, {fast_exp(0), 0x3f77ab00u},
       {fast_exp(1), 0x4030553bu}, {fast_exp(5.5f), 0x436f5345u},    {fast_exp(-80), 0x05c27883u},
       {fast_exp(-1000), 0u},      {fast_exp(1000), 0xffffffffu},    {soft[0], 0x3db861f3u},
       {soft[1], 0x3e7a9a1au},     {soft[2], 0x3f2a4d3bu},           {overflowed[1], 0u}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(bits_of(row.value), row.bits) << "row " << &row - rows;
+  for (const auto& [value, bits] : rows) {
+    EXPECT_EQ(bits_of(value), bits) << value;
   }
   EXPECT_TRUE(isnan(sigmoid(NAN)) && isnan(overflowed[0]));
 }
@@ -93,13 +88,7 @@ TEST(Nms, erases_from_the_threshold_on) {
   const auto second = [](float x1, float y1, float x2, float y2, int label = 0) {
     return make_box(x1, y1, x2, y2, 0.8f, label, 2);
   };
-  const struct {
-    const char* name;
-    std::vector<BoxInfo> boxes;
-    float threshold;
-    unsigned char class_specific;
-    Names kept;
-  } rows[] = {
+  const std::tuple<const char*, std::vector<BoxInfo>, float, unsigned char, Names> rows[] = {
       {"nothing", {}, 0.5f, 1, {}},
       {"the better one stays", {second(0, 0, 9, 9), whole}, 1, 1, {1}},
       {"ratio equal to the threshold", {whole, second(0, 0, 9, 4)}, 0.5f, 1, {1}},
@@ -115,37 +104,33 @@ TEST(Nms, erases_from_the_threshold_on) {
       {"each box has its own area", {whole, second(0, 0, 9, 9), half}, 0.4f, 1, {1}},
       {"an erased box erases nothing", {whole, second(4, 0, 13, 9), far}, 0.4f, 1, {1, 3}},
   };
-  for (const auto& row : rows) {
-    olvex::vector<BoxInfo> boxes = list_of(row.boxes);
+  for (const auto& [name, given, threshold, class_specific, kept] : rows) {
+    olvex::vector<BoxInfo> boxes = list_of(given);
     olvex::vector<int> picked(1, 99);
-    nms_sorted_bboxes(boxes, picked, row.threshold, row.class_specific);
+    nms_sorted_bboxes(boxes, picked, threshold, class_specific);
     Names picked_names;
     for (const int index : picked) {
       picked_names.push_back(boxes[static_cast<size_t>(index)].pts);
     }
-    EXPECT_EQ(picked_names, row.kept) << row.name;
-    boxes = list_of(row.boxes);
-    nms(boxes, row.threshold, row.class_specific);
-    EXPECT_EQ(names(boxes), row.kept) << row.name;
+    EXPECT_EQ(picked_names, kept) << name;
+    boxes = list_of(given);
+    nms(boxes, threshold, class_specific);
+    EXPECT_EQ(names(boxes), kept) << name;
   }
 }
 
 TEST(IouRatio, truncates_the_intersection_and_wraps) {
   const BoxInfo corner = make_box(0, 0, 2, 2), outside = make_box(-5, -5, 4, 4);
   const BoxInfo point = make_box(3, 3, 3, 3), fractions = make_box(0, 0, 10.9f, 10.9f);
-  const struct {
-    const char* name;
-    BoxInfo a, b;
-    uint32_t ratio_bits;
-  } rows[] = {
+  const std::tuple<const char*, BoxInfo, BoxInfo, uint32_t> rows[] = {
       {"fractions", fractions, make_box(0.5f, 0.5f, 10, 10), 0x3f6abbb2u},
       {"negative corners count as 0", outside, outside, bits_of(16.0f / 146.0f)},
       {"2 x (2 - 10) wraps to 2^32 - 16", corner, make_box(10, 0, 12, 2), bits_of(-1.0f)},
       {"(2 - 10)^2 is 64", corner, make_box(10, 10, 12, 12), bits_of(-64.0f / 56.0f)},
       {"empty", point, point, 0u},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(bits_of(iou_ratio(row.a, row.b)), row.ratio_bits) << row.name;
+  for (const auto& [name, a, b, ratio_bits] : rows) {
+    EXPECT_EQ(bits_of(iou_ratio(a, b)), ratio_bits) << name;
   }
 }
 

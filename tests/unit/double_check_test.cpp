@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -39,12 +40,7 @@ TEST(DoubleCheck, confirms_by_the_covered_part_of_a_confident_box) {
   confirmed.pass_double_check = true;
   moved.moved = true;
   const BoxInfo more_out = make_box(5.01f, 0, 15.01f, 10, 0.9f, 3);
-  const struct {
-    const char* name;
-    Track track;
-    std::vector<BoxInfo> detections;
-    bool examined, passed;
-  } rows[] = {
+  const std::tuple<const char*, Track, std::vector<BoxInfo>, bool, bool> rows[] = {
       {"nothing detected", target, {}, true, false},
       {"covered", target, {kConfirming}, true, true},
       {"covered by the threshold exactly", target, {make_box(5, 0, 15, 10, 0.9f, 3)}, true, true},
@@ -60,17 +56,17 @@ TEST(DoubleCheck, confirms_by_the_covered_part_of_a_confident_box) {
       {"has moved", moved, {kConfirming}, false, false},
       {"has no box", Track(), {kConfirming}, false, false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, track, detections, examined, passed] : rows) {
+    SCOPED_TRACE(name);
     OlvexIouTracker tracker;
-    tracker.active_tracks_.push_back(row.track);
+    tracker.active_tracks_.push_back(track);
     tracker.active_tracks_[0].double_check = true;
     tracker.finished_tracks_ = tracker.active_tracks_;
-    check(&tracker, row.detections);
-    EXPECT_EQ(tracker.finished_tracks_[0].double_check, row.examined);
+    check(&tracker, detections);
+    EXPECT_EQ(tracker.finished_tracks_[0].double_check, examined);
     EXPECT_TRUE(tracker.active_tracks_[0].double_check) << "a reset is not written back";
-    EXPECT_EQ(tracker.finished_tracks_[0].pass_double_check, row.passed);
-    EXPECT_EQ(tracker.active_tracks_[0].pass_double_check, row.passed);
+    EXPECT_EQ(tracker.finished_tracks_[0].pass_double_check, passed);
+    EXPECT_EQ(tracker.active_tracks_[0].pass_double_check, passed);
   }
   check(NULL, {kConfirming});
 }

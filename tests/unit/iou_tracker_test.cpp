@@ -3,6 +3,7 @@
 
 #include <math.h>
 
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -41,21 +42,17 @@ TEST_F(IouTracker, starts_with_what_it_does_not_use_yet) {
 }
 
 TEST_F(IouTracker, continues_a_track_from_the_threshold_on) {
-  const struct {
-    const char* name;
-    TrackBBox next;
-    bool continues;
-  } rows[] = {
+  const std::tuple<const char*, TrackBBox, bool> rows[] = {
       {"overlap exactly 0.3", make_track_box(0, 0, 10, 3), true},
       {"overlap 0.2999", make_track_box(0, 0, 10, 2.999f), false},
       {"apart", kThere, false},
       {"other class", make_track_box(0, 0, 10, 10, 0.9f, 1), false},
       {"NaN", make_track_box(NAN, 0, 10, 10), false},
   };
-  for (const auto& row : rows) {
+  for (const auto& [name, next, continues] : rows) {
     tracker_ = OlvexIouTracker();
     feed({kHere});
-    EXPECT_EQ(feed({row.next}), row.continues ? Ids{1} : Ids{2}) << row.name;
+    EXPECT_EQ(feed({next}), continues ? Ids{1} : Ids{2}) << name;
   }
 }
 

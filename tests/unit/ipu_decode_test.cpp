@@ -5,6 +5,7 @@
 
 #include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -106,26 +107,21 @@ TEST(IpuDecode, reads_each_layout) {
 }
 
 TEST(IpuDecode, knows_key_points_by_their_channels) {
-  const struct {
-    int channels;
-    size_t num_keypoints;
-    bool has_score;
-  } rows[] = {{15, 5, true}, {10, 5, false}, {8, 4, false},
-              {12, 4, true}, {51, 17, true}, {63, 21, true}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.channels);
-    Values points(static_cast<size_t>(2 * row.channels));
+  const std::tuple<int, size_t, bool> rows[] = {{15, 5, true}, {10, 5, false}, {8, 4, false},
+                                                {12, 4, true}, {51, 17, true}, {63, 21, true}};
+  for (const auto& [channels, num_keypoints, has_score] : rows) {
+    SCOPED_TRACE(channels);
+    Values points(static_cast<size_t>(2 * channels));
     std::iota(points.begin(), points.end(), 0.0f);  // each value is its own position
-    Outputs outputs({4, 1, row.channels, 1, 1}, {kBoxes, {0, 1}, points, {1}, {1}},
-                    QV_IPU_FORMAT_FP32);
+    Outputs outputs({4, 1, channels, 1, 1}, {kBoxes, {0, 1}, points, {1}, {1}}, QV_IPU_FORMAT_FP32);
     olvex::vector<BoxInfo> boxes;
     EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
     ASSERT_EQ(boxes.size(), 1u);
-    ASSERT_EQ(boxes[0].keypts.size(), row.num_keypoints);
-    const KeyPt_t& last = boxes[0].keypts[row.num_keypoints - 1];
-    const float x = static_cast<float>(2 * row.channels - (row.has_score ? 3 : 2));
+    ASSERT_EQ(boxes[0].keypts.size(), num_keypoints);
+    const KeyPt_t& last = boxes[0].keypts[num_keypoints - 1];
+    const float x = static_cast<float>(2 * channels - (has_score ? 3 : 2));
     EXPECT_TRUE(last.x == x && last.y == x + 1);
-    EXPECT_EQ(last.score, row.has_score ? x + 2 : 1.0f);
+    EXPECT_EQ(last.score, has_score ? x + 2 : 1.0f);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -130,12 +131,8 @@ TEST_F(Dump, reports_what_it_cannot_write) {
 
 TEST_F(IniReader, finds_the_first_match_behind_the_section) {
   const std::string v1500(1500, 'v'), x1023(1023, 'x');
-  const struct {
-    const char* name;
-    std::string text;
-    const char* key;
-    const char* value;  // NULL: not found
-  } rows[] = {
+  // Value NULL: not found.
+  const std::tuple<const char*, std::string, const char*, const char*> rows[] = {
       {"newline is kept, blanks are not", "[S]\nk =  /tmp/dumps\n", "k", "/tmp/dumps\n"},
       {"last line without newline", "[S]\nk=v w", "k", "v w"},
       {"tab is kept", "[S]\nk= \t v\n", "k", "\t v\n"},
@@ -156,12 +153,12 @@ TEST_F(IniReader, finds_the_first_match_behind_the_section) {
       {"second piece counts as a line", "[S]\n" + x1023 + "k=1\n", "k", "1\n"},
   };
   const std::string file = folder_ + "/file.ini";
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, text, key, value] : rows) {
+    SCOPED_TRACE(name);
     char out[kIniLineSize] = "untouched";
-    std::ofstream(file, std::ios::binary) << row.text;
-    EXPECT_EQ(getIniKeyString("S", row.key, file.c_str(), out), row.value == NULL ? -1 : 0);
-    EXPECT_STREQ(out, row.value == NULL ? "untouched" : row.value);
+    std::ofstream(file, std::ios::binary) << text;
+    EXPECT_EQ(getIniKeyString("S", key, file.c_str(), out), value == NULL ? -1 : 0);
+    EXPECT_STREQ(out, value == NULL ? "untouched" : value);
   }
   char out[kIniLineSize];
   testing::internal::CaptureStderr();

@@ -6,6 +6,8 @@
 #include <math.h>
 #include <stdint.h>
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "base/tracker/iou_tracker/iout.h"
@@ -16,12 +18,7 @@ namespace {
 static_assert(FLT_EVAL_METHOD == 0, "float arithmetic must be done in float");
 
 TEST(SaturatingCast, truncates_and_stays_in_the_range) {
-  const struct {
-    double value;
-    int32_t as_int;
-    uint32_t as_unsigned;
-    int16_t as_short;
-  } rows[] = {
+  const std::tuple<double, int32_t, uint32_t, int16_t> rows[] = {
       {0.99, 0, 0, 0},
       {-1.5, -1, 0, -1},
       {-32769.0, -32769, 0, -32768},
@@ -32,10 +29,10 @@ TEST(SaturatingCast, truncates_and_stays_in_the_range) {
       {-INFINITY, INT32_MIN, 0, -32768},
       {NAN, 0, 0, 0},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(olvex::saturating_cast<int32_t>(row.value), row.as_int) << row.value;
-    EXPECT_EQ(olvex::saturating_cast<uint32_t>(row.value), row.as_unsigned) << row.value;
-    EXPECT_EQ(olvex::saturating_cast<int16_t>(row.value), row.as_short) << row.value;
+  for (const auto& [value, as_int, as_unsigned, as_short] : rows) {
+    EXPECT_EQ(olvex::saturating_cast<int32_t>(value), as_int) << value;
+    EXPECT_EQ(olvex::saturating_cast<uint32_t>(value), as_unsigned) << value;
+    EXPECT_EQ(olvex::saturating_cast<int16_t>(value), as_short) << value;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <math.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -134,12 +135,7 @@ TEST(RawDecode, refuses_layers_that_do_not_fit) {
   typedef DetDecodeInfo I;
   const char kIndex[] = "illegal access to out layer", kShape[] = "Mismatch between input shape(";
   const char kCell[] = "mismatch between out shape(", kType[] = "Not implemented out format: 4 !";
-  const struct {
-    const char* name;
-    int index, result;
-    const char* error;
-    void (*change)(I&);
-  } rows[] = {
+  const std::tuple<const char*, int, int, const char*, void (*)(I&)> rows[] = {
       {"as it should be", 0, 0, "", [](I&) {}},
       {"layer too large", 1, 2, kIndex, [](I&) {}},
       {"layer negative", -1, 2, kIndex, [](I&) {}},
@@ -155,15 +151,15 @@ TEST(RawDecode, refuses_layers_that_do_not_fit) {
       {"no bins", 0, 12, kCell, [](I& i) { i.reg_max = 0, i.net_out_c[0] = 2; }},
       {"element type", 0, 2, kType, [](I& i) { i.out_format = QV_IPU_FORMAT_INT8; }},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, index, result, error, change] : rows) {
+    SCOPED_TRACE(name);
     Layer layer(4, 2, Values(4 * 2 * 6, -9.0f), QV_IPU_FORMAT_FP32);
-    row.change(layer.info);
+    change(layer.info);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(layer.decode(row.index), row.result);
+    EXPECT_EQ(layer.decode(index), result);
     const std::string errors = captured_errors();
-    EXPECT_EQ(errors.find(row.error), 0u) << errors;
-    EXPECT_EQ(errors.empty(), row.result == 0);
+    EXPECT_EQ(errors.find(error), 0u) << errors;
+    EXPECT_EQ(errors.empty(), result == 0);
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -85,19 +86,7 @@ std::vector<int> contents(const olvex::vector<T>& v) {
   return std::vector<int>(v.begin(), v.end());
 }
 
-TEST(Vector, reserves_by_its_own_rule) {
-  CountedVector v;
-  std::vector<size_t> capacities;
-  for (const size_t size : {1u, 2u, 3u, 4u, 10u, 8u, 5u, 9u, 6u, 7u, 3u, 0u}) {
-    v.resize(size, 7);
-    capacities.push_back(v.capacity());
-  }
-  EXPECT_EQ(capacities, (std::vector<size_t>{2, 4, 6, 8, 20, 16, 16, 18, 18, 14, 14, 14}));
-  v.clear();
-  v.resize(0, 7);
-  EXPECT_TRUE(v.data() == NULL && v.capacity() == 0);
-
-  // Asked for less in steps, the rule comes down to the elements and no further.
+TEST(Vector, comes_down_to_its_elements_and_no_further_when_asked_for_less_in_steps) {
   olvex::vector<int> shrunk(10, 7);
   for (size_t n = 10; n > 0; --n) {
     shrunk.try_alloc(n);
@@ -108,10 +97,7 @@ TEST(Vector, reserves_by_its_own_rule) {
 
 TEST(Vector, survives_the_failure_of_every_allocation) {
   typedef CountedVector V;
-  const struct {
-    const char* name;
-    void (*operation)(V&);
-  } rows[] = {
+  const std::tuple<const char*, void (*)(V&)> rows[] = {
       {"push_back", [](V& v) { v.push_back(8); }},
       {"push_back of its own", [](V& v) { v.push_back(v[0]); }},
       {"resize", [](V& v) { v.resize(9, 7); }},
@@ -125,15 +111,15 @@ TEST(Vector, survives_the_failure_of_every_allocation) {
       {"copy", [](V& v) { EXPECT_EQ(contents(V(v)), contents(v)); }},
       {"swap", [](V& v) { olvex::swap(v[0], v[2]); }},
   };
-  for (const auto& row : rows) {
+  for (const auto& [name, operation] : rows) {
     const int arrays_before = g_live_arrays;
     bool failed = true;
     for (int n = 1; failed; ++n) {
-      SCOPED_TRACE(std::string(row.name) + ", allocation " + std::to_string(n));
+      SCOPED_TRACE(std::string(name) + ", allocation " + std::to_string(n));
       CountedVector v(3, Counted(1));
       g_allocations_until_failure = n;
       try {
-        row.operation(v);
+        operation(v);
         failed = g_allocations_until_failure == 0;
       } catch (const std::bad_alloc&) {
       }
@@ -144,8 +130,8 @@ TEST(Vector, survives_the_failure_of_every_allocation) {
       EXPECT_EQ(v[v.size() - 1], 2);
       ASSERT_LT(n, 100);
     }
-    EXPECT_EQ(g_live_arrays, arrays_before) << row.name;
-    EXPECT_TRUE(Counted::live().empty()) << row.name;
+    EXPECT_EQ(g_live_arrays, arrays_before) << name;
+    EXPECT_TRUE(Counted::live().empty()) << name;
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <math.h>
 
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,12 +22,8 @@ TEST(StableBox, holds_corners_strictly_above_its_threshold) {
   const BoxInfo close = make_box(0, 0, 100, 80), as_close = make_box(0, 20, 100, 100);
   const BoxInfo closer = make_box(0, 0, 100, 90), point = make_box(5, 5, 5, 5);
   const BoxInfo far_off = make_box(10, 20, 30, 60);
-  const struct {
-    const char* name;
-    std::vector<BoxInfo> previous;
-    BoxInfo next;
-    int held;  // index of the previous box; -1: none
-  } rows[] = {
+  // Last the index of the previous box that is held; -1: none.
+  const std::tuple<const char*, std::vector<BoxInfo>, BoxInfo, int> rows[] = {
       {"first call", {}, square, -1},
       {"overlap 0.63", {square}, make_box(0, 0, 100, 63), -1},
       {"overlap just above", {square}, make_box(0, 0, 100, nextafterf(63, 64)), 0},
@@ -40,14 +37,13 @@ TEST(StableBox, holds_corners_strictly_above_its_threshold) {
       {"the constant decides", {thin}, make_box(0, 0, 1.71e-7f, 1.001f), 0},
       {"on its other side", {thin}, make_box(0, 0, 1.7e-7f, 1.001f), -1},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [name, previous, next, held] : rows) {
+    SCOPED_TRACE(name);
     OLVEX_StableBox stabiliser;
-    stabiliser.stable_box(list_of(row.previous));
-    const olvex::vector<BoxInfo> result = stabiliser.stable_box(list_of({row.next}));
+    stabiliser.stable_box(list_of(previous));
+    const olvex::vector<BoxInfo> result = stabiliser.stable_box(list_of({next}));
     ASSERT_EQ(result.size(), 1u);
-    expect_corners(result[0],
-                   row.held < 0 ? row.next : row.previous[static_cast<size_t>(row.held)]);
+    expect_corners(result[0], held < 0 ? next : previous[static_cast<size_t>(held)]);
   }
 }
 
