@@ -10,9 +10,8 @@
 #include "fuzz/fuzz_file.h"
 #include "tools/common/command.h"
 #include "tools/compare/compare.h"
-#include "tools/eval/coco/coco_files.h"
-#include "tools/eval/coco/coco_report.h"
-#include "tools/eval/mot/mot_report.h"
+#include "tools/eval/coco/coco.h"
+#include "tools/eval/mot/mot.h"
 
 namespace {
 

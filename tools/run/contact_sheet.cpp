@@ -1,6 +1,6 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Declared in run_outputs.h; tile_grid.h has the grid.
-#include "tools/run/run_outputs.h"
+// Declared in run.h; tile_grid.h has the grid.
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <cmath>
@@ -17,7 +17,7 @@ namespace {
 // Keeps every stride-th frame. When that makes four times as many as wanted, every second one goes
 // and the stride doubles; so at the end there are at least twice as many to choose from, all
 // equally far apart.
-class ContactSheetWriter : public PictureWriter {
+class ContactSheetWriter : public FrameWriter {
  public:
   ContactSheetWriter(const std::string& path, std::size_t tiles)
       : path_(path), file_(path, nullptr, OutputForm::kWhole), wanted_(tiles) {}
@@ -86,8 +86,7 @@ class ContactSheetWriter : public PictureWriter {
 
 }  // namespace
 
-std::unique_ptr<PictureWriter> make_contact_sheet_writer(const std::string& path,
-                                                         std::size_t tiles) {
+std::unique_ptr<FrameWriter> make_contact_sheet_writer(const std::string& path, std::size_t tiles) {
   return std::make_unique<ContactSheetWriter>(path, tiles);
 }
 

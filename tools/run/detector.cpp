@@ -1,6 +1,6 @@
 // detector.cpp - create, initialise, configure, run, free. result_codes.h puts the
 // library's codes into words.
-#include "tools/run/detector.h"
+#include "tools/run/run.h"
 
 #include <cerrno>
 #include <chrono>

@@ -1,6 +1,6 @@
-// picture_writers.cpp - video and folder of annotated frames. Declared in
-// run_outputs.h; contact_sheet.cpp holds the third writer.
-#include "tools/run/run_outputs.h"
+// picture_writers.cpp - video and folder of annotated frames. Declared in run.h;
+// contact_sheet.cpp holds the third writer.
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -38,7 +38,7 @@ fs::file_type type_of(const fs::path& path) {
   return fs::symlink_status(path, ignored).type();
 }
 
-class VideoWriter : public PictureWriter {
+class VideoWriter : public FrameWriter {
  public:
   VideoWriter(const std::string& path, double frames_per_second,
               std::function<void(const std::string&)> notice)
@@ -117,7 +117,7 @@ class VideoWriter : public PictureWriter {
   long written_ = 0;
 };
 
-class FolderWriter : public PictureWriter {
+class FolderWriter : public FrameWriter {
  public:
   FolderWriter(const std::string& folder, const std::string& extension)
       : folder_(folder), extension_(extension) {
@@ -148,14 +148,14 @@ class FolderWriter : public PictureWriter {
 
 }  // namespace
 
-std::unique_ptr<PictureWriter> make_video_writer(
+std::unique_ptr<FrameWriter> make_video_writer(
     const std::string& path, double frames_per_second,
     const std::function<void(const std::string&)>& notice) {
   return std::make_unique<VideoWriter>(path, frames_per_second, notice);
 }
 
-std::unique_ptr<PictureWriter> make_folder_writer(const std::string& folder,
-                                                  const std::string& extension) {
+std::unique_ptr<FrameWriter> make_folder_writer(const std::string& folder,
+                                                const std::string& extension) {
   return std::make_unique<FolderWriter>(folder, extension);
 }
 

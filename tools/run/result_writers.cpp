@@ -1,5 +1,6 @@
-// result_writers.cpp - one class per format. Declared in run_outputs.h.
-#include "tools/run/run_outputs.h"
+// result_writers.cpp - a text per frame for each format of lines, and the list of COCO results.
+// Declared in run.h.
+#include "tools/run/run.h"
 
 #include <charconv>
 #include <cmath>
@@ -65,67 +66,59 @@ Json box_of(const Detection& detection, const std::vector<std::string>& class_na
   return box;
 }
 
-class JsonLinesWriter : public ResultWriter {
- public:
-  JsonLinesWriter(const std::string& path, FILE* standard_output,
-                  const std::vector<std::string>& class_names)
-      : file_(path, standard_output, OutputForm::kLines), class_names_(class_names) {}
-
-  void write(const FrameRecord& record) override {
-    Json boxes = Json::array();
-    for (const Detection& detection : record.detections) {
-      boxes.push_back(box_of(detection, class_names_));
-    }
-    const Json line = {{"schema_version", kFrameSchemaVersion},
-                       {"frame", record.number},
-                       {"pts", record.pts},
-                       {"source", record.source},
-                       {"size", {{"width", record.width}, {"height", record.height}}},
-                       {"boxes", std::move(boxes)},
-                       {"milliseconds",
-                        {{"decode", rounded(record.milliseconds.decode)},
-                         {"conversion", rounded(record.milliseconds.conversion)},
-                         {"network", rounded(record.milliseconds.network)},
-                         {"postprocessing", rounded(record.milliseconds.postprocessing)}}}};
-    file_.write(text_of(line) + "\n");
+std::string json_line_of(const FrameRecord& record, const std::vector<std::string>& class_names) {
+  Json boxes = Json::array();
+  for (const Detection& detection : record.detections) {
+    boxes.push_back(box_of(detection, class_names));
   }
+  return text_of({{"schema_version", kFrameSchemaVersion},
+                  {"frame", record.number},
+                  {"pts", record.pts},
+                  {"source", record.source},
+                  {"size", {{"width", record.width}, {"height", record.height}}},
+                  {"boxes", std::move(boxes)},
+                  {"milliseconds",
+                   {{"decode", rounded(record.milliseconds.decode)},
+                    {"conversion", rounded(record.milliseconds.conversion)},
+                    {"network", rounded(record.milliseconds.network)},
+                    {"postprocessing", rounded(record.milliseconds.postprocessing)}}}}) +
+         "\n";
+}
 
+std::string mot_rows_of(const FrameRecord& record) {
+  std::string rows;
+  for (const Detection& detection : record.detections) {
+    const std::string id = detection.track_id ? std::to_string(*detection.track_id) : "-1";
+    rows += std::to_string(record.number) + "," + id + "," + std::to_string(detection.x) + "," +
+            std::to_string(detection.y) + "," + std::to_string(detection.width) + "," +
+            std::to_string(detection.height) + "," + shortest_text(detection.score) + "," +
+            std::to_string(detection.class_id) + ",-1,-1\n";
+  }
+  return rows;
+}
+
+using LinesOf = std::function<std::string(const FrameRecord&)>;
+
+class LinesWriter : public FrameWriter {
+ public:
+  LinesWriter(const std::string& path, FILE* standard_output, LinesOf lines_of)
+      : file_(path, standard_output, OutputForm::kLines), lines_of_(std::move(lines_of)) {}
+
+  void write(FramePicture* frame) override { file_.write(lines_of_(frame->record())); }
   void finish() override { file_.close(); }
 
  private:
   OutputFile file_;
-  std::vector<std::string> class_names_;
+  LinesOf lines_of_;
 };
 
-class MotWriter : public ResultWriter {
- public:
-  MotWriter(const std::string& path, FILE* standard_output)
-      : file_(path, standard_output, OutputForm::kLines) {}
-
-  void write(const FrameRecord& record) override {
-    std::string rows;
-    for (const Detection& detection : record.detections) {
-      const std::string id = detection.track_id ? std::to_string(*detection.track_id) : "-1";
-      rows += std::to_string(record.number) + "," + id + "," + std::to_string(detection.x) + "," +
-              std::to_string(detection.y) + "," + std::to_string(detection.width) + "," +
-              std::to_string(detection.height) + "," + shortest_text(detection.score) + "," +
-              std::to_string(detection.class_id) + ",-1,-1\n";
-    }
-    file_.write(rows);
-  }
-
-  void finish() override { file_.close(); }
-
- private:
-  OutputFile file_;
-};
-
-class CocoWriter : public ResultWriter {
+class CocoWriter : public FrameWriter {
  public:
   CocoWriter(const std::string& path, FILE* standard_output)
       : file_(path, standard_output, OutputForm::kWhole) {}
 
-  void write(const FrameRecord& record) override {
+  void write(FramePicture* frame) override {
+    const FrameRecord& record = frame->record();
     std::string items = opening();
     for (const Detection& detection : record.detections) {
       const Json item = {{"image_id", record.image_id},
@@ -157,16 +150,18 @@ class CocoWriter : public ResultWriter {
 
 }  // namespace
 
-std::unique_ptr<ResultWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
-                                                     const std::vector<std::string>& class_names) {
-  return std::make_unique<JsonLinesWriter>(path, standard_output, class_names);
+std::unique_ptr<FrameWriter> make_json_lines_writer(const std::string& path, FILE* standard_output,
+                                                    const std::vector<std::string>& class_names) {
+  return std::make_unique<LinesWriter>(
+      path, standard_output,
+      [class_names](const FrameRecord& record) { return json_line_of(record, class_names); });
 }
 
-std::unique_ptr<ResultWriter> make_mot_writer(const std::string& path, FILE* standard_output) {
-  return std::make_unique<MotWriter>(path, standard_output);
+std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output) {
+  return std::make_unique<LinesWriter>(path, standard_output, mot_rows_of);
 }
 
-std::unique_ptr<ResultWriter> make_coco_writer(const std::string& path, FILE* standard_output) {
+std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output) {
   return std::make_unique<CocoWriter>(path, standard_output);
 }
 

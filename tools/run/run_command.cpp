@@ -8,7 +8,7 @@
 #include "tools/common/command.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
-#include "tools/run/run_session.h"
+#include "tools/run/run.h"
 
 namespace olvex_tools {
 

@@ -1,6 +1,6 @@
 // run_log.cpp - the log in an anonymous file of the kernel's, emptied after every good frame, so
 // that a run of days needs no disk.
-#include "tools/run/run_log.h"
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
 // run_outputs.cpp - opens, feeds and completes the outputs of a run.
-#include "tools/run/run_outputs.h"
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <exception>
@@ -22,19 +22,6 @@ std::vector<OutputOption> output_options(const OutputOptions& options) {
           {"--contact-sheet", options.contact_sheet}};
 }
 
-template <typename Writers>
-void finish_all(Writers& writers, std::vector<ToolError>* failures) {
-  for (const auto& writer : writers) {
-    try {
-      writer->finish();
-    } catch (const ToolError& error) {
-      failures->push_back(error);
-    } catch (const std::exception& error) {
-      failures->emplace_back(kInternalError, std::string("unexpected error: ") + error.what());
-    }
-  }
-}
-
 }  // namespace
 
 bool uses_standard_output(const OutputOptions& options) {
@@ -55,41 +42,45 @@ RunOutputs::RunOutputs(const OutputOptions& options, FILE* standard_output,
                        const std::function<void(const std::string&)>& notice)
     : class_names_(class_names) {
   if (!options.json_lines.empty()) {
-    result_writers_.push_back(
-        make_json_lines_writer(options.json_lines, standard_output, class_names_));
+    writers_.push_back(make_json_lines_writer(options.json_lines, standard_output, class_names_));
   }
   if (!options.mot.empty()) {
-    result_writers_.push_back(make_mot_writer(options.mot, standard_output));
+    writers_.push_back(make_mot_writer(options.mot, standard_output));
   }
   if (!options.coco.empty()) {
-    result_writers_.push_back(make_coco_writer(options.coco, standard_output));
+    writers_.push_back(make_coco_writer(options.coco, standard_output));
   }
+  const std::size_t without_pictures = writers_.size();
   if (!options.video.empty()) {
-    picture_writers_.push_back(make_video_writer(options.video, frames_per_second, notice));
+    writers_.push_back(make_video_writer(options.video, frames_per_second, notice));
   }
   if (!options.pictures.empty()) {
-    picture_writers_.push_back(make_folder_writer(options.pictures, options.picture_extension));
+    writers_.push_back(make_folder_writer(options.pictures, options.picture_extension));
   }
   if (!options.contact_sheet.empty()) {
-    picture_writers_.push_back(
-        make_contact_sheet_writer(options.contact_sheet, options.contact_frames));
+    writers_.push_back(make_contact_sheet_writer(options.contact_sheet, options.contact_frames));
   }
+  needs_picture_ = writers_.size() > without_pictures;
 }
 
 void RunOutputs::write(const FrameRecord& record, const cv::Mat& picture) {
-  for (const auto& writer : result_writers_) {
-    writer->write(record);
-  }
   FramePicture frame(record, class_names_, picture);
-  for (const auto& writer : picture_writers_) {
+  for (const auto& writer : writers_) {
     writer->write(&frame);
   }
 }
 
 std::vector<ToolError> RunOutputs::finish() {
   std::vector<ToolError> failures;
-  finish_all(result_writers_, &failures);
-  finish_all(picture_writers_, &failures);
+  for (const auto& writer : writers_) {
+    try {
+      writer->finish();
+    } catch (const ToolError& error) {
+      failures.push_back(error);
+    } catch (const std::exception& error) {
+      failures.emplace_back(kInternalError, std::string("unexpected error: ") + error.what());
+    }
+  }
   return failures;
 }
 

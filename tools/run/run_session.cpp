@@ -1,6 +1,6 @@
 // run_session.cpp - the loop over the frames, its setup and its end. Frames come from frame_source.h
-// and go to detector.h.
-#include "tools/run/run_session.h"
+// and go to the detector.
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,8 +17,6 @@
 #include "tools/inside/network_trial.h"
 #include "tools/common/output_file.h"
 #include "tools/common/progress.h"
-#include "tools/run/run_log.h"
-#include "tools/run/run_summary.h"
 
 namespace olvex_tools {
 

@@ -1,5 +1,5 @@
 // run_summary.cpp - counts, medians and their two presentations.
-#include "tools/run/run_summary.h"
+#include "tools/run/run.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,5 @@
 // coco_files.cpp - the members of COCO's files, and the ids that tie them together.
-#include "tools/eval/coco/coco_files.h"
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <set>

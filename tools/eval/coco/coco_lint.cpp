@@ -1,6 +1,6 @@
-// coco_lint.cpp - one function per kind of warning. Declared in coco_files.h; coco_shift_lint.cpp finds ids
+// coco_lint.cpp - one function per kind of warning. Declared in coco.h; coco_shift_lint.cpp finds ids
 // that fit better when shifted.
-#include "tools/eval/coco/coco_files.h"
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <map>
@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "tools/common/text.h"
-#include "tools/eval/coco/coco_metrics.h"
 
 namespace olvex_tools {
 

@@ -1,5 +1,5 @@
-// coco_matching.cpp - greedy matching by descending score. Declared in coco_metrics.h.
-#include "tools/eval/coco/coco_metrics.h"
+// coco_matching.cpp - greedy matching by descending score. Declared in coco.h.
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <map>

@@ -1,5 +1,5 @@
 // coco_metrics.cpp - from matches to curves, from curves to means.
-#include "tools/eval/coco/coco_metrics.h"
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <bitset>

@@ -1,6 +1,6 @@
 // coco_picture_errors.cpp - two matchings at one overlap: within each class for the errors, across
 // classes for the confusion.
-#include "tools/eval/coco/coco_picture_errors.h"
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <tuple>

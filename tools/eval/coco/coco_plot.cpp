@@ -1,5 +1,5 @@
-// coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Declared in coco_report.h.
-#include "tools/eval/coco/coco_report.h"
+// coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Declared in coco.h.
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <vector>

@@ -1,5 +1,5 @@
 // coco_report.cpp - tables in fixed columns, and the same as JSON.
-#include "tools/eval/coco/coco_report.h"
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <set>

@@ -1,5 +1,5 @@
 // coco_shift_lint.cpp - ids of a result that seem to be shifted against those of the truth: more truth boxes
-// are found, or all ids are known, when they are taken for others. Declared in coco_files.h.
+// are found, or all ids are known, when they are taken for others. Declared in coco.h.
 #include <algorithm>
 #include <functional>
 #include <set>
@@ -7,9 +7,7 @@
 #include <utility>
 
 #include "tools/common/text.h"
-#include "tools/eval/coco/coco_files.h"
-#include "tools/eval/coco/coco_metrics.h"
-#include "tools/eval/coco/coco_picture_errors.h"
+#include "tools/eval/coco/coco.h"
 
 namespace olvex_tools {
 

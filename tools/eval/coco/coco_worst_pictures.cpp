@@ -1,6 +1,6 @@
 // coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
-// Declared in coco_picture_errors.h.
-#include "tools/eval/coco/coco_picture_errors.h"
+// Declared in coco.h.
+#include "tools/eval/coco/coco.h"
 
 #include <algorithm>
 #include <cmath>

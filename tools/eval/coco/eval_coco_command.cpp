@@ -3,8 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include "tools/eval/coco/coco_files.h"
-#include "tools/eval/coco/coco_report.h"
+#include "tools/eval/coco/coco.h"
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
 #include "tools/frames/own_files.h"

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "tools/common/command.h"
-#include "tools/eval/mot/mot_report.h"
+#include "tools/eval/mot/mot.h"
 #include "tools/common/output_file.h"
 #include "tools/frames/own_files.h"
 

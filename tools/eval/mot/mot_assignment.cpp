@@ -1,8 +1,8 @@
 // mot_assignment.cpp - optimal assignment by shortest augmenting paths: H. W. Kuhn, "The Hungarian
 // method for the assignment problem", Naval Research Logistics Quarterly 2, 1955; R. Jonker,
 // A. Volgenant, "A shortest augmenting path algorithm for dense and sparse linear assignment
-// problems", Computing 38, 1987. Declared in mot_clip.h.
-#include "tools/eval/mot/mot_clip.h"
+// problems", Computing 38, 1987. Declared in mot.h.
+#include "tools/eval/mot/mot.h"
 
 #include <algorithm>
 #include <limits>

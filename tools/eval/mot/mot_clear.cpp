@@ -1,5 +1,5 @@
-// mot_clear.cpp - one pass over the frames with a memory of each object. Declared in mot_metrics.h.
-#include "tools/eval/mot/mot_metrics.h"
+// mot_clear.cpp - one pass over the frames with a memory of each object. Declared in mot.h.
+#include "tools/eval/mot/mot.h"
 
 #include <limits>
 

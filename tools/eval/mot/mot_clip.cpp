@@ -1,5 +1,5 @@
 // mot_clip.cpp - merges two files by frame and takes ignored truth out.
-#include "tools/eval/mot/mot_clip.h"
+#include "tools/eval/mot/mot.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,5 +1,5 @@
 // mot_files.cpp - reading rows of comma separated numbers.
-#include "tools/eval/mot/mot_files.h"
+#include "tools/eval/mot/mot.h"
 
 #include <algorithm>
 #include <charconv>

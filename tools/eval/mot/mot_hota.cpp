@@ -1,6 +1,6 @@
 // mot_hota.cpp - two passes over the frames: how well objects and tracks go together over the whole
-// clip, then the assignment in each frame that follows it. Declared in mot_metrics.h.
-#include "tools/eval/mot/mot_metrics.h"
+// clip, then the assignment in each frame that follows it. Declared in mot.h.
+#include "tools/eval/mot/mot.h"
 
 #include <cmath>
 #include <map>

@@ -1,11 +1,10 @@
-// mot_lint.cpp - one function per kind of mistake. Declared in mot_files.h.
+// mot_lint.cpp - one function per kind of mistake. Declared in mot.h.
 
 #include <algorithm>
 #include <set>
 
 #include "tools/common/text.h"
-#include "tools/eval/mot/mot_clip.h"
-#include "tools/eval/mot/mot_files.h"
+#include "tools/eval/mot/mot.h"
 
 namespace olvex_tools {
 

@@ -1,5 +1,5 @@
 // mot_metrics.cpp - from counts to metrics.
-#include "tools/eval/mot/mot_metrics.h"
+#include "tools/eval/mot/mot.h"
 
 #include <map>
 #include <utility>

@@ -1,6 +1,6 @@
 // mot_report.cpp - a table of metrics, a table of counts, and the same as JSON with each object's
 // runs.
-#include "tools/eval/mot/mot_report.h"
+#include "tools/eval/mot/mot.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,5 +1,5 @@
-// mot_timeline.cpp - the picture as SVG elements, one string each. Declared in mot_report.h.
-#include "tools/eval/mot/mot_report.h"
+// mot_timeline.cpp - the picture as SVG elements, one string each. Declared in mot.h.
+#include "tools/eval/mot/mot.h"
 
 #include <algorithm>
 #include <cmath>
