@@ -57,11 +57,10 @@ class Street:
 
 def _near_an_anchor(street):
     offset = street.offset()
-    largest = {8: (132, 120), 16: (248, 476), 32: (1492, 1304)}  # four times the largest anchor of a stride
-    anchors = {8: ((10, 13), (16, 30), (33, 23)), 16: ((30, 61), (62, 45), (59, 119)), 32: ((116, 90), (156, 198),
-                                                                                            (373, 326))}
+    anchors = {8: ((10, 13), (16, 30), (33, 23)), 16: ((30, 61), (62, 45), (59, 119)),
+               32: ((116, 90), (156, 198), (373, 326))}
     fits = [any((size < 3.99 * np.array(anchor)).all() for anchor in anchors[int(stride)])
-            and (size < largest[int(stride)]).all() for size, stride in zip(street.size(), street.stride)]
+            for size, stride in zip(street.size(), street.stride)]
     return ((offset > -.49) & (offset < 1.49)).all(1) & np.array(fits, bool)
 
 
@@ -69,13 +68,17 @@ def _within_the_bins(street):
     return (street.sides < 6.99).all(1)
 
 
+def _within_many_bins(street):
+    return (street.sides < 14.99).all(1)
+
+
 def _of_the_own_layer(street):
     return (street.stride == 16) & (np.abs(street.offset()) < .99).all(1)
 
 
 def _expressed(family, street):
-    for start, rule in (("anchors", _near_an_anchor), ("distance-bins", _within_the_bins),
-                        ("own-formula", _of_the_own_layer)):
+    for start, rule in (("anchors", _near_an_anchor), ("distance-bins-many", _within_many_bins),
+                        ("distance-bins", _within_the_bins), ("own-formula", _of_the_own_layer)):
         if family.startswith(start):
             return rule(street)
     return np.ones(len(street.scores), bool)

@@ -119,11 +119,11 @@ def own_formula(outputs, width, height):
 
 
 def _binned(scores, bins, width, height):
-    bins = bins.reshape(-1, 4, 8).astype(float)
+    bins = bins.reshape(len(bins), 4, -1).astype(float)
     shares = np.exp(bins - bins.max(2, keepdims=True))
     shares /= shares.sum(2, keepdims=True)
     column, row, stride = all_cells(width, height)
-    left, top, right, bottom = (shares * range(8)).sum(2).T * stride
+    left, top, right, bottom = (shares * range(bins.shape[2])).sum(2).T * stride
     x, y = (column + .5) * stride, (row + .5) * stride
     return Rows(np.stack([x - left, y - top, x + right, y + bottom], 1), scores)
 
@@ -226,7 +226,8 @@ DECODERS = {
     "combined": combined, "combined-rows": combined_rows, "combined-keypoints": combined_keypoints,
     "end-to-end": end_to_end, "objectness": objectness, "objectness-offsets": objectness_offsets,
     "anchors": anchors, "anchors-5d": anchors_5d, "anchors-decoded": objectness,
-    "distance-bins": distance_bins, "distance-bins-joined": distance_bins_joined,
+    "distance-bins": distance_bins, "distance-bins-many": distance_bins,
+    "distance-bins-joined": distance_bins_joined,
     "distance-bins-joined-planes": distance_bins_joined_planes,
     "distance-bins-one-output": distance_bins_one_output, "cls-obj-box-keypoints": cls_obj_box_keypoints,
     "priors": priors, "priors-landmarks": priors_landmarks, "priors-no-background": priors_no_background,

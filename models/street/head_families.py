@@ -9,6 +9,7 @@ from head_graph import ALL, CLASSES, PERSON, decoded_distances
 POINTS = ((.35, .3), (.65, .3), (.5, .5), (.4, .7), (.6, .7))
 POINT_LOGITS = (2.0, 1.5, 1.0, .5, 0.0)  # a point's score is the sigmoid of the person's logit and this
 BINS = 8
+MANY_BINS = 16                           # enough for all distances of the street
 OWN_STRIDE = 16                          # the layer that own_formula has
 OWN_LOGIT = 8.0                          # of the best class, before the softmax; others have 0
 
@@ -152,13 +153,13 @@ def own_formula(graph):
 # ---- Distances ----------------------------------------------------------------------------------
 
 
-def _class_and_bin_maps(graph, layer):
+def _class_and_bin_maps(graph, layer, bins=BINS):
     """Class probabilities and the logarithms of the bins' shares. A distance lies between two bins, which
     share it; a box with a side beyond the last bin cannot be expressed."""
-    weights = np.kron(np.eye(4), np.ones((BINS, 1)))
-    away = graph.node("Abs", graph.affine(layer.distances, weights, -np.tile(np.arange(BINS), 4)))
+    weights = np.kron(np.eye(4), np.ones((bins, 1)))
+    away = graph.node("Abs", graph.affine(layer.distances, weights, -np.tile(np.arange(bins), 4)))
     shares = graph.node("Relu", graph.node("Add", graph.node("Mul", away, -1.0), 1.0))
-    reachable = graph.every(graph.between(layer.distances, -1.0, BINS - 1.001), 1, 4)
+    reachable = graph.every(graph.between(layer.distances, -1.0, bins - 1.001), 1, 4)
     logits = graph.masked(layer.logits(ALL), graph.repeated(reachable, CLASSES))
     return graph.node("Sigmoid", logits), graph.node("Log", graph.node("Add", shares, 1e-9))
 
@@ -167,12 +168,16 @@ def _as_rows(graph, tensor, channels, layer):
     return graph.node("Transpose", graph.flat(tensor, channels, layer.cells), perm=[0, 2, 1])
 
 
-def distance_bins(graph):
-    maps = [_class_and_bin_maps(graph, layer) for layer in graph.layers]
-    for part, (name, channels) in enumerate((("cls_pred_stride", CLASSES), ("dis_pred_stride", 4 * BINS))):
+def distance_bins(graph, bins=BINS):
+    maps = [_class_and_bin_maps(graph, layer, bins) for layer in graph.layers]
+    for part, (name, channels) in enumerate((("cls_pred_stride", CLASSES), ("dis_pred_stride", 4 * bins))):
         for layer, pair in zip(graph.layers, maps):
             graph.output(f"{name}_{layer.stride}", _as_rows(graph, pair[part], channels, layer),
                          [1, layer.cells, channels])
+
+
+def distance_bins_many(graph):
+    distance_bins(graph, MANY_BINS)
 
 
 def distance_bins_joined(graph):

@@ -50,6 +50,7 @@ FAMILIES = {
     "anchors-decoded": (head_priors.anchors_decoded, "1 x A*N x 5+nc: the same in pixels, scores 0 to 1"),
     "distance-bins": (head_families.distance_bins,
                       "for each S class scores 1 x HW x nc, and 8 bins for each side's distance 1 x HW x 32"),
+    "distance-bins-many": (head_families.distance_bins_many, "the same with 16 bins, 1 x HW x 64"),
     "distance-bins-joined": (head_families.distance_bins_joined, "both side by side, for each S 1 x HW x nc+32"),
     "distance-bins-joined-planes": (head_families.distance_bins_joined_planes, "the same as 1 x nc+32 x H x W"),
     "distance-bins-one-output": (head_families.distance_bins_one_output, "the same of all strides, 1 x N x nc+32"),
