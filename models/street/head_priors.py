@@ -28,19 +28,34 @@ def _in_order(groups):
     return np.eye(starts[-1])[order]
 
 
+def _nearest(graph, layer, sides):
+    """1 for the one of ascending sides (of squares, in pixels) that is nearest to the box in area, otherwise 0."""
+    sides = np.array(sides, float) / layer.stride
+    between = np.log(sides[:-1] * sides[1:])
+    log_area = graph.affine(layer.centre_and_log_size, [[0, 0, 1, 1]])
+    above = graph.step(graph.affine(log_area, np.ones((len(between), 1)), -between))
+    count = len(sides)
+    weights = np.eye(count, count - 1, k=-1) - np.eye(count, count - 1)
+    return graph.affine(above, weights, np.eye(count)[0])
+
+
 # ---- Anchors ------------------------------------------------------------------------------------
 
 
 def _anchor_map(graph, layer):
     """1 x A*(5+nc) x H x W, logits. An anchor reaches sizes up to four times its own, and centres up to half
-    a cell beyond the cell; a box that no anchor reaches cannot be expressed."""
+    a cell beyond the cell. A box goes to the anchor nearest in area, or where that does not reach it, to the
+    first that does; a box that none reaches cannot be expressed."""
     anchors = np.array(ANCHORS[layer.stride], float) / layer.stride
     count = len(anchors)
     roots = graph.node("Sqrt", graph.sliced(layer.box, 2, 4))
     weights = np.concatenate([np.diag([.5, .5, *(.5 / np.sqrt(anchor))]) for anchor in anchors])
     values = graph.affine(graph.concat([graph.sliced(layer.box, 0, 2), roots]), weights, [.25, .25, 0, 0] * count)
     reached = graph.every(graph.between(values, EDGE, 1 - EDGE), count, 4)
-    chosen = graph.node("Relu", graph.affine(reached, np.eye(count) - np.tri(count, k=-1)))
+    first = graph.node("Relu", graph.affine(reached, np.eye(count) - np.tri(count, k=-1)))
+    nearest = graph.node("Mul", _nearest(graph, layer, np.sqrt(np.prod(ANCHORS[layer.stride], 1))), reached)
+    without = graph.affine(nearest, -np.ones((count, count)), np.ones(count))
+    chosen = graph.node("Add", nearest, graph.node("Mul", first, without))
     boxes = graph.logit(graph.clipped(values, EDGE, 1 - EDGE))
     objectness, classes = layer.objectness_and_classes
     objectness = graph.masked(graph.repeated(objectness, count), chosen)
@@ -89,17 +104,6 @@ def anchors_decoded(graph):
 # ---- Priors -------------------------------------------------------------------------------------
 
 
-def _chosen(graph, layer, all_sides):
-    """1 for the prior of a cell that is nearest in size, 0 for the others."""
-    sides = np.array(all_sides[layer.stride], float) / layer.stride
-    between = np.log(sides[:-1] * sides[1:])
-    log_area = graph.affine(layer.centre_and_log_size, [[0, 0, 1, 1]])
-    above = graph.step(graph.affine(log_area, np.ones((len(between), 1)), -between))
-    count = len(sides)
-    weights = np.eye(count, count - 1, k=-1) - np.eye(count, count - 1)
-    return graph.affine(above, weights, np.eye(count)[0])
-
-
 def _locations(graph, layer, all_sides):
     sides = np.array(all_sides[layer.stride], float) / layer.stride
     weights = np.concatenate([np.diag([1 / (CENTRE_VARIANCE * side)] * 2 + [1 / SIZE_VARIANCE] * 2) for side in sides])
@@ -122,7 +126,7 @@ def _logits_with_background(graph, layer, all_sides, classes):
     scores = layer.scores(classes)
     if columns > 1:
         scores = graph.node("Mul", scores, layer.is_best)
-    chosen = graph.affine(_chosen(graph, layer, all_sides), np.kron(np.eye(count), np.ones((columns, 1))))
+    chosen = graph.affine(_nearest(graph, layer, all_sides[layer.stride]), np.kron(np.eye(count), np.ones((columns, 1))))
     scores = graph.node("Mul", graph.affine(scores, np.tile(np.eye(columns), (count, 1))), chosen)
     background = graph.node("Relu", graph.affine(scores, -np.kron(np.eye(count), np.ones((1, columns))),
                                                  np.ones(count)))
@@ -132,7 +136,7 @@ def _logits_with_background(graph, layer, all_sides, classes):
 
 def _logits(graph, layer, all_sides):
     count = len(all_sides[layer.stride])
-    chosen = graph.affine(_chosen(graph, layer, all_sides), np.kron(np.eye(count), np.ones((CLASSES, 1))))
+    chosen = graph.affine(_nearest(graph, layer, all_sides[layer.stride]), np.kron(np.eye(count), np.ones((CLASSES, 1))))
     return graph.masked(graph.affine(layer.logits(ALL), np.tile(np.eye(CLASSES), (count, 1))), chosen)
 
 
