@@ -126,7 +126,8 @@ def _logits_with_background(graph, layer, all_sides, classes):
     scores = layer.scores(classes)
     if columns > 1:
         scores = graph.node("Mul", scores, layer.is_best)
-    chosen = graph.affine(_nearest(graph, layer, all_sides[layer.stride]), np.kron(np.eye(count), np.ones((columns, 1))))
+    nearest = _nearest(graph, layer, all_sides[layer.stride])
+    chosen = graph.affine(nearest, np.kron(np.eye(count), np.ones((columns, 1))))
     scores = graph.node("Mul", graph.affine(scores, np.tile(np.eye(columns), (count, 1))), chosen)
     background = graph.node("Relu", graph.affine(scores, -np.kron(np.eye(count), np.ones((1, columns))),
                                                  np.ones(count)))
@@ -136,7 +137,8 @@ def _logits_with_background(graph, layer, all_sides, classes):
 
 def _logits(graph, layer, all_sides):
     count = len(all_sides[layer.stride])
-    chosen = graph.affine(_nearest(graph, layer, all_sides[layer.stride]), np.kron(np.eye(count), np.ones((CLASSES, 1))))
+    nearest = _nearest(graph, layer, all_sides[layer.stride])
+    chosen = graph.affine(nearest, np.kron(np.eye(count), np.ones((CLASSES, 1))))
     return graph.masked(graph.affine(layer.logits(ALL), np.tile(np.eye(CLASSES), (count, 1))), chosen)
 
 

@@ -69,6 +69,17 @@ FAMILIES = {
 }
 
 
+# Of these the only class is the first, a person, which has key points.
+PERSONS = ("combined-keypoints", "cls-obj-box-keypoints", "priors-landmarks", "score-distance-keypoints")
+
+
+def facts_of(family):
+    names = (HERE / "classes.txt").read_text(encoding="utf-8").split()
+    if family in PERSONS:
+        return head_variants.Facts(names[:1], len(head_families.POINTS))
+    return head_variants.Facts(names, 0)
+
+
 def built(family):
     graph = HeadGraph(NETWORK)
     FAMILIES[family][0](graph)
@@ -79,7 +90,7 @@ def write(family, variants, path):
     """The file appears when it is complete; what stood there before stays until then."""
     model = built(family)
     for variant in variants:
-        head_variants.VARIANTS[variant][0](model, HERE / "classes.txt")
+        head_variants.VARIANTS[variant][0](model, facts_of(family))
     onnx.checker.check_model(model)
     partial = path.with_name(path.name + ".part")
     try:
