@@ -104,7 +104,7 @@ void OutputFile::empty_own_file() {
   // Some file systems have no locks; there a second run is not detected.
   if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     failed_ = true;
-    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file");
+    refuse_input(path_, "another program is writing to it. Name another file");
   }
   if (ftruncate(descriptor_, 0) != 0) {
     fail(errno);

@@ -241,9 +241,8 @@ double limit_factor() {
   constexpr double kLeast = 1e-3;
   constexpr double kMost = 1e3;
   if (error != std::errc() || stop != end || !(factor >= kLeast && factor <= kMost)) {
-    throw ToolError(kUsageError, std::string("the environment variable ") + kFactorVariable +
-                                     " is \"" + text + "\". Set it to a number from 0.001 to " +
-                                     "1000, or not at all");
+    refuse_usage(std::string("the environment variable ") + kFactorVariable + " is \"" + text +
+                 "\". Set it to a number from 0.001 to " + "1000, or not at all");
   }
   return factor;
 }
@@ -342,8 +341,7 @@ void require_harmless_network(const std::string& path, const std::string& name) 
     throw ToolError(kInterrupted, name + ": interrupted while the network was tried");
   }
   if (result.end != ChildEnd::kFinished) {
-    throw ToolError(kModelError,
-                    name + ": " + fault_of(result, limits) + remedy_of(result.end, limits));
+    refuse_model(name, fault_of(result, limits) + remedy_of(result.end, limits));
   }
 }
 

@@ -91,8 +91,8 @@ std::size_t find_class(const CocoTruth& truth, const std::string& wanted) {
     }
     names.push_back(category.name);
   }
-  throw ToolError(kUsageError, "--classes " + wanted + ": the truth has no such class id or name" +
-                                   did_you_mean(wanted, names));
+  refuse_usage("--classes " + wanted + ": the truth has no such class id or name" +
+               did_you_mean(wanted, names));
 }
 
 }  // namespace

@@ -68,6 +68,15 @@ std::vector<Box> with_classes(const std::vector<Box>& boxes, const std::set<int>
   return kept;
 }
 
+// Requires: the frame comes after the spans.
+void extend_spans(std::vector<FrameSpan>* spans, long frame) {
+  if (!spans->empty() && spans->back().last + 1 == frame) {
+    spans->back().last = frame;
+  } else {
+    spans->push_back({frame, frame});
+  }
+}
+
 }  // namespace
 
 double overlap_of(const Box& left, const Box& right) {
@@ -76,14 +85,6 @@ double overlap_of(const Box& left, const Box& right) {
 
 bool reaches(double overlap, double threshold) {
   return overlap >= threshold - std::numeric_limits<double>::epsilon();
-}
-
-void extend_spans(std::vector<FrameSpan>* spans, long frame) {
-  if (!spans->empty() && spans->back().last + 1 == frame) {
-    spans->back().last = frame;
-  } else {
-    spans->push_back({frame, frame});
-  }
 }
 
 MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {

@@ -1,0 +1,27 @@
+// json_text.h - reports as JSON: what all that write some share. json_reader.h reads.
+#ifndef TOOLS_COMMON_JSON_TEXT_H
+#define TOOLS_COMMON_JSON_TEXT_H
+
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace olvex_tools {
+
+using Json = nlohmann::ordered_json;
+
+template <typename Value>
+Json or_null(const std::optional<Value>& value) {
+  return value ? Json(*value) : Json(nullptr);
+}
+
+// One line, or with an indent several. Names from files need not be UTF-8, JSON must be: a
+// replaced character beats no report.
+inline std::string json_text(const Json& json, int indent = 2) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_COMMON_JSON_TEXT_H
