@@ -1,6 +1,6 @@
 // contract_platform.h - what the contract test asks of the platform that it is linked with.
 // Each platform has one source that defines these (scripted_contract_hook.cpp and its like); the
-// test itself, contract_test.cpp, knows nothing else of the platform but platform/include.
+// test itself, contract_test.cpp, includes nothing of the platform but platform/include.
 #ifndef TESTS_PLATFORM_CONTRACT_PLATFORM_H
 #define TESTS_PLATFORM_CONTRACT_PLATFORM_H
 
@@ -8,9 +8,10 @@
 
 namespace contract {
 
-// Before each test: brings the platform to its first state. Gives the bytes of a valid offline model:
-// one input, at least one FP32 or INT16 output.
-std::string make_model();
+// The bytes of a valid offline model: one input, at least one FP32 or INT16 output. Variant 0, the first
+// in each test, brings the platform to its first state; channels opened after variant 1 was made, from
+// its bytes, take frames of the same size and give other outputs of the same size.
+std::string make_model(int variant);
 
 }  // namespace contract
 

@@ -104,7 +104,7 @@ struct Channel {
 class OLVEX_CONTRACT_SUITE : public testing::Test {
  protected:
   void SetUp() override {
-    model_ = contract::make_model();
+    model_ = contract::make_model(0);
     std::ofstream(path_, std::ios::binary) << "key:value\n" << model_;
     ASSERT_EQ(0, create_device());
     channel_.open(&model_);
@@ -212,19 +212,23 @@ TEST_F(OLVEX_CONTRACT_SUITE, calls_on_a_channel_that_is_not_open_are_refused) {
 }
 
 TEST_F(OLVEX_CONTRACT_SUITE, invocations_replace_the_whole_output_and_channels_do_not_mix) {
+  Channel other_frame, other_model;
+  other_frame.open(&model_);
+  std::string model = contract::make_model(1);
+  other_model.open(&model);
+  other_frame.frame.assign(channel_.frame.size(), 50);
+  EXPECT_NE(channel_.output_over(0), other_model.output_over(0));
   std::vector<std::thread> threads;
-  for (const char value : {'\x64', '\x32'}) {
-    channel_.frame.assign(channel_.frame.size(), value);
-    threads.emplace_back([this, value, alone = channel_.output_over(0)] {
+  for (Channel* const own : {&channel_, &other_frame, &other_model}) {
+    threads.emplace_back([this, own, alone = own->output_over(0)] {
       for (int i = 1; i <= 20; ++i) {
-        Channel channel;
-        ASSERT_NO_FATAL_FAILURE(channel.open(&model_));
-        EXPECT_NE(channel_.id, channel.id);
-        channel.frame.assign(channel.frame.size(), value);
-        EXPECT_EQ(alone, channel.output_over(i));
-        EXPECT_EQ(alone, channel.output_over(-i));
-        EXPECT_EQ(0, QV_IPU_PutOutputTensors(channel.id, &channel.output));
-        EXPECT_EQ(0, QV_IPU_DestroyCHN(channel.id));
+        Channel passing;
+        ASSERT_NO_FATAL_FAILURE(passing.open(&model_));
+        EXPECT_NE(own->id, passing.id);
+        EXPECT_EQ(alone, own->output_over(i));
+        EXPECT_EQ(alone, own->output_over(-i));
+        EXPECT_EQ(0, QV_IPU_PutOutputTensors(passing.id, &passing.output));
+        EXPECT_EQ(0, QV_IPU_DestroyCHN(passing.id));
       }
     });
   }

@@ -65,6 +65,7 @@ extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES
   static const Routines routines = {qsort_descent_inplace,
                                     nms,
                                     det_decode_layers,
+                                    nms_sorted_bboxes,
                                     ipu_decode,
                                     create_tracker,
                                     destroy_tracker,

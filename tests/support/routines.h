@@ -1,5 +1,5 @@
 // routines.h - one whole library as a table of its routines, so that two of them can be called in
-// one program: the plain one (each x_plain.cpp in the place of the x.cpp beside it) beside the shipped one.
+// one program: the plain one (each x_plain.cpp instead of the x.cpp beside it) beside the shipped one.
 // Each library is a separate shared object that exports nothing but its table; the records that
 // cross the table are the library's own and have the same layout in all of them.
 #ifndef TESTS_SUPPORT_ROUTINES_H
@@ -16,6 +16,9 @@ struct Routines {
   void (*sort_range)(olvex::vector<BoxInfo>& boxes, int left, int right);
   void (*nms)(olvex::vector<BoxInfo>& boxes, float threshold, unsigned char class_specific);
   void (*decode_layers)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
+  void (*nms_sorted_bboxes)(olvex::vector<BoxInfo>& boxes, olvex::vector<int>& picked,
+                            float threshold, unsigned char class_specific);
+  // For the benchmarks alone: it has one source for both, and frame_fuzz compares it in whole runs.
   int (*ipu_decode)(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
   // A tracker by its handle. The lists stay the tracker's; settings go in before the first frame.
