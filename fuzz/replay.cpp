@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "cannot read %s\n", argv[i]);
       return 1;
     }
-    // A copy of the exact size, so that a sanitizer sees every byte read behind the end.
+    // A copy of the exact size, so that a sanitizer reports each read beyond the end.
     const std::vector<uint8_t> exact(content.begin(), content.end());
     LLVMFuzzerTestOneInput(exact.data(), exact.size());
   }

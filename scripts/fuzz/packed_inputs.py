@@ -4,6 +4,7 @@
   scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each
   scripts/fuzz/packed_inputs.py unpack FILE FOLDER  # a file for each
   scripts/fuzz/packed_inputs.py pack FOLDER FILE    # and back
+  scripts/fuzz/packed_inputs.py random FOLDER       # writes the random inputs that replay adds
   scripts/fuzz/packed_inputs.py replay FILE PROGRAM # runs a fuzzer, by its absolute path, over them
   scripts/fuzz/packed_inputs.py self-test           # damaged files are refused
 
@@ -15,6 +16,7 @@ import argparse
 import hashlib
 import os
 import pathlib
+import random
 import re
 import subprocess
 import sys
@@ -83,17 +85,24 @@ def show(path):
         print(f"{number} {len(content)} {name}")
 
 
+def write_random(folder):
+    """200 inputs of growing length, the same each time. Returns their names."""
+    folder.mkdir(parents=True, exist_ok=True)
+    for seed in range(200):
+        (folder / f"random_{seed}").write_bytes(random.Random(seed).randbytes(seed * seed // 20))
+    return [f"random_{seed}" for seed in range(200)]
+
+
 def replay(path, program):
-    """Runs a program, given with its first arguments, over the inputs, one file each, in their order."""
+    """Runs a program, given with its first arguments, over the inputs, one file each, in their order, and
+    over random ones."""
     with tempfile.TemporaryDirectory() as folder:
         unpack(path, pathlib.Path(folder))
-        names = list(read(path))
-        if not names:
-            raise common.Failure(f"{path} holds no input")
+        names = [*read(path), *write_random(pathlib.Path(folder))]
         status = subprocess.run([*program, *names], cwd=folder, check=False).returncode
     if status != 0:
-        raise common.Failure(f"the program ended with {status}; the last input named above, which unpack writes "
-                             f"from {path}, is to blame")
+        raise common.Failure(f"the program ended with {status}; the last input named above is to blame: unpack "
+                             f"writes those of {path}, random those named random_*")
 
 
 def refuses(path):
@@ -126,7 +135,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(dest="command", required=True)
     for name, call, operands in (("list", show, ["FILE"]), ("unpack", unpack, ["FILE", "FOLDER"]),
-                                 ("pack", pack, ["FOLDER", "FILE"]), ("replay", replay, ["FILE", "PROGRAM"]),
+                                 ("pack", pack, ["FOLDER", "FILE"]), ("random", write_random, ["FOLDER"]),
+                                 ("replay", replay, ["FILE", "PROGRAM"]),
                                  ("self-test", self_test, [])):
         command = commands.add_parser(name)
         command.set_defaults(call=call, operands=operands)
