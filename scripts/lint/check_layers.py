@@ -3,9 +3,10 @@
 
 Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
 platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
-the tools, common includes none of the others, frames includes common, inside both, a subcommand all three and
-no other subcommand; inside alone includes the library's own headers, but for the build string in main.cpp. A folder without a rule, and an include
-that names no file, are faults, too.
+the tools, common includes none of the others, frames includes common, inside both, a subcommand those of the
+three that it uses and no other subcommand; inside alone includes the library's own headers, but for the build
+string in main.cpp. A folder without a rule, an include that names no file, and a permission that no file uses
+are faults, too.
 """
 import pathlib
 import re
@@ -18,10 +19,9 @@ INCLUDE = re.compile(r'^\s*#\s*include\s+(["<])([^">]+)[">]', re.MULTILINE)
 FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
 GENERATED = {"log_lines_text.h"}
 CONTRACT = "platform/include/"
-PUBLIC = ("video/det/include/olvex_det.h", "utils/records/algo_types.h", CONTRACT)
-HOST = ("platform/host/host_image.h", "platform/host/qv_host.h")
-LIBRARY = (CONTRACT, "utils/", "base/", "video/det/")
-SUBCOMMAND = ("tools/common/", "tools/frames/", "tools/inside/", *PUBLIC, *HOST)
+PUBLIC = "video/det/include/olvex_det.h"
+IMAGE = "platform/host/host_image.h"
+HOST = "platform/host/qv_host.h"
 # Path prefix of a source: prefixes of what it may include, beside its own. The longest match counts.
 KNOWN = {
     CONTRACT: (),
@@ -29,26 +29,32 @@ KNOWN = {
     "base/ipu_engine/": (CONTRACT, "utils/"),
     "base/tracker/": (CONTRACT, "utils/"),
     "base/postprocess/": (CONTRACT, "utils/"),
-    "base/postprocess/double_check.cpp": (CONTRACT, "utils/", "base/postprocess/", "base/tracker/"),
+    "base/postprocess/double_check.cpp": ("utils/", "base/postprocess/", "base/tracker/"),
     "base/sdet/": (CONTRACT, "utils/", "base/ipu_engine/", "base/postprocess/"),
     "video/det/": (CONTRACT, "utils/", "base/"),
     "platform/host/": (CONTRACT,),
     "platform/scripted/": (CONTRACT,),
-    "examples/": PUBLIC,
+    "examples/": (PUBLIC,),
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
-    "tools/frames/": ("tools/common/", *HOST),
-    "tools/inside/": ("tools/common/", "tools/frames/", *HOST, *LIBRARY),
-    **{f"tools/{name}/": SUBCOMMAND for name in ("compare", "eval/coco", "eval/mot", "inspect", "pack", "run")},
+    "tools/frames/": ("tools/common/", IMAGE),
+    "tools/inside/": ("tools/common/", "tools/frames/", IMAGE, HOST, CONTRACT, "base/sdet/", "video/det/"),
+    "tools/compare/": ("tools/common/", "tools/frames/"),
+    "tools/eval/coco/": ("tools/common/", "tools/frames/"),
+    "tools/eval/mot/": ("tools/common/", "tools/frames/"),
+    "tools/inspect/": ("tools/common/", "tools/inside/", IMAGE),
+    "tools/pack/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST),
+    "tools/run/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST, PUBLIC),
     "bench/": ("platform/scripted/", "tests/support/", "utils/log/olvex_log.h",
                "base/postprocess/output_tensors.h"),
-    "tests/support/": ("platform/scripted/", *LIBRARY),
-    "tests/unit/": ("platform/scripted/", "tests/support/", *LIBRARY),
-    "tests/api/": ("platform/scripted/", "tests/support/", "tests/unit/boxes.h", *LIBRARY),
-    "tests/golden/": ("platform/scripted/", "tests/support/", CONTRACT, "utils/", "video/det/"),
+    "tests/support/": ("platform/scripted/", "utils/", "base/", "video/det/"),
+    "tests/unit/": ("tests/support/", CONTRACT, "utils/", "base/", "video/det/"),
+    "tests/api/": ("platform/scripted/", "tests/support/", "tests/unit/boxes.h", "base/sdet/", "video/det/"),
+    "tests/golden/": ("platform/scripted/", "tests/support/", "video/det/"),
     "tests/platform/": ("platform/", "tests/support/"),
-    "tests/soak/": ("platform/scripted/", "tests/support/", "tests/api/", CONTRACT, "utils/", "video/det/"),
-    "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", *LIBRARY),
+    "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
+    "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", "utils/", "base/sdet/",
+              "video/det/"),
 }
 
 
@@ -61,10 +67,14 @@ def resolve(source, name, files):
     return None
 
 
+def rule_of(source):
+    return max((prefix for prefix in KNOWN if source.startswith(prefix)), key=len, default=None)
+
+
 def fault(source, quote, name, files):
     """What is wrong with an include, or None."""
     target = resolve(source, name, files)
-    rule = max((prefix for prefix in KNOWN if source.startswith(prefix)), key=len, default=None)
+    rule = rule_of(source)
     if rule is None:
         return "has no rule in KNOWN"
     if target is None:
@@ -80,13 +90,25 @@ def faults(sources):
             for found in [fault(source, quote, name, sources)] if found]
 
 
+def unused(sources):
+    """The permissions of KNOWN that no include needs."""
+    used = {(rule_of(source), resolve(source, name, sources))
+            for source, text in sources.items() for _, name in INCLUDE.findall(text)}
+    return [f"{rule} includes nothing of {prefix}: take it from KNOWN" for rule, prefixes in KNOWN.items()
+            for prefix in prefixes
+            if not any(of == rule and (target or "").startswith(prefix) for of, target in used)]
+
+
 def self_test():
-    headers = {prefix + "x.h": "" for prefix in KNOWN if prefix.endswith("/")}
-    headers.update({name: "" for name in (*PUBLIC, *HOST) if name.endswith(".h")})
+    names = [name if name.endswith((".h", ".cpp")) else name + "x.h" for name in KNOWN]
+    headers = {name: "" for name in (*names, PUBLIC, IMAGE, HOST)}
     for source, text in BROKEN:
         assert len(faults({**headers, source: text})) == 1, (source, text)
     for source, text in RIGHT:
         assert not faults({**headers, source: text}), source
+    count = sum(map(len, KNOWN.values()))
+    assert len(unused(headers)) == count
+    assert len(unused({**headers, "tools/run/x.cpp": f'#include "{PUBLIC}"'})) == count - 1
 
 
 # Written out beside the table, so that a rule that goes missing from it is noticed.
@@ -103,6 +125,7 @@ BROKEN = (
     ("tools/common/up.cpp", '#include "tools/frames/x.h"'), ("tools/inside/up.cpp", '#include "tools/run/x.h"'),
     ("tools/run/side.cpp", '#include "tools/pack/x.h"'),
     ("tools/eval/coco/side.cpp", '#include "tools/eval/mot/x.h"'),
+    ("tools/compare/in.cpp", '#include "tools/inside/x.h"'), ("tools/inspect/in.cpp", f'#include "{HOST}"'),
     ("tools/new/x.cpp", '#include "tools/common/x.h"'), ("tools/main.cpp", '#include "tools/inside/x.h"'),
     ("bench/in.cpp", '#include "base/sdet/x.h"'), ("bench/side.cpp", '#include "tests/unit/x.h"'),
     ("tests/support/up.cpp", '#include "tests/unit/x.h"'), ("tests/unit/side.cpp", '#include "tests/api/x.h"'),
@@ -124,7 +147,7 @@ def main():
         print(f"the check finds each of {len(BROKEN)} faults")
         return 0
     sources = {path: (common.ROOT / path).read_text() for path in common.paths_in(FOLDERS)}
-    found = faults(sources)
+    found = faults(sources) + unused(sources)
     print("\n".join(found) if found else f"{len(sources)} files: each includes what it may know")
     return 1 if found else 0
 

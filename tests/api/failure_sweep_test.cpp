@@ -1,7 +1,7 @@
 // failure_sweep_test.cpp - whole lives of a handle, with everything switched on, in which each call
 // of the platform, each call to the system and each allocation fails in turn, once and for good.
-// Prints how many points failed. tests/support/failing_calls.h says how, det_test.h has the fixture.
-#include "tests/support/failing_calls.h"
+// Prints how many points failed. tests/api/failing_calls.h says how, det_test.h has the fixture.
+#include "tests/api/failing_calls.h"
 
 #include <fnmatch.h>
 

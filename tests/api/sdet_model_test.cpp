@@ -150,13 +150,15 @@ TEST_F(ModelImage, sizing_maps_a_file_once_and_notes_a_buffer) {
     EXPECT_FALSE(is_mapped(second) || is_mapped(patternless));
     EXPECT_EQ(nullptr, model.p_model_file_);
 
+    EXPECT_EQ(0, model.cal_variable_size(&first[0], &size));
     log();
     EXPECT_EQ(0, model.cal_variable_size(buffer, 16, &size));
+    EXPECT_FALSE(is_mapped(first)) << "a buffer releases it, too";
     EXPECT_EQ(log_lines(log())[0],
               "DEBUG \"enter model pointer version DetAfModel::cal_variable_size\"");
     EXPECT_TRUE(model.p_model_file_ == buffer && model.p_model_ == buffer);
     EXPECT_EQ(16u, model.model_file_size_);
-    EXPECT_EQ("<a=c> ", Text::of(model.model_kvs_)) << "a buffer leaves the pairs as they are";
+    EXPECT_EQ("<a=b> ", Text::of(model.model_kvs_)) << "a buffer leaves the pairs as they are";
     qv_scripted::fail_next_call(Function::kGetOfflineModeStaticInfo, kCode);
     EXPECT_EQ(4, model.cal_variable_size(buffer, 16, &size));
     std::string missing = path("missing");

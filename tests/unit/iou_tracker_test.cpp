@@ -39,6 +39,8 @@ TEST_F(IouTracker, starts_with_what_it_does_not_use_yet) {
   EXPECT_EQ(tracker_.iou_sigma_l_, 0.0f);
   EXPECT_EQ(tracker_.iou_sigma_show_, 0.5f);
   EXPECT_EQ(tracker_.erase_min_size_, 15.0f);
+  const Track track;
+  EXPECT_FALSE(track.start_frame || track.status_pre || track.status_now || track.alert);
 }
 
 TEST_F(IouTracker, continues_a_track_from_the_threshold_on) {

@@ -115,7 +115,10 @@ TEST(IpuDecode, knows_key_points_by_their_channels) {
     std::iota(points.begin(), points.end(), 0.0f);  // each value is its own position
     Outputs outputs({4, 1, channels, 1, 1}, {kBoxes, {0, 1}, points, {1}, {1}}, QV_IPU_FORMAT_FP32);
     olvex::vector<BoxInfo> boxes;
+    testing::internal::CaptureStdout();
     EXPECT_EQ(ipu_decode(outputs.info, boxes), 0);
+    const std::string line = "output_kpt_score = " + std::to_string(has_score) + "\n";
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(line), std::string::npos);
     ASSERT_EQ(boxes.size(), 1u);
     ASSERT_EQ(boxes[0].keypts.size(), num_keypoints);
     const KeyPt_t& last = boxes[0].keypts[num_keypoints - 1];

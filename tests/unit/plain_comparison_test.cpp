@@ -303,7 +303,7 @@ void raw_layer(const Routines& library, Random& random, Record& record) {
   const float odd = random.pick({0.0f, -0.01f, 1e-42f, 1e-38f, 1e34f, 3e38f, NAN, INFINITY});
   const float scale = random.chance(20) ? odd : usual;
   // At times the score of a logit that is a multiple of the scale, or its neighbour.
-  const float logit = -scale * static_cast<float>(1 + random.below(2000));
+  const float logit = -scale * static_cast<float>(1 + random.pick({random.below(2000), 32766}));
   const float attained = static_cast<float>(1.0 / (1.0 + exp(-static_cast<double>(logit))));
   info.conf_threshold = random.chance(70)
                             ? random.pick({0.25f, 0.5f, random.between(0, 1), attained, attained,

@@ -1,8 +1,8 @@
 // failing_calls.h - the library's calls to the system made to fail: memory, files and mutexes. For
 // one source of a program that is linked with a --wrap for each function below
 // (tests/api/CMakeLists.txt). The platform's calls fail by platform/scripted/qv_scripted.h.
-#ifndef TESTS_SUPPORT_FAILING_CALLS_H
-#define TESTS_SUPPORT_FAILING_CALLS_H
+#ifndef TESTS_API_FAILING_CALLS_H
+#define TESTS_API_FAILING_CALLS_H
 
 #include <errno.h>
 #include <fcntl.h>
@@ -151,4 +151,4 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 
 }  // extern "C"
 
-#endif  // TESTS_SUPPORT_FAILING_CALLS_H
+#endif  // TESTS_API_FAILING_CALLS_H
