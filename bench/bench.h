@@ -64,7 +64,7 @@ void time_on_copies(benchmark::State& state, const std::vector<olvex::vector<Box
   }
 }
 
-// Sends standard output elsewhere while it lives.
+// While an object exists, standard output is sent elsewhere.
 class StandardOutputTo {
  public:
   explicit StandardOutputTo(int descriptor);

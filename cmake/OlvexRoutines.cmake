@@ -3,7 +3,7 @@
 # library's folders replaces the x.cpp beside it. A file that a folder has under the path of a file of the
 # library replaces that one, too: a source is compiled instead, a header is found first. A file that
 # replaces nothing is an error: after a file of the library has moved, its replacement would be left out
-# in silence, and the library be compared with itself.
+# without a message, and the library be compared with itself.
 
 set(OLVEX_ROUTINES_SOURCES video/det/src/olvex_det_impl.cpp tests/support/routines.cpp)
 
@@ -21,16 +21,16 @@ function(olvex_add_routines target table)
   foreach(source IN LISTS plain)
     string(REPLACE "_plain.cpp" ".cpp" fast "${source}")
     if(NOT fast IN_LIST sources)
-      message(FATAL_ERROR "${source} stands in for no file of the library")
+      message(FATAL_ERROR "${source} replaces no file of the library")
     endif()
   endforeach()
   foreach(folder IN LISTS folders)
-    file(GLOB_RECURSE stand_ins RELATIVE "${folder}" CONFIGURE_DEPENDS "${folder}/*.cpp"
+    file(GLOB_RECURSE replacements RELATIVE "${folder}" CONFIGURE_DEPENDS "${folder}/*.cpp"
          "${folder}/*.h")
-    foreach(stand_in IN LISTS stand_ins)
-      if(NOT stand_in IN_LIST sources AND
-         NOT (stand_in MATCHES "\\.h$" AND EXISTS "${PROJECT_SOURCE_DIR}/${stand_in}"))
-        message(FATAL_ERROR "${folder}/${stand_in} stands in for no file of the library")
+    foreach(replacement IN LISTS replacements)
+      if(NOT replacement IN_LIST sources AND
+         NOT (replacement MATCHES "\\.h$" AND EXISTS "${PROJECT_SOURCE_DIR}/${replacement}"))
+        message(FATAL_ERROR "${folder}/${replacement} replaces no file of the library")
       endif()
     endforeach()
   endforeach()

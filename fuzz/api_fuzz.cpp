@@ -18,7 +18,7 @@ extern "C" {
 void* __real_mmap(void* address, size_t size, int protection, int flags, int file, off_t offset);
 int __real_munmap(void* address, size_t size);
 
-std::map<void*, size_t> mappings;  // those that live
+std::map<void*, size_t> mappings;  // not yet unmapped
 
 void* __wrap_mmap(void* address, size_t size, int protection, int flags, int file, off_t offset) {
   void* mapping = __real_mmap(address, size, protection, flags, file, offset);

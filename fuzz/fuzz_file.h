@@ -12,7 +12,7 @@
 
 #include "fuzz/fuzz_check.h"
 
-// As many parts as wanted, divided by zero bytes; the last may have some of its own.
+// count parts, separated by zero bytes; the last may contain zero bytes.
 inline std::vector<std::string> parts_of(const std::string& bytes, std::size_t count) {
   std::vector<std::string> parts(count);
   std::size_t start = 0;

@@ -48,7 +48,7 @@ class FuzzInput {
     return choice < 32 ? raw<float>() : static_cast<float>(choice) / 256.f;
   }
 
-  // Up to max_size bytes; the length is a byte of its own, or two for a larger limit.
+  // Up to max_size bytes; the length is one byte, or two for a larger limit.
   std::string text(std::size_t max_size) {
     const std::size_t wanted = max_size < 256 ? byte() : raw<uint16_t>();
     const std::size_t size = std::min({wanted, max_size, remaining()});

@@ -37,7 +37,7 @@ class DeviceTable {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (device_) {
       throw HostError(QV_HOST_DEVICE_EXISTS,
-                      "the process has a device already; tell the library so (had_create_device)");
+                      "the process has a device already; set had_create_device");
     }
     device_.emplace();
     device_->attributes = attributes;

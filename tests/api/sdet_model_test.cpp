@@ -43,7 +43,7 @@ struct Text {
 
 class ModelImage : public DetTest {
  protected:
-  // Loads a file and sees to it that no descriptor stays open.
+  // Loads a file and checks that no descriptor stays open.
   int load(std::string file) {
     const int lowest_free = dup(1);
     close(lowest_free);

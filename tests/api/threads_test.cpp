@@ -1,5 +1,5 @@
-// threads_test.cpp - handles in separate threads on the scripted accelerator. With the preset
-// tsan the thread sanitizer looks on.
+// threads_test.cpp - handles in separate threads on the scripted accelerator. The preset
+// tsan runs it under the thread sanitizer.
 #include "olvex_det.h"
 
 #include <stdlib.h>
@@ -49,8 +49,7 @@ struct Worker {
   }
 };
 
-// Each worker's lives beside those of the others show what it sees alone, which is something else
-// for each.
+// Each worker gets the same boxes in parallel as alone; the workers' boxes differ.
 void expect_the_same(const std::vector<Worker>& workers, int lives, int count) {
   std::vector<std::string> alone;
   for (const Worker& worker : workers) {

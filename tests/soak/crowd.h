@@ -1,5 +1,5 @@
-// crowd.h - objects that come and go, as the output of a network whose boxes the accelerator has
-// decoded. The same seed makes the same frames.
+// crowd.h - objects that appear, move and disappear, as the output of a network whose boxes the
+// accelerator has decoded. The same seed makes the same frames.
 #ifndef TESTS_SOAK_CROWD_H
 #define TESTS_SOAK_CROWD_H
 
@@ -53,7 +53,7 @@ class Crowd {
     float dx;  // pixels per frame; 0: stands still
   };
 
-  // A place whose object has gone stays empty, at 0, until the next one is wanted.
+  // The place of an object that disappeared stays 0 until a new one is added.
   Detection move(Object& object, bool wanted) {
     object.box.x1 += object.dx;
     object.box.x2 += object.dx;

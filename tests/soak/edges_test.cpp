@@ -1,4 +1,4 @@
-// edges_test.cpp - the public functions where a clock, a time stamp or a counter comes to its end:
+// edges_test.cpp - the public functions where a clock, a time stamp or a counter overflows:
 // what a camera reaches after years. Nothing else in the library counts frames.
 #include <sys/time.h>
 #include <time.h>

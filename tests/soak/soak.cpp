@@ -1,5 +1,5 @@
-// soak.cpp - olvex_soak: the library over many frames and many lives of a handle, watched for memory that
-// grows and track ids that come again. crowd.h makes the frames.
+// soak.cpp - olvex_soak: the library over many frames and many lives of a handle, watched for growing
+// memory and repeated track ids. crowd.h makes the frames.
 #include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -198,13 +198,14 @@ class Soak {
     }
   }
 
-  // New ids grow, none of a track that has ended comes again, and no list outgrows its bound.
+  // Ids grow, no id is used twice, and no list exceeds its bound.
   void check_tracks(const DetHandle& det, bool lists_tracks) {
     const auto* const tracker = det.tracker();
     const olvex::vector<Track>& live = tracker->active_tracks_;
     const std::size_t finished = tracker->finished_tracks_.capacity();
     require(live.capacity() <= 2 * kMostLiveTracks, "live tracks", as_number(live.size()));
-    require(finished <= 2 * kMostTracked, "room for finished tracks", as_number(finished));
+    require(finished <= 2 * kMostTracked, "capacity of the list of finished tracks",
+            as_number(finished));
     int last = 0;
     for (const Track& track : live) {
       require(track.id > last, "track ids do not grow", track.id);
@@ -231,7 +232,7 @@ class Soak {
 
   static long long as_number(std::size_t value) { return static_cast<long long>(value); }
 
-  // What is left when a handle has gone.
+  // What is left after a handle was released.
   void end() {
     require(!qv_scripted::device_is_up(), "the device stayed up", lives_);
     for (const std::string& violation : qv_scripted::violations()) {
@@ -316,7 +317,7 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stderr);
     return 2;
   }
-  // The report takes the place of standard output, where the library logs.
+  // The report is written to standard output; the library's log is not shown.
   std::FILE* const report = fdopen(dup(STDOUT_FILENO), "w");
   setvbuf(report, nullptr, _IOLBF, BUFSIZ);
   if (std::freopen("/dev/null", "w", stdout) == nullptr) {

@@ -39,7 +39,7 @@ static int is_our_descriptor(int descriptor) {
   return is_ours(path);
 }
 
-// 0: go on; 1: the call that fills the disk; 2: one after it.
+// 0: the call succeeds; 1: the call that fills the disk; 2: one after it.
 static int disk_is_full(void) {
   const char* action = getenv("SWEEP_ACTION");
   const long turn = ++calls - atol(getenv("SWEEP_AT"));

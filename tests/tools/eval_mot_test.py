@@ -80,7 +80,7 @@ CASES = {
                                           "MOTP": (1 + 70 / 130) / 2}),
     "a match is not kept": (span(truth, (1, 2), 1, 0), result(1, 5, 0) + result(2, 5, 40) +
                             result(2, 6, 0), {"id_switches": 1, "false_boxes": 1, "MOTP": 1}),
-    # In frame 4 both ids fit; id 6 goes better with the object, as id 5 has 20 frames of its own.
+    # In frame 4 both ids fit; id 6 fits the object better, as id 5 has 20 other frames.
     "HOTA follows whole tracks": (span(truth, range(1, 5), 1, 0),
                                   span(result, (1, 2, 4), 5, 0) + span(result, (3, 4), 6, 0) +
                                   span(result, range(5, 25), 5, FAR),

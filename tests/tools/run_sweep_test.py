@@ -2,7 +2,7 @@
 calls that write, and under kills: what stands on the disk afterwards.
 
 See tool_test.py for the usage and tests/support/sweep_preload.c, named by OLVEX_SWEEP_PRELOAD, for
-what strikes. OLVEX_SWEEP_STRIDE=5 strikes at every fifth turn only.
+what fails. OLVEX_SWEEP_STRIDE=5 fails every fifth call only.
 """
 import itertools
 import json
@@ -54,7 +54,7 @@ class RunSweepTest(ToolTest):
         return subprocess.run([TOOL, "run", self.model, pictures or self.pictures, "--quiet", *outputs],
                               cwd=self.out, capture_output=True, encoding="utf-8", timeout=120, **options)
 
-    def strike(self, action, turn):
+    def fail_at(self, action, turn):
         """Runs once; returns the result, or None when the run was over before that turn."""
         for path in self.folder.glob("out/**/*.*"):
             path.unlink()
@@ -74,7 +74,7 @@ class RunSweepTest(ToolTest):
                 "SWEEP_ACTION": action, "SWEEP_FOLDER": str(self.out)}
 
     def frames_in(self, name, whole):
-        """How many frames an output holds, None when it is an earlier one; fails when it is torn."""
+        """How many frames an output holds, None when it is an earlier one; fails when it is cut."""
         text = (self.out / name).read_text()
         if text == OLD:
             return None
@@ -111,14 +111,14 @@ class RunSweepTest(ToolTest):
             if result.returncode == 130 or (not killed and video.name not in result.stderr):
                 self.assertEqual(self.tool("run", self.model, video, "--quiet").returncode, 0)
 
-    def test_every_strike_leaves_whole_outputs_or_names_them(self):
+    def test_every_failure_leaves_whole_outputs_or_names_them(self):
         whole = self.whole_outputs()
         interrupted = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
         for action, code, step in (("full", 4, 1), (signal.SIGKILL, -9, 2),
                                    (signal.SIGQUIT, -3, 9), (signal.SIGXFSZ, 4, 4),
                                    *((number, 130, 9) for number in interrupted)):
             for turn in itertools.count(1, step * STRIDE):
-                result = self.strike(action, turn)
+                result = self.fail_at(action, turn)
                 if result is None:
                     self.assertGreater(turn, 20)
                     break

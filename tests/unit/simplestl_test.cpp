@@ -22,7 +22,7 @@ int g_allocations_until_failure = 0;  // 0: none fails
 
 }  // namespace
 
-// Not inlined: a compiler that sees through both sides takes them for a mismatch.
+// Not inlined: a compiler that inlines both reports a mismatch.
 __attribute__((noinline)) void* operator new[](size_t size) {
   void* memory = NULL;
   const bool fails = g_allocations_until_failure > 0 && --g_allocations_until_failure == 0;
@@ -50,14 +50,14 @@ void operator delete[](void* memory, size_t /*size*/) noexcept {
 
 namespace {
 
-// An element with a ledger of who lives. It is known by a number on the heap and not by its
-// address, since the containers move elements by their bytes.
+// An element that records which elements exist. It is identified by an allocation of its own and
+// not by its address, since the containers move elements by their bytes.
 class Counted {
  public:
   Counted(int value = 0) : value_(value), serial_(new char[1]) { live().insert(serial_); }
   Counted(const Counted& other) : Counted(other.value_) {}
   Counted& operator=(const Counted& other) {
-    EXPECT_EQ(live().count(serial_), 1u) << "assigned to an element that does not live";
+    EXPECT_EQ(live().count(serial_), 1u) << "assigned to an element that does not exist";
     value_ = other.value_;
     return *this;
   }
@@ -66,7 +66,7 @@ class Counted {
     delete[] serial_;
   }
   operator int() const {
-    EXPECT_EQ(live().count(serial_), 1u) << "read an element that does not live";
+    EXPECT_EQ(live().count(serial_), 1u) << "read an element that does not exist";
     return value_;
   }
   static std::set<const char*>& live() {

@@ -63,7 +63,7 @@ def _render_clip(output, mix, seconds, time_of_day, seed):
     writer = cv2.VideoWriter(str(path), cv2.VideoWriter_fourcc(*"avc1"), CLIP_RATE,
                              (FRAME_WIDTH, FRAME_HEIGHT))
     if not writer.isOpened():
-        raise OSError(f"{path}: cannot be written; is there room, and a video encoder?")
+        raise OSError(f"{path}: cannot be written; is the disk full, or the video encoder missing?")
     frames = []
     for i in range(int(round(seconds * CLIP_RATE))):
         frame, truths = scene.render(i / CLIP_RATE)
