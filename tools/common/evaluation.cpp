@@ -101,13 +101,8 @@ void require_known_metrics(const std::vector<MetricMinimum>& minimums,
   }
 }
 
-std::string metric_text(const std::optional<double>& value, const char* pattern) {
-  if (!value) {
-    return "-";
-  }
-  char text[64];
-  std::snprintf(text, sizeof text, pattern, *value);
-  return text;
+std::string metric_text(const std::optional<double>& value) {
+  return value ? format("%.3f", *value) : "-";
 }
 
 void print_report(const std::string& text, const std::vector<std::string>& outputs) {

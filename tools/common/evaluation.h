@@ -52,7 +52,7 @@ ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
                         const std::vector<Metric>& metrics);
 
 // "0.853", or "-" where there is no value.
-std::string metric_text(const std::optional<double>& value, const char* pattern = "%.3f");
+std::string metric_text(const std::optional<double>& value);
 
 // Prints a report, on standard error when one of the outputs goes to standard output.
 void print_report(const std::string& text, const std::vector<std::string>& outputs);

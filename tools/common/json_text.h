@@ -2,6 +2,7 @@
 #ifndef TOOLS_COMMON_JSON_TEXT_H
 #define TOOLS_COMMON_JSON_TEXT_H
 
+#include <cmath>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,11 @@ using Json = nlohmann::ordered_json;
 template <typename Value>
 Json or_null(const std::optional<Value>& value) {
   return value ? Json(*value) : Json(nullptr);
+}
+
+// Times to the microsecond, and the like: more digits would only be noise.
+inline double rounded(double value) {
+  return std::round(value * 1000) / 1000;
 }
 
 // One line, or with an indent several. Names from files need not be UTF-8, JSON must be: a

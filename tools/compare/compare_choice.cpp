@@ -2,10 +2,7 @@
 #include "tools/compare/compare.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <numeric>
-#include <string>
-#include <utility>
 
 #include "tools/common/box.h"
 #include "tools/common/command.h"

@@ -2,8 +2,6 @@
 // every conversion writes straight into the frame.
 #include "tools/frames/frame_conversion.h"
 
-#include <algorithm>
-
 #include <opencv2/imgproc.hpp>
 
 #include "tools/common/command.h"

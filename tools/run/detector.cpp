@@ -2,9 +2,9 @@
 // library's codes into words.
 #include "tools/run/run.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 

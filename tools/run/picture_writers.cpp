@@ -2,9 +2,9 @@
 // contact_sheet.cpp holds the third writer.
 #include "tools/run/run.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>

@@ -3,7 +3,6 @@
 #include "tools/run/run.h"
 
 #include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <utility>
 
@@ -26,11 +25,6 @@ std::string shortest_text(float value) {
 // 0.9, not 0.899999976.
 double shortest_decimal(float value) {
   return std::strtod(shortest_text(value).c_str(), nullptr);
-}
-
-// Times to the microsecond: more digits would only be noise.
-double rounded(double milliseconds) {
-  return std::round(milliseconds * 1000) / 1000;
 }
 
 Json key_points_of(const Detection& detection) {

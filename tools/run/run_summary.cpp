@@ -24,10 +24,6 @@ double percentile(std::vector<float> values, double share) {
   return static_cast<double>(values[static_cast<std::size_t>(index)]);
 }
 
-double rounded(double value) {
-  return std::round(value * 1000) / 1000;
-}
-
 double rate(long frames, double seconds) {
   return seconds > 0 ? static_cast<double>(frames) / seconds : 0;
 }

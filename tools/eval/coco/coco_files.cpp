@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <set>
-#include <utility>
 
 #include "tools/common/command.h"
 #include "tools/common/json_reader.h"

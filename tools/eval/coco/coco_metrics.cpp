@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bitset>
-#include <cmath>
 #include <utility>
 
 namespace olvex_tools {

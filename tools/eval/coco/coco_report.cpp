@@ -132,8 +132,7 @@ std::string confusion_table(const CocoReport& report) {
     shown.insert(pair.second);
   }
   shown.insert(report.truth.categories.size());
-  const std::string conditions =
-      " at overlap 0.5 and score " + metric_text(report.error_score, "%g");
+  const std::string conditions = " at overlap 0.5 and score " + format("%g", report.error_score);
   return shown.size() <= kClassesMost + 1
              ? "confusion" + conditions + ", rows: truth, columns: results\n" +
                    confusion_matrix(report, shown)
