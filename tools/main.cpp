@@ -170,15 +170,10 @@ int print_help(const CLI::App& application, const CLI::ParseError& error) {
 int run_command(const CLI::App& application, const Command& command) {
   try {
     return command();
-  } catch (const ToolError& error) {
+  } catch (...) {
+    const ToolError error = olvex_tools::caught_error();
     print_error(application, error.what());
     return error.exit_code();
-  } catch (const std::bad_alloc&) {
-    print_error(application, "out of memory");
-    return olvex_tools::kInputError;
-  } catch (const std::exception& error) {
-    print_error(application, std::string("unexpected error: ") + error.what());
-    return olvex_tools::kInternalError;
   }
 }
 

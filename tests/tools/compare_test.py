@@ -69,6 +69,9 @@ class CompareTest(ToolTest):
                      output="wide.jpg")
         self.assertEqual((self.folder / "wide.jpg").read_bytes()[:3], b"\xff\xd8\xff")
 
+    def test_links_pipes_and_protected_files_keep_what_they_are(self):
+        self.assert_session_kept("compare_outputs.txt")
+
     def test_lines_that_run_does_not_write_are_refused_with_their_place(self):
         self.assert_session_kept("compare_lines.txt")
         self.assertFalse((self.folder / "sheet.png").exists())

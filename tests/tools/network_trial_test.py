@@ -19,7 +19,7 @@ SANITIZED = re.search(rb"__(a|t)san_init", pathlib.Path(TOOL).read_bytes())
 HARMS = {  # network: width and height, factor of the limits, what is said
     "crash": (64, "1", r"crashed while loading or running it \(.+\); .* export it again"),
     "never-ends": (1024, "0.04", r"did not finish .* in \d+ seconds.*OLVEX_DET_LIMITS=10"),
-    "memory": (64, "0.1", r"wants more than \d+ MiB of memory .*OLVEX_DET_LIMITS=10")}
+    "memory": (64, "0.1", r"needs more than \d+ MiB of memory .*OLVEX_DET_LIMITS=10")}
 if SANITIZED:
     del HARMS["memory"]  # which is not limited there
 

@@ -157,6 +157,9 @@ class PackTest(ToolTest):
         self.assert_session_kept("pack_refusals.txt", after_each=lambda: self.assertEqual(
             {path: path.read_bytes() for path in self.folder.iterdir()}, before))
 
+    def test_links_pipes_and_protected_files_keep_what_they_are(self):
+        self.assert_session_kept("pack_outputs.txt")
+
     def test_inspect_names_the_damage_and_tells_it_from_an_undecodable_model(self):
         self.assert_session_kept("inspect_damage.txt")
 

@@ -4,6 +4,7 @@
 #define TOOLS_COMMON_COMMAND_H
 
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -34,6 +35,19 @@ class ToolError : public std::runtime_error {
  private:
   ExitCode exit_code_;
 };
+
+// What a catch block has caught, as an error for the user.
+inline ToolError caught_error() {
+  try {
+    throw;
+  } catch (const ToolError& error) {
+    return error;
+  } catch (const std::bad_alloc&) {
+    return {kInputError, "out of memory"};
+  } catch (const std::exception& error) {
+    return {kInternalError, std::string("unexpected error: ") + error.what()};
+  }
+}
 
 [[noreturn]] inline void refuse_usage(const std::string& message) {
   throw ToolError(kUsageError, message);

@@ -9,7 +9,7 @@
 
 namespace olvex_tools {
 
-// While one lives, the first SIGINT or SIGTERM and every SIGHUP are only remembered; one that was
+// While an object exists, the first SIGINT or SIGTERM and every SIGHUP are only remembered; one that was
 // ignored before (nohup, a shell's background) stays so. The second SIGINT or SIGTERM removes unfinished
 // files and ends the process. SIGPIPE and SIGXFSZ are ignored, so that a closed pipe and a file that grows
 // beyond its limit are failed writes. The destructor puts the former behaviour back. One at a time.
@@ -24,7 +24,7 @@ class Interruption {
   std::array<struct sigaction, 5> former_;
 };
 
-// Whether an Interruption that lives, or the last one, remembers a request.
+// Whether the existing Interruption, or the last one, remembers a request.
 bool interruption_requested();
 
 // open() for writing, which waits on a pipe for its reader. A signal that an Interruption remembers

@@ -72,7 +72,7 @@ struct JsonListsKind {
 void read_json_lists(const std::string& path, const JsonListsKind& kind,
                      const std::map<std::string, JsonItemReader>& lists);
 
-// The text with a mark in the place of what is not UTF-8.
+// The text with a mark instead of what is not UTF-8.
 std::string valid_utf8(const std::string& text);
 
 }  // namespace olvex_tools

@@ -46,11 +46,7 @@ bool is_device_or_pipe(const std::string& path) {
 // The file that is to be replaced behind a path that may be a link; empty when that cannot be: the
 // link leads nowhere yet, or its folder permits no other file.
 std::string replaceable(const std::string& path) {
-  std::error_code error;
-  std::string target = path;
-  if (fs::is_symlink(path, error)) {
-    target = fs::canonical(path, error).string();
-  }
+  const std::string target = behind_link(path);
   constexpr std::size_t kLongestName = 255 - sizeof ".partial.XXXXXX";
   const bool possible = !target.empty() &&
                         fs::path(target).filename().string().size() < kLongestName &&

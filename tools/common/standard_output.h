@@ -8,7 +8,7 @@
 
 namespace olvex_tools {
 
-// While one lives, file descriptor 1 is a log file or /dev/null, and results() is the process's
+// While an object exists, file descriptor 1 is a log file or /dev/null, and results() is the process's
 // real standard output. The destructor puts everything back. Not for use from two threads; one at
 // a time.
 class LibraryLog {

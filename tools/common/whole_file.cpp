@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -158,8 +160,18 @@ extern "C" void remove_unfinished_files() {
   }
 }
 
+std::string behind_link(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::is_symlink(path, error) ? std::filesystem::canonical(path, error).string()
+                                                  : path;
+}
+
 ReplacementFile::ReplacementFile(const std::string& target)
-    : target_(target), temporary_path_(target + ".partial.XXXXXX") {
+    : target_(behind_link(target)), temporary_path_(target_ + ".partial.XXXXXX") {
+  if (target_.empty()) {
+    errno = ENOENT;
+    fail("write", target);
+  }
   if (temporary_path_.size() >= kLongestPath) {
     errno = ENAMETOOLONG;
     fail("write", target);
@@ -167,6 +179,9 @@ ReplacementFile::ReplacementFile(const std::string& target)
   struct stat status = {};
   if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
     throw ToolError(kInputError, "cannot write " + target + ": it exists and is not a file");
+  }
+  if (faccessat(AT_FDCWD, target_.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT) {
+    fail("write", target);
   }
   const SignalBlock block;
   descriptor_ = mkostemp(temporary_path_.data(), O_CLOEXEC);

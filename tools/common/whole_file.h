@@ -37,8 +37,12 @@ extern "C" void remove_unfinished_files();
 // Whether commit() waits until the contents are on the disk.
 enum class Durability { kOnDisk, kLeftToSystem };
 
+// The file behind a path that may be a link; empty when the link leads nowhere.
+std::string behind_link(const std::string& path);
+
 // A file that is written beside its target under a temporary name, <target>.partial.XXXXXX, and
-// takes the target's place in one step, with its mode and owner. Until commit() the target is
+// takes the target's place in one step, with its mode and owner. A link stays one: the target is
+// the file behind it. A target that may not be written is refused. Until commit() the target is
 // untouched; without it, also when SIGINT, SIGTERM, SIGHUP or SIGQUIT ends the process, the temporary
 // file is removed. A signal that is ignored or handled already stays so, and SIGXFSZ is ignored.
 class ReplacementFile {

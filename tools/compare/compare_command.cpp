@@ -12,9 +12,9 @@
 #include "tools/frames/own_files.h"
 #include "tools/frames/annotation.h"
 #include "tools/common/options.h"
+#include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
-#include "tools/common/whole_file.h"
 
 namespace olvex_tools {
 
@@ -62,7 +62,7 @@ std::vector<NamedRun> named_runs(const CommandLine& line) {
     refuse_usage("give at least one run as LABEL=FILE, as in tracked=tracked.jsonl");
   }
   if (line.runs.size() > kRunsMost) {
-    refuse_usage("a sheet has room for " + std::to_string(kRunsMost) + " runs, not for " +
+    refuse_usage("a sheet shows at most " + std::to_string(kRunsMost) + " runs, not " +
                  std::to_string(line.runs.size()));
   }
   std::vector<NamedRun> runs;
@@ -123,7 +123,7 @@ std::vector<long> in_order(std::vector<long> numbers) {
   std::sort(numbers.begin(), numbers.end());
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   if (numbers.size() > kFramesMost) {
-    refuse_usage("--at: a sheet has room for " + std::to_string(kFramesMost) + " frames");
+    refuse_usage("--at: a sheet shows at most " + std::to_string(kFramesMost) + " frames");
   }
   return numbers;
 }
@@ -146,7 +146,7 @@ int compare(const CommandLine& line) {
   constexpr double kAnyRate = 25;  // frames per second; times come from the runs
   const std::unique_ptr<FrameSource> source =
       open_frame_source(line.input, FrameLayout(), kAnyRate);
-  ReplacementFile file(line.output);
+  OutputFile file(line.output, nullptr, OutputForm::kWhole);
   std::vector<ComparedRun> runs;
   for (const NamedRun& name : names) {
     runs.push_back(read_compared_run(name.label, name.path));
@@ -156,7 +156,7 @@ int compare(const CommandLine& line) {
   const cv::Mat sheet =
       draw_compare_sheet(line.input, source.get(), display_of(line), runs, frames);
   file.write(encoded_picture(line.output, sheet));
-  file.commit();
+  file.close();
   print_result(printable(report(line.output, frames, sheet.size())));
   return kDone;
 }

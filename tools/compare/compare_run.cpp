@@ -89,7 +89,7 @@ void add_line(const char* begin, const char* end, ComparedRun* run) {
   if (!run->frames.empty() && frame.number <= run->frames.back().number) {
     refuse_input(place, "frame " + std::to_string(frame.number) + " comes after frame " +
                             std::to_string(run->frames.back().number) +
-                            "; the numbers must rise. Give each run a file of its own");
+                            "; the numbers must rise. Name a different file for each run");
   }
   run->frames.push_back(std::move(frame));
 }

@@ -60,7 +60,7 @@ std::string label_of(const Detection& detection, const std::vector<std::string>&
   return label;
 }
 
-// The labels of one picture. Later ones give way to earlier ones.
+// The labels of one picture. Earlier ones have priority.
 class Labels {
  public:
   explicit Labels(cv::Mat* picture) : picture_(*picture), pen_(pen_for(*picture)) {}

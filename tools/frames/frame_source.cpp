@@ -74,8 +74,8 @@ std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameL
   std::vector<fs::path> dumps = matching_files(folder, is_dump);
   if (!pictures.empty() && !dumps.empty()) {
     refuse_input(folder,
-                 "the folder holds both pictures and dumped frames (*.bin). Give each "
-                 "kind a folder of its own");
+                 "the folder holds both pictures and dumped frames (*.bin). Put each "
+                 "kind into a separate folder");
   }
   if (!pictures.empty()) {
     return make_picture_source(std::move(pictures), picture_rate);

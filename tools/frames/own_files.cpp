@@ -72,8 +72,9 @@ void require_own_files(const std::vector<OutputOption>& outputs,
                        const std::vector<std::string>& inputs) {
   for (const OutputOption& output : outputs) {
     if (!output.is_appended && leads_to_standard_output(output.path)) {
-      refuse_usage(output.name + " " + output.path +
-                   ": standard output is redirected to the same file. Give each a file of its own");
+      refuse_usage(
+          output.name + " " + output.path +
+          ": standard output is redirected to the same file. Name a different file for each");
     }
   }
   for (auto output = outputs.begin(); output != outputs.end(); ++output) {
@@ -83,7 +84,7 @@ void require_own_files(const std::vector<OutputOption>& outputs,
     for (auto other = outputs.begin(); other != output; ++other) {
       if (!other->path.empty() && is_same_file(output->path, other->path)) {
         refuse_usage(other->name + " and " + output->name + " both write to " + output->path +
-                     ". Give each output a file of its own");
+                     ". Name a different file for each");
       }
     }
     for (const std::string& input : inputs) {

@@ -173,7 +173,7 @@ int run_limited(const ChildLimits& limits, const std::function<void()>& work) {
   const pid_t child = fork();
   if (child < 0) {
     throw ToolError(kAcceleratorError,
-                    std::string("the network cannot be tried in a process of its own: ") +
+                    std::string("the network cannot be tried in a separate process: ") +
                         std::strerror(errno) + ". End other programs, or allow more processes");
   }
   if (child == 0) {
@@ -243,7 +243,7 @@ std::string rounded_up(double value) {
 std::string fault_of(int status, const ChildLimits& limits) {
   const std::string not_finished = "the network engine did not finish loading and running it in ";
   if (has_exit_code(status, kMemoryExitCode)) {
-    return "the network engine wants more than " +
+    return "the network engine needs more than " +
            rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
            " MiB of memory to load and run it";
   }
@@ -254,7 +254,7 @@ std::string fault_of(int status, const ChildLimits& limits) {
     case SIGXCPU:
       return not_finished + rounded_up(limits.processor_seconds) + " seconds of processor time";
     case SIGKILL:  // the kernel's when memory runs out, or when a limit of the shell's is reached
-      return "the network engine was killed while loading or running it, for want of memory or by "
+      return "the network engine was killed while loading or running it, for lack of memory or by "
              "a limit of the shell; free memory, or use a smaller network";
     default:  // an exit code is that of a sanitizer's report, or the engine called exit
       return "the network engine crashed while loading or running it (" +

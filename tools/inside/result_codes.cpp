@@ -46,11 +46,11 @@ const ResultCode kResultCodes[] = {
      "the host accelerator failed while it ran the network"},
     {QV_HOST_OUT_OF_MEMORY, kAcceleratorError, "the host accelerator has no memory left"},
     {QV_HOST_INTERNAL_ERROR, kAcceleratorError,
-     "the host accelerator has a fault of its own; please report it"},
+     "the host accelerator has an internal fault; please report it"},
 };
 
 const ResultCode kUnknownCode = {0, kAcceleratorError,
-                                 "the accelerator failed with a code of its own"};
+                                 "the accelerator failed with an unknown code"};
 
 }  // namespace
 

@@ -273,7 +273,7 @@ int inspect(const InspectOptions& options) {
 void add_inspect_command(CLI::App& application, Command* chosen) {
   const auto line = std::make_shared<InspectOptions>();
   OptionTable options(&application, "inspect",
-                      "Check a model file and tell what the library makes of it", kExamples, chosen,
+                      "Check a model file and show how the library decodes it", kExamples, chosen,
                       [line] { return inspect(*line); });
   options.add("IMAGE", "", &line->path, "The model file").required();
   options.flag("--json", &line->json, "Print JSON for programs instead of text");

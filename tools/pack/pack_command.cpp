@@ -19,6 +19,7 @@
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
 #include "tools/frames/own_files.h"
+#include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
@@ -41,7 +42,10 @@ struct TestRun {
 
 void check_target(const PackOptions& options) {
   if (options.image_path.empty()) {
-    refuse_usage("say where the model file goes: --output IMAGE");
+    refuse_usage("no output is named: give --output IMAGE");
+  }
+  if (options.image_path == kStandardOutput) {
+    refuse_usage("--output -: a model file is not written to standard output. Name a file");
   }
   require_own_files({{"--output", options.image_path}},
                     {options.network_path, options.description_path, options.class_names_path,
@@ -55,7 +59,7 @@ void check_pair_places(const PackOptions& options, const Description& descriptio
   }
   if (!pairs.empty() && !description.name_pairs.empty() && description.name_pairs != pairs) {
     refuse_usage(
-        "the description has name_pairs of its own, and the library would read them "
+        "the description already has name_pairs, and the library would read them "
         "instead of the header. Add --pairs-in-name to replace them");
   }
 }

@@ -26,8 +26,8 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
   }
   if (options.frame_order && input->format != QV_IPU_FORMAT_FP32) {
     refuse_usage(
-        "--frame-order is for fp32 frames; the other formats say their order "
-        "themselves: --input-format rgb or bgr");
+        "--frame-order is for fp32 frames; the order of the other formats is in "
+        "their names: --input-format rgb or bgr");
   }
   input->frame_order = options.frame_order.value_or(input->frame_order);
   input->name = options.input.value_or(input->name);

@@ -27,7 +27,7 @@ const char kExamples[] =
     "  Scores with a background column, mean and scale, class names for people:\n"
     "    olvex-det pack faces.onnx -o faces.qtm --boxes boxes --scores scores \\\n"
     "      --background 0 --mean 127 --scale 1/128 --class-names names.txt\n"
-    "  Raw layers, with the type that tells the library their classes and key points:\n"
+    "  Raw layers, with the type by which the library knows classes and key points:\n"
     "    olvex-det pack street.onnx -o street.qtm --raw stride8 stride16 stride32 \\\n"
     "      --model-out zrpcn --lib-out zrpcn\n"
     "  The same with 16-bit outputs, whose scales a folder of such pictures decides:\n"
@@ -228,7 +228,7 @@ class Declaration {
     add_word<ColourOrder>(
         "--network-order", &options_.network_order,
         {{"rgb", ColourOrder::kRgb}, {"bgr", ColourOrder::kBgr}, {"gray", ColourOrder::kGray}},
-        "Planes that the network wants: rgb (default), bgr or gray");
+        "Planes of the network's input: rgb (default), bgr or gray");
     add_three("--mean", &options_.mean,
               "Taken off each channel (0..255) first: one number, or three with commas, in "
               "network order");

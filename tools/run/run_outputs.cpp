@@ -2,7 +2,6 @@
 #include "tools/run/run.h"
 
 #include <algorithm>
-#include <exception>
 
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
@@ -75,10 +74,8 @@ std::vector<ToolError> RunOutputs::finish() {
   for (const auto& writer : writers_) {
     try {
       writer->finish();
-    } catch (const ToolError& error) {
-      failures.push_back(error);
-    } catch (const std::exception& error) {
-      failures.emplace_back(kInternalError, std::string("unexpected error: ") + error.what());
+    } catch (...) {
+      failures.push_back(caught_error());
     }
   }
   return failures;

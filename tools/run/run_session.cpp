@@ -97,11 +97,8 @@ class Session {
   std::vector<ToolError> failures_of_frames() {
     try {
       process_all();
-    } catch (const ToolError& error) {
-      return {error};
     } catch (...) {
-      outputs_.finish();  // the failure that ended the run is the one to report
-      throw;
+      return {caught_error()};
     }
     return {};
   }
@@ -203,7 +200,7 @@ class Session {
     }
   }
 
-  // Each handle counts its tracks from 1; a later handle's go on from the last one's.
+  // Each handle counts its tracks from 1; a later handle's continue after the last one's.
   void number_tracks(std::vector<Detection>* detections) {
     for (Detection& detection : *detections) {
       if (detection.track_id) {
@@ -280,7 +277,7 @@ class Session {
     }
   }
 
-  // A terminal that closes interrupts the run, and takes the place of the summary with it.
+  // A terminal that closes interrupts the run, and the summary cannot be shown.
   void show_on_screen(const std::string& text) {
     try {
       write_output(kStandardOutput, log_.results(), text);

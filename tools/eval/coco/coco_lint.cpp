@@ -137,7 +137,7 @@ void lint_annotation_ids(const CocoTruth& truth, const FileFindings& findings) {
   if (count > 0) {
     findings.add("duplicate_annotation_ids", count, "annotation has", "annotations have",
                  " the id of an earlier one (id " + std::to_string(example) +
-                     "). Give each an id of its own, or remove what was written twice.");
+                     "). Give each another id, or remove what was written twice.");
   }
 }
 

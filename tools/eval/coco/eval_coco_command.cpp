@@ -30,8 +30,8 @@ const char kManual[] =
     "Metrics are fractions, as in 0.85; \"-\" is undefined: a class without truth, which no mean\n"
     "counts. Pictures of the worst: hits green on the truth in white, false boxes red, misses\n"
     "dashed yellow; frame n of the input is image n, or the number that a picture is named by, as\n"
-    "with olvex-det run. Warnings tell of probable mistakes in the files, such as class ids that\n"
-    "are numbered from 1. Exit code 1: a metric is below its --min.";
+    "with olvex-det run. Warnings name probable mistakes in the files, such as class ids that are\n"
+    "numbered from 1. Exit code 1: a metric is below its --min.";
 
 struct CommandLine {
   std::string truth;

@@ -29,7 +29,7 @@ const char kManual[] =
     "  olvex-det eval mot truth.txt result.txt --timeline objects.svg --classes 0\n"
     "  olvex-det eval mot a.txt a_result.txt b.txt b_result.txt --min MOTA=0.6 --min IDF1=0.7\n"
     "  olvex-det eval mot truth.txt result.txt --json - | jq .combined.metrics.HOTA\n\n"
-    "Metrics are fractions, as in 0.85; \"-\" is undefined. Warnings tell of probable mistakes in\n"
+    "Metrics are fractions, as in 0.85; \"-\" is undefined. Warnings name probable mistakes in\n"
     "the files, such as frames that are numbered from 0. Exit code 1: a metric is below its --min.";
 
 struct CommandLine {
@@ -130,7 +130,7 @@ void add_eval_mot_command(CLI::App& eval, Command* chosen) {
   add_minimum_option(&options, &line->minimums);
   options.add("--json", "FILE|-", &line->json,
               "Values, findings and the runs of each object, see eval_mot.schema.json");
-  options.add("--timeline", "FILE", &line->timeline,
+  options.add("--timeline", "FILE|-", &line->timeline,
               "A picture (SVG) of each object: when it was found, and under which id");
 }
 

@@ -70,7 +70,7 @@ class Lint {
           counted(repeated.size(), "row repeats an id of its", "rows repeat an id of their") +
               " frame, first " + row_text(repeated.front()) +
               (repeated.size() == 1 ? "; it is" : "; they are") +
-              " left out. Are two results in the file? Write each to a file of its own.");
+              " left out. Are two results in the file? Name a different file for each.");
     }
     result_.rows = std::move(kept);
   }
