@@ -47,6 +47,7 @@ struct PackOptions {
   std::optional<qv_host::ColourOrder> frame_order;
   std::optional<FrameSize> size;
   std::optional<qv_host::ColourOrder> network_order;
+  std::optional<qv_host::Resize> resize;
   std::optional<ThreeNumbers> mean;
   std::optional<ThreeNumbers> scale;
 

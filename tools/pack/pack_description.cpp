@@ -36,6 +36,7 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
     input->height = options.size->height;
   }
   input->network_order = options.network_order.value_or(input->network_order);
+  input->resize = options.resize.value_or(input->resize);
   input->mean = options.mean.value_or(input->mean);
   input->scale = options.scale.value_or(input->scale);
 }

@@ -17,6 +17,7 @@ namespace {
 
 using qv_host::BoxOrder;
 using qv_host::ColourOrder;
+using qv_host::Resize;
 
 constexpr long kMostCalibrationFrames = 1000000;  // by far: a few hundred settle a scale
 
@@ -230,6 +231,12 @@ class Declaration {
         "--network-order", &options_.network_order,
         {{"rgb", ColourOrder::kRgb}, {"bgr", ColourOrder::kBgr}, {"gray", ColourOrder::kGray}},
         "Planes that the network wants: rgb (default), bgr or gray");
+    add_word<Resize>("--resize", &options_.resize,
+                     {{"stretch", Resize::kStretch},
+                      {"letterbox", Resize::kLetterbox},
+                      {"letterbox-centred", Resize::kLetterboxCentred}},
+                     "How pictures become frames: stretch (default), or with their aspect kept and "
+                     "gray at the right or below (letterbox) or on both sides (letterbox-centred)");
     add_three("--mean", &options_.mean,
               "Taken off each channel (0..255) first: one number, or three with commas, in "
               "network order");
