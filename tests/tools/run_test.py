@@ -157,6 +157,22 @@ class RunTest(ToolTest):
         self.assertEqual(box_rows(self.frames_of(self.model, picture, "--memory")),
                          box_rows(self.frames_of(self.model, picture)))
 
+    def test_pictures_keep_their_aspect_and_get_their_boxes_back(self):
+        picture = self.folder / "wide.ppm"
+        write_picture(picture, {(i, j): (255, 0, 0) for i in (2, 3) for j in (2, 3)}, 2 * WIDTH)
+        for frame_format, resize, top in (("rgb", "letterbox", 0), ("nv12", "letterbox-centred", HEIGHT // 4)):
+            model = self.pack(frame_format, "--boxes", "boxes", "--scores", "scores", "--keypoints", "points",
+                              "--no-classes", "--min-score", "0.44", "--resize", resize)
+            shown = self.frames_of(model, picture, "--display", f"{4 * WIDTH}x{2 * HEIGHT}", "--threshold", "0.44")
+            # Padding is gray enough for a box in each of its cells, but none of them is in the picture.
+            (box,) = shown[0]["boxes"]
+            self.assertEqual([box[side] for side in ("x", "y", "width", "height")], [32] * 4)
+            row = (top // CELL + 1) * (WIDTH // CELL) + 1
+            for k, point in enumerate(box["keypoints"]):
+                x, y = ((row + 1) * (2 * k + i) / 1024 for i in (1, 2))
+                self.assertAlmostEqual(point["x"], 4 * WIDTH * x, places=3)
+                self.assertAlmostEqual(point["y"], max(0, (HEIGHT * y - top) * 4), places=3)
+
     def test_pictures_are_drawn(self):
         self.run_tool(self.model, self.moving_squares(), "--skip", 2, "--limit", 7, "--video",
                       "video.mp4", "--pictures", "shown", "--contact-sheet", "sheet.png",

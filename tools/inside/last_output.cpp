@@ -35,6 +35,7 @@ void add_last_output(void* handle, bool has_tracks, std::vector<Detection>* dete
   for (std::size_t i = 0; i < entries.size(); ++i) {
     BoxInfo& entry = *entries[i];
     Detection& detection = (*detections)[i];
+    detection.corners = {entry.x1, entry.y1, entry.x2, entry.y2};
     if (has_tracks) {
       detection.track_id = entry.track_id;
     }
