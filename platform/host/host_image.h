@@ -72,7 +72,7 @@ struct DecodedOutput {
                               // emit_classes false
   int keypoint_values = 0;    // values of a row: 8, 10 (pairs), 12, 15, 51, 63 (with scores);
                               // coordinates in the unit of the boxes
-  int max_boxes = 100;        // rows of each tensor, 1..32767
+  int max_boxes = 1000;       // rows of each tensor, 1..32767
   float min_score = 0.05f;    // candidates below are dropped before the library sees them
   // INT16 only: real value of 1 for each kind of value; indices, classes and count use 1.
   float box_scale = 1.f / 16.f;

@@ -173,6 +173,20 @@ class RunTest(ToolTest):
                 self.assertAlmostEqual(point["x"], 4 * WIDTH * x, places=3)
                 self.assertAlmostEqual(point["y"], max(0, (HEIGHT * y - top) * 4), places=3)
 
+    def test_frames_in_which_a_limit_left_out_boxes_are_counted(self):
+        make_network(self.folder / "grid.onnx", "decoded", 160, 160, 0)
+        write_cells(self.folder / "1.ppm", 160, 160, {(x, y): (255, 0, 0) for x in range(20) for y in range(20)})
+        write_cells(self.folder / "2.ppm", 160, 160, {(x, y): (255, 0, 0) for x in range(10) for y in range(20)})
+        for most, text in ((400, "limit   1 frame with more boxes than the 200"),
+                           (100, "limit   2 frames with more candidates than the 100")):
+            self.tool("pack", "grid.onnx", "-o", "grid.qtm", "--boxes", "boxes", "--scores", "scores", "--scale",
+                      "1/255", "--input-format", "rgb", "--max-boxes", most)
+            run = self.run_tool("grid.qtm", self.folder, "--summary-json", "summary")
+            self.assertEqual([text in run.stdout, run.stdout.count("limit")], [True, 1])
+            summary = json.loads((self.folder / "summary").read_text())
+            self.assertEqual((summary["frames_with_cut_boxes"], summary["frames_with_dropped_candidates"],
+                              summary["boxes"]), (1, 0, 400) if most == 400 else (0, 2, 200))
+
     def test_pictures_are_drawn(self):
         self.run_tool(self.model, self.moving_squares(), "--skip", 2, "--limit", 7, "--video",
                       "video.mp4", "--pictures", "shown", "--contact-sheet", "sheet.png",

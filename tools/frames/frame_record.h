@@ -4,6 +4,7 @@
 #define TOOLS_FRAMES_FRAME_RECORD_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -47,6 +48,8 @@ struct FrameRecord {
   int width = 0;               // display size in pixels: the frame of all coordinates
   int height = 0;
   std::vector<Detection> detections;
+  std::size_t dropped_candidates = 0;  // by the accelerator, beyond the image's max_boxes
+  std::size_t cut_boxes = 0;           // by the library, beyond the most that it reports
   StageTimes milliseconds;
 };
 

@@ -3,6 +3,7 @@
 #ifndef TOOLS_INSIDE_LAST_OUTPUT_H
 #define TOOLS_INSIDE_LAST_OUTPUT_H
 
+#include <cstddef>
 #include <vector>
 
 #include "tools/frames/frame_record.h"
@@ -10,8 +11,9 @@
 namespace olvex_tools {
 
 // Adds corners, track ids (when has_tracks) and key points to the boxes of the last ALGO_DET_Run.
+// Returns the number of boxes beyond ALGO_DET_MAX_BOXES, which it cut.
 // Requires: handle is initialised, its last run succeeded, and detections holds what it reported.
-void add_last_output(void* handle, bool has_tracks, std::vector<Detection>* detections);
+std::size_t add_last_output(void* handle, bool has_tracks, std::vector<Detection>* detections);
 
 }  // namespace olvex_tools
 

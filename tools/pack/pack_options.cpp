@@ -270,7 +270,7 @@ class Declaration {
                "Score column that is no class, from 0; later columns move down by one");
     table_.flag("--classes,!--no-classes", &options_.classes,
                 "Hand a class tensor to the library (default), or report everything as class 0");
-    table_.add("--max-boxes", "N", &options_.max_boxes, "Candidates kept, 1..32767 (default 100)");
+    table_.add("--max-boxes", "N", &options_.max_boxes, "Candidates kept, 1..32767 (default 1000)");
     table_.add("--min-score", "NUMBER", &options_.min_score,
                "Score that a candidate needs to be handed over (default 0.05)");
     add_number("--box-scale", &options_.box_scale, "With --int16: real value of 1 in boxes");

@@ -54,10 +54,10 @@ class Detector {
 
   InputAttr_t input() const;
 
-  // Finds the objects in one frame (in the model's input format). Fills detections, and of
-  // times conversion (the accelerator's share is added), network and postprocessing.
-  void run(std::vector<unsigned char>* frame, std::uint64_t pts, std::vector<Detection>* detections,
-           StageTimes* times);
+  // Finds the objects in one frame (in the model's input format). Takes the time stamp of record and
+  // fills detections, what limits left out, and of the times conversion (the accelerator's share is
+  // added), network and postprocessing.
+  void run(std::vector<unsigned char>* frame, FrameRecord* record);
 
  private:
   void initialise_from_file(const Rect_t& display);
@@ -183,6 +183,7 @@ struct RunFacts {
   std::string model;
   std::string input;
   std::vector<std::string> class_names;
+  int max_boxes = 0;  // of the model's image
   bool tracked = false;
   bool interrupted = false;
   std::optional<long> expected_frames;  // by what the input says of its length
@@ -203,7 +204,12 @@ class RunSummary {
  private:
   static constexpr std::size_t kStages = 5;
 
+  // What limits left out; nothing when they left out nothing.
+  std::string limits_text(int max_boxes) const;
+
   long frames_ = 0;
+  long frames_with_dropped_candidates_ = 0;
+  long frames_with_cut_boxes_ = 0;
   std::map<std::uint32_t, std::uint64_t> boxes_;  // by class
   std::set<std::uint64_t> tracks_;
   std::array<std::vector<float>, kStages> milliseconds_;  // one value per frame

@@ -190,8 +190,7 @@ class Session {
       convert_to_frame(frame->picture, layout_, &converted_);
       record->milliseconds.conversion = milliseconds_since(conversion);
     }
-    detector_->run(is_dump ? &frame->dump : &converted_, frame->pts, &record->detections,
-                   &record->milliseconds);
+    detector_->run(is_dump ? &frame->dump : &converted_, record);
     remove_padding(padding, &record->detections);
     number_tracks(&record->detections);
   }
@@ -289,6 +288,7 @@ class Session {
     facts.model = options_.detector.model;
     facts.input = options_.input;
     facts.class_names = model_.description.class_names;
+    facts.max_boxes = model_.description.decoded.max_boxes;
     facts.tracked = tracked();
     facts.interrupted = interruption_.requested();
     facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
