@@ -31,6 +31,13 @@ def box_rows(frames):
              box["class_id"]) for frame in frames for box in frame["boxes"]]
 
 
+def exact_rows(frames):
+    """The same with the corners instead of the whole pixels."""
+    return [(frame["frame"], *box["corners"][:2], box["corners"][2] - box["corners"][0],
+             box["corners"][3] - box["corners"][1], box["score"], box["class_id"])
+            for frame in frames for box in frame["boxes"]]
+
+
 def track_ids(frames):
     return [box["track_id"] for frame in frames for box in frame["boxes"]]
 
@@ -72,9 +79,10 @@ class RunTest(ToolTest):
         return folder
 
     def test_outputs_agree_and_results_stay_clean(self):
+        display = f"{2 * WIDTH + 5}x{HEIGHT + 9}"
         result = self.run_tool(self.model, self.moving_squares(), "--track", "--jsonl", "-", "--mot",
                                "mot", "--coco", "coco", "--summary-json", "summary", "--log", "log",
-                               "--display", f"{2 * WIDTH}x{HEIGHT}", said=["12 frames"])
+                               "--display", display, said=["12 frames"])
         self.assertNotIn("DLA_", result.stderr)
         written = {path.name: path.read_text() for path in self.folder.iterdir() if path.is_file()}
         frames = read_json_lines(result.stdout)
@@ -82,13 +90,19 @@ class RunTest(ToolTest):
             self.assert_fits_schema(frame, "frame")
         self.assertEqual([pathlib.Path(frame["source"]).name for frame in frames],
                          [f"frame{number}.ppm" for number in range(1, 13)])
+        self.run_tool(self.model, "pictures", "--track", "--display", display, "--whole-pixels", "--mot", "mot",
+                      "--coco", "coco")
+        whole = {name: (self.folder / name).read_text() for name in ("mot", "coco")}
         rows = box_rows(frames)
-        mot = [line.split(",") for line in written["mot"].splitlines()]
-        self.assertEqual([(int(row[0]), *map(int, row[2:6]), float(row[6]), int(row[7]))
-                          for row in mot], rows)
+        for texts, number, expected in ((written, float, exact_rows(frames)), (whole, int, rows)):
+            mot = [line.split(",") for line in texts["mot"].splitlines()]
+            found = [(int(row[0]), *map(number, row[2:6]), float(row[6]), int(row[7])) for row in mot]
+            self.assertEqual([(item["image_id"], *item["bbox"], item["score"], item["category_id"])
+                              for item in json.loads(texts["coco"])], found)
+            self.assertTrue(all(abs(a - b) < 1e-4 for row, other in zip(found, expected)
+                                for a, b in zip(row, other)) and len(found) == len(expected), (found, expected))
+        self.assertTrue(any(side % 1 for row in exact_rows(frames) for side in row[1:5]))
         self.assertEqual([int(row[1]) for row in mot], track_ids(frames))
-        self.assertEqual([(item["image_id"], *item["bbox"], item["score"], item["category_id"])
-                          for item in json.loads(written["coco"])], rows)
         summary = json.loads(written["summary"])
         self.assert_fits_schema(summary, "summary")
         self.assertEqual((summary["frames"], summary["boxes"], summary["tracks"]),

@@ -118,9 +118,11 @@ std::unique_ptr<FrameWriter> make_json_lines_writer(const std::string& path, FIL
                                                     const std::vector<std::string>& class_names);
 // frame,id,left,top,width,height,score,class,-1,-1 per box, written as they come; id is -1 without
 // the tracker.
-std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output);
+std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output,
+                                             bool whole_pixels);
 // An array of {image_id, category_id, bbox, score}, one per box. It takes its place when finished.
-std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output);
+std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output,
+                                              bool whole_pixels);
 
 // The following draw: frames must come with their picture.
 
@@ -137,9 +139,10 @@ std::unique_ptr<FrameWriter> make_contact_sheet_writer(const std::string& path, 
 
 // Paths; an empty one stands for an output that is not wanted.
 struct OutputOptions {
-  std::string json_lines;  // or "-"
-  std::string mot;         // or "-"
-  std::string coco;        // or "-"
+  std::string json_lines;     // or "-"
+  std::string mot;            // or "-"
+  std::string coco;           // or "-"
+  bool whole_pixels = false;  // mot and coco: boxes as the public record has them
   std::string video;
   std::string pictures;  // a folder
   std::string picture_extension = "png";
