@@ -21,7 +21,7 @@ CONTRACT = "platform/include/"
 PUBLIC = ("video/det/include/olvex_det.h", "utils/records/algo_types.h", CONTRACT)
 HOST = ("platform/host/host_image.h", "platform/host/qv_host.h")
 LIBRARY = (CONTRACT, "utils/", "base/", "video/det/")
-SUBCOMMAND = ("tools/common/", "tools/frames/", "tools/inside/", *PUBLIC, *HOST)
+SUBCOMMAND = ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", "tools/inside/", *PUBLIC, *HOST)
 # Path prefix of a source: prefixes of what it may include, beside its own. The longest match counts.
 KNOWN = {
     CONTRACT: (),
@@ -38,6 +38,8 @@ KNOWN = {
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
     "tools/frames/": ("tools/common/", *HOST),
+    "tools/network/": ("tools/common/", *HOST),
+    "tools/heads/": ("tools/common/", "tools/network/", *HOST),
     "tools/inside/": ("tools/common/", "tools/frames/", *HOST, *LIBRARY),
     **{f"tools/{name}/": SUBCOMMAND for name in ("compare", "eval/coco", "eval/mot", "inspect", "pack", "run")},
     "bench/": ("platform/scripted/", "tests/support/", "utils/log/olvex_log.h",
