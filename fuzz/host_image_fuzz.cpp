@@ -22,12 +22,12 @@ auto members(const Description& d) {
   const auto& [input, raw, decoded] = std::tie(d.input, d.raw, d.decoded);
   return std::tie(d.title, d.kind, d.output_format, d.name_pairs, d.class_names, input.name,
                   input.width, input.height, input.format, input.frame_order, input.network_order,
-                  input.mean, input.scale, raw[0].name, raw[0].nchw, raw[0].scale, raw[1].name,
-                  raw[1].nchw, raw[1].scale, raw[2].name, raw[2].nchw, raw[2].scale, decoded.boxes,
-                  decoded.box_order, decoded.box_fractions, decoded.scores, decoded.background,
-                  decoded.emit_classes, decoded.keypoints, decoded.keypoint_values,
-                  decoded.max_boxes, decoded.min_score, decoded.box_scale, decoded.score_scale,
-                  decoded.keypoint_scale);
+                  input.resize, input.mean, input.scale, raw[0].name, raw[0].nchw, raw[0].scale,
+                  raw[1].name, raw[1].nchw, raw[1].scale, raw[2].name, raw[2].nchw, raw[2].scale,
+                  decoded.boxes, decoded.box_order, decoded.box_fractions, decoded.scores,
+                  decoded.background, decoded.emit_classes, decoded.keypoints,
+                  decoded.keypoint_values, decoded.max_boxes, decoded.min_score, decoded.box_scale,
+                  decoded.score_scale, decoded.keypoint_scale);
 }
 
 // What the reader returns; nothing where it refuses, which it does in one line of plain text.

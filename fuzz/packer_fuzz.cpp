@@ -49,13 +49,13 @@ void check_packed(const qv_host::Description& description) {
   FUZZ_CHECK(description_to_json(qv_host::parse_description(json)) == json);
 }
 
-NetworkSignature read_network(const std::string& bytes) {
+NetworkGraph read_network(const std::string& bytes) {
   const std::vector<char> exact(bytes.begin(), bytes.end());
-  const NetworkSignature network = read_onnx_signature("network", exact);
-  for (const auto* tensors : {&network.inputs, &network.outputs}) {
-    FUZZ_CHECK(!tensors->empty());
-    for (const NetworkTensor& tensor : *tensors) {
-      FUZZ_CHECK(tensor.name.size() + tensor.shape.size() <= bytes.size());
+  const NetworkGraph network("network", exact);
+  for (const std::vector<NetworkTensor>& tensors : {network.inputs(), network.outputs()}) {
+    FUZZ_CHECK(!tensors.empty());
+    for (const NetworkTensor& tensor : tensors) {
+      FUZZ_CHECK(tensor.name.size() <= bytes.size());
       FUZZ_CHECK(describe(tensor).find('-', tensor.name.size()) == std::string::npos);
     }
   }
@@ -65,7 +65,7 @@ NetworkSignature read_network(const std::string& bytes) {
 void pack(const std::vector<std::string>& parts) {
   static MemoryFile description;
   static MemoryFile class_names;
-  const NetworkSignature network = read_network(parts[3]);
+  const NetworkGraph network = read_network(parts[3]);
   PackOptions options;
   if (!parse_options("network " + parts[0], &options)) {
     return;

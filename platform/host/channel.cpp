@@ -118,7 +118,7 @@ const void* Channel::checked_frame(const QV_IPU_TensorVector_t& input,
   return frame;
 }
 
-InvokeTimes Channel::invoke(const QV_IPU_TensorVector_t& input, const QV_IPU_TensorVector_t& output,
+InvokeFacts Channel::invoke(const QV_IPU_TensorVector_t& input, const QV_IPU_TensorVector_t& output,
                             const FlushedRange& flushed) {
   const void* frame = checked_frame(input, flushed);
   const OutputSet& set = find_handed_out(output);
@@ -129,8 +129,9 @@ InvokeTimes Channel::invoke(const QV_IPU_TensorVector_t& input, const QV_IPU_Ten
   const Clock::time_point start = Clock::now();
   const cv::Mat planes = converter_.convert(frame);
   const Clock::time_point converted = Clock::now();
-  stage_->write(network_.run(planes), buffers);
-  return InvokeTimes{milliseconds(converted - start), milliseconds(Clock::now() - converted)};
+  const std::size_t dropped = stage_->write(network_.run(planes), buffers);
+  return InvokeFacts{milliseconds(converted - start), milliseconds(Clock::now() - converted),
+                     dropped};
 }
 
 }  // namespace qv_host

@@ -12,9 +12,10 @@
 
 namespace qv_host {
 
-struct InvokeTimes {
+struct InvokeFacts {
   double conversion_ms = 0.0;
   double network_ms = 0.0;
+  std::size_t dropped_candidates = 0;  // for which there was no row
 };
 
 // The range that the calling thread last flushed, as the frame's owner stated its size.
@@ -39,7 +40,7 @@ class Channel {
 
   // Throws HostError(QV_HOST_BAD_FRAME) when the frame is absent, unreadable or too small,
   // QV_HOST_OUT_OF_ORDER for foreign output buffers, QV_HOST_INFERENCE_FAILED.
-  InvokeTimes invoke(const QV_IPU_TensorVector_t& input, const QV_IPU_TensorVector_t& output,
+  InvokeFacts invoke(const QV_IPU_TensorVector_t& input, const QV_IPU_TensorVector_t& output,
                      const FlushedRange& flushed);
 
  private:

@@ -31,6 +31,7 @@ Json input_to_json(const InputDescription& input) {
   json["format"] = find_word(kFrameFormats, input.format);
   json["frame_order"] = find_word(kFrameOrders, input.frame_order);
   json["network_order"] = find_word(kNetworkOrders, input.network_order);
+  json["resize"] = find_word(kResizes, input.resize);
   for (std::size_t i = 0; i < 3; ++i) {
     json["mean"].push_back(printable(input.mean[i]));
     json["scale"].push_back(printable(input.scale[i]));
@@ -74,6 +75,7 @@ InputDescription read_input(const Json& json) {
   reader.read("format", Presence::kRequired, kFrameFormats, &input.format);
   reader.read("frame_order", Presence::kOptional, kFrameOrders, &input.frame_order);
   reader.read("network_order", Presence::kOptional, kNetworkOrders, &input.network_order);
+  reader.read("resize", Presence::kOptional, kResizes, &input.resize);
   reader.read("mean", Presence::kOptional, &input.mean);
   reader.read("scale", Presence::kOptional, &input.scale);
   reader.finish();

@@ -26,6 +26,9 @@ constexpr Choice<ColourOrder> kFrameOrders[] = {{"rgb", ColourOrder::kRgb},
                                                 {"bgr", ColourOrder::kBgr}};
 constexpr Choice<ColourOrder> kNetworkOrders[] = {
     {"rgb", ColourOrder::kRgb}, {"bgr", ColourOrder::kBgr}, {"gray", ColourOrder::kGray}};
+constexpr Choice<Resize> kResizes[] = {{"stretch", Resize::kStretch},
+                                       {"letterbox", Resize::kLetterbox},
+                                       {"letterbox-centred", Resize::kLetterboxCentred}};
 constexpr Choice<OutputKind> kKinds[] = {{"raw", OutputKind::kRaw},
                                          {"decoded", OutputKind::kDecoded}};
 constexpr Choice<QV_IPU_ELEMENT_FORMAT> kOutputFormats[] = {{"FP32", QV_IPU_FORMAT_FP32},

@@ -68,8 +68,8 @@ class DetectionStage : public OutputStage {
     add_tensors(description);
   }
 
-  void write(const std::vector<cv::Mat>& results,
-             const std::vector<void*>& buffers) const override {
+  std::size_t write(const std::vector<cv::Mat>& results,
+                    const std::vector<void*>& buffers) const override {
     const Tables tables = read_tables(results);
     if (!tables.same_shape(first_)) {
       throw HostError(QV_HOST_INFERENCE_FAILED, "the network's outputs have changed their shapes");
@@ -77,11 +77,14 @@ class DetectionStage : public OutputStage {
     for (std::size_t t = 0; t < buffers.size(); ++t) {
       std::memset(buffers[t], 0, tensors()[t].u32BufSize);
     }
-    const std::vector<Candidate> chosen = choose(tables.scores);
+    std::vector<Candidate> chosen = find_candidates(tables.scores);
+    const std::size_t found = chosen.size();
+    keep_best(&chosen);
     for (std::size_t i = 0; i < chosen.size(); ++i) {
       write_row(tables, chosen[i], i, buffers);
     }
     store(buffers, buffers.size() - 1, 0, static_cast<float>(chosen.size()));
+    return found - chosen.size();
   }
 
  private:
@@ -168,7 +171,7 @@ class DetectionStage : public OutputStage {
     return found;
   }
 
-  std::vector<Candidate> choose(const Table& scores) const {
+  std::vector<Candidate> find_candidates(const Table& scores) const {
     std::vector<Candidate> candidates;
     for (std::size_t row = 0; row < scores.rows; ++row) {
       Candidate candidate = {0.f, row, 0};
@@ -176,12 +179,15 @@ class DetectionStage : public OutputStage {
         candidates.push_back(candidate);
       }
     }
-    const std::size_t kept =
-        std::min(candidates.size(), static_cast<std::size_t>(output_.max_boxes));
-    std::partial_sort(candidates.begin(), candidates.begin() + static_cast<std::ptrdiff_t>(kept),
-                      candidates.end(), comes_before);
-    candidates.resize(kept);
     return candidates;
+  }
+
+  void keep_best(std::vector<Candidate>* candidates) const {
+    const std::size_t kept =
+        std::min(candidates->size(), static_cast<std::size_t>(output_.max_boxes));
+    std::partial_sort(candidates->begin(), candidates->begin() + static_cast<std::ptrdiff_t>(kept),
+                      candidates->end(), comes_before);
+    candidates->resize(kept);
   }
 
   // x1, y1, x2, y2 in input pixels.

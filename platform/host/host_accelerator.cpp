@@ -22,7 +22,7 @@ namespace {
 
 constexpr QV_U32 kMaxOutputDepth = 64;
 
-thread_local InvokeTimes last_invoke_times;
+thread_local InvokeFacts last_invoke;
 thread_local FlushedRange last_flushed;
 
 struct Device {
@@ -252,7 +252,7 @@ QV_EXPORT QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input,
   return guarded("QV_IPU_Invoke", [&] {
     require_argument(input, "input");
     require_argument(output, "output");
-    last_invoke_times = table().find(channel)->invoke(*input, *output, last_flushed);
+    last_invoke = table().find(channel)->invoke(*input, *output, last_flushed);
   });
 }
 
@@ -273,11 +273,15 @@ QV_EXPORT QV_S32 QV_SYS_FlushInvCache(void* address, QV_U32 size) {
 
 QV_EXPORT void QV_HOST_LastInvokeTimes(double* conversion_ms, double* network_ms) {
   if (conversion_ms != nullptr) {
-    *conversion_ms = last_invoke_times.conversion_ms;
+    *conversion_ms = last_invoke.conversion_ms;
   }
   if (network_ms != nullptr) {
-    *network_ms = last_invoke_times.network_ms;
+    *network_ms = last_invoke.network_ms;
   }
+}
+
+QV_EXPORT QV_U32 QV_HOST_LastInvokeDropped(void) {
+  return static_cast<QV_U32>(last_invoke.dropped_candidates);
 }
 
 }  // extern "C"

@@ -29,6 +29,11 @@ constexpr std::uint64_t kMaxNetworkSize = 1u << 30;
 // Order of the colour channels, in a U8 frame or in the network's input planes.
 enum class ColourOrder { kRgb, kBgr, kGray };
 
+// How a picture becomes a frame of the input's size. The two that keep the aspect fill the rest with
+// gray of kPaddingLevel: at the right or below, or on both sides.
+enum class Resize { kStretch, kLetterbox, kLetterboxCentred };
+constexpr int kPaddingLevel = 114;  // of each colour channel, 0..255
+
 // The frame that the camera delivers and how it becomes the network's input. Each network value is
 // (channel - mean) * scale, with channel in 0..255 (or the frame's own values when it is FP32).
 struct InputDescription {
@@ -38,6 +43,7 @@ struct InputDescription {
   QV_IPU_ELEMENT_FORMAT format = QV_IPU_FORMAT_NV12;  // NV12, ARGB8888, ABGR8888, U8, GRAY or FP32
   ColourOrder frame_order = ColourOrder::kRgb;        // of U8 and FP32 frames: kRgb or kBgr
   ColourOrder network_order = ColourOrder::kRgb;      // planes of the network, or one gray plane
+  Resize resize = Resize::kStretch;                   // by whoever makes the frame
   std::array<float, 3> mean = {{0.f, 0.f, 0.f}};      // in network order
   std::array<float, 3> scale = {{1.f, 1.f, 1.f}};     // in network order
 };
@@ -66,7 +72,7 @@ struct DecodedOutput {
                               // emit_classes false
   int keypoint_values = 0;    // values of a row: 8, 10 (pairs), 12, 15, 51, 63 (with scores);
                               // coordinates in the unit of the boxes
-  int max_boxes = 100;        // rows of each tensor, 1..32767
+  int max_boxes = 1000;       // rows of each tensor, 1..32767
   float min_score = 0.05f;    // candidates below are dropped before the library sees them
   // INT16 only: real value of 1 for each kind of value; indices, classes and count use 1.
   float box_scale = 1.f / 16.f;

@@ -23,9 +23,10 @@ class OutputStage {
 
   // Fills one buffer per tensor, each of its s32AlignedBufSize bytes.
   //   results  the network's outputs, in the order of network_outputs()
-  // Throws HostError(QV_HOST_INFERENCE_FAILED) when a shape differs from the one at the start.
-  virtual void write(const std::vector<cv::Mat>& results,
-                     const std::vector<void*>& buffers) const = 0;
+  // Returns how many candidates found no row. Throws HostError(QV_HOST_INFERENCE_FAILED) when a
+  // shape differs from the one at the start.
+  virtual std::size_t write(const std::vector<cv::Mat>& results,
+                            const std::vector<void*>& buffers) const = 0;
 
  protected:
   // Appends a tensor of the output format; it takes the next of output_tensor_names().

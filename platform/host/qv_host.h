@@ -1,5 +1,5 @@
-/* qv_host.h - what the host accelerator offers beside the chip's contract: its codes and its
- * timing.
+/* qv_host.h - what the host accelerator offers beside the chip's contract: its codes, its
+ * timing and its limit.
  *
  * C99 and C++11. Only workstation tools include this; the library never does. */
 #ifndef QV_HOST_H
@@ -32,6 +32,10 @@ enum {
  *   conversion_ms  out: frame to network input (colour, mean, scale, planes)
  *   network_ms     out: network and output preparation */
 void QV_HOST_LastInvokeTimes(double* conversion_ms, double* network_ms);
+
+/* Candidates of the calling thread's last successful QV_IPU_Invoke that scored min_score or more but
+ * were left out, since the image's max_boxes were better. 0 for raw layers. */
+QV_U32 QV_HOST_LastInvokeDropped(void);
 
 #ifdef __cplusplus
 }

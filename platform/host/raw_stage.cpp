@@ -24,8 +24,8 @@ class RawStage : public OutputStage {
     }
   }
 
-  void write(const std::vector<cv::Mat>& results,
-             const std::vector<void*>& buffers) const override {
+  std::size_t write(const std::vector<cv::Mat>& results,
+                    const std::vector<void*>& buffers) const override {
     for (std::size_t i = 0; i < layers_.size(); ++i) {
       const Layer& layer = layers_[i];
       if (std::vector<int>(results[i].size.p, results[i].size.p + results[i].dims) != layer.shape) {
@@ -42,6 +42,7 @@ class RawStage : public OutputStage {
         }
       }
     }
+    return 0;
   }
 
  private:

@@ -3,10 +3,10 @@
 
 Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
 platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
-the tools, common includes none of the others, frames includes common, inside both, a subcommand those of the
-three that it uses and no other subcommand; inside alone includes the library's own headers, but for the build
-string in main.cpp. A folder without a rule, an include that names no file, and a permission that no file uses
-are faults, too.
+the tools, common includes none of the others, frames and network include common, inside the first two, a
+subcommand those that it uses and no other subcommand; inside alone includes the library's own headers, but for
+the build string in main.cpp. A folder without a rule, an include that names no file, and a permission that no
+file uses are faults, too.
 """
 import pathlib
 import re
@@ -38,12 +38,13 @@ KNOWN = {
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
     "tools/frames/": ("tools/common/", IMAGE),
+    "tools/network/": ("tools/common/",),
     "tools/inside/": ("tools/common/", "tools/frames/", IMAGE, HOST, CONTRACT, "base/sdet/", "video/det/"),
     "tools/compare/": ("tools/common/", "tools/frames/"),
     "tools/eval/coco/": ("tools/common/", "tools/frames/"),
     "tools/eval/mot/": ("tools/common/", "tools/frames/"),
     "tools/inspect/": ("tools/common/", "tools/inside/", IMAGE),
-    "tools/pack/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST),
+    "tools/pack/": ("tools/common/", "tools/frames/", "tools/inside/", "tools/network/", IMAGE, HOST),
     "tools/run/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST, PUBLIC),
     "bench/": ("platform/scripted/", "tests/support/", "utils/log/olvex_log.h",
                "base/postprocess/output_tensors.h"),

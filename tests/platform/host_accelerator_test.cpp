@@ -299,6 +299,7 @@ TEST(HostAccelerator, the_detection_stage_hands_over_the_best_candidates_in_ever
         ASSERT_EQ(layout.shapes, channel.output_shapes());
         // A full frame first: its results must not appear in the second.
         ASSERT_EQ(0, channel.run(Frame(16 * 16 * 3, 255)));
+        EXPECT_EQ(1u, QV_HOST_LastInvokeDropped());
         ASSERT_EQ(0, channel.run(cells_frame(16, 16, 8, row.cells)));
         check_rows(layout, channel, row.expected);
       }

@@ -31,6 +31,13 @@ def box_rows(frames):
              box["class_id"]) for frame in frames for box in frame["boxes"]]
 
 
+def exact_rows(frames):
+    """The same with the corners instead of the whole pixels."""
+    return [(frame["frame"], *box["corners"][:2], box["corners"][2] - box["corners"][0],
+             box["corners"][3] - box["corners"][1], box["score"], box["class_id"])
+            for frame in frames for box in frame["boxes"]]
+
+
 def track_ids(frames):
     return [box["track_id"] for frame in frames for box in frame["boxes"]]
 
@@ -72,9 +79,10 @@ class RunTest(ToolTest):
         return folder
 
     def test_outputs_agree_and_results_stay_clean(self):
+        display = f"{2 * WIDTH + 5}x{HEIGHT + 9}"
         result = self.run_tool(self.model, self.moving_squares(), "--track", "--jsonl", "-", "--mot",
                                "mot", "--coco", "coco", "--summary-json", "summary", "--log", "log",
-                               "--display", f"{2 * WIDTH}x{HEIGHT}", said=["12 frames"])
+                               "--display", display, said=["12 frames"])
         self.assertNotIn("DLA_", result.stderr)
         written = {path.name: path.read_text() for path in self.folder.iterdir() if path.is_file()}
         frames = read_json_lines(result.stdout)
@@ -82,13 +90,19 @@ class RunTest(ToolTest):
             self.assert_fits_schema(frame, "frame")
         self.assertEqual([pathlib.Path(frame["source"]).name for frame in frames],
                          [f"frame{number}.ppm" for number in range(1, 13)])
+        self.run_tool(self.model, "pictures", "--track", "--display", display, "--whole-pixels", "--mot", "mot",
+                      "--coco", "coco")
+        whole = {name: (self.folder / name).read_text() for name in ("mot", "coco")}
         rows = box_rows(frames)
-        mot = [line.split(",") for line in written["mot"].splitlines()]
-        self.assertEqual([(int(row[0]), *map(int, row[2:6]), float(row[6]), int(row[7]))
-                          for row in mot], rows)
+        for texts, number, expected in ((written, float, exact_rows(frames)), (whole, int, rows)):
+            mot = [line.split(",") for line in texts["mot"].splitlines()]
+            found = [(int(row[0]), *map(number, row[2:6]), float(row[6]), int(row[7])) for row in mot]
+            self.assertEqual([(item["image_id"], *item["bbox"], item["score"], item["category_id"])
+                              for item in json.loads(texts["coco"])], found)
+            self.assertTrue(all(abs(a - b) < 1e-4 for row, other in zip(found, expected)
+                                for a, b in zip(row, other)) and len(found) == len(expected), (found, expected))
+        self.assertTrue(any(side % 1 for row in exact_rows(frames) for side in row[1:5]))
         self.assertEqual([int(row[1]) for row in mot], track_ids(frames))
-        self.assertEqual([(item["image_id"], *item["bbox"], item["score"], item["category_id"])
-                          for item in json.loads(written["coco"])], rows)
         summary = json.loads(written["summary"])
         self.assert_fits_schema(summary, "summary")
         self.assertEqual((summary["frames"], summary["boxes"], summary["tracks"]),
@@ -156,6 +170,36 @@ class RunTest(ToolTest):
         self.assertLess(max(abs(a - b) for a, b in zip(found, values)), 0.05)
         self.assertEqual(box_rows(self.frames_of(self.model, picture, "--memory")),
                          box_rows(self.frames_of(self.model, picture)))
+
+    def test_pictures_keep_their_aspect_and_get_their_boxes_back(self):
+        picture = self.folder / "wide.ppm"
+        write_picture(picture, {(i, j): (255, 0, 0) for i in (2, 3) for j in (2, 3)}, 2 * WIDTH)
+        for frame_format, resize, top in (("rgb", "letterbox", 0), ("nv12", "letterbox-centred", HEIGHT // 4)):
+            model = self.pack(frame_format, "--boxes", "boxes", "--scores", "scores", "--keypoints", "points",
+                              "--no-classes", "--min-score", "0.44", "--resize", resize)
+            shown = self.frames_of(model, picture, "--display", f"{4 * WIDTH}x{2 * HEIGHT}", "--threshold", "0.44")
+            # Padding is gray enough for a box in each of its cells, but none of them is in the picture.
+            (box,) = shown[0]["boxes"]
+            self.assertEqual([box[side] for side in ("x", "y", "width", "height")], [32] * 4)
+            row = (top // CELL + 1) * (WIDTH // CELL) + 1
+            for k, point in enumerate(box["keypoints"]):
+                x, y = ((row + 1) * (2 * k + i) / 1024 for i in (1, 2))
+                self.assertAlmostEqual(point["x"], 4 * WIDTH * x, places=3)
+                self.assertAlmostEqual(point["y"], max(0, (HEIGHT * y - top) * 4), places=3)
+
+    def test_frames_in_which_a_limit_left_out_boxes_are_counted(self):
+        make_network(self.folder / "grid.onnx", "decoded", 160, 160, 0)
+        write_cells(self.folder / "1.ppm", 160, 160, {(x, y): (255, 0, 0) for x in range(20) for y in range(20)})
+        write_cells(self.folder / "2.ppm", 160, 160, {(x, y): (255, 0, 0) for x in range(10) for y in range(20)})
+        for most, text in ((400, "limit   1 frame with more boxes than the 200"),
+                           (100, "limit   2 frames with more candidates than the 100")):
+            self.tool("pack", "grid.onnx", "-o", "grid.qtm", "--boxes", "boxes", "--scores", "scores", "--scale",
+                      "1/255", "--input-format", "rgb", "--max-boxes", most)
+            run = self.run_tool("grid.qtm", self.folder, "--summary-json", "summary")
+            self.assertEqual([text in run.stdout, run.stdout.count("limit")], [True, 1])
+            summary = json.loads((self.folder / "summary").read_text())
+            self.assertEqual((summary["frames_with_cut_boxes"], summary["frames_with_dropped_candidates"],
+                              summary["boxes"]), (1, 0, 400) if most == 400 else (0, 2, 200))
 
     def test_pictures_are_drawn(self):
         self.run_tool(self.model, self.moving_squares(), "--skip", 2, "--limit", 7, "--video",

@@ -6,6 +6,7 @@
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
+#include "tools/frames/letterbox.h"
 
 namespace olvex_tools {
 
@@ -92,10 +93,12 @@ cv::Mat resized(const cv::Mat& picture, const FrameLayout& layout) {
   if (picture.size() == size) {
     return picture;
   }
+  const cv::Rect area = picture_area(layout, picture.size());
   // Averaging keeps small objects from falling between the samples when the picture shrinks.
-  const bool shrinks = picture.cols > size.width && picture.rows > size.height;
-  cv::Mat result;
-  cv::resize(picture, result, size, 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
+  const bool shrinks = picture.cols > area.width && picture.rows > area.height;
+  cv::Mat result(size, CV_8UC3, cv::Scalar::all(qv_host::kPaddingLevel));
+  cv::Mat part = result(area);
+  cv::resize(picture, part, part.size(), 0, 0, shrinks ? cv::INTER_AREA : cv::INTER_LINEAR);
   return result;
 }
 
@@ -107,6 +110,7 @@ FrameLayout frame_layout(const qv_host::InputDescription& input) {
   layout.height = input.height;
   layout.format = input.format;
   layout.order = input.frame_order;
+  layout.resize = input.resize;
   const auto width = static_cast<std::size_t>(input.width);
   const auto height = static_cast<std::size_t>(input.height);
   switch (input.format) {
@@ -166,6 +170,10 @@ std::string format_name(QV_IPU_ELEMENT_FORMAT format) {
 std::string describe(const FrameLayout& layout) {
   return format_name(layout.format) + " " + size_text(layout.width, layout.height) + ", " +
          std::to_string(layout.size) + " bytes";
+}
+
+cv::Rect picture_area(const FrameLayout& layout, cv::Size picture) {
+  return picture_area(layout.resize, picture, cv::Size(layout.width, layout.height));
 }
 
 void convert_to_frame(const cv::Mat& picture, const FrameLayout& layout,

@@ -19,6 +19,7 @@ struct FrameLayout {
   int height = 0;  // pixels
   QV_IPU_ELEMENT_FORMAT format = QV_IPU_FORMAT_NV12;
   qv_host::ColourOrder order = qv_host::ColourOrder::kRgb;  // of U8, GRAY and FP32
+  qv_host::Resize resize = qv_host::Resize::kStretch;
   std::size_t row_bytes = 0;  // from one row to the next, of the Y plane for NV12
   std::size_t size = 0;       // bytes of the whole frame
 };
@@ -35,8 +36,12 @@ std::string describe(const FrameLayout& layout);
 // A picture (8-bit BGR) whose colours change from one corner to the other.
 cv::Mat generated_gradient(int width, int height);
 
-// Stretches the picture (8-bit BGR) to the frame's size and writes it into frame, which is resized
-// to layout.size bytes; padding is zero.
+// The pixels of a frame that such a picture fills.
+cv::Rect picture_area(const FrameLayout& layout, cv::Size picture);
+
+// Brings the picture (8-bit BGR) to the frame's size and writes it into frame, which is resized to
+// layout.size bytes; the bytes between rows are zero. Where the layout keeps the aspect, the pixels outside
+// of picture_area() are gray.
 void convert_to_frame(const cv::Mat& picture, const FrameLayout& layout,
                       std::vector<unsigned char>* frame);
 

@@ -3,6 +3,8 @@
 #ifndef TOOLS_FRAMES_FRAME_RECORD_H
 #define TOOLS_FRAMES_FRAME_RECORD_H
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,11 +18,14 @@ struct KeyPoint {
   float score = -1.f;  // 0..1; negative: the network gives none
 };
 
+// The whole pixels are those of the public record: the corners' left and top, and their width and height, cut
+// to whole pixels each.
 struct Detection {
-  std::uint32_t x = 0;       // left edge, display pixels
-  std::uint32_t y = 0;       // top edge, display pixels
-  std::uint32_t width = 0;   // display pixels
-  std::uint32_t height = 0;  // display pixels
+  std::array<float, 4> corners = {};  // left, top, right, bottom, display pixels
+  std::uint32_t x = 0;                // left edge, display pixels
+  std::uint32_t y = 0;                // top edge, display pixels
+  std::uint32_t width = 0;            // display pixels
+  std::uint32_t height = 0;           // display pixels
   std::uint32_t class_id = 0;
   float score = 0.f;                      // 0..1
   std::optional<std::uint64_t> track_id;  // from 1; empty without the tracker
@@ -43,6 +48,8 @@ struct FrameRecord {
   int width = 0;               // display size in pixels: the frame of all coordinates
   int height = 0;
   std::vector<Detection> detections;
+  std::size_t dropped_candidates = 0;  // by the accelerator, beyond the image's max_boxes
+  std::size_t cut_boxes = 0;           // by the library, beyond the most that it reports
   StageTimes milliseconds;
 };
 

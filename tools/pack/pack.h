@@ -15,28 +15,9 @@
 #include "tools/common/options.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
+#include "tools/network/network_graph.h"
 
 namespace olvex_tools {
-
-// ---- The network (onnx_signature.cpp) -----------------------------------------------------------
-
-struct NetworkTensor {
-  std::string name;
-  std::vector<std::int64_t> shape;  // 0 where the network leaves a size open
-};
-
-struct NetworkSignature {
-  std::vector<NetworkTensor> inputs;  // without the weights
-  std::vector<NetworkTensor> outputs;
-};
-
-// Throws ToolError (kModelError) when the bytes are not an ONNX network.
-NetworkSignature read_onnx_signature(const std::string& path, const std::vector<char>& bytes);
-
-// "boxes 1x484x4", with ? for open sizes.
-std::string describe(const NetworkTensor& tensor);
-
-std::vector<std::string> names_of(const std::vector<NetworkTensor>& tensors);
 
 // ---- The options (pack_options.cpp) and what they amount to (pack_description.cpp) --------------
 
@@ -66,6 +47,7 @@ struct PackOptions {
   std::optional<qv_host::ColourOrder> frame_order;
   std::optional<FrameSize> size;
   std::optional<qv_host::ColourOrder> network_order;
+  std::optional<qv_host::Resize> resize;
   std::optional<ThreeNumbers> mean;
   std::optional<ThreeNumbers> scale;
 
@@ -102,7 +84,7 @@ std::function<void()> add_pack_options(const OptionTable& table, PackOptions* op
 
 // The description: of the file that --description names, or a new one, changed by the options; what
 // the network itself fixes is filled in. Throws ToolError.
-qv_host::Description describe_model(const PackOptions& options, const NetworkSignature& network);
+qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network);
 
 // ---- The scales of 16-bit outputs (calibration.cpp) ---------------------------------------------
 

@@ -178,8 +178,8 @@ std::string describe_result(const PackOptions& options, const Description& descr
 }
 
 // Score columns that are classes; 0 when the network leaves their number open.
-long class_columns(const Description& description, const NetworkSignature& network) {
-  for (const NetworkTensor& tensor : network.outputs) {
+long class_columns(const Description& description, const NetworkGraph& network) {
+  for (const NetworkTensor& tensor : network.outputs()) {
     if (tensor.name == description.decoded.scores && !tensor.shape.empty() &&
         tensor.shape.back() > 0) {
       return static_cast<long>(tensor.shape.back()) - (description.decoded.background >= 0 ? 1 : 0);
@@ -193,8 +193,7 @@ void print_note(const std::string& note) {
 }
 
 // What works, but probably not as meant.
-void print_notes(const Description& description, const NetworkSignature& network,
-                 const TestRun& test) {
+void print_notes(const Description& description, const NetworkGraph& network, const TestRun& test) {
   if (description.kind != qv_host::OutputKind::kDecoded) {
     return;
   }
@@ -263,8 +262,8 @@ std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs
 std::string pack_and_describe(const PackOptions& options) {
   const Pairs& pairs = options.pairs;
   const std::vector<char> network = read_whole_file("the network", options.network_path);
-  const NetworkSignature signature = read_onnx_signature(options.network_path, network);
-  Description description = describe_model(options, signature);
+  const NetworkGraph graph(options.network_path, network);
+  Description description = describe_model(options, graph);
   check_pair_places(options, description);
   if (options.print_description) {
     choose_scales(options, pairs, network, &description);
@@ -283,7 +282,7 @@ std::string pack_and_describe(const PackOptions& options) {
   const TestRun test =
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   file.commit();
-  print_notes(description, signature, test);
+  print_notes(description, graph, test);
   return describe_result(options, description, calibration, bytes.size(), test);
 }
 

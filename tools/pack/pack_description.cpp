@@ -36,6 +36,7 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
     input->height = options.size->height;
   }
   input->network_order = options.network_order.value_or(input->network_order);
+  input->resize = options.resize.value_or(input->resize);
   input->mean = options.mean.value_or(input->mean);
   input->scale = options.scale.value_or(input->scale);
 }
@@ -44,22 +45,22 @@ std::string list_of(const std::vector<NetworkTensor>& tensors) {
   return join(tensors, ", ", [](const NetworkTensor& tensor) { return describe(tensor); });
 }
 
-const NetworkTensor& find_input(const std::string& name, const NetworkSignature& network) {
-  if (name.empty() && network.inputs.size() == 1) {
-    return network.inputs.front();
+NetworkTensor find_input(const std::string& name, const NetworkGraph& network) {
+  const std::vector<NetworkTensor> inputs = network.inputs();
+  if (name.empty() && inputs.size() == 1) {
+    return inputs.front();
   }
   if (name.empty()) {
-    throw ToolError(kModelError, "the network has several inputs: " + list_of(network.inputs) +
+    throw ToolError(kModelError, "the network has several inputs: " + list_of(inputs) +
                                      ". Name the picture's with --input NAME");
   }
-  for (const NetworkTensor& tensor : network.inputs) {
+  for (const NetworkTensor& tensor : inputs) {
     if (tensor.name == name) {
       return tensor;
     }
   }
-  throw ToolError(kModelError, "the network has no input \"" + name +
-                                   "\". It has: " + list_of(network.inputs) +
-                                   did_you_mean(name, names_of(network.inputs)));
+  throw ToolError(kModelError, "the network has no input \"" + name + "\". It has: " +
+                                   list_of(inputs) + did_you_mean(name, names_of(inputs)));
 }
 
 void fit_size(const NetworkTensor& tensor, qv_host::InputDescription* input) {
@@ -101,11 +102,11 @@ void fit_channels(const NetworkTensor& tensor, bool order_given, qv_host::InputD
 
 // ---- Outputs ------------------------------------------------------------------------------------
 
-void check_output_name(const std::string& name, const NetworkSignature& network) {
-  const std::vector<std::string> names = names_of(network.outputs);
+void check_output_name(const std::string& name, const NetworkGraph& network) {
+  const std::vector<std::string> names = names_of(network.outputs());
   if (std::find(names.begin(), names.end(), name) == names.end()) {
     throw ToolError(kModelError, "the network has no output \"" + name + "\". It has: " +
-                                     list_of(network.outputs) + did_you_mean(name, names));
+                                     list_of(network.outputs()) + did_you_mean(name, names));
   }
 }
 
@@ -118,13 +119,13 @@ void apply_raw_options(const PackOptions& options, Description* description) {
   }
 }
 
-void apply_keypoint_options(const PackOptions& options, const NetworkSignature& network,
+void apply_keypoint_options(const PackOptions& options, const NetworkGraph& network,
                             qv_host::DecodedOutput* decoded) {
   if (options.keypoints) {
     decoded->keypoints = *options.keypoints;
     decoded->emit_classes = false;
     // The row length stands in the network unless it is left open there.
-    for (const NetworkTensor& tensor : network.outputs) {
+    for (const NetworkTensor& tensor : network.outputs()) {
       if (tensor.name == decoded->keypoints && !tensor.shape.empty() && tensor.shape.back() > 0) {
         decoded->keypoint_values = static_cast<int>(
             std::min<std::int64_t>(tensor.shape.back(), 1000));  // far beyond what any layout takes
@@ -136,13 +137,13 @@ void apply_keypoint_options(const PackOptions& options, const NetworkSignature& 
   }
 }
 
-void apply_decoded_options(const PackOptions& options, const NetworkSignature& network,
+void apply_decoded_options(const PackOptions& options, const NetworkGraph& network,
                            qv_host::DecodedOutput* decoded) {
   decoded->boxes = options.boxes.value_or(decoded->boxes);
   decoded->scores = options.scores.value_or(decoded->scores);
   if (decoded->boxes.empty() || decoded->scores.empty()) {
     refuse_usage("--boxes and --scores belong together; the network's outputs are: " +
-                 list_of(network.outputs));
+                 list_of(network.outputs()));
   }
   apply_keypoint_options(options, network, decoded);
   decoded->box_order = options.box_order.value_or(decoded->box_order);
@@ -194,7 +195,7 @@ void refuse_stray_options(const PackOptions& options, const Description& descrip
   }
 }
 
-void choose_kind(const PackOptions& options, const NetworkSignature& network,
+void choose_kind(const PackOptions& options, const NetworkGraph& network,
                  Description* description) {
   const bool raw = !options.raw.empty();
   const bool decoded = options.boxes || options.scores || options.keypoints;
@@ -209,11 +210,11 @@ void choose_kind(const PackOptions& options, const NetworkSignature& network,
     refuse_usage(
         "say what the network's outputs are: --boxes NAME --scores NAME, or --raw OUT1 OUT2 "
         "OUT3. Its outputs: " +
-        list_of(network.outputs));
+        list_of(network.outputs()));
   }
 }
 
-void apply_output_options(const PackOptions& options, const NetworkSignature& network,
+void apply_output_options(const PackOptions& options, const NetworkGraph& network,
                           Description* description) {
   choose_kind(options, network, description);
   if (options.int16) {
@@ -268,7 +269,7 @@ Description read_description(const std::string& path) {
 
 }  // namespace
 
-qv_host::Description describe_model(const PackOptions& options, const NetworkSignature& network) {
+qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network) {
   Description description;
   if (!options.description_path.empty()) {
     description = read_description(options.description_path);

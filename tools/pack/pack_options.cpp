@@ -16,6 +16,7 @@ namespace {
 
 using qv_host::BoxOrder;
 using qv_host::ColourOrder;
+using qv_host::Resize;
 
 constexpr long kMostCalibrationFrames = 1000000;  // by far: a few hundred settle a scale
 
@@ -229,6 +230,12 @@ class Declaration {
         "--network-order", &options_.network_order,
         {{"rgb", ColourOrder::kRgb}, {"bgr", ColourOrder::kBgr}, {"gray", ColourOrder::kGray}},
         "Planes of the network's input: rgb (default), bgr or gray");
+    add_word<Resize>("--resize", &options_.resize,
+                     {{"stretch", Resize::kStretch},
+                      {"letterbox", Resize::kLetterbox},
+                      {"letterbox-centred", Resize::kLetterboxCentred}},
+                     "How pictures become frames: stretch (default), or with their aspect kept and "
+                     "gray at the right or below (letterbox) or on both sides (letterbox-centred)");
     add_three("--mean", &options_.mean,
               "Taken off each channel (0..255) first: one number, or three with commas, in "
               "network order");
@@ -262,7 +269,7 @@ class Declaration {
                "Score column that is no class, from 0; later columns move down by one");
     table_.flag("--classes,!--no-classes", &options_.classes,
                 "Hand a class tensor to the library (default), or report everything as class 0");
-    table_.add("--max-boxes", "N", &options_.max_boxes, "Candidates kept, 1..32767 (default 100)");
+    table_.add("--max-boxes", "N", &options_.max_boxes, "Candidates kept, 1..32767 (default 1000)");
     table_.add("--min-score", "NUMBER", &options_.min_score,
                "Score that a candidate needs to be handed over (default 0.05)");
     add_number("--box-scale", &options_.box_scale, "With --int16: real value of 1 in boxes");

@@ -145,13 +145,12 @@ InputAttr_t Detector::input() const {
   return attributes;
 }
 
-void Detector::run(std::vector<unsigned char>* frame, std::uint64_t pts,
-                   std::vector<Detection>* detections, StageTimes* times) {
+void Detector::run(std::vector<unsigned char>* frame, FrameRecord* record) {
   ALGO_Input_t input = {};
   input.p_vir_addr = frame->data();
   input.phy_addr = reinterpret_cast<std::uintptr_t>(frame->data());
   input.buf_size = static_cast<QV_U32>(frame->size());
-  input.pts = pts;
+  input.pts = record->pts;
   QV_S32 count = 0;
   const auto start = std::chrono::steady_clock::now();
   const QV_S32 code = ALGO_DET_Run(handle_, &input, boxes_.data(), &count);
@@ -161,11 +160,13 @@ void Detector::run(std::vector<unsigned char>* frame, std::uint64_t pts,
     fail(code, "ALGO_DET_Run", options_.model);
   }
   double conversion = 0;
-  QV_HOST_LastInvokeTimes(&conversion, &times->network);
-  times->conversion += conversion;
-  times->postprocessing = std::max(0.0, elapsed.count() - conversion - times->network);
+  StageTimes& times = record->milliseconds;
+  QV_HOST_LastInvokeTimes(&conversion, &times.network);
+  times.conversion += conversion;
+  times.postprocessing = std::max(0.0, elapsed.count() - conversion - times.network);
+  record->dropped_candidates = QV_HOST_LastInvokeDropped();
 
-  detections->clear();
+  record->detections.clear();
   for (QV_S32 i = 0; i < count; ++i) {
     const Box_t& box = boxes_[static_cast<std::size_t>(i)];
     Detection detection;
@@ -175,9 +176,9 @@ void Detector::run(std::vector<unsigned char>* frame, std::uint64_t pts,
     detection.height = box.height;
     detection.class_id = box.class_id;
     detection.score = box.score;
-    detections->push_back(detection);
+    record->detections.push_back(detection);
   }
-  add_last_output(handle_, has_tracks_, detections);
+  record->cut_boxes = add_last_output(handle_, has_tracks_, &record->detections);
 }
 
 }  // namespace olvex_tools

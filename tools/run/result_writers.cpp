@@ -37,12 +37,23 @@ Json key_points_of(const Detection& detection) {
   return list;
 }
 
+// Left, top, width and height: as the library computed them, or cut to whole pixels.
+Json sides_of(const Detection& box, bool whole_pixels) {
+  if (whole_pixels) {
+    return {box.x, box.y, box.width, box.height};
+  }
+  const auto& [left, top, right, bottom] = box.corners;
+  return {shortest_decimal(left), shortest_decimal(top), shortest_decimal(right - left),
+          shortest_decimal(bottom - top)};
+}
+
 Json box_of(const Detection& detection, const std::vector<std::string>& class_names) {
-  Json box = {{"x", detection.x},
-              {"y", detection.y},
-              {"width", detection.width},
-              {"height", detection.height},
-              {"class_id", detection.class_id}};
+  Json box = {{"x", detection.x},         {"y", detection.y},
+              {"width", detection.width}, {"height", detection.height},
+              {"corners", Json::array()}, {"class_id", detection.class_id}};
+  for (const float corner : detection.corners) {
+    box["corners"].push_back(shortest_decimal(corner));
+  }
   const std::string name = class_name(class_names, detection.class_id);
   if (!name.empty()) {
     box["class"] = name;
@@ -73,14 +84,16 @@ std::string json_line_of(const FrameRecord& record, const std::vector<std::strin
          "\n";
 }
 
-std::string mot_rows_of(const FrameRecord& record) {
+std::string mot_rows_of(const FrameRecord& record, bool whole_pixels) {
   std::string rows;
   for (const Detection& detection : record.detections) {
     const std::string id = detection.track_id ? std::to_string(*detection.track_id) : "-1";
-    rows += std::to_string(record.number) + "," + id + "," + std::to_string(detection.x) + "," +
-            std::to_string(detection.y) + "," + std::to_string(detection.width) + "," +
-            std::to_string(detection.height) + "," + shortest_text(detection.score) + "," +
-            std::to_string(detection.class_id) + ",-1,-1\n";
+    rows += std::to_string(record.number) + "," + id;
+    for (const Json& side : sides_of(detection, whole_pixels)) {
+      rows += "," + side.dump();
+    }
+    rows += "," + shortest_text(detection.score) + "," + std::to_string(detection.class_id) +
+            ",-1,-1\n";
   }
   return rows;
 }
@@ -102,8 +115,8 @@ class LinesWriter : public FrameWriter {
 
 class CocoWriter : public FrameWriter {
  public:
-  CocoWriter(const std::string& path, FILE* standard_output)
-      : file_(path, standard_output, OutputForm::kWhole) {}
+  CocoWriter(const std::string& path, FILE* standard_output, bool whole_pixels)
+      : file_(path, standard_output, OutputForm::kWhole), whole_pixels_(whole_pixels) {}
 
   void write(FramePicture* frame) override {
     const FrameRecord& record = frame->record();
@@ -111,7 +124,7 @@ class CocoWriter : public FrameWriter {
     for (const Detection& detection : record.detections) {
       const Json item = {{"image_id", record.image_id},
                          {"category_id", detection.class_id},
-                         {"bbox", {detection.x, detection.y, detection.width, detection.height}},
+                         {"bbox", sides_of(detection, whole_pixels_)},
                          {"score", shortest_decimal(detection.score)}};
       items += (first_ ? "\n" : ",\n") + json_text(item, kOneLine);
       first_ = false;
@@ -132,6 +145,7 @@ class CocoWriter : public FrameWriter {
   std::string opening() { return std::exchange(begun_, true) ? "" : "["; }
 
   OutputFile file_;
+  bool whole_pixels_;
   bool begun_ = false;
   bool first_ = true;  // no item has been written yet
 };
@@ -145,12 +159,16 @@ std::unique_ptr<FrameWriter> make_json_lines_writer(const std::string& path, FIL
       [class_names](const FrameRecord& record) { return json_line_of(record, class_names); });
 }
 
-std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output) {
-  return std::make_unique<LinesWriter>(path, standard_output, mot_rows_of);
+std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output,
+                                             bool whole_pixels) {
+  return std::make_unique<LinesWriter>(
+      path, standard_output,
+      [whole_pixels](const FrameRecord& record) { return mot_rows_of(record, whole_pixels); });
 }
 
-std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output) {
-  return std::make_unique<CocoWriter>(path, standard_output);
+std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output,
+                                              bool whole_pixels) {
+  return std::make_unique<CocoWriter>(path, standard_output, whole_pixels);
 }
 
 }  // namespace olvex_tools

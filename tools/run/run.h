@@ -54,10 +54,10 @@ class Detector {
 
   InputAttr_t input() const;
 
-  // Finds the objects in one frame (in the model's input format). Fills detections, and of
-  // times conversion (the accelerator's share is added), network and postprocessing.
-  void run(std::vector<unsigned char>* frame, std::uint64_t pts, std::vector<Detection>* detections,
-           StageTimes* times);
+  // Finds the objects in one frame (in the model's input format). Takes the time stamp of record and
+  // fills detections, what limits left out, and of the times conversion (the accelerator's share is
+  // added), network and postprocessing.
+  void run(std::vector<unsigned char>* frame, FrameRecord* record);
 
  private:
   void initialise_from_file(const Rect_t& display);
@@ -118,9 +118,11 @@ std::unique_ptr<FrameWriter> make_json_lines_writer(const std::string& path, FIL
                                                     const std::vector<std::string>& class_names);
 // frame,id,left,top,width,height,score,class,-1,-1 per box, written as they come; id is -1 without
 // the tracker.
-std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output);
+std::unique_ptr<FrameWriter> make_mot_writer(const std::string& path, FILE* standard_output,
+                                             bool whole_pixels);
 // An array of {image_id, category_id, bbox, score}, one per box. It takes its place when finished.
-std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output);
+std::unique_ptr<FrameWriter> make_coco_writer(const std::string& path, FILE* standard_output,
+                                              bool whole_pixels);
 
 // The following draw: frames must come with their picture.
 
@@ -137,9 +139,10 @@ std::unique_ptr<FrameWriter> make_contact_sheet_writer(const std::string& path, 
 
 // Paths; an empty one stands for an output that is not wanted.
 struct OutputOptions {
-  std::string json_lines;  // or "-"
-  std::string mot;         // or "-"
-  std::string coco;        // or "-"
+  std::string json_lines;     // or "-"
+  std::string mot;            // or "-"
+  std::string coco;           // or "-"
+  bool whole_pixels = false;  // mot and coco: boxes as the public record has them
   std::string video;
   std::string pictures;  // a folder
   std::string picture_extension = "png";
@@ -183,6 +186,7 @@ struct RunFacts {
   std::string model;
   std::string input;
   std::vector<std::string> class_names;
+  int max_boxes = 0;  // of the model's image
   bool tracked = false;
   bool interrupted = false;
   std::optional<long> expected_frames;  // by what the input says of its length
@@ -203,7 +207,12 @@ class RunSummary {
  private:
   static constexpr std::size_t kStages = 5;
 
+  // What limits left out; nothing when they left out nothing.
+  std::string limits_text(int max_boxes) const;
+
   long frames_ = 0;
+  long frames_with_dropped_candidates_ = 0;
+  long frames_with_cut_boxes_ = 0;
   std::map<std::uint32_t, std::uint64_t> boxes_;  // by class
   std::set<std::uint64_t> tracks_;
   std::array<std::vector<float>, kStages> milliseconds_;  // one value per frame

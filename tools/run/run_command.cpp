@@ -119,6 +119,10 @@ void check_combinations(const CommandLine& line) {
     refuse_usage(
         "--firmware: a model from memory always uses the default firmware; leave out --memory");
   }
+  if (line.run.outputs.whole_pixels && line.run.outputs.mot.empty() &&
+      line.run.outputs.coco.empty()) {
+    refuse_usage("--whole-pixels acts on --mot and --coco: add one of them, or leave it out");
+  }
   const std::string& video = line.run.outputs.video;
   if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
     refuse_usage("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
@@ -238,6 +242,8 @@ void add_output_options(OptionTable* options, CommandLine* line) {
                "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)");
   options->add("--coco", "FILE|-", &outputs->coco,
                "COCO results, a JSON array; written as FILE.partial.* until complete");
+  options->flag("--whole-pixels", &outputs->whole_pixels,
+                "MOT and COCO boxes cut to whole pixels, as ALGO_DET_Run hands them out");
   options->add("--summary-json", "FILE|-", &outputs->summary, "The summary as JSON");
   options->add("--video", "FILE", &outputs->video,
                "Annotated video (.mkv, .avi, .mp4, .mov); killed, the first two keep most");

@@ -44,10 +44,10 @@ RunOutputs::RunOutputs(const OutputOptions& options, FILE* standard_output,
     writers_.push_back(make_json_lines_writer(options.json_lines, standard_output, class_names_));
   }
   if (!options.mot.empty()) {
-    writers_.push_back(make_mot_writer(options.mot, standard_output));
+    writers_.push_back(make_mot_writer(options.mot, standard_output, options.whole_pixels));
   }
   if (!options.coco.empty()) {
-    writers_.push_back(make_coco_writer(options.coco, standard_output));
+    writers_.push_back(make_coco_writer(options.coco, standard_output, options.whole_pixels));
   }
   const std::size_t without_pictures = writers_.size();
   if (!options.video.empty()) {

@@ -7,11 +7,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/host/host_image.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
+#include "tools/frames/letterbox.h"
 #include "tools/common/interruption.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/network_trial.h"
@@ -164,22 +166,39 @@ class Session {
     const bool is_dump = frame->picture.empty();
     const cv::Size own_size =
         is_dump ? cv::Size(layout_.width, layout_.height) : frame->picture.size();
-    open_detector(options_.display.value_or(own_size));
-    record->width = display_.width;
-    record->height = display_.height;
+    const cv::Size display = options_.display.value_or(own_size);
+    const cv::Size frame_size(layout_.width, layout_.height);
+    // A dumped frame is a picture of its own; where its padding lies is not known.
+    const cv::Rect area =
+        is_dump ? cv::Rect(cv::Point(), frame_size) : picture_area(layout_, own_size);
+    const PaddingRemoval padding(area, frame_size, display);
+    open_detector(padding.padded_display());
+    record->width = display.width;
+    record->height = display.height;
     if (!is_dump) {
       const auto conversion = Clock::now();
       convert_to_frame(frame->picture, layout_, &converted_);
       record->milliseconds.conversion = milliseconds_since(conversion);
     }
-    detector_->run(is_dump ? &frame->dump : &converted_, frame->pts, &record->detections,
-                   &record->milliseconds);
+    detector_->run(is_dump ? &frame->dump : &converted_, record);
+    remove_padding(padding, &record->detections);
     number_tracks(&record->detections);
   }
 
-  // The library takes the display size once, so another size needs another handle.
+  void remove_padding(const PaddingRemoval& padding, std::vector<Detection>* detections) const {
+    std::vector<Detection> in_picture;
+    for (Detection& detection : *detections) {
+      if (padding.apply(reported_size_, &detection)) {
+        in_picture.push_back(std::move(detection));
+      }
+    }
+    *detections = std::move(in_picture);
+  }
+
+  // The library takes the display size once, so another size needs another handle; not with --display, where
+  // only the padding of the pictures differs.
   void open_detector(cv::Size display) {
-    if (detector_ != nullptr && display == display_) {
+    if (detector_ != nullptr && (options_.display || display == reported_size_)) {
       return;
     }
     if (detector_ != nullptr && tracked()) {
@@ -189,7 +208,7 @@ class Session {
     }
     detector_.reset();  // there is one accelerator device only
     detector_ = std::make_unique<Detector>(detector_options_, display);
-    display_ = display;
+    reported_size_ = display;
     first_track_ = last_track_;
     const InputAttr_t input = detector_->input();
     if (input.width != static_cast<QV_U32>(layout_.width) ||
@@ -258,6 +277,7 @@ class Session {
     facts.model = options_.detector.model;
     facts.input = options_.input;
     facts.class_names = model_.description.class_names;
+    facts.max_boxes = model_.description.decoded.max_boxes;
     facts.tracked = tracked();
     facts.interrupted = interruption_requested();
     facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
@@ -299,7 +319,7 @@ class Session {
   RunSummary summary_;
   std::optional<OutputFile> summary_file_;
   std::unique_ptr<Detector> detector_;
-  cv::Size display_;               // of detector_
+  cv::Size reported_size_;         // display size of detector_
   std::uint64_t first_track_ = 0;  // added to the ids of detector_
   std::uint64_t last_track_ = 0;   // highest id so far
   std::vector<unsigned char> converted_;

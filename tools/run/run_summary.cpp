@@ -38,6 +38,8 @@ void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
       tracks_.insert(*detection.track_id);
     }
   }
+  frames_with_dropped_candidates_ += record.dropped_candidates > 0 ? 1 : 0;
+  frames_with_cut_boxes_ += record.cut_boxes > 0 ? 1 : 0;
   const StageTimes& times = record.milliseconds;
   const double values[kStages] = {times.decode, times.conversion, times.network,
                                   times.postprocessing, output_milliseconds};
@@ -63,6 +65,7 @@ std::string RunSummary::text(const RunFacts& facts) const {
   if (facts.tracked) {
     text += format("tracks  %zu\n", tracks_.size());
   }
+  text += limits_text(facts.max_boxes);
   if (frames_ > 0) {
     text += "milliseconds per frame    median    99th percentile\n";
     for (std::size_t i = 0; i < kStages; ++i) {
@@ -71,6 +74,19 @@ std::string RunSummary::text(const RunFacts& facts) const {
     }
   }
   return text;
+}
+
+std::string RunSummary::limits_text(int max_boxes) const {
+  const auto line = [](long frames, const char* rest, int limit) {
+    return frames > 0 ? "limit   " + counted(frames, "frame", "frames") + format(rest, limit) : "";
+  };
+  return line(frames_with_dropped_candidates_,
+              " with more candidates than the %d that the model keeps; pack it with a higher "
+              "--max-boxes or --min-score\n",
+              max_boxes) +
+         line(frames_with_cut_boxes_,
+              " with more boxes than the %d that the library reports; raise --threshold\n",
+              ALGO_DET_MAX_BOXES);
 }
 
 std::string RunSummary::json(const RunFacts& facts) const {
@@ -101,6 +117,8 @@ std::string RunSummary::json(const RunFacts& facts) const {
                         {"frames_per_second", rounded(rate(frames_, facts.seconds))},
                         {"boxes", total},
                         {"boxes_per_class", std::move(classes)},
+                        {"frames_with_dropped_candidates", frames_with_dropped_candidates_},
+                        {"frames_with_cut_boxes", frames_with_cut_boxes_},
                         {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
                         {"milliseconds", std::move(stages)}};
   return json_text(summary) + "\n";

@@ -1,0 +1,379 @@
+// network_graph.cpp - the records of an ONNX file by libonnx, with an index of names and shapes.
+#include "tools/network/network_graph.h"
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <limits>
+
+#include <onnx/shape_inference/implementation.h>
+
+#include "tools/common/command.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using onnx::TensorProto;
+
+Shape shape_of_type(const onnx::TypeProto& type) {
+  Shape shape;
+  for (const auto& dimension : type.tensor_type().shape().dim()) {
+    shape.push_back(std::max<std::int64_t>(0, dimension.dim_value()));
+  }
+  return shape;
+}
+
+bool has_shape(const onnx::ValueInfoProto& value) {
+  return value.type().has_tensor_type() && value.type().tensor_type().has_shape();
+}
+
+void set_tensor_type(const NetworkTensor& tensor, onnx::ValueInfoProto* value) {
+  value->set_name(tensor.name);
+  auto* type = value->mutable_type()->mutable_tensor_type();
+  type->set_elem_type(TensorProto::FLOAT);
+  for (const std::int64_t size : tensor.shape) {
+    type->mutable_shape()->add_dim()->set_dim_value(size);
+  }
+}
+
+template <typename Element>
+std::vector<double> packed_numbers(const std::string& bytes) {
+  std::vector<double> numbers(bytes.size() / sizeof(Element));
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    Element element;
+    std::memcpy(&element, bytes.data() + i * sizeof(Element), sizeof(Element));
+    numbers[i] = static_cast<double>(element);
+  }
+  return numbers;
+}
+
+template <typename Elements>
+std::vector<double> listed_numbers(const Elements& elements) {
+  return std::vector<double>(elements.begin(), elements.end());
+}
+
+std::vector<double> elements_in(const TensorProto& tensor) {
+  const bool packed = tensor.has_raw_data();
+  switch (tensor.data_type()) {
+    case TensorProto::FLOAT:
+      return packed ? packed_numbers<float>(tensor.raw_data())
+                    : listed_numbers(tensor.float_data());
+    case TensorProto::DOUBLE:
+      return packed ? packed_numbers<double>(tensor.raw_data())
+                    : listed_numbers(tensor.double_data());
+    case TensorProto::INT64:
+      return packed ? packed_numbers<std::int64_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int64_data());
+    case TensorProto::INT32:
+      return packed ? packed_numbers<std::int32_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    case TensorProto::INT8:
+      return packed ? packed_numbers<std::int8_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    case TensorProto::UINT8:
+    case TensorProto::BOOL:
+      return packed ? packed_numbers<std::uint8_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    default:
+      return {};
+  }
+}
+
+const onnx::AttributeProto* find_attribute(const onnx::NodeProto& node, const std::string& name) {
+  for (const onnx::AttributeProto& attribute : node.attribute()) {
+    if (attribute.name() == name) {
+      return &attribute;
+    }
+  }
+  return nullptr;
+}
+
+void refuse_outside_weights(const std::string& path, const onnx::GraphProto& graph) {
+  for (const TensorProto& weights : graph.initializer()) {
+    if (weights.data_location() == TensorProto::EXTERNAL) {
+      throw ToolError(kModelError, path + ": the weights are in other files (\"" + weights.name() +
+                                       "\"). Export the network with its weights inside");
+    }
+  }
+}
+
+}  // namespace
+
+std::int64_t elements_of(const Shape& shape) {
+  std::int64_t count = 1;
+  for (const std::int64_t size : shape) {
+    const bool fits =
+        size >= 0 && (size == 0 || count <= std::numeric_limits<std::int64_t>::max() / size);
+    count = fits ? count * size : -1;
+    if (count <= 0) {
+      return count;
+    }
+  }
+  return count;
+}
+
+std::string describe(const NetworkTensor& tensor) {
+  std::string text;
+  for (const std::int64_t size : tensor.shape) {
+    text += (text.empty() ? "" : "x") + (size > 0 ? std::to_string(size) : "?");
+  }
+  return tensor.name + (text.empty() ? "" : " " + text);
+}
+
+std::vector<std::string> names_of(const std::vector<NetworkTensor>& tensors) {
+  std::vector<std::string> names;
+  for (const NetworkTensor& tensor : tensors) {
+    names.push_back(tensor.name);
+  }
+  return names;
+}
+
+Attribute::Attribute(const std::string& name, std::int64_t value) {
+  record_.set_name(name);
+  record_.set_type(onnx::AttributeProto::INT);
+  record_.set_i(value);
+}
+
+Attribute::Attribute(const std::string& name, float value) {
+  record_.set_name(name);
+  record_.set_type(onnx::AttributeProto::FLOAT);
+  record_.set_f(value);
+}
+
+Attribute::Attribute(const std::string& name, const std::vector<std::int64_t>& values) {
+  record_.set_name(name);
+  record_.set_type(onnx::AttributeProto::INTS);
+  for (const std::int64_t value : values) {
+    record_.add_ints(value);
+  }
+}
+
+NetworkGraph::NetworkGraph(const std::string& path, const std::vector<char>& bytes) : path_(path) {
+  const bool fits = bytes.size() <= static_cast<std::size_t>(std::numeric_limits<int>::max());
+  if (!fits || !model_.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
+    throw ToolError(kModelError, path + " is not an ONNX network, or it is cut short");
+  }
+  refuse_outside_weights(path, model_.graph());
+  index();
+  if (inputs().empty() || outputs().empty()) {
+    throw ToolError(kModelError, path + " is not an ONNX network with an input and outputs");
+  }
+  update();
+}
+
+std::vector<char> NetworkGraph::bytes() const {
+  std::vector<char> bytes(model_.ByteSizeLong());
+  model_.SerializeToArray(bytes.data(), static_cast<int>(bytes.size()));
+  return bytes;
+}
+
+std::int64_t NetworkGraph::opset() const {
+  for (const auto& set : model_.opset_import()) {
+    if (set.domain().empty() || set.domain() == "ai.onnx") {
+      return set.version();
+    }
+  }
+  return 1;
+}
+
+std::map<std::string, std::string> NetworkGraph::metadata() const {
+  std::map<std::string, std::string> entries;
+  for (const auto& entry : model_.metadata_props()) {
+    entries[entry.key()] = entry.value();
+  }
+  return entries;
+}
+
+std::vector<NetworkTensor> NetworkGraph::inputs() const {
+  std::vector<NetworkTensor> tensors;
+  for (const auto& input : model_.graph().input()) {
+    if (weights_.count(input.name()) == 0) {  // some exporters list the weights, too
+      tensors.push_back({input.name(), shape_of_type(input.type())});
+    }
+  }
+  return tensors;
+}
+
+std::vector<NetworkTensor> NetworkGraph::outputs() const {
+  std::vector<NetworkTensor> tensors;
+  for (const auto& output : model_.graph().output()) {
+    tensors.push_back({output.name(), shape_of(output.name()).value_or(Shape())});
+  }
+  return tensors;
+}
+
+std::optional<Shape> NetworkGraph::shape_of(const std::string& value) const {
+  const auto found = shapes_.find(value);
+  return found == shapes_.end() ? std::nullopt : std::make_optional(found->second);
+}
+
+const onnx::NodeProto* NetworkGraph::producer_of(const std::string& value) const {
+  const auto found = producers_.find(value);
+  return found == producers_.end() ? nullptr : &model_.graph().node(found->second);
+}
+
+std::vector<const onnx::NodeProto*> NetworkGraph::users_of(const std::string& value) const {
+  std::vector<const onnx::NodeProto*> nodes;
+  const auto found = users_.find(value);
+  if (found != users_.end()) {
+    for (const int node : found->second) {
+      nodes.push_back(&model_.graph().node(node));
+    }
+  }
+  return nodes;
+}
+
+const TensorProto* NetworkGraph::constant(const std::string& value) const {
+  const auto found = weights_.find(value);
+  if (found != weights_.end()) {
+    return &model_.graph().initializer(found->second);
+  }
+  const onnx::NodeProto* producer = producer_of(value);
+  const onnx::AttributeProto* attribute = producer != nullptr && producer->op_type() == "Constant"
+                                              ? find_attribute(*producer, "value")
+                                              : nullptr;
+  return attribute == nullptr ? nullptr : &attribute->t();
+}
+
+std::optional<std::vector<double>> NetworkGraph::numbers(const std::string& value) const {
+  const TensorProto* tensor = constant(value);
+  return tensor == nullptr ? std::nullopt : numbers_of(*tensor);
+}
+
+std::string NetworkGraph::unused_name(const std::string& hint) const {
+  const auto is_used = [&](const std::string& name) {
+    return shapes_.count(name) + producers_.count(name) + users_.count(name) +
+               weights_.count(name) !=
+           0;
+  };
+  std::string name = hint;
+  for (int number = 2; is_used(name); ++number) {
+    name = hint + "_" + std::to_string(number);
+  }
+  return name;
+}
+
+std::string NetworkGraph::add_floats(const std::string& hint, const Shape& shape,
+                                     const std::vector<float>& values) {
+  TensorProto* tensor = graph()->add_initializer();
+  tensor->set_name(unused_name(hint));
+  tensor->set_data_type(TensorProto::FLOAT);
+  *tensor->mutable_dims() = {shape.begin(), shape.end()};
+  tensor->set_raw_data(values.data(), values.size() * sizeof(float));
+  weights_[tensor->name()] = graph()->initializer_size() - 1;
+  shapes_[tensor->name()] = shape;
+  return tensor->name();
+}
+
+std::string NetworkGraph::add_integers(const std::string& hint,
+                                       const std::vector<std::int64_t>& values) {
+  TensorProto* tensor = graph()->add_initializer();
+  tensor->set_name(unused_name(hint));
+  tensor->set_data_type(TensorProto::INT64);
+  tensor->add_dims(static_cast<std::int64_t>(values.size()));
+  tensor->set_raw_data(values.data(), values.size() * sizeof(std::int64_t));
+  weights_[tensor->name()] = graph()->initializer_size() - 1;
+  shapes_[tensor->name()] = {static_cast<std::int64_t>(values.size())};
+  return tensor->name();
+}
+
+std::string NetworkGraph::add_node(const std::string& hint, const std::string& operation,
+                                   const std::vector<std::string>& inputs,
+                                   const std::vector<Attribute>& attributes) {
+  onnx::NodeProto* node = graph()->add_node();
+  const std::string name = unused_name(hint);
+  node->set_name(name);
+  node->set_op_type(operation);
+  node->add_output(name);
+  const int place = graph()->node_size() - 1;
+  producers_[name] = place;
+  for (const std::string& input : inputs) {
+    node->add_input(input);
+    users_[input].push_back(place);
+  }
+  for (const Attribute& attribute : attributes) {
+    *node->add_attribute() = attribute.record();
+  }
+  return name;
+}
+
+void NetworkGraph::set_outputs(const std::vector<NetworkTensor>& outputs) {
+  graph()->clear_output();
+  for (const NetworkTensor& output : outputs) {
+    set_tensor_type(output, graph()->add_output());
+  }
+}
+
+void NetworkGraph::forget_inferred_shapes() {
+  graph()->clear_value_info();
+}
+
+void NetworkGraph::update() {
+  forget_inferred_shapes();
+  onnx::ModelProto inferred = model_;
+  try {
+    // Sizes that Shape, Gather and Concat compute count as known.
+    const onnx::ShapeInferenceOptions options(false, 0, true);
+    onnx::shape_inference::InferShapes(inferred, onnx::OpSchemaRegistry::Instance(), options);
+    model_ = std::move(inferred);
+  } catch (const std::exception&) {
+    // An operator or a shape that libonnx does not know leaves shapes open; those that need one say so.
+  }
+  index();
+}
+
+void NetworkGraph::index() {
+  shapes_.clear();
+  producers_.clear();
+  users_.clear();
+  weights_.clear();
+  const onnx::GraphProto& graph = model_.graph();
+  for (const auto* values : {&graph.value_info(), &graph.input(), &graph.output()}) {
+    for (const onnx::ValueInfoProto& value : *values) {
+      if (has_shape(value)) {
+        shapes_[value.name()] = shape_of_type(value.type());
+      }
+    }
+  }
+  for (int i = 0; i < graph.initializer_size(); ++i) {
+    const TensorProto& weights = graph.initializer(i);
+    weights_[weights.name()] = i;
+    shapes_[weights.name()] = Shape(weights.dims().begin(), weights.dims().end());
+  }
+  for (int i = 0; i < graph.node_size(); ++i) {
+    for (const std::string& output : graph.node(i).output()) {
+      producers_[output] = i;
+    }
+    for (const std::string& input : graph.node(i).input()) {
+      users_[input].push_back(i);
+    }
+  }
+}
+
+std::int64_t integer_attribute(const onnx::NodeProto& node, const std::string& name,
+                               std::int64_t usual) {
+  const onnx::AttributeProto* attribute = find_attribute(node, name);
+  return attribute == nullptr ? usual : attribute->i();
+}
+
+std::vector<std::int64_t> integers_attribute(const onnx::NodeProto& node, const std::string& name) {
+  const onnx::AttributeProto* attribute = find_attribute(node, name);
+  return attribute == nullptr
+             ? std::vector<std::int64_t>()
+             : std::vector<std::int64_t>(attribute->ints().begin(), attribute->ints().end());
+}
+
+float float_attribute(const onnx::NodeProto& node, const std::string& name, float usual) {
+  const onnx::AttributeProto* attribute = find_attribute(node, name);
+  return attribute == nullptr ? usual : attribute->f();
+}
+
+std::optional<std::vector<double>> numbers_of(const TensorProto& tensor) {
+  const std::vector<double> numbers = elements_in(tensor);
+  const Shape shape(tensor.dims().begin(), tensor.dims().end());
+  const bool whole = static_cast<std::int64_t>(numbers.size()) == elements_of(shape);
+  return whole ? std::make_optional(numbers) : std::nullopt;
+}
+
+}  // namespace olvex_tools
