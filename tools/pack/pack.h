@@ -81,9 +81,11 @@ struct PackOptions {
 // throws ToolError (kUsageError) for one that does not fit. options must outlive it.
 std::function<void()> add_pack_options(const OptionTable& table, PackOptions* options);
 
-// The description: of the file that --description names, or a new one, changed by the options; what
-// the network itself fixes is filled in. Throws ToolError.
-qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network);
+// Of the file that --description names, or a new one, with the size that the options give. Throws ToolError.
+qv_host::Description start_description(const PackOptions& options);
+// That description changed by the options; what the network itself fixes is filled in. Throws ToolError.
+qv_host::Description describe_model(const PackOptions& options, const qv_host::Description& start,
+                                    const NetworkGraph& network);
 
 // ---- The scales of 16-bit outputs (calibration.cpp) ---------------------------------------------
 

@@ -19,6 +19,7 @@
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
 #include "tools/frames/own_files.h"
+#include "tools/network/loadable.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
@@ -155,9 +156,13 @@ std::string describe_calibration(const std::string& pictures, const Calibration&
 }
 
 std::string describe_result(const PackOptions& options, const Description& description,
+                            const std::vector<std::string>& rewrites,
                             const std::optional<Calibration>& calibration, std::size_t bytes,
                             const TestRun& test) {
   std::string text = "packed " + options.image_path + ", " + std::to_string(bytes) + " bytes\n";
+  for (const std::string& rewrite : rewrites) {
+    text += "  network    " + one_line(rewrite) + "\n";
+  }
   for (const TensorFacts& tensor : test.facts.inputs) {
     text += "  input      " + describe(tensor) + "\n";
   }
@@ -191,8 +196,7 @@ void print_note(const std::string& note) {
 }
 
 // What works, but probably not as meant.
-void print_notes(const Description& description, const NetworkGraph& network,
-                 const TestRun& test) {
+void print_notes(const Description& description, const NetworkGraph& network, const TestRun& test) {
   if (description.kind != qv_host::OutputKind::kDecoded) {
     return;
   }
@@ -257,18 +261,42 @@ std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs
                    description);
 }
 
+std::optional<InputSize> size_in(const Description& description) {
+  return description.input.width == 0
+             ? std::nullopt
+             : std::make_optional(InputSize{description.input.width, description.input.height});
+}
+
+// Adds to rewrites; bytes stays as it is when there is none.
+void fit_to_engine(NetworkGraph* graph, std::vector<std::string>* rewrites,
+                   std::vector<char>* bytes) {
+  const std::vector<std::string> own = fit_to_engine(graph);
+  rewrites->insert(rewrites->end(), own.begin(), own.end());
+  require_known_operators(*graph);
+  if (!rewrites->empty()) {
+    *bytes = graph->bytes();
+  }
+}
+
 // Returns what to print. Requires: a LibraryLog exists.
 std::string pack_and_describe(const PackOptions& options) {
   const Pairs& pairs = options.pairs;
-  const std::vector<char> network = read_whole_file("the network", options.network_path);
-  const NetworkGraph graph(options.network_path, network);
-  Description description = describe_model(options, graph);
+  std::vector<char> network = read_whole_file("the network", options.network_path);
+  NetworkGraph graph(options.network_path, network);
+  const Description start = start_description(options);
+  std::vector<std::string> rewrites = make_static(size_in(start), &graph);
+  Description description = describe_model(options, start, graph);
   check_pair_places(options, description);
+  if (!options.print_description) {
+    check_target(options);
+  } else if (!options.calibration_pictures) {
+    return qv_host::description_to_json(description) + "\n";
+  }
+  fit_to_engine(&graph, &rewrites, &network);
   if (options.print_description) {
     choose_scales(options, pairs, network, &description);
     return qv_host::description_to_json(description) + "\n";
   }
-  check_target(options);
   const cv::Mat picture = test_picture(options, description);
   const std::optional<Calibration> calibration =
       choose_scales(options, pairs, network, &description);
@@ -282,7 +310,7 @@ std::string pack_and_describe(const PackOptions& options) {
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   file.commit();
   print_notes(description, graph, test);
-  return describe_result(options, description, calibration, bytes.size(), test);
+  return describe_result(options, description, rewrites, calibration, bytes.size(), test);
 }
 
 // Returns what to print.

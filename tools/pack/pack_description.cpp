@@ -31,10 +31,6 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
   }
   input->frame_order = options.frame_order.value_or(input->frame_order);
   input->name = options.input.value_or(input->name);
-  if (options.size) {
-    input->width = options.size->width;
-    input->height = options.size->height;
-  }
   input->network_order = options.network_order.value_or(input->network_order);
   input->mean = options.mean.value_or(input->mean);
   input->scale = options.scale.value_or(input->scale);
@@ -62,9 +58,8 @@ NetworkTensor find_input(const std::string& name, const NetworkGraph& network) {
       return tensor;
     }
   }
-  throw ToolError(kModelError, "the network has no input \"" + name +
-                                   "\". It has: " + list_of(inputs) +
-                                   did_you_mean(name, names_of(inputs)));
+  throw ToolError(kModelError, "the network has no input \"" + name + "\". It has: " +
+                                   list_of(inputs) + did_you_mean(name, names_of(inputs)));
 }
 
 void fit_size(const NetworkTensor& tensor, qv_host::InputDescription* input) {
@@ -274,11 +269,21 @@ Description read_description(const std::string& path) {
 
 }  // namespace
 
-qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network) {
+qv_host::Description start_description(const PackOptions& options) {
   Description description;
   if (!options.description_path.empty()) {
     description = read_description(options.description_path);
   }
+  if (options.size) {
+    description.input.width = options.size->width;
+    description.input.height = options.size->height;
+  }
+  return description;
+}
+
+qv_host::Description describe_model(const PackOptions& options, const Description& start,
+                                    const NetworkGraph& network) {
+  Description description = start;
   description.title = options.title.value_or(description.title);
   apply_input_options(options, &description.input);
   const NetworkTensor& tensor = find_input(description.input.name, network);
