@@ -329,6 +329,28 @@ std::string remedy_of(ChildEnd end, const ChildLimits& limits) {
 
 }  // namespace
 
+void require_harmless_reading(const std::string& name, std::size_t bytes,
+                              const std::function<void()>& work) {
+  const ChildLimits limits =
+      within_shell_limits(limits_for(static_cast<double>(bytes), limit_factor()));
+  const ChildResult result = run_limited(limits, work);
+  switch (result.end) {
+    case ChildEnd::kFinished:
+      return;
+    case ChildEnd::kInterrupted:
+      throw ToolError(kInterrupted, name + ": interrupted while the network was read");
+    case ChildEnd::kCrashed:
+      throw ToolError(kModelError,
+                      name + ": the records of the network are damaged: reading them crashed (" +
+                          result.detail + "). Export it again");
+    default:
+      throw ToolError(kModelError, name +
+                                       ": reading the network takes more time or memory than it "
+                                       "may" +
+                                       remedy_of(result.end, limits));
+  }
+}
+
 void require_harmless_network(const std::string& path, const std::string& name) {
   const double factor = limit_factor();
   std::error_code error;

@@ -14,6 +14,7 @@
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
+#include "tools/inside/network_trial.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
 
@@ -53,8 +54,7 @@ std::map<std::string, int> count_operators(const NetworkGraph& network) {
   return counts;
 }
 
-NetworkReport report_of(const std::string& path) {
-  const std::vector<char> bytes = read_whole_file("the network", path);
+NetworkReport report_of(const std::string& path, const std::vector<char>& bytes) {
   NetworkGraph network(path, bytes);
   NetworkReport report;
   report.path = path;
@@ -190,7 +190,9 @@ bool looks_like_network(const std::string& path) {
 }
 
 int inspect_network(const std::string& path, bool as_json) {
-  const NetworkReport report = report_of(path);
+  const std::vector<char> bytes = read_whole_file("the network", path);
+  require_harmless_reading(path, bytes.size(), [&] { report_of(path, bytes); });
+  const NetworkReport report = report_of(path, bytes);
   print_result(as_json ? report_json(report) : report_text(report));
   return report.missing.empty() ? kDone : kCheckFailed;
 }

@@ -98,7 +98,8 @@ std::optional<ConstantValue> plain_weights(const NetworkGraph& network,
 
 // Whether nothing but products with constants reads the integers.
 bool feeds_products_only(const NetworkGraph& network, const onnx::NodeProto& node) {
-  if (!is_operator(node, "DynamicQuantizeLinear") || node.output_size() != 3) {
+  if (!is_operator(node, "DynamicQuantizeLinear") || node.input_size() != 1 ||
+      node.output_size() != 3) {
     return false;
   }
   for (const int output : {0, 2}) {

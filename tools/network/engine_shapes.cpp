@@ -192,6 +192,9 @@ std::string add_copies(const std::string& value, const Shape& shape, std::size_t
                             std::vector<std::string>(static_cast<std::size_t>(count), value),
                             {Attribute("axis", static_cast<std::int64_t>(axis))});
   }
+  if (count > kMostElements) {
+    throw CannotCompute();
+  }
   // A column times a row of ones has the column in each of its columns.
   const auto place = shape.begin() + static_cast<std::ptrdiff_t>(axis);
   const std::int64_t before = elements_of(Shape(shape.begin(), place));

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "tools/network/constant_value.h"
+
 namespace olvex_tools {
 
 std::optional<Shape> Replacement::shape_of(const std::string& value) const {
@@ -11,13 +13,26 @@ std::optional<Shape> Replacement::shape_of(const std::string& value) const {
   return shape && elements_of(*shape) > 0 ? shape : std::nullopt;
 }
 
+namespace {
+
+// What was added before the failure stays unused.
+bool can_rewrite(Replacement* replacement, const std::function<bool(Replacement*)>& rewrite) {
+  try {
+    return rewrite(replacement);
+  } catch (const CannotCompute&) {
+    return false;
+  }
+}
+
+}  // namespace
+
 int replace_nodes(NetworkGraph* network, const std::function<bool(Replacement*)>& rewrite) {
   int count = 0;
   const int before = network->graph()->node_size();
   for (int i = 0; i < before; ++i) {
     onnx::NodeProto* const node = network->graph()->mutable_node(i);
     Replacement replacement(*node, network);
-    if (node->output_size() == 0 || !rewrite(&replacement)) {
+    if (node->output_size() == 0 || !can_rewrite(&replacement, rewrite)) {
       continue;
     }
     const int last = network->graph()->node_size() - 1;

@@ -282,8 +282,13 @@ void fit_to_engine(NetworkGraph* graph, std::vector<std::string>* rewrites,
 std::string pack_and_describe(const PackOptions& options) {
   const Pairs& pairs = options.pairs;
   std::vector<char> network = read_whole_file("the network", options.network_path);
-  NetworkGraph graph(options.network_path, network);
   const Description start = start_description(options);
+  require_harmless_reading(options.network_path, network.size(), [&] {
+    NetworkGraph graph(options.network_path, network);
+    make_static(size_in(start), &graph);
+    fit_to_engine(&graph);
+  });
+  NetworkGraph graph(options.network_path, network);
   std::vector<std::string> rewrites = make_static(size_in(start), &graph);
   Description description = describe_model(options, start, graph);
   check_pair_places(options, description);
