@@ -43,10 +43,18 @@ class Folding {
     }
     fresh_.clear();
     auto* const nodes = network_.graph()->mutable_node();
-    const auto rest = std::remove_if(nodes->begin(), nodes->end(),
-                                     [&](const onnx::NodeProto& node) { return fold(node); });
-    const auto count = static_cast<int>(nodes->end() - rest);
-    nodes->erase(rest, nodes->end());
+    // First all are computed, then removed: the network's index names nodes by their places.
+    int count = 0;
+    for (onnx::NodeProto& node : *nodes) {
+      if (fold(node)) {
+        node.Clear();
+        ++count;
+      }
+    }
+    nodes->erase(
+        std::remove_if(nodes->begin(), nodes->end(),
+                       [](const onnx::NodeProto& node) { return node.op_type().empty(); }),
+        nodes->end());
     return count;
   }
 
