@@ -74,6 +74,7 @@ void check_input(const InputDescription& input) {
   check_choice("input.format", kFrameFormats, input.format);
   check_choice("input.frame_order", kFrameOrders, input.frame_order);
   check_choice("input.network_order", kNetworkOrders, input.network_order);
+  check_choice("input.resize", kResizes, input.resize);
   if (input.format == QV_IPU_FORMAT_NV12) {
     if (input.width % 2 != 0) {
       refuse("input.width", std::to_string(input.width), "an even number for NV12");

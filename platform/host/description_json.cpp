@@ -35,6 +35,9 @@ Json input_to_json(const InputDescription& input) {
     json["mean"].push_back(printable(input.mean[i]));
     json["scale"].push_back(printable(input.scale[i]));
   }
+  if (input.resize != Resize::kStretch) {
+    json["resize"] = find_word(kResizes, input.resize);
+  }
   return json;
 }
 
@@ -76,6 +79,7 @@ InputDescription read_input(const Json& json) {
   reader.read("network_order", Presence::kOptional, kNetworkOrders, &input.network_order);
   reader.read("mean", Presence::kOptional, &input.mean);
   reader.read("scale", Presence::kOptional, &input.scale);
+  reader.read("resize", Presence::kOptional, kResizes, &input.resize);
   reader.finish();
   return input;
 }
@@ -184,6 +188,12 @@ std::string description_to_json(const Description& description) {
   } else {
     decoded_to_json(description.decoded, &outputs);
   }
+  if (!description.fusion) {
+    json["fusion"] = false;
+  }
+  if (description.proof != Proof::kNone) {
+    json["proof"] = find_word(kProofs, description.proof);
+  }
   for (const auto& pair : description.name_pairs) {
     json["name_pairs"].push_back(Json::array({pair.first, pair.second}));
   }
@@ -205,6 +215,8 @@ Description parse_description(const std::string& json) {
   reader.read("title", Presence::kOptional, &description.title);
   description.input = read_input(*reader.field("input", Presence::kRequired, "an object"));
   read_outputs(*reader.field("outputs", Presence::kRequired, "an object"), &description);
+  reader.read("fusion", Presence::kOptional, &description.fusion);
+  reader.read("proof", Presence::kOptional, kProofs, &description.proof);
   reader.read_array(
       "name_pairs", Presence::kOptional, 0, kMaxName, "an array of pairs",
       [&](const std::string& path, const Json& pair, std::size_t) {

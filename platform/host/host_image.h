@@ -29,6 +29,10 @@ constexpr std::uint64_t kMaxNetworkSize = 1u << 30;
 // Order of the colour channels, in a U8 frame or in the network's input planes.
 enum class ColourOrder { kRgb, kBgr, kGray };
 
+// How a picture that is not of the network's size is fitted into it: drawn out to it; scaled with its sides
+// in proportion and put into the upper left corner; or into the middle.
+enum class Resize { kStretch, kLetterbox, kLetterboxCentred };
+
 // The frame that the camera delivers and how it becomes the network's input. Each network value is
 // (channel - mean) * scale, with channel in 0..255 (or the frame's own values when it is FP32).
 struct InputDescription {
@@ -40,6 +44,7 @@ struct InputDescription {
   ColourOrder network_order = ColourOrder::kRgb;      // planes of the network, or one gray plane
   std::array<float, 3> mean = {{0.f, 0.f, 0.f}};      // in network order
   std::array<float, 3> scale = {{1.f, 1.f, 1.f}};     // in network order
+  Resize resize = Resize::kStretch;                   // for those who make frames of pictures
 };
 
 // One of the three layers of a raw network.
@@ -74,6 +79,9 @@ struct DecodedOutput {
   float keypoint_scale = 1.f / 16.f;
 };
 
+// Whether the packer showed that the image decodes as it should.
+enum class Proof { kNone, kProven, kUnproven };
+
 struct Description {
   std::string title;  // for people; may be empty
   InputDescription input;
@@ -85,6 +93,8 @@ struct Description {
   // "key:value;" texts. Empty: the name is the network's own.
   std::vector<std::pair<std::string, std::string>> name_pairs;
   std::vector<std::string> class_names;  // for people, by library class id; may be empty
+  bool fusion = true;                    // the engine may compute several layers at once
+  Proof proof = Proof::kNone;
 };
 
 // What is wrong with an image: the field, what was found, and what to do, in one line.

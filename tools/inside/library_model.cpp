@@ -56,6 +56,15 @@ class HeldErrors {
 
 // What the accelerator said of a file, without the file's name and the engine's own calls.
 std::string reason_in(const std::string& text, const std::string& path) {
+  const std::size_t name = text.find(path + ": ");
+  std::string reason = name == std::string::npos ? text : text.substr(name + path.size() + 2);
+  const std::string of_engine = engine_reason(text);
+  return of_engine.empty() ? reason.substr(0, reason.find('\n')) : of_engine;
+}
+
+}  // namespace
+
+std::string engine_reason(const std::string& text) {
   std::smatch node;
   if (std::regex_search(text, node,
                         std::regex(R"(Node \[([^@\]]*)@[^\]]*\]:\([^!)]*!([^)]*)\))"))) {
@@ -69,12 +78,8 @@ std::string reason_in(const std::string& text, const std::string& path) {
              "engine: export it again";
     }
   }
-  const std::size_t name = text.find(path + ": ");
-  std::string reason = name == std::string::npos ? text : text.substr(name + path.size() + 2);
-  return reason.substr(0, reason.find('\n'));
+  return "";
 }
-
-}  // namespace
 
 LibraryModel::LibraryModel(const std::string& path, const std::string& name)
     : name_(name), model_(new DetAfModel) {

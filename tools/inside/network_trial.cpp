@@ -351,15 +351,11 @@ void require_harmless_reading(const std::string& name, std::size_t bytes,
   }
 }
 
-void require_harmless_network(const std::string& path, const std::string& name) {
+void require_harmless_work(const std::string& name, std::size_t bytes,
+                           const std::function<void()>& work) {
   const double factor = limit_factor();
-  std::error_code error;
-  const std::uintmax_t bytes = std::filesystem::file_size(path, error);
-  if (error) {
-    return;  // not a file with a size, which the library cannot map either
-  }
   const ChildLimits limits = within_shell_limits(limits_for(static_cast<double>(bytes), factor));
-  const ChildResult result = run_limited(limits, [&path] { run_gradient(path); });
+  const ChildResult result = run_limited(limits, work);
   if (result.end == ChildEnd::kInterrupted) {
     throw ToolError(kInterrupted, name + ": interrupted while the network was tried");
   }
@@ -367,6 +363,16 @@ void require_harmless_network(const std::string& path, const std::string& name) 
     throw ToolError(kModelError,
                     name + ": " + fault_of(result, limits) + remedy_of(result.end, limits));
   }
+}
+
+void require_harmless_network(const std::string& path, const std::string& name) {
+  limit_factor();  // refused even when there is no file to try
+  std::error_code error;
+  const std::uintmax_t bytes = std::filesystem::file_size(path, error);
+  if (error) {
+    return;  // not a file with a size, which the library cannot map either
+  }
+  require_harmless_work(name, static_cast<std::size_t>(bytes), [&path] { run_gradient(path); });
 }
 
 }  // namespace olvex_tools

@@ -25,6 +25,10 @@ void require_harmless_reading(const std::string& name, std::size_t bytes,
 // Requires: this process has run no network yet, as the engine's threads do not survive a fork.
 void require_harmless_network(const std::string& path, const std::string& name);
 
+// The same for other work with a network of so many bytes, which throws what it likes.
+void require_harmless_work(const std::string& name, std::size_t bytes,
+                           const std::function<void()>& work);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_INSIDE_NETWORK_TRIAL_H

@@ -13,6 +13,7 @@
 #include "platform/host/host_image.h"
 
 #include "tools/common/options.h"
+#include "tools/heads/conclude_head.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_pairs.h"
 #include "tools/network/network_graph.h"
@@ -49,6 +50,13 @@ struct PackOptions {
   std::optional<qv_host::ColourOrder> network_order;
   std::optional<ThreeNumbers> mean;
   std::optional<ThreeNumbers> scale;
+  std::optional<qv_host::Resize> resize;
+
+  // Where nothing is said about the outputs, the head is concluded; these take its place in part.
+  HeadOptions head;
+  std::vector<GivenOption> given;  // all that stands on the command line
+  std::string saved_network_path;
+  bool force = false;  // write what could not be proven
 
   std::vector<std::string> raw;
   std::optional<bool> nchw;
@@ -73,7 +81,8 @@ struct PackOptions {
   std::optional<long> calibration_limit;  // frames
 
   std::string class_names_path;
-  Pairs pairs;  // for the header, checked
+  std::vector<std::string> class_names;  // where there is no such file
+  Pairs pairs;                           // for the header, checked
   bool pairs_in_name = false;
 };
 

@@ -17,6 +17,8 @@ using qv_host::ColourOrder;
 using qv_host::Description;
 using qv_host::OutputKind;
 
+constexpr int kUsualBoxes = 1000;
+
 // ---- Input --------------------------------------------------------------------------------------
 
 void apply_input_options(const PackOptions& options, qv_host::InputDescription* input) {
@@ -34,6 +36,7 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
   input->network_order = options.network_order.value_or(input->network_order);
   input->mean = options.mean.value_or(input->mean);
   input->scale = options.scale.value_or(input->scale);
+  input->resize = options.resize.value_or(input->resize);
 }
 
 std::string list_of(const std::vector<NetworkTensor>& tensors) {
@@ -150,7 +153,8 @@ void apply_decoded_options(const PackOptions& options, const NetworkGraph& netwo
   decoded->box_fractions = options.box_fractions.value_or(decoded->box_fractions);
   decoded->background = options.background.value_or(decoded->background);
   decoded->emit_classes = options.classes.value_or(decoded->emit_classes);
-  decoded->max_boxes = options.max_boxes.value_or(decoded->max_boxes);
+  const int usual_boxes = options.description_path.empty() ? kUsualBoxes : decoded->max_boxes;
+  decoded->max_boxes = options.max_boxes.value_or(usual_boxes);
   decoded->min_score = options.min_score.value_or(decoded->min_score);
   decoded->box_scale = options.box_scale.value_or(decoded->box_scale);
   decoded->score_scale = options.score_scale.value_or(decoded->score_scale);
@@ -294,6 +298,8 @@ qv_host::Description describe_model(const PackOptions& options, const Descriptio
   apply_output_options(options, network, &description);
   if (!options.class_names_path.empty()) {
     description.class_names = read_class_names(options.class_names_path);
+  } else if (!options.class_names.empty()) {
+    description.class_names = options.class_names;
   }
   if (options.pairs_in_name) {
     description.name_pairs = options.pairs;
