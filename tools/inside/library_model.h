@@ -44,6 +44,9 @@ class LibraryModel {
   bool channel_open_ = false;
 };
 
+// What the network engine said of a network, without its own calls and names; empty when the text is not its.
+std::string engine_reason(const std::string& text);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_INSIDE_LIBRARY_MODEL_H
