@@ -1,4 +1,4 @@
-# Flags that every target of the project shares, as three interface targets:
+# Flags that every target of the project shares, as interface targets:
 #   olvex_warnings               what our own sources are compiled with
 #   olvex_numbers                what keeps floating-point results the same on every machine
 #   olvex_hardening              what is shipped: a memory fault is to end the process and not be exploitable
@@ -33,7 +33,7 @@ set(OLVEX_HARDENED OFF)
 if(OLVEX_HARDENING AND NOT OLVEX_SANITIZERS AND NOT OLVEX_COVERAGE AND
    NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(OLVEX_HARDENED ON)
-  # Level 3 knows more sizes than level 2, where compiler and C library both have it.
+  # Level 3 checks more sizes than level 2, where compiler and C library both have it.
   set(CMAKE_REQUIRED_FLAGS "-O2 -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3")
   check_cxx_source_compiles("#include <stdlib.h>
     #if !defined(__USE_FORTIFY_LEVEL) || __USE_FORTIFY_LEVEL < 3

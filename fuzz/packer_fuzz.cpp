@@ -8,6 +8,7 @@
 
 #include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_file.h"
+#include "fuzz/fuzz_input.h"
 #include "tools/common/command.h"
 #include "tools/pack/pack.h"
 
@@ -77,18 +78,15 @@ void pack(const std::vector<std::string>& parts) {
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  discard_standard_output();
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool is_quiet = (discard_standard_output(), true);
-  if (size == 0 || !is_quiet) {
-    return 0;
-  }
-  const std::string rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  FuzzInput input(data, size);
   try {
-    if (data[0] % 2 == 1) {
-      read_header(rest);
-    } else {
-      pack(parts_of(rest, 4));
-    }
+    input.flag() ? read_header(input.rest()) : pack(parts_of(input.rest(), 4));
   } catch (const ToolError& error) {
     FUZZ_CHECK(error.exit_code() != kInternalError);
   }

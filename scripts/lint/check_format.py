@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Every C and C++ source is laid out as .clang-format says, and no file has stray blanks at line ends.
+"""Every C and C++ source is laid out as .clang-format says, without blanks at line ends.
 With --fix it lays them out so."""
 import argparse
 import pathlib

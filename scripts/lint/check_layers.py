@@ -4,7 +4,7 @@
 Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
 platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
 the tools, common includes none of the others, frames includes common, inside both, a subcommand all three and
-no other subcommand; inside alone includes the library's own headers. A folder without a rule, and an include
+no other subcommand; inside alone includes the library's own headers, but for the build string in main.cpp. A folder without a rule, and an include
 that names no file, are faults, too.
 """
 import pathlib

@@ -1,6 +1,6 @@
-// scripted_scene.cpp - the camera of the manual's example, a C program: a scripted network that sees the same object in
-// three frames, set up before main. A program that broke the platform's contract or left the device
-// up ends with 1 and a line "scene: ...".
+// scripted_scene.cpp - the camera of the manual's example, a C program: a scripted network that sees
+// the same object in three frames, set up before main. What breaks the platform's contract, and a
+// device that is left up, get a line "scene: ...", with which the test fails.
 #include <cstdio>
 #include <cstdlib>
 
@@ -11,15 +11,11 @@
 namespace {
 
 void check_what_is_left() {
-  std::vector<std::string> faults = qv_scripted::violations();
+  for (const std::string& violation : qv_scripted::violations()) {
+    std::fprintf(stderr, "scene: %s\n", violation.c_str());
+  }
   if (qv_scripted::device_is_up()) {
-    faults.push_back("the device is up");
-  }
-  for (const std::string& fault : faults) {
-    std::fprintf(stderr, "scene: %s\n", fault.c_str());
-  }
-  if (!faults.empty()) {
-    std::_Exit(1);
+    std::fputs("scene: the device is up\n", stderr);
   }
 }
 

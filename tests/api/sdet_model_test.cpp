@@ -328,6 +328,19 @@ class SdetModel : public DetTest {
     return result;
   }
 
+  // Outputs of 16 x 32, 8 x 16, ... cells with these channels, all zero.
+  static qv_scripted::Network layer_network(const std::vector<QV_U32>& channels) {
+    qv_scripted::Network network = list_network({});
+    network.outputs.clear();
+    network.frames = {{}};
+    for (const QV_U32 count : channels) {
+      const QV_U32 height = 16u >> network.outputs.size();
+      network.outputs.push_back(qv_scripted::fp32_tensor("layer", {1, height, 2 * height, count}));
+      network.frames[0].push_back(qv_scripted::Bytes(network.outputs.back().u32BufSize));
+    }
+    return network;
+  }
+
   QV_IPU_TensorVector_t* input() {
     input_ = {};
     input_.astArrayTensors[0].ptTensorData[0] = frame_;
@@ -380,7 +393,7 @@ TEST_F(SdetModel, name_of_the_first_output_can_carry_the_pairs) {
 TEST_F(SdetModel, number_of_outputs_decides_the_result) {
   const char kShape[] = "shape of model output tensor might be wrong, please check!\n";
   const char kMany[] = "num output tensor channel should not be larger than 6\n";
-  // Channels of outputs of 16 x 32, 8 x 16, ...; how many outputs are reported.
+  // The layers' channels; how many outputs are reported.
   const std::tuple<std::vector<QV_U32>, QV_U32, int, const char*> kRows[] = {
       {{}, 0, 12, kShape},
       {{6}, 1, 4, "model one_output post process wrong\n"},
@@ -393,14 +406,7 @@ TEST_F(SdetModel, number_of_outputs_decides_the_result) {
   };
   for (const auto& [channels, reported, code, message] : kRows) {
     SCOPED_TRACE(message);
-    qv_scripted::Network network = list_network({});
-    network.outputs.clear();
-    network.frames.resize(1);
-    for (const QV_U32 count : channels) {
-      const QV_U32 height = 16u >> network.outputs.size();
-      network.outputs.push_back(qv_scripted::fp32_tensor("output", {1, height, 2 * height, count}));
-      network.frames[0].push_back(qv_scripted::Bytes(network.outputs.back().u32BufSize));
-    }
+    qv_scripted::Network network = layer_network(channels);
     network.reported_outputs = network.reported_inputs = reported;
     DetAfModel model;
     log();
@@ -478,15 +484,8 @@ TEST_F(SdetModel, raw_layers_are_refused_for_memory_only_once_they_are_to_be_rea
   };
   for (const auto& [channels, size, has_data, code, message] : kRows) {
     SCOPED_TRACE(message);
-    qv_scripted::Network network = list_network({});
-    network.outputs.clear();
-    for (QV_U32 height = 16; height > 2; height /= 2) {
-      network.outputs.push_back(
-          qv_scripted::fp32_tensor("layer", {1, height, 2 * height, channels}));
-    }
-    network.frames = {{{}, {}, {}}};
     DetAfModel model;
-    ASSERT_EQ(0, open_model(model, network));
+    ASSERT_EQ(0, open_model(model, layer_network({channels, channels, channels})));
     model.set_theshold(1);
     // INT16 as it says, which does not count beside the first layer.
     model.desc_.astQV_OutputTensorDescs[1].eElmFormat = QV_IPU_FORMAT_INT16;

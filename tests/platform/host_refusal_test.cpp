@@ -187,30 +187,29 @@ TEST_F(HostRefusal, frames_that_are_absent_or_too_small) {
 }
 
 TEST_F(HostRefusal, networks_that_do_not_fit_their_description) {
-  void (*const kSpoils[])(Description*) = {[](Description* d) { d->decoded.boxes = "bxes"; },
-                                           [](Description* d) { d->input.name = "pictre"; },
-                                           [](Description* d) { d->input.width = 32; },
-                                           [](Description* d) { d->decoded.boxes = "points"; },
-                                           [](Description* d) {
-                                             d->decoded.emit_classes = false;
-                                             d->decoded.keypoints = "points";
-                                             d->decoded.keypoint_values = 10;
-                                           },
-                                           [](Description* d) { d->decoded.background = 3; },
-                                           [](Description* d) {
-                                             d->kind = OutputKind::kRaw;
-                                             d->raw = {{{"scores"}, {"boxes"}, {"points"}}};
-                                           },
-                                           [](Description* d) {
-                                             d->kind = OutputKind::kRaw;
-                                             d->raw = {{{"scores", false}, {"boxes"}, {"points"}}};
-                                           }};
   const Device device;
   QV_U32 id = 0;
-  for (const auto spoil : kSpoils) {
-    Description spoilt = decoded_description();
-    spoil(&spoilt);
-    const std::vector<char> image = build_image(spoilt, kNetwork);
+  const auto refuse = [&](void (*spoil)(Description&)) {
+    Description description = decoded_description();
+    spoil(description);
+    const std::vector<char> image = build_image(description, kNetwork);
+    EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(image, &id));
+  };
+  refuse([](Description& d) { d.decoded.boxes = "bxes"; });
+  refuse([](Description& d) { d.input.name = "pictre"; });
+  refuse([](Description& d) { d.input.width = 32; });
+  refuse([](Description& d) { d.decoded.boxes = "points"; });
+  refuse([](Description& d) {
+    d.decoded.emit_classes = false;
+    d.decoded.keypoints = "points";
+    d.decoded.keypoint_values = 10;
+  });
+  refuse([](Description& d) { d.decoded.background = 3; });
+  for (const bool nchw : {true, false}) {
+    Description raw = decoded_description();
+    raw.kind = OutputKind::kRaw;
+    raw.raw = {{{"scores", nchw}, {"boxes"}, {"points"}}};
+    const std::vector<char> image = build_image(raw, kNetwork);
     EXPECT_REFUSAL(QV_HOST_BAD_NETWORK, open_channel(image, &id));
   }
   Description other = decoded_description();

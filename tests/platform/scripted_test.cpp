@@ -263,17 +263,16 @@ TEST_F(Scripted, the_fixture_fails_on_unannounced_and_on_missing_violations) {
 }
 
 TEST_F(Scripted, picture_sizes_follow_their_format) {
-  const auto expect_sizes = [](QV_IPU_ELEMENT_FORMAT format, QV_U32 width, QV_U32 height,
-                               QV_U32 size, QV_S32 aligned) {
+  const std::tuple<QV_IPU_ELEMENT_FORMAT, QV_U32, QV_U32, QV_U32, QV_S32> kRows[] = {
+      {QV_IPU_FORMAT_NV12, 24, 10, 360, 480},
+      {QV_IPU_FORMAT_NV12, 16, 3, 72, 96},
+      {QV_IPU_FORMAT_ARGB8888, 5, 3, 60, 96},
+      {QV_IPU_FORMAT_U8, 16, 2, 96, 96},
+      {QV_IPU_FORMAT_GRAY, 17, 2, 34, 64}};
+  for (const auto& [format, width, height, size, aligned] : kRows) {
     const QV_IPU_TensorDesc_t input = qv_scripted::picture_input(format, width, height);
-    EXPECT_EQ(size, input.u32BufSize) << format;
-    EXPECT_EQ(aligned, input.s32AlignedBufSize) << format;
-  };
-  expect_sizes(QV_IPU_FORMAT_NV12, 24, 10, 360, 480);
-  expect_sizes(QV_IPU_FORMAT_NV12, 16, 3, 72, 96);
-  expect_sizes(QV_IPU_FORMAT_ARGB8888, 5, 3, 60, 96);
-  expect_sizes(QV_IPU_FORMAT_U8, 16, 2, 96, 96);
-  expect_sizes(QV_IPU_FORMAT_GRAY, 17, 2, 34, 64);
+    EXPECT_TRUE(input.u32BufSize == size && input.s32AlignedBufSize == aligned) << format;
+  }
   EXPECT_THROW(qv_scripted::fp32_tensor("too large", {1u << 16, 1u << 16}), std::invalid_argument);
   const std::string name(QV_IPU_TENSOR_NAME_SIZE + 1, 'n');
   EXPECT_EQ('n', qv_scripted::fp32_tensor(name, {1}).name[QV_IPU_TENSOR_NAME_SIZE - 1]);

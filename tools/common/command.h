@@ -44,6 +44,11 @@ class ToolError : public std::runtime_error {
   throw ToolError(kInputError, place + ": " + problem);
 }
 
+// name: the model or network.
+[[noreturn]] inline void refuse_model(const std::string& name, const std::string& problem) {
+  throw ToolError(kModelError, name + ": " + problem);
+}
+
 // The work of the subcommand that was chosen; returns an ExitCode, may throw ToolError.
 using Command = std::function<int()>;
 

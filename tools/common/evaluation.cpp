@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/common/json_text.h"
 #include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
@@ -49,9 +50,16 @@ std::string missed_text(const std::string& name, double value, double minimum) {
   return name + " is " + decimal(value, digits) + ", below the minimum " + decimal(minimum, digits);
 }
 
-const Metric& metric_of(const MetricMinimum& minimum, const std::vector<Metric>& metrics) {
-  return *std::find_if(metrics.begin(), metrics.end(),
-                       [&](const Metric& metric) { return metric.name == minimum.name; });
+const std::optional<double>& value_of(const MetricMinimum& minimum,
+                                      const std::vector<Metric>& metrics) {
+  return std::find_if(metrics.begin(), metrics.end(),
+                      [&](const Metric& metric) { return metric.name == minimum.name; })
+      ->value;
+}
+
+bool is_met(const MetricMinimum& minimum, const std::vector<Metric>& metrics) {
+  const std::optional<double>& value = value_of(minimum, metrics);
+  return value && *value >= minimum.value;
 }
 
 }  // namespace
@@ -93,13 +101,8 @@ void require_known_metrics(const std::vector<MetricMinimum>& minimums,
   }
 }
 
-std::string metric_text(const std::optional<double>& value, const char* pattern) {
-  if (!value) {
-    return "-";
-  }
-  char text[64];
-  std::snprintf(text, sizeof text, pattern, *value);
-  return text;
+std::string metric_text(const std::optional<double>& value) {
+  return value ? format("%.3f", *value) : "-";
 }
 
 void print_report(const std::string& text, const std::vector<std::string>& outputs) {
@@ -110,11 +113,6 @@ void print_report(const std::string& text, const std::vector<std::string>& outpu
   }
 }
 
-bool is_met(const MetricMinimum& minimum, const std::vector<Metric>& metrics) {
-  const std::optional<double>& value = metric_of(minimum, metrics).value;
-  return value && *value >= minimum.value;
-}
-
 ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
                         const std::vector<Metric>& metrics) {
   ExitCode code = kDone;
@@ -122,7 +120,7 @@ ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
     if (is_met(minimum, metrics)) {
       continue;
     }
-    const std::optional<double>& value = metric_of(minimum, metrics).value;
+    const std::optional<double>& value = value_of(minimum, metrics);
     const std::string text = value ? missed_text(minimum.name, *value, minimum.value)
                                    : minimum.name +
                                          " is undefined, there is no truth for it; the "
@@ -132,6 +130,34 @@ ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
     code = kCheckFailed;
   }
   return code;
+}
+
+Json metrics_json(const std::vector<Metric>& metrics) {
+  Json values = Json::object();
+  for (const Metric& metric : metrics) {
+    values[metric.name] = or_null(metric.value);
+  }
+  return values;
+}
+
+std::string evaluation_json(Json report, const std::vector<LintFinding>& findings,
+                            const std::vector<MetricMinimum>& minimums,
+                            const std::vector<Metric>& metrics) {
+  report["warnings"] = Json::array();
+  for (const LintFinding& finding : findings) {
+    Json warning = {{"kind", finding.kind}, {"file", finding.file}};
+    if (finding.count > 0) {
+      warning["count"] = finding.count;
+    }
+    warning["message"] = finding.message;
+    report["warnings"].push_back(std::move(warning));
+  }
+  report["minimums"] = Json::array();
+  for (const MetricMinimum& minimum : minimums) {
+    report["minimums"].push_back(
+        {{"metric", minimum.name}, {"minimum", minimum.value}, {"met", is_met(minimum, metrics)}});
+  }
+  return json_text(report) + "\n";
 }
 
 }  // namespace olvex_tools

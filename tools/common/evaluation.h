@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "tools/common/command.h"
 #include "tools/common/options.h"
 
@@ -50,13 +52,18 @@ ExitCode check_minimums(const std::vector<MetricMinimum>& minimums,
                         const std::vector<Metric>& metrics);
 
 // "0.853", or "-" where there is no value.
-std::string metric_text(const std::optional<double>& value, const char* pattern = "%.3f");
+std::string metric_text(const std::optional<double>& value);
 
 // Prints a report, on standard error when one of the outputs goes to standard output.
 void print_report(const std::string& text, const std::vector<std::string>& outputs);
 
-// Whether the metric of that name reaches its minimum.
-bool is_met(const MetricMinimum& minimum, const std::vector<Metric>& metrics);
+// Values by name, null where there is none.
+nlohmann::ordered_json metrics_json(const std::vector<Metric>& metrics);
+
+// The text of a report, with the warnings and minimums added at its end.
+std::string evaluation_json(nlohmann::ordered_json report, const std::vector<LintFinding>& findings,
+                            const std::vector<MetricMinimum>& minimums,
+                            const std::vector<Metric>& metrics);
 
 }  // namespace olvex_tools
 

@@ -86,10 +86,6 @@ Interruption::~Interruption() {
   }
 }
 
-bool Interruption::requested() const {
-  return was_requested;
-}
-
 bool interruption_requested() {
   return was_requested;
 }

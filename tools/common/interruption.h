@@ -20,8 +20,6 @@ class Interruption {
   Interruption(const Interruption&) = delete;
   Interruption& operator=(const Interruption&) = delete;
 
-  bool requested() const;
-
  private:
   std::array<struct sigaction, 5> former_;
 };

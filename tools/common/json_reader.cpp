@@ -207,13 +207,6 @@ const Json& JsonItem::require(const char* name) const {
   return *member;
 }
 
-std::int64_t JsonItem::to_integer(const char* name, const Json& member) const {
-  if (!member.is_number_integer() || std::abs(member.get<double>()) > kIntegerMost) {
-    refuse_member(quoted(name), "an integer, at most 2^53");
-  }
-  return member.get<std::int64_t>();
-}
-
 double JsonItem::to_number(const std::string& name, const Json& member) const {
   if (!member.is_number()) {
     refuse_member(name, "a number");
@@ -226,12 +219,15 @@ double JsonItem::to_number(const std::string& name, const Json& member) const {
 }
 
 std::int64_t JsonItem::integer(const char* name) const {
-  return to_integer(name, require(name));
+  const Json& member = require(name);
+  if (!member.is_number_integer() || std::abs(member.get<double>()) > kIntegerMost) {
+    refuse_member(quoted(name), "an integer, at most 2^53");
+  }
+  return member.get<std::int64_t>();
 }
 
 std::optional<std::int64_t> JsonItem::optional_integer(const char* name) const {
-  const Json* const member = find(name);
-  return member == nullptr ? std::nullopt : std::make_optional(to_integer(name, *member));
+  return find(name) == nullptr ? std::nullopt : std::make_optional(integer(name));
 }
 
 std::uint64_t JsonItem::integer(const char* name, std::uint64_t least, std::uint64_t most) const {

@@ -45,7 +45,6 @@ class JsonItem {
  private:
   const nlohmann::json* find(const char* name) const;
   const nlohmann::json& require(const char* name) const;
-  std::int64_t to_integer(const char* name, const nlohmann::json& member) const;
   double to_number(const std::string& name, const nlohmann::json& member) const;
   [[noreturn]] void refuse_member(const std::string& name, const std::string& wanted) const;
 

@@ -104,7 +104,7 @@ void OutputFile::empty_own_file() {
   // Some file systems have no locks; there a second run is not detected.
   if (flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     failed_ = true;
-    throw ToolError(kInputError, path_ + ": another program is writing to it. Name another file");
+    refuse_input(path_, "another program is writing to it. Name another file");
   }
   if (ftruncate(descriptor_, 0) != 0) {
     fail(errno);
@@ -121,21 +121,17 @@ void OutputFile::open() {
 }
 
 void OutputFile::write_in_place(const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(descriptor_, text.data() + done, text.size() - done);
-    if (written < 0 && errno != EINTR) {
-      const int reason = errno;
-      // Ctrl-C ends all programs of a pipeline, and which of them is first is open.
-      if (reason == EPIPE && interruption_requested()) {
-        failed_ = true;
-        return;
-      }
-      const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
-      const bool incomplete = is_file_ && form_ != OutputForm::kLines;
-      fail(reason, incomplete ? ". It is not complete" : cut ? ". Its last line is cut" : "");
+  const std::size_t done = write_all(descriptor_, text);
+  if (done < text.size()) {
+    const int reason = errno;
+    // Ctrl-C ends all programs of a pipeline, and which of them is first is open.
+    if (reason == EPIPE && interruption_requested()) {
+      failed_ = true;
+      return;
     }
-    done += written > 0 ? static_cast<std::size_t>(written) : 0;
+    const bool cut = is_file_ && done > 0 && ftruncate(descriptor_, whole_) != 0;
+    const bool incomplete = is_file_ && form_ != OutputForm::kLines;
+    fail(reason, incomplete ? ". It is not complete" : cut ? ". Its last line is cut" : "");
   }
   whole_ += static_cast<off_t>(text.size());
 }

@@ -81,6 +81,10 @@ std::string join(const std::vector<std::string>& words, const std::string& separ
   return text;
 }
 
+std::string size_text(int width, int height) {
+  return std::to_string(width) + "x" + std::to_string(height);
+}
+
 std::vector<std::string> split(const std::string& text, char separator) {
   std::vector<std::string> parts(1);
   for (const char c : text) {

@@ -20,6 +20,20 @@ std::string counted(Count count, const std::string& one, const std::string& many
 }
 
 std::string join(const std::vector<std::string>& words, const std::string& separator);
+
+// The texts that describe returns for the items.
+template <typename Items, typename Describe>
+std::string join(const Items& items, const std::string& separator, const Describe& describe) {
+  std::vector<std::string> words;
+  for (const auto& item : items) {
+    words.push_back(describe(item));
+  }
+  return join(words, separator);
+}
+
+// "640x384".
+std::string size_text(int width, int height);
+
 std::vector<std::string> split(const std::string& text, char separator);
 std::string in_lower_case(std::string text);
 

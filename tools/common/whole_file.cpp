@@ -138,6 +138,18 @@ std::vector<char> read_whole_file(const std::string& what, const std::string& pa
   return bytes;
 }
 
+std::size_t write_all(int descriptor, std::string_view bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t written = write(descriptor, bytes.data() + done, bytes.size() - done);
+    if (written < 0 && errno != EINTR) {
+      break;
+    }
+    done += written > 0 ? static_cast<std::size_t>(written) : 0;
+  }
+  return done;
+}
+
 extern "C" void remove_unfinished_files() {
   for (const char* path : g_unfinished_paths) {
     if (path[0] != '\0') {
@@ -186,13 +198,8 @@ ReplacementFile::~ReplacementFile() {
 }
 
 void ReplacementFile::write(std::string_view bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t written = ::write(descriptor_, bytes.data() + done, bytes.size() - done);
-    if (written < 0 && errno != EINTR) {
-      fail("write", target_);
-    }
-    done += written > 0 ? static_cast<std::size_t>(written) : 0;
+  if (write_all(descriptor_, bytes) < bytes.size()) {
+    fail("write", target_);
   }
 }
 

@@ -28,6 +28,9 @@ class FileError : public ToolError {
   int reason_;
 };
 
+// Hands the bytes to the system; returns how many it took, with errno set where that is not all.
+std::size_t write_all(int descriptor, std::string_view bytes);
+
 // Removes the temporary file of every ReplacementFile. For signal handlers that end the process.
 extern "C" void remove_unfinished_files();
 

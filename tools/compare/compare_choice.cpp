@@ -2,13 +2,11 @@
 #include "tools/compare/compare.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <numeric>
-#include <string>
-#include <utility>
 
 #include "tools/common/box.h"
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -51,12 +49,11 @@ std::size_t count_alone(const FrameRecord& record, const std::vector<const Frame
 void require_same_size(const ComparedRun& run, const FrameRecord& record, const ComparedRun& first,
                        const FrameRecord& expected) {
   if (record.width != expected.width || record.height != expected.height) {
-    throw ToolError(kInputError,
-                    place_of(run, record) + ": the boxes are for " + std::to_string(record.width) +
-                        "x" + std::to_string(record.height) + " pixels, those of " +
-                        place_of(first, expected) + " for " + std::to_string(expected.width) + "x" +
-                        std::to_string(expected.height) +
-                        ". Compare runs of the same input with the same --display");
+    refuse_input(place_of(run, record),
+                 "the boxes are for " + size_text(record.width, record.height) +
+                     " pixels, those of " + place_of(first, expected) + " for " +
+                     size_text(expected.width, expected.height) +
+                     ". Compare runs of the same input with the same --display");
   }
 }
 
@@ -133,10 +130,9 @@ std::vector<ComparedFrame> named_frames(const std::vector<ComparedRun>& runs,
   for (const long number : numbers) {
     for (const ComparedRun& run : runs) {
       if (find_frame(run, number) == nullptr) {
-        throw ToolError(kInputError, run.path + ": has no frame " + std::to_string(number) +
-                                         "; it goes from frame " +
-                                         std::to_string(run.frames.front().number) + " to " +
-                                         std::to_string(run.frames.back().number));
+        refuse_input(run.path, "has no frame " + std::to_string(number) + "; it goes from frame " +
+                                   std::to_string(run.frames.front().number) + " to " +
+                                   std::to_string(run.frames.back().number));
       }
     }
     frames.push_back(compare_frame(runs, number));

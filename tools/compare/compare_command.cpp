@@ -4,10 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <vector>
-
-#include <strings.h>
 
 #include "tools/common/command.h"
 #include "tools/compare/compare.h"
@@ -98,23 +95,13 @@ void check_output(const CommandLine& line, const std::vector<NamedRun>& runs) {
   require_own_files({{"--output", line.output}}, read_paths);
 }
 
-bool is_dump(const fs::path& path) {
-  return strcasecmp(path.extension().c_str(), ".bin") == 0;
-}
-
 // A camera delivers its frames once, and only its model can decode a dumped frame.
 void require_repeatable(const std::string& input) {
-  if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
+  if (is_camera(input)) {
     refuse_usage(input +
                  ": a camera does not show its frames again. Record a video and run on that");
   }
-  std::error_code error;
-  bool dumps = is_dump(input);
-  for (fs::directory_iterator entry(input, error), end; !error && entry != end;
-       entry.increment(error)) {
-    dumps = dumps || is_dump(entry->path());
-  }
-  if (dumps) {
+  if (holds_dumps(input)) {
     refuse_usage(input +
                  ": dumped frames cannot be shown without their model. Give the video or the " +
                  "pictures that they come from");
@@ -143,12 +130,10 @@ std::vector<long> in_order(std::vector<long> numbers) {
 
 std::string report(const std::string& path, const std::vector<ComparedFrame>& frames,
                    cv::Size size) {
-  std::string text = "frames ";
-  for (const ComparedFrame& frame : frames) {
-    text += (&frame == &frames.front() ? "" : ", ") + std::to_string(frame.number);
-  }
-  return text + "\n" + path + ": " + std::to_string(size.width) + "x" +
-         std::to_string(size.height) + " pixels\n";
+  const std::string numbers =
+      join(frames, ", ", [](const ComparedFrame& frame) { return std::to_string(frame.number); });
+  return "frames " + numbers + "\n" + path + ": " + size_text(size.width, size.height) +
+         " pixels\n";
 }
 
 int compare(const CommandLine& line) {

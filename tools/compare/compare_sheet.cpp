@@ -17,10 +17,6 @@ namespace {
 
 constexpr GridStrips kStrips = {34, 24};  // pixels
 
-std::string text_of(cv::Size size) {
-  return std::to_string(size.width) + "x" + std::to_string(size.height);
-}
-
 // 1:02:03.400, without the hours where there are none.
 std::string text_of_time(std::uint64_t microseconds) {
   const std::uint64_t milliseconds = microseconds / 1000;
@@ -46,9 +42,9 @@ SourceFrame read_frame(const std::string& input, long number, FrameSource* sourc
   }
   SourceFrame frame;
   if (!more || !source->next(&frame)) {
-    throw ToolError(kInputError, input + ": has " + counted(*position, "frame", "frames") +
-                                     " that can be read, but frame " + std::to_string(number) +
-                                     " is asked for. Give the input that the runs were made from");
+    refuse_input(input, "has " + counted(*position, "frame", "frames") +
+                            " that can be read, but frame " + std::to_string(number) +
+                            " is asked for. Give the input that the runs were made from");
   }
   ++*position;
   return frame;
@@ -59,14 +55,16 @@ void require_own_size(const std::string& input, cv::Size picture,
                       const std::optional<cv::Size>& display, const ComparedRun& run,
                       const FrameRecord& record) {
   const cv::Size size(record.width, record.height);
-  const std::string boxes = place_of(run, record) + ": the boxes are for " + text_of(size);
+  const std::string boxes =
+      place_of(run, record) + ": the boxes are for " + size_text(size.width, size.height);
   if (display && size != *display) {
-    throw ToolError(kInputError, boxes + " pixels, but --display says " + text_of(*display));
+    throw ToolError(kInputError, boxes + " pixels, but --display says " +
+                                     size_text(display->width, display->height));
   }
   if (!display && size != picture) {
     throw ToolError(kInputError,
                     boxes + " pixels, but frame " + std::to_string(record.number) + " of " + input +
-                        " has " + text_of(picture) +
+                        " has " + size_text(picture.width, picture.height) +
                         ". Give the input that the runs were made from, and the --display that "
                         "they had, if any");
   }

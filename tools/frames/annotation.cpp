@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <system_error>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -41,13 +42,6 @@ Pen pen_with(int line, double font_scale) {
 Pen pen_for(const cv::Mat& picture) {
   const double side = std::min(picture.cols, picture.rows);
   return pen_with(static_cast<int>(std::lround(side / 250)), side / 900);
-}
-
-// Display pixels to picture pixels. Drawing needs coordinates far below the limit of an int.
-int scaled(double value, double factor) {
-  constexpr double kLimit = 32000;
-  const double result = value * factor;
-  return std::isfinite(result) ? static_cast<int>(std::clamp(result, -kLimit, kLimit)) : 0;
 }
 
 bool is_light(const cv::Scalar& colour) {
@@ -160,6 +154,12 @@ cv::Rect fitted(cv::Size picture, cv::Size area) {
 
 }  // namespace
 
+int scaled(double value, double factor) {
+  constexpr double kLimit = 32000;
+  const double result = value * factor;
+  return std::isfinite(result) ? static_cast<int>(std::clamp(result, -kLimit, kLimit)) : 0;
+}
+
 void draw_labels(const std::vector<Label>& labels, cv::Mat* picture) {
   Labels drawn(picture);
   for (const Label& label : labels) {
@@ -206,6 +206,14 @@ cv::Mat FramePicture::annotated_at(cv::Size size) const {
   return result;
 }
 
+void make_folder(const std::string& folder) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error) {
+    refuse_input(folder, "the folder cannot be made: " + error.message());
+  }
+}
+
 std::string encoded_picture(const std::string& path, const cv::Mat& picture) {
   // Encoding in memory leaves the writing to a place that notices a full disk.
   std::vector<unsigned char> bytes;
@@ -216,7 +224,7 @@ std::string encoded_picture(const std::string& path, const cv::Mat& picture) {
     // An unknown extension, which is reported below like any other refusal.
   }
   if (!encoded) {
-    throw ToolError(kInputError, path + ": the picture cannot be encoded. Name it .png or .jpg");
+    refuse_input(path, "the picture cannot be encoded. Name it .png or .jpg");
   }
   return std::string(bytes.begin(), bytes.end());
 }

@@ -38,6 +38,9 @@ struct Label {
   cv::Scalar ground;  // colour (blue, green, red) of the area that the text stands on
 };
 
+// A coordinate by a factor, within what drawing takes: far below the limit of an int.
+int scaled(double value, double factor);
+
 // Draws each label at its place; later ones move down where earlier ones are in the way.
 void draw_labels(const std::vector<Label>& labels, cv::Mat* picture);
 
@@ -49,6 +52,9 @@ void draw_caption(const std::string& text, cv::Mat* picture);
 
 // Draws black text that fits the height of a strip; text that is too long for it ends in "..".
 void draw_line_of_text(const std::string& text, cv::Mat* strip);
+
+// Makes the folder, and those that it lies in. Throws ToolError (kInputError).
+void make_folder(const std::string& folder);
 
 // The bytes of a picture file, in the format of the path's extension.
 std::string encoded_picture(const std::string& path, const cv::Mat& picture);

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <system_error>
@@ -104,108 +105,96 @@ std::vector<std::uint64_t> image_ids(const std::vector<fs::path>& paths) {
   return ids;
 }
 
+using ReadFile = std::function<void(const fs::path&, SourceFrame*)>;
+
 class FileSource : public FrameSource {
  public:
-  FileSource(std::vector<fs::path> paths, double frames_per_second)
-      : paths_(std::move(paths)), image_ids_(image_ids(paths_)), rate_(frames_per_second) {}
+  FileSource(std::vector<fs::path> paths, double frames_per_second, ReadFile read)
+      : paths_(std::move(paths)),
+        image_ids_(image_ids(paths_)),
+        rate_(frames_per_second),
+        read_(std::move(read)) {}
 
   bool next(SourceFrame* frame) override {
-    if (position_ >= paths_.size()) {
+    const std::size_t index = position_;
+    if (!skip()) {
       return false;
     }
-    const fs::path& path = paths_[position_];
-    frame->image_id = image_ids_[position_];
-    frame->number = static_cast<long>(++position_);
+    frame->image_id = image_ids_[index];
+    frame->number = static_cast<long>(position_);
     frame->pts = time_stamp(frame->number, rate_);
-    frame->name = path.string();
-    require_readable(path);
-    read(path, frame);
+    frame->name = paths_[index].string();
+    require_readable(paths_[index]);
+    read_(paths_[index], frame);
     return true;
   }
 
   bool skip() override {
-    if (position_ >= paths_.size()) {
-      return false;
-    }
-    ++position_;
-    return true;
+    const bool more = position_ < paths_.size();
+    position_ += more ? 1 : 0;
+    return more;
   }
   std::optional<long> length() const override { return static_cast<long>(paths_.size()); }
   double frames_per_second() const override { return rate_; }
 
  private:
-  virtual void read(const fs::path& path, SourceFrame* frame) const = 0;
-
   std::vector<fs::path> paths_;
   std::vector<std::uint64_t> image_ids_;
   double rate_;
+  ReadFile read_;
   std::size_t position_ = 0;
 };
 
-class PictureSource : public FileSource {
- public:
-  using FileSource::FileSource;
-
- private:
-  void read(const fs::path& path, SourceFrame* frame) const override {
-    const std::vector<unsigned char> bytes = bytes_of(path);
-    try {
-      // Not imread: that prints the name, which may hold anything, to the terminal.
-      if (!bytes.empty()) {
-        frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
-      }
-    } catch (const cv::Exception& error) {
-      refuse_input(path, "cannot be read as a picture: " + error.err);
+void read_picture(const fs::path& path, SourceFrame* frame) {
+  const std::vector<unsigned char> bytes = bytes_of(path);
+  try {
+    // Not imread: that prints the name, which may hold anything, to the terminal.
+    if (!bytes.empty()) {
+      frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
     }
-    if (frame->picture.empty()) {
-      refuse_input(path,
-                   "cannot be read as a picture; it is damaged or of another kind than "
-                   "its name says");
-    }
-    if (is_cut_jpeg(bytes)) {
-      refuse_input(path, "is cut: the file ends before the picture does");
-    }
+  } catch (const cv::Exception& error) {
+    refuse_input(path, "cannot be read as a picture: " + error.err);
   }
-};
-
-class DumpSource : public FileSource {
- public:
-  DumpSource(std::vector<fs::path> paths, const FrameLayout& layout, double frames_per_second)
-      : FileSource(std::move(paths), frames_per_second), layout_(layout) {}
-
- private:
-  void read(const fs::path& path, SourceFrame* frame) const override {
-    std::error_code error;
-    const std::uintmax_t size = fs::file_size(path, error);
-    if (error) {
-      refuse_input(path, "its size cannot be told: " + error.message());
-    }
-    if (size != layout_.size) {
-      refuse_input(path, "has " + counted(size, "byte", "bytes") +
-                             ", but a frame of this model is " + describe(layout_) +
-                             ". It was dumped for another model or is cut");
-    }
-    frame->dump.resize(layout_.size);
-    std::ifstream file(path, std::ios::binary);
-    if (!file.read(reinterpret_cast<char*>(frame->dump.data()),
-                   static_cast<std::streamsize>(frame->dump.size()))) {
-      refuse_input(path, "cannot be read");
-    }
+  if (frame->picture.empty()) {
+    refuse_input(path,
+                 "cannot be read as a picture; it is damaged or of another kind than "
+                 "its name says");
   }
+  if (is_cut_jpeg(bytes)) {
+    refuse_input(path, "is cut: the file ends before the picture does");
+  }
+}
 
-  FrameLayout layout_;
-};
+void read_dump(const fs::path& path, const FrameLayout& layout, SourceFrame* frame) {
+  std::error_code error;
+  const std::uintmax_t size = fs::file_size(path, error);
+  if (error) {
+    refuse_input(path, "its size cannot be told: " + error.message());
+  }
+  if (size != layout.size) {
+    refuse_input(path, "has " + counted(size, "byte", "bytes") + ", but a frame of this model is " +
+                           describe(layout) + ". It was dumped for another model or is cut");
+  }
+  frame->dump.resize(layout.size);
+  std::ifstream file(path, std::ios::binary);
+  if (!file.read(reinterpret_cast<char*>(frame->dump.data()),
+                 static_cast<std::streamsize>(frame->dump.size()))) {
+    refuse_input(path, "cannot be read");
+  }
+}
 
 }  // namespace
 
 std::unique_ptr<FrameSource> make_picture_source(std::vector<fs::path> paths,
                                                  double frames_per_second) {
-  return std::make_unique<PictureSource>(std::move(paths), frames_per_second);
+  return std::make_unique<FileSource>(std::move(paths), frames_per_second, read_picture);
 }
 
 std::unique_ptr<FrameSource> make_dump_source(std::vector<fs::path> paths,
                                               const FrameLayout& layout, double frames_per_second) {
-  return std::make_unique<DumpSource>(std::move(paths), layout, frames_per_second);
+  return std::make_unique<FileSource>(
+      std::move(paths), frames_per_second,
+      [layout](const fs::path& path, SourceFrame* frame) { read_dump(path, layout, frame); });
 }
 
 }  // namespace olvex_tools

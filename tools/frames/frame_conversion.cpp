@@ -2,11 +2,10 @@
 // every conversion writes straight into the frame.
 #include "tools/frames/frame_conversion.h"
 
-#include <algorithm>
-
 #include <opencv2/imgproc.hpp>
 
 #include "tools/common/command.h"
+#include "tools/common/text.h"
 #include "tools/frames/letterbox.h"
 
 namespace olvex_tools {
@@ -20,25 +19,6 @@ constexpr std::size_t kRowAlignment =
 
 std::size_t round_up(std::size_t value, std::size_t step) {
   return (value + step - 1) / step * step;
-}
-
-const char* format_name(QV_IPU_ELEMENT_FORMAT format) {
-  switch (format) {
-    case QV_IPU_FORMAT_NV12:
-      return "NV12";
-    case QV_IPU_FORMAT_ARGB8888:
-      return "ARGB8888";
-    case QV_IPU_FORMAT_ABGR8888:
-      return "ABGR8888";
-    case QV_IPU_FORMAT_U8:
-      return "U8";
-    case QV_IPU_FORMAT_GRAY:
-      return "GRAY";
-    case QV_IPU_FORMAT_FP32:
-      return "FP32";
-    default:
-      return nullptr;
-  }
 }
 
 // The planes of an NV12 frame without the padding at the end of rows. Width and height are even:
@@ -166,9 +146,30 @@ FrameLayout frame_layout(const qv_host::InputDescription& input) {
   return layout;
 }
 
+std::string format_name(QV_IPU_ELEMENT_FORMAT format) {
+  switch (format) {
+    case QV_IPU_FORMAT_U8:
+      return "U8";
+    case QV_IPU_FORMAT_NV12:
+      return "NV12";
+    case QV_IPU_FORMAT_INT16:
+      return "INT16";
+    case QV_IPU_FORMAT_FP32:
+      return "FP32";
+    case QV_IPU_FORMAT_ARGB8888:
+      return "ARGB8888";
+    case QV_IPU_FORMAT_ABGR8888:
+      return "ABGR8888";
+    case QV_IPU_FORMAT_GRAY:
+      return "GRAY";
+    default:
+      return "format " + std::to_string(static_cast<int>(format));
+  }
+}
+
 std::string describe(const FrameLayout& layout) {
-  return std::string(format_name(layout.format)) + " " + std::to_string(layout.width) + "x" +
-         std::to_string(layout.height) + ", " + std::to_string(layout.size) + " bytes";
+  return format_name(layout.format) + " " + size_text(layout.width, layout.height) + ", " +
+         std::to_string(layout.size) + " bytes";
 }
 
 cv::Rect picture_area(const FrameLayout& layout, cv::Size picture) {

@@ -27,6 +27,9 @@ struct FrameLayout {
 // Throws ToolError for a format that no camera delivers (INT8, for example).
 FrameLayout frame_layout(const qv_host::InputDescription& input);
 
+// "NV12".
+std::string format_name(QV_IPU_ELEMENT_FORMAT format);
+
 // "NV12 352x352, 185856 bytes".
 std::string describe(const FrameLayout& layout);
 

@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const char kCameraPrefix[] = "camera:";
+const char kDevicePrefix[] = "/dev/video";
 
 bool is_digit(char character) {
   return std::isdigit(static_cast<unsigned char>(character)) != 0;
@@ -34,17 +35,17 @@ bool is_dump(const fs::path& path) {
 
 // The device path that a camera input names; empty when input is not a camera.
 std::string camera_device(const std::string& input) {
-  if (input.rfind("/dev/video", 0) == 0) {
-    return input;
-  }
-  if (input.rfind(kCameraPrefix, 0) != 0) {
+  if (!is_camera(input)) {
     return "";
+  }
+  if (input.rfind(kDevicePrefix, 0) == 0) {
+    return input;
   }
   const std::string number = input.substr(sizeof kCameraPrefix - 1);
   if (number.empty() || number.size() > 4 || !std::all_of(number.begin(), number.end(), is_digit)) {
     refuse_input(input, "a camera is named by its number, for example camera:0");
   }
-  return "/dev/video" + number;
+  return kDevicePrefix + number;
 }
 
 std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(const fs::path&)) {
@@ -114,6 +115,25 @@ bool is_picture_file(const fs::path& path) {
 
 bool is_frame_file(const fs::path& path) {
   return is_picture_file(path) || is_dump(path);
+}
+
+bool is_camera(const std::string& input) {
+  return input.rfind(kCameraPrefix, 0) == 0 || input.rfind(kDevicePrefix, 0) == 0;
+}
+
+bool holds_dumps(const std::string& input) {
+  bool dumps = is_dump(input);
+  std::error_code error;
+  for (fs::directory_iterator entry(input, error), end; !error && entry != end && !dumps;
+       entry.increment(error)) {
+    dumps = is_dump(entry->path());
+  }
+  return dumps;
+}
+
+bool reaches_length(double frames, double stated) {
+  constexpr double kShareExpected = 0.98;
+  return frames >= kShareExpected * stated - 1;
 }
 
 bool natural_less(const std::string& left, const std::string& right) {

@@ -65,6 +65,19 @@ std::unique_ptr<FrameSource> make_video_source(const std::string& path);
 // name as the user wrote it; device as the system knows it: /dev/videoN
 std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
 
+// Whether the outermost parts of an MP4 or MOV (ISO/IEC 14496-12), AVI (RIFF) or Matroska (RFC 9559)
+// file end exactly where the file does. A file can be whole and show fewer frames than it counts: an
+// edit list leaves out the start, or the sound is longer than the pictures. False for other formats.
+bool is_whole_container(const std::string& path);
+
+// Whether so many frames are all that a video states, which is a little wrong at times.
+bool reaches_length(double frames, double stated);
+
+// A camera does not show its frames again, and only a model can decode a dump: whether the input is one, or a
+// folder with a dump in it.
+bool is_camera(const std::string& input);
+bool holds_dumps(const std::string& input);
+
 // The path in a form that no coder takes for an address (http:) or a protocol (concat:).
 std::string local_path(const std::string& path);
 

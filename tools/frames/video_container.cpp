@@ -1,11 +1,11 @@
-// video_container.cpp - walks over the outermost parts by their stated sizes.
-#include "tools/frames/video_container.h"
-
+// video_container.cpp - walks over the outermost parts by their stated sizes. Declared in frame_source.h.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <optional>
+
+#include "tools/frames/frame_source.h"
 
 namespace olvex_tools {
 

@@ -11,7 +11,6 @@
 
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
-#include "tools/frames/video_container.h"
 
 namespace olvex_tools {
 
@@ -20,130 +19,124 @@ namespace {
 constexpr double kUsualRate = 25;      // frames per second, when the source states none
 constexpr double kHighestRate = 1000;  // beyond, the statement is taken for a time base
 
-double rate_of(const cv::VideoCapture& capture) {
-  const double rate = capture.get(cv::CAP_PROP_FPS);
-  return std::isfinite(rate) && rate > 0 && rate <= kHighestRate ? rate : kUsualRate;
-}
-
-// Gray cameras and videos deliver one channel.
-void make_colour(cv::Mat* picture) {
-  if (picture->channels() == 1) {
-    cv::cvtColor(*picture, *picture, cv::COLOR_GRAY2BGR);
-  }
-}
-
-class VideoSource : public FrameSource {
+// What videos and cameras have in common.
+class CaptureSource : public FrameSource {
  public:
-  explicit VideoSource(const std::string& path) : path_(path) {
-    errno = 0;
-    if (!std::ifstream(path, std::ios::binary)) {
-      throw ToolError(kInputError, path + ": cannot be opened: " + std::strerror(errno));
-    }
-    // Not CAP_ANY: that takes an unknown file for the first of a numbered series.
-    const std::string local = local_path(path);
-    if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
-      throw ToolError(kInputError, path + ": is neither a video nor a picture that can be read");
-    }
-    rate_ = rate_of(capture_);
-  }
+  explicit CaptureSource(const std::string& name) : name_(name) {}
 
   bool next(SourceFrame* frame) override {
     // A new matrix each time: the decoder reuses the memory behind the last one.
     cv::Mat picture;
     if (!capture_.read(picture) || picture.empty()) {
-      if (position_ == 0) {
-        throw ToolError(kInputError, path_ + ": the video holds no frame that can be decoded");
-      }
+      check_end();
       return false;
     }
-    make_colour(&picture);
+    // Gray cameras and videos deliver one channel.
+    if (picture.channels() == 1) {
+      cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
+    }
     frame->picture = picture;
     frame->number = ++position_;
     frame->image_id = static_cast<std::uint64_t>(position_);
-    frame->pts = position_in_video();
-    frame->name = path_;
+    frame->pts = time_of_frame();
+    frame->name = name_;
     return true;
   }
 
-  // Decodes and drops: seeking lands on another frame than asked for in many videos.
-  bool skip() override {
-    if (!capture_.grab()) {
-      return false;
-    }
-    ++position_;
-    return true;
-  }
-
-  std::optional<long> length() const override {
-    const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
-    constexpr double kMost = 1e9;
-    if (!(count >= 1 && count <= kMost)) {
-      return std::nullopt;
-    }
-    return static_cast<long>(count);
-  }
   double frames_per_second() const override { return rate_; }
-  bool is_whole() const override { return is_whole_container(path_); }
 
- private:
-  std::uint64_t position_in_video() const {
-    const double milliseconds = capture_.get(cv::CAP_PROP_POS_MSEC);
-    constexpr double kLongest = 1e12;
-    if (position_ > 1 && milliseconds > 0 && milliseconds < kLongest) {
-      return static_cast<std::uint64_t>(std::llround(milliseconds * 1000));
-    }
-    return time_stamp(position_, rate_);
+ protected:
+  // Throws where the source must not end.
+  virtual void check_end() const = 0;
+  // Microseconds, of the frame that was read last.
+  virtual std::uint64_t time_of_frame() = 0;
+
+  void find_rate() {
+    const double rate = capture_.get(cv::CAP_PROP_FPS);
+    rate_ = std::isfinite(rate) && rate > 0 && rate <= kHighestRate ? rate : kUsualRate;
   }
 
-  std::string path_;
+  std::string name_;
   cv::VideoCapture capture_;
   double rate_ = kUsualRate;
   long position_ = 0;  // frames read or skipped so far
 };
 
-class CameraSource : public FrameSource {
+class VideoSource : public CaptureSource {
  public:
-  CameraSource(const std::string& name, const std::string& device) : name_(name) {
-    if (!capture_.open(device, cv::CAP_V4L2)) {
-      throw ToolError(kInputError, name + ": " + device +
-                                       " cannot be opened as a camera. It may be in use by another "
-                                       "program, or you may lack the right to use it");
+  explicit VideoSource(const std::string& path) : CaptureSource(path) {
+    errno = 0;
+    if (!std::ifstream(path, std::ios::binary)) {
+      refuse_input(path, std::string("cannot be opened: ") + std::strerror(errno));
     }
-    rate_ = rate_of(capture_);
+    // Not CAP_ANY: that takes an unknown file for the first of a numbered series.
+    const std::string local = local_path(path);
+    if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
+      refuse_input(path, "is neither a video nor a picture that can be read");
+    }
+    find_rate();
   }
 
-  bool next(SourceFrame* frame) override {
-    cv::Mat picture;
-    if (!capture_.read(picture) || picture.empty()) {
-      throw ToolError(kInputError, name_ + ": the camera delivers no more frames");
-    }
-    make_colour(&picture);
-    const auto now = std::chrono::steady_clock::now();
+  // Decodes and drops: seeking lands on another frame than asked for in many videos.
+  bool skip() override {
+    const bool skipped = capture_.grab();
+    position_ += skipped ? 1 : 0;
+    return skipped;
+  }
+
+  std::optional<long> length() const override {
+    const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
+    constexpr double kMost = 1e9;
+    return count >= 1 && count <= kMost ? std::make_optional(static_cast<long>(count))
+                                        : std::nullopt;
+  }
+  bool is_whole() const override { return is_whole_container(name_); }
+
+ private:
+  void check_end() const override {
     if (position_ == 0) {
-      start_ = now;
+      refuse_input(name_, "the video holds no frame that can be decoded");
     }
-    frame->picture = picture;
-    frame->number = ++position_;
-    frame->image_id = static_cast<std::uint64_t>(position_);
-    frame->pts = static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(now - start_).count());
-    frame->name = name_;
-    return true;
+  }
+
+  std::uint64_t time_of_frame() override {
+    const double milliseconds = capture_.get(cv::CAP_PROP_POS_MSEC);
+    constexpr double kLongest = 1e12;
+    const bool is_known = position_ > 1 && milliseconds > 0 && milliseconds < kLongest;
+    return is_known ? static_cast<std::uint64_t>(std::llround(milliseconds * 1000))
+                    : time_stamp(position_, rate_);
+  }
+};
+
+class CameraSource : public CaptureSource {
+ public:
+  CameraSource(const std::string& name, const std::string& device) : CaptureSource(name) {
+    if (!capture_.open(device, cv::CAP_V4L2)) {
+      refuse_input(name, device +
+                             " cannot be opened as a camera. It may be in use by another "
+                             "program, or you may lack the right to use it");
+    }
+    find_rate();
   }
 
   bool skip() override {
     SourceFrame dropped;
     return next(&dropped);
   }
-
   std::optional<long> length() const override { return std::nullopt; }
-  double frames_per_second() const override { return rate_; }
 
  private:
-  std::string name_;
-  cv::VideoCapture capture_;
-  double rate_ = kUsualRate;
-  long position_ = 0;
+  void check_end() const override { refuse_input(name_, "the camera delivers no more frames"); }
+
+  std::uint64_t time_of_frame() override {
+    const auto now = std::chrono::steady_clock::now();
+    if (position_ == 1) {
+      start_ = now;
+    }
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(now - start_).count());
+  }
+
   std::chrono::steady_clock::time_point start_;
 };
 

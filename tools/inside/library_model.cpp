@@ -9,19 +9,26 @@
 
 namespace olvex_tools {
 
+qv_host::Image read_model_file(const std::string& path, std::string* text_header) {
+  try {
+    return qv_host::read_image_file(path, text_header);
+  } catch (const qv_host::ImageError& error) {
+    throw ToolError(kModelError, error.what());
+  }
+}
+
 LibraryModel::LibraryModel(const std::string& path, const std::string& name)
     : name_(name), model_(new DetAfModel) {
   std::string terminated_path = path;
   if (model_->cal_variable_size(&terminated_path[0], &variable_buffer_size_) != E_ALGO_SUCCESS) {
-    throw ToolError(kModelError,
-                    name_ + ": the host accelerator does not take it as a model (see above)");
+    refuse_model(name_, "the host accelerator does not take it as a model (see above)");
   }
   create_device();
   // A failing initialisation has destroyed the device.
   if (model_->model_init(0, 1) != E_ALGO_SUCCESS) {
-    throw ToolError(kModelError, name_ +
-                                     ": the host accelerator cannot load the network, or its "
-                                     "outputs are not as described (see above)");
+    refuse_model(name_,
+                 "the host accelerator cannot load the network, or its "
+                 "outputs are not as described (see above)");
   }
   channel_open_ = true;
 }

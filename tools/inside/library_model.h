@@ -8,8 +8,13 @@
 #include <vector>
 
 #include "base/sdet/sdet_model.h"
+#include "platform/host/host_image.h"
 
 namespace olvex_tools {
+
+// The description and the checked parts of a model file; *text_header gets what stands before the start
+// pattern. Throws ToolError (kModelError).
+qv_host::Image read_model_file(const std::string& path, std::string* text_header);
 
 // A device, and on it a channel for the model; both are closed by the destructor. One at a time.
 // Requires: a LibraryLog exists, as the library prints.

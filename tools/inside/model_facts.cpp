@@ -8,33 +8,13 @@
 #include <cstring>
 
 #include "tools/common/text.h"
+#include "tools/frames/frame_conversion.h"
 
 namespace olvex_tools {
 
 namespace {
 
 constexpr unsigned kMaxOutputs = 6;  // more the library refuses before it looks at them
-
-std::string format_name(QV_IPU_ELEMENT_FORMAT format) {
-  switch (format) {
-    case QV_IPU_FORMAT_U8:
-      return "U8";
-    case QV_IPU_FORMAT_NV12:
-      return "NV12";
-    case QV_IPU_FORMAT_INT16:
-      return "INT16";
-    case QV_IPU_FORMAT_FP32:
-      return "FP32";
-    case QV_IPU_FORMAT_ARGB8888:
-      return "ARGB8888";
-    case QV_IPU_FORMAT_ABGR8888:
-      return "ABGR8888";
-    case QV_IPU_FORMAT_GRAY:
-      return "GRAY";
-    default:
-      return "format " + std::to_string(static_cast<int>(format));
-  }
-}
 
 TensorFacts tensor_facts(const QV_IPU_TensorDesc_t& tensor) {
   TensorFacts facts;
@@ -130,9 +110,9 @@ std::string fault_of_word(const std::string& word, const TypeCounts& counts, int
 }
 
 std::string fault_of_grid(const DetDecodeInfo& info, int layer) {
-  return "raw layer " + std::to_string(layer) + " has " + std::to_string(info.net_out_w[layer]) +
-         "x" + std::to_string(info.net_out_h[layer]) + " cells for an input of " +
-         std::to_string(info.net_in_w) + "x" + std::to_string(info.net_in_h) +
+  return "raw layer " + std::to_string(layer) + " has " +
+         size_text(info.net_out_w[layer], info.net_out_h[layer]) + " cells for an input of " +
+         size_text(info.net_in_w, info.net_in_h) +
          " pixels. The input must be the same whole multiple of a layer in width and height; "
          "check --layout and --size";
 }
@@ -190,14 +170,6 @@ void check_box_list(const std::string& word, DetDecodeInfo* info, DecodingFacts*
   facts->counts_source = declared.known ? kModelOutKey : "tensors";
 }
 
-std::string shapes_of(const std::vector<TensorFacts>& tensors) {
-  std::string text;
-  for (const TensorFacts& tensor : tensors) {
-    text += (text.empty() ? "" : ", ") + describe(tensor);
-  }
-  return text;
-}
-
 DecodingFacts decoding_facts(const QV_IPU_SubNet_InputOutputDesc_t& description,
                              const std::vector<TensorFacts>& outputs, const std::string& word) {
   DecodingFacts facts;
@@ -215,7 +187,8 @@ DecodingFacts decoding_facts(const QV_IPU_SubNet_InputOutputDesc_t& description,
     facts.fault =
         "the library decodes 3 raw layers with equal channels, or a box list of 4 or 5 "
         "tensors; these are " +
-        shapes_of(outputs) + ". Check the names, and for raw layers --layout";
+        join(outputs, ", ", [](const TensorFacts& tensor) { return describe(tensor); }) +
+        ". Check the names, and for raw layers --layout";
   }
   return facts;
 }
@@ -223,11 +196,8 @@ DecodingFacts decoding_facts(const QV_IPU_SubNet_InputOutputDesc_t& description,
 }  // namespace
 
 std::string describe(const TensorFacts& tensor) {
-  std::string shape;
-  for (const unsigned size : tensor.shape) {
-    shape += (shape.empty() ? "" : "x") + std::to_string(size);
-  }
-  return tensor.name + " " + shape + " " + tensor.format;
+  const auto text_of = [](unsigned size) { return std::to_string(size); };
+  return tensor.name + " " + join(tensor.shape, "x", text_of) + " " + tensor.format;
 }
 
 ModelFacts collect_facts(LibraryModel* opened, const std::string& text_header) {

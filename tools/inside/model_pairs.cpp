@@ -1,6 +1,6 @@
 // model_pairs.cpp - header pairs and type words. The library decides what a word or a channel
 // count means.
-#include "tools/inside/model_pairs.h"
+#include "tools/inside/model_facts.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -45,10 +45,10 @@ std::string fault_of(const std::string& text) {
 void check_text(const std::string& kind, const std::string& text) {
   const std::string fault = fault_of(text);
   if (!fault.empty()) {
-    throw ToolError(kUsageError, kind + " \"" + text.substr(0, 40) +
-                                     (text.size() > 40 ? "..." : "") + "\" " + fault +
-                                     ". Choose another text: 1 to 127 bytes without ':', ';', "
-                                     "newline and \"QTNX\"");
+    refuse_usage(kind + " \"" + text.substr(0, 40) + (text.size() > 40 ? "..." : "") + "\" " +
+                 fault +
+                 ". Choose another text: 1 to 127 bytes without ':', ';', "
+                 "newline and \"QTNX\"");
   }
 }
 

@@ -45,21 +45,6 @@ struct ChildLimits {
   std::uint64_t memory = 0;      // bytes of private writable memory; no limit under sanitizers
 };
 
-enum class ChildEnd {
-  kFinished,
-  kCrashed,
-  kTooLong,
-  kTooMuchProcessorTime,
-  kTooMuchMemory,
-  kKilled,  // SIGKILL: the kernel's when memory runs out, or when a limit of the shell's is reached
-  kInterrupted
-};
-
-struct ChildResult {
-  ChildEnd end = ChildEnd::kFinished;
-  std::string detail;  // kCrashed: the signal or the exit code, in words
-};
-
 constexpr int kMemoryExitCode = 99;
 
 // The sanitizers map terabytes, which a limit on memory would count.
@@ -167,29 +152,20 @@ int wait_for(pid_t child) {
   return status;
 }
 
-ChildResult explain_signal(int signal) {
-  switch (signal) {
-    case SIGXCPU:
-      return {ChildEnd::kTooMuchProcessorTime, ""};
-    case SIGALRM:
-      return {ChildEnd::kTooLong, ""};
-    case SIGKILL:
-      return {ChildEnd::kKilled, ""};
-    case SIGINT:
-    case SIGTERM:
-    case SIGHUP:
-    case SIGQUIT:
-      return {ChildEnd::kInterrupted, ""};
-    default:
-      return {ChildEnd::kCrashed, strsignal(signal)};
-  }
+// What wait_for() returned: the signal that ended the child, or 0; whether it ended with that exit code.
+int signal_of(int status) {
+  return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
-// Runs the work in a child and waits for its end. An exception of the work is no crash; what it
+bool has_exit_code(int status, int code) {
+  return WIFEXITED(status) && WEXITSTATUS(status) == code;
+}
+
+// Runs the work in a child, waits for its end and returns its status. An exception of the work is no crash; what it
 // prints is dropped; it leaves no core file, and it ends when the caller does. Throws ToolError
 // (kAcceleratorError) when there can be no child.
 // Requires: no other thread runs in this process, since the child would have it no more.
-ChildResult run_limited(const ChildLimits& limits, const std::function<void()>& work) {
+int run_limited(const ChildLimits& limits, const std::function<void()>& work) {
   std::fflush(nullptr);
   // Some programs start others with this signal ignored, and then the kernel keeps no child's end.
   std::signal(SIGCHLD, SIG_DFL);
@@ -203,18 +179,7 @@ ChildResult run_limited(const ChildLimits& limits, const std::function<void()>& 
   if (child == 0) {
     run_child(parent, limits, work);
   }
-  const int status = wait_for(child);
-  if (WIFSIGNALED(status)) {
-    return explain_signal(WTERMSIG(status));
-  }
-  switch (WEXITSTATUS(status)) {
-    case kDone:
-      return {ChildEnd::kFinished, ""};
-    case kMemoryExitCode:
-      return {ChildEnd::kTooMuchMemory, ""};
-    default:  // a sanitizer's report, or the engine called exit
-      return {ChildEnd::kCrashed, "exit code " + std::to_string(WEXITSTATUS(status))};
-  }
+  return wait_for(child);
 }
 
 // ---- The trial -----------------------------------------------------------------------------------
@@ -241,9 +206,8 @@ double limit_factor() {
   constexpr double kLeast = 1e-3;
   constexpr double kMost = 1e3;
   if (error != std::errc() || stop != end || !(factor >= kLeast && factor <= kMost)) {
-    throw ToolError(kUsageError, std::string("the environment variable ") + kFactorVariable +
-                                     " is \"" + text + "\". Set it to a number from 0.001 to " +
-                                     "1000, or not at all");
+    refuse_usage(std::string("the environment variable ") + kFactorVariable + " is \"" + text +
+                 "\". Set it to a number from 0.001 to " + "1000, or not at all");
   }
   return factor;
 }
@@ -276,24 +240,27 @@ std::string rounded_up(double value) {
   return std::to_string(static_cast<std::uint64_t>(std::ceil(value)));
 }
 
-std::string fault_of(const ChildResult& result, const ChildLimits& limits) {
-  switch (result.end) {
-    case ChildEnd::kCrashed:
-      return "the network engine crashed while loading or running it (" + result.detail +
-             "); it is damaged or beyond this engine, so export it again or use another network";
-    case ChildEnd::kTooLong:
-      return "the network engine did not finish loading and running it in " +
-             rounded_up(limits.seconds) + " seconds";
-    case ChildEnd::kTooMuchProcessorTime:
-      return "the network engine did not finish loading and running it in " +
-             rounded_up(limits.processor_seconds) + " seconds of processor time";
-    case ChildEnd::kTooMuchMemory:
-      return "the network engine wants more than " +
-             rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
-             " MiB of memory to load and run it";
-    default:
+std::string fault_of(int status, const ChildLimits& limits) {
+  const std::string not_finished = "the network engine did not finish loading and running it in ";
+  if (has_exit_code(status, kMemoryExitCode)) {
+    return "the network engine wants more than " +
+           rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
+           " MiB of memory to load and run it";
+  }
+  const int signal = signal_of(status);
+  switch (signal) {
+    case SIGALRM:
+      return not_finished + rounded_up(limits.seconds) + " seconds";
+    case SIGXCPU:
+      return not_finished + rounded_up(limits.processor_seconds) + " seconds of processor time";
+    case SIGKILL:  // the kernel's when memory runs out, or when a limit of the shell's is reached
       return "the network engine was killed while loading or running it, for want of memory or by "
              "a limit of the shell; free memory, or use a smaller network";
+    default:  // an exit code is that of a sanitizer's report, or the engine called exit
+      return "the network engine crashed while loading or running it (" +
+             (signal != 0 ? strsignal(signal)
+                          : "exit code " + std::to_string(WEXITSTATUS(status))) +
+             "); it is damaged or beyond this engine, so export it again or use another network";
   }
 }
 
@@ -312,19 +279,17 @@ ChildLimits within_shell_limits(ChildLimits limits) {
   return limits;
 }
 
-std::string remedy_of(ChildEnd end, const ChildLimits& limits) {
-  const bool is_of_shell = (end == ChildEnd::kTooMuchProcessorTime &&
-                            limits.processor_seconds >= shell_limit(RLIMIT_CPU)) ||
-                           (end == ChildEnd::kTooMuchMemory &&
-                            static_cast<double>(limits.memory) >= shell_limit(RLIMIT_DATA));
-  if (is_of_shell) {
+std::string remedy_of(int status, const ChildLimits& limits) {
+  const bool out_of_time = signal_of(status) == SIGXCPU;
+  const bool out_of_memory = has_exit_code(status, kMemoryExitCode);
+  if ((out_of_time && limits.processor_seconds >= shell_limit(RLIMIT_CPU)) ||
+      (out_of_memory && static_cast<double>(limits.memory) >= shell_limit(RLIMIT_DATA))) {
     return "; that is a limit of the shell, see ulimit";
   }
-  const bool has_limit = end == ChildEnd::kTooLong || end == ChildEnd::kTooMuchProcessorTime ||
-                         end == ChildEnd::kTooMuchMemory;
-  return has_limit ? std::string("; use a smaller network, or, if you trust this one, set ") +
-                         kFactorVariable + "=10 to allow ten times the usual"
-                   : "";
+  return out_of_time || out_of_memory || signal_of(status) == SIGALRM
+             ? std::string("; use a smaller network, or, if you trust this one, set ") +
+                   kFactorVariable + "=10 to allow ten times the usual"
+             : "";
 }
 
 }  // namespace
@@ -337,13 +302,13 @@ void require_harmless_network(const std::string& path, const std::string& name) 
     return;  // not a file with a size, which the library cannot map either
   }
   const ChildLimits limits = within_shell_limits(limits_for(static_cast<double>(bytes), factor));
-  const ChildResult result = run_limited(limits, [&path] { run_gradient(path); });
-  if (result.end == ChildEnd::kInterrupted) {
+  const int status = run_limited(limits, [&path] { run_gradient(path); });
+  const int signal = signal_of(status);
+  if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP || signal == SIGQUIT) {
     throw ToolError(kInterrupted, name + ": interrupted while the network was tried");
   }
-  if (result.end != ChildEnd::kFinished) {
-    throw ToolError(kModelError,
-                    name + ": " + fault_of(result, limits) + remedy_of(result.end, limits));
+  if (!has_exit_code(status, kDone)) {
+    refuse_model(name, fault_of(status, limits) + remedy_of(status, limits));
   }
 }
 

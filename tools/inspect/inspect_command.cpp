@@ -4,11 +4,10 @@
 #include <memory>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "platform/host/host_image.h"
 
 #include "tools/common/command.h"
+#include "tools/common/json_text.h"
 #include "tools/common/options.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
@@ -35,8 +34,6 @@ struct Inspection {
   qv_host::Description description;
   ModelFacts facts;
 };
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kSchemaVersion = 1;
 
@@ -89,11 +86,10 @@ std::string class_text(int class_id, const std::vector<std::string>& names) {
 }
 
 std::string class_map_text(const ModelFacts& facts) {
-  std::string text;
-  for (const auto& entry : facts.class_map) {
-    text += (text.empty() ? "" : ", ") + std::to_string(entry.first) + " to " +
-            std::to_string(entry.second) + (entry.second < 0 ? " (hidden)" : "");
-  }
+  const std::string text = join(facts.class_map, ", ", [](const auto& entry) {
+    return std::to_string(entry.first) + " to " + std::to_string(entry.second) +
+           (entry.second < 0 ? " (hidden)" : "");
+  });
   return text.empty() ? "none; class ids stay as they are" : text;
 }
 
@@ -102,10 +98,8 @@ std::string double_check_text(const Inspection& inspection) {
   if (!facts.double_check_target) {
     return "none; strict mode has no classes to confirm with";
   }
-  std::string text;
-  for (const int class_id : facts.double_check_classes) {
-    text += (text.empty() ? "" : ", ") + std::to_string(class_id);
-  }
+  const std::string text =
+      join(facts.double_check_classes, ", ", [](int class_id) { return std::to_string(class_id); });
   return "class " + class_text(*facts.double_check_target, inspection.description.class_names) +
          " confirmed by " + or_none(text);
 }
@@ -244,8 +238,7 @@ std::string inspection_json(const Inspection& inspection) {
                {"decoder", decoder_json(facts.decoding)},
                {"class_names", inspection.description.class_names},
                {"description", Json::parse(qv_host::description_to_json(inspection.description))}};
-  // Names from a file may be in any encoding; a replaced character beats no report.
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  return json_text(json) + "\n";
 }
 
 struct InspectOptions {
@@ -257,13 +250,9 @@ Inspection inspect_file(const std::string& path) {
   Inspection inspection;
   inspection.path = path;
   std::string text_header;
-  try {
-    const qv_host::Image image = qv_host::read_image_file(path, &text_header);
-    inspection.image = image.header;
-    inspection.description = image.description;
-  } catch (const qv_host::ImageError& error) {
-    throw ToolError(kModelError, error.what());
-  }
+  const qv_host::Image image = read_model_file(path, &text_header);
+  inspection.image = image.header;
+  inspection.description = image.description;
   inspection.header_size = text_header.size();
   inspection.file_size = inspection.header_size + qv_host::image_size(inspection.image);
   const LibraryLog log("");

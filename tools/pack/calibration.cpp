@@ -112,9 +112,9 @@ class CalibrationRun {
                           model.output_tensor_vector_.astArrayTensors[tensor].ptTensorData[0]),
                       model.desc_.astQV_OutputTensorDescs[tensor].u32BufSize / sizeof(float));
     if (!largest) {
-      throw ToolError(kModelError, picture + ": the network's output \"" + targets_[target].name +
-                                       "\" holds a value that is not finite. Check --mean and "
-                                       "--scale, and the network");
+      refuse_model(picture, "the network's output \"" + targets_[target].name +
+                                "\" holds a value that is not finite. Check --mean and "
+                                "--scale, and the network");
     }
     largest_[target] = std::max(largest_[target], *largest);
   }
@@ -190,7 +190,7 @@ Calibration calibrate(const std::string& pictures, long limit, LibraryModel* mod
     progress.update(++done);
   }
   if (done == 0) {
-    throw ToolError(kInputError, pictures + ": no frame can be read from it");
+    refuse_input(pictures, "no frame can be read from it");
   }
   return run.finish();
 }

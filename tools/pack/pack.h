@@ -14,7 +14,7 @@
 
 #include "tools/common/options.h"
 #include "tools/inside/library_model.h"
-#include "tools/inside/model_pairs.h"
+#include "tools/inside/model_facts.h"
 #include "tools/network/network_graph.h"
 
 namespace olvex_tools {

@@ -41,7 +41,7 @@ struct TestRun {
 
 void check_target(const PackOptions& options) {
   if (options.image_path.empty()) {
-    throw ToolError(kUsageError, "say where the model file goes: --output IMAGE");
+    refuse_usage("say where the model file goes: --output IMAGE");
   }
   require_own_files({{"--output", options.image_path}},
                     {options.network_path, options.description_path, options.class_names_path,
@@ -51,13 +51,12 @@ void check_target(const PackOptions& options) {
 void check_pair_places(const PackOptions& options, const Description& description) {
   const Pairs& pairs = options.pairs;
   if (options.pairs_in_name && pairs.empty()) {
-    throw ToolError(kUsageError,
-                    "--pairs-in-name: there are no entries. Add --model-out, --lib-out or --pair");
+    refuse_usage("--pairs-in-name: there are no entries. Add --model-out, --lib-out or --pair");
   }
   if (!pairs.empty() && !description.name_pairs.empty() && description.name_pairs != pairs) {
-    throw ToolError(kUsageError,
-                    "the description has name_pairs of its own, and the library would read them "
-                    "instead of the header. Add --pairs-in-name to replace them");
+    refuse_usage(
+        "the description has name_pairs of its own, and the library would read them "
+        "instead of the header. Add --pairs-in-name to replace them");
   }
 }
 
@@ -69,8 +68,8 @@ cv::Mat test_picture(const PackOptions& options, const Description& description)
   // Not imread: that prints the name, which may hold anything, to the terminal.
   const cv::Mat picture = bytes.empty() ? cv::Mat() : cv::imdecode(bytes, cv::IMREAD_COLOR);
   if (picture.empty()) {
-    throw ToolError(kInputError, options.picture_path + ": not a picture that can be decoded. " +
-                                     "Give a JPEG or PNG file");
+    refuse_input(options.picture_path,
+                 "not a picture that can be decoded. Give a JPEG or PNG file");
   }
   return picture;
 }
@@ -80,14 +79,13 @@ ModelFacts checked_facts(LibraryModel* model, const std::string& name, const Pai
                          const Description& description) {
   ModelFacts facts = collect_facts(model, file_header(pairs));
   if (!facts.decoding.fault.empty()) {
-    throw ToolError(kModelError, name + ": " + facts.decoding.fault);
+    refuse_model(name, facts.decoding.fault);
   }
   const Pairs& expected = description.name_pairs.empty() ? pairs : description.name_pairs;
   if (facts.valid_pairs != expected) {
-    throw ToolError(kModelError, name +
-                                     ": the library reads other header entries than were given (" +
-                                     std::to_string(facts.valid_pairs.size()) +
-                                     " of them). Choose plainer keys and values");
+    refuse_model(name, "the library reads other header entries than were given (" +
+                           std::to_string(facts.valid_pairs.size()) +
+                           " of them). Choose plainer keys and values");
   }
   return facts;
 }
@@ -291,7 +289,7 @@ std::string pack_quietly(const PackOptions& options) {
   try {
     return pack_and_describe(options);
   } catch (const qv_host::ImageError& error) {
-    throw ToolError(kModelError, options.network_path + ": " + error.what());
+    refuse_model(options.network_path, error.what());
   }
 }
 

@@ -42,11 +42,7 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
 }
 
 std::string list_of(const std::vector<NetworkTensor>& tensors) {
-  std::string text;
-  for (const NetworkTensor& tensor : tensors) {
-    text += (text.empty() ? "" : ", ") + describe(tensor);
-  }
-  return text;
+  return join(tensors, ", ", [](const NetworkTensor& tensor) { return describe(tensor); });
 }
 
 NetworkTensor find_input(const std::string& name, const NetworkGraph& network) {
@@ -81,8 +77,7 @@ void fit_size(const NetworkTensor& tensor, qv_host::InputDescription* input) {
   const int width = static_cast<int>(tensor.shape[3]);
   const int height = static_cast<int>(tensor.shape[2]);
   if (input->width != 0 && (input->width != width || input->height != height)) {
-    throw ToolError(kModelError, "the size " + std::to_string(input->width) + "x" +
-                                     std::to_string(input->height) +
+    throw ToolError(kModelError, "the size " + size_text(input->width, input->height) +
                                      " does not fit the network, whose input is " +
                                      describe(tensor) + ": width " + std::to_string(width) +
                                      ", height " + std::to_string(height));
@@ -259,7 +254,7 @@ std::vector<std::string> read_class_names(const std::string& path) {
     names.pop_back();
   }
   if (names.empty()) {
-    throw ToolError(kInputError, path + ": no class names in it. Write one on each line");
+    refuse_input(path, "no class names in it. Write one on each line");
   }
   return names;
 }
@@ -269,7 +264,7 @@ Description read_description(const std::string& path) {
   try {
     return qv_host::parse_description(std::string(bytes.begin(), bytes.end()));
   } catch (const qv_host::ImageError& error) {
-    throw ToolError(kInputError, path + ": " + error.what());
+    refuse_input(path, error.what());
   }
 }
 
@@ -297,7 +292,7 @@ qv_host::Description describe_model(const PackOptions& options, const NetworkGra
   try {
     qv_host::check_description(description);
   } catch (const qv_host::ImageError& error) {
-    throw ToolError(kUsageError, error.what());
+    refuse_usage(error.what());
   }
   return description;
 }

@@ -2,7 +2,6 @@
 // for every one that does not fit. Declared in pack.h.
 #include "tools/pack/pack.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <map>

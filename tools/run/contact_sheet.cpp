@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
 #include "tools/frames/annotation.h"
 #include "tools/common/output_file.h"

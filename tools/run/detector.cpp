@@ -2,9 +2,9 @@
 // library's codes into words.
 #include "tools/run/run.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -33,9 +33,8 @@ QV_BOOL flag(bool value) {
 template <std::size_t size>
 void set_path(char (&field)[size], const std::string& path, const char* remedy) {
   if (path.size() >= size) {
-    throw ToolError(kModelError, path + ": the path is longer than the " +
-                                     std::to_string(size - 1) + " bytes that the library takes. " +
-                                     remedy);
+    refuse_model(path, "the path is longer than the " + std::to_string(size - 1) +
+                           " bytes that the library takes. " + remedy);
   }
   std::memcpy(field, path.c_str(), path.size() + 1);
 }
@@ -50,19 +49,19 @@ Mapping map_file(const std::string& path, std::size_t offset) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
   const std::streamoff end = file ? static_cast<std::streamoff>(file.tellg()) : -1;
   if (end <= static_cast<std::streamoff>(offset)) {
-    throw ToolError(kModelError, path + ": the model cannot be read");
+    refuse_model(path, "the model cannot be read");
   }
   const std::size_t size = static_cast<std::size_t>(end) - offset;
   // The pattern need not lie at a page's start, so the file itself cannot be mapped from there.
   void* const bytes =
       mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (bytes == MAP_FAILED) {
-    throw ToolError(kModelError, path + ": no memory for the model: " + std::strerror(errno));
+    refuse_model(path, std::string("no memory for the model: ") + std::strerror(errno));
   }
   file.seekg(static_cast<std::streamoff>(offset));
   if (!file.read(static_cast<char*>(bytes), static_cast<std::streamsize>(size))) {
     munmap(bytes, size);
-    throw ToolError(kModelError, path + ": the model cannot be read");
+    refuse_model(path, "the model cannot be read");
   }
   return {bytes, size};
 }

@@ -2,9 +2,9 @@
 // contact_sheet.cpp holds the third writer.
 #include "tools/run/run.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
@@ -91,8 +91,8 @@ class VideoWriter : public FrameWriter {
         std::error_code ignored;  // an empty file that stays does no harm
         fs::remove(path_, ignored);
       }
-      refuse_input(path_, "the encoder refuses " + std::to_string(size.width) + "x" +
-                              std::to_string(size.height) + " at " + format("%g", rate_) +
+      refuse_input(path_, "the encoder refuses " + size_text(size.width, size.height) + " at " +
+                              format("%g", rate_) +
                               " frames per second. Check that OpenCV was built with FFmpeg");
     }
     notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
@@ -102,9 +102,8 @@ class VideoWriter : public FrameWriter {
   // it is where the number of frames is stored or computed from.
   void require_complete() const {
     cv::VideoCapture check(local_path(path_));
-    constexpr double kShareExpected = 0.98;
     const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
-    if (found < kShareExpected * static_cast<double>(written_) - 1 || !check.grab()) {
+    if (!reaches_length(found, static_cast<double>(written_)) || !check.grab()) {
       refuse_input(path_, "the video is not complete. Is the disk full?");
     }
   }
@@ -121,11 +120,7 @@ class FolderWriter : public FrameWriter {
  public:
   FolderWriter(const std::string& folder, const std::string& extension)
       : folder_(folder), extension_(extension) {
-    std::error_code error;
-    fs::create_directories(folder_, error);
-    if (error) {
-      refuse_input(folder, "the folder cannot be made: " + error.message());
-    }
+    make_folder(folder);
   }
 
   void write(FramePicture* picture) override {

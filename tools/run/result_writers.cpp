@@ -3,21 +3,18 @@
 #include "tools/run/run.h"
 
 #include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
+#include "tools/common/json_text.h"
 #include "tools/common/output_file.h"
 
 namespace olvex_tools {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr int kFrameSchemaVersion = 1;
+constexpr int kOneLine = -1;  // the indent of JSON without line ends
 
 std::string shortest_text(float value) {
   char text[64];
@@ -28,16 +25,6 @@ std::string shortest_text(float value) {
 // 0.9, not 0.899999976.
 double shortest_decimal(float value) {
   return std::strtod(shortest_text(value).c_str(), nullptr);
-}
-
-// Times to the microsecond: more digits would only be noise.
-double rounded(double milliseconds) {
-  return std::round(milliseconds * 1000) / 1000;
-}
-
-// File names need not be UTF-8, JSON must be.
-std::string text_of(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 Json key_points_of(const Detection& detection) {
@@ -61,7 +48,7 @@ Json box_of(const Detection& detection, const std::vector<std::string>& class_na
     box["class"] = name;
   }
   box["score"] = shortest_decimal(detection.score);
-  box["track_id"] = detection.track_id ? Json(*detection.track_id) : Json(nullptr);
+  box["track_id"] = or_null(detection.track_id);
   box["keypoints"] = key_points_of(detection);
   return box;
 }
@@ -71,17 +58,18 @@ std::string json_line_of(const FrameRecord& record, const std::vector<std::strin
   for (const Detection& detection : record.detections) {
     boxes.push_back(box_of(detection, class_names));
   }
-  return text_of({{"schema_version", kFrameSchemaVersion},
-                  {"frame", record.number},
-                  {"pts", record.pts},
-                  {"source", record.source},
-                  {"size", {{"width", record.width}, {"height", record.height}}},
-                  {"boxes", std::move(boxes)},
-                  {"milliseconds",
-                   {{"decode", rounded(record.milliseconds.decode)},
-                    {"conversion", rounded(record.milliseconds.conversion)},
-                    {"network", rounded(record.milliseconds.network)},
-                    {"postprocessing", rounded(record.milliseconds.postprocessing)}}}}) +
+  return json_text({{"schema_version", kFrameSchemaVersion},
+                    {"frame", record.number},
+                    {"pts", record.pts},
+                    {"source", record.source},
+                    {"size", {{"width", record.width}, {"height", record.height}}},
+                    {"boxes", std::move(boxes)},
+                    {"milliseconds",
+                     {{"decode", rounded(record.milliseconds.decode)},
+                      {"conversion", rounded(record.milliseconds.conversion)},
+                      {"network", rounded(record.milliseconds.network)},
+                      {"postprocessing", rounded(record.milliseconds.postprocessing)}}}},
+                   kOneLine) +
          "\n";
 }
 
@@ -125,7 +113,7 @@ class CocoWriter : public FrameWriter {
                          {"category_id", detection.class_id},
                          {"bbox", {detection.x, detection.y, detection.width, detection.height}},
                          {"score", shortest_decimal(detection.score)}};
-      items += (first_ ? "\n" : ",\n") + text_of(item);
+      items += (first_ ? "\n" : ",\n") + json_text(item, kOneLine);
       first_ = false;
     }
     file_.write(items);

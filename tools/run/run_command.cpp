@@ -1,5 +1,4 @@
 // run_command.cpp - the subcommand run: its options, their checks, and its help.
-#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <memory>

@@ -66,8 +66,8 @@ RunLog::~RunLog() {
 
 void RunLog::frame_done() {
   if (std::fflush(stdout) != 0 && memory_ < 0) {
-    throw ToolError(kInputError,
-                    path_ + ": the library's log cannot be written: " + std::strerror(errno));
+    refuse_input(path_,
+                 std::string("the library's log cannot be written: ") + std::strerror(errno));
   }
   if (memory_ < 0) {
     checked_ = size_of(path_);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,9 +15,11 @@
 #include "tools/frames/frame_source.h"
 #include "tools/frames/letterbox.h"
 #include "tools/common/interruption.h"
+#include "tools/inside/library_model.h"
 #include "tools/inside/network_trial.h"
 #include "tools/common/output_file.h"
 #include "tools/common/progress.h"
+#include "tools/common/text.h"
 
 namespace olvex_tools {
 
@@ -37,11 +38,7 @@ struct Model {
 
 Model read_model(const std::string& path) {
   Model model;
-  try {
-    model.description = qv_host::read_image_file(path, &model.text_header).description;
-  } catch (const qv_host::ImageError& error) {
-    throw ToolError(kModelError, error.what());
-  }
+  model.description = read_model_file(path, &model.text_header).description;
   return model;
 }
 
@@ -63,21 +60,17 @@ std::optional<long> frames_to_come(const FrameSource& source, const RunOptions& 
 
 // One error for all; the first one's exit code stands for them.
 void throw_all(const std::vector<ToolError>& failures) {
-  std::string message;
-  for (const ToolError& failure : failures) {
-    message += (message.empty() ? "" : "\n") + std::string(failure.what());
-  }
   if (!failures.empty()) {
-    throw ToolError(failures.front().exit_code(), message);
+    throw ToolError(failures.front().exit_code(),
+                    join(failures, "\n", [](const ToolError& failure) { return failure.what(); }));
   }
 }
 
 class Session {
  public:
-  Session(const RunOptions& options, RunLog* log, const Interruption& interruption)
+  Session(const RunOptions& options, RunLog* log)
       : options_(options),
         log_(*log),
-        interruption_(interruption),
         model_(read_model(options.detector.model)),
         detector_options_(at_start_pattern(options.detector, model_)),
         layout_(frame_layout(model_.description.input)),
@@ -99,7 +92,7 @@ class Session {
     }
     failures.insert(failures.end(), of_outputs.begin(), of_outputs.end());
     throw_all(failures);
-    return interruption_.requested() ? kInterrupted : kDone;
+    return interruption_requested() ? kInterrupted : kDone;
   }
 
  private:
@@ -120,7 +113,7 @@ class Session {
     skip_frames();
     start_ = Clock::now();
     bool ended = false;
-    while (!ended && !interruption_.requested() && !limit_reached()) {
+    while (!ended && !interruption_requested() && !limit_reached()) {
       ended = !process_next();
       progress_.update(summary_.frames());
     }
@@ -131,7 +124,7 @@ class Session {
 
   void skip_frames() {
     long skipped = 0;
-    while (skipped < options_.skip && !interruption_.requested() && source_->skip()) {
+    while (skipped < options_.skip && !interruption_requested() && source_->skip()) {
       ++skipped;
     }
   }
@@ -252,17 +245,16 @@ class Session {
   // Called when the source has no more frames.
   void check_end() {
     if (summary_.frames() == 0) {
-      throw ToolError(kInputError, options_.input + ": no frame is left after --skip " +
-                                       std::to_string(options_.skip));
+      refuse_input(options_.input,
+                   "no frame is left after --skip " + std::to_string(options_.skip));
     }
     const std::optional<long> length = source_->length();
     const long read = options_.skip + summary_.frames();
     // A video without a constant rate has fewer frames than its duration makes one think; one that
     // is cut has also not reached its end in time.
     const double reached = static_cast<double>(last_pts_) / 1e6 * source_->frames_per_second() + 1;
-    constexpr double kShareExpected = 0.98;  // videos state their length a little wrongly
-    if (length && std::max(static_cast<double>(read), reached) <
-                      kShareExpected * static_cast<double>(*length) - 1) {
+    if (length && !reaches_length(std::max(static_cast<double>(read), reached),
+                                  static_cast<double>(*length))) {
       const std::string end = options_.input + ": ended after " + std::to_string(read) + " of " +
                               std::to_string(*length) + " frames; ";
       if (source_->is_whole()) {
@@ -290,7 +282,7 @@ class Session {
     facts.class_names = model_.description.class_names;
     facts.max_boxes = model_.description.decoded.max_boxes;
     facts.tracked = tracked();
-    facts.interrupted = interruption_.requested();
+    facts.interrupted = interruption_requested();
     facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
     facts.seconds = milliseconds_since(start_) / 1000;
     const bool results_on_screen = uses_standard_output(options_.outputs);
@@ -313,7 +305,7 @@ class Session {
     try {
       write_output(kStandardOutput, log_.results(), text);
     } catch (const ToolError&) {
-      if (!interruption_.requested()) {
+      if (!interruption_requested()) {
         throw;
       }
     }
@@ -321,7 +313,6 @@ class Session {
 
   const RunOptions& options_;
   RunLog& log_;
-  const Interruption& interruption_;
   Model model_;
   DetectorOptions detector_options_;
   FrameLayout layout_;
@@ -352,7 +343,7 @@ int run_session(const RunOptions& options) {
   const Interruption interruption;
   RunLog log(options.log);
   try {
-    return Session(options, &log, interruption).run();
+    return Session(options, &log).run();
   } catch (const ToolError& error) {
     // Errors since the last good frame: there are some only if the library took part.
     const std::string lines = log.last_errors();

@@ -4,15 +4,12 @@
 #include <algorithm>
 #include <cmath>
 
-#include <nlohmann/json.hpp>
-
+#include "tools/common/json_text.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kSummarySchemaVersion = 1;
 // In the order of RunSummary::milliseconds_.
@@ -25,10 +22,6 @@ double percentile(std::vector<float> values, double share) {
   const auto index = static_cast<std::ptrdiff_t>(std::max(rank, 1.0)) - 1;
   std::nth_element(values.begin(), values.begin() + index, values.end());
   return static_cast<double>(values[static_cast<std::size_t>(index)]);
-}
-
-double rounded(double value) {
-  return std::round(value * 1000) / 1000;
 }
 
 double rate(long frames, double seconds) {
@@ -114,23 +107,21 @@ std::string RunSummary::json(const RunFacts& facts) const {
     stages[kStageNames[i]] = {{"median", rounded(percentile(milliseconds_[i], 0.5))},
                               {"p99", rounded(percentile(milliseconds_[i], 0.99))}};
   }
-  const Json summary = {
-      {"schema_version", kSummarySchemaVersion},
-      {"model", facts.model},
-      {"input", facts.input},
-      {"interrupted", facts.interrupted},
-      {"frames", frames_},
-      {"expected_frames", facts.expected_frames ? Json(*facts.expected_frames) : Json(nullptr)},
-      {"seconds", rounded(facts.seconds)},
-      {"frames_per_second", rounded(rate(frames_, facts.seconds))},
-      {"boxes", total},
-      {"boxes_per_class", std::move(classes)},
-      {"frames_with_dropped_candidates", frames_with_dropped_candidates_},
-      {"frames_with_cut_boxes", frames_with_cut_boxes_},
-      {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
-      {"milliseconds", std::move(stages)}};
-  // File names need not be UTF-8, JSON must be.
-  return summary.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  const Json summary = {{"schema_version", kSummarySchemaVersion},
+                        {"model", facts.model},
+                        {"input", facts.input},
+                        {"interrupted", facts.interrupted},
+                        {"frames", frames_},
+                        {"expected_frames", or_null(facts.expected_frames)},
+                        {"seconds", rounded(facts.seconds)},
+                        {"frames_per_second", rounded(rate(frames_, facts.seconds))},
+                        {"boxes", total},
+                        {"boxes_per_class", std::move(classes)},
+                        {"frames_with_dropped_candidates", frames_with_dropped_candidates_},
+                        {"frames_with_cut_boxes", frames_with_cut_boxes_},
+                        {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
+                        {"milliseconds", std::move(stages)}};
+  return json_text(summary) + "\n";
 }
 
 }  // namespace olvex_tools

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <set>
-#include <utility>
 
 #include "tools/common/command.h"
 #include "tools/common/json_reader.h"
@@ -91,8 +90,8 @@ std::size_t find_class(const CocoTruth& truth, const std::string& wanted) {
     }
     names.push_back(category.name);
   }
-  throw ToolError(kUsageError, "--classes " + wanted + ": the truth has no such class id or name" +
-                                   did_you_mean(wanted, names));
+  refuse_usage("--classes " + wanted + ": the truth has no such class id or name" +
+               did_you_mean(wanted, names));
 }
 
 }  // namespace

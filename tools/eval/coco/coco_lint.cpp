@@ -76,8 +76,19 @@ class Tally {
   PlacedBox example_ = {};
 };
 
-void lint_boxes(const std::vector<PlacedBox>& boxes, const std::string& file,
-                std::vector<LintFinding>* findings) {
+// The findings of one file.
+struct FileFindings {
+  const std::string& file;
+  std::vector<LintFinding>* all;
+
+  // one, many: what there is of so many, as in "box has", "boxes have".
+  void add(const char* kind, std::size_t count, const char* one, const char* many,
+           const std::string& rest) const {
+    all->push_back({kind, file, count, counted(count, one, many) + rest});
+  }
+};
+
+void lint_boxes(const std::vector<PlacedBox>& boxes, const FileFindings& findings) {
   Tally empty;
   Tally outside;
   std::size_t corners = 0;
@@ -91,34 +102,30 @@ void lint_boxes(const std::vector<PlacedBox>& boxes, const std::string& file,
     corners += could_be_corners(placed) ? 1u : 0u;
   }
   if (empty.count() > 0) {
-    findings->push_back({"boxes_without_area", file, empty.count(),
-                         counted(empty.count(), "box has", "boxes have") +
-                             " no area or a negative size (" + empty.example() +
-                             "), so nothing can overlap. Write bbox as [x, y, width, height]."});
+    findings.add("boxes_without_area", empty.count(), "box has", "boxes have",
+                 " no area or a negative size (" + empty.example() +
+                     "), so nothing can overlap. Write bbox as [x, y, width, height].");
   }
   // With real sizes most boxes in the right half of a picture are narrower than their left edge.
   constexpr std::size_t kFewest = 2;
   const bool all_corners = corners * 100 >= boxes.size() * 99;
   if (outside.count() >= kFewest && outside.count() * 5 >= boxes.size() && all_corners) {
-    findings->push_back({"corners_instead_of_size", file, outside.count(),
-                         counted(outside.count(), "box reaches", "boxes reach") +
-                             " beyond the picture, but would lie within if bbox were the corners "
-                             "[x1, y1, x2, y2] (" +
-                             outside.example() + "). Write [x1, y1, x2 - x1, y2 - y1]."});
+    findings.add("corners_instead_of_size", outside.count(), "box reaches", "boxes reach",
+                 " beyond the picture, but would lie within if bbox were the corners "
+                 "[x1, y1, x2, y2] (" +
+                     outside.example() + "). Write [x1, y1, x2 - x1, y2 - y1].");
   } else if (outside.count() > 0) {
     const CocoPicture& picture = *outside.first().picture;
-    findings->push_back({"boxes_outside_picture", file, outside.count(),
-                         counted(outside.count(), "box reaches", "boxes reach") +
-                             " beyond the picture (" + outside.example() + ", picture " +
-                             std::to_string(picture.id) + " has " + number_text(picture.width) +
-                             "x" + number_text(picture.height) +
-                             "). Check that boxes and pictures have one scale, and clip boxes to "
-                             "the picture."});
+    findings.add("boxes_outside_picture", outside.count(), "box reaches", "boxes reach",
+                 " beyond the picture (" + outside.example() + ", picture " +
+                     std::to_string(picture.id) + " has " + number_text(picture.width) + "x" +
+                     number_text(picture.height) +
+                     "). Check that boxes and pictures have one scale, and clip boxes to "
+                     "the picture.");
   }
 }
 
-void lint_annotation_ids(const CocoTruth& truth, const std::string& file,
-                         std::vector<LintFinding>* findings) {
+void lint_annotation_ids(const CocoTruth& truth, const FileFindings& findings) {
   std::set<std::int64_t> seen;
   std::size_t count = 0;
   std::int64_t example = 0;
@@ -128,15 +135,13 @@ void lint_annotation_ids(const CocoTruth& truth, const std::string& file,
     }
   }
   if (count > 0) {
-    findings->push_back({"duplicate_annotation_ids", file, count,
-                         counted(count, "annotation has", "annotations have") +
-                             " the id of an earlier one (id " + std::to_string(example) +
-                             "). Give each an id of its own, or remove what was written twice."});
+    findings.add("duplicate_annotation_ids", count, "annotation has", "annotations have",
+                 " the id of an earlier one (id " + std::to_string(example) +
+                     "). Give each an id of its own, or remove what was written twice.");
   }
 }
 
-void lint_scores(const std::vector<CocoResult>& results, const std::string& file,
-                 std::vector<LintFinding>* findings) {
+void lint_scores(const std::vector<CocoResult>& results, const FileFindings& findings) {
   const auto wrong = [](const CocoResult& result) {
     return !(result.score >= 0 && result.score <= 1);
   };
@@ -145,42 +150,35 @@ void lint_scores(const std::vector<CocoResult>& results, const std::string& file
     return;
   }
   const auto example = std::find_if(results.begin(), results.end(), wrong);
-  findings->push_back({"scores_out_of_range", file, count,
-                       counted(count, "score lies", "scores lie") + " outside 0 to 1 (result [" +
-                           std::to_string(example - results.begin()) + "] has " +
-                           number_text(example->score) +
-                           "). Metrics need the order alone, but --confusion-score and the worst "
-                           "pictures need probabilities."});
+  findings.add("scores_out_of_range", count, "score lies", "scores lie",
+               " outside 0 to 1 (result [" + std::to_string(example - results.begin()) + "] has " +
+                   number_text(example->score) +
+                   "). Metrics need the order alone, but --confusion-score and the worst "
+                   "pictures need probabilities.");
 }
 
-void lint_duplicates(const std::vector<CocoResult>& results, const std::string& file,
-                     std::vector<LintFinding>* findings) {
-  const auto key = [&](std::size_t i) {
-    const CocoResult& result = results[i];
-    return std::make_tuple(result.image_id, result.category_id, result.box.x, result.box.y,
-                           result.box.width, result.box.height);
-  };
-  std::vector<std::size_t> order(results.size());
-  for (std::size_t i = 0; i < order.size(); ++i) {
-    order[i] = i;
+void lint_duplicates(const std::vector<CocoResult>& results, const FileFindings& findings) {
+  using Key = std::tuple<std::int64_t, std::int64_t, double, double, double, double>;
+  std::map<Key, std::vector<std::size_t>> equal_results;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    const Box& box = results[i].box;
+    equal_results[{results[i].image_id, results[i].category_id, box.x, box.y, box.width,
+                   box.height}]
+        .push_back(i);
   }
-  std::sort(order.begin(), order.end(), [&](std::size_t left, std::size_t right) {
-    return std::make_pair(key(left), left) < std::make_pair(key(right), right);
-  });
   std::size_t count = 0;
   std::size_t example = 0;
-  for (std::size_t i = 1; i < order.size(); ++i) {
-    if (key(order[i]) == key(order[i - 1]) && count++ == 0) {
-      example = order[i];
+  for (const auto& [key, indices] : equal_results) {
+    if (count == 0 && indices.size() > 1) {
+      example = indices[1];
     }
+    count += indices.size() - 1;
   }
   if (count > 0) {
-    findings->push_back({"duplicate_results", file, count,
-                         counted(count, "result repeats", "results repeat") +
-                             " picture, class and box of an earlier one (result [" +
-                             std::to_string(example) +
-                             "]); each counts as a false box. Were two runs written into one "
-                             "file?"});
+    findings.add("duplicate_results", count, "result repeats", "results repeat",
+                 " picture, class and box of an earlier one (result [" + std::to_string(example) +
+                     "]); each counts as a false box. Were two runs written into one "
+                     "file?");
   }
 }
 
@@ -202,8 +200,7 @@ std::optional<std::pair<Key, std::size_t>> crowded(const std::map<Key, std::size
   return most;
 }
 
-void lint_numbers(const std::vector<CocoResult>& results, const std::string& file,
-                  std::vector<LintFinding>* findings) {
+void lint_numbers(const std::vector<CocoResult>& results, const FileFindings& findings) {
   std::map<std::int64_t, std::size_t> per_picture;
   std::map<std::pair<std::int64_t, std::int64_t>, std::size_t> per_class;
   for (const CocoResult& result : results) {
@@ -212,22 +209,19 @@ void lint_numbers(const std::vector<CocoResult>& results, const std::string& fil
   }
   std::size_t pictures = 0;
   if (const auto most = crowded(per_picture, &pictures)) {
-    findings->push_back({"many_boxes_in_picture", file, pictures,
-                         counted(pictures, "picture has", "pictures have") +
-                             " more than 100 results (picture " + std::to_string(most->first) +
-                             " has " + std::to_string(most->second) +
-                             "). The library reports far fewer on a camera; raise the threshold "
-                             "of the run to measure what it will show."});
+    findings.add("many_boxes_in_picture", pictures, "picture has", "pictures have",
+                 " more than 100 results (picture " + std::to_string(most->first) + " has " +
+                     std::to_string(most->second) +
+                     "). The library reports far fewer on a camera; raise the threshold "
+                     "of the run to measure what it will show.");
   }
   std::size_t cells = 0;
   if (const auto most = crowded(per_class, &cells)) {
-    findings->push_back({"many_boxes_of_class", file, cells,
-                         counted(cells, "picture has", "pictures have") +
-                             " more than 100 results of one class (picture " +
-                             std::to_string(most->first.first) + " has " +
-                             std::to_string(most->second) + " of class " +
-                             std::to_string(most->first.second) +
-                             "). Only the best 100 count; raise the threshold of the run."});
+    findings.add("many_boxes_of_class", cells, "picture has", "pictures have",
+                 " more than 100 results of one class (picture " +
+                     std::to_string(most->first.first) + " has " + std::to_string(most->second) +
+                     " of class " + std::to_string(most->first.second) +
+                     "). Only the best 100 count; raise the threshold of the run.");
   }
 }
 
@@ -237,22 +231,24 @@ std::vector<LintFinding> lint_coco(const CocoTruth& truth, const std::string& tr
                                    const std::vector<CocoResult>& results,
                                    const std::string& result_path) {
   std::vector<LintFinding> findings;
+  const FileFindings of_truth = {truth_path, &findings};
+  const FileFindings of_result = {result_path, &findings};
   std::vector<PlacedBox> placed;
   for (const TruthBox& box : truth.boxes) {
     placed.push_back({box.box, &truth.pictures[box.picture], "annotations", placed.size()});
   }
-  lint_boxes(placed, truth_path, &findings);
-  lint_annotation_ids(truth, truth_path, &findings);
+  lint_boxes(placed, of_truth);
+  lint_annotation_ids(truth, of_truth);
   placed.clear();
   for (const CocoResult& result : results) {
     const std::optional<std::size_t> picture = index_of_id(truth.pictures, result.image_id);
     placed.push_back(
         {result.box, picture ? &truth.pictures[*picture] : nullptr, "result", placed.size()});
   }
-  lint_boxes(placed, result_path, &findings);
-  lint_scores(results, result_path, &findings);
-  lint_duplicates(results, result_path, &findings);
-  lint_numbers(results, result_path, &findings);
+  lint_boxes(placed, of_result);
+  lint_scores(results, of_result);
+  lint_duplicates(results, of_result);
+  lint_numbers(results, of_result);
   lint_shifted_ids(truth, truth_path, results, result_path, &findings);
   return findings;
 }

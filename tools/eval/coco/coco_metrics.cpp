@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bitset>
-#include <cmath>
 #include <utility>
 
 namespace olvex_tools {
@@ -21,18 +20,48 @@ struct AreaRange {
 constexpr double kSmallSide = 32;
 constexpr double kMediumSide = 96;
 constexpr double kLargestArea = 1e10;
-constexpr AreaRange kAnyArea = {0, kLargestArea};
-constexpr AreaRange kSmall = {0, kSmallSide* kSmallSide};
-constexpr AreaRange kMedium = {kSmallSide * kSmallSide, kMediumSide* kMediumSide};
-constexpr AreaRange kLarge = {kMediumSide * kMediumSide, kLargestArea};
+constexpr AreaRange kAreas[] = {{0, kLargestArea},
+                                {0, kSmallSide* kSmallSide},
+                                {kSmallSide * kSmallSide, kMediumSide* kMediumSide},
+                                {kMediumSide * kMediumSide, kLargestArea}};
+enum Area : std::size_t { kAny, kSmall, kMedium, kLarge, kAreaCount };
+
+// One metric of the summary: the mean over classes, thresholds and, of precision, recall levels.
+struct SummaryRow {
+  const char* name;
+  bool is_recall;
+  Area area;
+  std::size_t first_threshold;
+  std::size_t last_threshold;
+  std::size_t limit;  // detections per picture and class
+};
+
+constexpr std::size_t kLast = kThresholds - 1;
+constexpr std::size_t kThreshold75 = 5;
+constexpr SummaryRow kSummary[] = {
+    {"AP", false, kAny, 0, kLast, kDetectionsCounted},
+    {"AP50", false, kAny, 0, 0, kDetectionsCounted},
+    {"AP75", false, kAny, kThreshold75, kThreshold75, kDetectionsCounted},
+    {"APs", false, kSmall, 0, kLast, kDetectionsCounted},
+    {"APm", false, kMedium, 0, kLast, kDetectionsCounted},
+    {"APl", false, kLarge, 0, kLast, kDetectionsCounted},
+    {"AR1", true, kAny, 0, kLast, 1},
+    {"AR10", true, kAny, 0, kLast, 10},
+    {"AR100", true, kAny, 0, kLast, kDetectionsCounted},
+    {"ARs", true, kSmall, 0, kLast, kDetectionsCounted},
+    {"ARm", true, kMedium, 0, kLast, kDetectionsCounted},
+    {"ARl", true, kLarge, 0, kLast, kDetectionsCounted}};
+constexpr std::size_t kSummaryRows = sizeof kSummary / sizeof kSummary[0];
+constexpr std::size_t kRowAp = 0;
+constexpr std::size_t kRowAp50 = 1;
 
 // Thresholds and recall levels are computed as start + i * step, rounding included: the published
 // evaluation does so, and whether 7 of 20 reach the level 0.35 depends on the last bit.
 double overlap_threshold(std::size_t i) {
   constexpr double kFirst = 0.5;
-  constexpr double kLast = 0.95;
-  const double step = (kLast - kFirst) / static_cast<double>(kThresholds - 1);
-  return i + 1 == kThresholds ? kLast : static_cast<double>(i) * step + kFirst;
+  constexpr double kEnd = 0.95;
+  const double step = (kEnd - kFirst) / static_cast<double>(kThresholds - 1);
+  return i + 1 == kThresholds ? kEnd : static_cast<double>(i) * step + kFirst;
 }
 
 double recall_level(std::size_t i) {
@@ -161,57 +190,11 @@ class Mean {
   std::size_t count_ = 0;
 };
 
-struct Means {
-  Mean ap, ap50, ap75, ap_small, ap_medium, ap_large;
-  Mean ar1, ar10, ar100, ar_small, ar_medium, ar_large;
-  std::array<Mean, kRecallLevels> precision50;
-};
+using SummaryMeans = std::array<Mean, kSummaryRows>;
 
-void add_range(const ClassOutcomes& sum, Mean* precision, Mean* recall) {
-  if (sum.truths == 0) {
-    return;
-  }
-  for (std::size_t threshold = 0; threshold < kThresholds; ++threshold) {
-    const Curve curve = curve_of(sum, threshold, kDetectionsCounted);
-    precision->add(curve.precision);
-    recall->add(curve.recall);
-  }
-}
-
-// Everything that takes all areas; also the class's own metrics.
-void add_any_area(const ClassOutcomes& sum, Means* means, ClassMetrics* metrics) {
-  constexpr std::size_t kThreshold50 = 0;
-  constexpr std::size_t kThreshold75 = 5;
-  if (sum.truths == 0) {
-    return;
-  }
-  Mean ap;
-  Mean ap50;
-  for (std::size_t threshold = 0; threshold < kThresholds; ++threshold) {
-    const Curve curve = curve_of(sum, threshold, kDetectionsCounted);
-    ap.add(curve.precision);
-    means->ap.add(curve.precision);
-    means->ar100.add(curve.recall);
-    means->ar10.add(curve_of(sum, threshold, 10).recall);
-    means->ar1.add(curve_of(sum, threshold, 1).recall);
-    if (threshold == kThreshold50) {
-      ap50.add(curve.precision);
-      means->ap50.add(curve.precision);
-      metrics->precision50 = curve.precision;
-      for (std::size_t level = 0; level < kRecallLevels; ++level) {
-        means->precision50[level].add(curve.precision[level]);
-      }
-    }
-    if (threshold == kThreshold75) {
-      means->ap75.add(curve.precision);
-    }
-  }
-  metrics->ap = ap.value();
-  metrics->ap50 = ap50.value();
-}
-
+// Adds the class to the means of all.
 ClassMetrics class_metrics(const CocoCategory& category, const std::vector<PictureBoxes>& pictures,
-                           Means* means) {
+                           SummaryMeans* means) {
   ClassMetrics metrics;
   metrics.category = category;
   std::vector<Overlaps> overlaps;
@@ -222,29 +205,42 @@ ClassMetrics class_metrics(const CocoCategory& category, const std::vector<Pictu
       ++(truth.ignored ? metrics.ignored : metrics.truths);
     }
   }
-  add_any_area(outcomes_of(pictures, overlaps, kAnyArea), means, &metrics);
-  add_range(outcomes_of(pictures, overlaps, kSmall), &means->ap_small, &means->ar_small);
-  add_range(outcomes_of(pictures, overlaps, kMedium), &means->ap_medium, &means->ar_medium);
-  add_range(outcomes_of(pictures, overlaps, kLarge), &means->ap_large, &means->ar_large);
+  std::array<ClassOutcomes, kAreaCount> outcomes;
+  for (std::size_t area = 0; area < kAreaCount; ++area) {
+    outcomes[area] = outcomes_of(pictures, overlaps, kAreas[area]);
+  }
+  SummaryMeans own;
+  for (std::size_t i = 0; i < kSummaryRows; ++i) {
+    const SummaryRow& row = kSummary[i];
+    const ClassOutcomes& sum = outcomes[row.area];
+    for (std::size_t t = row.first_threshold; t <= row.last_threshold && sum.truths > 0; ++t) {
+      const Curve curve = curve_of(sum, t, row.limit);
+      for (Mean* const mean : {&own[i], &(*means)[i]}) {
+        row.is_recall ? mean->add(curve.recall) : mean->add(curve.precision);
+      }
+      if (i == kRowAp50) {
+        metrics.precision50 = curve.precision;
+      }
+    }
+  }
+  metrics.ap = own[kRowAp].value();
+  metrics.ap50 = own[kRowAp50].value();
   return metrics;
 }
 
-std::vector<Metric> summary_of(const Means& means) {
-  return {{"AP", means.ap.value()},         {"AP50", means.ap50.value()},
-          {"AP75", means.ap75.value()},     {"APs", means.ap_small.value()},
-          {"APm", means.ap_medium.value()}, {"APl", means.ap_large.value()},
-          {"AR1", means.ar1.value()},       {"AR10", means.ar10.value()},
-          {"AR100", means.ar100.value()},   {"ARs", means.ar_small.value()},
-          {"ARm", means.ar_medium.value()}, {"ARl", means.ar_large.value()}};
-}
-
-std::optional<PrecisionCurve> mean_curve(const std::array<Mean, kRecallLevels>& means) {
-  if (!means[0].value()) {
-    return std::nullopt;
-  }
+std::optional<PrecisionCurve> mean_precision50(const std::vector<ClassMetrics>& classes) {
   PrecisionCurve curve = {};
   for (std::size_t level = 0; level < kRecallLevels; ++level) {
-    curve[level] = *means[level].value();
+    Mean mean;
+    for (const ClassMetrics& metrics : classes) {
+      if (metrics.precision50) {
+        mean.add((*metrics.precision50)[level]);
+      }
+    }
+    if (!mean.value()) {
+      return std::nullopt;
+    }
+    curve[level] = *mean.value();
   }
   return curve;
 }
@@ -254,12 +250,14 @@ std::optional<PrecisionCurve> mean_curve(const std::array<Mean, kRecallLevels>& 
 CocoMetrics coco_metrics(const CocoTruth& truth,
                          const std::vector<std::vector<PictureBoxes>>& classes) {
   CocoMetrics metrics;
-  Means means;
+  SummaryMeans means;
   for (std::size_t category = 0; category < classes.size(); ++category) {
     metrics.classes.push_back(class_metrics(truth.categories[category], classes[category], &means));
   }
-  metrics.summary = summary_of(means);
-  metrics.precision50 = mean_curve(means.precision50);
+  for (std::size_t i = 0; i < kSummaryRows; ++i) {
+    metrics.summary.push_back({kSummary[i].name, means[i].value()});
+  }
+  metrics.precision50 = mean_precision50(metrics.classes);
   return metrics;
 }
 
@@ -274,8 +272,8 @@ std::vector<Metric> all_metrics(const CocoMetrics& metrics) {
 
 std::vector<std::string> coco_metric_names(const CocoTruth& truth) {
   std::vector<std::string> names;
-  for (const Metric& metric : summary_of(Means())) {
-    names.push_back(metric.name);
+  for (const SummaryRow& row : kSummary) {
+    names.push_back(row.name);
   }
   for (const CocoCategory& category : truth.categories) {
     names.push_back("AP:" + category.name);

@@ -5,15 +5,12 @@
 #include <set>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
+#include "tools/common/json_text.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr int kReportSchemaVersion = 1;
 
@@ -135,8 +132,7 @@ std::string confusion_table(const CocoReport& report) {
     shown.insert(pair.second);
   }
   shown.insert(report.truth.categories.size());
-  const std::string conditions =
-      " at overlap 0.5 and score " + metric_text(report.error_score, "%g");
+  const std::string conditions = " at overlap 0.5 and score " + format("%g", report.error_score);
   return shown.size() <= kClassesMost + 1
              ? "confusion" + conditions + ", rows: truth, columns: results\n" +
                    confusion_matrix(report, shown)
@@ -156,18 +152,6 @@ std::string worst_table(const CocoReport& report) {
 
 // ---- JSON -------------------------------------------------------------------------------------
 
-Json number_or_null(const std::optional<double>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
-
-Json values_of(const std::vector<Metric>& metrics) {
-  Json values = Json::object();
-  for (const Metric& metric : metrics) {
-    values[metric.name] = number_or_null(metric.value);
-  }
-  return values;
-}
-
 Json classes_of(const CocoMetrics& metrics) {
   Json list = Json::array();
   for (const ClassMetrics& item : metrics.classes) {
@@ -176,9 +160,9 @@ Json classes_of(const CocoMetrics& metrics) {
                     {"truth_boxes", item.truths},
                     {"ignored_truth_boxes", item.ignored},
                     {"results", item.detections},
-                    {"AP", number_or_null(item.ap)},
-                    {"AP50", number_or_null(item.ap50)},
-                    {"precision50", item.precision50 ? Json(*item.precision50) : Json(nullptr)}});
+                    {"AP", or_null(item.ap)},
+                    {"AP50", or_null(item.ap50)},
+                    {"precision50", or_null(item.precision50)}});
   }
   return list;
 }
@@ -208,26 +192,6 @@ Json worst_of(const CocoReport& report) {
   return list;
 }
 
-Json findings_of(const std::vector<LintFinding>& findings) {
-  Json list = Json::array();
-  for (const LintFinding& finding : findings) {
-    list.push_back({{"kind", finding.kind},
-                    {"file", finding.file},
-                    {"count", finding.count},
-                    {"message", finding.message}});
-  }
-  return list;
-}
-
-Json minimums_of(const std::vector<MetricMinimum>& minimums, const std::vector<Metric>& metrics) {
-  Json list = Json::array();
-  for (const MetricMinimum& minimum : minimums) {
-    list.push_back(
-        {{"metric", minimum.name}, {"minimum", minimum.value}, {"met", is_met(minimum, metrics)}});
-  }
-  return list;
-}
-
 }  // namespace
 
 std::string coco_report_text(const CocoReport& report) {
@@ -246,14 +210,11 @@ std::string coco_report_json(const CocoReport& report, const std::vector<MetricM
                      {"pictures", report.truth.pictures.size()},
                      {"truth_boxes", report.truth.boxes.size()},
                      {"results", report.results},
-                     {"metrics", values_of(report.metrics.summary)},
+                     {"metrics", metrics_json(report.metrics.summary)},
                      {"classes", classes_of(report.metrics)},
                      {"confusion", confusion_of(report)},
-                     {"worst_pictures", worst_of(report)},
-                     {"warnings", findings_of(report.findings)},
-                     {"minimums", minimums_of(minimums, all_metrics(report.metrics))}};
-  // File names need not be UTF-8, JSON must be.
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+                     {"worst_pictures", worst_of(report)}};
+  return evaluation_json(json, report.findings, minimums, all_metrics(report.metrics));
 }
 
 }  // namespace olvex_tools

@@ -93,10 +93,6 @@ bool is_massively_more(std::size_t found, std::size_t before) {
   return found >= kFewest && found > 2 * before;
 }
 
-std::string id_range(const std::set<std::int64_t>& ids) {
-  return std::to_string(*ids.begin()) + " to " + std::to_string(*ids.rbegin());
-}
-
 class ShiftLint {
  public:
   ShiftLint(const CocoTruth& truth, const std::string& truth_path,
@@ -115,32 +111,17 @@ class ShiftLint {
       return;
     }
     const std::size_t plain = boxes_found(truth_, index_, pictures_, classes_);
-    lint_pictures(plain, findings);
-    if (!lint_shifted_classes(plain, findings)) {
-      lint_unknown_classes(findings);
-    }
-  }
-
- private:
-  void lint_pictures(std::size_t plain, std::vector<LintFinding>* findings) const {
     for (const IdGuess& guess : shifted_ids(truth_.pictures)) {
       const std::size_t found = boxes_found(truth_, index_, guess, classes_);
       const bool explained = explains_ids(image_ids_, truth_.pictures.size(), pictures_, guess);
       if ((explained && found >= plain) || is_massively_more(found, plain)) {
-        findings->push_back(
-            {"image_ids_shifted", result_path_, image_ids_.size(),
-             "image ids seem to be " + guess.what + " those of " + truth_path_ + " (" +
-                 id_range(image_ids_) + " against " + std::to_string(truth_.pictures.front().id) +
-                 " to " + std::to_string(truth_.pictures.back().id) + "): shifted by one, " +
-                 std::to_string(found) + " truth boxes are found, as they are " +
-                 std::to_string(plain) +
-                 ". Number pictures alike in both files; olvex-det run counts frames from 1."});
-        return;
+        findings->push_back(shift("image", image_ids_, truth_.pictures, guess, "shifted by one, ",
+                                  found, plain,
+                                  "Number pictures alike in both files; olvex-det run counts "
+                                  "frames from 1."));
+        break;
       }
     }
-  }
-
-  bool lint_shifted_classes(std::size_t plain, std::vector<LintFinding>* findings) const {
     std::vector<IdGuess> guesses = shifted_ids(truth_.categories);
     guesses.push_back({[](std::size_t i) { return static_cast<std::int64_t>(i); },
                        "places, counted from 0, among"});
@@ -148,19 +129,27 @@ class ShiftLint {
       const std::size_t found = boxes_found(truth_, index_, pictures_, guess);
       const bool explained = explains_ids(category_ids_, truth_.categories.size(), classes_, guess);
       if ((explained && found > plain) || is_massively_more(found, plain)) {
-        findings->push_back(
-            {"class_ids_shifted", result_path_, category_ids_.size(),
-             "class ids seem to be " + guess.what + " those of " + truth_path_ + " (" +
-                 id_range(category_ids_) + " against " +
-                 std::to_string(truth_.categories.front().id) + " to " +
-                 std::to_string(truth_.categories.back().id) + "): taken so, " +
-                 std::to_string(found) + " truth boxes are found, as they are " +
-                 std::to_string(plain) +
-                 ". Number the truth's categories from 0 in the order of the model's classes."});
-        return true;
+        findings->push_back(shift("class", category_ids_, truth_.categories, guess, "taken so, ",
+                                  found, plain,
+                                  "Number the truth's categories from 0 in the order of the "
+                                  "model's classes."));
+        return;
       }
     }
-    return false;
+    lint_unknown_classes(findings);
+  }
+
+ private:
+  template <typename Element>
+  LintFinding shift(const std::string& what, const std::set<std::int64_t>& ids,
+                    const std::vector<Element>& elements, const IdGuess& guess, const char* how,
+                    std::size_t found, std::size_t plain, const char* advice) const {
+    return {what + "_ids_shifted", result_path_, ids.size(),
+            what + " ids seem to be " + guess.what + " those of " + truth_path_ + " (" +
+                std::to_string(*ids.begin()) + " to " + std::to_string(*ids.rbegin()) +
+                " against " + std::to_string(elements.front().id) + " to " +
+                std::to_string(elements.back().id) + "): " + how + std::to_string(found) +
+                " truth boxes are found, as they are " + std::to_string(plain) + ". " + advice};
   }
 
   void lint_unknown_classes(std::vector<LintFinding>* findings) const {

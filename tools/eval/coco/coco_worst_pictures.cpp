@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <system_error>
 
 #include <opencv2/imgproc.hpp>
 
@@ -34,12 +33,6 @@ struct Scale {
   double down = 1;
 };
 
-cv::Point scaled_point(double x, double y, const Scale& scale) {
-  constexpr double kLimit = 32000;  // drawing needs coordinates far below the limit of an int
-  return {static_cast<int>(std::clamp(x * scale.across, -kLimit, kLimit)),
-          static_cast<int>(std::clamp(y * scale.down, -kLimit, kLimit))};
-}
-
 // Requires: the line is level or upright.
 void draw_dashes(cv::Point from, cv::Point to, const cv::Scalar& colour, int width,
                  cv::Mat* picture) {
@@ -63,35 +56,22 @@ void draw_dashed_box(cv::Point upper_left, cv::Point lower_right, const cv::Scal
   draw_dashes(upper_left, lower_left, colour, width, picture);
 }
 
-std::string label_of(const JudgedBox& judged, const std::string& name) {
-  if (judged.fate == Fate::kMissed) {
-    return name + " missed";
-  }
-  return name + format(" %.2f", judged.score);
-}
-
 void draw_box(const JudgedBox& judged, const Scale& scale, const std::string& name,
               std::vector<Label>* labels, cv::Mat* picture) {
   const Box& box = judged.box;
-  const cv::Point upper_left = scaled_point(box.x, box.y, scale);
-  const cv::Point lower_right = scaled_point(box.x + box.width, box.y + box.height, scale);
+  const cv::Point upper_left{scaled(box.x, scale.across), scaled(box.y, scale.down)};
+  const cv::Point lower_right{scaled(box.x + box.width, scale.across),
+                              scaled(box.y + box.height, scale.down)};
   const int width = outline_width(*picture);
-  switch (judged.fate) {
-    case Fate::kFound:
-      cv::rectangle(*picture, upper_left, lower_right, kWhite, 1);
-      return;
-    case Fate::kMissed:
-      draw_dashed_box(upper_left, lower_right, kYellow, width, picture);
-      labels->push_back({label_of(judged, name), upper_left, kYellow});
-      return;
-    case Fate::kHit:
-      cv::rectangle(*picture, upper_left, lower_right, kGreen, width);
-      labels->push_back({label_of(judged, name), upper_left, kGreen});
-      return;
-    case Fate::kFalse:
-      cv::rectangle(*picture, upper_left, lower_right, kRed, width);
-      labels->push_back({label_of(judged, name), upper_left, kRed});
-      return;
+  if (judged.fate == Fate::kFound) {
+    cv::rectangle(*picture, upper_left, lower_right, kWhite, 1);
+  } else if (judged.fate == Fate::kMissed) {
+    draw_dashed_box(upper_left, lower_right, kYellow, width, picture);
+    labels->push_back({name + " missed", upper_left, kYellow});
+  } else {
+    const cv::Scalar& colour = judged.fate == Fate::kHit ? kGreen : kRed;
+    cv::rectangle(*picture, upper_left, lower_right, colour, width);
+    labels->push_back({name + format(" %.2f", judged.score), upper_left, colour});
   }
 }
 
@@ -117,35 +97,13 @@ void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* p
                picture);
 }
 
-void make_folder(const std::string& folder) {
-  std::error_code error;
-  fs::create_directories(folder, error);
-  if (error) {
-    throw ToolError(kInputError, folder + ": the folder cannot be made: " + error.message());
-  }
-}
-
-bool is_dump(const fs::path& path) {
-  return path.extension() == ".bin";
-}
-
 // Only a model defines how a dumped frame lies in memory, and a camera cannot be replayed.
 void require_pictures(const std::string& input) {
-  bool dumps = is_dump(input);
-  std::error_code error;
-  for (fs::directory_iterator entry(input, error), end; !error && entry != end && !dumps;
-       entry.increment(error)) {
-    dumps = is_dump(entry->path());
+  if (holds_dumps(input)) {
+    refuse_input(input, "dumped frames (*.bin) cannot be drawn on; give the video or the pictures");
   }
-  if (dumps) {
-    throw ToolError(kInputError, input +
-                                     ": dumped frames (*.bin) cannot be drawn on; give the "
-                                     "video or the pictures");
-  }
-  if (input.rfind("camera:", 0) == 0 || input.rfind("/dev/video", 0) == 0) {
-    throw ToolError(kInputError, input +
-                                     ": a camera does not show the same frames again; give a "
-                                     "video or pictures");
+  if (is_camera(input)) {
+    refuse_input(input, "a camera does not show the same frames again; give a video or pictures");
   }
 }
 
@@ -178,9 +136,9 @@ void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors
   }
   if (!wanted.empty()) {
     const PictureErrors& missing = worst[wanted.begin()->second];
-    throw ToolError(kInputError, input + ": has no frame with the image id " +
-                                     std::to_string(truth.pictures[missing.picture].id) +
-                                     " of the truth. Give the input that the results come from");
+    refuse_input(input, "has no frame with the image id " +
+                            std::to_string(truth.pictures[missing.picture].id) +
+                            " of the truth. Give the input that the results come from");
   }
 }
 

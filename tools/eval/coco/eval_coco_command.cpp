@@ -1,7 +1,6 @@
 // eval_coco_command.cpp - the subcommand eval coco: its options, and the way from files to a report.
 #include <cstdio>
 #include <memory>
-#include <utility>
 
 #include "tools/eval/coco/coco.h"
 #include "tools/common/command.h"

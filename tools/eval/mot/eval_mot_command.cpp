@@ -1,5 +1,4 @@
 // eval_mot_command.cpp - the subcommand eval mot: its options, and the way from files to a report.
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>

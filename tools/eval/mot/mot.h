@@ -117,9 +117,6 @@ std::set<int> classes_of(const MotClip& clip);
 // at all, their overlap as weight.
 std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold);
 
-// Adds a frame to spans. Requires: it comes after them.
-void extend_spans(std::vector<FrameSpan>* spans, long frame);
-
 // ---- The metrics (mot_metrics.cpp) --------------------------------------------------------------
 
 // The CLEAR MOT counts: K. Bernardin, R. Stiefelhagen, "Evaluating multiple object tracking performance: the
@@ -146,14 +143,9 @@ struct FoundRun {
   long result_id = 0;
 };
 
-struct ClearResult {
-  ClearCounts counts;
-  std::vector<std::vector<FoundRun>> runs;  // by the clip's objects
-};
-
 // Overlap from kMatchOverlap on is a match. The pairs of the frame before are kept where they still
-// match; the others are assigned for the greatest sum of overlaps.
-ClearResult clear_mot(const MotClip& clip);
+// match; the others are assigned for the greatest sum of overlaps. runs: by the clip's objects.
+ClearCounts clear_mot(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs);
 
 // The sums that HOTA and its parts are made of: J. Luiten, A. Osep, P. Dendorfer, P. Torr, A. Geiger,
 // L. Leal-Taixe, B. Leibe, "HOTA: A higher order metric for evaluating multi-object tracking", International
@@ -189,23 +181,14 @@ struct HotaValues {
 HotaSums hota_sums(const MotClip& clip);
 HotaValues hota_values(const HotaSums& sums);
 
-// How much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
+// IDTP, how much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
 // C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
-// 2016.
-struct IdentityCounts {
-  long matches = 0;      // IDTP
-  long misses = 0;       // IDFN
-  long false_boxes = 0;  // IDFP
-
-  void add(const IdentityCounts& other);
-};
-
-// Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
-IdentityCounts identity_matches(const MotClip& clip);
+// 2016. Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
+long identity_matches(const MotClip& clip);
 
 struct MotScores {
   ClearCounts clear;
-  IdentityCounts identity;
+  long identity_matches = 0;
   HotaSums hota;
 
   void add(const MotScores& other);

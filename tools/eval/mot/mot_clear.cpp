@@ -19,18 +19,19 @@ struct ObjectMemory {
 
 class ClearPass {
  public:
-  explicit ClearPass(const MotClip& clip) : clip_(clip), memories_(clip.objects.size()) {
-    result_.runs.resize(clip.objects.size());
+  ClearPass(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs)
+      : clip_(clip), memories_(clip.objects.size()), runs_(*runs) {
+    runs_.assign(clip.objects.size(), {});
   }
 
-  ClearResult run() {
+  ClearCounts run() {
     for (const ClipFrame& frame : clip_.frames) {
       add_frame(frame);
     }
     for (const ObjectMemory& memory : memories_) {
       classify(memory);
     }
-    return std::move(result_);
+    return counts_;
   }
 
  private:
@@ -45,14 +46,14 @@ class ClearPass {
       ++memories_[object].frames;
       if (match_of_truth[i] != nullptr) {
         note_found(object, frame.results[match_of_truth[i]->column].track, frame.number);
-        result_.counts.overlap_sum += match_of_truth[i]->weight;
+        counts_.overlap_sum += match_of_truth[i]->weight;
       }
       memories_[object].found_when_last_present = match_of_truth[i] != nullptr;
     }
     const long found = static_cast<long>(matches.size());
-    result_.counts.matches += found;
-    result_.counts.misses += static_cast<long>(frame.truths.size()) - found;
-    result_.counts.false_boxes += static_cast<long>(frame.results.size()) - found;
+    counts_.matches += found;
+    counts_.misses += static_cast<long>(frame.truths.size()) - found;
+    counts_.false_boxes += static_cast<long>(frame.results.size()) - found;
   }
 
   std::vector<WeightedPair> match(const ClipFrame& frame) const {
@@ -85,10 +86,10 @@ class ClearPass {
   void note_found(std::size_t object, std::size_t result, long frame) {
     ObjectMemory& memory = memories_[object];
     const bool found_before = memory.last_result != kNone;
-    result_.counts.switches += found_before && memory.last_result != result ? 1 : 0;
-    result_.counts.fragments += found_before && !memory.found_when_last_present ? 1 : 0;
+    counts_.switches += found_before && memory.last_result != result ? 1 : 0;
+    counts_.fragments += found_before && !memory.found_when_last_present ? 1 : 0;
 
-    std::vector<FoundRun>& runs = result_.runs[object];
+    std::vector<FoundRun>& runs = runs_[object];
     if (memory.last_result == result && memory.last_found_frame == frame - 1) {
       runs.back().frames.last = frame;
     } else {
@@ -104,17 +105,18 @@ class ClearPass {
       return;  // only ever ignored
     }
     if (memory.found_frames * 10 >= memory.frames * 8) {
-      ++result_.counts.mostly_tracked;
+      ++counts_.mostly_tracked;
     } else if (memory.found_frames * 10 >= memory.frames * 2) {
-      ++result_.counts.partly_tracked;
+      ++counts_.partly_tracked;
     } else {
-      ++result_.counts.mostly_lost;
+      ++counts_.mostly_lost;
     }
   }
 
   const MotClip& clip_;
   std::vector<ObjectMemory> memories_;
-  ClearResult result_;
+  std::vector<std::vector<FoundRun>>& runs_;
+  ClearCounts counts_;
 };
 
 }  // namespace
@@ -131,8 +133,8 @@ void ClearCounts::add(const ClearCounts& other) {
   mostly_lost += other.mostly_lost;
 }
 
-ClearResult clear_mot(const MotClip& clip) {
-  return ClearPass(clip).run();
+ClearCounts clear_mot(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs) {
+  return ClearPass(clip, runs).run();
 }
 
 }  // namespace olvex_tools

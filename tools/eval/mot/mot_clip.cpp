@@ -23,18 +23,31 @@ std::map<long, std::size_t> index_of_ids(const Rows& rows) {
   return indices;
 }
 
-// Which results show a truth that is to be ignored.
-std::vector<bool> shows_ignored(const ClipFrame& frame, const std::vector<bool>& ignored) {
+// Truths (rows) and results (columns) that overlap by the threshold, and at all, where those may match.
+template <typename MayMatch>
+std::vector<WeightedPair> pairs_that(const ClipFrame& frame, double threshold, MayMatch may_match) {
   std::vector<WeightedPair> pairs;
   for (std::size_t i = 0; i < frame.truths.size(); ++i) {
     for (std::size_t j = 0; j < frame.results.size(); ++j) {
-      const double overlap = overlap_of(frame.truths[i].box, frame.results[j].box);
-      const bool comparable = ignored[i] || frame.truths[i].class_id == frame.results[j].class_id;
-      if (comparable && reaches(overlap, kMatchOverlap)) {
+      const double overlap =
+          may_match(i, j) ? overlap_of(frame.truths[i].box, frame.results[j].box) : 0;
+      if (overlap > 0 && reaches(overlap, threshold)) {
         pairs.push_back({i, j, overlap});
       }
     }
   }
+  return pairs;
+}
+
+bool is_one_class(const ClipFrame& frame, std::size_t truth, std::size_t result) {
+  return frame.truths[truth].class_id == frame.results[result].class_id;
+}
+
+// Which results show a truth that is to be ignored.
+std::vector<bool> shows_ignored(const ClipFrame& frame, const std::vector<bool>& ignored) {
+  const auto pairs = pairs_that(frame, kMatchOverlap, [&](std::size_t i, std::size_t j) {
+    return ignored[i] || is_one_class(frame, i, j);
+  });
   std::vector<bool> shows(frame.results.size(), false);
   for (const WeightedPair& pair :
        best_assignment(frame.truths.size(), frame.results.size(), pairs)) {
@@ -68,6 +81,15 @@ std::vector<Box> with_classes(const std::vector<Box>& boxes, const std::set<int>
   return kept;
 }
 
+// Requires: the frame comes after the spans.
+void extend_spans(std::vector<FrameSpan>* spans, long frame) {
+  if (!spans->empty() && spans->back().last + 1 == frame) {
+    spans->back().last = frame;
+  } else {
+    spans->push_back({frame, frame});
+  }
+}
+
 }  // namespace
 
 double overlap_of(const Box& left, const Box& right) {
@@ -76,14 +98,6 @@ double overlap_of(const Box& left, const Box& right) {
 
 bool reaches(double overlap, double threshold) {
   return overlap >= threshold - std::numeric_limits<double>::epsilon();
-}
-
-void extend_spans(std::vector<FrameSpan>* spans, long frame) {
-  if (!spans->empty() && spans->back().last + 1 == frame) {
-    spans->back().last = frame;
-  } else {
-    spans->push_back({frame, frame});
-  }
 }
 
 MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
@@ -154,19 +168,8 @@ std::set<int> classes_of(const MotClip& clip) {
 }
 
 std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold) {
-  std::vector<WeightedPair> pairs;
-  for (std::size_t i = 0; i < frame.truths.size(); ++i) {
-    for (std::size_t j = 0; j < frame.results.size(); ++j) {
-      if (frame.truths[i].class_id != frame.results[j].class_id) {
-        continue;
-      }
-      const double overlap = overlap_of(frame.truths[i].box, frame.results[j].box);
-      if (overlap > 0 && reaches(overlap, threshold)) {
-        pairs.push_back({i, j, overlap});
-      }
-    }
-  }
-  return pairs;
+  return pairs_that(frame, threshold,
+                    [&](std::size_t i, std::size_t j) { return is_one_class(frame, i, j); });
 }
 
 }  // namespace olvex_tools

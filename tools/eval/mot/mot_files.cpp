@@ -27,7 +27,7 @@ const char kTruthColumns[] = "frame,id,left,top,width,height,consider,class,visi
 const char kResultColumns[] = "frame,id,left,top,width,height,score,class,-1,-1";
 
 [[noreturn]] void refuse(const std::string& path, std::size_t line, const std::string& message) {
-  throw ToolError(kInputError, path + ":" + std::to_string(line) + ": " + message);
+  refuse_input(path + ":" + std::to_string(line), message);
 }
 
 std::string_view trimmed(std::string_view text) {

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <map>
-#include <string>
 #include <utility>
 #include <vector>
 

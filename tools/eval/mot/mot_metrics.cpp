@@ -18,58 +18,48 @@ double as_number(long count) {
 
 }  // namespace
 
-void IdentityCounts::add(const IdentityCounts& other) {
-  matches += other.matches;
-  misses += other.misses;
-  false_boxes += other.false_boxes;
-}
-
-IdentityCounts identity_matches(const MotClip& clip) {
+long identity_matches(const MotClip& clip) {
   std::map<std::pair<std::size_t, std::size_t>, long> shared_frames;  // of object and track
-  IdentityCounts counts;
   for (const ClipFrame& frame : clip.frames) {
-    counts.misses += static_cast<long>(frame.truths.size());
-    counts.false_boxes += static_cast<long>(frame.results.size());
     for (const WeightedPair& pair : overlapping_pairs(frame, kMatchOverlap)) {
       ++shared_frames[{frame.truths[pair.row].track, frame.results[pair.column].track}];
     }
   }
   std::vector<WeightedPair> pairs;
-  pairs.reserve(shared_frames.size());
   for (const auto& [tracks, frames] : shared_frames) {
     pairs.push_back({tracks.first, tracks.second, static_cast<double>(frames)});
   }
   // Each frame that an assigned pair shares is one miss and one false box less, so the greatest sum
   // of shared frames is the least sum of both.
+  long matches = 0;
   for (const WeightedPair& pair :
        best_assignment(clip.objects.size(), clip.result_ids.size(), pairs)) {
-    counts.matches += static_cast<long>(pair.weight);
+    matches += static_cast<long>(pair.weight);
   }
-  counts.misses -= counts.matches;
-  counts.false_boxes -= counts.matches;
-  return counts;
+  return matches;
 }
 
 void MotScores::add(const MotScores& other) {
   clear.add(other.clear);
-  identity.add(other.identity);
+  identity_matches += other.identity_matches;
   hota.add(other.hota);
 }
 
 MotMeasurement measure_tracks(const MotClip& clip) {
-  const HotaSums hota = hota_sums(clip);  // first: it refuses what is too much for all
-  ClearResult clear = clear_mot(clip);
-  return {{clear.counts, identity_matches(clip), hota}, std::move(clear.runs)};
+  MotMeasurement measured;
+  measured.scores.hota = hota_sums(clip);  // first: it refuses what is too much for all
+  measured.scores.clear = clear_mot(clip, &measured.runs);
+  measured.scores.identity_matches = identity_matches(clip);
+  return measured;
 }
 
 std::vector<Metric> mot_metrics(const MotScores& scores) {
   const ClearCounts& clear = scores.clear;
-  const IdentityCounts& identity = scores.identity;
   const HotaValues hota = hota_values(scores.hota);
   const double truths = as_number(scores.hota.truths);
   const double results = as_number(scores.hota.results);
   const double errors = as_number(clear.misses + clear.false_boxes + clear.switches);
-  const double found = as_number(identity.matches);
+  const double found = as_number(scores.identity_matches);
   const bool any_match = scores.hota.thresholds[0].matches > 0;
   std::vector<Metric> metrics = {
       {"HOTA", hota.hota},

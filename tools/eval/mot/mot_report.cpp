@@ -5,18 +5,15 @@
 #include <algorithm>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
+#include "tools/common/json_text.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr int kReportSchemaVersion = 1;
-constexpr int kMetricWidth = 7;
+constexpr std::size_t kMetricWidth = 7;
 constexpr std::size_t kNameWidest = 24;
 
 // ---- Text ----
@@ -49,66 +46,61 @@ std::vector<TableRow> table_rows(const MotReport& report) {
   return rows;
 }
 
-std::string padded_left(const std::string& text, std::size_t width) {
-  return std::string(width - std::min(width, text.size()), ' ') + text;
+std::string padded(const std::string& text, std::size_t width) {
+  return format("%*s", static_cast<int>(width), text.c_str());
 }
 
-std::string padded_right(const std::string& text, std::size_t width) {
-  return text + std::string(width - std::min(width, text.size()), ' ');
+// The names, below a heading without one.
+std::vector<std::string> name_column(const std::vector<TableRow>& rows) {
+  std::size_t width = 0;
+  for (const TableRow& row : rows) {
+    width = std::max(width, row.name.size());
+  }
+  std::vector<std::string> lines = {std::string(width, ' ')};
+  for (const TableRow& row : rows) {
+    lines.push_back(format("%-*s", static_cast<int>(width), row.name.c_str()));
+  }
+  return lines;
 }
 
-std::string metrics_table(const std::vector<TableRow>& rows, std::size_t name_width) {
-  std::string text(name_width, ' ');
+std::string metrics_table(const std::vector<TableRow>& rows) {
+  std::vector<std::string> lines = name_column(rows);
   for (const Metric& metric : mot_metrics(*rows.front().scores)) {
-    text += padded_left(metric.name, kMetricWidth);
+    lines[0] += padded(metric.name, kMetricWidth);
   }
-  for (const TableRow& row : rows) {
-    text += "\n" + padded_right(row.name, name_width);
-    for (const Metric& metric : mot_metrics(*row.scores)) {
-      text += " " + padded_left(metric_text(metric.value), kMetricWidth - 1);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    for (const Metric& metric : mot_metrics(*rows[i].scores)) {
+      lines[i + 1] += " " + padded(metric_text(metric.value), kMetricWidth - 1);
     }
   }
-  return text + "\n";
+  return join(lines, "\n") + "\n";
 }
 
-std::string counts_table(const std::vector<TableRow>& rows, std::size_t name_width) {
-  std::vector<std::size_t> widths;
-  for (const MotCount& count : mot_counts(*rows.front().scores)) {
-    widths.push_back(std::string(count.heading).size());
-  }
-  for (const TableRow& row : rows) {
-    const std::vector<MotCount> counts = mot_counts(*row.scores);
-    for (std::size_t i = 0; i < widths.size(); ++i) {
-      widths[i] = std::max(widths[i], std::to_string(counts[i].value).size());
-    }
-  }
-  std::string text(name_width, ' ');
+std::string counts_table(const std::vector<TableRow>& rows) {
+  std::vector<std::string> lines = name_column(rows);
   const std::vector<MotCount> first = mot_counts(*rows.front().scores);
-  for (std::size_t i = 0; i < widths.size(); ++i) {
-    text += "  " + padded_left(first[i].heading, widths[i]);
-  }
-  for (const TableRow& row : rows) {
-    text += "\n" + padded_right(row.name, name_width);
-    const std::vector<MotCount> counts = mot_counts(*row.scores);
-    for (std::size_t i = 0; i < widths.size(); ++i) {
-      text += "  " + padded_left(std::to_string(counts[i].value), widths[i]);
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    std::vector<std::string> column = {first[i].heading};
+    std::size_t width = column[0].size();
+    for (const TableRow& row : rows) {
+      column.push_back(std::to_string(mot_counts(*row.scores)[i].value));
+      width = std::max(width, column.back().size());
+    }
+    for (std::size_t line = 0; line < lines.size(); ++line) {
+      lines[line] += "  " + padded(column[line], width);
     }
   }
-  return text + "\n";
+  return join(lines, "\n") + "\n";
 }
 
 // ---- JSON ----
 
 Json values_of(const MotScores& scores) {
-  Json metrics = Json::object();
-  for (const Metric& metric : mot_metrics(scores)) {
-    metrics[metric.name] = metric.value ? Json(*metric.value) : Json(nullptr);
-  }
   Json counts = Json::object();
   for (const MotCount& count : mot_counts(scores)) {
     counts[count.name] = count.value;
   }
-  return {{"metrics", std::move(metrics)}, {"counts", std::move(counts)}};
+  return {{"metrics", metrics_json(mot_metrics(scores))}, {"counts", std::move(counts)}};
 }
 
 Json spans_of(const std::vector<FrameSpan>& spans) {
@@ -165,11 +157,7 @@ Json classes_json(const MotReport& report) {
 
 std::string mot_report_text(const MotReport& report) {
   const std::vector<TableRow> rows = table_rows(report);
-  std::size_t name_width = 0;
-  for (const TableRow& row : rows) {
-    name_width = std::max(name_width, row.name.size());
-  }
-  return metrics_table(rows, name_width) + "\n" + counts_table(rows, name_width);
+  return metrics_table(rows) + "\n" + counts_table(rows);
 }
 
 std::string mot_report_json(const MotReport& report, const std::vector<MetricMinimum>& minimums) {
@@ -183,19 +171,7 @@ std::string mot_report_json(const MotReport& report, const std::vector<MetricMin
   }
   json["combined"] = values_of(report.combined);
   json["per_class"] = classes_json(report);
-  json["warnings"] = Json::array();
-  for (const LintFinding& finding : report.findings) {
-    json["warnings"].push_back(
-        {{"kind", finding.kind}, {"file", finding.file}, {"message", finding.message}});
-  }
-  json["minimums"] = Json::array();
-  const std::vector<Metric> metrics = mot_metrics(report.combined);
-  for (const MetricMinimum& minimum : minimums) {
-    json["minimums"].push_back(
-        {{"metric", minimum.name}, {"minimum", minimum.value}, {"met", is_met(minimum, metrics)}});
-  }
-  // File names need not be UTF-8, JSON must be.
-  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  return evaluation_json(json, report.findings, minimums, mot_metrics(report.combined));
 }
 
 }  // namespace olvex_tools
