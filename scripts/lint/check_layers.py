@@ -41,7 +41,7 @@ KNOWN = {
     "tools/network/": ("tools/common/", *HOST),
     "tools/heads/": ("tools/common/", "tools/network/", *HOST),
     "tools/inside/": ("tools/common/", "tools/frames/", *HOST, *LIBRARY),
-    **{f"tools/{name}/": SUBCOMMAND for name in ("compare", "eval/coco", "eval/mot", "inspect", "pack", "run")},
+    **{f"tools/{name}/": SUBCOMMAND for name in ("compare", "doctor", "eval/coco", "eval/mot", "inspect", "pack", "run")},
     "bench/": ("platform/scripted/", "tests/support/", "utils/log/olvex_log.h",
                "base/postprocess/output_tensors.h"),
     "tests/support/": ("platform/scripted/", *LIBRARY),

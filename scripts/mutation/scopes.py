@@ -49,6 +49,8 @@ LIKELY_TESTS = (
     (r"tools/eval/mot/", r"eval_mot"),
     (r"tools/eval/", r"eval"),
     (r"tools/compare/", r"compare|annotation"),
+    (r"tools/doctor/", r"doctor"),
+    (r"tools/(inside/scaled_outputs|frames/spread_frames)", r"pack|doctor"),
     (r"tools/(pack/|inspect/|inside/(library_model|model_))", r"pack"),
     (r"tools/(run/|inside/(last_output|result_))", r"run"),
 )
