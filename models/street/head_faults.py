@@ -78,10 +78,19 @@ def pixels(model, _facts):
         end.affine([width, height, width, height] if name == "boxes" else 1.0, 0.0)
 
 
+def again(model, _facts):
+    first = model.graph.output[0]
+    name = f"{first.name}_again"
+    model.graph.node.append(helper.make_node("Identity", [first.name], [name], name=f"{name}/node"))
+    model.graph.output.add().CopyFrom(first)
+    model.graph.output[-1].name = name
+
+
 FAULTS = {
     "sigmoid": (sigmoid, "fault: class scores pass a sigmoid, which the library, or the network, applies already"),
     "sure": (sure, "fault, of raw: all cells are objects"),
     "overflow": (overflow, "fault, of raw: values beyond those of 32-bit floats"),
     "logits": (logits, "fault, of boxes-and-scores: scores beyond 0..1"),
+    "again": (again, "the first output a second time, as ..._again"),
     "pixels": (pixels, "boxes-and-scores with pixels in place of fractions"),
 }

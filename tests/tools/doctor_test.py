@@ -54,18 +54,22 @@ CASES = {
     "class names": ("fp32", NO_TEXT, {"class_names": ["person"]}, ("classes",), "7 lines"),
     "order of layers": ("fp32", NO_TEXT, {"outputs.layers": LAYERS}, ("layer order",),
                         "--raw stride8 stride16 stride32"),
+    "stride twice": ("raw-again", NO_TEXT, {"outputs.layers.1.name": "stride8_again"}, ("layer order",),
+                     "of each stride"),
     "sigmoid": ("raw-sigmoid", NO_TEXT, {}, ("scores",), "before its sigmoid"),
     "sigmoid twice": ("decoded-sigmoid", NO_TEXT, {}, ("scores",), "last sigmoid"),
     "logits": ("decoded-logits", NO_TEXT, {}, ("scores",), "append a sigmoid"),
     "overflow": ("raw-overflow", NO_TEXT, {}, ("finite",), "--mean and --scale"),
     "everything passes": ("raw-sure", NO_TEXT, {}, ("limits", "boxes at 0.9"), "--threshold"),
     "pixels": ("decoded-pixels", NO_TEXT, {}, ("boxes",), "--box-unit pixels"),
+    "fractions": ("decoded", NO_TEXT, {"outputs.boxes.unit": "pixels"}, ("boxes",), "--box-unit fractions"),
     "box order": ("decoded", NO_TEXT, {"outputs.boxes.order": "cxcywh"}, ("boxes",), "--box-order xyxy"),
     "INT16 saturates": ("int16", NO_TEXT, {f"outputs.layers.{i}.scale": 1e-5 for i in range(3)},
                         ("INT16 scales",), "--raw-scale 0.0"),
     "INT16 wastes bits": ("int16", NO_TEXT, {"outputs.layers.1.scale": 0.5}, ("INT16 scales",), "--raw-scale 0.0"),
     "candidates": ("decoded", NO_TEXT, {"outputs.max_boxes": 3}, ("limits",), "--max-boxes "),
-    "no input": ("fp32", NO_TEXT, {"input.scale": [0, 0, 0]}, ("input values", "boxes at 0.1", "mean and scale"), "1/255"),
+    "no input": ("fp32", NO_TEXT, {"input.scale": [0, 0, 0]}, ("input values", "boxes at 0.1", "mean and scale"),
+                 "1/255"),
     "no scale": ("fp32", NO_TEXT, {"input.scale": [1, 1, 1]}, ("mean and scale",), "--mean 0 --scale 1/255"),
     "mean": ("fp32", NO_TEXT, {"input.mean": [127.5] * 3}, ("mean and scale",), "--mean 0 --scale 1/255"),
     "mean of decoded": ("decoded", NO_TEXT, {"input.mean": [127.5] * 3, "input.scale": [1 / 127.5] * 3},
@@ -90,8 +94,9 @@ class DoctorTest(ToolTest):
             network = STREET / "street.onnx"
             if kind not in ("fp32", "int16"):
                 network = self.folder / f"{kind}.onnx"
-                subprocess.run([sys.executable, "-B", STREET / "heads.py", {"decoded": "boxes-and-scores"}.get(family, family),
-                                "-o", network, *(("--variant", variant) if variant else ())], check=True)
+                family_of_head = "boxes-and-scores" if family == "decoded" else family
+                subprocess.run([sys.executable, "-B", STREET / "heads.py", family_of_head, "-o", network,
+                                *(("--variant", variant) if variant else ())], check=True)
             self.tool("pack", network, "-o", "base.qtm", *PACK, *(DECODED if family == "decoded" else RAW),
                       *(("--int16", "--calibrate", "pictures") if kind == "int16" else ()))
             self.bases[kind] = (self.folder / "base.qtm").read_bytes()
