@@ -3,6 +3,7 @@
 #include "tools/inside/library_model.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <regex>
 
@@ -95,9 +96,28 @@ LibraryModel::LibraryModel(const std::string& path, const std::string& name)
   if (model_->cal_variable_size(&terminated_path[0], &variable_buffer_size_) != E_ALGO_SUCCESS) {
     refuse_model(name_, "the host accelerator does not take it as a model (see above)");
   }
+  open_channel(path);
+}
+
+LibraryModel::LibraryModel(std::vector<char> file, const std::string& name)
+    : name_(name), model_(new DetAfModel) {
+  constexpr std::size_t kReadBeyond = 3;  // get_model_kvs may read so many bytes after the last
+  const std::size_t size = file.size();
+  file.resize(size + kReadBeyond);
+  char* start = nullptr;
+  get_model_kvs(file.data(), size, model_->model_kvs_, start);
+  if (start == nullptr ||
+      model_->cal_variable_size(start, static_cast<unsigned>(file.data() + size - start),
+                                &variable_buffer_size_) != E_ALGO_SUCCESS) {
+    refuse_model(name_, "the host accelerator does not take it as a model (see above)");
+  }
+  open_channel("");
+}
+
+void LibraryModel::open_channel(const std::string& path) {
   create_device();
   // What is printed names the file, and a user has not named it.
-  HeldErrors errors(path != name);
+  HeldErrors errors(path != name_);
   const bool is_open = model_->model_init(0, 1) == E_ALGO_SUCCESS;
   const std::string printed = errors.release();
   // A failing initialisation has destroyed the device.
