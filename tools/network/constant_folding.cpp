@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "tools/network/constant_value.h"
+#include "tools/network/node_rewriting.h"
 
 namespace olvex_tools {
 
@@ -42,11 +43,14 @@ class Folding {
       outputs_.insert(output.name());
     }
     fresh_.clear();
-    auto* const nodes = network_.graph()->mutable_node();
-    const auto rest = std::remove_if(nodes->begin(), nodes->end(),
-                                     [&](const onnx::NodeProto& node) { return fold(node); });
-    const auto count = static_cast<int>(nodes->end() - rest);
-    nodes->erase(rest, nodes->end());
+    int count = 0;
+    for (onnx::NodeProto& node : *network_.graph()->mutable_node()) {
+      if (fold(node)) {
+        node.Clear();
+        ++count;
+      }
+    }
+    remove_cleared_nodes(&network_);
     return count;
   }
 
