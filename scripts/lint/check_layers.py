@@ -42,7 +42,7 @@ KNOWN = {
     "tools/heads/": ("tools/common/", "tools/network/", IMAGE),
     "tools/inside/": ("tools/common/", "tools/frames/", IMAGE, HOST, CONTRACT, "base/sdet/", "video/det/"),
     "tools/compare/": ("tools/common/", "tools/frames/"),
-    "tools/doctor/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST),
+    "tools/doctor/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE, HOST, PUBLIC),
     "tools/eval/coco/": ("tools/common/", "tools/frames/"),
     "tools/eval/mot/": ("tools/common/", "tools/frames/"),
     "tools/inspect/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE),
