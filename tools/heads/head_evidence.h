@@ -87,6 +87,9 @@ std::string describe(const SizesOfLayers& sizes);  // as the options are written
 
 void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns, HeadReading* reading);
 
+// Whether distance-bins is one of the readings.
+bool may_be_distance_bins(const HeadEvidence& evidence);
+
 // ---- The families: a reading, or nothing -----------------------------------------------------------
 
 using Concluder = std::vector<HeadReading> (*)(const HeadEvidence&);

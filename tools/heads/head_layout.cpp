@@ -287,6 +287,20 @@ std::optional<HeadLayout> lay_out(const HeadQuestion& question) {
   return Layouts(question).find();
 }
 
+HeadLayout with_anchors(HeadLayout layout, std::int64_t anchors) {
+  layout.anchors = anchors;
+  layout.rows *= anchors;
+  for (RowKind& kind : layout.kinds) {
+    kind.channels /= anchors;
+    for (HeadTensor& tensor : kind.tensors) {
+      tensor.rows *= anchors;
+      tensor.channels /= anchors;
+      tensor.anchors = anchors;
+    }
+  }
+  return layout;
+}
+
 std::string list_of(const std::vector<int>& numbers) {
   std::string text;
   for (std::size_t i = 0; i < numbers.size(); ++i) {

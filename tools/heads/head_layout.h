@@ -35,6 +35,9 @@ std::int64_t cells_of(const InputSize& size, int stride);
 // Nothing when the outputs do not go together.
 std::optional<HeadLayout> lay_out(const HeadQuestion& question);
 
+// Planes of several anchors: the same with the values of a row instead of those of a cell.
+HeadLayout with_anchors(HeadLayout layout, std::int64_t anchors);
+
 // "8, 16 and 32".
 std::string list_of(const std::vector<int>& numbers);
 std::string comma_list(const std::vector<int>& numbers);

@@ -22,6 +22,8 @@ constexpr long kMostCalibrationFrames = 1000000;  // by far: a few hundred settl
 
 const char kExamples[] =
     "Examples:\n"
+    "  Any usual detection network; what is concluded and the proof are reported:\n"
+    "    olvex-det pack people.onnx -o people.qtm\n"
     "  A network that ends in boxes and scores, fed from the camera's NV12 frames:\n"
     "    olvex-det pack people.onnx -o people.qtm --boxes boxes --scores scores \\\n"
     "      --network-order bgr --scale 1/255\n"
