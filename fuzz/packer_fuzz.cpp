@@ -10,11 +10,14 @@
 #include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "tools/common/command.h"
+#include "tools/network/loadable.h"
 #include "tools/pack/pack.h"
 
 namespace {
 
 using namespace olvex_tools;
+
+constexpr std::int64_t kSide = 64;  // pixels, where a network leaves its size open
 
 void read_header(const std::string& text) {
   const Pairs pairs = read_pairs(text);
@@ -65,7 +68,7 @@ NetworkGraph read_network(const std::string& bytes) {
 void pack(const std::vector<std::string>& parts) {
   static MemoryFile description;
   static MemoryFile class_names;
-  const NetworkGraph network = read_network(parts[3]);
+  NetworkGraph network = read_network(parts[3]);
   PackOptions options;
   if (!parse_options("network " + parts[0], &options)) {
     return;
@@ -73,7 +76,14 @@ void pack(const std::vector<std::string>& parts) {
   options.description_path = parts[1].empty() ? "" : description.holding(parts[1]);
   options.class_names_path = parts[2].empty() ? "" : class_names.holding(parts[2]);
   FUZZ_CHECK(read_pairs(file_header(options.pairs)) == options.pairs);
-  check_packed(describe_model(options, network));
+  const qv_host::Description start = start_description(options);
+  make_static(InputSize{kSide, kSide}, &network);
+  const qv_host::Description packed = describe_model(options, start, network);
+  check_packed(packed);
+  fit_to_engine(&network);
+  missing_operators(network);
+  const std::vector<char> bytes = network.bytes();
+  read_network({bytes.begin(), bytes.end()});
 }
 
 }  // namespace

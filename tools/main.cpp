@@ -192,6 +192,7 @@ int main(int argc, char** argv) {
   Command command;
   olvex_tools::add_pack_command(application, &command);
   olvex_tools::add_inspect_command(application, &command);
+  olvex_tools::add_doctor_command(application, &command);
   olvex_tools::add_run_command(application, &command);
   add_eval_command(application, &command);
   olvex_tools::add_compare_command(application, &command);

@@ -24,6 +24,7 @@ try:
     import onnx
 
     import head_families
+    import head_faults
     import head_priors
     import head_variants
     from head_graph import HeadGraph
@@ -69,6 +70,8 @@ FAMILIES = {
 }
 
 
+CHANGES = {**head_variants.VARIANTS, **head_faults.FAULTS}
+
 # Of these the only class is the first, a person, which has key points.
 PERSONS = ("combined-keypoints", "cls-obj-box-keypoints", "priors-landmarks", "score-distance-keypoints")
 
@@ -90,7 +93,7 @@ def write(family, variants, path):
     """The file appears when it is complete; what stood there before stays until then."""
     model = built(family)
     for variant in variants:
-        head_variants.VARIANTS[variant][0](model, facts_of(family))
+        CHANGES[variant][0](model, facts_of(family))
     onnx.checker.check_model(model)
     partial = path.with_name(path.name + ".part")
     try:
@@ -103,7 +106,7 @@ def write(family, variants, path):
 
 def listing():
     lines = [f"{name:28} {what}" for name, (_, what) in FAMILIES.items()]
-    lines += ["", "Variants:"] + [f"{name:28} {what}" for name, (_, what) in head_variants.VARIANTS.items()]
+    lines += ["", "Variants:"] + [f"{name:28} {what}" for name, (_, what) in CHANGES.items()]
     return "\n".join(lines)
 
 
@@ -111,7 +114,7 @@ def checked_options():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
     parser.add_argument("families", nargs="*", metavar="FAMILY", help="one of --list")
     parser.add_argument("-o", "--output", type=Path, metavar="FILE", help="network to write; with --all a folder")
-    parser.add_argument("--variant", action="append", default=[], choices=head_variants.VARIANTS,
+    parser.add_argument("--variant", action="append", default=[], choices=CHANGES,
                         help="change the network as some exporters would write it; may be given again, done in\n"
                              "that order; OpenCV 4.6 does not load all of them")
     parser.add_argument("--all", action="store_true", help="write every family, as FAMILY.onnx")

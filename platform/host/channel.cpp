@@ -25,7 +25,8 @@ std::vector<float> empty_frame(const FrameConverter& converter) {
 
 Channel::Channel(const Image& image, const QV_IPU_DevAttr_s& attributes, std::size_t output_depth)
     : converter_(image.description.input, attributes),
-      network_(image.network, image.description.input.name, network_outputs(image.description)),
+      network_(image.network, image.description.input.name, network_outputs(image.description),
+               image.description.fusion),
       stage_(make_output_stage(
           image.description, network_.try_out(converter_.convert(empty_frame(converter_).data())))),
       output_sets_(output_depth) {

@@ -186,6 +186,12 @@ std::string description_to_json(const Description& description) {
   } else {
     decoded_to_json(description.decoded, &outputs);
   }
+  if (!description.fusion) {
+    json["fusion"] = false;
+  }
+  if (description.proof != Proof::kNone) {
+    json["proof"] = find_word(kProofs, description.proof);
+  }
   for (const auto& pair : description.name_pairs) {
     json["name_pairs"].push_back(Json::array({pair.first, pair.second}));
   }
@@ -207,6 +213,8 @@ Description parse_description(const std::string& json) {
   reader.read("title", Presence::kOptional, &description.title);
   description.input = read_input(*reader.field("input", Presence::kRequired, "an object"));
   read_outputs(*reader.field("outputs", Presence::kRequired, "an object"), &description);
+  reader.read("fusion", Presence::kOptional, &description.fusion);
+  reader.read("proof", Presence::kOptional, kProofs, &description.proof);
   reader.read_array(
       "name_pairs", Presence::kOptional, 0, kMaxName, "an array of pairs",
       [&](const std::string& path, const Json& pair, std::size_t) {

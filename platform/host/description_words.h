@@ -36,6 +36,7 @@ constexpr Choice<QV_IPU_ELEMENT_FORMAT> kOutputFormats[] = {{"FP32", QV_IPU_FORM
 constexpr Choice<bool> kLayouts[] = {{"NCHW", true}, {"NHWC", false}};
 constexpr Choice<BoxOrder> kBoxOrders[] = {{"xyxy", BoxOrder::kCornerPairs},
                                            {"cxcywh", BoxOrder::kCentreSize}};
+constexpr Choice<Proof> kProofs[] = {{"proven", Proof::kProven}, {"unproven", Proof::kUnproven}};
 constexpr Choice<bool> kBoxUnits[] = {{"fractions", true}, {"pixels", false}};
 
 template <typename Value, std::size_t kCount>

@@ -80,6 +80,9 @@ struct DecodedOutput {
   float keypoint_scale = 1.f / 16.f;
 };
 
+// Whether the packer showed that the image decodes as it should.
+enum class Proof { kNone, kProven, kUnproven };
+
 struct Description {
   std::string title;  // for people; may be empty
   InputDescription input;
@@ -91,6 +94,8 @@ struct Description {
   // "key:value;" texts. Empty: the name is the network's own.
   std::vector<std::pair<std::string, std::string>> name_pairs;
   std::vector<std::string> class_names;  // for people, by library class id; may be empty
+  bool fusion = true;                    // the engine may compute several layers at once
+  Proof proof = Proof::kNone;
 };
 
 // What is wrong with an image: the field, what was found, and what to do, in one line.

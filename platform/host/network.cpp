@@ -40,7 +40,7 @@ std::string one_line(std::string text) {
 }  // namespace
 
 Network::Network(const std::vector<char>& onnx, const std::string& input,
-                 const std::vector<std::string>& outputs)
+                 const std::vector<std::string>& outputs, bool fusion)
     : input_(input), outputs_(outputs) {
   const QuietEngine quiet;
   try {
@@ -54,6 +54,7 @@ Network::Network(const std::vector<char>& onnx, const std::string& input,
   }
   net_.setPreferableBackend(cv::dnn::DNN_BACKEND_OPENCV);
   net_.setPreferableTarget(cv::dnn::DNN_TARGET_CPU);
+  net_.enableFusion(fusion);
   check_names();
 }
 

@@ -16,8 +16,9 @@ class Network {
   // when it lacks one of the names.
   //   input    name of the network's input, empty: its only one
   //   outputs  names of the outputs to compute, in the order wanted
+  //   fusion   whether several layers may be computed at once
   Network(const std::vector<char>& onnx, const std::string& input,
-          const std::vector<std::string>& outputs);
+          const std::vector<std::string>& outputs, bool fusion);
 
   // Runs the network. The results may share the network's own memory: they hold until the next run.
   // Throws HostError(QV_HOST_INFERENCE_FAILED).

@@ -49,7 +49,9 @@ LIKELY_TESTS = (
     (r"tools/eval/mot/", r"eval_mot"),
     (r"tools/eval/", r"eval"),
     (r"tools/compare/", r"compare|annotation"),
-    (r"tools/(pack/|inspect/|inside/(library_model|model_))", r"pack"),
+    (r"tools/doctor/", r"doctor"),
+    (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", r"pack|doctor"),
+    (r"tools/(pack/|inspect/)", r"pack"),
     (r"tools/(run/|inside/(last_output|result_))", r"run"),
 )
 

@@ -120,4 +120,17 @@ OLVEX_ADD(std::optional<long>);
 OLVEX_ADD(std::optional<float>);
 #undef OLVEX_ADD
 
+std::vector<GivenOption> OptionTable::given() const {
+  std::vector<GivenOption> given;
+  for (const CLI::Option* option : command_->get_options()) {
+    if (option->count() == 0) {
+      continue;
+    }
+    const bool is_flag = option->get_expected_max() == 0;
+    given.push_back({option->get_positional() ? "" : option->get_name(),
+                     is_flag ? std::vector<std::string>() : option->results()});
+  }
+  return given;
+}
+
 }  // namespace olvex_tools

@@ -42,6 +42,12 @@ class Option {
   CLI::Option* option_ = nullptr;
 };
 
+// An option on the command line, as it was typed.
+struct GivenOption {
+  std::string name;                 // with its dashes; empty for a word that stands by itself
+  std::vector<std::string> values;  // none for a flag
+};
+
 class OptionTable {
  public:
   explicit OptionTable(CLI::App* command) : command_(command) {}
@@ -61,6 +67,9 @@ class OptionTable {
   // name: as in "--track,!--no-track".
   template <typename Flag>
   Option flag(const std::string& name, Flag* value, const std::string& help);
+
+  // After parsing.
+  std::vector<GivenOption> given() const;
 
  private:
   CLI::App* command_;

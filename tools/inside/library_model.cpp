@@ -2,6 +2,15 @@
 // video/det/src/det_schedule.cpp is the handle.
 #include "tools/inside/library_model.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <regex>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include "qv_sys.h"
 
 #include "tools/common/command.h"
@@ -17,15 +26,106 @@ qv_host::Image read_model_file(const std::string& path, std::string* text_header
   }
 }
 
+namespace {
+
+// Holds back what is printed on standard error. Other threads must print nothing meanwhile.
+class HeldErrors {
+ public:
+  explicit HeldErrors(bool wanted) : hold_(wanted ? memfd_create("errors", MFD_CLOEXEC) : -1) {
+    if (hold_ >= 0) {
+      std::fflush(stderr);
+      former_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+      dup2(hold_, STDERR_FILENO);
+    }
+  }
+  ~HeldErrors() { release(); }
+  HeldErrors(const HeldErrors&) = delete;
+  HeldErrors& operator=(const HeldErrors&) = delete;
+
+  // What was printed; from now on it is printed as usual.
+  std::string release() {
+    std::string text;
+    if (hold_ >= 0) {
+      std::fflush(stderr);
+      dup2(former_, STDERR_FILENO);
+      text.resize(static_cast<std::size_t>(std::max<off_t>(0, lseek(hold_, 0, SEEK_END))));
+      const ssize_t count = pread(hold_, text.data(), text.size(), 0);
+      text.resize(static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+      close(former_);
+      close(hold_);
+      hold_ = -1;
+    }
+    return text;
+  }
+
+ private:
+  int hold_;
+  int former_ = -1;
+};
+
+// What the accelerator said of a file, without the file's name and the engine's own calls.
+std::string reason_in(const std::string& text, const std::string& path) {
+  const std::size_t name = text.find(path + ": ");
+  std::string reason = name == std::string::npos ? text : text.substr(name + path.size() + 2);
+  const std::string of_engine = engine_reason(text);
+  return of_engine.empty() ? reason.substr(0, reason.find('\n')) : of_engine;
+}
+
+}  // namespace
+
+std::string engine_reason(const std::string& text) {
+  std::smatch node;
+  if (std::regex_search(text, node,
+                        std::regex(R"(Node \[([^@\]]*)@[^\]]*\]:\([^!)]*!([^)]*)\))"))) {
+    return "the network engine does not take the node \"" + node.str(2) + "\" (operator " +
+           node.str(1) + ") in this form; export the network for another version of the operators";
+  }
+  for (const char* const engine : {"does not load in OpenCV's dnn module", "fails to run"}) {
+    if (text.find(engine) != std::string::npos) {
+      return std::string("the network ") + engine +
+             "; do the input's size and colour order fit it? If so, it is damaged or beyond the "
+             "engine: export it again";
+    }
+  }
+  return "";
+}
+
 LibraryModel::LibraryModel(const std::string& path, const std::string& name)
     : name_(name), model_(new DetAfModel) {
   std::string terminated_path = path;
   if (model_->cal_variable_size(&terminated_path[0], &variable_buffer_size_) != E_ALGO_SUCCESS) {
     refuse_model(name_, "the host accelerator does not take it as a model (see above)");
   }
+  open_channel(path);
+}
+
+LibraryModel::LibraryModel(std::vector<char> file, const std::string& name)
+    : name_(name), model_(new DetAfModel) {
+  constexpr std::size_t kReadBeyond = 3;  // get_model_kvs may read so many bytes after the last
+  const std::size_t size = file.size();
+  file.resize(size + kReadBeyond);
+  char* start = nullptr;
+  get_model_kvs(file.data(), size, model_->model_kvs_, start);
+  if (start == nullptr ||
+      model_->cal_variable_size(start, static_cast<unsigned>(file.data() + size - start),
+                                &variable_buffer_size_) != E_ALGO_SUCCESS) {
+    refuse_model(name_, "the host accelerator does not take it as a model (see above)");
+  }
+  open_channel("");
+}
+
+void LibraryModel::open_channel(const std::string& path) {
   create_device();
+  // What is printed names the file, and a user has not named it.
+  HeldErrors errors(path != name_);
+  const bool is_open = model_->model_init(0, 1) == E_ALGO_SUCCESS;
+  const std::string printed = errors.release();
   // A failing initialisation has destroyed the device.
-  if (model_->model_init(0, 1) != E_ALGO_SUCCESS) {
+  if (!is_open && !printed.empty()) {
+    refuse_model(name_, reason_in(printed, path));
+  }
+  std::fputs(printed.c_str(), stderr);
+  if (!is_open) {
     refuse_model(name_,
                  "the host accelerator cannot load the network, or its "
                  "outputs are not as described (see above)");

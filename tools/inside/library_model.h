@@ -23,6 +23,8 @@ class LibraryModel {
   // name: what messages call the model (the file that it is to become). Throws ToolError:
   // kModelError when the model is refused, kAcceleratorError when there is no device.
   LibraryModel(const std::string& path, const std::string& name);
+  // The same for the bytes of a model file.
+  LibraryModel(std::vector<char> file, const std::string& name);
   ~LibraryModel();
   LibraryModel(const LibraryModel&) = delete;
   LibraryModel& operator=(const LibraryModel&) = delete;
@@ -37,12 +39,16 @@ class LibraryModel {
 
  private:
   void create_device();
+  void open_channel(const std::string& path);  // path: in what the accelerator prints
 
   std::string name_;
   std::unique_ptr<DetAfModel> model_;
   unsigned variable_buffer_size_ = 0;
   bool channel_open_ = false;
 };
+
+// What the network engine said of a network, without its own calls and names; empty when the text is not its.
+std::string engine_reason(const std::string& text);
 
 }  // namespace olvex_tools
 

@@ -240,6 +240,12 @@ std::string rounded_up(double value) {
   return std::to_string(static_cast<std::uint64_t>(std::ceil(value)));
 }
 
+// An exit code is that of a sanitizer's report, or the engine called exit.
+std::string crash_of(int status) {
+  const int signal = signal_of(status);
+  return signal != 0 ? strsignal(signal) : "exit code " + std::to_string(WEXITSTATUS(status));
+}
+
 std::string fault_of(int status, const ChildLimits& limits) {
   const std::string not_finished = "the network engine did not finish loading and running it in ";
   if (has_exit_code(status, kMemoryExitCode)) {
@@ -247,8 +253,7 @@ std::string fault_of(int status, const ChildLimits& limits) {
            rounded_up(static_cast<double>(limits.memory) / kMebibyte) +
            " MiB of memory to load and run it";
   }
-  const int signal = signal_of(status);
-  switch (signal) {
+  switch (signal_of(status)) {
     case SIGALRM:
       return not_finished + rounded_up(limits.seconds) + " seconds";
     case SIGXCPU:
@@ -256,10 +261,8 @@ std::string fault_of(int status, const ChildLimits& limits) {
     case SIGKILL:  // the kernel's when memory runs out, or when a limit of the shell's is reached
       return "the network engine was killed while loading or running it, for lack of memory or by "
              "a limit of the shell; free memory, or use a smaller network";
-    default:  // an exit code is that of a sanitizer's report, or the engine called exit
-      return "the network engine crashed while loading or running it (" +
-             (signal != 0 ? strsignal(signal)
-                          : "exit code " + std::to_string(WEXITSTATUS(status))) +
+    default:
+      return "the network engine crashed while loading or running it (" + crash_of(status) +
              "); it is damaged or beyond this engine, so export it again or use another network";
   }
 }
@@ -292,24 +295,54 @@ std::string remedy_of(int status, const ChildLimits& limits) {
              : "";
 }
 
+// done: what was being done with the network.
+void refuse_interruption(int status, const std::string& name, const std::string& done) {
+  const int signal = signal_of(status);
+  if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP || signal == SIGQUIT) {
+    throw ToolError(kInterrupted, name + ": interrupted while the network was " + done);
+  }
+}
+
 }  // namespace
 
+void require_harmless_reading(const std::string& name, std::size_t bytes,
+                              const std::function<void()>& work) {
+  const ChildLimits limits =
+      within_shell_limits(limits_for(static_cast<double>(bytes), limit_factor()));
+  const int status = run_limited(limits, work);
+  refuse_interruption(status, name, "read");
+  if (has_exit_code(status, kDone)) {
+    return;
+  }
+  const int signal = signal_of(status);
+  if (signal == SIGXCPU || signal == SIGALRM || signal == SIGKILL ||
+      has_exit_code(status, kMemoryExitCode)) {
+    refuse_model(name, "reading the network takes more time or memory than it may" +
+                           remedy_of(status, limits));
+  }
+  refuse_model(name, "the records of the network are damaged: reading them crashed (" +
+                         crash_of(status) + "). Export it again");
+}
+
+void require_harmless_work(const std::string& name, std::size_t bytes,
+                           const std::function<void()>& work) {
+  const ChildLimits limits =
+      within_shell_limits(limits_for(static_cast<double>(bytes), limit_factor()));
+  const int status = run_limited(limits, work);
+  refuse_interruption(status, name, "tried");
+  if (!has_exit_code(status, kDone)) {
+    refuse_model(name, fault_of(status, limits) + remedy_of(status, limits));
+  }
+}
+
 void require_harmless_network(const std::string& path, const std::string& name) {
-  const double factor = limit_factor();
+  limit_factor();  // refused even when there is no file to try
   std::error_code error;
   const std::uintmax_t bytes = std::filesystem::file_size(path, error);
   if (error) {
     return;  // not a file with a size, which the library cannot map either
   }
-  const ChildLimits limits = within_shell_limits(limits_for(static_cast<double>(bytes), factor));
-  const int status = run_limited(limits, [&path] { run_gradient(path); });
-  const int signal = signal_of(status);
-  if (signal == SIGINT || signal == SIGTERM || signal == SIGHUP || signal == SIGQUIT) {
-    throw ToolError(kInterrupted, name + ": interrupted while the network was tried");
-  }
-  if (!has_exit_code(status, kDone)) {
-    refuse_model(name, fault_of(status, limits) + remedy_of(status, limits));
-  }
+  require_harmless_work(name, static_cast<std::size_t>(bytes), [&path] { run_gradient(path); });
 }
 
 }  // namespace olvex_tools

@@ -3,17 +3,21 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/host/host_image.h"
 
 #include "tools/common/command.h"
 #include "tools/common/json_text.h"
 #include "tools/common/options.h"
+#include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
+#include "tools/frames/own_files.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
+#include "tools/inspect/inspect.h"
 
 namespace olvex_tools {
 
@@ -23,8 +27,12 @@ const char kExamples[] =
     "Examples:\n"
     "  olvex-det inspect people.qtm\n"
     "  olvex-det inspect people.qtm --json | jq .outputs\n"
-    "The JSON is described in share/olvex-det/schema/inspect.schema.json.\n"
-    "Exit code 1: the file is sound, but the library would find no boxes in its outputs.";
+    "  olvex-det inspect people.qtm --network people.onnx\n"
+    "  olvex-det inspect people.onnx\n"
+    "The JSON is described in share/olvex-det/schema/inspect.schema.json, that of a network in\n"
+    "inspect_network.schema.json.\n"
+    "Exit code 1: the file is sound, but the library would find no boxes in its outputs, or the\n"
+    "network engine lacks operators of the network.";
 
 struct Inspection {
   std::string path;
@@ -66,17 +74,13 @@ std::string or_none(const std::string& text) {
 
 // ---- Text ---------------------------------------------------------------------------------------
 
-std::string line(const std::string& label, const std::string& text) {
-  return format("%-16s", label.c_str()) + printable(text) + "\n";
-}
-
 std::string pairs_text(const std::string& label, const Pairs& pairs, bool valid) {
   std::string text;
   for (const Pair& pair : pairs) {
-    text += line(text.empty() ? label : "",
-                 pair.first + ":" + pair.second + (valid ? "" : "   (not used)"));
+    text += report_line(text.empty() ? label : "",
+                        pair.first + ":" + pair.second + (valid ? "" : "   (not used)"));
   }
-  return text.empty() ? line(label, "none") : text;
+  return text.empty() ? report_line(label, "none") : text;
 }
 
 std::string class_text(int class_id, const std::vector<std::string>& names) {
@@ -120,7 +124,7 @@ std::string tensor_text(const TensorFacts& tensor) {
 std::string tensors_text(const std::string& label, const std::vector<TensorFacts>& tensors) {
   std::string text;
   for (std::size_t i = 0; i < tensors.size(); ++i) {
-    text += line(label + " " + std::to_string(i), tensor_text(tensors[i]));
+    text += report_line(label + " " + std::to_string(i), tensor_text(tensors[i]));
   }
   return text;
 }
@@ -132,8 +136,8 @@ std::string decoding_text(const DecodingFacts& decoding) {
   } else if (decoding.decoder == kDecoderIpu) {
     decoder = "box list, decoded by the accelerator";
   }
-  return line("decoder", decoder) + line("  because", decoding.reason) +
-         (decoding.fault.empty() ? "" : line("  FAULT", decoding.fault));
+  return report_line("decoder", decoder) + report_line("  because", decoding.reason) +
+         (decoding.fault.empty() ? "" : report_line("  FAULT", decoding.fault));
 }
 
 // ---- JSON ---------------------------------------------------------------------------------------
@@ -196,21 +200,25 @@ Json decoder_json(const DecodingFacts& decoding) {
 std::string inspection_text(const Inspection& inspection) {
   const ModelFacts& facts = inspection.facts;
   const std::string place = valid_place(facts);
-  return line("model", inspection.path + ", " + std::to_string(inspection.file_size) + " bytes") +
-         line("title", or_none(inspection.description.title)) +
-         line("offline model", "version " + std::to_string(inspection.image.version) +
-                                   ", at byte " + std::to_string(inspection.header_size) +
-                                   ", CRC-32 " + crc_text(inspection.image.crc) + " (right)") +
-         line("", "description " + std::to_string(inspection.image.description_size) +
-                      " bytes, network " + std::to_string(inspection.image.network_size) +
-                      " bytes") +
-         line("working memory", std::to_string(facts.variable_buffer_size) + " bytes") +
+  return report_line("model",
+                     inspection.path + ", " + std::to_string(inspection.file_size) + " bytes") +
+         report_line("title", or_none(inspection.description.title)) +
+         report_line("offline model", "version " + std::to_string(inspection.image.version) +
+                                          ", at byte " + std::to_string(inspection.header_size) +
+                                          ", CRC-32 " + crc_text(inspection.image.crc) +
+                                          " (right)") +
+         report_line("", "description " + std::to_string(inspection.image.description_size) +
+                             " bytes, network " + std::to_string(inspection.image.network_size) +
+                             " bytes") +
+         report_line("working memory", std::to_string(facts.variable_buffer_size) + " bytes") +
          pairs_text("header", facts.file_pairs, place == "file") +
          pairs_text("in first name", facts.name_pairs, place == "name") +
-         line("type", type_text(facts.decoding)) + line("class map", class_map_text(facts)) +
-         line("double check", double_check_text(inspection)) + tensors_text("input", facts.inputs) +
-         tensors_text("output", facts.outputs) + decoding_text(facts.decoding) +
-         line("class names", or_none(join(inspection.description.class_names, ", ")));
+         report_line("type", type_text(facts.decoding)) +
+         report_line("class map", class_map_text(facts)) +
+         report_line("double check", double_check_text(inspection)) +
+         tensors_text("input", facts.inputs) + tensors_text("output", facts.outputs) +
+         decoding_text(facts.decoding) +
+         report_line("class names", or_none(join(inspection.description.class_names, ", ")));
 }
 
 std::string inspection_json(const Inspection& inspection) {
@@ -244,6 +252,7 @@ std::string inspection_json(const Inspection& inspection) {
 struct InspectOptions {
   std::string path;
   bool json = false;
+  std::string network_path;  // where the network of an image goes
 };
 
 Inspection inspect_file(const std::string& path) {
@@ -262,7 +271,25 @@ Inspection inspect_file(const std::string& path) {
   return inspection;
 }
 
+int extract_network(const InspectOptions& options) {
+  require_own_files({{"--network", options.network_path}}, {options.path});
+  require_writable(options.network_path);
+  try {
+    const std::vector<char> network = qv_host::read_image_file(options.path, nullptr).network;
+    write_output(options.network_path, stdout, {network.begin(), network.end()});
+  } catch (const qv_host::ImageError& error) {
+    throw ToolError(kModelError, error.what());
+  }
+  return kDone;
+}
+
 int inspect(const InspectOptions& options) {
+  if (!options.network_path.empty()) {
+    return extract_network(options);
+  }
+  if (looks_like_network(options.path)) {
+    return inspect_network(options.path, options.json);
+  }
   const Inspection inspection = inspect_file(options.path);
   print_result(options.json ? inspection_json(inspection) : inspection_text(inspection));
   return inspection.facts.decoding.fault.empty() ? kDone : kCheckFailed;
@@ -270,13 +297,23 @@ int inspect(const InspectOptions& options) {
 
 }  // namespace
 
+std::string report_line(const std::string& label, const std::string& text) {
+  return format("%-16s", label.c_str()) + printable(text) + "\n";
+}
+
 void add_inspect_command(CLI::App& application, Command* chosen) {
   const auto line = std::make_shared<InspectOptions>();
-  OptionTable options(&application, "inspect",
-                      "Check a model file and show how the library decodes it", kExamples, chosen,
-                      [line] { return inspect(*line); });
-  options.add("IMAGE", "", &line->path, "The model file").required();
-  options.flag("--json", &line->json, "Print JSON for programs instead of text");
+  OptionTable options(
+      &application, "inspect",
+      "Check a model file and tell what the library makes of it, or look into a network", kExamples,
+      chosen, [line] { return inspect(*line); });
+  options.add("FILE", "", &line->path, "The model file, or an ONNX network").required();
+  const Option json =
+      options.flag("--json", &line->json, "Print JSON for programs instead of text");
+  options
+      .add("--network", "ONNX", &line->network_path,
+           "Write the network that the model file holds, and nothing else (- is standard output)")
+      .excludes(json);
 }
 
 }  // namespace olvex_tools

@@ -2,7 +2,6 @@
 #include "tools/network/network_graph.h"
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <limits>
 
@@ -35,58 +34,6 @@ void set_tensor_type(const NetworkTensor& tensor, onnx::ValueInfoProto* value) {
   for (const std::int64_t size : tensor.shape) {
     type->mutable_shape()->add_dim()->set_dim_value(size);
   }
-}
-
-template <typename Element>
-std::vector<double> packed_numbers(const std::string& bytes) {
-  std::vector<double> numbers(bytes.size() / sizeof(Element));
-  for (std::size_t i = 0; i < numbers.size(); ++i) {
-    Element element;
-    std::memcpy(&element, bytes.data() + i * sizeof(Element), sizeof(Element));
-    numbers[i] = static_cast<double>(element);
-  }
-  return numbers;
-}
-
-template <typename Elements>
-std::vector<double> listed_numbers(const Elements& elements) {
-  return std::vector<double>(elements.begin(), elements.end());
-}
-
-std::vector<double> elements_in(const TensorProto& tensor) {
-  const bool packed = tensor.has_raw_data();
-  switch (tensor.data_type()) {
-    case TensorProto::FLOAT:
-      return packed ? packed_numbers<float>(tensor.raw_data())
-                    : listed_numbers(tensor.float_data());
-    case TensorProto::DOUBLE:
-      return packed ? packed_numbers<double>(tensor.raw_data())
-                    : listed_numbers(tensor.double_data());
-    case TensorProto::INT64:
-      return packed ? packed_numbers<std::int64_t>(tensor.raw_data())
-                    : listed_numbers(tensor.int64_data());
-    case TensorProto::INT32:
-      return packed ? packed_numbers<std::int32_t>(tensor.raw_data())
-                    : listed_numbers(tensor.int32_data());
-    case TensorProto::INT8:
-      return packed ? packed_numbers<std::int8_t>(tensor.raw_data())
-                    : listed_numbers(tensor.int32_data());
-    case TensorProto::UINT8:
-    case TensorProto::BOOL:
-      return packed ? packed_numbers<std::uint8_t>(tensor.raw_data())
-                    : listed_numbers(tensor.int32_data());
-    default:
-      return {};
-  }
-}
-
-const onnx::AttributeProto* find_attribute(const onnx::NodeProto& node, const std::string& name) {
-  for (const onnx::AttributeProto& attribute : node.attribute()) {
-    if (attribute.name() == name) {
-      return &attribute;
-    }
-  }
-  return nullptr;
 }
 
 void refuse_outside_weights(const std::string& path, const onnx::GraphProto& graph) {
@@ -305,33 +252,100 @@ void NetworkGraph::set_outputs(const std::vector<NetworkTensor>& outputs) {
   }
 }
 
-void NetworkGraph::forget_inferred_shapes() {
-  graph()->clear_value_info();
-}
-
 void NetworkGraph::update() {
-  forget_inferred_shapes();
-  onnx::ModelProto inferred = model_;
+  order_nodes();
+  shapes_.clear();
+  graph()->clear_value_info();
+  const auto outputs = graph()->output();
   try {
     // Sizes that Shape, Gather and Concat compute count as known.
     const onnx::ShapeInferenceOptions options(false, 0, true);
-    onnx::shape_inference::InferShapes(inferred, onnx::OpSchemaRegistry::Instance(), options);
-    model_ = std::move(inferred);
+    onnx::shape_inference::InferShapes(model_, onnx::OpSchemaRegistry::Instance(), options);
   } catch (const std::exception&) {
     // An operator or a shape that libonnx does not know leaves shapes open; those that need one say so.
   }
   index();
+  // They stay in the index alone: engines infer their own, and refuse a network over a name without one.
+  graph()->clear_value_info();
+  *graph()->mutable_output() = outputs;
+}
+
+int NetworkGraph::remove_unused() {
+  std::set<std::string> needed;
+  for (const onnx::ValueInfoProto& output : graph()->output()) {
+    needed.insert(output.name());
+  }
+  const int before = graph()->node_size();
+  google::protobuf::RepeatedPtrField<onnx::NodeProto> kept;
+  for (int i = before; i-- > 0;) {  // users stand behind what they use
+    onnx::NodeProto* const node = graph()->mutable_node(i);
+    const bool is_needed =
+        std::any_of(node->output().begin(), node->output().end(),
+                    [&](const std::string& output) { return needed.count(output) != 0; });
+    if (is_needed) {
+      needed.merge(values_read_by(*node));
+      kept.Add()->Swap(node);
+    }
+  }
+  std::reverse(kept.pointer_begin(), kept.pointer_end());
+  graph()->mutable_node()->Swap(&kept);
+  auto* const weights = graph()->mutable_initializer();
+  weights->erase(
+      std::remove_if(weights->begin(), weights->end(),
+                     [&](const TensorProto& tensor) { return needed.count(tensor.name()) == 0; }),
+      weights->end());
+  index();
+  return before - graph()->node_size();
+}
+
+void NetworkGraph::order_nodes() {
+  auto* const nodes = graph()->mutable_node();
+  std::map<std::string, int> makers;
+  for (int i = 0; i < nodes->size(); ++i) {
+    for (const std::string& output : nodes->Get(i).output()) {
+      makers.emplace(output, i);
+    }
+  }
+  std::vector<int> missing(static_cast<std::size_t>(nodes->size()));
+  std::map<int, std::vector<int>> followers;
+  std::set<int> ready;
+  for (int i = 0; i < nodes->size(); ++i) {
+    for (const std::string& value : values_read_by(nodes->Get(i))) {
+      const auto maker = value.empty() ? makers.end() : makers.find(value);
+      if (maker != makers.end()) {
+        followers[maker->second].push_back(i);
+        ++missing[static_cast<std::size_t>(i)];
+      }
+    }
+    if (missing[static_cast<std::size_t>(i)] == 0) {
+      ready.insert(i);
+    }
+  }
+  std::vector<onnx::NodeProto*> ordered;
+  while (!ready.empty()) {
+    const int first = *ready.begin();
+    ready.erase(ready.begin());
+    ordered.push_back(nodes->Mutable(first));
+    for (const int follower : followers[first]) {
+      if (--missing[static_cast<std::size_t>(follower)] == 0) {
+        ready.insert(follower);
+      }
+    }
+  }
+  const bool has_cycle = ordered.size() != missing.size();  // the engine refuses it
+  if (!has_cycle) {
+    std::copy(ordered.begin(), ordered.end(), nodes->pointer_begin());
+  }
 }
 
 void NetworkGraph::index() {
-  shapes_.clear();
   producers_.clear();
   users_.clear();
   weights_.clear();
   const onnx::GraphProto& graph = model_.graph();
   for (const auto* values : {&graph.value_info(), &graph.input(), &graph.output()}) {
     for (const onnx::ValueInfoProto& value : *values) {
-      if (has_shape(value)) {
+      if (has_shape(value) && shapes_.count(value.name()) == 0) {
         shapes_[value.name()] = shape_of_type(value.type());
       }
     }
@@ -351,6 +365,28 @@ void NetworkGraph::index() {
   }
 }
 
+const onnx::AttributeProto* find_attribute(const onnx::NodeProto& node, const std::string& name) {
+  for (const onnx::AttributeProto& attribute : node.attribute()) {
+    if (attribute.name() == name) {
+      return &attribute;
+    }
+  }
+  return nullptr;
+}
+
+std::set<std::string> values_read_by(const onnx::NodeProto& node) {
+  std::set<std::string> values(node.input().begin(), node.input().end());
+  for (const onnx::AttributeProto& attribute : node.attribute()) {
+    for (const onnx::NodeProto& inner : attribute.g().node()) {
+      values.merge(values_read_by(inner));
+    }
+    for (const onnx::ValueInfoProto& output : attribute.g().output()) {
+      values.insert(output.name());
+    }
+  }
+  return values;
+}
+
 std::int64_t integer_attribute(const onnx::NodeProto& node, const std::string& name,
                                std::int64_t usual) {
   const onnx::AttributeProto* attribute = find_attribute(node, name);
@@ -367,13 +403,6 @@ std::vector<std::int64_t> integers_attribute(const onnx::NodeProto& node, const 
 float float_attribute(const onnx::NodeProto& node, const std::string& name, float usual) {
   const onnx::AttributeProto* attribute = find_attribute(node, name);
   return attribute == nullptr ? usual : attribute->f();
-}
-
-std::optional<std::vector<double>> numbers_of(const TensorProto& tensor) {
-  const std::vector<double> numbers = elements_in(tensor);
-  const Shape shape(tensor.dims().begin(), tensor.dims().end());
-  const bool whole = static_cast<std::int64_t>(numbers.size()) == elements_of(shape);
-  return whole ? std::make_optional(numbers) : std::nullopt;
 }
 
 }  // namespace olvex_tools

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,6 +31,7 @@ std::vector<std::string> names_of(const std::vector<NetworkTensor>& tensors);
 // An attribute of a node to be added. ints, floats and f are mutually exclusive.
 class Attribute {
  public:
+  explicit Attribute(onnx::AttributeProto record) : record_(std::move(record)) {}
   Attribute(const std::string& name, std::int64_t value);
   Attribute(const std::string& name, float value);
   Attribute(const std::string& name, const std::vector<std::int64_t>& values);
@@ -84,13 +86,16 @@ class NetworkGraph {
   // Makes exactly these values the outputs, FP32, in this order.
   void set_outputs(const std::vector<NetworkTensor>& outputs);
 
-  // For rewriting. Call update() afterwards: it brings the shapes and the index of names up to date.
+  // For rewriting. Call update() afterwards: it brings the nodes into the order in which they are computed,
+  // and the shapes and the index of names up to date.
   onnx::GraphProto* graph() { return model_.mutable_graph(); }
   void update();
+  // Removes the nodes and weights that no output needs. Returns how many nodes.
+  int remove_unused();
 
  private:
   void index();
-  void forget_inferred_shapes();
+  void order_nodes();
 
   std::string path_;
   onnx::ModelProto model_;
@@ -99,6 +104,11 @@ class NetworkGraph {
   std::map<std::string, std::vector<int>> users_;  // indices of nodes
   std::map<std::string, int> weights_;             // index of the initializer
 };
+
+// Null when the node has none of that name.
+const onnx::AttributeProto* find_attribute(const onnx::NodeProto& node, const std::string& name);
+// What a node reads, with what the graphs inside it (branches, loops) read.
+std::set<std::string> values_read_by(const onnx::NodeProto& node);
 
 // The value of an attribute, or what it is by default.
 std::int64_t integer_attribute(const onnx::NodeProto& node, const std::string& name,

@@ -1,61 +1,22 @@
 // calibration.cpp - runs the pictures, keeps the largest values, makes scales of them.
-// Declared in pack.h; frame_source.h supplies the pictures.
+// Declared in pack.h; spread_frames.h supplies the pictures.
 #include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <cstdint>
-#include <limits>
-#include <memory>
 #include <optional>
 
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
-#include "tools/frames/frame_source.h"
-#include "tools/common/progress.h"
+#include "tools/frames/spread_frames.h"
+#include "tools/inside/scaled_outputs.h"
 
 namespace olvex_tools {
 
 namespace {
 
 using qv_host::Description;
-
-// Pictures to come exceed those of the calibration now and then. This reserve costs a seventh of a bit
-// of the fifteen that a value has.
-constexpr double kHeadroom = 1.1;
-constexpr double kSteps = std::numeric_limits<std::int16_t>::max();
-constexpr double kPictureRate = 25;  // of no effect: time stamps are not looked at
-
-// An output tensor with a scale to choose.
-struct Target {
-  std::size_t tensor;    // its place among the output tensors
-  double natural_reach;  // values up to here are to be expected whatever the pictures show; 0: none
-  std::string name;      // the network's output
-  float* scale;          // in the description
-};
-
-std::vector<Target> raw_targets(Description* description) {
-  std::vector<Target> targets;
-  for (qv_host::RawOutput& layer : description->raw) {
-    targets.push_back({targets.size(), 0, layer.name, &layer.scale});
-  }
-  return targets;
-}
-
-// The tensors' order is that of output_tensor_names(): a tensor of classes stands in second place,
-// and never beside key points.
-std::vector<Target> decoded_targets(Description* description) {
-  qv_host::DecodedOutput& decoded = description->decoded;
-  const double longest_side = std::max(description->input.width, description->input.height);
-  const std::size_t scores = decoded.emit_classes ? 2 : 1;
-  std::vector<Target> targets = {{0, longest_side, decoded.boxes, &decoded.box_scale},
-                                 {scores, 1, decoded.scores, &decoded.score_scale}};
-  if (!decoded.keypoints.empty()) {
-    targets.push_back({scores + 1, longest_side, decoded.keypoints, &decoded.keypoint_scale});
-  }
-  return targets;
-}
 
 // The largest value without its sign; nothing when a value is not finite.
 std::optional<double> largest_value(const float* values, std::size_t count) {
@@ -75,8 +36,7 @@ class CalibrationRun {
       : model_(*model),
         description_(*description),
         layout_(frame_layout(description->input)),
-        targets_(description->kind == qv_host::OutputKind::kRaw ? raw_targets(description)
-                                                                : decoded_targets(description)),
+        targets_(scaled_outputs(description)),
         largest_(targets_.size()) {}
 
   const FrameLayout& layout() const { return layout_; }
@@ -119,12 +79,12 @@ class CalibrationRun {
     largest_[target] = std::max(largest_[target], *largest);
   }
 
-  CalibratedOutput choose_scale(const Target& target, double largest) const {
+  CalibratedOutput choose_scale(const ScaledOutput& target, double largest) const {
     CalibratedOutput output;
     output.name = target.name;
     output.largest = largest;
-    output.scale = static_cast<float>(std::max(largest * kHeadroom, target.natural_reach) / kSteps);
-    output.reach = static_cast<double>(output.scale) * kSteps;
+    output.scale = scale_for(largest, target.natural_reach);
+    output.reach = static_cast<double>(output.scale) * kScaleSteps;
     if (largest == 0 || !std::isnormal(output.scale)) {
       throw ToolError(kModelError, "the network's output \"" + target.name +
                                        "\" is zero throughout all calibration frames, so no scale "
@@ -145,53 +105,19 @@ class CalibrationRun {
   LibraryModel& model_;
   const Description& description_;
   FrameLayout layout_;
-  std::vector<Target> targets_;
+  std::vector<ScaledOutput> targets_;
   std::vector<double> largest_;  // per target, over all frames
   std::vector<unsigned char> converted_;
   long frames_ = 0;
 };
 
-// Number, from 0, of the frame to run as the index-th of limit.
-long spread(long index, long limit, std::optional<long> length) {
-  if (!length || *length <= limit) {
-    return index;
-  }
-  return static_cast<long>(static_cast<std::int64_t>(index) * *length / limit);
-}
-
-// False at the end of the source.
-bool skip_to(long number, FrameSource* source, long* position) {
-  while (*position < number) {
-    if (!source->skip()) {
-      return false;
-    }
-    ++*position;
-  }
-  return true;
-}
-
 }  // namespace
 
 Calibration calibrate(const std::string& pictures, long limit, LibraryModel* model,
                       Description* description) {
-  silence_opencv();
   CalibrationRun run(model, description);
-  const std::unique_ptr<FrameSource> source =
-      open_frame_source(pictures, run.layout(), kPictureRate);
-  const std::optional<long> length = source->length();
-  Progress progress(length ? std::min(*length, limit) : limit, false);
-  SourceFrame frame;
-  long position = 0;
-  long done = 0;
-  while (done < limit && skip_to(spread(done, limit, length), source.get(), &position) &&
-         source->next(&frame)) {
-    run.process(&frame);
-    ++position;
-    progress.update(++done);
-  }
-  if (done == 0) {
-    refuse_input(pictures, "no frame can be read from it");
-  }
+  for_spread_frames(pictures, run.layout(), limit,
+                    [&run](SourceFrame* frame) { run.process(frame); });
   return run.finish();
 }
 

@@ -13,6 +13,7 @@
 #include "platform/host/host_image.h"
 
 #include "tools/common/options.h"
+#include "tools/heads/conclude_head.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 #include "tools/network/network_graph.h"
@@ -51,6 +52,12 @@ struct PackOptions {
   std::optional<ThreeNumbers> mean;
   std::optional<ThreeNumbers> scale;
 
+  // Where nothing is said about the outputs, the head is concluded; these take its place in part.
+  HeadOptions head;
+  std::vector<GivenOption> given;  // all that stands on the command line
+  std::string saved_network_path;
+  bool force = false;  // write what could not be proven
+
   std::vector<std::string> raw;
   std::optional<bool> nchw;
   std::optional<ThreeNumbers> raw_scale;
@@ -74,7 +81,8 @@ struct PackOptions {
   std::optional<long> calibration_limit;  // frames
 
   std::string class_names_path;
-  Pairs pairs;  // for the header, checked
+  std::vector<std::string> class_names;  // where there is no such file
+  Pairs pairs;                           // for the header, checked
   bool pairs_in_name = false;
 };
 
@@ -82,9 +90,11 @@ struct PackOptions {
 // throws ToolError (kUsageError) for one that does not fit. options must outlive it.
 std::function<void()> add_pack_options(const OptionTable& table, PackOptions* options);
 
-// The description: of the file that --description names, or a new one, changed by the options; what
-// the network itself fixes is filled in. Throws ToolError.
-qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network);
+// Of the file that --description names, or a new one, with the size that the options give. Throws ToolError.
+qv_host::Description start_description(const PackOptions& options);
+// That description changed by the options; what the network itself fixes is filled in. Throws ToolError.
+qv_host::Description describe_model(const PackOptions& options, const qv_host::Description& start,
+                                    const NetworkGraph& network);
 
 // ---- The scales of 16-bit outputs (calibration.cpp) ---------------------------------------------
 

@@ -12,7 +12,9 @@
 #include "platform/host/host_image.h"
 #include "platform/host/qv_host.h"
 
+#include "tools/pack/network_preparation.h"
 #include "tools/pack/pack.h"
+#include "tools/pack/proof.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
@@ -20,6 +22,7 @@
 #include "tools/inside/network_trial.h"
 #include "tools/frames/own_files.h"
 #include "tools/common/output_file.h"
+#include "tools/network/loadable.h"
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
@@ -47,9 +50,10 @@ void check_target(const PackOptions& options) {
   if (options.image_path == kStandardOutput) {
     refuse_usage("--output -: a model file is not written to standard output. Name a file");
   }
-  require_own_files({{"--output", options.image_path}},
-                    {options.network_path, options.description_path, options.class_names_path,
-                     options.picture_path, options.calibration_pictures.value_or("")});
+  require_own_files(
+      {{"--output", options.image_path}, {"--save-network", options.saved_network_path}},
+      {options.network_path, options.description_path, options.class_names_path,
+       options.picture_path, options.calibration_pictures.value_or("")});
 }
 
 void check_pair_places(const PackOptions& options, const Description& description) {
@@ -64,18 +68,20 @@ void check_pair_places(const PackOptions& options, const Description& descriptio
   }
 }
 
-cv::Mat test_picture(const PackOptions& options, const Description& description) {
-  if (options.picture_path.empty()) {
-    return generated_gradient(description.input.width, description.input.height);
-  }
-  const std::vector<char> bytes = read_whole_file("the test picture", options.picture_path);
+cv::Mat read_picture(const std::string& path) {
+  const std::vector<char> bytes = read_whole_file("the test picture", path);
   // Not imread: that prints the name, which may hold anything, to the terminal.
   const cv::Mat picture = bytes.empty() ? cv::Mat() : cv::imdecode(bytes, cv::IMREAD_COLOR);
   if (picture.empty()) {
-    refuse_input(options.picture_path,
-                 "not a picture that can be decoded. Give a JPEG or PNG file");
+    refuse_input(path, "not a picture that can be decoded. Give a JPEG or PNG file");
   }
   return picture;
+}
+
+cv::Mat test_picture(const PackOptions& options, const Description& description) {
+  return options.picture_path.empty()
+             ? generated_gradient(description.input.width, description.input.height)
+             : read_picture(options.picture_path);
 }
 
 // What the library makes of the model, which is refused when that is not what was asked for.
@@ -156,10 +162,35 @@ std::string describe_calibration(const std::string& pictures, const Calibration&
   return text;
 }
 
+// What was concluded and from what.
+std::string describe_head(const PreparedNetwork& prepared) {
+  std::string text = "  head       " + prepared.head->reading.head.family + "\n";
+  for (const HeadFact& fact : prepared.head->reading.facts) {
+    text += "             " + fact.text + "\n";
+  }
+  return text + "  the same   " + prepared.head->command + "\n";
+}
+
+std::string describe_proof(const ProofResult& proof) {
+  std::string text;
+  for (const std::string& line : proof.shown) {
+    text += (text.empty() ? "  proof      " : "             ") + line + "\n";
+  }
+  for (const std::string& fault : proof.faults) {
+    text += "  UNPROVEN   " + fault + "\n";
+  }
+  return text;
+}
+
 std::string describe_result(const PackOptions& options, const Description& description,
+                            const std::vector<std::string>& rewrites,
                             const std::optional<Calibration>& calibration, std::size_t bytes,
-                            const TestRun& test) {
+                            const TestRun& test, const std::string& head_and_proof) {
   std::string text = "packed " + options.image_path + ", " + std::to_string(bytes) + " bytes\n";
+  for (const std::string& rewrite : rewrites) {
+    text += "  network    " + one_line(rewrite) + "\n";
+  }
+  text += head_and_proof;
   for (const TensorFacts& tensor : test.facts.inputs) {
     text += "  input      " + describe(tensor) + "\n";
   }
@@ -258,32 +289,93 @@ std::optional<Calibration> choose_scales(const PackOptions& options, const Pairs
                    description);
 }
 
-// Returns what to print. Requires: a LibraryLog exists.
-std::string pack_and_describe(const PackOptions& options) {
-  const Pairs& pairs = options.pairs;
-  const std::vector<char> network = read_whole_file("the network", options.network_path);
-  const NetworkGraph graph(options.network_path, network);
-  Description description = describe_model(options, graph);
-  check_pair_places(options, description);
-  if (options.print_description) {
-    choose_scales(options, pairs, network, &description);
-    return qv_host::description_to_json(description) + "\n";
+std::vector<ProofPicture> proof_pictures(const PackOptions& options, const cv::Mat& given) {
+  std::vector<ProofPicture> pictures = {{"street picture", street_picture()}};
+  if (!options.picture_path.empty()) {
+    pictures.push_back({options.picture_path, given});
   }
-  check_target(options);
+  return pictures;
+}
+
+// Sets what the description says about the proof. Throws ToolError (kModelError) when it fails and is not
+// forced. Nothing is proven of outputs that the options describe.
+std::optional<ProofResult> prove_and_mark(const PackOptions& options,
+                                          const PreparedNetwork& prepared, const cv::Mat& picture,
+                                          Description* description) {
+  if (!prepared.head) {
+    return std::nullopt;
+  }
+  const ProofResult proof = prove(prepared, *description, proof_pictures(options, picture));
+  if (!proof.faults.empty() && !options.force) {
+    std::string head = describe_head(prepared);
+    head.pop_back();  // the last line's end
+    throw ToolError(kModelError, options.network_path + ": " + join(proof.faults, "\n  ") +
+                                     "\n  Nothing is written; --force writes it all the same\n" +
+                                     head);
+  }
+  description->fusion = proof.fusion;
+  description->proof = proof.faults.empty() ? qv_host::Proof::kProven : qv_host::Proof::kUnproven;
+  return proof;
+}
+
+void save_network(const PackOptions& options, const PreparedNetwork& prepared) {
+  if (!options.saved_network_path.empty()) {
+    ReplacementFile file(options.saved_network_path);
+    file.write(prepared.portable);
+    file.commit();
+  }
+}
+
+// The image, tried, proven and put in place. Returns what to print.
+std::string write_image(const PreparedNetwork& prepared, Description description) {
+  const PackOptions& options = prepared.options;
+  const Pairs& pairs = options.pairs;
   const cv::Mat picture = test_picture(options, description);
   const std::optional<Calibration> calibration =
-      choose_scales(options, pairs, network, &description);
-  const std::vector<char> bytes = build_model_file(pairs, description, network);
+      choose_scales(options, pairs, prepared.bytes, &description);
+  {
+    ReplacementFile file(options.image_path);
+    file.write(build_model_file(pairs, description, prepared.bytes));
+    if (!calibration) {  // which has tried the network
+      require_harmless_network(file.temporary_path(), options.network_path);
+    }
+  }
+  const std::optional<ProofResult> proof = prove_and_mark(options, prepared, picture, &description);
+  const std::vector<char> bytes = build_model_file(pairs, description, prepared.bytes);
   ReplacementFile file(options.image_path);
   file.write(bytes);
-  if (!calibration) {  // which has tried the network
-    require_harmless_network(file.temporary_path(), options.network_path);
-  }
   const TestRun test =
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
+  save_network(options, prepared);
   file.commit();
-  print_notes(description, graph, test);
-  return describe_result(options, description, calibration, bytes.size(), test);
+  for (const std::string& note : proof ? proof->notes : std::vector<std::string>()) {
+    print_note(note);
+  }
+  print_notes(description, prepared.graph, test);
+  const std::string head = prepared.head ? describe_head(prepared) + describe_proof(*proof) : "";
+  return describe_result(options, description, prepared.rewrites, calibration, bytes.size(), test,
+                         head);
+}
+
+// Returns what to print. Requires: a LibraryLog exists.
+std::string pack_and_describe(const PackOptions& options) {
+  const Description start = start_description(options);
+  PreparedNetwork prepared = prepare_network(options, start, [&options] {
+    return options.picture_path.empty() ? street_picture() : read_picture(options.picture_path);
+  });
+  Description description = describe_model(prepared.options, start, prepared.graph);
+  check_pair_places(prepared.options, description);
+  if (!options.print_description) {
+    check_target(options);
+  } else if (!options.calibration_pictures) {
+    return qv_host::description_to_json(description) + "\n";
+  }
+  finish_network(&prepared);
+  if (options.print_description) {
+    choose_scales(prepared.options, prepared.options.pairs, prepared.bytes, &description);
+    return qv_host::description_to_json(description) + "\n";
+  }
+  return write_image(prepared, description);
 }
 
 // Returns what to print.

@@ -17,6 +17,8 @@ using qv_host::ColourOrder;
 using qv_host::Description;
 using qv_host::OutputKind;
 
+constexpr int kUsualBoxes = 1000;
+
 // ---- Input --------------------------------------------------------------------------------------
 
 void apply_input_options(const PackOptions& options, qv_host::InputDescription* input) {
@@ -31,10 +33,6 @@ void apply_input_options(const PackOptions& options, qv_host::InputDescription* 
   }
   input->frame_order = options.frame_order.value_or(input->frame_order);
   input->name = options.input.value_or(input->name);
-  if (options.size) {
-    input->width = options.size->width;
-    input->height = options.size->height;
-  }
   input->network_order = options.network_order.value_or(input->network_order);
   input->resize = options.resize.value_or(input->resize);
   input->mean = options.mean.value_or(input->mean);
@@ -150,7 +148,8 @@ void apply_decoded_options(const PackOptions& options, const NetworkGraph& netwo
   decoded->box_fractions = options.box_fractions.value_or(decoded->box_fractions);
   decoded->background = options.background.value_or(decoded->background);
   decoded->emit_classes = options.classes.value_or(decoded->emit_classes);
-  decoded->max_boxes = options.max_boxes.value_or(decoded->max_boxes);
+  const int usual_boxes = options.description_path.empty() ? kUsualBoxes : decoded->max_boxes;
+  decoded->max_boxes = options.max_boxes.value_or(usual_boxes);
   decoded->min_score = options.min_score.value_or(decoded->min_score);
   decoded->box_scale = options.box_scale.value_or(decoded->box_scale);
   decoded->score_scale = options.score_scale.value_or(decoded->score_scale);
@@ -269,11 +268,21 @@ Description read_description(const std::string& path) {
 
 }  // namespace
 
-qv_host::Description describe_model(const PackOptions& options, const NetworkGraph& network) {
+qv_host::Description start_description(const PackOptions& options) {
   Description description;
   if (!options.description_path.empty()) {
     description = read_description(options.description_path);
   }
+  if (options.size) {
+    description.input.width = options.size->width;
+    description.input.height = options.size->height;
+  }
+  return description;
+}
+
+qv_host::Description describe_model(const PackOptions& options, const Description& start,
+                                    const NetworkGraph& network) {
+  Description description = start;
   description.title = options.title.value_or(description.title);
   apply_input_options(options, &description.input);
   const NetworkTensor& tensor = find_input(description.input.name, network);
@@ -284,6 +293,8 @@ qv_host::Description describe_model(const PackOptions& options, const NetworkGra
   apply_output_options(options, network, &description);
   if (!options.class_names_path.empty()) {
     description.class_names = read_class_names(options.class_names_path);
+  } else if (!options.class_names.empty()) {
+    description.class_names = options.class_names;
   }
   if (options.pairs_in_name) {
     description.name_pairs = options.pairs;

@@ -22,6 +22,8 @@ constexpr long kMostCalibrationFrames = 1000000;  // by far: a few hundred settl
 
 const char kExamples[] =
     "Examples:\n"
+    "  Any usual detection network; what is concluded and the proof are reported:\n"
+    "    olvex-det pack people.onnx -o people.qtm\n"
     "  A network that ends in boxes and scores, fed from the camera's NV12 frames:\n"
     "    olvex-det pack people.onnx -o people.qtm --boxes boxes --scores scores \\\n"
     "      --network-order bgr --scale 1/255\n"
@@ -105,6 +107,81 @@ FrameSize parse_size(const std::string& text) {
   return {static_cast<int>(across), static_cast<int>(down)};
 }
 
+// A whole number of 1 or more.
+int parse_count(const std::string& option, const std::string& text) {
+  const double value = whole_number_text(text);
+  if (!(value >= 1 && value <= 1e6 && value == std::floor(value))) {
+    refuse_usage(option + ": \"" + text + "\" is no whole number of 1 or more");
+  }
+  return static_cast<int>(value);
+}
+
+int parse_background(const std::string& option, const std::string& text) {
+  constexpr double kMost = 32767;
+  const double value = in_lower_case(text) == "none" ? -1 : whole_number_text(text);
+  if (!(value >= -1 && value <= kMost && value == std::floor(value))) {
+    refuse_usage(option + ": \"" + text + "\" is no column. Write its number, from 0, or none");
+  }
+  return static_cast<int>(value);
+}
+
+std::vector<int> parse_integers(const std::string& option, const std::string& text) {
+  std::vector<int> numbers;
+  for (const std::string& part : split(text, ',')) {
+    numbers.push_back(parse_count(option, part));
+  }
+  return numbers;
+}
+
+// "10x13,16x30/30x61": a square where there is one number.
+SizesOfLayers parse_sizes(const std::string& option, const std::string& text) {
+  SizesOfLayers sizes;
+  for (const std::string& layer : split(text, '/')) {
+    sizes.emplace_back();
+    for (const std::string& box : split(layer, ',')) {
+      const std::vector<std::string> sides = split(in_lower_case(box), 'x');
+      const double width = whole_number_text(sides.front());
+      const double height = whole_number_text(sides.back());
+      if (sides.size() > 2 || !(width > 0 && width < 1e5 && height > 0 && height < 1e5)) {
+        refuse_usage(option + ": \"" + box + "\" is no size. Write 10x13,16x30/30x61,62x45");
+      }
+      sizes.back().push_back({width, height});
+    }
+  }
+  return sizes;
+}
+
+std::array<double, 2> parse_variances(const std::string& option, const std::string& text) {
+  const std::vector<std::string> parts = split(text, ',');
+  const double centre = whole_number_text(parts.front());
+  const double size = whole_number_text(parts.back());
+  if (parts.size() != 2 || !(centre > 0 && centre < 1e3 && size > 0 && size < 1e3)) {
+    refuse_usage(option + ": \"" + text + "\" are not two numbers above 0. Write 0.1,0.2");
+  }
+  return {{centre, size}};
+}
+
+double parse_place(const std::string& option, const std::string& text) {
+  const double place = whole_number_text(text);
+  if (!(place >= 0 && place <= 1)) {
+    refuse_usage(option + ": \"" + text + "\" is no place in a cell. Write 0 or 0.5");
+  }
+  return place;
+}
+
+std::string parse_family(const std::string& option, const std::string& text) {
+  std::vector<std::string> names;
+  for (const HeadFamily& family : head_families()) {
+    names.push_back(family.name);
+  }
+  const std::string word = in_lower_case(text);
+  if (std::find(names.begin(), names.end(), word) == names.end()) {
+    refuse_usage(option + ": \"" + text + "\" is none of " + join(names, ", ") +
+                 did_you_mean(word, names));
+  }
+  return word;
+}
+
 Pair parse_pair(const std::string& text) {
   const std::size_t equals = text.find('=');
   if (equals == std::string::npos) {
@@ -147,7 +224,13 @@ class Declaration {
                 "Print the description as JSON and write nothing");
     table_.add("--picture", "FILE", &options_.picture_path,
                "Picture for the test run (default: a generated gradient)");
+    table_.add("--save-network", "FILE", &options_.saved_network_path,
+               "Also write the network as it was packed, decoding included: an ONNX file for any "
+               "other engine");
+    table_.flag("--force", &options_.force,
+                "Write the model file although its proof failed; it is marked as unproven");
     add_input_options();
+    add_head_options();
     add_raw_options();
     add_decoded_options();
     add_element_options();
@@ -161,6 +244,15 @@ class Declaration {
         conversion.convert(conversion.option.value());
       }
     }
+    options_.head.box_order = options_.box_order;
+    options_.head.box_fractions = options_.box_fractions;
+    options_.head.background = options_.background;
+    options_.head.keypoint_values = options_.keypoint_values;
+    options_.head.mean = options_.mean;
+    options_.head.scale = options_.scale;
+    options_.head.order = options_.network_order;
+    options_.head.resize = options_.resize;
+    options_.given = table_.given();
     options_.pairs.clear();
     if (model_out_.given()) {
       options_.pairs.emplace_back(kModelOutKey, model_out_.value());
@@ -243,6 +335,51 @@ class Declaration {
               "Then multiplied with: like --mean; ratios such as 1/255 are numbers too");
   }
 
+  void add_head_options() {
+    HeadOptions& head = options_.head;
+    table_.group("Outputs whose decoding pack appends; found from the network where not given");
+    std::string families;
+    for (const HeadFamily& family : head_families()) {
+      families += (families.empty() ? "" : ", ") + family.name;
+    }
+    add("--head", "FAMILY", &head.family, "One of " + families, parse_family);
+    add("--strides", "N,N,..", &head.strides, "Strides of the layers, in order", parse_integers);
+    add("--anchors", "SIZES", &head.anchors,
+        "Boxes of a cell in pixels, WxH with commas between, and / between strides", parse_sizes);
+    add("--prior-sizes", "SIZES", &head.prior_sizes, "The same for priors; N is a square",
+        parse_sizes);
+    add("--variances", "N,N", &head.variances, "Of centres and sizes (usual: 0.1,0.2)",
+        parse_variances);
+    add("--class-count", "N", &head.class_count, "Classes, without the background", parse_count);
+    add("--bins", "N", &head.bins, "Bins of each distance", parse_count);
+    const Choices<Activation> activations = {{"none", Activation::kNone},
+                                             {"sigmoid", Activation::kSigmoid},
+                                             {"softmax", Activation::kSoftmax}};
+    add_word<Activation>("--class-activation", &head.class_activation, activations,
+                         "To be applied to the classes: none, sigmoid or softmax");
+    add_word<Activation>("--objectness-activation", &head.objectness_activation, activations,
+                         "The same for the objectness");
+    add_word<Activation>("--keypoint-activation", &head.point_activation, activations,
+                         "The same for the scores of key points");
+    add_word<CentreCurve>("--centre-curve", &head.centre_curve,
+                          {{"none", CentreCurve::kIdentity},
+                           {"sigmoid", CentreCurve::kSigmoid},
+                           {"tanh", CentreCurve::kTanh},
+                           {"twice", CentreCurve::kTwice},
+                           {"twice-sigmoid", CentreCurve::kTwiceSigmoid}},
+                          "From a value to a centre: none, sigmoid, tanh, twice (2 v - 0.5) or "
+                          "twice-sigmoid");
+    add_word<SizeCurve>("--size-curve", &head.size_curve,
+                        {{"exponential", SizeCurve::kExponential},
+                         {"sigmoid", SizeCurve::kSigmoid},
+                         {"square", SizeCurve::kSquare},
+                         {"square-of-sigmoid", SizeCurve::kSquareOfSigmoid}},
+                        "From a value to a size: exponential, sigmoid, square (of 2 v) or "
+                        "square-of-sigmoid");
+    add("--cell-centre", "NUMBER", &head.cell_centre,
+        "Where in a cell its values count from: 0 (upper left corner) or 0.5", parse_place);
+  }
+
   void add_raw_options() {
     table_.group("Outputs that are raw layers, decoded by the library");
     table_.add("--raw", "OUT", &options_.raw, "The three layers, in order").takes(3);
@@ -265,8 +402,8 @@ class Declaration {
                        "xyxy (default) or cxcywh");
     add_word<bool>("--box-unit", &options_.box_fractions, {{"fractions", true}, {"pixels", false}},
                    "fractions of the input (default) or pixels of it");
-    table_.add("--background", "N", &options_.background,
-               "Score column that is no class, from 0; later columns move down by one");
+    add("--background", "N|none", &options_.background,
+        "Score column that is no class, from 0; later columns move down by one", parse_background);
     table_.flag("--classes,!--no-classes", &options_.classes,
                 "Hand a class tensor to the library (default), or report everything as class 0");
     table_.add("--max-boxes", "N", &options_.max_boxes, "Candidates kept, 1..32767 (default 1000)");

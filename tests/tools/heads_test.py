@@ -1,0 +1,87 @@
+"""heads_test.py - networks of every head, packed without a word about the head: the images find the boxes of
+the street's own three layers. And what is wrong with the options is named.
+
+The networks are those of models/street/heads.py. See tool_test.py for the usage.
+"""
+import json
+import pathlib
+import subprocess
+import sys
+
+from tool_test import ToolTest, main
+
+STREET = pathlib.Path(__file__).resolve().parents[2] / "models/street"
+STREET_INPUT = ["--network-order", "bgr", "--mean", "0", "--scale", "1/255"]
+PERSON = 0
+# Head that must be concluded for each family of heads.py, and whether it can express every box.
+ALL, PERSONS, SOME = "all boxes", "persons", "some boxes"
+FAMILIES = {
+    "combined": ("combined", ALL), "combined-rows": ("combined", ALL), "combined-keypoints": ("combined", PERSONS),
+    "end-to-end": ("end-to-end", ALL), "objectness": ("objectness", ALL),
+    "objectness-offsets": ("objectness-offsets", ALL), "anchors": ("anchors", SOME), "anchors-5d": ("anchors", SOME),
+    "anchors-decoded": ("objectness", SOME), "distance-bins": ("distance-bins", SOME),
+    "distance-bins-many": ("distance-bins", ALL), "distance-bins-joined": ("distance-bins", SOME),
+    "distance-bins-joined-planes": ("distance-bins", SOME), "distance-bins-one-output": ("distance-bins", SOME),
+    "cls-obj-box-keypoints": ("class-objectness-box", PERSONS), "priors": ("priors", ALL),
+    "priors-landmarks": ("priors", PERSONS), "priors-no-background": ("priors", ALL),
+    "score-distance-keypoints": ("score-distance", PERSONS), "own-formula": ("own-formula", SOME),
+    "boxes-and-scores": ("boxes-and-scores", ALL), "raw": ("raw", ALL)}
+
+
+def are_same(left, right):
+    return (left["class_id"] == right["class_id"] and abs(left["score"] - right["score"]) < .005
+            and all(abs(left[side] - right[side]) <= 1 for side in ("x", "y", "width", "height")))
+
+
+class HeadsTest(ToolTest):
+    def setUp(self):
+        super().setUp()
+        subprocess.run([sys.executable, "-B", STREET / "heads.py", "--all", "-o", self.folder], check=True)
+
+    def packed(self, family, *options, **expected):
+        return self.tool("pack", f"{family}.onnx", "-o", "out.qtm", *options, **expected)
+
+    def found(self):
+        self.tool("run", "out.qtm", STREET / "clip/street.mp4", "--limit", "2", "--jsonl", "out.jsonl")
+        return [json.loads(line)["boxes"] for line in (self.folder / "out.jsonl").read_text().splitlines()]
+
+    def test_each_head_is_concluded_and_finds_the_same_boxes(self):
+        self.packed("raw", *STREET_INPUT)
+        wanted = self.found()
+        self.assertGreater(min(map(len, wanted)), 5)
+        for family, (head, extent) in FAMILIES.items():
+            with self.subTest(family):
+                report = self.packed(family, *STREET_INPUT).stdout
+                self.assertIn(f"head       {head}\n", report)
+                image = (self.folder / "out.qtm").read_bytes()
+                self.assertIn(b'"proof": "proven"', image)
+                for expected, boxes in zip(wanted, self.found()):
+                    expected = [box for box in expected if extent != PERSONS or box["class_id"] == PERSON]
+                    missing = [box for box in expected if not any(are_same(box, other) for other in boxes)]
+                    self.assertTrue(len(missing) < len(expected) if extent == SOME else
+                                    not missing and len(boxes) == len(expected), (expected, boxes))
+                # The command in the report says the same.
+                command = report.split("the same   olvex-det ")[1].splitlines()[0].split()
+                self.tool(*command)
+                self.assertEqual((self.folder / "out.qtm").read_bytes(), image)
+
+    def test_wrong_options_are_named_and_nothing_is_written(self):
+        right = ["--network-order", "bgr"]
+        for options, code, said in (
+                (["--scale", "0", *right], 3, ["--scale 0"]),
+                (["--scale", "1", *right], 3, ["with --mean 0 --scale 1/255", "Check --mean and --scale"]),
+                (["--box-order", "xyxy", *right], 3, ["are empty, or their corners in the wrong order"]),
+                (["--box-unit", "fractions", *right], 3, ["of the area of boxes lies in the picture"]),
+                (["--head", "anchors"], 3, ["do not fit --head anchors", "output0 1x11x3024"]),
+                (["--head", "combind"], 2, ["Did you mean combined?"])):
+            self.packed("combined", *options, code=code, said=said)
+            self.assertFalse((self.folder / "out.qtm").exists())
+        self.packed("priors", "--prior-sizes", "16/32/64", code=2, said=["the network has 8472 rows"])
+        self.packed("combined", "--network-order", "rgb", said=["with --network-order bgr scores rise"])
+        self.packed("combined", "--scale", "0", *right, "--force", "--save-network", "saved.onnx")
+        self.assertIn(b'"proof": "unproven"', (self.folder / "out.qtm").read_bytes())
+        self.tool("pack", "saved.onnx", "-o", "again.qtm", "--boxes", "boxes", "--scores", "scores")
+
+
+if __name__ == "__main__":
+    main()

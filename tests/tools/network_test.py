@@ -1,0 +1,226 @@
+"""network_test.py - networks that pack rewrites compute what they computed: each case runs in the engine as
+packed, and is compared with the same arithmetic in numpy.
+
+See tool_test.py for the usage.
+"""
+import json
+import random
+import resource
+
+import cv2
+import numpy as np
+from onnx import TensorProto, helper, numpy_helper
+from tool_test import TOOL, ToolTest, main
+
+SEED = np.random.default_rng(7)
+OUT = ["-o", "out.qtm", "--boxes", "boxes", "--scores", "scores"]
+
+
+def floats(*shape):
+    return SEED.uniform(0.25, 1.5, shape).astype(np.float32)
+
+
+def ints(*values):
+    return np.array(values, np.int64)
+
+
+def softmax(x, *axes):
+    e = np.exp(x - x.max(axes, keepdims=True))
+    return e / e.sum(axes, keepdims=True)
+
+
+def network(cases, opset=13, sizes=None, metadata=None):
+    """A picture x, boxes and scores, and for each case the output y of its own nodes "y z = Operator a b", in which
+    v is x / 255 in the case's shape; names end in the number of the case. None in sizes leaves a dimension open."""
+    weights = {"k255": np.float32(1 / 255), "shape_of_boxes": ints(1, 48, 4)}
+    made = [helper.make_node("Mul", ["x", "k255"], ["x01"]), helper.make_node("Reshape", ["x01", "shape_of_boxes"], ["boxes"]),
+            helper.make_node("Sigmoid", ["boxes"], ["scores"])]
+    for number, (_, nodes, _, own, options) in enumerate(cases):
+        own = {**own, "shape": ints(*options.get("shape", (1, 3, 8, 8)))}
+        weights.update({f"{name}{number}": value for name, value in own.items()})
+        for text, *attributes in [("v = Reshape x01 shape",), *nodes]:
+            outputs, call = text.split(" = ")
+            operator, *inputs = call.split()
+            made.append(helper.make_node(
+                operator, ["" if name == "_" else name if name == "x01" else f"{name}{number}" for name in inputs],
+                [f"{name}{number}" for name in outputs.split()], name=f"node_{len(made)}", **dict(*attributes)))
+    graph = helper.make_graph(
+        made, "graph", [helper.make_tensor_value_info("x", TensorProto.FLOAT, sizes or (1, 3, 8, 8))],
+        [helper.make_tensor_value_info(name, TensorProto.FLOAT, None)
+         for name in ["boxes", "scores"] + [f"y{number}" for number in range(len(cases))]],
+        [numpy_helper.from_array(np.asarray(value), name) for name, value in weights.items()])
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", opset)], ir_version=7)
+    helper.set_model_props(model, metadata or {})
+    return model.SerializeToString()
+
+
+A, ROW, COLUMN, PLANES = floats(1, 48, 4), floats(4), floats(48, 1), floats(3, 1, 1)
+WEIGHT8 = SEED.integers(-128, 128, (5, 3, 3, 3)).astype(np.int8)
+SCALES, ZEROS = floats(5) / 50, np.array([0, 3, -5, 7, 1], np.int8)
+DEQUANTISED = (WEIGHT8.astype(np.float32) - ZEROS.reshape(5, 1, 1, 1)) * SCALES.reshape(5, 1, 1, 1)
+WINDOW = floats(5, 3, 1, 1)
+LIST, DEEP = (1, 48, 4), (1, 3, 2, 4, 8)
+NEAREST = {"mode": "nearest", "coordinate_transformation_mode": "asymmetric", "nearest_mode": "floor"}
+
+
+def convolved(v, weights):
+    wide = np.pad(v, ((0, 0), (0, 0), (1, 1), (1, 1)))
+    return sum(np.einsum("oi,nihw->nohw", weights[:, :, i, j], wide[:, :, i:i + 8, j:j + 8])
+               for i in range(3) for j in range(3))
+
+
+def case(said, nodes, expected, weights=None, **options):
+    return said, nodes, expected, weights or {}, options
+
+
+def arithmetic():
+    """Every operation of two operands with every shape that exporters write, the second constant or computed."""
+    for name, function in (("Add", np.add), ("Sub", np.subtract), ("Mul", np.multiply), ("Div", np.divide)):
+        for shape, others in (((1, 3, 8, 8), ((), (3, 1, 1), (1, 1, 8, 8), (8,), (1, 1, 8, 1), (1, 3, 8, 8), (1, 1, 1, 1))),
+                              (LIST, ((1, 48, 1), (48, 1), (1, 1, 4), (4,), (48, 4), (1, 1, 1))),
+                              ((1, 1, 192), ((1, 5, 1),)), (DEEP, ((1, 3, 1, 1, 8), (8,), (4, 1)))):
+            for other in others:
+                for computed in (False, True) if len(other) > 1 else (False,):  # the engine has no values of one dimension
+                    for order in (1, -1):
+                        w, size = floats(*other), int(np.prod(other))
+                        nodes = [("f = Reshape v flat",), ("s = Slice f from to axis",), ("r = Reshape s like",), ("c = Add r w",)]
+                        yield case("", [*(nodes if computed else []), (f"y = {name} " + " ".join(["v", "c" if computed else "w"][::order]),)],
+                                   lambda v, f=function, w=w, o=order, n=size * computed: f(
+                                       *[v + .0, w + (v.ravel()[:n].reshape(w.shape) if n else 0)][::o]),
+                                   {"w": w, "flat": ints(1, -1), "from": ints(0), "to": ints(size), "axis": ints(1), "like": ints(*other)}, shape=shape)
+
+
+CASES = [
+    *(case("Clip", [(f"y = Clip v {bounds}",)], lambda v, b=limits: np.clip(v, *b), {"l": np.float32(.2), "h": np.float32(.6)})
+      for bounds, limits in (("l h", (.2, .6)), ("l", (.2, 9)), ("_ h", (0, .6)))),
+    case("Max", [("a = Max v l",), ("y = Min h a",)], lambda v: np.clip(v, .2, .6), {"l": np.float32([.2]), "h": np.float32(.6)}),
+    case("folded", [("k = Constant", {"value_float": .5}), ("a = Mul v k",), ("l = Constant", {"value": numpy_helper.from_array(np.float32([.25]))}), ("b = Add a l",),
+                    ("m = Constant", {"value": numpy_helper.from_array(np.float32([3]))}), ("y = Mul b m",)], lambda v: (v * .5 + .25) * 3),
+    case("folded", [("s = Shape v",), ("n = Gather s one",), ("m = Mul n two",), ("u = Unsqueeze m zero",), ("c = Concat u rest", {"axis": 0}),
+                    ("y = Reshape v c",)], lambda v: v.reshape(6, -1), {"one": np.int64(1), "two": np.int64(2), "zero": ints(0), "rest": ints(-1)}),
+    case("folded", [("r = Range zero n one",), ("c = Cast r", {"to": 1}), ("d = Add c half",), ("e = Expand d sizes",), ("t = Transpose e", {"perm": [1, 0]}),
+                    ("f = Slice t zeros sevens zeros",), ("g = Concat f l", {"axis": 0}), ("y = Add v g",)],
+         lambda v: v + np.vstack([np.repeat(np.arange(7)[:, None] + .5, 8, 1), np.full((1, 8), 9)]),
+         {"zero": np.int64(0), "n": np.int64(8), "one": np.int64(1), "half": np.float32(.5), "sizes": ints(8, 8), "zeros": ints(0),
+          "sevens": ints(7), "l": np.full((1, 8), 9, np.float32)}),
+    *(case("Split", [("y z = Split v sizes", {"axis": axis})], lambda v, c=cut: v[c], {"sizes": sizes})
+      for axis, sizes, cut in ((1, ints(1, 2), np.s_[:, :1]), (-1, ints(3, 5), np.s_[..., :3]))),
+    *(case("Squeeze", [(f"y = {call}", *attributes)], lambda v, s=to: v.reshape(s), {"two": ints(2), "some": ints(1, 3), "last": ints(-1)},
+           shape=shape, opset=opset)
+      for call, attributes, to, shape, opset in (
+          ("Squeeze v two", [], (1, 24, 8), (1, 24, 1, 8), 13), ("Squeeze v", [{"axes": [-1]}], (1, 24, 8), (1, 24, 8, 1), 11),
+          ("Squeeze v", [], (24, 8), (1, 24, 1, 8), 13), ("Unsqueeze v some", [], (1, 1, 24, 1, 8), (1, 24, 8), 13),
+          ("Unsqueeze v last", [], (1, 24, 8, 1), (1, 24, 8), 13))),
+    case("Softmax", [("y = Softmax v", {"axis": 1})], lambda v: softmax(v, 1, 2, 3), opset=11),
+    case("Softmax", [("y = Softmax v",)], lambda v: softmax(v, 3)),
+    case("reduction", [("y = ReduceSum v a", {"keepdims": 0})], lambda v: v.sum(2), {"a": ints(-1)}, shape=LIST),
+    case("Gather", [("y = Gather v i", {"axis": -1})], lambda v: v[..., [3, 0, 1]], {"i": ints(3, 0, -3)}, shape=LIST),
+    case("Gather", [("y = Gather v i", {"axis": 1})], lambda v: v[:, [2]], {"i": ints(2)}),
+    *(case("Slice", [(f"y = Slice v {inputs}",)], lambda v, c=cut: v[c], {"a": ints(0, 1), "b": ints(2, 3), "c": ints(3, 1), "f": ints(-1),
+                                                                       "e": ints(-2**63 + 1), "o": ints(1), "n": ints(-1)})
+      for inputs, cut in (("a b c", np.s_[:, 1:3, :, 0:2]), ("f e o n", np.s_[:, ::-1]))),
+    *(case("Expand or Tile", [(f"y = {operator} v n",)], lambda v, n=times: np.tile(v, n), {"n": ints(*sizes)}, shape=shape)
+      for operator, sizes, times, shape in (("Tile", (1, 2, 1, 3), (1, 2, 1, 3), (1, 3, 8, 8)), ("Expand", (5, 192), (1, 5, 1), (1, 1, 192)),
+                                            ("Expand", (1, 192, 20), (1, 1, 20), (1, 192, 1)))),
+    case("Where", [("g = Greater v h",), ("y = Where g v l",)], lambda v: np.where(v > .5, v, ROW), {"h": np.float32(.5), "l": ROW}, shape=LIST),
+    case("Where", [("y = Where g v l",)], lambda v: np.where(np.arange(4) > 1, v, -1), {"g": np.arange(4) > 1, "l": np.float32(-1)}, shape=LIST),
+    case("equal shapes", [("y = Pow v e",)], lambda v: v**2, {"e": np.full(LIST, 2, np.float32)}, shape=LIST),
+    case("usual attributes", [("y = Conv v w",)], lambda v: np.einsum("oi,nihw->nohw", WINDOW[..., 0, 0], v), {"w": WINDOW}),
+    case("16 bits", [("h = Cast v", {"to": 10}), ("i = Mul h w",), ("y = Cast i", {"to": 1})],
+         lambda v: v * PLANES.astype(np.float16).astype(np.float32), {"w": PLANES.astype(np.float16)}),
+    case("dequantised", [("w = DequantizeLinear q s z", {"axis": 0}), ("y = Conv v w", {"kernel_shape": [3, 3], "pads": [1, 1, 1, 1]})],
+         lambda v: convolved(v, DEQUANTISED), {"q": WEIGHT8, "s": SCALES, "z": ZEROS}),
+    case("within the range", [("q = QuantizeLinear v s z",), ("d = DequantizeLinear q s z",), ("y = Add d s",)],
+         lambda v: np.clip(v, -.1, .41) + .002, {"s": np.float32(.002), "z": np.uint8(50)}),
+    case("of integers", [("q s z = DynamicQuantizeLinear v",), ("i = ConvInteger q w z wz", {"pads": [1, 1, 1, 1]}), ("c = Cast i", {"to": 1}),
+                         ("m = Mul s ws",), ("y = Mul c m",)],
+         lambda v: convolved(v, WEIGHT8 - np.float32(4)) * .01, {"w": WEIGHT8, "wz": np.int8(4), "ws": np.float32(.01)}),
+    case("of integers", [("q s z = DynamicQuantizeLinear v",), ("i = MatMulInteger q w z",), ("c = Cast i", {"to": 1}), ("m = Mul s ws",), ("y = Mul c m",)],
+         lambda v: v @ WEIGHT8[0, 0, :2, :2].repeat(2, 0).astype(np.float32) * .01,
+         {"w": WEIGHT8[0, 0, :2, :2].repeat(2, 0), "ws": np.float32(.01)}, shape=LIST),
+    case("equal shapes", [("m = ReduceMean v", {"axes": [-1]}), ("d = Sub v m",), ("p = Pow d two",), ("n = ReduceMean p", {"axes": [-1]}), ("e = Add n eps",),
+                          ("r = Sqrt e",), ("o = Div d r",), ("g = Mul o w",), ("y = Add g w",)],
+         lambda v: (v - v.mean(-1, keepdims=True)) / np.sqrt(v.var(-1, keepdims=True) + 1e-5) * ROW + ROW,
+         {"two": np.float32(2), "eps": np.float32(1e-5), "w": ROW}, shape=LIST),
+    case("", [("y = Resize v _ s", NEAREST)], lambda v: v.repeat(2, 2).repeat(2, 3), {"s": np.float32([1, 1, 2, 2])}),
+    *arithmetic()]
+
+
+class NetworkTest(ToolTest):
+    def packed(self, content, *options):
+        (self.folder / "in.onnx").write_bytes(content)
+        said = self.tool("pack", "in.onnx", *OUT, *options).stdout
+        self.tool("inspect", "out.qtm", "--network", "out.onnx")
+        return said, cv2.dnn.readNetFromONNX(str(self.folder / "out.onnx"))
+
+    def test_each_rewrite_keeps_the_arithmetic(self):
+        picture = SEED.uniform(20, 255, (1, 3, 8, 8)).astype(np.float32)
+        for opset in (11, 13):
+            cases = [entry for entry in CASES if entry[4].get("opset", 13) == opset]
+            report, engine = self.packed(network(cases, opset))
+            engine.setInput(picture)
+            for number, (said, nodes, expected, weights, options) in enumerate(cases):
+                with self.subTest(nodes, weights={name: np.shape(value) for name, value in weights.items()}):
+                    self.assertIn(said, report)
+                    found = engine.forward(f"y{number}")
+                    wanted = expected((picture / 255).reshape(options.get("shape", (1, 3, 8, 8))))
+                    self.assertEqual(found.shape, wanted.shape)
+                    np.testing.assert_allclose(found, wanted, rtol=1e-4, atol=1e-4)
+
+    def test_open_sizes_come_from_the_option_or_from_the_metadata(self):
+        for open_sizes in ((None, 3, None, None), (None, 3, 8, 8), (1, 3, None, 8)):
+            for metadata, options in (({"imgsz": "[8, 8]"}, ()), ({}, ["--size", "8x8"])):
+                report = self.packed(network([], sizes=open_sizes, metadata=metadata), *options)[0]
+                self.assertIn("to x 1x3x8x8", report)
+
+    def test_what_is_left_is_refused_with_operator_and_node(self):
+        top = case("", [("y i = TopK v k",)], None, {"k": ints(2)})
+        cubic = case("", [("y = Resize v _ s", {**NEAREST, "mode": "cubic"})], None, {"s": np.float32([1, 1, 2, 2])})
+        short = case("", [("y = ConvTranspose v w",)], None, {"w": floats(3)})  # libonnx crashes on it
+        for content, code, said in (
+                (network([short]), 3, ["in.onnx: the records of the network are damaged"]),
+                (network([top]), 3, ["in.onnx: ", 'TopK (node "node_4")', "version 13", "selection of boxes"]),
+                (network([cubic]), 3, ["Resize (cubic"]),
+                (network([], sizes=(1, 3, None, None)), 2, ["x 1x3x?x?", "--size"]),
+                (network([], sizes=(1, None, 8, 8)), 3, ["number of planes open"])):
+            (self.folder / "in.onnx").write_bytes(content)
+            self.tool("pack", "in.onnx", *OUT, code=code, said=said)
+            self.assertFalse((self.folder / "out.qtm").exists())
+
+    def test_inspect_tells_what_a_network_holds_and_lacks(self):
+        (self.folder / "in.onnx").write_bytes(network(
+            [case("", [("a = Clip v l",), ("y i = TopK a k",)], None, {"k": ints(2), "l": np.float32(0)})], 13, (None, 3, 8, 8),
+            {"task": "detect"}))
+        found = json.loads(self.tool("inspect", "in.onnx", "--json", code=1).stdout)
+        self.assert_fits_schema(found, "inspect_network")
+        self.assertEqual(found["inputs"], [{"name": "x", "shape": [None, 3, 8, 8]}])
+        self.assertEqual((found["operators"]["Reshape"], found["opset"], found["metadata"]), (2, 13, {"task": "detect"}))
+        self.assertEqual([(entry["operator"], entry["first_node"]) for entry in found["missing_operators"]], [("TopK", "node_5")])
+        text = self.tool("inspect", "in.onnx", code=1).stdout
+        for part in ("x ?x3x8x8", "Clip 1, Mul 1, ", "task: detect", "fixed the open sizes", "bounds of 1 Clip", "engine lacks    TopK"):
+            self.assertIn(part, text)
+        self.tool("inspect", "in.onnx", "--network", "in.onnx", code=2, said=["overwrite"])
+
+    def test_damaged_networks_are_refused_or_packed_within_limits(self):
+        def limit():
+            if b"__asan_init" not in TOOL_BYTES and b"__tsan_init" not in TOOL_BYTES:
+                resource.setrlimit(resource.RLIMIT_DATA, (1 << 30, 1 << 30))
+        chance = random.Random(5)
+        whole = [network([entry]) for entry in CASES[::9]]
+        for _ in range(60):
+            content = bytearray(chance.choice(whole))
+            for _ in range(chance.randint(0, 4)):
+                content[chance.randrange(len(content))] = chance.randrange(256)
+            content = content[:chance.choice((len(content), len(content), chance.randrange(len(content))))]
+            (self.folder / "in.onnx").write_bytes(content)
+            result = self.transcribe([TOOL, "pack", "in.onnx", *OUT], "pack", preexec_fn=limit, errors="replace")
+            self.assertIn(result.returncode, (0, 2, 3), result.stderr)
+            self.assertEqual(result.returncode == 0, result.stderr == "", result.stderr)
+            self.assertNotRegex(result.stderr, r"partial|assert|cv::|\.cpp")
+
+
+with open(TOOL, "rb") as tool:
+    TOOL_BYTES = tool.read()
+
+if __name__ == "__main__":
+    main()

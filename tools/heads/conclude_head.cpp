@@ -1,0 +1,84 @@
+// conclude_head.cpp - asks the concluder of each family.
+#include "tools/heads/conclude_head.h"
+
+#include "tools/common/text.h"
+#include "tools/heads/head_evidence.h"
+#include "tools/heads/network_metadata.h"
+
+namespace olvex_tools {
+
+namespace {
+
+struct KnownFamily {
+  HeadFamily family;
+  Concluder conclude;
+};
+
+const std::vector<KnownFamily>& known_families() {
+  static const std::vector<KnownFamily> kFamilies = {
+      {{"raw", "three layers that the library decodes itself"}, conclude_raw},
+      {{"combined", "1 x (4 + classes + key points) x N, decoded; or 1 x N x ..."},
+       conclude_combined},
+      {{"end-to-end", "1 x N x 6: corners, score, number of the class"}, conclude_end_to_end},
+      {{"objectness", "1 x N x (5 + classes), decoded"}, conclude_objectness},
+      {{"objectness-offsets", "1 x N x (5 + classes), offsets in cells"},
+       conclude_objectness_offsets},
+      {{"anchors", "for each stride 1 x A (5 + classes) x H x W, or 1 x A x H x W x (5 + classes)"},
+       conclude_anchors},
+      {{"distance-bins", "for each stride classes and 4 x bins, apart or in one"},
+       conclude_distance_bins},
+      {{"class-objectness-box", "for each stride class, objectness, box, key points"},
+       conclude_class_objectness_box},
+      {{"score-distance", "for each stride score, distances, key points"}, conclude_score_distance},
+      {{"priors", "1 x N x 4 offsets and 1 x N x classes, for each prior; key points"},
+       conclude_priors},
+      {{"boxes-and-scores", "1 x N x 4 boxes and 1 x N x classes, decoded; key points"},
+       conclude_boxes_and_scores},
+      {{"own-formula", "one layer 1 x (5 + classes) x H x W: objectness ^ 0.6 x class ^ 0.4"},
+       conclude_own_formula}};
+  return kFamilies;
+}
+
+}  // namespace
+
+std::vector<HeadReading> conclude_head(const HeadQuestion& question) {
+  std::vector<HeadReading> readings;
+  const std::optional<HeadLayout> layout = lay_out(question);
+  if (!layout) {
+    return readings;
+  }
+  const HeadEvidence evidence(question, *layout);
+  for (const KnownFamily& known : known_families()) {
+    if (question.options.family && *question.options.family != known.family.name) {
+      continue;
+    }
+    for (HeadReading& reading : known.conclude(evidence)) {
+      conclude_preprocessing(question, &reading);
+      readings.push_back(std::move(reading));
+    }
+  }
+  return readings;
+}
+
+const std::vector<HeadFamily>& head_families() {
+  static const std::vector<HeadFamily> kFamilies = [] {
+    std::vector<HeadFamily> families;
+    for (const KnownFamily& known : known_families()) {
+      families.push_back(known.family);
+    }
+    return families;
+  }();
+  return kFamilies;
+}
+
+std::string options_of(const HeadReading& reading) {
+  std::vector<std::string> options;
+  for (const HeadFact& fact : reading.facts) {
+    if (!fact.option.empty()) {
+      options.push_back(fact.option);
+    }
+  }
+  return join(options, " ");
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,118 @@
+// head.h - where the boxes, scores and key points of a network stand in its outputs, and how the numbers
+// become boxes. conclude_head.h fills a Head in; append_decoding.h and plain_reading.h each carry it out.
+#ifndef TOOLS_HEADS_HEAD_H
+#define TOOLS_HEADS_HEAD_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace olvex_tools {
+
+// How the rows of an output, one for each candidate box, lie in memory.
+enum class Arrangement {
+  kRows,  // row after row, the values of a row side by side: 1 x N x C, 1 x A x H x W x C, 1 x H x W x C
+  kColumns,  // 1 x C x N
+  kPlanes  // 1 x (A x C) x H x W; the rows go cell by cell, the A anchors of a cell one after the other
+};
+
+// One output of the network, read as rows.
+struct HeadTensor {
+  std::string output;
+  Arrangement arrangement = Arrangement::kRows;
+  std::int64_t rows = 0;
+  std::int64_t channels = 0;  // values of a row
+  std::int64_t anchors = 1;   // kPlanes only: A
+};
+
+enum class Activation { kNone, kSigmoid, kSoftmax };
+
+// A run of the values of each row. The rows are those of the tensors, one after the other. It is absent when
+// it has no tensors.
+struct HeadPart {
+  std::vector<HeadTensor> tensors;
+  std::int64_t first = 0;
+  std::int64_t count = 0;
+  Activation activation = Activation::kNone;  // yet to be applied
+
+  bool present() const { return !tensors.empty(); }
+};
+
+// What the values of a row are relative to, in pixels of the input.
+struct ReferenceBox {
+  double x = 0;  // from here the centre, the sides and the key points are counted
+  double y = 0;
+  double step_x = 0;  // unit of their values
+  double step_y = 0;
+  double width = 0;  // unit of the size
+  double height = 0;
+};
+
+enum class BoxCode {
+  kCorners,     // x1 y1 x2 y2, final
+  kCentreSize,  // cx cy w h, final
+  kOffsets,   // centre: reference + curve(value) * step; size: curve(value) * size of the reference
+  kDistances  // left, top, right and bottom side: value * step away from the reference
+};
+
+// v: the value, s: its sigmoid.
+enum class CentreCurve {
+  kIdentity,
+  kSigmoid,
+  kTanh,
+  kTwice /* 2 v - 0.5 */,
+  kTwiceSigmoid /* 2 s - 0.5 */
+};
+enum class SizeCurve {
+  kExponential /* exp(variance v) */,
+  kSigmoid,
+  kSquare /* (2 v)^2 */,
+  kSquareOfSigmoid
+};
+enum class ScoreCode {
+  kPowers,  // objectness ^ objectness_power * class ^ class_power
+  kClassId  // the objectness is the score, the class part holds the number of the class
+};
+enum class PointCode { kFinal, kOffsets /* reference + value * step */ };
+
+struct Head {
+  std::string family;
+
+  HeadPart boxes;
+  BoxCode box_code = BoxCode::kCorners;
+  bool box_fractions = false;  // final boxes and key points: fractions of the input, else pixels
+  // kDistances: 1: the values as they are; more: each is the mean of a softmax over 0, 1, ...; 0: the
+  // library's own, (4 sigmoid)^2, which is not appended.
+  std::int64_t bins = 1;
+  CentreCurve centre_curve = CentreCurve::kIdentity;
+  SizeCurve size_curve = SizeCurve::kExponential;
+  double size_variance = 1;
+  std::vector<ReferenceBox> references;  // one for each row; none for final boxes
+
+  HeadPart objectness;  // one value
+  HeadPart classes;
+  ScoreCode score_code = ScoreCode::kPowers;
+  double objectness_power = 1;
+  double class_power = 1;
+  int background = -1;           // column of the scores that is no class, -1: none
+  std::int64_t class_count = 0;  // columns of the scores, with the background
+
+  HeadPart keypoints;
+  PointCode point_code = PointCode::kFinal;
+  int point_values = 2;                             // 2: x, y; 3: x, y, score
+  Activation point_activation = Activation::kNone;  // of the score
+
+  // Layers that the library decodes itself, in the order in which it gets them; nothing else counts then.
+  std::vector<std::string> raw_layers;
+  bool raw_nchw = true;
+  std::string model_out;  // the word for them; empty: it goes by their channels
+
+  std::int64_t rows() const;
+};
+
+// Boxes in input pixels, or in fractions where the head has them so.
+bool has_centre_and_size(const Head& head);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_HEADS_HEAD_H

@@ -1,0 +1,241 @@
+// layered_families.cpp - heads that are layers of cells: anchors, one layer with a formula of its own, and
+// the library's own three. Declared in head_evidence.h.
+#include <algorithm>
+#include <map>
+#include <optional>
+
+#include "tools/common/text.h"
+#include "tools/heads/head_evidence.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr std::int64_t kBox = 4;
+// Usual boxes of the anchors in pixels, by stride.
+const std::map<int, std::vector<BoxSize>>& usual_anchors() {
+  static const std::map<int, std::vector<BoxSize>> kAnchors = {
+      {8, {{10, 13}, {16, 30}, {33, 23}}},
+      {16, {{30, 61}, {62, 45}, {59, 119}}},
+      {32, {{116, 90}, {156, 198}, {373, 326}}}};
+  return kAnchors;
+}
+
+std::optional<SizesOfLayers> anchors_of(const HeadEvidence& evidence) {
+  if (evidence.options().anchors) {
+    return evidence.options().anchors;
+  }
+  SizesOfLayers sizes;
+  for (const int stride : evidence.layout().strides) {
+    const auto found = usual_anchors().find(stride);
+    if (found == usual_anchors().end()) {
+      return std::nullopt;
+    }
+    sizes.push_back(found->second);
+  }
+  return evidence.layout().strides.size() == usual_anchors().size() ? std::make_optional(sizes)
+                                                                    : std::nullopt;
+}
+
+const char* word_of(CentreCurve curve) {
+  switch (curve) {
+    case CentreCurve::kSigmoid:
+      return "sigmoid";
+    case CentreCurve::kTanh:
+      return "tanh";
+    case CentreCurve::kTwice:
+      return "twice";
+    case CentreCurve::kTwiceSigmoid:
+      return "twice-sigmoid";
+    case CentreCurve::kIdentity:
+      break;
+  }
+  return "none";
+}
+
+const char* word_of(SizeCurve curve) {
+  switch (curve) {
+    case SizeCurve::kSigmoid:
+      return "sigmoid";
+    case SizeCurve::kSquare:
+      return "square";
+    case SizeCurve::kSquareOfSigmoid:
+      return "square-of-sigmoid";
+    case SizeCurve::kExponential:
+      break;
+  }
+  return "exponential";
+}
+
+void conclude_curves(const HeadEvidence& evidence, CentreCurve usual_centre, SizeCurve usual_size,
+                     HeadReading* reading) {
+  const HeadOptions& options = evidence.options();
+  Head& head = reading->head;
+  head.centre_curve = options.centre_curve.value_or(usual_centre);
+  head.size_curve = options.size_curve.value_or(usual_size);
+  add_fact(reading,
+           std::string("curve of the centres: ") + word_of(head.centre_curve) +
+               (options.centre_curve ? "" : ", as usual"),
+           std::string("--centre-curve ") + word_of(head.centre_curve));
+  add_fact(reading,
+           std::string("curve of the sizes: ") + word_of(head.size_curve) +
+               (options.size_curve ? "" : ", as usual"),
+           std::string("--size-curve ") + word_of(head.size_curve));
+}
+
+HeadReading anchors_reading(const HeadEvidence& evidence, const SizesOfLayers& anchors) {
+  const RowKind& kind = evidence.layout().kinds.front();
+  const std::int64_t classes = kind.channels - kBox - 1;
+  HeadReading reading = begin_reading(evidence, "anchors",
+                                      "for each anchor of a cell box, objectness and " +
+                                          counted(classes, "class", "classes") + ", undecoded");
+  add_fact(&reading,
+           evidence.options().anchors ? "anchors: as --anchors says"
+                                      : "anchors: the usual ones of these strides",
+           "--anchors " + describe(anchors));
+  set_sized_references(evidence, evidence.layout().strides, anchors, 0, 0, &reading);
+  Head& head = reading.head;
+  head.boxes = evidence.part({kind, 0, kBox});
+  head.box_code = BoxCode::kOffsets;
+  const bool done = evidence.is_probability({kind, 0, kBox});
+  conclude_curves(evidence, done ? CentreCurve::kTwice : CentreCurve::kTwiceSigmoid,
+                  done ? SizeCurve::kSquare : SizeCurve::kSquareOfSigmoid, &reading);
+  head.objectness = evidence.probability({kind, kBox, 1}, evidence.options().objectness_activation,
+                                         "objectness", &reading);
+  head.classes = evidence.probability({kind, kBox + 1, classes},
+                                      evidence.options().class_activation, "class", &reading);
+  conclude_class_count(evidence, classes, &reading);
+  return reading;
+}
+
+bool all_layers_have(const SizesOfLayers& sizes, std::size_t layers, std::int64_t anchors) {
+  return sizes.size() == layers &&
+         std::all_of(sizes.begin(), sizes.end(), [&](const std::vector<BoxSize>& layer) {
+           return static_cast<std::int64_t>(layer.size()) == anchors;
+         });
+}
+
+}  // namespace
+
+std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
+  const HeadLayout& given = evidence.layout();
+  const std::optional<SizesOfLayers> sizes = anchors_of(evidence);
+  if (given.kinds.size() != 1 || !sizes || given.strides.size() != sizes->size()) {
+    return {};
+  }
+  const auto anchors = static_cast<std::int64_t>(sizes->front().size());
+  const std::int64_t all = given.kinds.front().channels;
+  const bool fits_planes = given.planes && given.layered && all % anchors == 0;
+  if (!fits_planes && given.anchors != anchors) {
+    return {};
+  }
+  HeadLayout layout = fits_planes ? with_anchors(given, anchors) : given;
+  layout.anchors_first = !fits_planes;
+  if (!all_layers_have(*sizes, layout.strides.size(), anchors)) {
+    return {};
+  }
+  const HeadEvidence own(evidence.question(), layout);
+  const RowKind& kind = layout.kinds.front();
+  const bool asked = evidence.is_asked_for("anchors");
+  const std::int64_t known = evidence.known_classes();
+  // Distance bins and classes side by side end one kind of value within the planes.
+  const bool one_kind = !fits_planes || given.kinds.front().runs.size() < 2;
+  const bool fits = kind.channels > kBox + 1 && (known == 0 || known == kind.channels - kBox - 1) &&
+                    !own.is_decoded({kind, 0, kBox}) && one_kind;
+  return fits || (asked && kind.channels > kBox + 1)
+             ? std::vector<HeadReading>{anchors_reading(own, *sizes)}
+             : std::vector<HeadReading>();
+}
+
+std::vector<HeadReading> conclude_own_formula(const HeadEvidence& evidence) {
+  const HeadLayout& layout = evidence.layout();
+  if (layout.kinds.size() != 1 || layout.strides.size() != 1 || layout.anchors != 1) {
+    return {};
+  }
+  const RowKind& kind = layout.kinds.front();
+  const std::int64_t classes = kind.channels - kBox - 1;
+  if (classes < 1) {
+    return {};
+  }
+  const bool fits =
+      evidence.is_probability({kind, 0, 1}) && !evidence.is_probability({kind, 1, kBox}) &&
+      !evidence.is_decoded({kind, 1, kBox}) && evidence.is_probability({kind, kBox + 1, classes});
+  if (!fits && !evidence.is_asked_for("own-formula")) {
+    return {};
+  }
+  HeadReading reading = begin_reading(evidence, "own-formula",
+                                      "one layer of objectness, box and classes, in this order");
+  Head& head = reading.head;
+  head.boxes = evidence.part({kind, 1, kBox});
+  head.box_code = BoxCode::kOffsets;
+  set_cell_references(evidence, 0, &reading);
+  for (ReferenceBox& reference : head.references) {
+    reference.width = static_cast<double>(evidence.question().size.width);
+    reference.height = static_cast<double>(evidence.question().size.height);
+  }
+  conclude_curves(evidence, CentreCurve::kTanh, SizeCurve::kSigmoid, &reading);
+  add_fact(&reading, "sizes are fractions of the input");
+  head.objectness = evidence.probability({kind, 0, 1}, evidence.options().objectness_activation,
+                                         "objectness", &reading);
+  head.classes =
+      evidence.probability({kind, kBox + 1, classes}, evidence.options().class_activation, "class",
+                           &reading, Activation::kSoftmax);
+  head.objectness_power = .6;
+  head.class_power = .4;
+  add_fact(&reading, "score: objectness ^ 0.6 x class ^ 0.4, as usual");
+  conclude_class_count(evidence, classes, &reading);
+  return {reading};
+}
+
+std::vector<HeadReading> conclude_raw(const HeadEvidence& evidence) {
+  const HeadLayout& layout = evidence.layout();
+  const InputSize& size = evidence.question().size;
+  const bool three_layers = layout.layered && layout.strides.size() == 3 &&
+                            layout.kinds.size() == 1 && !layout.anchors_first &&
+                            (layout.planes || layout.anchors == 1);
+  if (!three_layers ||
+      evidence.is_probability({layout.kinds.front(), 0, layout.kinds.front().channels})) {
+    return {};
+  }
+  const RowKind& kind = layout.kinds.front();
+  for (std::size_t i = 0; i < layout.strides.size(); ++i) {
+    const bool whole = size.width % layout.strides[i] == 0 && size.height % layout.strides[i] == 0;
+    const auto shape = evidence.question().network.shape_of(kind.tensors[i].output);
+    if (!whole || !shape || shape->size() != 4) {
+      return {};
+    }
+  }
+  std::vector<HeadReading> readings;
+  for (const RawWord& word : evidence.question().raw_words) {
+    const bool is_bins =
+        kind.runs.size() > 1 && !evidence.is_asked_for("raw") && may_be_distance_bins(evidence);
+    if (word.channels != kind.channels || is_bins) {
+      continue;
+    }
+    HeadReading reading =
+        begin_reading(evidence, "raw",
+                      "three layers of " + std::to_string(kind.channels) +
+                          " channels, which the library decodes itself: " + word.meaning);
+    for (const HeadTensor& tensor : kind.tensors) {
+      reading.head.raw_layers.push_back(tensor.output);
+    }
+    reading.head.raw_nchw = layout.planes;
+    reading.head.boxes = evidence.part({kind, 0, kBox});
+    reading.head.box_code = BoxCode::kDistances;
+    reading.head.bins = 0;
+    reading.head.classes = evidence.part({kind, kBox, word.classes});
+    reading.head.classes.activation = Activation::kSigmoid;
+    reading.head.class_count = word.classes;
+    set_cell_references(evidence, .5, &reading);
+    reading.facts.pop_back();  // the library counts from there anyway
+    reading.head.model_out = word.word;
+    add_fact(&reading,
+             word.word.empty() ? "model_out: none needed, it goes by the channels"
+                               : "model_out: " + word.word,
+             word.word.empty() ? "" : "--model-out " + word.word);
+    readings.push_back(reading);
+  }
+  return readings;
+}
+
+}  // namespace olvex_tools

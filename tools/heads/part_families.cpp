@@ -1,0 +1,147 @@
+// part_families.cpp - heads with an output for each part and stride: class, objectness, box, key points; or
+// score, distances, key points. Declared in head_evidence.h.
+#include <algorithm>
+
+#include "tools/common/text.h"
+#include "tools/heads/head_evidence.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr std::int64_t kBox = 4;
+
+bool has_obj_in_name(const RowKind& kind) {
+  return in_lower_case(kind.tensors.front().output).find("obj") != std::string::npos;
+}
+
+// The kinds by what they hold; null where there is none of the sort.
+struct KindsOfParts {
+  const RowKind* classes = nullptr;
+  const RowKind* objectness = nullptr;
+  const RowKind* box = nullptr;
+  const RowKind* points = nullptr;
+  std::size_t known = 0;
+};
+
+// By numbers of channels and by which of them are scores.
+KindsOfParts sort_kinds(const HeadEvidence& evidence) {
+  KindsOfParts parts;
+  const auto take = [&](const RowKind& kind, const RowKind** place) {
+    if (*place == nullptr) {
+      *place = &kind;
+      ++parts.known;
+    }
+  };
+  std::vector<const RowKind*> scores;
+  for (const RowKind& kind : evidence.layout().kinds) {
+    const bool is_score = evidence.is_probability({kind, 0, kind.channels});
+    if (!is_score && kind.channels == kBox) {
+      take(kind, &parts.box);
+    } else if (!is_score && kind.channels >= 2 * kBox &&
+               kind.channels != evidence.known_classes()) {
+      take(kind, &parts.points);
+    } else {
+      scores.push_back(&kind);
+    }
+  }
+  // The one of a single channel is the objectness; between two such ones the name decides.
+  const bool two = scores.size() == 2;
+  const bool second =
+      two && scores[1]->channels == 1 && (scores[0]->channels > 1 || !has_obj_in_name(*scores[0]));
+  if (two && (second || scores[0]->channels == 1)) {
+    take(*scores[second ? 1 : 0], &parts.objectness);
+    take(*scores[second ? 0 : 1], &parts.classes);
+  } else if (scores.size() == 1) {
+    take(*scores.front(), &parts.classes);
+  }
+  return parts;
+}
+
+}  // namespace
+
+std::vector<HeadReading> conclude_class_objectness_box(const HeadEvidence& evidence) {
+  const HeadLayout& layout = evidence.layout();
+  const KindsOfParts parts = sort_kinds(evidence);
+  const bool fits = parts.known == layout.kinds.size() && parts.box != nullptr &&
+                    parts.classes != nullptr && parts.objectness != nullptr &&
+                    layout.anchors == 1 && !layout.strides.empty() &&
+                    !evidence.is_decoded({*parts.box, 0, kBox});
+  if (!fits) {
+    return {};
+  }
+  const bool has_points = parts.points != nullptr;
+  HeadReading reading = begin_reading(
+      evidence, "class-objectness-box",
+      std::string("class, objectness, box") + (has_points ? " and key points" : "") + " apart");
+  Head& head = reading.head;
+  head.boxes = evidence.part({*parts.box, 0, kBox});
+  head.box_code = BoxCode::kOffsets;
+  set_cell_references(evidence, 0, &reading);
+  const HeadOptions& options = evidence.options();
+  head.classes = evidence.probability({*parts.classes, 0, parts.classes->channels},
+                                      options.class_activation, "class", &reading);
+  head.objectness = evidence.probability({*parts.objectness, 0, 1}, options.objectness_activation,
+                                         "objectness", &reading);
+  if (has_points) {
+    head.objectness_power = .5;
+    head.class_power = .5;
+  }
+  add_fact(&reading, has_points
+                         ? "score: square root of class x objectness, as usual beside key points"
+                         : "score: class x objectness");
+  conclude_class_count(evidence, parts.classes->channels, &reading);
+  if (has_points) {
+    conclude_points(evidence, {*parts.points, 0, parts.points->channels}, PointCode::kOffsets,
+                    &reading);
+  }
+  return {reading};
+}
+
+std::vector<HeadReading> conclude_score_distance(const HeadEvidence& evidence) {
+  const HeadLayout& given = evidence.layout();
+  if (!given.layered || given.kinds.size() < 2 || given.kinds.size() > 3) {
+    return {};
+  }
+  // In planes a cell's box values tell how many anchors there are.
+  std::int64_t anchors = given.anchors;
+  for (const RowKind& kind : given.kinds) {
+    if (given.planes && (kind.channels == kBox || kind.channels == 2 * kBox) &&
+        !evidence.is_probability({kind, 0, kind.channels})) {
+      anchors = kind.channels / kBox;
+    }
+  }
+  const bool divisible =
+      std::all_of(given.kinds.begin(), given.kinds.end(), [&](const RowKind& kind) {
+        return !given.planes || (anchors > 0 && kind.channels % anchors == 0);
+      });
+  if (!divisible || anchors < 1 || anchors > 2) {
+    return {};
+  }
+  const HeadLayout layout = given.planes && anchors > 1 ? with_anchors(given, anchors) : given;
+  const HeadEvidence own(evidence.question(), layout);
+  const KindsOfParts parts = sort_kinds(own);
+  const bool fits = parts.known == layout.kinds.size() && parts.box != nullptr &&
+                    parts.classes != nullptr && parts.objectness == nullptr &&
+                    !own.is_decoded({*parts.box, 0, kBox});
+  if (!fits) {
+    return {};
+  }
+  const bool has_points = parts.points != nullptr;
+  HeadReading reading = begin_reading(own, "score-distance",
+                                      std::string("scores, distances of the sides") +
+                                          (has_points ? " and key points" : "") + " apart");
+  Head& head = reading.head;
+  head.boxes = own.part({*parts.box, 0, kBox});
+  head.box_code = BoxCode::kDistances;
+  set_cell_references(own, has_points || anchors == 2 ? 0 : .5, &reading);
+  head.classes = own.probability({*parts.classes, 0, parts.classes->channels},
+                                 own.options().class_activation, "class", &reading);
+  conclude_class_count(own, parts.classes->channels, &reading);
+  if (has_points) {
+    conclude_points(own, {*parts.points, 0, parts.points->channels}, PointCode::kOffsets, &reading);
+  }
+  return {reading};
+}
+
+}  // namespace olvex_tools

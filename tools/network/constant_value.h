@@ -1,0 +1,67 @@
+// constant_value.h - the elements of a tensor that is known before the network runs, and what operators
+// make of them. constant_folding.cpp uses it; constant_layout.cpp and constant_arithmetic.cpp are the
+// operators.
+#ifndef TOOLS_NETWORK_CONSTANT_VALUE_H
+#define TOOLS_NETWORK_CONSTANT_VALUE_H
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tools/network/network_graph.h"
+
+namespace olvex_tools {
+
+struct ConstantValue {
+  int type = onnx::TensorProto::FLOAT;
+  Shape shape;
+  // Doubles hold every float, and every integer up to 2^53, which no size or index exceeds; what one
+  // operation makes of two floats is rounded to the float that an engine would compute.
+  std::vector<double> numbers;
+};
+
+// Thrown where a node cannot be computed: a type or an attribute that is not handled, shapes that do not
+// fit, or too many elements. The node stays as it is.
+struct CannotCompute {};
+
+// Largest number of elements of one value that is computed.
+constexpr std::int64_t kMostElements = std::int64_t{1} << 25;
+
+struct ConstantOperation {
+  const onnx::NodeProto& node;
+  std::int64_t opset;
+  std::vector<const ConstantValue*> inputs;  // null for one that is left out
+
+  // Throws CannotCompute when it is missing.
+  const ConstantValue& input(std::size_t index) const;
+  bool has_input(std::size_t index) const;
+  std::vector<std::int64_t> integers(std::size_t index) const;
+};
+
+// Zeros. Throws CannotCompute when there would be too many.
+ConstantValue new_value(int type, const Shape& shape);
+
+// For each dimension, how many elements further the next one is.
+Shape strides_of(const Shape& shape);
+// The shape of what two shapes are broadcast to.
+Shape broadcast_shape(const Shape& left, const Shape& right);
+// The value repeated along every dimension in which it has size 1.
+ConstantValue broadcast(const ConstantValue& value, const Shape& shape);
+// From 0, for an axis that may be counted from the end.
+std::size_t axis_of(std::int64_t axis, std::size_t dimensions);
+// As the element type holds it: rounded to float, or cut to an integer.
+double as_element(double number, int type);
+
+using ConstantOperator = std::function<ConstantValue(const ConstantOperation&)>;
+using ConstantOperators = std::map<std::string, ConstantOperator>;
+const ConstantOperators& layout_operators();
+const ConstantOperators& arithmetic_operators();
+
+// Nothing when the element type is none of those that are handled.
+std::optional<ConstantValue> read_constant(const onnx::TensorProto& tensor);
+void write_constant(const ConstantValue& value, const std::string& name, onnx::TensorProto* tensor);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_NETWORK_CONSTANT_VALUE_H

@@ -1,0 +1,85 @@
+// tensor_numbers.cpp - the elements of a record of weights, of whatever type, as doubles.
+// Declared in network_graph.h.
+#include "tools/network/network_graph.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace olvex_tools {
+
+namespace {
+
+using onnx::TensorProto;
+
+template <typename Element>
+std::vector<double> packed_numbers(const std::string& bytes) {
+  std::vector<double> numbers(bytes.size() / sizeof(Element));
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    Element element;
+    std::memcpy(&element, bytes.data() + i * sizeof(Element), sizeof(Element));
+    numbers[i] = static_cast<double>(element);
+  }
+  return numbers;
+}
+
+template <typename Elements>
+std::vector<double> listed_numbers(const Elements& elements) {
+  return std::vector<double>(elements.begin(), elements.end());
+}
+
+// IEEE 754 binary16, from the 16 bits of each.
+std::vector<double> halves_in(std::vector<double> numbers) {
+  for (double& number : numbers) {
+    const auto bits = static_cast<unsigned>(number) & 0xffffu;
+    const int exponent = static_cast<int>(bits >> 10 & 0x1fu);
+    const double fraction = bits & 0x3ffu;
+    double size = std::ldexp(fraction + (exponent == 0 ? 0 : 1024), std::max(exponent, 1) - 25);
+    if (exponent == 0x1f) {
+      size = fraction == 0 ? INFINITY : NAN;
+    }
+    number = (bits & 0x8000u) != 0 ? -size : size;
+  }
+  return numbers;
+}
+
+std::vector<double> elements_in(const TensorProto& tensor) {
+  const bool packed = tensor.has_raw_data();
+  switch (tensor.data_type()) {
+    case TensorProto::FLOAT:
+      return packed ? packed_numbers<float>(tensor.raw_data())
+                    : listed_numbers(tensor.float_data());
+    case TensorProto::FLOAT16:
+      return packed ? halves_in(packed_numbers<std::uint16_t>(tensor.raw_data()))
+                    : halves_in(listed_numbers(tensor.int32_data()));
+    case TensorProto::DOUBLE:
+      return packed ? packed_numbers<double>(tensor.raw_data())
+                    : listed_numbers(tensor.double_data());
+    case TensorProto::INT64:
+      return packed ? packed_numbers<std::int64_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int64_data());
+    case TensorProto::INT32:
+      return packed ? packed_numbers<std::int32_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    case TensorProto::INT8:
+      return packed ? packed_numbers<std::int8_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    case TensorProto::UINT8:
+    case TensorProto::BOOL:
+      return packed ? packed_numbers<std::uint8_t>(tensor.raw_data())
+                    : listed_numbers(tensor.int32_data());
+    default:
+      return {};
+  }
+}
+
+}  // namespace
+
+std::optional<std::vector<double>> numbers_of(const TensorProto& tensor) {
+  const std::vector<double> numbers = elements_in(tensor);
+  const Shape shape(tensor.dims().begin(), tensor.dims().end());
+  const bool whole = static_cast<std::int64_t>(numbers.size()) == elements_of(shape);
+  return whole ? std::make_optional(numbers) : std::nullopt;
+}
+
+}  // namespace olvex_tools

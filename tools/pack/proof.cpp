@@ -1,0 +1,368 @@
+// proof.cpp - the comparisons row by row, and what is plausible.
+#include "tools/pack/proof.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "tools/common/text.h"
+#include "tools/pack/engine_run.h"
+
+namespace olvex_tools {
+
+namespace {
+
+using qv_host::ColourOrder;
+using qv_host::Description;
+
+constexpr double kScoreTolerance = 1e-3;
+constexpr double kPixelTolerance = .5;
+constexpr double kShareTolerance = 1e-5;  // of large coordinates, which have few digits
+constexpr double kSure = .5;              // a score from which on a row counts as a box
+constexpr double kInsideShare = .9;
+constexpr double kClearRise = 1.5;  // so many times the sure rows: a preprocessing is wrong
+constexpr float kUnscaled = .1f;    // scales above leave 0..255 as it is, or nearly so
+constexpr double kCrowd = .2;       // a larger share of sure rows is none of objects
+constexpr double kRise = 1.1;       // it may be
+constexpr double kFewRows = 8;      // fewer sure rows say nothing
+
+// The rows of a network's outputs, in double precision whichever way they came about.
+struct Rows {
+  std::vector<PlainRow> rows;
+  bool centre_and_size = false;
+  double x_factor = 1;  // to pixels
+  double y_factor = 1;
+};
+
+// The largest difference of two values that belong together, and where.
+struct Difference {
+  double most = 0;  // as a multiple of the tolerance
+  std::string place;
+
+  void note(double left, double right, double factor, double tolerance, const std::string& where) {
+    const bool both_finite = std::isfinite(left) && std::isfinite(right);
+    const double apart = both_finite ? std::fabs(left - right) * std::fabs(factor)
+                                     : std::numeric_limits<double>::infinity();
+    const double allowed =
+        tolerance + (tolerance == kPixelTolerance ? kShareTolerance * std::fabs(left * factor) : 0);
+    if (apart / allowed > most) {
+      most = apart / allowed;
+      place = where + format(": %.6g and %.6g", left, right);
+    }
+  }
+};
+
+class Proof {
+ public:
+  Proof(const PreparedNetwork& prepared, const Description& description)
+      : prepared_(prepared),
+        head_(prepared.head->reading.head),
+        description_(description),
+        decoded_(description.kind == qv_host::OutputKind::kDecoded) {}
+
+  ProofResult run(const std::vector<ProofPicture>& pictures) {
+    EngineRun uncut(prepared_.head->uncut, prepared_.graph.path(), prepared_.head->outputs, false);
+    EngineRun plain(prepared_.bytes, prepared_.graph.path(), output_names(), false);
+    EngineRun fused(prepared_.bytes, prepared_.graph.path(), output_names(), true);
+    const InputValues input = input_values(description_.input);
+    for (const ProofPicture& picture : pictures) {
+      const OutputValues original = uncut.run(picture.picture, input);
+      const OutputValues now = plain.run(picture.picture, input);
+      const Rows expected = with_units(read_plainly(head_, original));
+      if (decoded_) {
+        compare_decoding(expected, with_units(rows_of(now)), picture.name);
+      }
+      compare_fusion(now, fused.run(picture.picture, input), picture.name);
+      check_scores(expected, picture.name);
+      check_boxes(expected, picture.name);
+    }
+    check_preprocessing(pictures, &uncut);
+    return result_;
+  }
+
+ private:
+  std::vector<std::string> output_names() const {
+    if (!decoded_) {
+      return head_.raw_layers;
+    }
+    std::vector<std::string> names = {description_.decoded.boxes, description_.decoded.scores};
+    if (!description_.decoded.keypoints.empty()) {
+      names.push_back(description_.decoded.keypoints);
+    }
+    return names;
+  }
+
+  // The rows that the network decoded itself.
+  std::vector<PlainRow> rows_of(const OutputValues& values) const {
+    const auto slice = [](const std::vector<float>& all, std::size_t row, std::size_t columns) {
+      const auto first = all.begin() + static_cast<std::ptrdiff_t>(row * columns);
+      return std::vector<double>(first, first + static_cast<std::ptrdiff_t>(columns));
+    };
+    const auto count = static_cast<std::size_t>(head_.rows());
+    const std::vector<float>& boxes = values.at(description_.decoded.boxes);
+    const std::vector<float>& scores = values.at(description_.decoded.scores);
+    const std::string& points = description_.decoded.keypoints;
+    std::vector<PlainRow> rows(boxes.size() == 4 * count ? count : 0);
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+      rows[row].box = slice(boxes, row, 4);
+      rows[row].scores = slice(scores, row, scores.size() / count);
+      if (!points.empty()) {
+        rows[row].keypoints = slice(values.at(points), row, values.at(points).size() / count);
+      }
+    }
+    return rows;
+  }
+
+  Rows with_units(std::vector<PlainRow> rows) const {
+    Rows result;
+    result.rows = std::move(rows);
+    result.centre_and_size = has_centre_and_size(head_);
+    result.x_factor = head_.box_fractions ? description_.input.width : 1;
+    result.y_factor = head_.box_fractions ? description_.input.height : 1;
+    return result;
+  }
+
+  // ---- The decoding ---------------------------------------------------------------------------
+
+  void compare_decoding(const Rows& expected, const Rows& found, const std::string& picture) {
+    Difference boxes;
+    Difference scores;
+    Difference points;
+    if (expected.rows.size() != found.rows.size()) {
+      result_.faults.push_back(picture + ": the decoded network has another number of rows");
+      return;
+    }
+    for (std::size_t i = 0; i < expected.rows.size(); ++i) {
+      const PlainRow& left = expected.rows[i];
+      const PlainRow& right = found.rows[i];
+      const std::string row = "row " + std::to_string(i);
+      for (std::size_t k = 0; k < left.box.size(); ++k) {
+        boxes.note(left.box[k], right.box[k], k % 2 == 0 ? expected.x_factor : expected.y_factor,
+                   kPixelTolerance, row);
+      }
+      for (std::size_t k = 0; k < left.scores.size(); ++k) {
+        scores.note(left.scores[k], right.scores[k], 1, kScoreTolerance,
+                    row + ", class " + std::to_string(k));
+      }
+      const auto per_point = static_cast<std::size_t>(head_.point_values);
+      for (std::size_t k = 0; k < left.keypoints.size(); ++k) {
+        const bool score = k % per_point == 2;
+        points.note(left.keypoints[k], right.keypoints[k],
+                    score                ? 1
+                    : k % per_point == 0 ? expected.x_factor
+                                         : expected.y_factor,
+                    score ? kScoreTolerance : kPixelTolerance, row);
+      }
+    }
+    report(boxes, "boxes", picture);
+    report(scores, "scores", picture);
+    if (head_.keypoints.present()) {
+      report(points, "key points", picture);
+    }
+    result_.shown.push_back(
+        picture + ": " + counted(expected.rows.size(), "row", "rows") +
+        format(" read plainly and decoded by the network, boxes at most %.2g pixels apart, scores "
+               "%.2g",
+               boxes.most * kPixelTolerance, scores.most * kScoreTolerance));
+  }
+
+  void report(const Difference& difference, const std::string& what, const std::string& picture) {
+    if (!(difference.most <= 1)) {
+      result_.faults.push_back(picture + ": the " + what +
+                               " that the network decodes are not those of a plain reading (" +
+                               difference.place + ")");
+    }
+  }
+
+  void compare_fusion(const OutputValues& plain, const OutputValues& fused,
+                      const std::string& picture) {
+    for (const auto& [name, values] : plain) {
+      const bool coordinates = decoded_ && name != description_.decoded.scores;
+      const double tolerance = coordinates ? kPixelTolerance : kScoreTolerance;
+      const double factor = coordinates && head_.box_fractions ? description_.input.width : 1;
+      Difference difference;
+      for (std::size_t i = 0; i < values.size(); ++i) {
+        // Logits of raw layers matter less the larger they are.
+        const double weight = decoded_ ? 1 : 1 / (1 + std::fabs(static_cast<double>(values[i])));
+        difference.note(static_cast<double>(values[i]), static_cast<double>(fused.at(name)[i]),
+                        factor * weight, tolerance, "element " + std::to_string(i));
+      }
+      if (!(difference.most <= 1)) {
+        result_.fusion = false;
+        result_.notes.push_back(picture + ": the engine's fusion of layers changes \"" + name +
+                                "\" (" + difference.place + "); it is switched off in the image");
+      }
+    }
+  }
+
+  // ---- What is plausible ----------------------------------------------------------------------
+
+  // The score of a row's best class.
+  double best_score(const PlainRow& row) const {
+    double best = -std::numeric_limits<double>::infinity();
+    for (std::size_t k = 0; k < row.scores.size(); ++k) {
+      if (static_cast<int>(k) != head_.background) {
+        best = std::max(best, row.scores[k]);
+      }
+    }
+    return best;
+  }
+
+  void check_scores(const Rows& found, const std::string& picture) {
+    double least = std::numeric_limits<double>::infinity();
+    double most = -least;
+    bool finite = true;
+    for (const PlainRow& row : found.rows) {
+      for (const double score : row.scores) {
+        finite = finite && std::isfinite(score);
+        least = std::min(least, score);
+        most = std::max(most, score);
+      }
+    }
+    if (!finite || least < -kScoreTolerance || most > 1 + kScoreTolerance) {
+      result_.faults.push_back(picture +
+                               format(": scores from %.4g to %.4g, they must lie in 0..1. "
+                                      "See --class-activation and --head",
+                                      least, most));
+    } else if (found.rows.size() > 1 && most - least < 1e-9) {
+      result_.faults.push_back(picture + format(": all scores are %.4g", most));
+    }
+  }
+
+  std::array<double, 4> corners(const Rows& rows, const PlainRow& row) const {
+    const std::vector<double>& box = row.box;
+    std::array<double, 4> sides = {{box[0], box[1], box[2], box[3]}};
+    if (rows.centre_and_size) {
+      sides = {
+          {box[0] - box[2] / 2, box[1] - box[3] / 2, box[0] + box[2] / 2, box[1] + box[3] / 2}};
+    }
+    return {{sides[0] * rows.x_factor, sides[1] * rows.y_factor, sides[2] * rows.x_factor,
+             sides[3] * rows.y_factor}};
+  }
+
+  void check_boxes(const Rows& found, const std::string& picture) {
+    double area = 0;
+    double inside = 0;
+    long sure = 0;
+    long empty = 0;
+    const double width = description_.input.width;
+    const double height = description_.input.height;
+    for (const PlainRow& row : found.rows) {
+      if (best_score(row) < kSure) {
+        continue;
+      }
+      const std::array<double, 4> box = corners(found, row);
+      ++sure;
+      // Less than a pixel is no box, and what is larger than any picture is no coordinate of one.
+      empty += box[2] - box[0] >= 1 && box[3] - box[1] >= 1 ? 0 : 1;
+      area += std::max(0., box[2] - box[0]) * std::max(0., box[3] - box[1]);
+      inside += std::max(0., std::min(box[2], width) - std::max(box[0], 0.)) *
+                std::max(0., std::min(box[3], height) - std::max(box[1], 0.));
+    }
+    if (sure == 0) {
+      result_.shown.push_back(picture + format(": no score of %.1f or more", kSure));
+      return;
+    }
+    if (empty * 10 > sure) {
+      result_.faults.push_back(
+          picture + ": " + std::to_string(empty) + " of " + counted(sure, "box", "boxes") +
+          " are empty, or their corners in the wrong order. See --box-order and "
+          "--box-unit");
+    } else if (!(inside >= kInsideShare * area)) {
+      result_.faults.push_back(
+          picture + format(": only %.0f %% of the area of boxes lies in the picture. See --head, "
+                           "--box-order and --box-unit",
+                           100 * inside / area));
+    } else {
+      result_.shown.push_back(picture + ": " + counted(sure, "row", "rows") +
+                              format(" of score %.1f or more, %.0f %% of their area inside", kSure,
+                                     100 * inside / area));
+    }
+  }
+
+  // ---- Mean, scale and colours ----------------------------------------------------------------
+
+  // Sure rows with another preprocessing, over all pictures.
+  double sure_rows(const std::vector<ProofPicture>& pictures, const InputValues& input,
+                   EngineRun* uncut) const {
+    double count = 0;
+    for (const ProofPicture& picture : pictures) {
+      for (const PlainRow& row : read_plainly(head_, uncut->run(picture.picture, input))) {
+        count += best_score(row) >= kSure ? 1 : 0;
+      }
+    }
+    return count;
+  }
+
+  void check_preprocessing(const std::vector<ProofPicture>& pictures, EngineRun* uncut) {
+    const InputValues given = input_values(description_.input);
+    if (std::any_of(given.scale.begin(), given.scale.end(), [](float v) { return v == 0.f; })) {
+      result_.faults.emplace_back(
+          "--scale 0 makes every picture black: the network sees nothing. Give what it was trained "
+          "with, often 1/255");
+      return;
+    }
+    const double now = sure_rows(pictures, given, uncut);
+    check_scale(pictures, given, now, uncut);
+    if (given.order != ColourOrder::kGray) {
+      check_colours(pictures, given, now, uncut);
+    }
+  }
+
+  // Values of 0..255 where 0..1 are wanted make a network see much too much, or less than it would. The
+  // other way round it sees nothing.
+  void check_scale(const std::vector<ProofPicture>& pictures, const InputValues& given, double now,
+                   EngineRun* uncut) {
+    const double all = static_cast<double>(head_.rows()) * static_cast<double>(pictures.size());
+    const bool unscaled = given.scale[0] > kUnscaled;
+    InputValues other = given;
+    other.mean = {{0.f, 0.f, 0.f}};
+    other.scale.fill(unscaled ? 1.f / 255.f : 1.f);
+    const double there = sure_rows(pictures, other, uncut);
+    const std::string rise =
+        format("with --mean 0 --scale %s %.0f rows have a score of %.1f or more, in place of %.0f",
+               unscaled ? "1/255" : "1", there, kSure, now);
+    if (now > kCrowd * all) {
+      result_.faults.push_back(format("%.0f of %.0f rows have a score of %.1f or more, as if there "
+                                      "were objects everywhere. "
+                                      "Check --mean and --scale",
+                                      now, all, kSure) +
+                               (unscaled ? "; often --scale is 1/255" : ""));
+    } else if (unscaled && there >= kFewRows && there > kClearRise * now) {
+      result_.faults.push_back(rise + ". Check --mean and --scale");
+    } else if (now == 0 && there >= kFewRows && there <= kCrowd * all) {
+      result_.notes.push_back(rise + ". Check --mean and --scale");
+    }
+  }
+
+  void check_colours(const std::vector<ProofPicture>& pictures, const InputValues& given,
+                     double now, EngineRun* uncut) {
+    InputValues other = given;
+    const bool rgb = given.order == ColourOrder::kRgb;
+    other.order = rgb ? ColourOrder::kBgr : ColourOrder::kRgb;
+    std::swap(other.mean[0], other.mean[2]);
+    std::swap(other.scale[0], other.scale[2]);
+    const double there = sure_rows(pictures, other, uncut);
+    if (there >= kFewRows && there > kRise * now) {
+      result_.notes.push_back(
+          format("with --network-order %s scores rise: %.0f rows of %.1f or more in place of %.0f; "
+                 "the colours may be swapped",
+                 rgb ? "bgr" : "rgb", there, kSure, now));
+    }
+  }
+
+  const PreparedNetwork& prepared_;
+  const Head& head_;
+  const Description& description_;
+  bool decoded_;
+  ProofResult result_;
+};
+
+}  // namespace
+
+ProofResult prove(const PreparedNetwork& prepared, const Description& description,
+                  const std::vector<ProofPicture>& pictures) {
+  return Proof(prepared, description).run(pictures);
+}
+
+}  // namespace olvex_tools
