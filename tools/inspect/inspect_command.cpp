@@ -305,7 +305,7 @@ void add_inspect_command(CLI::App& application, Command* chosen) {
   const auto line = std::make_shared<InspectOptions>();
   OptionTable options(
       &application, "inspect",
-      "Check a model file and tell what the library makes of it, or look into a network", kExamples,
+      "Check a model file and show how the library decodes it, or look into a network", kExamples,
       chosen, [line] { return inspect(*line); });
   options.add("FILE", "", &line->path, "The model file, or an ONNX network").required();
   const Option json =
