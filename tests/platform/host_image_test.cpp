@@ -127,6 +127,9 @@ Description full_description(OutputKind kind) {
   Description description = small_description(kind);
   description.title = "title";
   description.input.name = "picture";
+  description.input.resize = Resize::kLetterboxCentred;
+  description.fusion = false;
+  description.proof = Proof::kUnproven;
   description.decoded.background = 3;
   description.decoded.emit_classes = false;
   description.decoded.keypoints = "points";
@@ -141,10 +144,12 @@ TEST(HostImage, every_wrong_field_of_a_description_is_named_with_what_is_expecte
   const Json decoded = Json::parse(description_to_json(full_description(OutputKind::kDecoded)));
   EXPECT_EQ(
       R"({"title":"title","input":{"name":"picture","width":64,"height":32,"format":"NV12",)"
-      R"("frame_order":"rgb","network_order":"rgb","mean":[0.0,0.0,0.0],"scale":[1.0,1.0,1.0]},)"
+      R"("frame_order":"rgb","network_order":"rgb","mean":[0.0,0.0,0.0],"scale":[1.0,1.0,1.0],)"
+      R"("resize":"letterbox-centred"},)"
       R"("outputs":{"kind":"raw","format":"FP32","layers":[)"
       R"({"name":"layer0","layout":"NCHW","scale":1.0},{"name":"layer1","layout":"NCHW","scale":1.0},)"
-      R"({"name":"layer2","layout":"NCHW","scale":1.0}]},"name_pairs":[["k","v"]],)"
+      R"({"name":"layer2","layout":"NCHW","scale":1.0}]},"fusion":false,"proof":"unproven",)"
+      R"("name_pairs":[["k","v"]],)"
       R"("class_names":["person"]})",
       raw.dump());
   EXPECT_EQ(

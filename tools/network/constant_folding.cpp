@@ -51,10 +51,9 @@ class Folding {
         ++count;
       }
     }
-    nodes->erase(
-        std::remove_if(nodes->begin(), nodes->end(),
-                       [](const onnx::NodeProto& node) { return node.op_type().empty(); }),
-        nodes->end());
+    nodes->erase(std::remove_if(nodes->begin(), nodes->end(),
+                                [](const onnx::NodeProto& node) { return node.op_type().empty(); }),
+                 nodes->end());
     return count;
   }
 
