@@ -94,7 +94,8 @@ CASES = [
     *(case("Clip", [(f"y = Clip v {bounds}",)], lambda v, b=limits: np.clip(v, *b), {"l": np.float32(.2), "h": np.float32(.6)})
       for bounds, limits in (("l h", (.2, .6)), ("l", (.2, 9)), ("_ h", (0, .6)))),
     case("Max", [("a = Max v l",), ("y = Min h a",)], lambda v: np.clip(v, .2, .6), {"l": np.float32([.2]), "h": np.float32(.6)}),
-    case("folded", [("k = Constant", {"value_float": .5}), ("y = Add v k",)], lambda v: v + .5),
+    case("folded", [("k = Constant", {"value_float": .5}), ("a = Mul v k",), ("l = Constant", {"value": numpy_helper.from_array(np.float32([.25]))}), ("b = Add a l",),
+                    ("m = Constant", {"value": numpy_helper.from_array(np.float32([3]))}), ("y = Mul b m",)], lambda v: (v * .5 + .25) * 3),
     case("folded", [("s = Shape v",), ("n = Gather s one",), ("m = Mul n two",), ("u = Unsqueeze m zero",), ("c = Concat u rest", {"axis": 0}),
                     ("y = Reshape v c",)], lambda v: v.reshape(6, -1), {"one": np.int64(1), "two": np.int64(2), "zero": ints(0), "rest": ints(-1)}),
     case("folded", [("r = Range zero n one",), ("c = Cast r", {"to": 1}), ("d = Add c half",), ("e = Expand d sizes",), ("t = Transpose e", {"perm": [1, 0]}),

@@ -78,6 +78,8 @@ class NetworkTrialTest(ToolTest):
                                       (signal.SIGINT, ["inspect", "never-ends.qtm"], -2),
                                       (signal.SIGKILL, ["run", "never-ends.qtm", "none"], -9)):
             process = subprocess.Popen([TOOL, *command], cwd=self.folder)
+            while command is pack and sorted(self.folder.iterdir()) == before:  # it reads the network first
+                time.sleep(0.01)
             child = child_of(process)
             process.send_signal(number)
             self.assertEqual(process.wait(timeout=60), code)

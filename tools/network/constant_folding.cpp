@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "tools/network/constant_value.h"
+#include "tools/network/node_rewriting.h"
 
 namespace olvex_tools {
 
@@ -42,18 +43,14 @@ class Folding {
       outputs_.insert(output.name());
     }
     fresh_.clear();
-    auto* const nodes = network_.graph()->mutable_node();
-    // First all are computed, then removed: the network's index names nodes by their places.
     int count = 0;
-    for (onnx::NodeProto& node : *nodes) {
+    for (onnx::NodeProto& node : *network_.graph()->mutable_node()) {
       if (fold(node)) {
         node.Clear();
         ++count;
       }
     }
-    nodes->erase(std::remove_if(nodes->begin(), nodes->end(),
-                                [](const onnx::NodeProto& node) { return node.op_type().empty(); }),
-                 nodes->end());
+    remove_cleared_nodes(&network_);
     return count;
   }
 

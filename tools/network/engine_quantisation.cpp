@@ -219,25 +219,27 @@ int drop_quantised_activations(NetworkGraph* network) {
 
 int drop_dynamic_quantisation(NetworkGraph* network) {
   std::map<std::string, std::string> sources;  // of the integers
-  auto* const nodes = network->graph()->mutable_node();
-  const auto rest = std::remove_if(nodes->begin(), nodes->end(), [&](const onnx::NodeProto& node) {
-    if (!feeds_products_only(*network, node)) {
-      return false;
+  std::vector<onnx::NodeProto*> dropped;
+  for (onnx::NodeProto& node : *network->graph()->mutable_node()) {
+    if (feeds_products_only(*network, node)) {
+      sources[node.output(0)] = node.input(0);
+      pass_through(node, network);
+      dropped.push_back(&node);
     }
-    sources[node.output(0)] = node.input(0);
-    pass_through(node, network);
-    return true;
-  });
-  nodes->erase(rest, nodes->end());
+  }
   int count = 0;
-  for (onnx::NodeProto& node : *nodes) {
+  for (onnx::NodeProto& node : *network->graph()->mutable_node()) {
     const auto source = node.input_size() == 0 ? sources.end() : sources.find(node.input(0));
     if (source != sources.end()) {
       compute_in_floats(source->second, *plain_weights(*network, node), network, &node);
       ++count;
     }
   }
+  for (onnx::NodeProto* const node : dropped) {
+    node->Clear();
+  }
   if (!sources.empty()) {
+    remove_cleared_nodes(network);
     network->update();
   }
   return count;

@@ -43,12 +43,16 @@ int replace_nodes(NetworkGraph* network, const std::function<bool(Replacement*)>
   if (count == 0) {
     return 0;
   }
-  auto* const nodes = network->graph()->mutable_node();
-  nodes->erase(std::remove_if(nodes->begin(), nodes->end(),
-                              [](const onnx::NodeProto& node) { return node.output_size() == 0; }),
-               nodes->end());
+  remove_cleared_nodes(network);
   network->update();
   return count;
+}
+
+void remove_cleared_nodes(NetworkGraph* network) {
+  auto* const nodes = network->graph()->mutable_node();
+  nodes->erase(std::remove_if(nodes->begin(), nodes->end(),
+                              [](const onnx::NodeProto& node) { return node.op_type().empty(); }),
+               nodes->end());
 }
 
 bool is_operator(const onnx::NodeProto& node, const std::string& name) {

@@ -50,6 +50,10 @@ class Replacement {
 // false. Returns how many were replaced; the network is up to date.
 int replace_nodes(NetworkGraph* network, const std::function<bool(Replacement*)>& rewrite);
 
+// While the index of names is in use, nodes are cleared at their place and removed afterwards, by this:
+// the index goes by places.
+void remove_cleared_nodes(NetworkGraph* network);
+
 // Whether the node is that standard operator.
 bool is_operator(const onnx::NodeProto& node, const std::string& name);
 
