@@ -129,6 +129,7 @@ BROKEN = (
     ("tools/common/up.cpp", '#include "tools/frames/x.h"'), ("tools/inside/up.cpp", '#include "tools/run/x.h"'),
     ("tools/run/side.cpp", '#include "tools/pack/x.h"'),
     ("tools/eval/coco/side.cpp", '#include "tools/eval/mot/x.h"'),
+    ("tools/network/up.cpp", '#include "tools/frames/x.h"'),
     ("tools/compare/in.cpp", '#include "tools/inside/x.h"'), ("tools/inspect/in.cpp", f'#include "{HOST}"'),
     ("tools/new/x.cpp", '#include "tools/common/x.h"'), ("tools/main.cpp", '#include "tools/inside/x.h"'),
     ("bench/in.cpp", '#include "base/sdet/x.h"'), ("bench/side.cpp", '#include "tests/unit/x.h"'),
