@@ -143,26 +143,6 @@ Description full_description(OutputKind kind) {
 TEST(HostImage, every_wrong_field_of_a_description_is_named_with_what_is_expected) {
   const Json raw = Json::parse(description_to_json(full_description(OutputKind::kRaw)));
   const Json decoded = Json::parse(description_to_json(full_description(OutputKind::kDecoded)));
-<<<<<<< HEAD
-=======
-  EXPECT_EQ(
-      R"({"title":"title","input":{"name":"picture","width":64,"height":32,"format":"NV12",)"
-      R"("frame_order":"rgb","network_order":"rgb","mean":[0.0,0.0,0.0],"scale":[1.0,1.0,1.0],)"
-      R"("resize":"letterbox-centred"},)"
-      R"("outputs":{"kind":"raw","format":"FP32","layers":[)"
-      R"({"name":"layer0","layout":"NCHW","scale":1.0},{"name":"layer1","layout":"NCHW","scale":1.0},)"
-      R"({"name":"layer2","layout":"NCHW","scale":1.0}]},"fusion":false,"proof":"unproven",)"
-      R"("name_pairs":[["k","v"]],)"
-      R"("class_names":["person"]})",
-      raw.dump());
-  EXPECT_EQ(
-      R"({"kind":"decoded","format":"FP32","boxes":{"name":"boxes","order":"xyxy","unit":"fractions",)"
-      R"("scale":0.0625},"scores":{"name":"scores","scale":3.051851e-05,"background":3},)"
-      R"("classes":false,"keypoints":{"name":"points","values":10,"scale":0.0625},"max_boxes":100,)"
-      R"("min_score":0.05})",
-      decoded["outputs"].dump());
-  // Kind, JSON pointer, message (none where the description stays right), value (none: the field goes).
->>>>>>> heads
   std::ifstream file(OLVEX_PLATFORM_DATA "/descriptions.json");
   const Json data = Json::parse(file), rows = data["wrong"];
   EXPECT_EQ(data["raw"].dump(), raw.dump());
