@@ -128,6 +128,9 @@ Description full_description(OutputKind kind) {
   Description description = small_description(kind);
   description.title = "title";
   description.input.name = "picture";
+  description.input.resize = Resize::kLetterboxCentred;
+  description.fusion = false;
+  description.proof = Proof::kUnproven;
   description.decoded.background = 3;
   description.decoded.emit_classes = false;
   description.decoded.keypoints = "points";
