@@ -12,7 +12,7 @@ import zlib
 import cv2
 
 import tool_test
-from tool_test import TOOL, ToolTest, main
+from tool_test import STRIDE, TOOL, ToolTest, main
 
 STREET = tool_test.DATA.parents[2] / "models/street"
 PACK = ("--network-order", "bgr", "--scale", "1/255", "--class-names", str(STREET / "classes.txt"),
@@ -114,7 +114,7 @@ class DoctorTest(ToolTest):
         return findings, report
 
     def test_names_each_fault_and_no_other(self):
-        for name, (kind, header, fields, checks, remedy) in CASES.items():
+        for name, (kind, header, fields, checks, remedy) in list(CASES.items())[::STRIDE]:
             with self.subTest(name):
                 findings, _ = self.found(edited(self.base(kind), header, fields), "pictures")
                 self.assertEqual(tuple(findings), checks, findings)

@@ -8,7 +8,7 @@ import pathlib
 import subprocess
 import sys
 
-from tool_test import ToolTest, main
+from tool_test import STRIDE, ToolTest, main
 
 STREET = pathlib.Path(__file__).resolve().parents[2] / "models/street"
 STREET_INPUT = ["--network-order", "bgr", "--mean", "0", "--scale", "1/255"]
@@ -49,7 +49,7 @@ class HeadsTest(ToolTest):
         self.packed("raw", *STREET_INPUT)
         wanted = self.found()
         self.assertGreater(min(map(len, wanted)), 5)
-        for family, (head, extent) in FAMILIES.items():
+        for family, (head, extent) in list(FAMILIES.items())[::STRIDE]:
             with self.subTest(family):
                 report = self.packed(family, *STREET_INPUT).stdout
                 self.assertIn(f"head       {head}\n", report)

@@ -21,6 +21,7 @@ import zlib
 import jsonschema
 
 TOOL, MAKE_NETWORK, SCHEMAS = (str(pathlib.Path(path).resolve()) for path in sys.argv[1:4])
+STRIDE = int(os.environ.get("OLVEX_CASE_STRIDE", "1"))  # of long tables only every n-th case
 DATA = pathlib.Path(__file__).resolve().parent / "data"
 
 
