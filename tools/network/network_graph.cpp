@@ -76,26 +76,6 @@ std::vector<std::string> names_of(const std::vector<NetworkTensor>& tensors) {
   return names;
 }
 
-Attribute::Attribute(const std::string& name, std::int64_t value) {
-  record_.set_name(name);
-  record_.set_type(onnx::AttributeProto::INT);
-  record_.set_i(value);
-}
-
-Attribute::Attribute(const std::string& name, float value) {
-  record_.set_name(name);
-  record_.set_type(onnx::AttributeProto::FLOAT);
-  record_.set_f(value);
-}
-
-Attribute::Attribute(const std::string& name, const std::vector<std::int64_t>& values) {
-  record_.set_name(name);
-  record_.set_type(onnx::AttributeProto::INTS);
-  for (const std::int64_t value : values) {
-    record_.add_ints(value);
-  }
-}
-
 NetworkGraph::NetworkGraph(const std::string& path, const std::vector<char>& bytes) : path_(path) {
   const bool fits = bytes.size() <= static_cast<std::size_t>(std::numeric_limits<int>::max());
   if (!fits || !model_.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) {
@@ -365,15 +345,6 @@ void NetworkGraph::index() {
   }
 }
 
-const onnx::AttributeProto* find_attribute(const onnx::NodeProto& node, const std::string& name) {
-  for (const onnx::AttributeProto& attribute : node.attribute()) {
-    if (attribute.name() == name) {
-      return &attribute;
-    }
-  }
-  return nullptr;
-}
-
 std::set<std::string> values_read_by(const onnx::NodeProto& node) {
   std::set<std::string> values(node.input().begin(), node.input().end());
   for (const onnx::AttributeProto& attribute : node.attribute()) {
@@ -385,24 +356,6 @@ std::set<std::string> values_read_by(const onnx::NodeProto& node) {
     }
   }
   return values;
-}
-
-std::int64_t integer_attribute(const onnx::NodeProto& node, const std::string& name,
-                               std::int64_t usual) {
-  const onnx::AttributeProto* attribute = find_attribute(node, name);
-  return attribute == nullptr ? usual : attribute->i();
-}
-
-std::vector<std::int64_t> integers_attribute(const onnx::NodeProto& node, const std::string& name) {
-  const onnx::AttributeProto* attribute = find_attribute(node, name);
-  return attribute == nullptr
-             ? std::vector<std::int64_t>()
-             : std::vector<std::int64_t>(attribute->ints().begin(), attribute->ints().end());
-}
-
-float float_attribute(const onnx::NodeProto& node, const std::string& name, float usual) {
-  const onnx::AttributeProto* attribute = find_attribute(node, name);
-  return attribute == nullptr ? usual : attribute->f();
 }
 
 }  // namespace olvex_tools
