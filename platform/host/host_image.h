@@ -43,7 +43,7 @@ struct InputDescription {
   QV_IPU_ELEMENT_FORMAT format = QV_IPU_FORMAT_NV12;  // NV12, ARGB8888, ABGR8888, U8, GRAY or FP32
   ColourOrder frame_order = ColourOrder::kRgb;        // of U8 and FP32 frames: kRgb or kBgr
   ColourOrder network_order = ColourOrder::kRgb;      // planes of the network, or one gray plane
-  Resize resize = Resize::kStretch;                   // by whoever makes the frame
+  Resize resize = Resize::kStretch;                   // of a picture that becomes a frame
   std::array<float, 3> mean = {{0.f, 0.f, 0.f}};      // in network order
   std::array<float, 3> scale = {{1.f, 1.f, 1.f}};     // in network order
 };
