@@ -28,11 +28,12 @@ bool is_side(std::int64_t pixels) {
   return pixels > 0 && pixels <= kMost;
 }
 
-InputSize size_of(const PackOptions& options, const NetworkGraph& network) {
+// The input that takes the picture, of four known dimensions.
+NetworkTensor picture_input(const PackOptions& options, const NetworkGraph& network) {
   for (const NetworkTensor& input : network.inputs()) {
     const bool chosen = options.input ? input.name == *options.input : network.inputs().size() == 1;
     if (chosen && input.shape.size() == 4 && is_side(input.shape[2]) && is_side(input.shape[3])) {
-      return {input.shape[3], input.shape[2]};
+      return input;
     }
   }
   throw ToolError(kModelError,
@@ -89,15 +90,14 @@ class SingleThread {
 // What the network computes for the picture, in the preprocessing that is given, or unscaled to 0..1: what
 // kind of values the outputs hold does not depend on it.
 OutputValues look_at_outputs(const PackOptions& options, const NetworkGraph& network,
-                             const std::vector<char>& bytes, const InputSize& size,
+                             const std::vector<char>& bytes, const NetworkTensor& tensor,
                              const cv::Mat& picture) {
   InputValues input;
-  input.name = options.input.value_or(network.inputs().front().name);
-  input.width = static_cast<int>(size.width);
-  input.height = static_cast<int>(size.height);
-  const bool one_plane = network.inputs().front().shape[1] == 1;
-  input.order = one_plane ? qv_host::ColourOrder::kGray
-                          : options.network_order.value_or(qv_host::ColourOrder::kRgb);
+  input.name = tensor.name;
+  input.width = static_cast<int>(tensor.shape[3]);
+  input.height = static_cast<int>(tensor.shape[2]);
+  input.order = tensor.shape[1] == 1 ? qv_host::ColourOrder::kGray
+                                     : options.network_order.value_or(qv_host::ColourOrder::kRgb);
   input.mean = options.mean.value_or(input.mean);
   input.scale = options.scale.value_or(ThreeNumbers{{1.f / 255.f, 1.f / 255.f, 1.f / 255.f}});
   const auto run = [&] {
@@ -238,10 +238,11 @@ std::vector<char> uncut_network(const NetworkGraph& graph) {
 void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
                          PreparedNetwork* prepared) {
   ConcludedHead head;
-  const InputSize size = size_of(options, prepared->graph);
+  const NetworkTensor input = picture_input(options, prepared->graph);
+  const InputSize size = {input.shape[3], input.shape[2]};
   head.uncut = uncut_network(prepared->graph);
   head.outputs = names_of(prepared->graph.outputs());
-  const OutputValues values = look_at_outputs(options, prepared->graph, head.uncut, size, picture);
+  const OutputValues values = look_at_outputs(options, prepared->graph, head.uncut, input, picture);
   const HeadQuestion question = {prepared->graph, size, options.head, raw_words(options), &values};
   head.reading = only_reading(options, prepared->graph, size, conclude_head(question));
   head.command = command_of(options, head.reading);

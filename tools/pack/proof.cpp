@@ -43,8 +43,8 @@ struct Difference {
     const bool both_finite = std::isfinite(left) && std::isfinite(right);
     const double apart = both_finite ? std::fabs(left - right) * std::fabs(factor)
                                      : std::numeric_limits<double>::infinity();
-    const double allowed =
-        tolerance + (tolerance == kPixelTolerance ? kShareTolerance * std::fabs(left * factor) : 0);
+    const double share = tolerance == kPixelTolerance ? kShareTolerance : 0;
+    const double allowed = std::max(tolerance, share * std::fabs(left * factor));
     if (apart / allowed > most) {
       most = apart / allowed;
       place = where + format(": %.6g and %.6g", left, right);
@@ -179,7 +179,8 @@ class Proof {
     for (const auto& [name, values] : plain) {
       const bool coordinates = decoded_ && name != description_.decoded.scores;
       const double tolerance = coordinates ? kPixelTolerance : kScoreTolerance;
-      const double factor = coordinates && head_.box_fractions ? description_.input.width : 1;
+      const int longer = std::max(description_.input.width, description_.input.height);
+      const double factor = coordinates && head_.box_fractions ? longer : 1;
       Difference difference;
       for (std::size_t i = 0; i < values.size(); ++i) {
         // Logits of raw layers matter less the larger they are.
@@ -212,20 +213,25 @@ class Proof {
     double least = std::numeric_limits<double>::infinity();
     double most = -least;
     bool finite = true;
+    double least_of_best = least;
+    double most_of_best = most;
     for (const PlainRow& row : found.rows) {
       for (const double score : row.scores) {
         finite = finite && std::isfinite(score);
         least = std::min(least, score);
         most = std::max(most, score);
       }
+      least_of_best = std::min(least_of_best, best_score(row));
+      most_of_best = std::max(most_of_best, best_score(row));
     }
     if (!finite || least < -kScoreTolerance || most > 1 + kScoreTolerance) {
       result_.faults.push_back(picture +
                                format(": scores from %.4g to %.4g, they must lie in 0..1. "
                                       "See --class-activation and --head",
                                       least, most));
-    } else if (found.rows.size() > 1 && most - least < 1e-9) {
-      result_.faults.push_back(picture + format(": all scores are %.4g", most));
+    } else if (found.rows.size() > 1 && most_of_best - least_of_best < 1e-9) {
+      result_.faults.push_back(picture +
+                               format(": the best score of all rows is %.4g", most_of_best));
     }
   }
 
