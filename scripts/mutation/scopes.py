@@ -12,7 +12,7 @@ NO_TOOLS = ["-DOLVEX_BUILD_HOST=OFF", "-DOLVEX_BUILD_TOOLS=OFF"]
 # folders: where the sources stand. arm_only: whether only what 32-bit ARM alone compiles is changed;
 # otherwise all but that is. targets: what is built at first, everything if none. first: what holds all the
 # code that is changed, built before anything else. tool: what a test needs that is no program of the build.
-# tests: a pattern of the labels and the name of a test. environment: what the tests get. slowest: seconds;
+# tests: a pattern of the labels and the name of a test, and of a case of a test of the command line. environment: what the tests get. slowest: seconds;
 # what takes longer is not run for every change. required: percent to notice. memory: bytes that a test may
 # map, None without limit: the emulator reserves all that the emulated processor could reach.
 Scope = collections.namedtuple(
@@ -25,14 +25,14 @@ SCOPES = {
         r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
         "tools; the tests of the command line, but not those that take minutes",
-        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network"], [TOOL], TOOL,
-        r"tools tools\.(?!network_trial|run_sweep)", {}, 120, 85.0, 4 << 30),
+        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload"], [TOOL], TOOL,
+        r"tools tools\.(?!run_sweep\.test_every_failure)", {}, 180, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
         ("platform/host",), False, [*FLAGS, *NATIVE],
         [TOOL, "make_test_network", "host_accelerator_test", "host_contract_test", "host_image_test"],
         ["lib/libqv_host.so", "bin/host_image_test"], TOOL,
-        r"platform Host|tools tools\.(pack|run$)", {}, 120, 85.0, 4 << 30),
+        r"platform Host|tools tools\.(pack|run(\.|$))", {}, 120, 85.0, 4 << 30),
     "arm": Scope(
         "what only 32-bit ARM compiles of base, utils and video; under the emulator",
         ("base", "utils", "video"), True,
@@ -50,8 +50,11 @@ LIKELY_TESTS = (
     (r"tools/eval/", r"eval"),
     (r"tools/compare/", r"compare|annotation"),
     (r"tools/doctor/", r"doctor"),
+    (r"tools/heads/", r"heads"),
+    (r"tools/network/", r"network|heads"),
     (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", r"pack|doctor"),
-    (r"tools/(pack/|inspect/)", r"pack"),
+    (r"tools/inspect/", r"pack|network"),
+    (r"tools/pack/", r"pack|heads|network"),
     (r"tools/(run/|inside/(last_output|result_))", r"run"),
 )
 

@@ -2,7 +2,7 @@
 calls that write, and under kills: what stands on the disk afterwards.
 
 See tool_test.py for the usage and tests/support/sweep_preload.c, named by OLVEX_SWEEP_PRELOAD, for
-what fails. OLVEX_SWEEP_STRIDE=5 fails every fifth call only.
+what fails. OLVEX_CASE_STRIDE=5 fails every fifth call only.
 """
 import itertools
 import json
@@ -16,10 +16,9 @@ import subprocess
 import tempfile
 import time
 
-from tool_test import TOOL, ToolTest, main, make_network
+from tool_test import STRIDE, TOOL, ToolTest, main, make_network
 
 FRAMES = 3
-STRIDE = int(os.environ.get("OLVEX_SWEEP_STRIDE", "1"))
 OLD = "of an earlier run\n"
 OUTPUTS = ("--jsonl", "lines", "--mot", "mot", "--coco", "coco", "--summary-json", "summary",
            "--contact-sheet", "sheet.png", "--contact-frames", "1", "--pictures", "shown")
