@@ -4,13 +4,15 @@ packed, and is compared with the same arithmetic in numpy.
 See tool_test.py for the usage.
 """
 import json
+import os
 import random
 import resource
+import subprocess
 
 import cv2
 import numpy as np
 from onnx import TensorProto, helper, numpy_helper
-from tool_test import TOOL, ToolTest, main
+from tool_test import TOOL, ToolTest, main, make_network
 
 SEED = np.random.default_rng(7)
 OUT = ["-o", "out.qtm", "--boxes", "boxes", "--scores", "scores"]
@@ -200,6 +202,12 @@ class NetworkTest(ToolTest):
         for part in ("x ?x3x8x8", "Clip 1, Mul 1, ", "task: detect", "fixed the open sizes", "bounds of 1 Clip", "engine lacks    TopK"):
             self.assertIn(part, text)
         self.tool("inspect", "in.onnx", "--network", "in.onnx", code=2, said=["overwrite"])
+        make_network(self.folder / "two words.onnx", "decoded", 72, 64, 8)
+        found = json.loads(self.tool("inspect", "two words.onnx", "--json").stdout)["head"]
+        self.assertEqual((found["family"], found["fault"]), ("boxes-and-scores", None))
+        subprocess.run(f"PATH={os.path.dirname(TOOL)}:$PATH; {found['commands'][0]} --force", shell=True, check=True,
+                       cwd=self.folder, stdout=subprocess.DEVNULL)
+        self.assertIn("planes red, green, blue", self.tool("inspect", "two words.qtm").stdout)
 
     def test_damaged_networks_are_refused_or_packed_within_limits(self):
         def limit():

@@ -144,4 +144,16 @@ std::string did_you_mean(const std::string& word, const std::vector<std::string>
   return name.empty() ? name : ". Did you mean " + name + "?";
 }
 
+std::string shell_word(const std::string& word) {
+  const bool plain =
+      !word.empty() && word.find_first_not_of(
+                           "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
+                           "%+,-./:=@_") == std::string::npos;
+  std::string text = "'";
+  for (const char letter : word) {
+    text += letter == '\'' ? "'\\''" : std::string(1, letter);
+  }
+  return plain ? word : text + "'";
+}
+
 }  // namespace olvex_tools

@@ -55,6 +55,9 @@ std::string closest_name(const std::string& word, const std::vector<std::string>
 // ". Did you mean NAME?" for the closest name, or nothing.
 std::string did_you_mean(const std::string& word, const std::vector<std::string>& names);
 
+// The word as a shell reads it: in quotes where it needs them.
+std::string shell_word(const std::string& word);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_COMMON_TEXT_H

@@ -80,7 +80,8 @@ struct RawWord {
 
 struct HeadQuestion {
   const NetworkGraph& network;  // static: see make_static()
-  InputSize size;               // of its input
+  std::string input;            // of it, the one that takes the picture
+  InputSize size;               // of that input
   HeadOptions options;
   std::vector<RawWord> raw_words;
   const OutputValues* values = nullptr;  // what it computes for some picture; null: not known

@@ -86,6 +86,9 @@ constexpr std::array<float, 3> k255 = {{255.f, 255.f, 255.f}};
 Usual usual_of(const HeadReading& reading) {
   const Head& head = reading.head;
   const bool points = head.keypoints.present();
+  // Scores with a column for the background are those of a single-shot detector, decoded or not.
+  const bool single_shot =
+      head.family == "priors" || (head.family == "boxes-and-scores" && head.background >= 0);
   if (head.family == "objectness-offsets" || head.family == "class-objectness-box") {
     return {ColourOrder::kBgr, kZero, kOne, points ? Resize::kStretch : Resize::kLetterbox};
   }
@@ -95,10 +98,10 @@ Usual usual_of(const HeadReading& reading) {
             {{57.375f, 57.12f, 58.395f}},
             Resize::kStretch};
   }
-  if (head.family == "priors" && points) {
+  if (single_shot && points) {
     return {ColourOrder::kBgr, {{104.f, 117.f, 123.f}}, kOne, Resize::kStretch};
   }
-  if (head.family == "priors") {
+  if (single_shot) {
     return {ColourOrder::kRgb, {{127.f, 127.f, 127.f}}, {{128.f, 128.f, 128.f}}, Resize::kStretch};
   }
   if (head.family == "score-distance") {
@@ -115,9 +118,8 @@ Usual usual_of(const HeadReading& reading) {
 }
 
 // Whether the network itself takes a mean off its input or scales it.
-bool scales_its_input(const NetworkGraph& network) {
-  const std::vector<NetworkTensor> inputs = network.inputs();
-  for (const onnx::NodeProto* node : network.users_of(inputs.front().name)) {
+bool scales_its_input(const HeadQuestion& question) {
+  for (const onnx::NodeProto* node : question.network.users_of(question.input)) {
     for (const char* operation : {"Sub", "Mul", "Div", "BatchNormalization"}) {
       if (node->op_type() == operation) {
         return true;
@@ -195,7 +197,7 @@ class Source {
     if (layout && layout->anchors == 1 && network_.metadata().empty()) {
       usual = {ColourOrder::kBgr, kZero, kOne, Resize::kLetterbox};
     }
-    if (scales_its_input(network_)) {
+    if (scales_its_input(question_)) {
       usual.mean = kZero;
       usual.deviation = kOne;
       mean = scale = "the network scales its input itself";
@@ -277,8 +279,8 @@ class Source {
       result_.order = has_word(*text, "bgr") ? ColourOrder::kBgr : ColourOrder::kRgb;
       order = from;
     }
-    const Shape input = network_.inputs().front().shape;
-    if (input.size() == 4 && input[1] == 1) {
+    const std::optional<Shape> input = network_.shape_of(question_.input);
+    if (input && input->size() == 4 && (*input)[1] == 1) {
       result_.order = ColourOrder::kGray;
       order = "the network's input has one plane";
     }

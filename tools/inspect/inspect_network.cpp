@@ -1,4 +1,5 @@
-// inspect_network.cpp - what an ONNX network holds, which rewrites pack would make, and what the engine lacks.
+// inspect_network.cpp - what an ONNX network holds, which rewrites pack would make, what the engine lacks, and
+// which head pack would conclude.
 #include "tools/inspect/inspect.h"
 
 #include <cstdint>
@@ -14,6 +15,8 @@
 #include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
+#include "tools/frames/frame_source.h"
+#include "tools/inside/network_head.h"
 #include "tools/inside/network_trial.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
@@ -25,6 +28,14 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr int kSchemaVersion = 1;
+
+// What pack would conclude without options.
+struct HeadSuggestion {
+  std::string family;              // empty: none, or more than one
+  std::vector<std::string> facts;  // of the only one
+  std::vector<std::string> commands;
+  std::string fault;  // why there is not exactly one
+};
 
 struct NetworkReport {
   std::string path;
@@ -38,6 +49,7 @@ struct NetworkReport {
   std::string open;  // why pack cannot fix the sizes by itself; empty when it can
   std::vector<std::string> rewrites;
   std::vector<MissingOperator> missing;
+  HeadSuggestion head;
 };
 
 std::string producer_of(const onnx::ModelProto& model) {
@@ -76,6 +88,58 @@ NetworkReport report_of(const std::string& path, const std::vector<char>& bytes)
   report.rewrites.insert(report.rewrites.end(), engine.begin(), engine.end());
   report.missing = missing_operators(network);
   return report;
+}
+
+// The image goes into the current folder.
+std::string pack_command(const std::string& path, const std::string& options) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  const std::string image = name.substr(0, name.rfind(".onnx")) + ".qtm";
+  return "olvex-det pack " + shell_word(path) + " -o " + shell_word(image) +
+         (options.empty() ? "" : " ") + options;
+}
+
+HeadSuggestion suggestion_of(const std::string& path, const NetworkGraph& network) {
+  HeadSuggestion suggestion;
+  const NetworkHead head = conclude_network_head({}, network, street_picture());
+  for (const HeadReading& reading : head.readings) {
+    suggestion.commands.push_back(pack_command(path, options_of(reading)));
+  }
+  if (head.readings.empty()) {
+    suggestion.fault = no_head_text(network, head, std::nullopt);
+  } else if (head.readings.size() > 1) {
+    suggestion.fault = "can be read in " + std::to_string(head.readings.size()) + " ways";
+  } else {
+    suggestion.family = head.readings.front().head.family;
+    for (const HeadFact& fact : head.readings.front().facts) {
+      suggestion.facts.push_back(fact.text);
+    }
+  }
+  return suggestion;
+}
+
+// What is wrong with the network, but for missing operators, becomes the suggestion's fault.
+HeadSuggestion suggest_head(const NetworkReport& report, const std::vector<char>& bytes) {
+  HeadSuggestion suggestion;
+  if (!report.open.empty()) {
+    suggestion.fault = report.open;
+    suggestion.commands = {pack_command(report.path, "--size WIDTHxHEIGHT")};
+  } else if (!report.missing.empty()) {
+    suggestion.fault = "not looked for, as the engine cannot run the network";
+  } else {
+    const LibraryLog log("");
+    silence_opencv();
+    try {
+      NetworkGraph network(report.path, bytes);
+      make_static(std::nullopt, &network);
+      suggestion = suggestion_of(report.path, network);
+    } catch (const ToolError& error) {
+      if (error.exit_code() == kInterrupted) {
+        throw;
+      }
+      suggestion.fault = error.what();
+    }
+  }
+  return suggestion;
 }
 
 // ---- Text ---------------------------------------------------------------------------------------
@@ -122,6 +186,12 @@ std::vector<std::string> missing_lines(const std::vector<MissingOperator>& missi
   return texts;
 }
 
+std::string head_text(const HeadSuggestion& head) {
+  std::vector<std::string> texts = head.facts;
+  texts.insert(texts.begin(), head.fault.empty() ? head.family : "none: " + head.fault);
+  return lines("head", texts) + (head.commands.empty() ? "" : lines("pack it with", head.commands));
+}
+
 std::string report_text(const NetworkReport& report) {
   std::vector<std::string> rewrites = report.rewrites;
   if (!report.open.empty()) {
@@ -134,7 +204,7 @@ std::string report_text(const NetworkReport& report) {
          lines("input", described(report.inputs)) + lines("output", described(report.outputs)) +
          report_line("operators", operators_text(report.operators)) +
          lines("metadata", metadata_lines(report.metadata)) + lines("pack rewrites", rewrites) +
-         lines("engine lacks", missing_lines(report.missing));
+         lines("engine lacks", missing_lines(report.missing)) + head_text(report.head);
 }
 
 // ---- JSON ---------------------------------------------------------------------------------------
@@ -149,6 +219,10 @@ Json tensors_json(const std::vector<NetworkTensor>& tensors) {
     array.push_back({{"name", tensor.name}, {"shape", shape}});
   }
   return array;
+}
+
+Json text_or_null(const std::string& text) {
+  return text.empty() ? Json() : Json(text);
 }
 
 std::string report_json(const NetworkReport& report) {
@@ -168,9 +242,14 @@ std::string report_json(const NetworkReport& report) {
                      {"outputs", tensors_json(report.outputs)},
                      {"operators", report.operators},
                      {"metadata", report.metadata},
-                     {"open_sizes", report.open.empty() ? Json() : Json(report.open)},
+                     {"open_sizes", text_or_null(report.open)},
                      {"rewrites", report.rewrites},
-                     {"missing_operators", missing}};
+                     {"missing_operators", missing},
+                     {"head",
+                      {{"family", text_or_null(report.head.family)},
+                       {"facts", report.head.facts},
+                       {"commands", report.head.commands},
+                       {"fault", text_or_null(report.head.fault)}}}};
   // Names from a file may be in any encoding; a replaced character beats no report.
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -192,9 +271,10 @@ bool looks_like_network(const std::string& path) {
 int inspect_network(const std::string& path, bool as_json) {
   const std::vector<char> bytes = read_whole_file("the network", path);
   require_harmless_reading(path, bytes.size(), [&] { report_of(path, bytes); });
-  const NetworkReport report = report_of(path, bytes);
+  NetworkReport report = report_of(path, bytes);
+  report.head = suggest_head(report, bytes);
   print_result(as_json ? report_json(report) : report_text(report));
-  return report.missing.empty() ? kDone : kCheckFailed;
+  return report.head.fault.empty() ? kDone : kCheckFailed;
 }
 
 }  // namespace olvex_tools

@@ -2,137 +2,24 @@
 // heads that cannot be concluded.
 #include "tools/pack/network_preparation.h"
 
-#include <algorithm>
-#include <map>
-
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 #include "tools/frames/frame_source.h"
+#include "tools/inside/network_head.h"
 #include "tools/inside/network_trial.h"
-#include "tools/pack/engine_run.h"
 
 namespace olvex_tools {
 
 namespace {
-
-std::string outputs_text(const NetworkGraph& network) {
-  std::vector<std::string> texts;
-  for (const NetworkTensor& output : network.outputs()) {
-    texts.push_back(describe(output));
-  }
-  return join(texts, ", ");
-}
-
-bool is_side(std::int64_t pixels) {
-  constexpr std::int64_t kMost = 8192;
-  return pixels > 0 && pixels <= kMost;
-}
-
-// The input that takes the picture, of four known dimensions.
-NetworkTensor picture_input(const PackOptions& options, const NetworkGraph& network) {
-  for (const NetworkTensor& input : network.inputs()) {
-    const bool chosen = options.input ? input.name == *options.input : network.inputs().size() == 1;
-    if (chosen && input.shape.size() == 4 && is_side(input.shape[2]) && is_side(input.shape[3])) {
-      return input;
-    }
-  }
-  throw ToolError(kModelError,
-                  network.path() +
-                      ": a head can be concluded for one input of 1 x planes x height x "
-                      "width only. Name it with --input, or say what the outputs are: "
-                      "--boxes NAME --scores NAME");
-}
 
 bool are_outputs_described(const PackOptions& options) {
   return !options.raw.empty() || options.boxes || options.scores || options.keypoints ||
          !options.description_path.empty();
 }
 
-// The words of model_out by the channels of a layer: what the library takes without a word comes first, and
-// the words only where there is nothing such.
-std::vector<RawWord> raw_words(const PackOptions& options) {
-  const std::string given = first_value(options.pairs, kModelOutKey);
-  std::map<std::int64_t, std::vector<RawWord>> by_channels;
-  for (const std::string& word : type_words()) {
-    const TypeCounts counts = counts_of_word(word);
-    for (const std::int64_t values : {3, 2}) {
-      const std::int64_t channels = 4 + counts.classes + values * counts.keypoints;
-      const TypeCounts guess = guess_counts(static_cast<int>(channels));
-      const bool needs_no_word = given.empty() && guess.known && guess.classes == counts.classes &&
-                                 guess.keypoints == counts.keypoints;
-      const std::string meaning = counted(counts.classes, "class", "classes") + ", " +
-                                  counted(counts.keypoints, "key point", "key points");
-      std::vector<RawWord>& words = by_channels[channels];
-      const bool known = std::any_of(words.begin(), words.end(),
-                                     [](const RawWord& other) { return other.word.empty(); });
-      const bool same = !words.empty() && words.back().word == word;
-      if (!known && !same && (given.empty() || given == word)) {
-        words.push_back({needs_no_word ? "" : word, channels, counts.classes, meaning});
-      }
-    }
-  }
-  std::vector<RawWord> all;
-  for (const auto& [channels, words] : by_channels) {
-    all.insert(all.end(), words.begin(), words.end());
-  }
-  return all;
-}
-
-// The engine's own threads would not be there in a child process.
-class SingleThread {
- public:
-  SingleThread() { cv::setNumThreads(1); }
-  ~SingleThread() { cv::setNumThreads(-1); }
-  SingleThread(const SingleThread&) = delete;
-  SingleThread& operator=(const SingleThread&) = delete;
-};
-
-// What the network computes for the picture, in the preprocessing that is given, or unscaled to 0..1: what
-// kind of values the outputs hold does not depend on it.
-OutputValues look_at_outputs(const PackOptions& options, const NetworkGraph& network,
-                             const std::vector<char>& bytes, const NetworkTensor& tensor,
-                             const cv::Mat& picture) {
-  InputValues input;
-  input.name = tensor.name;
-  input.width = static_cast<int>(tensor.shape[3]);
-  input.height = static_cast<int>(tensor.shape[2]);
-  input.order = tensor.shape[1] == 1 ? qv_host::ColourOrder::kGray
-                                     : options.network_order.value_or(qv_host::ColourOrder::kRgb);
-  input.mean = options.mean.value_or(input.mean);
-  input.scale = options.scale.value_or(ThreeNumbers{{1.f / 255.f, 1.f / 255.f, 1.f / 255.f}});
-  const auto run = [&] {
-    return EngineRun(bytes, network.path(), names_of(network.outputs()), true).run(picture, input);
-  };
-  require_harmless_work(network.path(), bytes.size(), run);
-  const SingleThread single;  // the image is tried in a child later
-  const OutputValues values = run();
-  for (const NetworkTensor& output : network.outputs()) {
-    const auto count = static_cast<std::int64_t>(values.at(output.name).size());
-    if (count == 0 || count != elements_of(output.shape)) {
-      throw ToolError(kModelError, network.path() + ": the network says that its output is " +
-                                       describe(output) + ", and computes " +
-                                       counted(count, "value", "values") +
-                                       ". Export it again with fixed sizes");
-    }
-  }
-  return values;
-}
-
-std::string quoted(const std::string& word) {
-  const bool plain =
-      !word.empty() && word.find_first_not_of(
-                           "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-                           "%+,-./:=@_") == std::string::npos;
-  std::string text = "'";
-  for (const char letter : word) {
-    text += letter == '\'' ? "'\\''" : std::string(1, letter);
-  }
-  return plain ? word : text + "'";
-}
-
 // The command line with what was concluded in addition.
 std::string command_of(const PackOptions& options, const HeadReading& reading) {
-  std::string text = "olvex-det pack " + quoted(options.network_path);
+  std::string text = "olvex-det pack " + shell_word(options.network_path);
   const std::string concluded = " " + options_of(reading) + " ";
   for (const GivenOption& option : options.given) {
     if (option.name.empty() || concluded.find(" " + option.name + " ") != std::string::npos) {
@@ -140,34 +27,17 @@ std::string command_of(const PackOptions& options, const HeadReading& reading) {
     }
     text += " " + option.name;
     for (const std::string& value : option.values) {
-      text += " " + quoted(value);
+      text += " " + shell_word(value);
     }
   }
   return text + concluded.substr(0, concluded.size() - 1);
 }
 
-[[noreturn]] void refuse_unknown_head(const PackOptions& options, const NetworkGraph& network,
-                                      const InputSize& size) {
-  std::string families;
-  for (const HeadFamily& family : head_families()) {
-    families += format("\n  %-22s", family.name.c_str()) + family.outputs;
-  }
-  throw ToolError(
-      kModelError,
-      network.path() + ": " +
-          (options.head.family ? "the outputs do not fit --head " + *options.head.family
-                               : "no known head fits the outputs") +
-          ". Input " + std::to_string(size.width) + "x" + std::to_string(size.height) +
-          ", outputs: " + outputs_text(network) +
-          ". Say what they are, --boxes NAME --scores NAME or --raw OUT1 OUT2 OUT3, or name the "
-          "head, --head FAMILY:" +
-          families);
-}
-
 HeadReading only_reading(const PackOptions& options, const NetworkGraph& network,
-                         const InputSize& size, const std::vector<HeadReading>& readings) {
+                         const NetworkHead& head) {
+  const std::vector<HeadReading>& readings = head.readings;
   if (readings.empty()) {
-    refuse_unknown_head(options, network, size);
+    refuse_model(options.network_path, no_head_text(network, head, options.head.family));
   }
   if (readings.size() > 1) {
     std::string commands;
@@ -227,24 +97,15 @@ std::optional<InputSize> size_in(const qv_host::Description& description) {
              : std::make_optional(InputSize{description.input.width, description.input.height});
 }
 
-// The network with its own outputs, as the engine takes it.
-std::vector<char> uncut_network(const NetworkGraph& graph) {
-  NetworkGraph copy = graph;
-  fit_to_engine(&copy);
-  require_known_operators(copy);
-  return copy.bytes();
-}
-
 void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
                          PreparedNetwork* prepared) {
+  const NetworkHead found =
+      conclude_network_head({options.input, options.head, first_value(options.pairs, kModelOutKey)},
+                            prepared->graph, picture);
   ConcludedHead head;
-  const NetworkTensor input = picture_input(options, prepared->graph);
-  const InputSize size = {input.shape[3], input.shape[2]};
-  head.uncut = uncut_network(prepared->graph);
+  head.uncut = found.uncut;
   head.outputs = names_of(prepared->graph.outputs());
-  const OutputValues values = look_at_outputs(options, prepared->graph, head.uncut, input, picture);
-  const HeadQuestion question = {prepared->graph, size, options.head, raw_words(options), &values};
-  head.reading = only_reading(options, prepared->graph, size, conclude_head(question));
+  head.reading = only_reading(options, prepared->graph, found);
   head.command = command_of(options, head.reading);
   fill_in_preprocessing(head.reading, &prepared->options);
   if (head.reading.head.raw_layers.empty()) {

@@ -19,6 +19,7 @@
 #include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
+#include "tools/inside/network_head.h"
 #include "tools/inside/network_trial.h"
 #include "tools/frames/own_files.h"
 #include "tools/common/output_file.h"

@@ -5,8 +5,8 @@
 #include <array>
 #include <cmath>
 
+#include "tools/inside/engine_run.h"
 #include "tools/common/text.h"
-#include "tools/pack/engine_run.h"
 
 namespace olvex_tools {
 

@@ -30,9 +30,6 @@ struct ProofResult {
 ProofResult prove(const PreparedNetwork& prepared, const qv_host::Description& description,
                   const std::vector<ProofPicture>& pictures);
 
-// A frame of the street, part of the program.
-cv::Mat street_picture();
-
 }  // namespace olvex_tools
 
 #endif  // TOOLS_PACK_PROOF_H

@@ -1,5 +1,5 @@
 // engine_run.cpp - OpenCV's dnn module on a network's bytes.
-#include "tools/pack/engine_run.h"
+#include "tools/inside/engine_run.h"
 
 #include <opencv2/imgproc.hpp>
 

@@ -1,7 +1,7 @@
 // engine_run.h - runs a network in the host's engine as it is, without an image around it: for looking at
 // the outputs that a head is concluded from, and for proving its decoding.
-#ifndef TOOLS_PACK_ENGINE_RUN_H
-#define TOOLS_PACK_ENGINE_RUN_H
+#ifndef TOOLS_INSIDE_ENGINE_RUN_H
+#define TOOLS_INSIDE_ENGINE_RUN_H
 
 #include <string>
 #include <vector>
@@ -47,4 +47,4 @@ class EngineRun {
 
 }  // namespace olvex_tools
 
-#endif  // TOOLS_PACK_ENGINE_RUN_H
+#endif  // TOOLS_INSIDE_ENGINE_RUN_H
