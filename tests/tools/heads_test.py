@@ -4,11 +4,15 @@ the street's own three layers. And what is wrong with the options is named.
 The networks are those of models/street/heads.py. See tool_test.py for the usage.
 """
 import json
+import os
 import pathlib
+import re
+import shutil
 import subprocess
 import sys
+import tempfile
 
-from tool_test import STRIDE, ToolTest, main
+from tool_test import STRIDE, TOOL, ToolTest, main
 
 STREET = pathlib.Path(__file__).resolve().parents[2] / "models/street"
 STREET_INPUT = ["--network-order", "bgr", "--mean", "0", "--scale", "1/255"]
@@ -34,12 +38,15 @@ def are_same(left, right):
 
 
 class HeadsTest(ToolTest):
-    def setUp(self):
-        super().setUp()
-        subprocess.run([sys.executable, "-B", STREET / "heads.py", "--all", "-o", self.folder], check=True)
+    @classmethod
+    def setUpClass(cls):
+        shared = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(shared.cleanup)
+        cls.networks = pathlib.Path(shared.name)
+        subprocess.run([sys.executable, "-B", STREET / "heads.py", "--all", "-o", cls.networks], check=True)
 
     def packed(self, family, *options, **expected):
-        return self.tool("pack", f"{family}.onnx", "-o", "out.qtm", *options, **expected)
+        return self.tool("pack", self.networks / f"{family}.onnx", "-o", "out.qtm", *options, **expected)
 
     def found(self):
         self.tool("run", "out.qtm", STREET / "clip/street.mp4", "--limit", "2", "--jsonl", "out.jsonl")
@@ -81,6 +88,19 @@ class HeadsTest(ToolTest):
         self.packed("combined", "--scale", "0", *right, "--force", "--save-network", "saved.onnx")
         self.assertIn(b'"proof": "unproven"', (self.folder / "out.qtm").read_bytes())
         self.tool("pack", "saved.onnx", "-o", "again.qtm", "--boxes", "boxes", "--scores", "scores")
+
+    def test_a_network_of_ones_own_as_the_page_shows_it(self):
+        subprocess.run([sys.executable, "-B", STREET / "heads.py", "combined", "-o", self.folder / "own.onnx",
+                        "--variant", "metadata"], check=True)
+        shutil.copytree(STREET / "calibration", self.folder / "pictures")
+        page = (STREET.parents[1] / "docs/model-images.md").read_text()
+        arguments, shown = re.search(r"\$ git clone .*\n\$ libolvex_det/demo (.*)\n((?:.*\n)*?)```", page).groups()
+        result = self.transcribe([STREET.parents[1] / "demo", *arguments.split()], "demo", stderr=subprocess.STDOUT,
+                                 env={**os.environ, "OLVEX_DEMO_TOOL": TOOL, "OLVEX_DEMO_OUTPUT": "demo-output"})
+        # Counts and times differ from machine to machine.
+        self.assertEqual(*(re.sub(r"\d+(\.\d+)?|  +", "N", text) for text in (
+            result.stdout.replace(f"{self.folder}/", ""), shown)))
+        self.assertIn('"class_id"', (self.folder / "demo-output/own.jsonl").read_text())
 
 
 if __name__ == "__main__":
