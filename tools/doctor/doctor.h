@@ -26,7 +26,7 @@ struct TestFrame {
   std::vector<unsigned char> other_resize;
 };
 
-struct Patient {
+struct ExaminedModel {
   std::string path;
   std::string text_header;  // in front of the start pattern
   qv_host::Image image;
@@ -68,7 +68,7 @@ struct OwnRun {
   std::size_t frames_with_cut = 0;   // boxes beyond what the library reports, at score 0.5
   std::vector<IntegerUse> integers;  // as scaled_outputs(); none for FP32
 };
-OwnRun run_as_it_is(const Patient& patient);
+OwnRun run_as_it_is(const ExaminedModel& examined);
 
 // How many boxes make sense when the four values of a row are read so.
 struct BoxReading {
@@ -86,15 +86,15 @@ struct PlainRun {
   std::size_t rows_read = 0;             // of decoded boxes, by readings
   std::vector<double> clarity;           // see clarity_with()
 };
-PlainRun run_plainly(const Patient& patient);
+PlainRun run_plainly(const ExaminedModel& examined);
 
 enum class FrameChoice { kOwn, kOtherResize };
 
 // For each frame how clearly the network tells objects from the rest with another input description: the sum
 // of 2 x score - 1 over the boxes of kLeastThreshold or more, so that sure boxes add and doubtful ones
 // subtract. A wrong input makes all boxes doubtful, or adds many doubtful ones.
-std::vector<double> clarity_with(const Patient& patient, const qv_host::InputDescription& input,
-                                 FrameChoice frames);
+std::vector<double> clarity_with(const ExaminedModel& examined,
+                                 const qv_host::InputDescription& input, FrameChoice frames);
 
 // ---- Checks -------------------------------------------------------------------------------------
 
@@ -123,7 +123,7 @@ inline Outcome found(const std::string& seen, const std::string& means, const st
 
 // What the checks share. The runs are there where there are frames.
 struct Examination {
-  const Patient& patient;
+  const ExaminedModel& examined;
   OwnRun own;
   PlainRun plain;
   qv_host::InputDescription best_input;  // as described, or as a check of the input found it better

@@ -180,30 +180,31 @@ std::string diagnosis_json(const Diagnosis& diagnosis) {
 // ---- The work -----------------------------------------------------------------------------------
 
 // Requires: a LibraryLog exists.
-Patient admit(const DoctorOptions& options) {
-  Patient patient;
-  patient.path = options.path;
-  patient.image = read_model_file(options.path, &patient.text_header);
+ExaminedModel admit(const DoctorOptions& options) {
+  ExaminedModel examined;
+  examined.path = options.path;
+  examined.image = read_model_file(options.path, &examined.text_header);
   require_harmless_network(options.path, options.path);
   {
     LibraryModel model(options.path, options.path);
-    patient.facts = collect_facts(&model, patient.text_header);
+    examined.facts = collect_facts(&model, examined.text_header);
   }
   if (!options.pictures.empty()) {
-    patient.frames = load_frames(options.pictures, options.limit, patient.image.description.input);
+    examined.frames =
+        load_frames(options.pictures, options.limit, examined.image.description.input);
   }
-  return patient;
+  return examined;
 }
 
 // Why a check cannot be made; empty where it can.
-std::string obstacle(const Check& check, const Patient& patient, bool outputs_are_sound) {
+std::string obstacle(const Check& check, const ExaminedModel& examined, bool outputs_are_sound) {
   if (check.needs == Needs::kNothing) {
     return "";
   }
-  if (patient.frames.empty()) {
+  if (examined.frames.empty()) {
     return "needs pictures";
   }
-  if (!patient.facts.decoding.fault.empty()) {
+  if (!examined.facts.decoding.fault.empty()) {
     return "needs outputs that the library can decode";
   }
   return check.needs == Needs::kSoundOutputs && !outputs_are_sound
@@ -212,21 +213,21 @@ std::string obstacle(const Check& check, const Patient& patient, bool outputs_ar
 }
 
 // Requires: a LibraryLog exists.
-Diagnosis examine(const Patient& patient) {
-  const bool runs = !patient.frames.empty() && patient.facts.decoding.fault.empty();
-  Examination examination = {patient, {}, {}, patient.image.description.input, {}};
+Diagnosis examine(const ExaminedModel& examined) {
+  const bool runs = !examined.frames.empty() && examined.facts.decoding.fault.empty();
+  Examination examination = {examined, {}, {}, examined.image.description.input, {}};
   Diagnosis diagnosis;
-  diagnosis.path = patient.path;
-  diagnosis.frames = patient.frames.size();
+  diagnosis.path = examined.path;
+  diagnosis.frames = examined.frames.size();
   if (runs) {
-    examination.own = run_as_it_is(patient);
-    examination.plain = run_plainly(patient);
+    examination.own = run_as_it_is(examined);
+    examination.plain = run_plainly(examined);
     examination.best_clarity = examination.plain.clarity;
     diagnosis.own = examination.own;
   }
   bool outputs_are_sound = true;
   for (const Check& check : kChecks) {
-    const std::string reason = obstacle(check, patient, outputs_are_sound);
+    const std::string reason = obstacle(check, examined, outputs_are_sound);
     const Outcome outcome = reason.empty() ? check.look(&examination) : skipped(reason);
     outputs_are_sound = outputs_are_sound && !(check.judges_outputs && outcome.finding);
     diagnosis.results.push_back({check.name, outcome});

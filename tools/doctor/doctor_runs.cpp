@@ -57,15 +57,15 @@ TestFrame test_frame(SourceFrame* source, const FrameLayout& layout) {
 using Visit = std::function<void(const DetAfModel& model, const std::vector<BoxInfo>& boxes)>;
 
 // Runs the frames under that description, and shows visit the model and its boxes after each.
-void run_frames(const Patient& patient, const Description& description, FrameChoice choice,
+void run_frames(const ExaminedModel& examined, const Description& description, FrameChoice choice,
                 const Visit& visit) {
-  std::vector<char> file(patient.text_header.begin(), patient.text_header.end());
-  const std::vector<char> image = qv_host::build_image(description, patient.image.network);
+  std::vector<char> file(examined.text_header.begin(), examined.text_header.end());
+  const std::vector<char> image = qv_host::build_image(description, examined.image.network);
   file.insert(file.end(), image.begin(), image.end());
-  LibraryModel model(std::move(file), patient.path);
-  Progress progress(static_cast<long>(patient.frames.size()), false);
+  LibraryModel model(std::move(file), examined.path);
+  Progress progress(static_cast<long>(examined.frames.size()), false);
   long done = 0;
-  for (const TestFrame& frame : patient.frames) {
+  for (const TestFrame& frame : examined.frames) {
     const bool other = choice == FrameChoice::kOtherResize && !frame.other_resize.empty();
     std::vector<unsigned char> bytes = other ? frame.other_resize : frame.bytes;
     const std::vector<BoxInfo> boxes = model.detect(&bytes, kLeastThreshold);
@@ -286,10 +286,10 @@ std::vector<TestFrame> load_frames(const std::vector<std::string>& inputs, long 
   return frames;
 }
 
-OwnRun run_as_it_is(const Patient& patient) {
-  const Description& description = patient.image.description;
+OwnRun run_as_it_is(const ExaminedModel& examined) {
+  const Description& description = examined.image.description;
   OwnRun run;
-  run_frames(patient, description, FrameChoice::kOwn,
+  run_frames(examined, description, FrameChoice::kOwn,
              [&](const DetAfModel& model, const std::vector<BoxInfo>& boxes) {
                const std::size_t dropped = QV_HOST_LastInvokeDropped();
                run.frames_with_dropped += dropped > 0 ? 1 : 0;
@@ -302,9 +302,9 @@ OwnRun run_as_it_is(const Patient& patient) {
   return run;
 }
 
-PlainRun run_plainly(const Patient& patient) {
+PlainRun run_plainly(const ExaminedModel& examined) {
   using qv_host::BoxOrder;
-  Description described = patient.image.description;
+  Description described = examined.image.description;
   const bool raw = described.kind == qv_host::OutputKind::kRaw;
   PlainRun run;
   run.reach.resize(scaled_outputs(&described).size());
@@ -314,10 +314,10 @@ PlainRun run_plainly(const Patient& patient) {
                    {BoxOrder::kCornerPairs, false, 0},
                    {BoxOrder::kCentreSize, true, 0},
                    {BoxOrder::kCentreSize, false, 0}}};
-  run_frames(patient, plain_description(described), FrameChoice::kOwn,
+  run_frames(examined, plain_description(described), FrameChoice::kOwn,
              [&](const DetAfModel& model, const std::vector<BoxInfo>& boxes) {
                if (raw) {
-                 add_layers(model, patient.facts.decoding.counts.classes, &run);
+                 add_layers(model, examined.facts.decoding.counts.classes, &run);
                } else {
                  add_rows(model, described, &run);
                }
@@ -326,12 +326,12 @@ PlainRun run_plainly(const Patient& patient) {
   return run;
 }
 
-std::vector<double> clarity_with(const Patient& patient, const qv_host::InputDescription& input,
-                                 FrameChoice frames) {
-  Description description = plain_description(patient.image.description);
+std::vector<double> clarity_with(const ExaminedModel& examined,
+                                 const qv_host::InputDescription& input, FrameChoice frames) {
+  Description description = plain_description(examined.image.description);
   description.input = input;
   std::vector<double> clarity;
-  run_frames(patient, description, frames,
+  run_frames(examined, description, frames,
              [&](const DetAfModel&, const std::vector<BoxInfo>& boxes) {
                clarity.push_back(clarity_of(boxes));
              });

@@ -121,7 +121,7 @@ Outcome check_mean_and_scale(Examination* examination) {
       continue;
     }
     const std::vector<double> clarity =
-        clarity_with(examination->patient, other, FrameChoice::kOwn);
+        clarity_with(examination->examined, other, FrameChoice::kOwn);
     if (is_clearly_better(clarity, own) && sum(clarity) > sum(examination->best_clarity)) {
       adopt(other, clarity, examination);
       options = options_of(other, usual);
@@ -142,7 +142,7 @@ Outcome check_colours(Examination* examination) {
   const std::vector<double> own = examination->best_clarity;
   const bool reverse = is_reverse(other);
   other.network_order = reverse ? ColourOrder::kRgb : ColourOrder::kBgr;
-  const std::vector<double> clarity = clarity_with(examination->patient, other, FrameChoice::kOwn);
+  const std::vector<double> clarity = clarity_with(examination->examined, other, FrameChoice::kOwn);
   if (!is_clearly_better(clarity, own)) {
     return passed("not clearly better with the colours swapped");
   }
@@ -152,7 +152,7 @@ Outcome check_colours(Examination* examination) {
 }
 
 Outcome check_aspect(Examination* examination) {
-  const std::vector<TestFrame>& frames = examination->patient.frames;
+  const std::vector<TestFrame>& frames = examination->examined.frames;
   const bool differs = std::any_of(frames.begin(), frames.end(), [](const TestFrame& frame) {
     return !frame.other_resize.empty();
   });
@@ -160,7 +160,7 @@ Outcome check_aspect(Examination* examination) {
     return skipped("the pictures have the aspect of the model");
   }
   const std::vector<double> clarity =
-      clarity_with(examination->patient, examination->best_input, FrameChoice::kOtherResize);
+      clarity_with(examination->examined, examination->best_input, FrameChoice::kOtherResize);
   const bool stretched = examination->best_input.resize == Resize::kStretch;
   const std::string other = stretched ? "with the aspect kept" : "stretched";
   if (!is_clearly_better(clarity, examination->best_clarity)) {

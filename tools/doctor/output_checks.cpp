@@ -18,7 +18,7 @@ using qv_host::Description;
 using qv_host::OutputKind;
 
 bool is_raw(const Examination& examination) {
-  return examination.patient.image.description.kind == OutputKind::kRaw;
+  return examination.examined.image.description.kind == OutputKind::kRaw;
 }
 
 std::string range_text(const ValueRange& range) {
@@ -62,7 +62,7 @@ Outcome check_raw_scores(const PlainRun& run) {
 
 Outcome check_decoded_scores(const Examination& examination) {
   const ValueRange scores = together(examination.plain.class_values);
-  const std::string& name = examination.patient.image.description.decoded.scores;
+  const std::string& name = examination.examined.image.description.decoded.scores;
   const std::string seen = "best scores of the rows: " + range_text(scores);
   constexpr double kRounding = 1e-3;
   if (scores.least < -kRounding || scores.largest > 1 + kRounding) {
@@ -152,7 +152,7 @@ std::string scale_options(const Description& description, const std::vector<doub
 // ---- Boxes in a frame ---------------------------------------------------------------------------------
 
 double per_frame(std::size_t count, const Examination& examination) {
-  return static_cast<double>(count) / static_cast<double>(examination.patient.frames.size());
+  return static_cast<double>(count) / static_cast<double>(examination.examined.frames.size());
 }
 
 }  // namespace
@@ -183,7 +183,8 @@ Outcome check_boxes(Examination* examination) {
   if (run.rows_read == 0) {
     return skipped("the network gives no boxes");
   }
-  const BoxReading& packed = reading_as_packed(run, examination->patient.image.description.decoded);
+  const BoxReading& packed =
+      reading_as_packed(run, examination->examined.image.description.decoded);
   const BoxReading& best = *std::max_element(
       run.readings.begin(), run.readings.end(),
       [](const BoxReading& a, const BoxReading& b) { return a.sensible < b.sensible; });
@@ -202,7 +203,7 @@ Outcome check_boxes(Examination* examination) {
 }
 
 Outcome check_integers(Examination* examination) {
-  const Description& description = examination->patient.image.description;
+  const Description& description = examination->examined.image.description;
   if (description.output_format != QV_IPU_FORMAT_INT16) {
     return skipped("the outputs are FP32");
   }
@@ -230,8 +231,8 @@ Outcome check_integers(Examination* examination) {
 
 Outcome check_limits(Examination* examination) {
   const OwnRun& own = examination->own;
-  const qv_host::DecodedOutput& decoded = examination->patient.image.description.decoded;
-  const std::string frames = counted(examination->patient.frames.size(), "frame", "frames");
+  const qv_host::DecodedOutput& decoded = examination->examined.image.description.decoded;
+  const std::string frames = counted(examination->examined.frames.size(), "frame", "frames");
   if (own.frames_with_dropped > 0) {
     constexpr std::size_t kRound = 100;
     constexpr std::size_t kMost = 32767;

@@ -38,22 +38,22 @@ bool is_grid_of(const LayerExtents& layer, const qv_host::InputDescription& inpu
          height % layer.height == 0 && width / layer.width == height / layer.height;
 }
 
-bool is_raw(const Patient& patient) {
-  return patient.image.description.kind == qv_host::OutputKind::kRaw &&
-         patient.facts.outputs.size() == patient.image.description.raw.size();
+bool is_raw(const ExaminedModel& examined) {
+  return examined.image.description.kind == qv_host::OutputKind::kRaw &&
+         examined.facts.outputs.size() == examined.image.description.raw.size();
 }
 
-std::string word_of(const Patient& patient) {
-  return first_value(patient.facts.valid_pairs, kModelOutKey);
+std::string word_of(const ExaminedModel& examined) {
+  return first_value(examined.facts.valid_pairs, kModelOutKey);
 }
 
 // Whether the layers are no grids of cells, and would be in the other layout.
-bool are_planes_for_cells(const Patient& patient) {
-  const Description& description = patient.image.description;
+bool are_planes_for_cells(const ExaminedModel& examined) {
+  const Description& description = examined.image.description;
   bool now = true;
   bool other = true;
-  for (std::size_t i = 0; i < patient.facts.outputs.size(); ++i) {
-    const TensorFacts& tensor = patient.facts.outputs[i];
+  for (std::size_t i = 0; i < examined.facts.outputs.size(); ++i) {
+    const TensorFacts& tensor = examined.facts.outputs[i];
     const LayerExtents swapped = in_other_layout(tensor, description.raw[i].nchw);
     now = now && is_grid_of(extents_of(tensor), description.input);
     other = other && is_grid_of(swapped, description.input);
@@ -61,10 +61,11 @@ bool are_planes_for_cells(const Patient& patient) {
   return other && !now;
 }
 
-Outcome found_layout(const Patient& patient) {
-  const Description& description = patient.image.description;
+Outcome found_layout(const ExaminedModel& examined) {
+  const Description& description = examined.image.description;
   const auto text = [](const TensorFacts& tensor) { return describe(tensor); };
-  return found("the library gets " + join(patient.facts.outputs, ", ", text) + " for an input of " +
+  return found("the library gets " + join(examined.facts.outputs, ", ", text) +
+                   " for an input of " +
                    size_text(description.input.width, description.input.height),
                "planes are taken for cells: height, width and channels of the layers are mixed up",
                std::string("pack with --layout ") + (description.raw[0].nchw ? "nhwc" : "nchw"));
@@ -87,18 +88,18 @@ std::string word_remedy(const std::string& words) {
 }
 
 // The word does not fit the channels of the raw layers, which do fit the input.
-Outcome found_word(const Patient& patient, int channels) {
+Outcome found_word(const ExaminedModel& examined, int channels) {
   const auto fits = [channels](const TypeCounts& counts) { return channels_fit(counts, channels); };
-  return found("the model_out word \"" + word_of(patient) + "\" stands for layers of " +
-                   describe_channels(counts_of_word(word_of(patient))) +
+  return found("the model_out word \"" + word_of(examined) + "\" stands for layers of " +
+                   describe_channels(counts_of_word(word_of(examined))) +
                    " channels, and these have " + std::to_string(channels),
                "the library finds no box", word_remedy(words_for(fits)));
 }
 
 // Score columns that are classes; 0 when the network leaves their number open.
-int class_columns(const Patient& patient) {
-  const qv_host::DecodedOutput& decoded = patient.image.description.decoded;
-  const NetworkGraph network(patient.path, patient.image.network);
+int class_columns(const ExaminedModel& examined) {
+  const qv_host::DecodedOutput& decoded = examined.image.description.decoded;
+  const NetworkGraph network(examined.path, examined.image.network);
   for (const NetworkTensor& tensor : network.outputs()) {
     if (tensor.name == decoded.scores && !tensor.shape.empty()) {
       const auto columns = static_cast<int>(std::min<std::int64_t>(tensor.shape.back(), INT16_MAX));
@@ -108,22 +109,22 @@ int class_columns(const Patient& patient) {
   return 0;
 }
 
-int class_count(const Patient& patient) {
-  const Description& description = patient.image.description;
+int class_count(const ExaminedModel& examined) {
+  const Description& description = examined.image.description;
   if (description.kind == qv_host::OutputKind::kRaw) {
-    return patient.facts.decoding.counts.classes;
+    return examined.facts.decoding.counts.classes;
   }
-  return description.decoded.emit_classes ? class_columns(patient) : 0;
+  return description.decoded.emit_classes ? class_columns(examined) : 0;
 }
 
-Outcome found_class_count(const Patient& patient, int declared, int classes) {
+Outcome found_class_count(const ExaminedModel& examined, int declared, int classes) {
   const bool background =
-      declared == classes - 1 && patient.image.description.decoded.background < 0;
+      declared == classes - 1 && examined.image.description.decoded.background < 0;
   const auto fits = [classes](const TypeCounts& counts) {
     return counts.known && counts.classes == classes && counts.keypoints == 0;
   };
   return found(
-      "the model_out word \"" + word_of(patient) + "\" declares " +
+      "the model_out word \"" + word_of(examined) + "\" declares " +
           counted(declared, "class", "classes") + ", the scores hold " + std::to_string(classes),
       "class ids do not mean what the word says, or are reported beyond its classes",
       word_remedy(words_for(fits)) +
@@ -131,9 +132,9 @@ Outcome found_class_count(const Patient& patient, int declared, int classes) {
 }
 
 // Names are by library class id: as many as the network has, or as are presented.
-bool names_fit(const Patient& patient, int classes) {
-  const auto names = static_cast<int>(patient.image.description.class_names.size());
-  const std::string lib_out = first_value(patient.facts.valid_pairs, kLibOutKey);
+bool names_fit(const ExaminedModel& examined, int classes) {
+  const auto names = static_cast<int>(examined.image.description.class_names.size());
+  const std::string lib_out = first_value(examined.facts.valid_pairs, kLibOutKey);
   return names == 0 || names == classes ||
          (!lib_out.empty() && names == counts_of_word(lib_out).classes);
 }
@@ -141,36 +142,36 @@ bool names_fit(const Patient& patient, int classes) {
 }  // namespace
 
 Outcome check_decoding(Examination* examination) {
-  const Patient& patient = examination->patient;
-  const DecodingFacts& decoding = patient.facts.decoding;
+  const ExaminedModel& examined = examination->examined;
+  const DecodingFacts& decoding = examined.facts.decoding;
   if (decoding.fault.empty()) {
     return passed(decoding.reason);
   }
-  if (is_raw(patient) && are_planes_for_cells(patient)) {
-    return found_layout(patient);
+  if (is_raw(examined) && are_planes_for_cells(examined)) {
+    return found_layout(examined);
   }
-  const TypeCounts word = counts_of_word(word_of(patient));
+  const TypeCounts word = counts_of_word(word_of(examined));
   const int channels =
-      is_raw(patient) ? static_cast<int>(extents_of(patient.facts.outputs[0]).channels) : 0;
+      is_raw(examined) ? static_cast<int>(extents_of(examined.facts.outputs[0]).channels) : 0;
   if (decoding.decoder == kDecoderCpu && word.known && !channels_fit(word, channels)) {
-    return found_word(patient, channels);
+    return found_word(examined, channels);
   }
   return found(decoding.reason, "the library finds no box", decoding.fault);
 }
 
 Outcome check_layer_order(Examination* examination) {
-  const Patient& patient = examination->patient;
-  if (!is_raw(patient)) {
+  const ExaminedModel& examined = examination->examined;
+  if (!is_raw(examined)) {
     return skipped("for raw layers");
   }
   std::vector<std::pair<int, std::string>> layers;  // stride and name
-  for (std::size_t i = 0; i < patient.facts.outputs.size(); ++i) {
-    const LayerExtents layer = extents_of(patient.facts.outputs[i]);
-    if (!is_grid_of(layer, patient.image.description.input)) {
+  for (std::size_t i = 0; i < examined.facts.outputs.size(); ++i) {
+    const LayerExtents layer = extents_of(examined.facts.outputs[i]);
+    if (!is_grid_of(layer, examined.image.description.input)) {
       return skipped("the layers are no grids of cells");
     }
-    layers.emplace_back(patient.image.description.input.width / static_cast<int>(layer.width),
-                        patient.image.description.raw[i].name);
+    layers.emplace_back(examined.image.description.input.width / static_cast<int>(layer.width),
+                        examined.image.description.raw[i].name);
   }
   const std::string strides =
       join(layers, ", ", [](const auto& layer) { return std::to_string(layer.first); });
@@ -194,20 +195,20 @@ Outcome check_layer_order(Examination* examination) {
 }
 
 Outcome check_classes(Examination* examination) {
-  const Patient& patient = examination->patient;
-  if (!patient.facts.decoding.fault.empty()) {
+  const ExaminedModel& examined = examination->examined;
+  if (!examined.facts.decoding.fault.empty()) {
     return skipped("needs outputs that the library can decode");
   }
-  const int classes = class_count(patient);
+  const int classes = class_count(examined);
   if (classes <= 0) {
     return skipped("the outputs do not tell their classes");
   }
-  const TypeCounts word = counts_of_word(word_of(patient));
+  const TypeCounts word = counts_of_word(word_of(examined));
   if (word.known && word.classes != classes) {
-    return found_class_count(patient, word.classes, classes);
+    return found_class_count(examined, word.classes, classes);
   }
-  if (!names_fit(patient, classes)) {
-    const std::size_t names = patient.image.description.class_names.size();
+  if (!names_fit(examined, classes)) {
+    const std::size_t names = examined.image.description.class_names.size();
     return found(counted(names, "class name", "class names") + " for " +
                      counted(classes, "class", "classes"),
                  "names are missing, or belong to other classes",
@@ -217,7 +218,7 @@ Outcome check_classes(Examination* examination) {
 }
 
 Outcome check_input_values(Examination* examination) {
-  const qv_host::InputDescription& input = examination->patient.image.description.input;
+  const qv_host::InputDescription& input = examination->examined.image.description.input;
   const std::size_t planes = input.network_order == qv_host::ColourOrder::kGray ? 1 : 3;
   const auto end = input.scale.begin() + static_cast<std::ptrdiff_t>(planes);
   if (std::find(input.scale.begin(), end, 0.f) != end) {

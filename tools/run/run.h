@@ -42,7 +42,7 @@ struct DetectorOptions {
   bool strict = false;
 };
 
-// Brings the accelerator up and takes it down; one may live at a time. Errors of the library are
+// Brings the accelerator up and takes it down; one at a time. Errors of the library are
 // thrown as ToolError: kModelError, kInputError, or kAcceleratorError for a platform code.
 class Detector {
  public:
