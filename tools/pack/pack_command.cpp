@@ -229,10 +229,6 @@ void print_notes(const Description& description, const NetworkGraph& network, co
   if (description.kind != qv_host::OutputKind::kDecoded) {
     return;
   }
-  if (!test.boxes.empty() && test.boxes.front().score > 1.f) {
-    print_note("the test run found scores above 1 (" + std::to_string(test.boxes.front().score) +
-               "); check --mean and --scale, and that the scores are probabilities");
-  }
   const long columns = description.decoded.emit_classes ? class_columns(description, network) : 0;
   if (columns == 0) {
     return;
@@ -300,13 +296,15 @@ std::vector<ProofPicture> proof_pictures(const PackOptions& options, const cv::M
 
 // Sets what the description says about the proof. Throws ToolError (kModelError) when it fails and is not
 // forced. Nothing is proven of outputs that the options describe.
-std::optional<ProofResult> prove_and_mark(const PackOptions& options,
-                                          const PreparedNetwork& prepared, const cv::Mat& picture,
-                                          Description* description) {
+ProofResult prove_and_mark(const PackOptions& options, const PreparedNetwork& prepared,
+                           const cv::Mat& picture, Description* description) {
+  const std::vector<ProofPicture> pictures = proof_pictures(options, picture);
   if (!prepared.head) {
-    return std::nullopt;
+    const ProofResult trial = try_described_outputs(prepared, *description, pictures);
+    description->fusion = description->fusion && trial.fusion;
+    return trial;
   }
-  const ProofResult proof = prove(prepared, *description, proof_pictures(options, picture));
+  const ProofResult proof = prove(prepared, *description, pictures);
   if (!proof.faults.empty() && !options.force) {
     std::string head = describe_head(prepared);
     head.pop_back();  // the last line's end
@@ -341,7 +339,7 @@ std::string write_image(const PreparedNetwork& prepared, Description description
       require_harmless_network(file.temporary_path(), options.network_path);
     }
   }
-  const std::optional<ProofResult> proof = prove_and_mark(options, prepared, picture, &description);
+  const ProofResult proof = prove_and_mark(options, prepared, picture, &description);
   const std::vector<char> bytes = build_model_file(pairs, description, prepared.bytes);
   ReplacementFile file(options.image_path);
   file.write(bytes);
@@ -349,11 +347,11 @@ std::string write_image(const PreparedNetwork& prepared, Description description
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   save_network(options, prepared);
   file.commit();
-  for (const std::string& note : proof ? proof->notes : std::vector<std::string>()) {
+  for (const std::string& note : proof.notes) {
     print_note(note);
   }
   print_notes(description, prepared.graph, test);
-  const std::string head = prepared.head ? describe_head(prepared) + describe_proof(*proof) : "";
+  const std::string head = prepared.head ? describe_head(prepared) + describe_proof(proof) : "";
   return describe_result(options, description, prepared.rewrites, calibration, bytes.size(), test,
                          head);
 }

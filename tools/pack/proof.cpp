@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <optional>
 
-#include "tools/inside/engine_run.h"
 #include "tools/common/text.h"
+#include "tools/inside/engine_run.h"
+#include "tools/pack/described_head.h"
 
 namespace olvex_tools {
 
@@ -54,36 +56,52 @@ struct Difference {
 
 class Proof {
  public:
-  Proof(const PreparedNetwork& prepared, const Description& description)
+  Proof(const PreparedNetwork& prepared, const Head& head, const Description& description)
       : prepared_(prepared),
-        head_(prepared.head->reading.head),
+        head_(head),
         description_(description),
         decoded_(description.kind == qv_host::OutputKind::kDecoded) {}
 
   ProofResult run(const std::vector<ProofPicture>& pictures) {
-    EngineRun uncut(prepared_.head->uncut, prepared_.graph.path(), prepared_.head->outputs, false);
     EngineRun plain(prepared_.bytes, prepared_.graph.path(), output_names(), false);
     EngineRun fused(prepared_.bytes, prepared_.graph.path(), output_names(), true);
-    const InputValues input = input_values(description_.input);
-    for (const ProofPicture& picture : pictures) {
-      const OutputValues original = uncut.run(picture.picture, input);
-      const OutputValues now = plain.run(picture.picture, input);
-      const Rows expected = with_units(read_plainly(head_, original));
-      if (decoded_) {
-        compare_decoding(expected, with_units(rows_of(now)), picture.name);
-      }
-      compare_fusion(now, fused.run(picture.picture, input), picture.name);
-      check_scores(expected, picture.name);
-      check_boxes(expected, picture.name);
+    // Of outputs that the options describe there is no other form to compare with.
+    EngineRun* original = &plain;
+    std::optional<EngineRun> uncut;
+    if (prepared_.head) {
+      original = &uncut.emplace(prepared_.head->uncut, prepared_.graph.path(),
+                                prepared_.head->outputs, false);
     }
-    check_preprocessing(pictures, &uncut);
+    for (const ProofPicture& picture : pictures) {
+      check_picture(picture, original, &plain, &fused);
+    }
+    if (head_.boxes.present()) {
+      check_preprocessing(pictures, original);
+    }
     return result_;
   }
 
  private:
+  void check_picture(const ProofPicture& picture, EngineRun* original, EngineRun* plain,
+                     EngineRun* fused) {
+    const InputValues input = input_values(description_.input);
+    const OutputValues now = plain->run(picture.picture, input);
+    compare_fusion(now, fused->run(picture.picture, input), picture.name);
+    if (!head_.boxes.present()) {
+      return;
+    }
+    const Rows rows = with_units(
+        read_plainly(head_, prepared_.head ? original->run(picture.picture, input) : now));
+    if (decoded_ && prepared_.head) {
+      compare_decoding(rows, with_units(rows_of(now)), picture.name);
+    }
+    check_scores(rows, picture.name);
+    check_boxes(rows, picture.name);
+  }
+
   std::vector<std::string> output_names() const {
     if (!decoded_) {
-      return head_.raw_layers;
+      return {description_.raw[0].name, description_.raw[1].name, description_.raw[2].name};
     }
     std::vector<std::string> names = {description_.decoded.boxes, description_.decoded.scores};
     if (!description_.decoded.keypoints.empty()) {
@@ -230,8 +248,7 @@ class Proof {
                                       "See --class-activation and --head",
                                       least, most));
     } else if (found.rows.size() > 1 && most_of_best - least_of_best < 1e-9) {
-      result_.faults.push_back(picture +
-                               format(": the best score of all rows is %.4g", most_of_best));
+      result_.faults.push_back(picture + format(": all best scores are %.4g", most_of_best));
     }
   }
 
@@ -368,7 +385,16 @@ class Proof {
 
 ProofResult prove(const PreparedNetwork& prepared, const Description& description,
                   const std::vector<ProofPicture>& pictures) {
-  return Proof(prepared, description).run(pictures);
+  return Proof(prepared, prepared.head->reading.head, description).run(pictures);
+}
+
+ProofResult try_described_outputs(const PreparedNetwork& prepared, const Description& description,
+                                  const std::vector<ProofPicture>& pictures) {
+  ProofResult result =
+      Proof(prepared, described_head(description, prepared.graph), description).run(pictures);
+  result.notes.insert(result.notes.end(), result.faults.begin(), result.faults.end());
+  result.faults.clear();
+  return result;
 }
 
 }  // namespace olvex_tools

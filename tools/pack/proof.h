@@ -30,6 +30,12 @@ struct ProofResult {
 ProofResult prove(const PreparedNetwork& prepared, const qv_host::Description& description,
                   const std::vector<ProofPicture>& pictures);
 
+// Of outputs that the options describe: whether fusion changes them, and as notes what is not plausible.
+// Requires: the network has been tried and does no harm.
+ProofResult try_described_outputs(const PreparedNetwork& prepared,
+                                  const qv_host::Description& description,
+                                  const std::vector<ProofPicture>& pictures);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_PACK_PROOF_H
