@@ -155,6 +155,7 @@ std::vector<HeadReading> conclude_objectness(const HeadEvidence& evidence) {
   if (classes > 0) {
     head.classes = evidence.probability({*kind, kBox + 1, classes},
                                         evidence.options().class_activation, "class", &reading);
+    conclude_score_powers(evidence, kProduct, "", &reading);
   }
   conclude_class_count(evidence, std::max<std::int64_t>(classes, 1), &reading);
   return {reading};
@@ -192,6 +193,7 @@ std::vector<HeadReading> conclude_objectness_offsets(const HeadEvidence& evidenc
                                          "objectness", &reading);
   head.classes = evidence.probability({kind, kBox + 1, classes},
                                       evidence.options().class_activation, "class", &reading);
+  conclude_score_powers(evidence, kProduct, "", &reading);
   conclude_class_count(evidence, classes, &reading);
   return {reading};
 }

@@ -30,8 +30,9 @@ struct HeadOptions {
   std::optional<std::vector<int>> strides;
   std::optional<SizesOfLayers> anchors;
   std::optional<SizesOfLayers> prior_sizes;
-  std::optional<std::array<double, 2>> variances;  // of the centre and of the size
-  std::optional<int> class_count;                  // without the background
+  std::optional<std::array<double, 2>> variances;     // of the centre and of the size
+  std::optional<std::array<double, 2>> score_powers;  // of objectness and class
+  std::optional<int> class_count;                     // without the background
   std::optional<int> bins;
   std::optional<Activation> class_activation;
   std::optional<Activation> objectness_activation;

@@ -289,6 +289,20 @@ std::string describe(const SizesOfLayers& sizes) {
   return join(layers, "/");
 }
 
+void conclude_score_powers(const HeadEvidence& evidence, const std::array<double, 2>& usual,
+                           const std::string& why, HeadReading* reading) {
+  const auto& given = evidence.options().score_powers;
+  const std::array<double, 2> powers = given.value_or(usual);
+  reading->head.objectness_power = powers[0];
+  reading->head.class_power = powers[1];
+  const bool product = powers[0] == 1 && powers[1] == 1;
+  add_fact(reading,
+           (product ? "score: objectness x class"
+                    : format("score: objectness ^ %g x class ^ %g", powers[0], powers[1])) +
+               (given ? ", as --score-powers says" : why),
+           format("--score-powers %g,%g", powers[0], powers[1]));
+}
+
 void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns,
                           HeadReading* reading) {
   reading->head.class_count = columns;

@@ -2,6 +2,7 @@
 #ifndef TOOLS_HEADS_HEAD_EVIDENCE_H
 #define TOOLS_HEADS_HEAD_EVIDENCE_H
 
+#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -84,6 +85,12 @@ void set_sized_references(const HeadEvidence& evidence, const std::vector<int>& 
                           const SizesOfLayers& sizes, double place, double step_of_size,
                           HeadReading* reading);
 std::string describe(const SizesOfLayers& sizes);  // as the options are written
+
+constexpr std::array<double, 2> kProduct = {{1, 1}};
+// The powers of objectness and class in the score, the usual ones but for --score-powers; why: what they are
+// usual for.
+void conclude_score_powers(const HeadEvidence& evidence, const std::array<double, 2>& usual,
+                           const std::string& why, HeadReading* reading);
 
 void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns, HeadReading* reading);
 

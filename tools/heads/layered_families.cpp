@@ -12,29 +12,80 @@ namespace olvex_tools {
 namespace {
 
 constexpr std::int64_t kBox = 4;
-// Usual boxes of the anchors in pixels, by stride.
-const std::map<int, std::vector<BoxSize>>& usual_anchors() {
-  static const std::map<int, std::vector<BoxSize>> kAnchors = {
-      {8, {{10, 13}, {16, 30}, {33, 23}}},
-      {16, {{30, 61}, {62, 45}, {59, 119}}},
-      {32, {{116, 90}, {156, 198}, {373, 326}}}};
+// The boxes of a generation of networks, and how its values become boxes.
+struct UsualAnchors {
+  std::vector<int> strides;
+  std::int64_t classes = 0;  // 0: any number
+  SizesOfLayers sizes;       // pixels
+  CentreCurve centre_curve = CentreCurve::kTwiceSigmoid;
+  SizeCurve size_curve = SizeCurve::kSquareOfSigmoid;
+  Activation class_activation = Activation::kSigmoid;
+};
+
+// Boxes in cells of 32 pixels.
+SizesOfLayers in_cells(const std::vector<BoxSize>& boxes) {
+  SizesOfLayers sizes(1);
+  for (const BoxSize& box : boxes) {
+    sizes.front().push_back({32 * box.width, 32 * box.height});
+  }
+  return sizes;
+}
+
+const std::vector<UsualAnchors>& usual_anchors() {
+  static const std::vector<UsualAnchors> kAnchors = {
+      {{8, 16, 32},
+       0,
+       {{{10, 13}, {16, 30}, {33, 23}},
+        {{30, 61}, {62, 45}, {59, 119}},
+        {{116, 90}, {156, 198}, {373, 326}}}},
+      {{8, 16, 32, 64},
+       0,
+       {{{19, 27}, {44, 40}, {38, 94}},
+        {{96, 68}, {86, 152}, {180, 137}},
+        {{140, 301}, {303, 264}, {238, 542}},
+        {{436, 615}, {739, 380}, {925, 792}}}},
+      {{16, 32},
+       0,
+       {{{10, 14}, {23, 27}, {37, 58}}, {{81, 82}, {135, 169}, {344, 319}}},
+       CentreCurve::kSigmoid,
+       SizeCurve::kExponential},
+      {{32},
+       20,
+       in_cells({{1.08, 1.19}, {3.42, 4.41}, {6.63, 11.38}, {9.42, 5.11}, {16.62, 10.52}}),
+       CentreCurve::kSigmoid,
+       SizeCurve::kExponential,
+       Activation::kSoftmax},
+      {{32},
+       80,
+       in_cells({{.57273, .677385},
+                 {1.87446, 2.06253},
+                 {3.33843, 5.47434},
+                 {7.88282, 3.52778},
+                 {9.77052, 9.16828}}),
+       CentreCurve::kSigmoid,
+       SizeCurve::kExponential,
+       Activation::kSoftmax}};
   return kAnchors;
 }
 
-std::optional<SizesOfLayers> anchors_of(const HeadEvidence& evidence) {
-  if (evidence.options().anchors) {
-    return evidence.options().anchors;
-  }
-  SizesOfLayers sizes;
-  for (const int stride : evidence.layout().strides) {
-    const auto found = usual_anchors().find(stride);
-    if (found == usual_anchors().end()) {
-      return std::nullopt;
+// Those given, with the curves of the newest generation, or the usual ones of these strides and channels.
+std::optional<UsualAnchors> anchors_of(const HeadEvidence& evidence) {
+  const HeadLayout& layout = evidence.layout();
+  for (const UsualAnchors& usual : usual_anchors()) {
+    const auto boxes = static_cast<std::int64_t>(usual.sizes.front().size());
+    const std::int64_t channels = layout.kinds.front().channels;
+    const std::int64_t of_row = layout.planes ? channels / boxes : channels;
+    const bool fits = usual.classes == 0 || of_row == kBox + 1 + usual.classes;
+    if (!evidence.options().anchors && fits && layout.strides == usual.strides) {
+      return usual;
     }
-    sizes.push_back(found->second);
   }
-  return evidence.layout().strides.size() == usual_anchors().size() ? std::make_optional(sizes)
-                                                                    : std::nullopt;
+  if (!evidence.options().anchors) {
+    return std::nullopt;
+  }
+  UsualAnchors given;
+  given.sizes = *evidence.options().anchors;
+  return given;
 }
 
 const char* word_of(CentreCurve curve) {
@@ -83,7 +134,7 @@ void conclude_curves(const HeadEvidence& evidence, CentreCurve usual_centre, Siz
            std::string("--size-curve ") + word_of(head.size_curve));
 }
 
-HeadReading anchors_reading(const HeadEvidence& evidence, const SizesOfLayers& anchors) {
+HeadReading anchors_reading(const HeadEvidence& evidence, const UsualAnchors& usual) {
   const RowKind& kind = evidence.layout().kinds.front();
   const std::int64_t classes = kind.channels - kBox - 1;
   HeadReading reading = begin_reading(evidence, "anchors",
@@ -92,18 +143,21 @@ HeadReading anchors_reading(const HeadEvidence& evidence, const SizesOfLayers& a
   add_fact(&reading,
            evidence.options().anchors ? "anchors: as --anchors says"
                                       : "anchors: the usual ones of these strides",
-           "--anchors " + describe(anchors));
-  set_sized_references(evidence, evidence.layout().strides, anchors, 0, 0, &reading);
+           "--anchors " + describe(usual.sizes));
+  set_sized_references(evidence, evidence.layout().strides, usual.sizes, 0, 0, &reading);
   Head& head = reading.head;
   head.boxes = evidence.part({kind, 0, kBox});
   head.box_code = BoxCode::kOffsets;
   const bool done = evidence.is_probability({kind, 0, kBox});
-  conclude_curves(evidence, done ? CentreCurve::kTwice : CentreCurve::kTwiceSigmoid,
-                  done ? SizeCurve::kSquare : SizeCurve::kSquareOfSigmoid, &reading);
+  const bool squares = done && usual.size_curve == SizeCurve::kSquareOfSigmoid;
+  conclude_curves(evidence, squares ? CentreCurve::kTwice : usual.centre_curve,
+                  squares ? SizeCurve::kSquare : usual.size_curve, &reading);
   head.objectness = evidence.probability({kind, kBox, 1}, evidence.options().objectness_activation,
                                          "objectness", &reading);
-  head.classes = evidence.probability({kind, kBox + 1, classes},
-                                      evidence.options().class_activation, "class", &reading);
+  head.classes =
+      evidence.probability({kind, kBox + 1, classes}, evidence.options().class_activation, "class",
+                           &reading, usual.class_activation);
+  conclude_score_powers(evidence, kProduct, "", &reading);
   conclude_class_count(evidence, classes, &reading);
   return reading;
 }
@@ -119,11 +173,12 @@ bool all_layers_have(const SizesOfLayers& sizes, std::size_t layers, std::int64_
 
 std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
   const HeadLayout& given = evidence.layout();
-  const std::optional<SizesOfLayers> sizes = anchors_of(evidence);
-  if (given.kinds.size() != 1 || !sizes || given.strides.size() != sizes->size()) {
+  const std::optional<UsualAnchors> usual =
+      given.kinds.size() == 1 ? anchors_of(evidence) : std::nullopt;
+  if (!usual || given.strides.size() != usual->sizes.size()) {
     return {};
   }
-  const auto anchors = static_cast<std::int64_t>(sizes->front().size());
+  const auto anchors = static_cast<std::int64_t>(usual->sizes.front().size());
   const std::int64_t all = given.kinds.front().channels;
   const bool fits_planes = given.planes && given.layered && all % anchors == 0;
   if (!fits_planes && given.anchors != anchors) {
@@ -131,7 +186,7 @@ std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
   }
   HeadLayout layout = fits_planes ? with_anchors(given, anchors) : given;
   layout.anchors_first = !fits_planes;
-  if (!all_layers_have(*sizes, layout.strides.size(), anchors)) {
+  if (!all_layers_have(usual->sizes, layout.strides.size(), anchors)) {
     return {};
   }
   const HeadEvidence own(evidence.question(), layout);
@@ -143,7 +198,7 @@ std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
   const bool fits = kind.channels > kBox + 1 && (known == 0 || known == kind.channels - kBox - 1) &&
                     !own.is_decoded({kind, 0, kBox}) && one_kind;
   return fits || (asked && kind.channels > kBox + 1)
-             ? std::vector<HeadReading>{anchors_reading(own, *sizes)}
+             ? std::vector<HeadReading>{anchors_reading(own, *usual)}
              : std::vector<HeadReading>();
 }
 
@@ -180,9 +235,7 @@ std::vector<HeadReading> conclude_own_formula(const HeadEvidence& evidence) {
   head.classes =
       evidence.probability({kind, kBox + 1, classes}, evidence.options().class_activation, "class",
                            &reading, Activation::kSoftmax);
-  head.objectness_power = .6;
-  head.class_power = .4;
-  add_fact(&reading, "score: objectness ^ 0.6 x class ^ 0.4, as usual");
+  conclude_score_powers(evidence, {{.6, .4}}, ", as usual", &reading);
   conclude_class_count(evidence, classes, &reading);
   return {reading};
 }

@@ -83,13 +83,8 @@ std::vector<HeadReading> conclude_class_objectness_box(const HeadEvidence& evide
                                       options.class_activation, "class", &reading);
   head.objectness = evidence.probability({*parts.objectness, 0, 1}, options.objectness_activation,
                                          "objectness", &reading);
-  if (has_points) {
-    head.objectness_power = .5;
-    head.class_power = .5;
-  }
-  add_fact(&reading, has_points
-                         ? "score: square root of class x objectness, as usual beside key points"
-                         : "score: class x objectness");
+  conclude_score_powers(evidence, has_points ? std::array<double, 2>{{.5, .5}} : kProduct,
+                        has_points ? ", as usual beside key points" : "", &reading);
   conclude_class_count(evidence, parts.classes->channels, &reading);
   if (has_points) {
     conclude_points(evidence, {*parts.points, 0, parts.points->channels}, PointCode::kOffsets,

@@ -195,7 +195,9 @@ class Declaration {
     add("--prior-sizes", "SIZES", &head.prior_sizes, "The same for priors; N is a square",
         parse_sizes);
     add("--variances", "N,N", &head.variances, "Of centres and sizes (usual: 0.1,0.2)",
-        parse_variances);
+        parse_two_numbers);
+    add("--score-powers", "N,N", &head.score_powers,
+        "Of objectness and class, whose product is the score", parse_two_numbers);
     add("--class-count", "N", &head.class_count, "Classes, without the background", parse_count);
     add("--bins", "N", &head.bins, "Bins of each distance", parse_count);
     const Choices<Activation> activations = {{"none", Activation::kNone},

@@ -111,14 +111,14 @@ SizesOfLayers parse_sizes(const std::string& option, const std::string& text) {
   return sizes;
 }
 
-std::array<double, 2> parse_variances(const std::string& option, const std::string& text) {
+std::array<double, 2> parse_two_numbers(const std::string& option, const std::string& text) {
   const std::vector<std::string> parts = split(text, ',');
-  const double centre = whole_number_text(parts.front());
-  const double size = whole_number_text(parts.back());
-  if (parts.size() != 2 || !(centre > 0 && centre < 1e3 && size > 0 && size < 1e3)) {
+  const double first = whole_number_text(parts.front());
+  const double second = whole_number_text(parts.back());
+  if (parts.size() != 2 || !(first > 0 && first < 1e3 && second > 0 && second < 1e3)) {
     refuse_usage(option + ": \"" + text + "\" are not two numbers above 0. Write 0.1,0.2");
   }
-  return {{centre, size}};
+  return {{first, second}};
 }
 
 double parse_place(const std::string& option, const std::string& text) {

@@ -22,7 +22,7 @@ int parse_background(const std::string& option, const std::string& text);
 std::vector<int> parse_integers(const std::string& option, const std::string& text);
 // "10x13,16x30/30x61": a square where there is one number.
 SizesOfLayers parse_sizes(const std::string& option, const std::string& text);
-std::array<double, 2> parse_variances(const std::string& option, const std::string& text);
+std::array<double, 2> parse_two_numbers(const std::string& option, const std::string& text);
 double parse_place(const std::string& option, const std::string& text);
 std::string parse_family(const std::string& option, const std::string& text);
 Pair parse_pair(const std::string& text);
