@@ -19,36 +19,41 @@ class Failed(Exception):
 
 
 class HeadAccuracy:
-    """Files are in the folder; write(family, path) writes a network."""
+    """Files are in the folder; write(family, variants, path) writes a network."""
 
     def __init__(self, tool, write, folder):
         self.tool, self.write, self.folder = tool, write, Path(folder)
 
     def call(self, *arguments):
-        result = subprocess.run([self.tool, *map(str, arguments)], capture_output=True, text=True)
+        try:
+            result = subprocess.run([self.tool, *map(str, arguments)], capture_output=True, text=True)
+        except OSError as error:
+            raise Failed(f"cannot start {self.tool}: {error.strerror}") from error
         if result.returncode != 0:
             raise Failed(f"olvex-det {' '.join(map(str, arguments))}\n{result.stderr}".rstrip())
         return result.stdout
 
     @functools.lru_cache(None)
-    def head_and_boxes(self, family):
+    def head_and_boxes(self, family, variants):
         """The head that pack concluded, and the file of what the image finds."""
-        network, image, boxes = (self.folder / f"{family}.{kind}" for kind in ("onnx", "qtm", "json"))
-        print(f"== {family}", file=sys.stderr, flush=True)
-        self.write(family, network)
+        name = " ".join((family, *variants))
+        network, image, boxes = (self.folder / f"{name}.{kind}" for kind in ("onnx", "qtm", "json"))
+        print(f"== {name}", file=sys.stderr, flush=True)
+        self.write(family, variants, network)
         report = self.call("pack", network, "-o", image)
         self.call("run", image, CLIP / "street.mp4", "--threshold", SCORE, "--coco", boxes, "--quiet")
         return re.search(r"^  head +(\S+)$", report, re.MULTILINE).group(1), boxes
 
-    def figures(self, family, classes):
+    def figures(self, family, variants, classes):
         report = self.folder / "report.json"
-        self.call("eval", "coco", CLIP / "street.json", self.head_and_boxes(family)[1], "--classes", classes,
+        self.call("eval", "coco", CLIP / "street.json", self.head_and_boxes(family, variants)[1], "--classes", classes,
                   "--json", report)
         return json.loads(report.read_text())["metrics"]
 
 
-def measure(tool, families, write):
-    """Prints a row for each of the families (name: reference, whether it has persons only); 1 when one is off."""
+def measure(tool, families, variants, write):
+    """Prints a row for each of the families (name: reference, whether it has persons only); 1 when one is off.
+    The references are measured without the variants."""
     print("| family | head | AP | AP50 | compared with | its AP | difference |\n|---|---|---|---|---|---|---|")
     failed = False
     with tempfile.TemporaryDirectory() as folder:
@@ -56,14 +61,15 @@ def measure(tool, families, write):
         for family, (reference, persons_only) in families.items():
             classes = PERSON if persons_only else ALL
             try:
-                found, wanted = (accuracy.figures(name, classes) for name in (family, reference))
+                found = accuracy.figures(family, variants, classes)
+                wanted = accuracy.figures(reference, (), classes)
             except Failed as error:
                 print(f"heads.py: {family}: {error}", file=sys.stderr, flush=True)
                 failed = True
                 continue
-            difference = found["AP"] - wanted["AP"]
+            difference = round(found["AP"] - wanted["AP"], 4) + 0.0  # no -0.0
             failed |= abs(difference) > TOLERANCE
-            print(f"| `{family}` | `{accuracy.head_and_boxes(family)[0]}` | {found['AP']:.3f} | {found['AP50']:.3f} | "
-                  f"`{reference}`{', persons' if persons_only else ''} | {wanted['AP']:.3f} | {difference:+.4f} |",
-                  flush=True)
+            print(f"| `{' '.join((family, *variants))}` | `{accuracy.head_and_boxes(family, variants)[0]}` | "
+                  f"{found['AP']:.3f} | {found['AP50']:.3f} | `{reference}`{', persons' if persons_only else ''} | "
+                  f"{wanted['AP']:.3f} | {difference:+.4f} |", flush=True)
     return int(failed)

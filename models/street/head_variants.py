@@ -20,7 +20,8 @@ class Facts:
 
 
 def metadata(model, facts):
-    """Names of classes as a dictionary's text, largest stride, task, and the input's height and width."""
+    """Names of classes as a dictionary's text, largest stride, task, and the input's height and width; and what
+    every network has."""
     rows, columns = (d.dim_value for d in model.graph.input[0].type.tensor_type.shape.dim[2:])
     if not rows:
         raise SystemExit("heads.py: the variant metadata has to come before dynamic, which takes the size away")

@@ -147,9 +147,11 @@ def checked_options():
     reports = options.list + options.check + (options.measure is not None)
     if reports + options.all > 1:
         parser.error("--list, --all, --check and --measure exclude one another")
-    if (options.check or options.measure) and (options.output or options.variant):
-        parser.error("--check and --measure take neither -o nor --variant")
-    if options.measure and not os.access(options.measure, os.X_OK):
+    if (options.check or options.measure) and options.output:
+        parser.error("--check and --measure take no -o")
+    if options.check and options.variant:
+        parser.error("--check takes no --variant")
+    if options.measure and not (options.measure.is_file() and os.access(options.measure, os.X_OK)):
         parser.error(f"--measure: {options.measure} is no program")
     if options.all and options.families:
         parser.error("--all takes no FAMILY")
@@ -172,7 +174,7 @@ def main():
         from head_accuracy import measure
         families = options.families or [name for name in FAMILIES if name not in LIMITED]
         return measure(options.measure.resolve(), {name: (reference_of(name), name in PERSONS) for name in families},
-                       lambda family, path: write(family, [], path))
+                       tuple(options.variant), write)
     elif options.all:
         try:
             options.output.mkdir(parents=True, exist_ok=True)
