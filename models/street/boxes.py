@@ -31,8 +31,9 @@ def read_run(path):
         record = json.loads(line)
         for box in record["boxes"]:
             id_ = -1 if box["track_id"] is None else box["track_id"]
-            frames[record["frame"]].append(Row(record["frame"], id_, box["x"], box["y"], box["width"],
-                                               box["height"], box["class_id"]))
+            left, top, right, bottom = box["corners"]
+            frames[record["frame"]].append(Row(record["frame"], id_, left, top, right - left, bottom - top,
+                                               box["class_id"]))
     return frames
 
 

@@ -85,7 +85,7 @@ def _of_the_own_layer(street):
 def _expressed(family, street):
     for start, rule in (("anchors", _near_an_anchor), ("distance-bins-many", _within_many_bins),
                         ("distance-bins", _within_the_bins), ("own-formula", _of_the_own_layer)):
-        if family.startswith(start):
+        if family.replace("raw-as-", "").startswith(start):
             return rule(street)
     return np.ones(len(street.scores), bool)
 

@@ -159,8 +159,7 @@ def score_distance_keypoints(outputs, width, height):
 
 
 def raw(outputs, width, height):
-    values = np.concatenate([layer[0].reshape(layer.shape[1], -1) for layer in
-                             (outputs[f"stride{s}"] for s in (8, 16, 32))], 1).T
+    values = np.concatenate([layer[0].reshape(layer.shape[1], -1) for layer in outputs.values()], 1).T
     column, row, stride = all_cells(width, height)
     left, top, right, bottom = (4 * sigmoid(values[:, :4]).T) ** 2 * stride
     x, y = (column + .5) * stride, (row + .5) * stride
@@ -232,5 +231,6 @@ DECODERS = {
     "distance-bins-one-output": distance_bins_one_output, "cls-obj-box-keypoints": cls_obj_box_keypoints,
     "priors": priors, "priors-landmarks": priors_landmarks, "priors-no-background": priors_no_background,
     "score-distance-keypoints": score_distance_keypoints, "own-formula": own_formula,
-    "boxes-and-scores": boxes_and_scores, "raw": raw,
+    "boxes-and-scores": boxes_and_scores, "raw": raw, "raw-as-anchors": raw, "raw-as-distance-bins": raw,
+    "raw-as-own-formula": raw,
 }

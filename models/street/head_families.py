@@ -18,6 +18,14 @@ def raw(graph):
     graph.graph.output.extend(graph.raw_outputs)
 
 
+def raw_limited(graph, reach):
+    """The street's own layers without the boxes of the cells where reach(graph, layer) is 0."""
+    for layer in graph.layers:
+        logits = graph.masked(layer.logits(), graph.repeated(reach(graph, layer), CLASSES))
+        graph.output(f"limited_stride{layer.stride}", graph.concat([graph.sliced(layer.name, 0, 4), logits]),
+                     [1, 4 + CLASSES, layer.row_count, layer.columns])
+
+
 # ---- Decoded in the graph -----------------------------------------------------------------------
 
 
@@ -131,12 +139,16 @@ def cls_obj_box_keypoints(graph):
             graph.output(f"{name}_{layer.stride}", rows, [1, layer.cells, channels])
 
 
+def own_reach(graph, layer):
+    """1 where own_formula can express the box: its centre is less than a cell away from the cell's corner."""
+    if layer.stride != OWN_STRIDE:
+        return graph.affine(layer.name, np.zeros((1, 4 + CLASSES)))
+    return graph.every(graph.between(graph.sliced(layer.box, 0, 2), -.999, .999), 1, 2)
+
+
 def own_formula(graph):
-    """Boxes whose centre is a cell or more away from the cell's corner cannot be expressed."""
     layer = next(layer for layer in graph.layers if layer.stride == OWN_STRIDE)
-    centre = graph.sliced(layer.box, 0, 2)
-    reachable = graph.every(graph.between(centre, -.999, .999), 1, 2)
-    centre = graph.clipped(centre, -.999, .999)
+    centre = graph.clipped(graph.sliced(layer.box, 0, 2), -.999, .999)
     offsets = graph.node("Mul", graph.node("Sub", *(
         graph.node("Log", graph.node("Add", graph.node("Mul", centre, sign), 1.0)) for sign in (1.0, -1.0))), .5)
     shares = graph.affine(graph.sliced(layer.box, 2, 4),
@@ -145,7 +157,7 @@ def own_formula(graph):
     objectness_ = graph.node("Pow", graph.node("Mul", layer.best, surest ** -.4), 1 / .6)
     classes = graph.node("Transpose", graph.node("Mul", layer.is_best, OWN_LOGIT), perm=[0, 3, 2, 1])
     classes = graph.node("Transpose", graph.node("Softmax", classes, axis=3), perm=[0, 3, 2, 1])
-    objectness_ = graph.node("Sigmoid", graph.masked(graph.logit(objectness_), reachable))
+    objectness_ = graph.node("Sigmoid", graph.masked(graph.logit(objectness_), own_reach(graph, layer)))
     graph.output("output", graph.concat([objectness_, offsets, graph.logit(shares), classes]),
                  [1, 5 + CLASSES, layer.row_count, layer.columns])
 
@@ -153,14 +165,18 @@ def own_formula(graph):
 # ---- Distances ----------------------------------------------------------------------------------
 
 
+def bin_reach(graph, layer, bins=BINS):
+    """1 where bins can express the box: no side lies beyond the last bin."""
+    return graph.every(graph.between(layer.distances, -1.0, bins - 1.001), 1, 4)
+
+
 def _class_and_bin_maps(graph, layer, bins=BINS):
     """Class probabilities and the logarithms of the bins' shares. A distance lies between two bins, which
-    share it; a box with a side beyond the last bin cannot be expressed."""
+    share it."""
     weights = np.kron(np.eye(4), np.ones((bins, 1)))
     away = graph.node("Abs", graph.affine(layer.distances, weights, -np.tile(np.arange(bins), 4)))
     shares = graph.node("Relu", graph.node("Add", graph.node("Mul", away, -1.0), 1.0))
-    reachable = graph.every(graph.between(layer.distances, -1.0, bins - 1.001), 1, 4)
-    logits = graph.masked(layer.logits(ALL), graph.repeated(reachable, CLASSES))
+    logits = graph.masked(layer.logits(ALL), graph.repeated(bin_reach(graph, layer, bins), CLASSES))
     return graph.node("Sigmoid", logits), graph.node("Log", graph.node("Add", shares, 1e-9))
 
 

@@ -42,16 +42,27 @@ def _nearest(graph, layer, sides):
 # ---- Anchors ------------------------------------------------------------------------------------
 
 
-def _anchor_map(graph, layer):
-    """1 x A*(5+nc) x H x W, logits. An anchor reaches sizes up to four times its own, and centres up to half
-    a cell beyond the cell. A box goes to the anchor nearest in area, or where that does not reach it, to the
-    first that does; a box that none reaches cannot be expressed."""
+def _values_and_reached(graph, layer):
+    """Of each anchor the box as sigmoids, and 1 where they can express it: an anchor reaches sizes up to four
+    times its own, and centres up to half a cell beyond the cell."""
     anchors = np.array(ANCHORS[layer.stride], float) / layer.stride
     count = len(anchors)
     roots = graph.node("Sqrt", graph.sliced(layer.box, 2, 4))
     weights = np.concatenate([np.diag([.5, .5, *(.5 / np.sqrt(anchor))]) for anchor in anchors])
     values = graph.affine(graph.concat([graph.sliced(layer.box, 0, 2), roots]), weights, [.25, .25, 0, 0] * count)
-    reached = graph.every(graph.between(values, EDGE, 1 - EDGE), count, 4)
+    return values, graph.every(graph.between(values, EDGE, 1 - EDGE), count, 4)
+
+
+def anchor_reach(graph, layer):
+    """1 where one of the cell's anchors can express the box."""
+    return graph.node("ReduceMax", _values_and_reached(graph, layer)[1], axes=[1], keepdims=1)
+
+
+def _anchor_map(graph, layer):
+    """1 x A*(5+nc) x H x W, logits. A box goes to the anchor nearest in area, or where that does not reach it,
+    to the first that does; a box that none reaches cannot be expressed."""
+    count = len(ANCHORS[layer.stride])
+    values, reached = _values_and_reached(graph, layer)
     first = graph.node("Relu", graph.affine(reached, np.eye(count) - np.tri(count, k=-1)))
     nearest = graph.node("Mul", _nearest(graph, layer, np.sqrt(np.prod(ANCHORS[layer.stride], 1))), reached)
     without = graph.affine(nearest, -np.ones((count, count)), np.ones(count))

@@ -4,6 +4,8 @@ from onnx import helper, numpy_helper
 
 KEPT = 300  # rows of top-k
 DIMENSIONS = ("batch", None, "height", "width")
+# Trained so, whatever is usual for a head; no graph shows it.
+INPUT = {"mean": "0", "scale": "1/255", "color_order": "bgr"}
 
 
 def _constants(model):
@@ -18,7 +20,8 @@ class Facts:
 
 
 def metadata(model, facts):
-    """Names of classes as a dictionary's text, largest stride, task, and the input's height and width."""
+    """Names of classes as a dictionary's text, largest stride, task, and the input's height and width; and what
+    every network has."""
     rows, columns = (d.dim_value for d in model.graph.input[0].type.tensor_type.shape.dim[2:])
     if not rows:
         raise SystemExit("heads.py: the variant metadata has to come before dynamic, which takes the size away")
@@ -26,7 +29,7 @@ def metadata(model, facts):
               "imgsz": str([rows, columns]), "names": str(dict(enumerate(facts.class_names)))}
     if facts.points:
         values["kpt_shape"] = str([facts.points, 3])
-    helper.set_model_props(model, values)
+    helper.set_model_props(model, {**INPUT, **values})
 
 
 def _axes_of_cells(shape):

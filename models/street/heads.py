@@ -7,12 +7,16 @@
     heads.py --all -o FOLDER
     heads.py --check                 # all families over a few frames of the clip
     heads.py --check anchors priors
+    heads.py --measure build/dev/bin/olvex-det         # all families over the whole clip
 
 For proving what decodes such networks: the street's layers are decoded inside the graph and encoded again as
 the family has it, so that decoding the new outputs gives the street's own boxes. --check does so with
-decoders that share nothing with what writes the networks, and exits with 1 when a box differs.
+decoders that share nothing with what writes the networks, and exits with 1 when a box differs. --measure packs
+each network with olvex-det, without options, and exits with 1 when its average precision differs by more than
+0.005 from that of the street's own layers, limited to what the family can express.
 """
 import argparse
+import functools
 import os
 import sys
 from pathlib import Path
@@ -69,11 +73,24 @@ FAMILIES = {
     "raw": (head_families.raw, "as it is: for each S 1 x 4+nc x H x W"),
 }
 
+# What families that cannot express every box are compared with.
+LIMITED = {f"raw-as-{family}": (functools.partial(head_families.raw_limited, reach=reach),
+                                f"raw without the boxes that {family} cannot express")
+           for family, reach in (("anchors", head_priors.anchor_reach), ("distance-bins", head_families.bin_reach),
+                                 ("own-formula", head_families.own_reach))}
+FAMILIES.update(LIMITED)
 
 CHANGES = {**head_variants.VARIANTS, **head_faults.FAULTS}
 
 # Of these the only class is the first, a person, which has key points.
 PERSONS = ("combined-keypoints", "cls-obj-box-keypoints", "priors-landmarks", "score-distance-keypoints")
+
+
+def reference_of(family):
+    """What the family is compared with: the street's own layers, limited to the boxes that it can express."""
+    if family == "distance-bins-many":
+        return "raw"
+    return next((name for name in LIMITED if family.startswith(name.removeprefix("raw-as-"))), "raw")
 
 
 def facts_of(family):
@@ -86,6 +103,7 @@ def facts_of(family):
 def built(family):
     graph = HeadGraph(NETWORK)
     FAMILIES[family][0](graph)
+    onnx.helper.set_model_props(graph.model, head_variants.INPUT)
     return graph.model
 
 
@@ -120,17 +138,24 @@ def checked_options():
     parser.add_argument("--all", action="store_true", help="write every family, as FAMILY.onnx")
     parser.add_argument("--list", action="store_true", help="print families and variants")
     parser.add_argument("--check", action="store_true", help="decode and compare with the street's own boxes")
+    parser.add_argument("--measure", type=Path, metavar="OLVEX_DET",
+                        help="measure average precision over the clip, about half a minute for each family")
     options = parser.parse_args()
     unknown = [name for name in options.families if name not in FAMILIES]
     if unknown:
         parser.error(f"no family '{unknown[0]}'; --list prints them")
-    if options.list + options.all + options.check > 1:
-        parser.error("--list, --all and --check exclude one another")
-    if options.check and (options.output or options.variant):
-        parser.error("--check takes neither -o nor --variant")
+    reports = options.list + options.check + (options.measure is not None)
+    if reports + options.all > 1:
+        parser.error("--list, --all, --check and --measure exclude one another")
+    if (options.check or options.measure) and options.output:
+        parser.error("--check and --measure take no -o")
+    if options.check and options.variant:
+        parser.error("--check takes no --variant")
+    if options.measure and not (options.measure.is_file() and os.access(options.measure, os.X_OK)):
+        parser.error(f"--measure: {options.measure} is no program")
     if options.all and options.families:
         parser.error("--all takes no FAMILY")
-    if not options.list and not options.check:
+    if not reports:
         if options.output is None:
             parser.error("-o says what to write")
         if not options.all and len(options.families) != 1:
@@ -145,6 +170,11 @@ def main():
     elif options.check:
         from head_check import check
         return check({name: built(name) for name in options.families or FAMILIES}, NETWORK)
+    elif options.measure:
+        from head_accuracy import measure
+        families = options.families or [name for name in FAMILIES if name not in LIMITED]
+        return measure(options.measure.resolve(), {name: (reference_of(name), name in PERSONS) for name in families},
+                       tuple(options.variant), write)
     elif options.all:
         try:
             options.output.mkdir(parents=True, exist_ok=True)

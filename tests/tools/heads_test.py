@@ -1,5 +1,5 @@
-"""heads_test.py - networks of every head, packed without a word about the head: the images find the boxes of
-the street's own three layers. And what is wrong with the options is named.
+"""heads_test.py - networks of every head, packed without options: the images find the boxes of the street's
+own three layers. And what is wrong with the options is named.
 
 The networks are those of models/street/heads.py. See tool_test.py for the usage.
 """
@@ -15,7 +15,6 @@ import tempfile
 from tool_test import STRIDE, TOOL, ToolTest, main
 
 STREET = pathlib.Path(__file__).resolve().parents[2] / "models/street"
-STREET_INPUT = ["--network-order", "bgr", "--mean", "0", "--scale", "1/255"]
 PERSON = 0
 # Head that must be concluded for each family of heads.py, and whether it can express every box.
 ALL, PERSONS, SOME = "all boxes", "persons", "some boxes"
@@ -53,12 +52,12 @@ class HeadsTest(ToolTest):
         return [json.loads(line)["boxes"] for line in (self.folder / "out.jsonl").read_text().splitlines()]
 
     def test_each_head_is_concluded_and_finds_the_same_boxes(self):
-        self.packed("raw", *STREET_INPUT)
+        self.packed("raw")
         wanted = self.found()
         self.assertGreater(min(map(len, wanted)), 5)
         for family, (head, extent) in list(FAMILIES.items())[::STRIDE]:
             with self.subTest(family):
-                report = self.packed(family, *STREET_INPUT).stdout
+                report = self.packed(family).stdout
                 self.assertIn(f"head       {head}\n", report)
                 image = (self.folder / "out.qtm").read_bytes()
                 self.assertIn(b'"proof": "proven"', image)
