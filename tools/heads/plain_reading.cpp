@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <limits>
 
 namespace olvex_tools {
 
@@ -193,6 +194,16 @@ std::vector<PlainRow> read_plainly(const Head& head, const OutputValues& values)
     }
   }
   return rows;
+}
+
+double best_score(const Head& head, const PlainRow& row) {
+  double best = -std::numeric_limits<double>::infinity();
+  for (std::size_t k = 0; k < row.scores.size(); ++k) {
+    if (static_cast<int>(k) != head.background) {
+      best = std::max(best, row.scores[k]);
+    }
+  }
+  return best;
 }
 
 }  // namespace olvex_tools

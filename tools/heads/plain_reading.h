@@ -28,6 +28,9 @@ std::vector<float> read_channel(const std::vector<HeadTensor>& tensors, std::int
 // Requires: values holds every output that the head names, with as many elements as it says.
 std::vector<PlainRow> read_plainly(const Head& head, const OutputValues& values);
 
+// The score of a row's best class.
+double best_score(const Head& head, const PlainRow& row);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_HEADS_PLAIN_READING_H

@@ -9,24 +9,18 @@
 #include "tools/common/text.h"
 #include "tools/inside/engine_run.h"
 #include "tools/pack/described_head.h"
+#include "tools/pack/preprocessing_trial.h"
 
 namespace olvex_tools {
 
 namespace {
 
-using qv_host::ColourOrder;
 using qv_host::Description;
 
 constexpr double kScoreTolerance = 1e-3;
 constexpr double kPixelTolerance = .5;
 constexpr double kShareTolerance = 1e-5;  // of large coordinates, which have few digits
-constexpr double kSure = .5;              // a score from which on a row counts as a box
 constexpr double kInsideShare = .9;
-constexpr double kClearRise = 1.5;  // so many times the sure rows: a preprocessing is wrong
-constexpr float kUnscaled = .1f;    // scales above leave 0..255 as it is, or nearly so
-constexpr double kCrowd = .2;       // a larger share of sure rows is none of objects
-constexpr double kRise = 1.1;       // it may be
-constexpr double kFewRows = 8;      // fewer sure rows say nothing
 
 // The rows of a network's outputs, in double precision whichever way they came about.
 struct Rows {
@@ -76,7 +70,7 @@ class Proof {
       check_picture(picture, original, &plain, &fused);
     }
     if (head_.boxes.present()) {
-      check_preprocessing(pictures, original);
+      try_preprocessing(head_, description_.input, pictures, original, &result_);
     }
     return result_;
   }
@@ -216,17 +210,6 @@ class Proof {
 
   // ---- What is plausible ----------------------------------------------------------------------
 
-  // The score of a row's best class.
-  double best_score(const PlainRow& row) const {
-    double best = -std::numeric_limits<double>::infinity();
-    for (std::size_t k = 0; k < row.scores.size(); ++k) {
-      if (static_cast<int>(k) != head_.background) {
-        best = std::max(best, row.scores[k]);
-      }
-    }
-    return best;
-  }
-
   void check_scores(const Rows& found, const std::string& picture) {
     double least = std::numeric_limits<double>::infinity();
     double most = -least;
@@ -239,8 +222,8 @@ class Proof {
         least = std::min(least, score);
         most = std::max(most, score);
       }
-      least_of_best = std::min(least_of_best, best_score(row));
-      most_of_best = std::max(most_of_best, best_score(row));
+      least_of_best = std::min(least_of_best, best_score(head_, row));
+      most_of_best = std::max(most_of_best, best_score(head_, row));
     }
     if (!finite || least < -kScoreTolerance || most > 1 + kScoreTolerance) {
       result_.faults.push_back(picture +
@@ -271,7 +254,7 @@ class Proof {
     const double width = description_.input.width;
     const double height = description_.input.height;
     for (const PlainRow& row : found.rows) {
-      if (best_score(row) < kSure) {
+      if (best_score(head_, row) < kSure) {
         continue;
       }
       const std::array<double, 4> box = corners(found, row);
@@ -300,77 +283,6 @@ class Proof {
       result_.shown.push_back(picture + ": " + counted(sure, "row", "rows") +
                               format(" of score %.1f or more, %.0f %% of their area inside", kSure,
                                      100 * inside / area));
-    }
-  }
-
-  // ---- Mean, scale and colours ----------------------------------------------------------------
-
-  // Sure rows with another preprocessing, over all pictures.
-  double sure_rows(const std::vector<ProofPicture>& pictures, const InputValues& input,
-                   EngineRun* uncut) const {
-    double count = 0;
-    for (const ProofPicture& picture : pictures) {
-      for (const PlainRow& row : read_plainly(head_, uncut->run(picture.picture, input))) {
-        count += best_score(row) >= kSure ? 1 : 0;
-      }
-    }
-    return count;
-  }
-
-  void check_preprocessing(const std::vector<ProofPicture>& pictures, EngineRun* uncut) {
-    const InputValues given = input_values(description_.input);
-    if (std::any_of(given.scale.begin(), given.scale.end(), [](float v) { return v == 0.f; })) {
-      result_.faults.emplace_back(
-          "--scale 0 makes every picture black: the network sees nothing. Give what it was trained "
-          "with, often 1/255");
-      return;
-    }
-    const double now = sure_rows(pictures, given, uncut);
-    check_scale(pictures, given, now, uncut);
-    if (given.order != ColourOrder::kGray) {
-      check_colours(pictures, given, now, uncut);
-    }
-  }
-
-  // Values of 0..255 where 0..1 are wanted make a network see much too much, or less than it would. The
-  // other way round it sees nothing.
-  void check_scale(const std::vector<ProofPicture>& pictures, const InputValues& given, double now,
-                   EngineRun* uncut) {
-    const double all = static_cast<double>(head_.rows()) * static_cast<double>(pictures.size());
-    const bool unscaled = given.scale[0] > kUnscaled;
-    InputValues other = given;
-    other.mean = {{0.f, 0.f, 0.f}};
-    other.scale.fill(unscaled ? 1.f / 255.f : 1.f);
-    const double there = sure_rows(pictures, other, uncut);
-    const std::string rise =
-        format("with --mean 0 --scale %s %.0f rows have a score of %.1f or more, in place of %.0f",
-               unscaled ? "1/255" : "1", there, kSure, now);
-    if (now > kCrowd * all) {
-      result_.faults.push_back(format("%.0f of %.0f rows have a score of %.1f or more, as if there "
-                                      "were objects everywhere. "
-                                      "Check --mean and --scale",
-                                      now, all, kSure) +
-                               (unscaled ? "; often --scale is 1/255" : ""));
-    } else if (unscaled && there >= kFewRows && there > kClearRise * now) {
-      result_.faults.push_back(rise + ". Check --mean and --scale");
-    } else if (now == 0 && there >= kFewRows && there <= kCrowd * all) {
-      result_.notes.push_back(rise + ". Check --mean and --scale");
-    }
-  }
-
-  void check_colours(const std::vector<ProofPicture>& pictures, const InputValues& given,
-                     double now, EngineRun* uncut) {
-    InputValues other = given;
-    const bool rgb = given.order == ColourOrder::kRgb;
-    other.order = rgb ? ColourOrder::kBgr : ColourOrder::kRgb;
-    std::swap(other.mean[0], other.mean[2]);
-    std::swap(other.scale[0], other.scale[2]);
-    const double there = sure_rows(pictures, other, uncut);
-    if (there >= kFewRows && there > kRise * now) {
-      result_.notes.push_back(
-          format("with --network-order %s scores rise: %.0f rows of %.1f or more in place of %.0f; "
-                 "the colours may be swapped",
-                 rgb ? "bgr" : "rgb", there, kSure, now));
     }
   }
 
