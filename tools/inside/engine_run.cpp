@@ -4,15 +4,24 @@
 #include <opencv2/imgproc.hpp>
 
 #include "tools/common/command.h"
+#include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
 
 namespace olvex_tools {
 
 namespace {
 
+// Fitted as a frame is.
 cv::Mat to_input(const cv::Mat& picture, const InputValues& input) {
-  cv::Mat fitted;
-  cv::resize(picture, fitted, cv::Size(input.width, input.height), 0, 0, cv::INTER_LINEAR);
+  qv_host::InputDescription frame;
+  frame.width = input.width;
+  frame.height = input.height;
+  frame.format = QV_IPU_FORMAT_U8;
+  frame.frame_order = qv_host::ColourOrder::kBgr;
+  frame.resize = input.resize;
+  std::vector<unsigned char> pixels;
+  convert_to_frame(picture, frame_layout(frame), &pixels);
+  cv::Mat fitted(input.height, input.width, CV_8UC3, pixels.data());
   const bool gray = input.order == qv_host::ColourOrder::kGray;
   if (gray) {
     cv::cvtColor(fitted, fitted, cv::COLOR_BGR2GRAY);
@@ -36,7 +45,8 @@ cv::Mat to_input(const cv::Mat& picture, const InputValues& input) {
 }  // namespace
 
 InputValues input_values(const qv_host::InputDescription& input) {
-  return {input.name, input.width, input.height, input.network_order, input.mean, input.scale};
+  return {input.name,          input.width, input.height, input.resize,
+          input.network_order, input.mean,  input.scale};
 }
 
 EngineRun::EngineRun(const std::vector<char>& network, const std::string& path,

@@ -19,6 +19,7 @@ struct InputValues {
   std::string name;  // of the network's input
   int width = 0;
   int height = 0;
+  qv_host::Resize resize = qv_host::Resize::kStretch;
   qv_host::ColourOrder order = qv_host::ColourOrder::kRgb;
   std::array<float, 3> mean = {{0.f, 0.f, 0.f}};
   std::array<float, 3> scale = {{1.f, 1.f, 1.f}};
@@ -33,7 +34,7 @@ class EngineRun {
   EngineRun(const std::vector<char>& network, const std::string& path,
             const std::vector<std::string>& outputs, bool fusion);
 
-  // The outputs for a picture (8-bit BGR), which is drawn out to the network's size. Throws ToolError
+  // The outputs for a picture (8-bit BGR), which is brought to the network's size. Throws ToolError
   // (kModelError) when the network does not run.
   OutputValues run(const cv::Mat& picture, const InputValues& input);
 
