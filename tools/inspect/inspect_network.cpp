@@ -17,6 +17,7 @@
 #include "tools/inside/network_trial.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 
@@ -72,6 +73,8 @@ NetworkReport report_of(const std::string& path, const std::vector<char>& bytes)
     report.missing = missing_operators(network);
     return report;
   }
+  const std::vector<std::string> cut = cut_selection(&network).lines;
+  report.rewrites.insert(report.rewrites.end(), cut.begin(), cut.end());
   const std::vector<std::string> engine = fit_to_engine(&network);
   report.rewrites.insert(report.rewrites.end(), engine.begin(), engine.end());
   report.missing = missing_operators(network);

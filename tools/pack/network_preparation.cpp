@@ -9,6 +9,7 @@
 #include "tools/common/whole_file.h"
 #include "tools/frames/frame_source.h"
 #include "tools/inside/network_trial.h"
+#include "tools/network/selection_tail.h"
 #include "tools/pack/engine_run.h"
 
 namespace olvex_tools {
@@ -256,6 +257,19 @@ void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
   prepared->head = head;
 }
 
+// What selects boxes at the end of the network; the tables that are left are decoded.
+void cut_and_note(PreparedNetwork* prepared) {
+  const SelectionCut cut = cut_selection(&prepared->graph);
+  if (!cut.obstacle.empty()) {
+    throw ToolError(kModelError, prepared->graph.path() + ": " + one_line(cut.obstacle) +
+                                     ". Export it without its last stage: the library selects");
+  }
+  prepared->rewrites.insert(prepared->rewrites.end(), cut.lines.begin(), cut.lines.end());
+  if (cut.decoded_tables) {
+    fill_in(&prepared->options.head.family, std::string("boxes-and-scores"));
+  }
+}
+
 }  // namespace
 
 PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Description& start,
@@ -264,13 +278,16 @@ PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Descr
   require_harmless_reading(options.network_path, file.size(), [&] {
     NetworkGraph graph(options.network_path, file);
     make_static(size_in(start), &graph);
+    cut_selection(&graph);
     fit_to_engine(&graph);
   });
   PreparedNetwork prepared = {NetworkGraph(options.network_path, file), file, {}, {}, {}, options};
   prepared.rewrites = make_static(size_in(start), &prepared.graph);
   if (!are_outputs_described(options)) {
     silence_opencv();
-    conclude_and_append(options, picture(), &prepared);
+    cut_and_note(&prepared);
+    const PackOptions known = prepared.options;
+    conclude_and_append(known, picture(), &prepared);
   }
   return prepared;
 }

@@ -1,0 +1,26 @@
+// selection_tail.h - takes the selection of boxes off the end of a network: the library selects, and an engine
+// that has no such operators takes what is left.
+#ifndef TOOLS_NETWORK_SELECTION_TAIL_H
+#define TOOLS_NETWORK_SELECTION_TAIL_H
+
+#include <string>
+#include <vector>
+
+#include "tools/network/network_graph.h"
+
+namespace olvex_tools {
+
+struct SelectionCut {
+  std::vector<std::string> lines;  // for the report; none when nothing was cut
+  std::string obstacle;  // why a selection is still there; empty: there was none, or it is cut
+  bool decoded_tables =
+      false;  // the outputs are now boxes, scores and perhaps key points, of all candidates
+};
+
+// The network is static: see make_static(). TopK and NonMaxSuppression that layers with weights follow are
+// part of the network, and stay. Where there is an obstacle the network is as it was.
+SelectionCut cut_selection(NetworkGraph* network);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_NETWORK_SELECTION_TAIL_H
