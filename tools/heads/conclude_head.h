@@ -42,6 +42,7 @@ struct HeadOptions {
   std::optional<int> keypoint_values;
   std::optional<qv_host::BoxOrder> box_order;
   std::optional<bool> box_fractions;
+  std::optional<bool> y_first;
   std::optional<int> background;
   std::optional<std::array<float, 3>> mean;
   std::optional<std::array<float, 3>> scale;
@@ -83,6 +84,8 @@ struct HeadQuestion {
   InputSize size;               // of its input
   HeadOptions options;
   std::vector<RawWord> raw_words;
+  // The network's own suppression of boxes took them in either order of x and y.
+  bool axes_unknown = false;
   const OutputValues* values = nullptr;  // what it computes for some picture; null: not known
 };
 

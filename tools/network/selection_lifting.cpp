@@ -14,18 +14,6 @@ namespace {
 using Kind = SelectedPiece::Kind;
 using onnx::NodeProto;
 
-constexpr std::int64_t kSliceTakesInputs = 10;  // the first version of the operators that does
-
-bool is_one_of(const NodeProto& node, const std::set<std::string>& operations) {
-  return operations.count(node.op_type()) != 0;
-}
-
-// Whether it leaves the elements as they are, in their order.
-bool only_reshapes(const NodeProto& node) {
-  return is_one_of(node,
-                   {"Reshape", "Flatten", "Squeeze", "Unsqueeze", "Identity", "Cast", "Dropout"});
-}
-
 bool only_moves(const NodeProto& node) {
   return only_reshapes(node) || is_one_of(node, {"Transpose", "Expand", "Tile"});
 }
@@ -33,75 +21,6 @@ bool only_moves(const NodeProto& node) {
 bool is_elementwise(const NodeProto& node) {
   return is_one_of(node, {"Add", "Sub", "Mul", "Div", "Pow", "Min", "Max", "Clip", "Neg", "Sqrt",
                           "Exp", "Sigmoid", "Softmax", "Round", "Floor"});
-}
-
-bool is_small(const NetworkGraph& network, const std::string& value) {
-  constexpr std::size_t kBoxTransform = 16;  // corners to centre and size, or the other way round
-  const auto numbers = network.numbers(value);
-  return numbers && numbers->size() == kBoxTransform;
-}
-
-// A layer of the network itself: what stands in front of it is no selection of results.
-bool is_layer(const NetworkGraph& network, const NodeProto& node) {
-  static const std::set<std::string> kLayers = {"Conv",
-                                                "ConvTranspose",
-                                                "Gemm",
-                                                "LSTM",
-                                                "GRU",
-                                                "RNN",
-                                                "Einsum",
-                                                "RoiAlign",
-                                                "GridSample",
-                                                "Attention",
-                                                "Resize",
-                                                "MaxPool",
-                                                "AveragePool",
-                                                "ConvInteger",
-                                                "MatMulInteger",
-                                                "QLinearConv",
-                                                "QLinearMatMul",
-                                                "LayerNormalization",
-                                                "InstanceNormalization"};
-  if (node.op_type() == "MatMul") {
-    return node.input_size() != 2 || !is_small(network, node.input(1));
-  }
-  return is_one_of(node, kLayers);
-}
-
-// The best of each row among its classes: selects no rows.
-bool chooses_class(const NetworkGraph& network, const NodeProto& node) {
-  if (node.op_type() != "TopK") {
-    return false;
-  }
-  const auto count = network.numbers(node.input_size() > 1 ? node.input(1) : "");
-  return count ? *count == std::vector<double>{1} : integer_attribute(node, "k", 0) == 1;
-}
-
-bool is_selector(const NetworkGraph& network, const NodeProto& node) {
-  return node.output_size() > 0 && node.input_size() > 0 &&
-         (is_operator(node, "NonMaxSuppression") ||
-          (is_operator(node, "TopK") && !chooses_class(network, node)));
-}
-
-// Everything behind a node; nothing when a layer is there.
-std::optional<std::set<std::string>> values_behind(const NetworkGraph& network,
-                                                   const NodeProto& start) {
-  std::set<std::string> found;
-  std::vector<const NodeProto*> waiting = {&start};
-  while (!waiting.empty()) {
-    const NodeProto& node = *waiting.back();
-    waiting.pop_back();
-    if (is_layer(network, node)) {
-      return std::nullopt;
-    }
-    for (const std::string& output : node.output()) {
-      if (!output.empty() && found.insert(output).second) {
-        const std::vector<const NodeProto*> users = network.users_of(output);
-        waiting.insert(waiting.end(), users.begin(), users.end());
-      }
-    }
-  }
-  return found;
 }
 
 std::int64_t columns_of(const std::vector<SelectedPiece>& pieces) {
@@ -135,26 +54,8 @@ std::int64_t size_at(const Shape& shape, std::int64_t axis) {
 
 }  // namespace
 
-SelectionNodes find_selection(const NetworkGraph& network) {
-  SelectionNodes nodes;
-  for (const NodeProto& node : network.model().graph().node()) {
-    if (!is_selector(network, node)) {
-      continue;
-    }
-    if (const auto behind = values_behind(network, node)) {
-      nodes.selectors.push_back(node.output(0));
-      nodes.selected.insert(behind->begin(), behind->end());
-    }
-  }
-  return nodes;
-}
-
 SelectionLifting::SelectionLifting(const SelectionNodes& nodes, NetworkGraph* network)
-    : nodes_(nodes), network_(*network), rows_(count_rows()) {
-  if (rows_ <= 1) {
-    throw CannotLift{"it cannot be seen how many candidates there are"};
-  }
-}
+    : nodes_(nodes), network_(*network), tables_(count_rows(), network) {}
 
 Shape SelectionLifting::shape_of(const std::string& value) const {
   return network_.shape_of(value).value_or(Shape());
@@ -162,6 +63,14 @@ Shape SelectionLifting::shape_of(const std::string& value) const {
 
 // The dimension along which rows are chosen.
 std::int64_t SelectionLifting::count_rows() const {
+  const std::int64_t rows = find_rows();
+  if (rows <= 1) {
+    throw CannotLift{"it cannot be seen how many candidates there are"};
+  }
+  return rows;
+}
+
+std::int64_t SelectionLifting::find_rows() const {
   for (const std::string& selector : nodes_.selectors) {
     const NodeProto& node = *network_.producer_of(selector);
     if (node.op_type() == "NonMaxSuppression") {
@@ -225,8 +134,8 @@ SelectionLifting::Pieces SelectionLifting::lift_node(const NodeProto& node,
     return number;
   }
   if (node.op_type() == "TopK" || node.op_type() == "ReduceMax") {
-    SelectedPiece piece =
-        is_selected(node.input(0)) ? merged(node, lift(node.input(0))) : table_of(node.input(0));
+    SelectedPiece piece = is_selected(node.input(0)) ? merged(node, lift(node.input(0)))
+                                                     : tables_.table_of(node.input(0));
     piece.kind = piece.all.empty() ? Kind::kNumber : Kind::kScore;
     piece.columns = 1;
     return {piece};
@@ -265,7 +174,7 @@ SelectionLifting::Pieces SelectionLifting::gathered(const NodeProto& node,
   if (network_.constant(data) != nullptr) {
     return {{Kind::kNumber, "", 1}};
   }
-  Pieces pieces = is_selected(data) ? lift(data) : Pieces{table_of(data)};
+  Pieces pieces = is_selected(data) ? lift(data) : Pieces{tables_.table_of(data)};
   const Shape shape = shape_of(value);
   const Shape places = shape_of(node.input(1));
   const bool one_of_each =
@@ -274,7 +183,6 @@ SelectionLifting::Pieces SelectionLifting::gathered(const NodeProto& node,
        static_cast<std::int64_t>(source.size()) ==
            places.back() + integer_attribute(node, "batch_dims", 0));
   if (pieces.size() == 1 && pieces[0].kind == Kind::kRows && pieces[0].columns > 1 && one_of_each) {
-    score_sources_.insert(pieces[0].all);
     return {{Kind::kScore, pieces[0].all, 1}};
   }
   return pieces;
@@ -311,7 +219,7 @@ SelectionLifting::Pieces SelectionLifting::cut_columns(const NodeProto& node, st
     if (from < to) {
       const bool whole = to - from == piece.columns || piece.kind != Kind::kRows;
       kept.push_back(
-          {piece.kind, whole ? piece.all : sliced(piece.all, from, to - from), to - from});
+          {piece.kind, whole ? piece.all : tables_.sliced(piece.all, from, to - from), to - from});
     }
     begin += piece.columns;
   }
@@ -373,7 +281,7 @@ SelectedPiece SelectionLifting::merged(const NodeProto& node, const Pieces& piec
     }
     tables.push_back(piece.all);
   }
-  return {Kind::kRows, joined(tables), columns_of(pieces)};
+  return {Kind::kRows, tables_.joined(tables), columns_of(pieces)};
 }
 
 std::string SelectionLifting::column_constant(const NodeProto& node, const std::string& value,
@@ -425,93 +333,11 @@ SelectionLifting::Pieces SelectionLifting::computed(const NodeProto& node) {
   return {result};
 }
 
-// ---- Tables ---------------------------------------------------------------------------------------
-
-std::string SelectionLifting::sliced(const std::string& table, std::int64_t first,
-                                     std::int64_t count) {
-  const Shape start = {first};
-  const Shape end = {first + count};
-  if (network_.opset() < kSliceTakesInputs) {
-    return network_.add_node(
-        "all_columns", "Slice", {table},
-        {Attribute("axes", Shape{2}), Attribute("starts", start), Attribute("ends", end)});
-  }
-  return network_.add_node(
-      "all_columns", "Slice",
-      {table, network_.add_integers("all_first", start), network_.add_integers("all_end", end),
-       network_.add_integers("all_axis", {2})});
-}
-
-std::string SelectionLifting::joined(const std::vector<std::string>& tables) {
-  return tables.size() == 1 ? tables[0]
-                            : network_.add_node("all_rows", "Concat", tables,
-                                                {Attribute("axis", std::int64_t{2})});
-}
-
-// What is selected from, by what computes it: the best of each row is a score of the table in front.
-SelectedPiece SelectionLifting::table_of(const std::string& value) {
-  std::string source = value;
-  const NodeProto* node = network_.producer_of(source);
-  while (node != nullptr && (only_reshapes(*node) || node->op_type() == "Transpose") &&
-         elements_of(shape_of(node->input(0))) == elements_of(shape_of(value))) {
-    source = node->input(0);
-    node = network_.producer_of(source);
-  }
-  const bool of_class = node != nullptr && chooses_class(network_, *node);
-  if (node != nullptr && (node->op_type() == "ArgMax" || (of_class && source != node->output(0)))) {
-    return {};
-  }
-  if (node != nullptr && (node->op_type() == "ReduceMax" || of_class)) {
-    return {Kind::kScore, canonical(node->input(0), true), 1};
-  }
-  const std::string table = canonical(value, false);
-  return {Kind::kRows, table, elements_of(shape_of(value)) / rows_};
-}
-
-// Any value of all rows as 1 x rows x columns, the same for the same elements. Those of all rows in one
-// dimension are looked up in front of where they were flattened.
-std::string SelectionLifting::canonical(const std::string& value, bool scores) {
-  const auto found = tables_.find(value);
-  if (found != tables_.end()) {
-    return found->second;
-  }
-  const Shape shape = shape_of(value);
-  const std::int64_t count = elements_of(shape);
-  const NodeProto* const node = network_.producer_of(value);
-  const std::int64_t columns = count > 0 ? count / rows_ : 0;
-  const auto is_long = [](std::int64_t size) { return size > 1; };
-  const auto first = std::find_if(shape.begin(), shape.end(), is_long);
-  std::string table;
-  if (first != shape.end() && *first == rows_ && columns * rows_ == count) {
-    table =
-        shape == Shape{1, rows_, columns}
-            ? value
-            : network_.add_node("all_rows", "Reshape",
-                                {value, network_.add_integers("all_shape", {1, rows_, columns})});
-  } else if (!shape.empty() && shape.back() == rows_ && columns * rows_ == count) {
-    const std::string flat =
-        shape == Shape{1, columns, rows_}
-            ? value
-            : network_.add_node("all_columns", "Reshape",
-                                {value, network_.add_integers("all_shape", {1, columns, rows_})});
-    table = network_.add_node("all_rows", "Transpose", {flat}, {Attribute("perm", Shape{0, 2, 1})});
-  } else if (node != nullptr && only_reshapes(*node)) {
-    return tables_[value] = canonical(node->input(0), scores);
-  } else {
-    throw CannotLift{"\"" + value + "\", from which is selected, has no row for each candidate"};
-  }
-  sources_.insert(value);
-  if (scores) {
-    score_sources_.insert(value);
-  }
-  return tables_[value] = table;
-}
-
 SelectedPiece SelectionLifting::ranked_scores() {
   const std::string& selector = nodes_.selectors.front();
   const NodeProto node = *network_.producer_of(selector);
   const bool suppresses = node.op_type() == "NonMaxSuppression";
-  SelectedPiece piece = table_of(node.input(suppresses ? 1 : 0));
+  SelectedPiece piece = tables_.table_of(node.input(suppresses ? 1 : 0), true);
   piece.kind = piece.all.empty() ? Kind::kNumber : Kind::kScore;
   return piece;
 }
@@ -520,7 +346,7 @@ SelectedPiece SelectionLifting::suppressed_boxes() {
   for (const std::string& selector : nodes_.selectors) {
     const NodeProto node = *network_.producer_of(selector);
     if (node.op_type() == "NonMaxSuppression") {
-      return table_of(node.input(0));
+      return tables_.table_of(node.input(0));
     }
   }
   return {};

@@ -32,10 +32,10 @@ class Cut {
     }
     name_results();
     network_.update();
-    check_selection(network_,
-                    {outputs_, ranking_.all, lifting_.sources(), lifting_.score_sources()});
+    check_selection(network_, {outputs_, ranking_.all, lifting_.tables().sources(),
+                               lifting_.tables().score_sources()});
     const std::string line = replace_outputs();
-    return {{line}, "", decoded_tables_};
+    return {{line}, "", suppressed_, decoded_tables_};
   }
 
  private:
@@ -77,11 +77,13 @@ class Cut {
         rows.columns += piece.columns;
       }
     }
-    rows.all = tables.empty() ? "" : lifting_.joined(tables);
+    rows.all = tables.empty() ? "" : lifting_.tables().joined(tables);
     return rows;
   }
 
   void name_tables() {
+    const SelectedPiece suppressed = lifting_.suppressed_boxes();
+    suppressed_ = !suppressed.all.empty();
     decoded_tables_ = true;
     std::vector<SelectedPiece> tables;
     for (const SelectedOutput& output : outputs_) {
@@ -93,17 +95,18 @@ class Cut {
     std::stable_partition(tables.begin(), tables.end(),
                           [](const SelectedPiece& table) { return table.columns == kBox; });
     if (tables.empty()) {
-      tables.push_back(lifting_.suppressed_boxes());
+      tables.push_back(suppressed);
     }
     if (tables.size() > 2 || tables[0].columns < kBox ||
         (tables.size() == 2 && tables[0].columns != kBox)) {
       throw CannotLift{"which of its results are boxes cannot be seen"};
     }
     const SelectedPiece& first = tables[0];
-    add_result("boxes", first.columns == kBox ? first.all : lifting_.sliced(first.all, 0, kBox));
+    add_result("boxes",
+               first.columns == kBox ? first.all : lifting_.tables().sliced(first.all, 0, kBox));
     add_result("scores", scores());
     if (first.columns > kBox) {
-      add_result("keypoints", lifting_.sliced(first.all, kBox, first.columns - kBox));
+      add_result("keypoints", lifting_.tables().sliced(first.all, kBox, first.columns - kBox));
     } else if (tables.size() == 2) {
       add_result("keypoints", tables[1].all);
     }
@@ -127,6 +130,7 @@ class Cut {
 
   void add_result(const std::string& name, const std::string& table) {
     results_.push_back(network_.add_node(name, "Identity", {table}));
+    hints_.push_back(name);
   }
 
   std::string replace_outputs() {
@@ -134,20 +138,34 @@ class Cut {
     for (const std::string& name : results_) {
       results.push_back({name, network_.shape_of(name).value_or(Shape())});
     }
-    if (results.empty()) {
-      results = others_;
-    }
+    const std::string operators = join(cut_operators(), ", ");
+    network_.set_outputs(results.empty() ? others_ : results);
+    network_.remove_unused();
+    network_.update();
+    name_plainly();
     std::vector<std::string> texts;
-    for (const NetworkTensor& result : results) {
+    for (const NetworkTensor& result : network_.outputs()) {
       texts.push_back(describe(result));
     }
-    const std::string operators = join(cut_operators(), ", ");
-    network_.set_outputs(results);
-    network_.remove_unused();
-    const onnx::NodeProto& first = first_;
     return "cut off the selection of boxes from node \"" +
-           (first.name().empty() ? first.output(0) : first.name()) + "\" on (" + operators +
+           (first_.name().empty() ? first_.output(0) : first_.name()) + "\" on (" + operators +
            "), as the library selects; the outputs are now " + join(texts, ", ");
+  }
+
+  // The names that they were to have may have been those of the outputs that are gone.
+  void name_plainly() {
+    std::vector<NetworkTensor> results = network_.outputs();
+    for (std::size_t i = 0; i < results_.size(); ++i) {
+      for (onnx::NodeProto& node : *network_.graph()->mutable_node()) {
+        if (node.output(0) == results_[i]) {
+          results[i].name = results_[i] == hints_[i] ? hints_[i] : network_.unused_name(hints_[i]);
+          node.set_output(0, results[i].name);
+          node.set_name(results[i].name);
+        }
+      }
+    }
+    network_.set_outputs(results);
+    network_.update();
   }
 
   // Notes the first node, too.
@@ -169,7 +187,9 @@ class Cut {
   std::vector<SelectedOutput> outputs_;
   std::vector<NetworkTensor> others_;
   std::vector<std::string> results_;
+  std::vector<std::string> hints_;
   onnx::NodeProto first_;
+  bool suppressed_ = false;
   bool decoded_tables_ = false;
 };
 

@@ -12,9 +12,10 @@ namespace olvex_tools {
 
 struct SelectionCut {
   std::vector<std::string> lines;  // for the report; none when nothing was cut
-  std::string obstacle;  // why a selection is still there; empty: there was none, or it is cut
-  bool decoded_tables =
-      false;  // the outputs are now boxes, scores and perhaps key points, of all candidates
+  std::string obstacle;     // why a selection is still there; empty: there was none, or it is cut
+  bool suppressed = false;  // by NonMaxSuppression, to which x first and y first are the same
+  // The outputs are now boxes, scores and perhaps key points, of all candidates.
+  bool decoded_tables = false;
 };
 
 // The network is static: see make_static(). TopK and NonMaxSuppression that layers with weights follow are

@@ -244,7 +244,8 @@ void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
   head.uncut = uncut_network(prepared->graph);
   head.outputs = names_of(prepared->graph.outputs());
   const OutputValues values = look_at_outputs(options, prepared->graph, head.uncut, input, picture);
-  const HeadQuestion question = {prepared->graph, size, options.head, raw_words(options), &values};
+  const HeadQuestion question = {prepared->graph,        size,   options.head, raw_words(options),
+                                 prepared->axes_unknown, &values};
   head.reading = only_reading(options, prepared->graph, size, conclude_head(question));
   head.command = command_of(options, head.reading);
   fill_in_preprocessing(head.reading, &prepared->options);
@@ -265,6 +266,7 @@ void cut_and_note(PreparedNetwork* prepared) {
                                      ". Export it without its last stage: the library selects");
   }
   prepared->rewrites.insert(prepared->rewrites.end(), cut.lines.begin(), cut.lines.end());
+  prepared->axes_unknown = cut.suppressed;
   if (cut.decoded_tables) {
     fill_in(&prepared->options.head.family, std::string("boxes-and-scores"));
   }
@@ -281,7 +283,8 @@ PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Descr
     cut_selection(&graph);
     fit_to_engine(&graph);
   });
-  PreparedNetwork prepared = {NetworkGraph(options.network_path, file), file, {}, {}, {}, options};
+  PreparedNetwork prepared = {
+      NetworkGraph(options.network_path, file), file, {}, {}, {}, options, false};
   prepared.rewrites = make_static(size_in(start), &prepared.graph);
   if (!are_outputs_described(options)) {
     silence_opencv();

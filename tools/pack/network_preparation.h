@@ -32,6 +32,7 @@ struct PreparedNetwork {
   std::vector<std::string> rewrites;  // one line for each kind
   std::optional<ConcludedHead> head;  // when nothing was said about the outputs
   PackOptions options;                // with what was concluded filled in
+  bool axes_unknown = false;          // of boxes: see HeadQuestion
 };
 
 // Reads the network, makes it static, and, where the options say nothing about its outputs, concludes the
