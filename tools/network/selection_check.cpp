@@ -182,7 +182,7 @@ class RowSearch {
 
  private:
   Table read(const std::string& name, std::size_t columns) {
-    const auto numbers = tail_.numbers(name);
+    const auto numbers = columns == 0 ? std::nullopt : tail_.numbers(name);
     const Shape shape = tail_.shape_of(name).value_or(Shape());
     if (!numbers) {
       throw CannotLift{"\"" + name + "\" cannot be computed from it on trial numbers"};

@@ -143,7 +143,7 @@ SelectionLifting::Pieces SelectionLifting::lift_node(const NodeProto& node,
   if (only_moves(node)) {
     return lift(node.input(0));
   }
-  if (is_one_of(node, {"Gather", "GatherElements", "GatherND"})) {
+  if (node.input_size() > 1 && is_one_of(node, {"Gather", "GatherElements", "GatherND"})) {
     return gathered(node, value);
   }
   if (node.op_type() == "Concat") {
@@ -223,6 +223,9 @@ SelectionLifting::Pieces SelectionLifting::cut_columns(const NodeProto& node, st
     }
     begin += piece.columns;
   }
+  if (kept.empty()) {
+    refuse(node, "takes no column of what is selected");
+  }
   return kept;
 }
 
@@ -237,7 +240,7 @@ SelectionLifting::Pieces SelectionLifting::split(const NodeProto& node, const st
     }
     first += count;
   }
-  return {};
+  refuse(node, "has no such part");
 }
 
 SelectionLifting::Pieces SelectionLifting::sliced_node(const NodeProto& node) {

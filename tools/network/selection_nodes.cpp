@@ -11,10 +11,9 @@ namespace {
 
 using onnx::NodeProto;
 
-bool is_small(const NetworkGraph& network, const std::string& value) {
-  constexpr std::size_t kBoxTransform = 16;  // corners to centre and size, or the other way round
-  const auto numbers = network.numbers(value);
-  return numbers && numbers->size() == kBoxTransform;
+// Turns the four values of a box into four others, as corners into centre and size.
+bool transforms_boxes(const NetworkGraph& network, const std::string& matrix) {
+  return network.constant(matrix) != nullptr && network.shape_of(matrix) == Shape{4, 4};
 }
 
 // A layer of the network itself: what stands in front of it is no selection of results.
@@ -39,14 +38,14 @@ bool is_layer(const NetworkGraph& network, const NodeProto& node) {
                                                 "LayerNormalization",
                                                 "InstanceNormalization"};
   if (node.op_type() == "MatMul") {
-    return node.input_size() != 2 || !is_small(network, node.input(1));
+    return node.input_size() != 2 || !transforms_boxes(network, node.input(1));
   }
   return is_one_of(node, kLayers);
 }
 
 bool is_selector(const NetworkGraph& network, const NodeProto& node) {
   return node.output_size() > 0 && node.input_size() > 0 &&
-         (is_operator(node, "NonMaxSuppression") ||
+         ((is_operator(node, "NonMaxSuppression") && node.input_size() > 1) ||
           (is_operator(node, "TopK") && !chooses_class(network, node)));
 }
 
