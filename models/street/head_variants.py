@@ -168,6 +168,64 @@ def top_k(model, _facts):
     dims[1].dim_value = KEPT
 
 
+class _Tail:
+    """Nodes behind boxes 1 x N x 4 and scores 1 x N x nc, into which the rows 1 x N x 4+nc are split."""
+
+    def __init__(self, model, variant):
+        self.graph, output = model.graph, model.graph.output[0]
+        if len(model.graph.output) != 1 or len(output.type.tensor_type.shape.dim) != 3:
+            raise SystemExit(f"heads.py: the variant {variant} is for the family combined-rows")
+        columns = output.type.tensor_type.shape.dim[2].dim_value
+        self.classes, self.count = columns - 4, 0
+        for node in self.graph.node:
+            node.output[:] = ["/tail/rows" if name == output.name else name for name in node.output]
+        self.boxes, self.scores = self("Split", "/tail/rows", outputs=2, axis=2, split=[4, self.classes])
+        self.output = output
+
+    def __call__(self, operator, *inputs, outputs=1, **attributes):
+        names = [self.constant(value) if not isinstance(value, str) else value for value in inputs]
+        self.count += 1
+        results = [f"/tail/{operator}_{self.count}_{i}" for i in range(outputs)]
+        self.graph.node.append(helper.make_node(operator, names, results, name=results[0], **attributes))
+        return results if outputs > 1 else results[0]
+
+    def constant(self, value):
+        self.count += 1
+        kind = np.float32 if np.asarray(value).dtype == float else np.int64
+        self.graph.initializer.append(numpy_helper.from_array(np.array(value, kind), f"/tail/constant_{self.count}"))
+        return f"/tail/constant_{self.count}"
+
+    def finish(self, values, axis, shape):
+        self.graph.node.append(helper.make_node("Concat", values, [self.output.name], name="/tail/Concat", axis=axis))
+        self.output.type.CopyFrom(helper.make_tensor_type_proto(1, shape))
+
+
+def best_classes(model, _facts):
+    """The best rows by their best class, and of those the KEPT best pairs of row and class."""
+    tail = _Tail(model, "best-classes")
+    _, places = tail("TopK", tail("ReduceMax", tail.scores, axes=[2], keepdims=0), [KEPT], outputs=2, axis=1)
+    places = tail("Unsqueeze", places, axes=[2])
+    boxes = tail("GatherElements", tail.boxes, tail("Tile", places, [1, 1, 4]), axis=1)
+    scores = tail("GatherElements", tail.scores, tail("Tile", places, [1, 1, tail.classes]), axis=1)
+    best, pairs = tail("TopK", tail("Flatten", scores, axis=1), [KEPT], outputs=2, axis=1)
+    rows = tail("Unsqueeze", tail("Div", pairs, tail.classes), axes=[2])
+    boxes = tail("GatherElements", boxes, tail("Tile", rows, [1, 1, 4]), axis=1)
+    numbers = tail("Cast", tail("Unsqueeze", tail("Mod", pairs, tail.classes), axes=[2]), to=1)
+    tail.finish([boxes, tail("Unsqueeze", best, axes=[2]), numbers], 2, [1, KEPT, 6])
+
+
+def suppressed(model, _facts):
+    """What NonMaxSuppression leaves, y first in its corners: n x 7 of batch, box, number of the class, score."""
+    tail = _Tail(model, "suppressed")
+    corners = np.array([[0, 1, 0, 1], [1, 0, 1, 0], [0, -.5, 0, .5], [-.5, 0, .5, 0]])
+    boxes, scores = tail("MatMul", tail.boxes, corners), tail("Transpose", tail.scores, perm=[0, 2, 1])
+    chosen = tail("NonMaxSuppression", boxes, scores, [KEPT], .5, .25)
+    batch, number, row = (tail("Gather", chosen, [place], axis=1) for place in range(3))
+    box = tail("Gather", tail("Squeeze", boxes, axes=[0]), tail("Reshape", row, [-1]), axis=0)
+    score = tail("Unsqueeze", tail("GatherND", scores, chosen), axes=[1])
+    tail.finish([tail("Cast", batch, to=1), box, tail("Cast", number, to=1), score], 1, [None, 7])
+
+
 def _integers(graph, name, values, scale):
     """Adds what DequantizeLinear takes, and returns the names: integers (unless None), scale, zero."""
     zero = np.array(0, np.uint8 if values is None else np.int8)
@@ -184,5 +242,7 @@ VARIANTS = {
     "quantised": (quantised, "weights as 8-bit integers behind DequantizeLinear; the boxes are those of rounded"),
     "rounded": (rounded, "weights with 8 bits, without operators for it"),
     "top-k": (top_k, f"of end-to-end the {KEPT} best rows, by TopK and Gather"),
+    "best-classes": (best_classes, f"of combined-rows the {KEPT} best pairs of row and class, 1 x {KEPT} x 6"),
+    "suppressed": (suppressed, "of combined-rows what NonMaxSuppression leaves, n x 7"),
     "dynamic": (dynamic, "symbolic batch, height and width"),
 }

@@ -28,7 +28,10 @@ FAMILIES = {
     "cls-obj-box-keypoints": ("class-objectness-box", PERSONS), "priors": ("priors", ALL),
     "priors-landmarks": ("priors", PERSONS), "priors-no-background": ("priors", ALL),
     "score-distance-keypoints": ("score-distance", PERSONS), "own-formula": ("own-formula", SOME),
-    "boxes-and-scores": ("boxes-and-scores", ALL), "raw": ("raw", ALL)}
+    "boxes-and-scores": ("boxes-and-scores", ALL), "raw": ("raw", ALL),
+    "best-classes": ("boxes-and-scores", ALL), "suppressed": ("boxes-and-scores", ALL), "top-k": ("end-to-end", ALL)}
+# Families whose networks end in a selection, which is cut off, by the variant of heads.py that adds it.
+SELECTING = {"best-classes": "combined-rows", "suppressed": "combined-rows", "top-k": "end-to-end"}
 
 
 def are_same(left, right):
@@ -43,6 +46,9 @@ class HeadsTest(ToolTest):
         cls.addClassCleanup(shared.cleanup)
         cls.networks = pathlib.Path(shared.name)
         subprocess.run([sys.executable, "-B", STREET / "heads.py", "--all", "-o", cls.networks], check=True)
+        for variant, family in SELECTING.items():
+            subprocess.run([sys.executable, "-B", STREET / "heads.py", family, "--variant", variant, "-o",
+                            cls.networks / f"{variant}.onnx"], check=True)
 
     def packed(self, family, *options, **expected):
         return self.tool("pack", self.networks / f"{family}.onnx", "-o", "out.qtm", *options, **expected)
@@ -59,6 +65,7 @@ class HeadsTest(ToolTest):
             with self.subTest(family):
                 report = self.packed(family).stdout
                 self.assertIn(f"head       {head}\n", report)
+                self.assertEqual("cut off the selection of boxes" in report, family in SELECTING)
                 image = (self.folder / "out.qtm").read_bytes()
                 self.assertIn(b'"proof": "proven"', image)
                 for expected, boxes in zip(wanted, self.found()):

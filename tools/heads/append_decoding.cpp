@@ -152,7 +152,10 @@ class Decoding {
       case BoxCode::kCentreSize:
         break;
     }
-    return values;
+    return head_.y_first ? concatenate({slice(values, 1, 2), slice(values, 0, 1),
+                                        slice(values, 3, 4), slice(values, 2, 3)},
+                                       2)
+                         : values;
   }
 
   std::string centres(const std::string& values) {

@@ -32,7 +32,7 @@ const std::vector<KnownFamily>& known_families() {
       {{"score-distance", "for each stride score, distances, key points"}, conclude_score_distance},
       {{"priors", "1 x N x 4 offsets and 1 x N x classes, for each prior; key points"},
        conclude_priors},
-      {{"boxes-and-scores", "1 x N x 4 boxes and 1 x N x classes, decoded; key points"},
+      {{kDecodedTables, "1 x N x 4 boxes and 1 x N x classes, decoded; key points"},
        conclude_boxes_and_scores},
       {{"own-formula", "one layer 1 x (5 + classes) x H x W: objectness ^ 0.6 x class ^ 0.4"},
        conclude_own_formula}};

@@ -14,6 +14,7 @@
 #include "tools/heads/plain_reading.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 
@@ -43,6 +44,7 @@ struct HeadOptions {
   std::optional<int> keypoint_values;
   std::optional<qv_host::BoxOrder> box_order;
   std::optional<bool> box_fractions;
+  std::optional<bool> y_first;
   std::optional<int> background;
   std::optional<std::array<float, 3>> mean;
   std::optional<std::array<float, 3>> scale;
@@ -85,7 +87,8 @@ struct HeadQuestion {
   InputSize size;               // of that input
   HeadOptions options;
   std::vector<RawWord> raw_words;
-  const OutputValues* values = nullptr;  // what it computes for some picture; null: not known
+  Selection selection = Selection::kNone;  // that was cut off the network
+  const OutputValues* values = nullptr;    // what it computes for some picture; null: not known
 };
 
 // Every reading that fits; none when no family does. Throws ToolError (kUsageError) for an option that
@@ -98,6 +101,9 @@ struct HeadFamily {
   std::string outputs;
 };
 const std::vector<HeadFamily>& head_families();
+
+// The family of boxes and scores that the network decodes itself, in tables of their own.
+constexpr char kDecodedTables[] = "boxes-and-scores";
 
 // All options of the facts, in one line.
 std::string options_of(const HeadReading& reading);

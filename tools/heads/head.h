@@ -80,6 +80,7 @@ struct Head {
 
   HeadPart boxes;
   BoxCode box_code = BoxCode::kCorners;
+  bool y_first = false;        // final boxes: y1, x1, y2, x2, or cy, cx, h, w
   bool box_fractions = false;  // final boxes and key points: fractions of the input, else pixels
   // kDistances: 1: the values as they are; more: each is the mean of a softmax over 0, 1, ...; 0: the
   // library's own, (4 sigmoid)^2, which is not appended.

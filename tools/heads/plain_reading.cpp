@@ -117,7 +117,7 @@ double distance(const Head& head, const std::vector<double>& values, std::size_t
 
 std::vector<double> box_of(const Head& head, std::size_t row, const std::vector<double>& values) {
   if (head.box_code == BoxCode::kCorners || head.box_code == BoxCode::kCentreSize) {
-    return values;
+    return head.y_first ? std::vector<double>{values[1], values[0], values[3], values[2]} : values;
   }
   const ReferenceBox& reference = head.references[row];
   if (head.box_code == BoxCode::kOffsets) {

@@ -88,7 +88,7 @@ Usual usual_of(const HeadReading& reading) {
   const bool points = head.keypoints.present();
   // Scores with a column for the background are those of a single-shot detector, decoded or not.
   const bool single_shot =
-      head.family == "priors" || (head.family == "boxes-and-scores" && head.background >= 0);
+      head.family == "priors" || (head.family == kDecodedTables && head.background >= 0);
   if (head.family == "objectness-offsets" || head.family == "class-objectness-box") {
     return {ColourOrder::kBgr, kZero, kOne, points ? Resize::kStretch : Resize::kLetterbox};
   }
@@ -111,7 +111,7 @@ Usual usual_of(const HeadReading& reading) {
   if (head.family == "own-formula") {
     return {ColourOrder::kBgr, kZero, k255, Resize::kStretch};
   }
-  if (head.family == "boxes-and-scores" || head.family == "raw") {
+  if (head.family == kDecodedTables || head.family == "raw") {
     return {ColourOrder::kRgb, kZero, k255, Resize::kStretch};
   }
   return {ColourOrder::kRgb, kZero, k255, Resize::kLetterboxCentred};
@@ -196,6 +196,12 @@ class Source {
         reading_.head.family == "objectness" ? lay_out(question_) : std::nullopt;
     if (layout && layout->anchors == 1 && network_.metadata().empty()) {
       usual = {ColourOrder::kBgr, kZero, kOne, Resize::kLetterbox};
+    }
+    // What selects its best boxes without suppression was trained end to end, on pictures of their own aspect;
+    // exporters of such networks and of those with suppression note the stride.
+    if (reading_.head.family == kDecodedTables && reading_.head.background < 0 &&
+        (question_.selection == Selection::kBest || network_.metadata().count("stride") > 0)) {
+      usual.resize = Resize::kLetterboxCentred;
     }
     if (scales_its_input(question_)) {
       usual.mean = kZero;

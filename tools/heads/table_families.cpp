@@ -1,6 +1,8 @@
 // table_families.cpp - heads with one table of boxes and one of scores: priors, and what is decoded already.
 // Declared in head_evidence.h.
 #include <algorithm>
+#include <cmath>
+#include <numeric>
 #include <optional>
 
 #include "tools/common/command.h"
@@ -159,6 +161,73 @@ std::optional<UsualPriors> find_priors(const HeadEvidence& evidence, bool with_p
   return std::nullopt;
 }
 
+double correlation(const std::vector<double>& left, const std::vector<double>& right) {
+  const auto count = static_cast<double>(left.size());
+  const double left_mean = std::accumulate(left.begin(), left.end(), 0.) / count;
+  const double right_mean = std::accumulate(right.begin(), right.end(), 0.) / count;
+  double common = 0;
+  double left_square = 0;
+  double right_square = 0;
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    common += (left[i] - left_mean) * (right[i] - right_mean);
+    left_square += (left[i] - left_mean) * (left[i] - left_mean);
+    right_square += (right[i] - right_mean) * (right[i] - right_mean);
+  }
+  return common / std::sqrt(left_square * right_square);
+}
+
+// How much better the boxes lie at their cells with y first than with x first; nothing where rows stand for
+// no cells, or no values are known.
+std::optional<double> lead_of_y_first(const HeadEvidence& evidence, const HeadPart& boxes) {
+  const OutputValues* const values = evidence.question().values;
+  if (values == nullptr || evidence.layout().strides.empty()) {
+    return std::nullopt;
+  }
+  HeadReading cells;
+  set_cell_references(evidence, .5, &cells);
+  std::vector<double> x;
+  std::vector<double> y;
+  for (const ReferenceBox& cell : cells.head.references) {
+    x.push_back(cell.x);
+    y.push_back(cell.y);
+  }
+  std::array<std::vector<double>, 2> middles;
+  for (std::size_t i = 0; i < middles.size(); ++i) {
+    const auto channel = boxes.first + static_cast<std::int64_t>(i);
+    const std::vector<float> low = read_channel(boxes.tensors, channel, *values);
+    const std::vector<float> high = read_channel(boxes.tensors, channel + 2, *values);
+    for (std::size_t row = 0; row < low.size(); ++row) {
+      middles[i].push_back((static_cast<double>(low[row]) + static_cast<double>(high[row])) / 2);
+    }
+  }
+  return middles[0].size() != x.size()
+             ? std::nullopt
+             : std::make_optional(correlation(middles[0], y) + correlation(middles[1], x) -
+                                  correlation(middles[0], x) - correlation(middles[1], y));
+}
+
+// Which coordinate comes first, where the network does not say so.
+void conclude_axes(const HeadEvidence& evidence, HeadReading* reading) {
+  constexpr double kClear = .5;
+  const std::optional<bool> given = evidence.options().y_first;
+  if (!given && evidence.question().selection != Selection::kSuppression) {
+    return;
+  }
+  const std::optional<double> lead =
+      given ? std::nullopt : lead_of_y_first(evidence, reading->head.boxes);
+  if (!given && !(lead && std::fabs(*lead) > kClear)) {
+    throw ToolError(
+        kUsageError,
+        "the network suppresses boxes itself, to which x first and y first are the same, and "
+        "its rows are not those of cells. Say which it is: --box-axes xy or --box-axes yx");
+  }
+  reading->head.y_first = given.value_or(lead.value_or(0) > 0);
+  add_fact(reading,
+           std::string(reading->head.y_first ? "y" : "x") + " comes first in each corner" +
+               (given ? "" : ", by the places of the cells"),
+           std::string("--box-axes ") + (reading->head.y_first ? "yx" : "xy"));
+}
+
 }  // namespace
 
 std::vector<HeadReading> conclude_priors(const HeadEvidence& evidence) {
@@ -214,14 +283,15 @@ std::vector<HeadReading> conclude_priors(const HeadEvidence& evidence) {
 
 std::vector<HeadReading> conclude_boxes_and_scores(const HeadEvidence& evidence) {
   const std::optional<Tables> tables = tables_of(evidence);
-  const bool asked = evidence.is_asked_for("boxes-and-scores");
+  const bool asked = evidence.is_asked_for(kDecodedTables);
   if (!tables || (!asked && !evidence.is_decoded({*tables->boxes, 0, kBox}))) {
     return {};
   }
   HeadReading reading =
-      begin_reading(evidence, "boxes-and-scores", "boxes and scores apart, decoded in the graph");
+      begin_reading(evidence, kDecodedTables, "boxes and scores apart, decoded in the graph");
   conclude_final_boxes(evidence, {*tables->boxes, 0, kBox}, qv_host::BoxOrder::kCornerPairs, true,
                        &reading);
+  conclude_axes(evidence, &reading);
   const Channels scores = {*tables->scores, 0, tables->scores->channels};
   const bool logits = !evidence.is_probability(scores);
   Head& head = reading.head;

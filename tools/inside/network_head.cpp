@@ -84,7 +84,8 @@ OutputValues look_at_outputs(const HeadOptions& options, const NetworkGraph& net
   input.order = tensor.shape[1] == 1 ? qv_host::ColourOrder::kGray
                                      : options.order.value_or(qv_host::ColourOrder::kRgb);
   input.mean = options.mean.value_or(input.mean);
-  input.scale = options.scale.value_or(std::array<float, 3>{{1.f / 255.f, 1.f / 255.f, 1.f / 255.f}});
+  input.scale =
+      options.scale.value_or(std::array<float, 3>{{1.f / 255.f, 1.f / 255.f, 1.f / 255.f}});
   const auto run = [&] {
     return EngineRun(bytes, network.path(), names_of(network.outputs()), true).run(picture, input);
   };
@@ -128,8 +129,8 @@ NetworkHead conclude_network_head(const HeadRequest& request, const NetworkGraph
   head.size = {input.shape[3], input.shape[2]};
   head.uncut = uncut_network(network);
   const OutputValues values = look_at_outputs(request.options, network, head.uncut, input, picture);
-  head.readings = conclude_head(
-      {network, input.name, head.size, request.options, raw_words(request.model_out), &values});
+  head.readings = conclude_head({network, input.name, head.size, request.options,
+                                 raw_words(request.model_out), request.selection, &values});
   return head;
 }
 

@@ -11,13 +11,15 @@
 #include "tools/heads/conclude_head.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 
 struct HeadRequest {
   std::optional<std::string> input;  // that takes the picture, where the network has several
   HeadOptions options;
-  std::string model_out;  // the word for raw layers; empty: any
+  std::string model_out;                   // the word for raw layers; empty: any
+  Selection selection = Selection::kNone;  // that was cut off the network
 };
 
 struct NetworkHead {

@@ -20,6 +20,7 @@
 #include "tools/inside/network_trial.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 
@@ -46,7 +47,8 @@ struct NetworkReport {
   std::vector<NetworkTensor> outputs;
   std::map<std::string, int> operators;
   std::map<std::string, std::string> metadata;
-  std::string open;  // why pack cannot fix the sizes by itself; empty when it can
+  std::string open;      // why pack cannot fix the sizes by itself; empty when it can
+  std::string obstacle;  // why it cannot cut a selection of boxes off; empty when it can
   std::vector<std::string> rewrites;
   std::vector<MissingOperator> missing;
   HeadSuggestion head;
@@ -84,6 +86,9 @@ NetworkReport report_of(const std::string& path, const std::vector<char>& bytes)
     report.missing = missing_operators(network);
     return report;
   }
+  const SelectionCut cut = cut_selection(&network);
+  report.obstacle = cut.obstacle;
+  report.rewrites.insert(report.rewrites.end(), cut.lines.begin(), cut.lines.end());
   const std::vector<std::string> engine = fit_to_engine(&network);
   report.rewrites.insert(report.rewrites.end(), engine.begin(), engine.end());
   report.missing = missing_operators(network);
@@ -98,9 +103,15 @@ std::string pack_command(const std::string& path, const std::string& options) {
          (options.empty() ? "" : " ") + options;
 }
 
-HeadSuggestion suggestion_of(const std::string& path, const NetworkGraph& network) {
+HeadSuggestion suggestion_of(const std::string& path, const SelectionCut& cut,
+                             const NetworkGraph& network) {
   HeadSuggestion suggestion;
-  const NetworkHead head = conclude_network_head({}, network, street_picture());
+  HeadRequest request;
+  request.selection = cut.selection;
+  if (cut.decoded_tables) {
+    request.options.family = kDecodedTables;
+  }
+  const NetworkHead head = conclude_network_head(request, network, street_picture());
   for (const HeadReading& reading : head.readings) {
     suggestion.commands.push_back(pack_command(path, options_of(reading)));
   }
@@ -123,6 +134,8 @@ HeadSuggestion suggest_head(const NetworkReport& report, const std::vector<char>
   if (!report.open.empty()) {
     suggestion.fault = report.open;
     suggestion.commands = {pack_command(report.path, "--size WIDTHxHEIGHT")};
+  } else if (!report.obstacle.empty()) {
+    suggestion.fault = one_line(report.obstacle);
   } else if (!report.missing.empty()) {
     suggestion.fault = "not looked for, as the engine cannot run the network";
   } else {
@@ -131,7 +144,8 @@ HeadSuggestion suggest_head(const NetworkReport& report, const std::vector<char>
     try {
       NetworkGraph network(report.path, bytes);
       make_static(std::nullopt, &network);
-      suggestion = suggestion_of(report.path, network);
+      const SelectionCut cut = cut_selection(&network);
+      suggestion = suggestion_of(report.path, cut, network);
     } catch (const ToolError& error) {
       if (error.exit_code() == kInterrupted) {
         throw;

@@ -55,20 +55,25 @@ class Folding {
   }
 
   bool fold(const onnx::NodeProto& node) {
-    if (node.output_size() != 1 || outputs_.count(node.output(0)) != 0 ||
+    const bool is_needed =
+        std::any_of(node.output().begin(), node.output().end(),
+                    [this](const std::string& output) { return outputs_.count(output) != 0; });
+    if (node.output_size() == 0 || is_needed ||
         !(node.domain().empty() || node.domain() == "ai.onnx")) {
       return false;
     }
     try {
-      const std::optional<ConstantValue> value = compute(node);
-      if (!value) {
-        return false;
+      std::vector<ConstantValue> values;
+      for (int i = 0; i < node.output_size(); ++i) {
+        std::optional<ConstantValue> value = compute(node, static_cast<std::size_t>(i));
+        if (!value) {
+          return false;
+        }
+        values.push_back(std::move(*value));
       }
-      left_ -= static_cast<std::int64_t>(value->numbers.size());
-      TensorProto weights;
-      write_constant(*value, node.output(0), &weights);
-      network_.graph()->add_initializer()->Swap(&weights);
-      fresh_[node.output(0)] = network_.graph()->initializer_size() - 1;
+      for (int i = 0; i < node.output_size(); ++i) {
+        keep(values[static_cast<std::size_t>(i)], node.output(i));
+      }
       return true;
     } catch (const CannotCompute&) {
       return false;
@@ -77,20 +82,28 @@ class Folding {
     }
   }
 
-  // Nothing when the node needs more than constants.
-  std::optional<ConstantValue> compute(const onnx::NodeProto& node) const {
+  void keep(const ConstantValue& value, const std::string& name) {
+    left_ -= static_cast<std::int64_t>(value.numbers.size());
+    TensorProto weights;
+    write_constant(value, name, &weights);
+    network_.graph()->add_initializer()->Swap(&weights);
+    fresh_[name] = network_.graph()->initializer_size() - 1;
+  }
+
+  // One of the outputs; nothing when the node needs more than constants.
+  std::optional<ConstantValue> compute(const onnx::NodeProto& node, std::size_t output) const {
     if (node.op_type() == "Constant") {
       return constant_of(node);
     }
     if (node.op_type() == "Shape" || node.op_type() == "Size") {
       return measured(node);
     }
-    const ConstantOperator* const compute = operator_of(node.op_type());
+    const ConstantOperator* const compute = constant_operator(node.op_type());
     if (compute == nullptr) {
       return std::nullopt;
     }
     std::vector<std::optional<ConstantValue>> values;
-    ConstantOperation operation{node, network_.opset(), {}};
+    ConstantOperation operation{node, network_.opset(), {}, output};
     std::int64_t elements = 0;
     for (const std::string& input : node.input()) {
       const TensorProto* const tensor = input.empty() ? nullptr : weights(input);
@@ -110,16 +123,6 @@ class Folding {
       operation.inputs.push_back(value ? &*value : nullptr);
     }
     return (*compute)(operation);
-  }
-
-  static const ConstantOperator* operator_of(const std::string& name) {
-    for (const ConstantOperators* table : {&layout_operators(), &arithmetic_operators()}) {
-      const auto found = table->find(name);
-      if (found != table->end()) {
-        return &found->second;
-      }
-    }
-    return nullptr;
   }
 
   // The network's index does not know what this pass has computed.
@@ -155,8 +158,11 @@ class Folding {
   }
 
   std::optional<ConstantValue> measured(const onnx::NodeProto& node) const {
+    const std::string input = node.input_size() == 1 ? node.input(0) : "";
+    const TensorProto* const tensor = weights(input);
     const std::optional<Shape> shape =
-        network_.shape_of(node.input_size() == 1 ? node.input(0) : "");
+        tensor == nullptr ? network_.shape_of(input)
+                          : std::make_optional(Shape(tensor->dims().begin(), tensor->dims().end()));
     if (!shape || elements_of(*shape) <= 0) {
       return std::nullopt;
     }
@@ -181,6 +187,17 @@ class Folding {
 };
 
 }  // namespace
+
+const ConstantOperator* constant_operator(const std::string& name) {
+  for (const ConstantOperators* table :
+       {&layout_operators(), &selection_operators(), &arithmetic_operators()}) {
+    const auto found = table->find(name);
+    if (found != table->end()) {
+      return &found->second;
+    }
+  }
+  return nullptr;
+}
 
 int fold_constants(NetworkGraph* network) {
   return Folding(network).run();

@@ -1,6 +1,6 @@
 // constant_value.h - the elements of a tensor that is known before the network runs, and what operators
-// make of them. constant_folding.cpp uses it; constant_layout.cpp and constant_arithmetic.cpp are the
-// operators.
+// make of them. constant_folding.cpp uses it; constant_layout.cpp, constant_selection.cpp and
+// constant_arithmetic.cpp are the operators.
 #ifndef TOOLS_NETWORK_CONSTANT_VALUE_H
 #define TOOLS_NETWORK_CONSTANT_VALUE_H
 
@@ -32,6 +32,7 @@ struct ConstantOperation {
   const onnx::NodeProto& node;
   std::int64_t opset;
   std::vector<const ConstantValue*> inputs;  // null for one that is left out
+  std::size_t output = 0;                    // which of the node's outputs is asked for
 
   // Throws CannotCompute when it is missing.
   const ConstantValue& input(std::size_t index) const;
@@ -56,7 +57,10 @@ double as_element(double number, int type);
 using ConstantOperator = std::function<ConstantValue(const ConstantOperation&)>;
 using ConstantOperators = std::map<std::string, ConstantOperator>;
 const ConstantOperators& layout_operators();
+const ConstantOperators& selection_operators();
 const ConstantOperators& arithmetic_operators();
+// Null for one that is not handled.
+const ConstantOperator* constant_operator(const std::string& name);
 
 // Nothing when the element type is none of those that are handled.
 std::optional<ConstantValue> read_constant(const onnx::TensorProto& tensor);

@@ -7,6 +7,7 @@
 #include "tools/frames/frame_source.h"
 #include "tools/inside/network_head.h"
 #include "tools/inside/network_trial.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 
@@ -99,9 +100,9 @@ std::optional<InputSize> size_in(const qv_host::Description& description) {
 
 void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
                          PreparedNetwork* prepared) {
-  const NetworkHead found =
-      conclude_network_head({options.input, options.head, first_value(options.pairs, kModelOutKey)},
-                            prepared->graph, picture);
+  const NetworkHead found = conclude_network_head(
+      {options.input, options.head, first_value(options.pairs, kModelOutKey), prepared->selection},
+      prepared->graph, picture);
   ConcludedHead head;
   head.uncut = found.uncut;
   head.outputs = names_of(prepared->graph.outputs());
@@ -117,6 +118,20 @@ void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
   prepared->head = head;
 }
 
+// What selects boxes at the end of the network; the tables that are left are decoded.
+void cut_and_note(PreparedNetwork* prepared) {
+  const SelectionCut cut = cut_selection(&prepared->graph);
+  if (!cut.obstacle.empty()) {
+    throw ToolError(kModelError, prepared->graph.path() + ": " + one_line(cut.obstacle) +
+                                     ". Export it without its last stage: the library selects");
+  }
+  prepared->rewrites.insert(prepared->rewrites.end(), cut.lines.begin(), cut.lines.end());
+  prepared->selection = cut.selection;
+  if (cut.decoded_tables) {
+    fill_in(&prepared->options.head.family, std::string(kDecodedTables));
+  }
+}
+
 }  // namespace
 
 PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Description& start,
@@ -125,13 +140,16 @@ PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Descr
   require_harmless_reading(options.network_path, file.size(), [&] {
     NetworkGraph graph(options.network_path, file);
     make_static(size_in(start), &graph);
+    cut_selection(&graph);
     fit_to_engine(&graph);
   });
   PreparedNetwork prepared = {NetworkGraph(options.network_path, file), file, {}, {}, {}, options};
   prepared.rewrites = make_static(size_in(start), &prepared.graph);
   if (!are_outputs_described(options)) {
     silence_opencv();
-    conclude_and_append(options, picture(), &prepared);
+    cut_and_note(&prepared);
+    const PackOptions known = prepared.options;
+    conclude_and_append(known, picture(), &prepared);
   }
   return prepared;
 }

@@ -28,10 +28,11 @@ struct ConcludedHead {
 struct PreparedNetwork {
   NetworkGraph graph;  // as the engine gets it
   std::vector<char> bytes;
-  std::vector<char> portable;         // for --save-network
-  std::vector<std::string> rewrites;  // one line for each kind
-  std::optional<ConcludedHead> head;  // when nothing was said about the outputs
-  PackOptions options;                // with what was concluded filled in
+  std::vector<char> portable;              // for --save-network
+  std::vector<std::string> rewrites;       // one line for each kind
+  std::optional<ConcludedHead> head;       // when nothing was said about the outputs
+  PackOptions options;                     // with what was concluded filled in
+  Selection selection = Selection::kNone;  // that was cut off
 };
 
 // Reads the network, makes it static, and, where the options say nothing about its outputs, concludes the

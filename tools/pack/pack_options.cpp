@@ -226,6 +226,8 @@ class Declaration {
                         "square-of-sigmoid");
     add("--cell-centre", "NUMBER", &head.cell_centre,
         "Where in a cell its values count from: 0 (upper left corner) or 0.5", parse_place);
+    add_word<bool>("--box-axes", &head.y_first, {{"xy", false}, {"yx", true}},
+                   "Which coordinate of each corner comes first: xy or yx");
   }
 
   void add_raw_options() {

@@ -1,0 +1,33 @@
+// selection_tail.h - takes the selection of boxes off the end of a network: the library selects, and an engine
+// that has no such operators takes what is left.
+#ifndef TOOLS_NETWORK_SELECTION_TAIL_H
+#define TOOLS_NETWORK_SELECTION_TAIL_H
+
+#include <string>
+#include <vector>
+
+#include "tools/network/network_graph.h"
+
+namespace olvex_tools {
+
+enum class Selection {
+  kNone,
+  kBest,        // by TopK alone
+  kSuppression  // by NonMaxSuppression, to which x first and y first are the same
+};
+
+struct SelectionCut {
+  std::vector<std::string> lines;  // for the report; none when nothing was cut
+  std::string obstacle;  // why a selection is still there; empty: there was none, or it is cut
+  Selection selection = Selection::kNone;  // that was cut off
+  // The outputs are now boxes, scores and perhaps key points, of all candidates.
+  bool decoded_tables = false;
+};
+
+// The network is static: see make_static(). TopK and NonMaxSuppression that layers with weights follow are
+// part of the network, and stay. Where there is an obstacle the network is as it was.
+SelectionCut cut_selection(NetworkGraph* network);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_NETWORK_SELECTION_TAIL_H
