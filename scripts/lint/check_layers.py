@@ -45,7 +45,7 @@ KNOWN = {
     "tools/doctor/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE, HOST, PUBLIC),
     "tools/eval/coco/": ("tools/common/", "tools/frames/"),
     "tools/eval/mot/": ("tools/common/", "tools/frames/"),
-    "tools/inspect/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", "tools/inside/", IMAGE),
+    "tools/inspect/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE),
     "tools/pack/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", "tools/inside/", IMAGE,
                     HOST),
     "tools/run/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST, PUBLIC),

@@ -145,8 +145,8 @@ PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Descr
   });
   PreparedNetwork prepared = {NetworkGraph(options.network_path, file), file, {}, {}, {}, options};
   prepared.rewrites = make_static(size_in(start), &prepared.graph);
+  silence_opencv();
   if (!are_outputs_described(options)) {
-    silence_opencv();
     cut_and_note(&prepared);
     const PackOptions known = prepared.options;
     conclude_and_append(known, picture(), &prepared);
