@@ -11,6 +11,7 @@ import subprocess
 
 import cv2
 import numpy as np
+import onnx
 from onnx import TensorProto, helper, numpy_helper
 from tool_test import TOOL, ToolTest, main, make_network
 
@@ -55,6 +56,72 @@ def network(cases, opset=13, sizes=None, metadata=None):
     helper.set_model_props(model, metadata or {})
     return model.SerializeToString()
 
+
+def table(outputs, metadata=None, front="x", planes=3, said=None):
+    """Outputs of these values whatever the picture is; front is what the network itself makes of it first."""
+    nodes = [helper.make_node("Mul", ["x", "half"], ["scaled"]), helper.make_node("GlobalAveragePool", [front], ["mean"])]
+    weights = {"half": np.float32(.5)}
+    for name, values in outputs.items():
+        weights.update({f"{name}w": np.zeros((values.size, planes, 1, 1), np.float32), f"{name}b": np.float32(values.ravel()),
+                        f"{name}s": ints(*values.shape)})
+        nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], [f"{name}f"], kernel_shape=[1, 1]),
+                  helper.make_node("Reshape", [f"{name}f", f"{name}s"], [name])]
+    graph = helper.make_graph(
+        nodes[front == "x":], "graph", [helper.make_tensor_value_info("x", TensorProto.FLOAT, (1, planes, 64, 64))],
+        [helper.make_tensor_value_info(name, TensorProto.FLOAT, said or values.shape) for name, values in outputs.items()],
+        [numpy_helper.from_array(np.asarray(value), name) for name, value in weights.items()])
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=7)
+    helper.set_model_props(model, metadata or {})
+    return model.SerializeToString()
+
+
+def logits(*shape):
+    return np.random.default_rng(1).normal(0, 3, shape)
+
+
+def shares(*shape):
+    return 1 / (1 + np.exp(-logits(*shape)))
+
+
+def joined(*parts, axis=2):
+    return np.concatenate(parts, axis)
+
+
+def layers(kinds):
+    """Outputs of strides 8, 16 and 32, cells in rows."""
+    return {f"{name}{stride}": of(stride, 64 // stride) for stride in (8, 16, 32) for name, of in kinds.items()}
+
+
+def outputs_of_heads():
+    """By their names, networks whose head inspect has to conclude, or refuse."""
+    cells = {"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2)}
+    own = joined(shares(1, 1, 4, 4), logits(1, 4, 4, 4), shares(1, 3, 4, 4), axis=1)
+    likely = np.exp(logits(1, 168, 3))
+    likely /= likely.sum(2, keepdims=True)
+    return {
+        "it's_two": table(layers({"s": lambda s, n: logits(1, 39, n, n)})),
+        "numbers": table({"o": joined(shares(1, 84, 5), np.floor(shares(1, 84, 1) * 5))}),
+        "lies": table({"b": logits(1, 84, 4)}, said=(1, 80, 4)),
+        "offsets": table({"o": joined(logits(1, 85, 4), shares(1, 85, 8))}, {"names": "['a', 'b', 'c', 'd', 'e', 'f', 'g']"}),
+        "anchors": table({"o": logits(1, 252, 12)}, {"Labels": "a,b,c,d,e,f,g"}),
+        "priors": table({"b": logits(1, 235, 4), "s": shares(1, 235, 3)}),
+        "landmarks": table({"b": logits(1, 168, 4), "s": likely, "p": logits(1, 168, 10)}),
+        "landmarks_of_one": table({"b": logits(1, 168, 4), "s": likely[..., :2] / likely[..., :2].sum(2, keepdims=True), "p": logits(1, 168, 15)}),
+        "apart": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1), "k": lambda s, n: logits(1, n * n, 10)})),
+        "pointless": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1)})),
+        "distances": table(layers(cells), {"names": "{1: 'b'}"}),
+        "bins": table(layers({"o": lambda s, n: joined(logits(1, n * n, 32), shares(1, n * n, 2))}), {"classes": "a\nb"}),
+        "gray": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), planes=1),
+        "own": table({"o": own}, front="scaled")}
+
+
+METADATA = (
+    {"mean": "0.485,0.456,0.406", "std": "[0.229, 0.224, 0.225]", "channel_order": "BGR", "resize": "stretch"},
+    {"pixel_mean": "103.53 116.28 123.675", "pixel_std": "57.375,57.12,58.395", "letterbox": "center"},
+    {"image_mean": "1", "std": "0.5", "keep_ratio": "false"}, {"image_mean": "127.5", "stds": "0.5", "resize_mode": "letterbox"},
+    {"scale_values": "255", "letterbox": "0", "names": "['a', \"b\", 'c']"}, {"norm": "2", "names": '{"0": "a", "1": "b", "2": "c"}'},
+    {"norm": "2.5", "color_space": "yuv", "std": "0", "labels": "a\nb\nc"}, {"Scale": "1,2", "Mean": "none", "names": "a"},
+    {"mean": "0", "names": "{1: 'b', 0: 'a', 2: 'c'}"})
 
 A, ROW, COLUMN, PLANES = floats(1, 48, 4), floats(4), floats(48, 1), floats(3, 1, 1)
 WEIGHT8 = SEED.integers(-128, 128, (5, 3, 3, 3)).astype(np.int8)
@@ -174,6 +241,16 @@ class NetworkTest(ToolTest):
             for metadata, options in (({"imgsz": "[8, 8]"}, ()), ({}, ["--size", "8x8"])):
                 report = self.packed(network([], sizes=open_sizes, metadata=metadata), *options)[0]
                 self.assertIn("to x 1x3x8x8", report)
+
+    def test_what_is_concluded_of_outputs_metadata_and_options(self):
+        for name, content in outputs_of_heads().items():
+            (self.folder / f"{name}.onnx").write_bytes(content)
+        make_network(self.folder / "boxes.onnx", "decoded", 64, 32)
+        for number, metadata in enumerate(METADATA):
+            model = onnx.load(self.folder / "boxes.onnx")
+            helper.set_model_props(model, metadata)
+            onnx.save(model, self.folder / f"metadata{number}.onnx")
+        self.assert_session_kept("network_heads.txt")
 
     def test_what_is_left_is_refused_with_operator_and_node(self):
         top = case("", [("y i = TopK v k",)], None, {"k": ints(2)})
