@@ -215,6 +215,18 @@ CASES = [
     *arithmetic()]
 
 
+# All that the engine computes; the others are those with a remedy of their own, and some without.
+KNOWN = """Abs Acos Acosh Add ArgMax ArgMin Asin Asinh Atan Atanh AveragePool BatchNormalization Cast Ceil Celu Clip Concat Constant
+ConstantOfShape Conv ConvTranspose Cos Cosh DepthToSpace DequantizeLinear Div Dropout Elu Equal Erf Exp Expand Flatten Floor GRU Gather Gemm
+GlobalAveragePool GlobalMaxPool Greater HardSigmoid HardSwish Identity InstanceNormalization LRN LSTM LeakyRelu Less Log LogSoftmax MatMul Max
+MaxPool MaxUnpool Min Mul Neg PRelu Pad Pow QLinearConv QLinearMatMul QuantizeLinear Reciprocal ReduceL1 ReduceL2 ReduceLogSum ReduceLogSumExp
+ReduceMax ReduceMean ReduceMin ReduceProd ReduceSum ReduceSumSquare Relu Reshape Resize Round Selu Shape Shrink Sigmoid Sign Sin Sinh Slice
+Softmax Softplus Softsign SpaceToDepth Split Sqrt Squeeze Sub Sum Tan Tanh ThresholdedRelu Transpose Unsqueeze Upsample"""
+OTHERS = "NonMaxSuppression TopK TopK NonZero GatherND GatherElements ScatterND ScatterElements RoiAlign Unique Compress If Loop Scan Einsum Mod Not"
+RESIZES = [(mode, places, rounding) for mode in ("nearest", "linear") for places in ("asymmetric", "half_pixel")
+           for rounding in ("floor", "round_prefer_floor", "ceil")] + [("cubic", "half_pixel", "floor")]
+
+
 class NetworkTest(ToolTest):
     def packed(self, content, *options):
         (self.folder / "in.onnx").write_bytes(content)
@@ -223,10 +235,12 @@ class NetworkTest(ToolTest):
         return said, cv2.dnn.readNetFromONNX(str(self.folder / "out.onnx"))
 
     def test_each_rewrite_keeps_the_arithmetic(self):
+        rewrites = ""
         picture = SEED.uniform(20, 255, (1, 3, 8, 8)).astype(np.float32)
         for opset in (11, 13):
             cases = [entry for entry in CASES if entry[4].get("opset", 13) == opset]
             report, engine = self.packed(network(cases, opset))
+            rewrites += "".join(line for line in report.splitlines(True) if line.startswith("  network"))
             engine.setInput(picture)
             for number, (said, nodes, expected, weights, options) in enumerate(cases):
                 with self.subTest(nodes, weights={name: np.shape(value) for name, value in weights.items()}):
@@ -235,6 +249,7 @@ class NetworkTest(ToolTest):
                     wanted = expected((picture / 255).reshape(options.get("shape", (1, 3, 8, 8))))
                     self.assertEqual(found.shape, wanted.shape)
                     np.testing.assert_allclose(found, wanted, rtol=1e-4, atol=1e-4)
+        self.assert_kept("network_rewrites.txt", rewrites)
 
     def test_open_sizes_come_from_the_option_or_from_the_metadata(self):
         for open_sizes in ((None, 3, None, None), (None, 3, 8, 8), (1, 3, None, 8)):
@@ -265,6 +280,16 @@ class NetworkTest(ToolTest):
             (self.folder / "in.onnx").write_bytes(content)
             self.tool("pack", "in.onnx", *OUT, code=code, said=said)
             self.assertFalse((self.folder / "out.qtm").exists())
+
+    def test_operators_that_the_engine_lacks_are_told_with_a_remedy(self):
+        operators = [case("", [(f"y = {operator} v",)], None) for operator in f"{KNOWN} {OTHERS}".split()]
+        foreign = case("", [("y = Clip v", {"domain": "own.operators"})], None)
+        resizes = [case("", [("y = Resize v _ s", {"mode": mode, "coordinate_transformation_mode": places, "nearest_mode": rounding})],
+                        None, {"s": np.float32([1, 1, 2, 2])}) for mode, places, rounding in RESIZES]
+        usual = case("", [("y = Resize v _ s",)], None, {"s": np.float32([1, 1, 2, 2])})
+        (self.folder / "operators.onnx").write_bytes(network([*operators, foreign]))
+        (self.folder / "resizes.onnx").write_bytes(network([*resizes, usual]))
+        self.assert_session_kept("network_operators.txt")
 
     def test_inspect_tells_what_a_network_holds_and_lacks(self):
         (self.folder / "in.onnx").write_bytes(network(
