@@ -291,6 +291,21 @@ class NetworkTest(ToolTest):
         (self.folder / "resizes.onnx").write_bytes(network([*resizes, usual]))
         self.assert_session_kept("network_operators.txt")
 
+    def test_open_sizes_and_parts_that_are_missing_or_too_many_are_told(self):
+        for number, (key, value) in enumerate((("img_size", "8"), ("image_size", "8,8"), ("input_size", "(3, 16, 8)"), ("input_shape", "1x3x8x16"),
+                                               ("imgsz", "65535"), ("imgsz", "65536"), ("imgsz", "0"), ("imgsz", "8, 0"), ("imgsz", "none"))):
+            (self.folder / f"open{number}.onnx").write_bytes(network([], sizes=(None, 3, None, None), metadata={key: value}))
+        unused = case("", [("a = Sigmoid v",), ("y = Sigmoid v",), ("b = Sigmoid a",)], None)
+        for name, change in (("weights", lambda graph: graph.input.append(helper.make_tensor_value_info("k255", TensorProto.FLOAT, ()))),
+                             ("pictures", lambda graph: graph.input.append(helper.make_tensor_value_info("z", TensorProto.FLOAT, (1, 3, 4, 4)))),
+                             ("nothing", lambda graph: graph.ClearField("output")), ("flat", lambda graph: graph.input[0].CopyFrom(
+                                 helper.make_tensor_value_info("x", TensorProto.FLOAT, (3, 8, 8)))),
+                             ("outside", lambda graph: graph.initializer[0].__setattr__("data_location", TensorProto.EXTERNAL))):
+            model = onnx.load_from_string(network([unused]))
+            change(model.graph)
+            (self.folder / f"{name}.onnx").write_bytes(model.SerializeToString())
+        self.assert_session_kept("network_parts.txt")
+
     def test_inspect_tells_what_a_network_holds_and_lacks(self):
         (self.folder / "in.onnx").write_bytes(network(
             [case("", [("a = Clip v l",), ("y i = TopK a k",)], None, {"k": ints(2), "l": np.float32(0)})], 13, (None, 3, 8, 8),
