@@ -225,6 +225,9 @@ class RunTest(ToolTest):
         os.mkfifo(self.folder / "pipe.mp4")
         (self.folder / "model.qtm").symlink_to(self.model)
         self.assert_session_kept("run_errors.txt")
+        write_picture(self.folder / "shades.ppm", {(1, 2): (250, 0, 0), (3, 2): (200, 0, 0), (5, 2): (100, 0, 0), (7, 2): (50, 0, 0)})
+        self.transcript = ""
+        self.assert_session_kept("run_values.txt")
         self.assertEqual((self.folder / "kept.mp4").read_text(), "old")
         reader, writer = os.pipe()
         os.close(reader)
