@@ -112,6 +112,7 @@ def outputs_of_heads():
         "distances": table(layers(cells), {"names": "{1: 'b'}"}),
         "bins": table(layers({"o": lambda s, n: joined(logits(1, n * n, 32), shares(1, n * n, 2))}), {"classes": "a\nb"}),
         "gray": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), planes=1),
+        "uneven": table({name: logits(1, 6, rows, 8) for name, rows in (("a", 8), ("b", 7), ("c", 6))}),
         "own": table({"o": own}, front="scaled")}
 
 

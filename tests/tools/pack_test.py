@@ -176,7 +176,9 @@ class PackTest(ToolTest):
             write_cells(self.folder / f"cells{height}.ppm", 64, height, cells)
         make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
         make_network(self.folder / "last.onnx", "raw-nhwc", 64, 64)
-        self.assert_session_kept("pack_reports.txt")
+        for name in ("pack_reports.txt", "inspect_facts.txt"):
+            self.transcript = ""
+            self.assert_session_kept(name)
 
     def test_misspelt_words_are_answered_with_the_nearest_name(self):
         self.assert_session_kept("misspelt_words.txt")
