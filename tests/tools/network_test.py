@@ -11,6 +11,7 @@ import subprocess
 
 import cv2
 import numpy as np
+import onnx
 from onnx import TensorProto, helper, numpy_helper
 from tool_test import TOOL, ToolTest, main, make_network
 
@@ -55,6 +56,73 @@ def network(cases, opset=13, sizes=None, metadata=None):
     helper.set_model_props(model, metadata or {})
     return model.SerializeToString()
 
+
+def table(outputs, metadata=None, front="x", planes=3, said=None):
+    """Outputs of these values whatever the picture is; front is what the network itself makes of it first."""
+    nodes = [helper.make_node("Mul", ["x", "half"], ["scaled"]), helper.make_node("GlobalAveragePool", [front], ["mean"])]
+    weights = {"half": np.float32(.5)}
+    for name, values in outputs.items():
+        weights.update({f"{name}w": np.zeros((values.size, planes, 1, 1), np.float32), f"{name}b": np.float32(values.ravel()),
+                        f"{name}s": ints(*values.shape)})
+        nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], [f"{name}f"], kernel_shape=[1, 1]),
+                  helper.make_node("Reshape", [f"{name}f", f"{name}s"], [name])]
+    graph = helper.make_graph(
+        nodes[front == "x":], "graph", [helper.make_tensor_value_info("x", TensorProto.FLOAT, (1, planes, 64, 64))],
+        [helper.make_tensor_value_info(name, TensorProto.FLOAT, said or values.shape) for name, values in outputs.items()],
+        [numpy_helper.from_array(np.asarray(value), name) for name, value in weights.items()])
+    model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=7)
+    helper.set_model_props(model, metadata or {})
+    return model.SerializeToString()
+
+
+def logits(*shape):
+    return np.random.default_rng(1).normal(0, 3, shape)
+
+
+def shares(*shape):
+    return 1 / (1 + np.exp(-logits(*shape)))
+
+
+def joined(*parts, axis=2):
+    return np.concatenate(parts, axis)
+
+
+def layers(kinds):
+    """Outputs of strides 8, 16 and 32, cells in rows."""
+    return {f"{name}{stride}": of(stride, 64 // stride) for stride in (8, 16, 32) for name, of in kinds.items()}
+
+
+def outputs_of_heads():
+    """By their names, networks whose head inspect has to conclude, or refuse."""
+    cells = {"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2)}
+    own = joined(shares(1, 1, 4, 4), logits(1, 4, 4, 4), shares(1, 3, 4, 4), axis=1)
+    likely = np.exp(logits(1, 168, 3))
+    likely /= likely.sum(2, keepdims=True)
+    return {
+        "it's_two": table(layers({"s": lambda s, n: logits(1, 39, n, n)})),
+        "numbers": table({"o": joined(shares(1, 84, 5), np.floor(shares(1, 84, 1) * 5))}),
+        "lies": table({"b": logits(1, 84, 4)}, said=(1, 80, 4)),
+        "offsets": table({"o": joined(logits(1, 85, 4), shares(1, 85, 8))}, {"names": "['a', 'b', 'c', 'd', 'e', 'f', 'g']"}),
+        "anchors": table({"o": logits(1, 252, 12)}, {"Labels": "a,b,c,d,e,f,g"}),
+        "priors": table({"b": logits(1, 235, 4), "s": shares(1, 235, 3)}),
+        "landmarks": table({"b": logits(1, 168, 4), "s": likely, "p": logits(1, 168, 10)}),
+        "landmarks_of_one": table({"b": logits(1, 168, 4), "s": likely[..., :2] / likely[..., :2].sum(2, keepdims=True), "p": logits(1, 168, 15)}),
+        "apart": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1), "k": lambda s, n: logits(1, n * n, 10)})),
+        "pointless": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1)})),
+        "distances": table(layers(cells), {"names": "{1: 'b'}"}),
+        "bins": table(layers({"o": lambda s, n: joined(logits(1, n * n, 32), shares(1, n * n, 2))}), {"classes": "a\nb"}),
+        "gray": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), planes=1),
+        "uneven": table({name: logits(1, 6, rows, 8) for name, rows in (("a", 8), ("b", 7), ("c", 6))}),
+        "own": table({"o": own}, front="scaled")}
+
+
+METADATA = (
+    {"mean": "0.485,0.456,0.406", "std": "[0.229, 0.224, 0.225]", "channel_order": "BGR", "resize": "stretch"},
+    {"pixel_mean": "103.53 116.28 123.675", "pixel_std": "57.375,57.12,58.395", "letterbox": "center"},
+    {"image_mean": "1", "std": "0.5", "keep_ratio": "false"}, {"image_mean": "127.5", "stds": "0.5", "resize_mode": "letterbox"},
+    {"scale_values": "255", "letterbox": "0", "names": "['a', \"b\", 'c']"}, {"norm": "2", "names": '{"0": "a", "1": "b", "2": "c"}'},
+    {"norm": "2.5", "color_space": "yuv", "std": "0", "labels": "a\nb\nc"}, {"Scale": "1,2", "Mean": "none", "names": "a"},
+    {"mean": "0", "names": "{1: 'b', 0: 'a', 2: 'c'}"})
 
 A, ROW, COLUMN, PLANES = floats(1, 48, 4), floats(4), floats(48, 1), floats(3, 1, 1)
 WEIGHT8 = SEED.integers(-128, 128, (5, 3, 3, 3)).astype(np.int8)
@@ -148,6 +216,18 @@ CASES = [
     *arithmetic()]
 
 
+# All that the engine computes; the others are those with a remedy of their own, and some without.
+KNOWN = """Abs Acos Acosh Add ArgMax ArgMin Asin Asinh Atan Atanh AveragePool BatchNormalization Cast Ceil Celu Clip Concat Constant
+ConstantOfShape Conv ConvTranspose Cos Cosh DepthToSpace DequantizeLinear Div Dropout Elu Equal Erf Exp Expand Flatten Floor GRU Gather Gemm
+GlobalAveragePool GlobalMaxPool Greater HardSigmoid HardSwish Identity InstanceNormalization LRN LSTM LeakyRelu Less Log LogSoftmax MatMul Max
+MaxPool MaxUnpool Min Mul Neg PRelu Pad Pow QLinearConv QLinearMatMul QuantizeLinear Reciprocal ReduceL1 ReduceL2 ReduceLogSum ReduceLogSumExp
+ReduceMax ReduceMean ReduceMin ReduceProd ReduceSum ReduceSumSquare Relu Reshape Resize Round Selu Shape Shrink Sigmoid Sign Sin Sinh Slice
+Softmax Softplus Softsign SpaceToDepth Split Sqrt Squeeze Sub Sum Tan Tanh ThresholdedRelu Transpose Unsqueeze Upsample"""
+OTHERS = "NonMaxSuppression TopK TopK NonZero GatherND GatherElements ScatterND ScatterElements RoiAlign Unique Compress If Loop Scan Einsum Mod Not"
+RESIZES = [(mode, places, rounding) for mode in ("nearest", "linear") for places in ("asymmetric", "half_pixel")
+           for rounding in ("floor", "round_prefer_floor", "ceil")] + [("cubic", "half_pixel", "floor")]
+
+
 class NetworkTest(ToolTest):
     def packed(self, content, *options):
         (self.folder / "in.onnx").write_bytes(content)
@@ -156,10 +236,12 @@ class NetworkTest(ToolTest):
         return said, cv2.dnn.readNetFromONNX(str(self.folder / "out.onnx"))
 
     def test_each_rewrite_keeps_the_arithmetic(self):
+        rewrites = ""
         picture = SEED.uniform(20, 255, (1, 3, 8, 8)).astype(np.float32)
         for opset in (11, 13):
             cases = [entry for entry in CASES if entry[4].get("opset", 13) == opset]
             report, engine = self.packed(network(cases, opset))
+            rewrites += "".join(line for line in report.splitlines(True) if line.startswith("  network"))
             engine.setInput(picture)
             for number, (said, nodes, expected, weights, options) in enumerate(cases):
                 with self.subTest(nodes, weights={name: np.shape(value) for name, value in weights.items()}):
@@ -168,12 +250,23 @@ class NetworkTest(ToolTest):
                     wanted = expected((picture / 255).reshape(options.get("shape", (1, 3, 8, 8))))
                     self.assertEqual(found.shape, wanted.shape)
                     np.testing.assert_allclose(found, wanted, rtol=1e-4, atol=1e-4)
+        self.assert_kept("network_rewrites.txt", rewrites)
 
     def test_open_sizes_come_from_the_option_or_from_the_metadata(self):
         for open_sizes in ((None, 3, None, None), (None, 3, 8, 8), (1, 3, None, 8)):
             for metadata, options in (({"imgsz": "[8, 8]"}, ()), ({}, ["--size", "8x8"])):
                 report = self.packed(network([], sizes=open_sizes, metadata=metadata), *options)[0]
                 self.assertIn("to x 1x3x8x8", report)
+
+    def test_what_is_concluded_of_outputs_metadata_and_options(self):
+        for name, content in outputs_of_heads().items():
+            (self.folder / f"{name}.onnx").write_bytes(content)
+        make_network(self.folder / "boxes.onnx", "decoded", 64, 32)
+        for number, metadata in enumerate(METADATA):
+            model = onnx.load(self.folder / "boxes.onnx")
+            helper.set_model_props(model, metadata)
+            onnx.save(model, self.folder / f"metadata{number}.onnx")
+        self.assert_session_kept("network_heads.txt")
 
     def test_what_is_left_is_refused_with_operator_and_node(self):
         top = case("", [("y i = TopK v k",)], None, {"k": ints(2)})
@@ -190,6 +283,31 @@ class NetworkTest(ToolTest):
             (self.folder / "in.onnx").write_bytes(content)
             self.tool("pack", "in.onnx", *OUT[:2 if b"MatMul" in content else None], code=code, said=said)
             self.assertFalse((self.folder / "out.qtm").exists())
+
+    def test_operators_that_the_engine_lacks_are_told_with_a_remedy(self):
+        operators = [case("", [(f"y = {operator} v",)], None) for operator in f"{KNOWN} {OTHERS}".split()]
+        foreign = case("", [("y = Clip v", {"domain": "own.operators"})], None)
+        resizes = [case("", [("y = Resize v _ s", {"mode": mode, "coordinate_transformation_mode": places, "nearest_mode": rounding})],
+                        None, {"s": np.float32([1, 1, 2, 2])}) for mode, places, rounding in RESIZES]
+        usual = case("", [("y = Resize v _ s",)], None, {"s": np.float32([1, 1, 2, 2])})
+        (self.folder / "operators.onnx").write_bytes(network([*operators, foreign]))
+        (self.folder / "resizes.onnx").write_bytes(network([*resizes, usual]))
+        self.assert_session_kept("network_operators.txt")
+
+    def test_open_sizes_and_parts_that_are_missing_or_too_many_are_told(self):
+        for number, (key, value) in enumerate((("img_size", "8"), ("image_size", "8,8"), ("input_size", "(3, 16, 8)"), ("input_shape", "1x3x8x16"),
+                                               ("imgsz", "65535"), ("imgsz", "65536"), ("imgsz", "0"), ("imgsz", "8, 0"), ("imgsz", "none"))):
+            (self.folder / f"open{number}.onnx").write_bytes(network([], sizes=(None, 3, None, None), metadata={key: value}))
+        unused = case("", [("a = Sigmoid v",), ("y = Sigmoid v",), ("b = Sigmoid a",)], None)
+        for name, change in (("weights", lambda graph: graph.input.append(helper.make_tensor_value_info("k255", TensorProto.FLOAT, ()))),
+                             ("pictures", lambda graph: graph.input.append(helper.make_tensor_value_info("z", TensorProto.FLOAT, (1, 3, 4, 4)))),
+                             ("nothing", lambda graph: graph.ClearField("output")), ("flat", lambda graph: graph.input[0].CopyFrom(
+                                 helper.make_tensor_value_info("x", TensorProto.FLOAT, (3, 8, 8)))),
+                             ("outside", lambda graph: graph.initializer[0].__setattr__("data_location", TensorProto.EXTERNAL))):
+            model = onnx.load_from_string(network([unused]))
+            change(model.graph)
+            (self.folder / f"{name}.onnx").write_bytes(model.SerializeToString())
+        self.assert_session_kept("network_parts.txt")
 
     def test_inspect_tells_what_a_network_holds_and_lacks(self):
         (self.folder / "in.onnx").write_bytes(network(

@@ -69,6 +69,10 @@ class NetworkTrialTest(ToolTest):
                                  rf"^olvex-det {command[0]}: {command[1]}: .*{said}[^\n]*\n$")
                 self.assertEqual(result.stdout, "")
                 self.assertEqual(sorted(self.folder.iterdir()), before)
+        if not SANITIZED:
+            # Which limit is reached first, and how the engine crashed, differs from machine to machine.
+            self.transcript = re.sub(r"\d+ seconds( of processor time)?|\d+ (?=MiB)|\(.+\)(?=; it is damaged)", "N ", self.transcript)
+            self.assert_transcript_kept("network_trial.txt")
 
     def test_a_signal_ends_the_trial_too(self):
         self.make("never-ends")
@@ -90,10 +94,12 @@ class NetworkTrialTest(ToolTest):
     def test_the_factor_of_the_limits_is_a_number(self):
         make_network(self.folder / "sound.onnx", "decoded", 64, 32)
         write = ["pack", "sound.onnx", "-o", "out.qtm", "--boxes", "boxes", "--scores", "scores"]
-        for factor in ("x", "1x", "0", "nan", "1e9"):
+        for factor in ("x", "1x", "0", "0.0009", "nan", "1001"):
             self.tool(*write, code=2, said=["OLVEX_DET_LIMITS", "0.001 to 1000"],
                       environment={"OLVEX_DET_LIMITS": factor})
-        self.tool(*write, environment={"OLVEX_DET_LIMITS": "1.5"})
+        for factor in ("1.5", "1000"):
+            self.tool(*write, environment={"OLVEX_DET_LIMITS": factor})
+        self.assert_transcript_kept("network_trial_limits.txt")
 
     def test_a_stricter_limit_of_the_shell_is_named(self):
         self.make("never-ends")

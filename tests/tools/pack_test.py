@@ -152,10 +152,16 @@ class PackTest(ToolTest):
 
     def test_a_refusal_says_why_and_changes_no_file(self):
         make_network(self.folder / "pixels.onnx", "pixels", 64, 64)
+        make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
+        (self.folder / "empty.txt").write_text("\n\n")
+        (self.folder / "description.json").write_text(self.tool(
+            "pack", *RAW, "--pair", "a=b", "--pairs-in-name", "--print-description").stdout)
         self.image.write_text("the former image")
         before = {path: path.read_bytes() for path in self.folder.iterdir()}
-        self.assert_session_kept("pack_refusals.txt", after_each=lambda: self.assertEqual(
-            {path: path.read_bytes() for path in self.folder.iterdir()}, before))
+        for name in ("pack_refusals.txt", "pack_values.txt", "pack_contradictions.txt"):
+            self.transcript = ""
+            self.assert_session_kept(name, after_each=lambda: self.assertEqual(
+                {path: path.read_bytes() for path in self.folder.iterdir()}, before))
 
     def test_links_pipes_and_protected_files_keep_what_they_are(self):
         self.assert_session_kept("pack_outputs.txt")
@@ -170,7 +176,9 @@ class PackTest(ToolTest):
             write_cells(self.folder / f"cells{height}.ppm", 64, height, cells)
         make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
         make_network(self.folder / "last.onnx", "raw-nhwc", 64, 64)
-        self.assert_session_kept("pack_reports.txt")
+        for name in ("pack_reports.txt", "inspect_facts.txt"):
+            self.transcript = ""
+            self.assert_session_kept(name)
 
     def test_misspelt_words_are_answered_with_the_nearest_name(self):
         self.assert_session_kept("misspelt_words.txt")

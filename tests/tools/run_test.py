@@ -225,6 +225,13 @@ class RunTest(ToolTest):
         os.mkfifo(self.folder / "pipe.mp4")
         (self.folder / "model.qtm").symlink_to(self.model)
         self.assert_session_kept("run_errors.txt")
+        write_picture(self.folder / "shades.ppm", {(1, 2): (250, 0, 0), (3, 2): (200, 0, 0), (5, 2): (100, 0, 0), (7, 2): (50, 0, 0)})
+        (self.folder / "sizes").mkdir()
+        for number, width in ((1, WIDTH), (2, 2 * WIDTH)):
+            write_picture(self.folder / f"sizes/{number}.ppm", {(4, 4): (255, 0, 0)}, width)
+        for name in ("run_values.txt", "run_remarks.txt"):
+            self.transcript = ""
+            self.assert_session_kept(name)
         self.assertEqual((self.folder / "kept.mp4").read_text(), "old")
         reader, writer = os.pipe()
         os.close(reader)

@@ -21,6 +21,8 @@ import zlib
 import jsonschema
 
 TOOL, MAKE_NETWORK, SCHEMAS = (str(pathlib.Path(path).resolve()) for path in sys.argv[1:4])
+# For sessions: runs the program with the first text and each of the others in turn.
+EACH = """() { for more in "${@:2}"; do echo "> $more"; eval "olvex-det $1 $more" || echo "exit code $?"; done 2>&1; }"""
 STRIDE = int(os.environ.get("OLVEX_CASE_STRIDE", "1"))  # of long tables only every n-th case
 DATA = pathlib.Path(__file__).resolve().parent / "data"
 
@@ -75,7 +77,7 @@ class ToolTest(unittest.TestCase):
             if line.startswith("# "):
                 self.transcript += f"{line}\n"
             elif line.startswith("$ "):
-                self.transcribe(["bash", "-c", line[2:]], line[2:], env={**os.environ, "PATH": path})
+                self.transcribe(["bash", "-c", line[2:]], line[2:], env={**os.environ, "PATH": path, "BASH_FUNC_each%%": EACH})
                 after_each()
         self.assert_transcript_kept(name)
 
