@@ -284,7 +284,7 @@ class EvalCocoTest(ToolTest):
         self.assertEqual([item["met"] for item in report["minimums"]], [True, True] + 3 * [False])
         for value in ("AP5=0.1", "mAP=0.1", "AP", "AP=", "AP=nan", "AP=1e999", "AP=0.5x", "=1"):
             self.tool("eval", "coco", "truth.json", "results.json", "--min", value, code=2)
-        for classes in (9, 10):  # two metrics each, beside twelve: the list has room for 30
+        for classes in (9, 10):  # two metrics each, beside twelve: the list holds 30
             file = truth_file([(1, i, tile(i)) for i in range(classes)], [f"c{i}" for i in range(classes)])
             (self.folder / "truth.json").write_text(json.dumps(file))
             self.tool("eval", "coco", "truth.json", "results.json", "--min", "AP5=1", code=2)

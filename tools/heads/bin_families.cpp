@@ -13,10 +13,6 @@ namespace {
 constexpr std::int64_t kBox = 4;
 constexpr std::int64_t kUsualBins[] = {8, 16, 17, 32};
 
-bool are_usual_bins(std::int64_t bins) {
-  return std::find(std::begin(kUsualBins), std::end(kUsualBins), bins) != std::end(kUsualBins);
-}
-
 // Distances and classes: where each begins in the same or in another kind.
 struct BinsAndClasses {
   Channels bins;
@@ -40,7 +36,8 @@ void add_if_fitting(const HeadEvidence& evidence, const Channels& bins, const Ch
   const bool fits = bins.count % kBox == 0 && count > 1 && classes.count > 0 &&
                     (!options.bins || *options.bins == count) &&
                     (evidence.known_classes() == 0 || evidence.known_classes() == classes.count) &&
-                    !holds_scores(evidence, bins) && !evidence.is_decoded(bins);
+                    !holds_scores(evidence, bins) && !evidence.is_decoded(bins) &&
+                    !evidence.is_decoded(classes);
   if (fits) {
     found->push_back({bins, classes});
   }
@@ -56,6 +53,11 @@ std::vector<BinsAndClasses> most_likely(const HeadEvidence& evidence,
   };
   keep([&](const BinsAndClasses& pair) { return evidence.is_probability(pair.classes); });
   keep([&](const BinsAndClasses& pair) { return are_usual_bins(pair.bins.count / kBox); });
+  // In front or behind: logits of classes are low, as most rows show nothing.
+  if (found.size() == 2 && found[0].bins.count == found[1].bins.count) {
+    const bool first = evidence.mean(found[0].classes) <= evidence.mean(found[1].classes);
+    found = {found[first ? 0 : 1]};
+  }
   return found;
 }
 
@@ -109,6 +111,10 @@ HeadReading distance_bins_reading(const HeadEvidence& evidence, const BinsAndCla
 }
 
 }  // namespace
+
+bool are_usual_bins(std::int64_t bins) {
+  return std::find(std::begin(kUsualBins), std::end(kUsualBins), bins) != std::end(kUsualBins);
+}
 
 bool may_be_distance_bins(const HeadEvidence& evidence) {
   return !find_bins(evidence).empty();

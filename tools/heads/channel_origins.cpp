@@ -1,8 +1,9 @@
-// channel_origins.cpp - follows channels and values back through the graph. Each step may meet a graph that
-// was made to mislead: no more nodes are visited than kMostSteps.
+// channel_origins.cpp - follows channels and values back through the graph. A graph may have been
+// made to mislead: no more nodes are visited than kMostSteps.
 #include "tools/heads/channel_origins.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
 #include <functional>
 #include <iterator>
@@ -216,6 +217,30 @@ void walk_back(const NetworkGraph& network, const std::vector<std::string>& valu
   }
 }
 
+bool are_equal_steps(const std::vector<double>& numbers) {
+  const double step = numbers.size() < 2 ? 0 : numbers[1] - numbers[0];
+  for (std::size_t i = 1; i < numbers.size(); ++i) {
+    if (std::fabs(numbers[i] - numbers[i - 1] - step) > 1e-3 * std::fabs(step)) {
+      return false;
+    }
+  }
+  return step != 0;
+}
+
+bool is_of_grid(const NetworkGraph& network, const std::string& value, const GridSize& grid) {
+  const onnx::TensorProto* const constant = network.constant(value);
+  if (constant == nullptr) {
+    return false;
+  }
+  const std::int64_t elements =
+      elements_of(Shape(constant->dims().begin(), constant->dims().end()));
+  if (elements >= grid.cells || grid.sides.count(elements) == 0) {
+    return elements >= grid.cells;
+  }
+  const auto numbers = network.numbers(value);
+  return numbers && are_equal_steps(*numbers);
+}
+
 }  // namespace
 
 std::vector<ChannelRun> merge_runs(const std::vector<std::vector<ChannelRun>>& layers) {
@@ -246,7 +271,7 @@ std::vector<ChannelRun> trace_channels(const NetworkGraph& network, const std::s
 }
 
 Treatment treatment_of(const NetworkGraph& network, const std::vector<std::string>& values,
-                       std::int64_t cells) {
+                       const GridSize& grid) {
   Treatment treatment;
   walk_back(network, values, [&](const NodeProto& node) {
     if (has_weights(node)) {
@@ -258,11 +283,7 @@ Treatment treatment_of(const NetworkGraph& network, const std::vector<std::strin
     treatment.arg_max = treatment.arg_max || is_one_of(node, {"ArgMax", "TopK"});
     if (is_one_of(node, {"Add", "Sub", "Mul", "Div"})) {
       for (const std::string& input : node.input()) {
-        const onnx::TensorProto* constant = network.constant(input);
-        const bool is_table =
-            constant != nullptr &&
-            elements_of(Shape(constant->dims().begin(), constant->dims().end())) >= cells;
-        treatment.grid = treatment.grid || is_table;
+        treatment.grid = treatment.grid || is_of_grid(network, input, grid);
       }
     }
     return true;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,15 +31,20 @@ std::vector<ChannelRun> merge_runs(const std::vector<std::vector<ChannelRun>>& l
 struct Treatment {
   bool sigmoid = false;
   bool softmax = false;
-  bool grid =
-      false;  // they were combined with constants of at least as many elements as there are cells
+  bool grid = false;  // they were combined with constants that differ from cell to cell
   bool exponential = false;
   bool arg_max = false;
 };
 
-// cells: from how many elements on a constant counts as one that differs from cell to cell
+// From how many elements on a constant differs from cell to cell, and the rows and columns of cells: numbers in
+// equal steps, as many as there are of these, are the places of the cells.
+struct GridSize {
+  std::int64_t cells = 0;
+  std::set<std::int64_t> sides;
+};
+
 Treatment treatment_of(const NetworkGraph& network, const std::vector<std::string>& values,
-                       std::int64_t cells);
+                       const GridSize& grid);
 
 // The size of the dimension that the nearest ArgMax or ReduceMax behind value goes over; 0: none.
 std::int64_t reduced_size(const NetworkGraph& network, const std::string& value);

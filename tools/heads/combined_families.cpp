@@ -116,6 +116,12 @@ std::vector<HeadReading> conclude_end_to_end(const HeadEvidence& evidence) {
                     "the rows hold boxes, scores and numbers of classes, but nothing says how many "
                     "classes there are. Give --class-count N");
   }
+  const std::optional<ValueRange> range = evidence.range({*kind, 5, 1});
+  if (range && range->most >= static_cast<double>(classes)) {
+    throw ToolError(kModelError,
+                    format("the numbers of classes reach %g, but there are ", range->most) +
+                        counted(classes, "class", "classes") + ", which count from 0");
+  }
   HeadReading reading = begin_reading(evidence, "end-to-end",
                                       shape_text(*kind) + ": box, score and number of the class");
   Head& head = reading.head;

@@ -1,6 +1,8 @@
 // conclude_head.cpp - asks the concluder of each family.
 #include "tools/heads/conclude_head.h"
 
+#include <algorithm>
+
 #include "tools/common/text.h"
 #include "tools/heads/head_evidence.h"
 #include "tools/heads/network_metadata.h"
@@ -39,6 +41,16 @@ const std::vector<KnownFamily>& known_families() {
   return kFamilies;
 }
 
+// Any number of channels can be bins: an unusual number counts only where nothing else fits.
+void drop_unlikely_bins(std::vector<HeadReading>* readings) {
+  const auto unlikely = [](const HeadReading& reading) {
+    return reading.head.family == "distance-bins" && !are_usual_bins(reading.head.bins);
+  };
+  if (!std::all_of(readings->begin(), readings->end(), unlikely)) {
+    readings->erase(std::remove_if(readings->begin(), readings->end(), unlikely), readings->end());
+  }
+}
+
 }  // namespace
 
 std::vector<HeadReading> conclude_head(const HeadQuestion& question) {
@@ -57,6 +69,7 @@ std::vector<HeadReading> conclude_head(const HeadQuestion& question) {
       readings.push_back(std::move(reading));
     }
   }
+  drop_unlikely_bins(&readings);
   return readings;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
@@ -24,13 +25,12 @@ const char* word_of(Activation activation) {
                                               : "none";
 }
 
-// Values of a key-point row that the library knows.
+}  // namespace
+
 bool library_takes_points(std::int64_t values) {
   const std::int64_t known[] = {8, 10, 12, 15, 51, 63};
   return std::find(std::begin(known), std::end(known), values) != std::end(known);
 }
-
-}  // namespace
 
 HeadEvidence::HeadEvidence(const HeadQuestion& question, const HeadLayout& layout)
     : question_(question),
@@ -43,15 +43,20 @@ std::int64_t HeadEvidence::known_classes() const {
 }
 
 Treatment HeadEvidence::treatment(const Channels& channels) const {
-  const int finest = layout_.strides.empty() ? 0 : layout_.strides.front();
-  const std::int64_t cells = finest == 0 ? layout_.rows : cells_of(question_.size, finest);
+  const InputSize& size = question_.size;
+  GridSize grid;
+  grid.cells = layout_.strides.empty() ? layout_.rows : cells_of(size, layout_.strides.front());
+  for (const int stride : layout_.strides.empty() ? std::vector<int>{8, 16, 32} : layout_.strides) {
+    grid.sides.insert((size.width + stride - 1) / stride);
+    grid.sides.insert((size.height + stride - 1) / stride);
+  }
   std::vector<std::string> values;
   for (const ChannelRun& run : channels.kind.get().runs) {
     if (run.first < channels.first + channels.count && run.first + run.count > channels.first) {
       values.insert(values.end(), run.values.begin(), run.values.end());
     }
   }
-  return treatment_of(question_.network, values, cells);
+  return treatment_of(question_.network, values, grid);
 }
 
 bool HeadEvidence::ends_before(const RowKind& kind, std::int64_t channel) const {
@@ -107,6 +112,16 @@ bool HeadEvidence::adds_up_to_one(const Channels& channels) const {
     }
   }
   return true;
+}
+
+double HeadEvidence::mean(const Channels& channels) const {
+  double sum = 0;
+  double count = 0;
+  for (const std::vector<float>& column : columns(channels)) {
+    sum = std::accumulate(column.begin(), column.end(), sum);
+    count += static_cast<double>(column.size());
+  }
+  return count > 0 ? sum / count : 0;
 }
 
 bool HeadEvidence::is_whole_numbers(const RowKind& kind, std::int64_t channel) const {
@@ -189,7 +204,12 @@ void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
       ordered += sides[2][row] >= sides[0][row] && sides[3][row] >= sides[1][row] ? 1 : 0;
     }
     corners = static_cast<double>(ordered) > .9 * static_cast<double>(sides[0].size());
-    fractions = range->most <= 2.5;
+    // A few boxes of no object may be of any size.
+    const auto beyond = [](const std::vector<float>& side) {
+      return std::count_if(side.begin(), side.end(), [](float value) { return value > 2.5f; });
+    };
+    fractions = static_cast<double>(beyond(sides[2]) + beyond(sides[3])) <=
+                .02 * static_cast<double>(sides[0].size());
   }
   corners = options.box_order ? *options.box_order == qv_host::BoxOrder::kCornerPairs : corners;
   fractions = options.box_fractions.value_or(fractions);
@@ -232,7 +252,10 @@ void conclude_points(const HeadEvidence& evidence, const Channels& points, Point
   }
   head.point_activation =
       evidence.options().point_activation.value_or(done ? Activation::kNone : Activation::kSigmoid);
-  add_fact(reading, done ? "their scores: in 0..1 already" : "their scores: logits",
+  add_fact(reading,
+           evidence.options().point_activation ? "their scores: as --keypoint-activation says"
+           : done                              ? "their scores: in 0..1 already"
+                                               : "their scores: logits",
            std::string("--keypoint-activation ") + word_of(head.point_activation));
 }
 
@@ -246,9 +269,11 @@ void set_cell_references(const HeadEvidence& evidence, double place, HeadReading
   }
   set_sized_references(evidence, layout.strides, sizes, place, 0, reading);
   add_fact(reading,
-           std::string("values count from ") +
-               (place == 0 ? "the upper left corner" : "the middle") + " of each cell" +
-               (evidence.options().cell_centre ? "" : ", as usual"),
+           "values count from " +
+               (place == 0    ? std::string("the upper left corner")
+                : place == .5 ? std::string("the middle")
+                              : number(place) + " of the width and height") +
+               " of each cell" + (evidence.options().cell_centre ? "" : ", as usual"),
            "--cell-centre " + number(place));
 }
 

@@ -45,6 +45,7 @@ class HeadEvidence {
   bool is_probability(const Channels& channels) const;
   // Of the values, where they are known.
   std::optional<ValueRange> range(const Channels& channels) const;
+  double mean(const Channels& channels) const;  // 0 where the values are not known
   bool adds_up_to_one(const Channels& channels) const;
   bool is_whole_numbers(const RowKind& kind, std::int64_t channel) const;
 
@@ -73,6 +74,9 @@ void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
                           qv_host::BoxOrder usual_order, bool usual_fractions,
                           HeadReading* reading);
 
+// Whether the library knows key points of so many values.
+bool library_takes_points(std::int64_t values);
+
 // Key points as the library takes them, or none.
 void conclude_points(const HeadEvidence& evidence, const Channels& points, PointCode code,
                      HeadReading* reading);
@@ -93,6 +97,9 @@ void conclude_score_powers(const HeadEvidence& evidence, const std::array<double
                            const std::string& why, HeadReading* reading);
 
 void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns, HeadReading* reading);
+
+// Whether networks usually have so many bins.
+bool are_usual_bins(std::int64_t bins);
 
 // Whether distance-bins is one of the readings.
 bool may_be_distance_bins(const HeadEvidence& evidence);

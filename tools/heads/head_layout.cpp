@@ -14,6 +14,7 @@ namespace {
 constexpr int kStrides[] = {4, 8, 16, 32, 64, 128};
 constexpr std::int64_t kMostAnchors = 9;
 constexpr std::size_t kMostLayers = 6;
+constexpr std::int64_t kBox = 4;
 
 // Sets of strides that networks have, the most usual first.
 const std::vector<std::vector<int>>& usual_stride_sets() {
@@ -249,7 +250,8 @@ class Layouts {
     const std::int64_t lengths[] = {by_rows.front().tensor.rows, by_columns.front().tensor.rows};
     for (const std::int64_t length :
          {std::max(lengths[0], lengths[1]), std::min(lengths[0], lengths[1])}) {
-      if (fit_strides(length, layout)) {
+      // So few rows are the values of a box, whatever cells there are as many of.
+      if (length > kBox && fit_strides(length, layout)) {
         return length;
       }
     }

@@ -262,7 +262,9 @@ std::vector<HeadReading> conclude_raw(const HeadEvidence& evidence) {
   for (const RawWord& word : evidence.question().raw_words) {
     const bool is_bins =
         kind.runs.size() > 1 && !evidence.is_asked_for("raw") && may_be_distance_bins(evidence);
-    if (word.channels != kind.channels || is_bins) {
+    const std::int64_t known = evidence.known_classes();
+    if (word.channels != kind.channels || is_bins || (known != 0 && known != word.classes) ||
+        evidence.is_probability({kind, kBox, word.classes})) {
       continue;
     }
     HeadReading reading =

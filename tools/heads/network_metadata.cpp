@@ -74,7 +74,13 @@ std::vector<std::string> class_names_in_metadata(const NetworkGraph& network) {
   if (!text) {
     return names;
   }
-  const std::map<std::size_t, std::string> found = quoted_texts(*text);
+  if (is_number(*text)) {
+    return names;  // how many there are
+  }
+  // A dictionary or a list; in other texts a quote is a letter of a name.
+  const bool quoted = std::string("{[\"'").find(text->front()) != std::string::npos;
+  const std::map<std::size_t, std::string> found =
+      quoted ? quoted_texts(*text) : std::map<std::size_t, std::string>();
   for (const auto& [number, name] : found) {
     if (number != names.size()) {
       return {};  // not every class has a name

@@ -34,12 +34,17 @@ KindsOfParts sort_kinds(const HeadEvidence& evidence) {
     }
   };
   std::vector<const RowKind*> scores;
-  for (const RowKind& kind : evidence.layout().kinds) {
+  const std::vector<RowKind>& kinds = evidence.layout().kinds;
+  const bool some_score = std::any_of(kinds.begin(), kinds.end(), [&](const RowKind& kind) {
+    return evidence.is_probability({kind, 0, kind.channels});
+  });
+  for (const RowKind& kind : kinds) {
     const bool is_score = evidence.is_probability({kind, 0, kind.channels});
     if (!is_score && kind.channels == kBox) {
       take(kind, &parts.box);
     } else if (!is_score && kind.channels >= 2 * kBox &&
-               kind.channels != evidence.known_classes()) {
+               kind.channels != evidence.known_classes() &&
+               (some_score || library_takes_points(kind.channels))) {
       take(kind, &parts.points);
     } else {
       scores.push_back(&kind);

@@ -14,6 +14,7 @@ namespace olvex_tools {
 namespace {
 
 constexpr std::int64_t kBox = 4;
+constexpr std::int64_t kFewestPointValues = 6;
 
 struct Tables {
   const RowKind* boxes = nullptr;
@@ -45,6 +46,9 @@ std::optional<Tables> tables_of(const HeadEvidence& evidence) {
   }
   if (tables.scores == nullptr) {
     std::swap(tables.scores, tables.points);  // logits
+  }
+  if (tables.points != nullptr && tables.points->channels < kFewestPointValues) {
+    return std::nullopt;  // an objectness, numbers of classes
   }
   return tables.boxes != nullptr && tables.scores != nullptr ? std::make_optional(tables)
                                                              : std::nullopt;
@@ -137,14 +141,16 @@ std::optional<UsualPriors> find_priors(const HeadEvidence& evidence, bool with_p
         *options.prior_sizes};
     if (given.strides.size() != given.sizes.size() ||
         count_of(size, given.strides, given.sizes) != rows) {
-      throw ToolError(kUsageError,
-                      "--prior-sizes: they are " +
-                          std::to_string(given.strides.size() == given.sizes.size()
-                                             ? count_of(size, given.strides, given.sizes)
-                                             : 0) +
-                          " priors at strides " + list_of(given.strides) + ", the network has " +
-                          std::to_string(rows) +
-                          " rows. Give the sizes of each stride, and --strides");
+      throw ToolError(
+          kUsageError,
+          "--prior-sizes: " +
+              (given.strides.size() != given.sizes.size()
+                   ? std::to_string(given.sizes.size()) + " lists of sizes for " +
+                         counted(given.strides.size(), "stride", "strides")
+                   : "they are " + std::to_string(count_of(size, given.strides, given.sizes)) +
+                         " priors at strides " + list_of(given.strides) + ", the network has " +
+                         std::to_string(rows) + " rows") +
+              ". Give the sizes of each stride, and --strides");
     }
     return given;
   }
@@ -210,11 +216,12 @@ std::optional<double> lead_of_y_first(const HeadEvidence& evidence, const HeadPa
 void conclude_axes(const HeadEvidence& evidence, HeadReading* reading) {
   constexpr double kClear = .5;
   const std::optional<bool> given = evidence.options().y_first;
-  if (!given && evidence.question().selection != Selection::kSuppression) {
-    return;
-  }
+  const bool suppressed = evidence.question().selection == Selection::kSuppression;
   const std::optional<double> lead =
       given ? std::nullopt : lead_of_y_first(evidence, reading->head.boxes);
+  if (!given && !suppressed && !(lead && *lead > kClear)) {
+    return;  // x first, as usual
+  }
   if (!given && !(lead && std::fabs(*lead) > kClear)) {
     throw ToolError(
         kUsageError,

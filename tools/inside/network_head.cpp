@@ -22,6 +22,13 @@ bool is_side(std::int64_t pixels) {
 // The input that takes the picture, of four known dimensions.
 NetworkTensor picture_input(const HeadRequest& request, const NetworkGraph& network) {
   for (const NetworkTensor& input : network.inputs()) {
+    if (input.shape.size() == 4 && input.shape[3] == 3 && is_side(input.shape[1]) &&
+        input.shape[1] != 3) {
+      refuse_model(network.path(), "the channels of its input " + describe(input) +
+                                       " come last. Export it for 1 x planes x height x width");
+    }
+  }
+  for (const NetworkTensor& input : network.inputs()) {
     const bool chosen = request.input ? input.name == *request.input : network.inputs().size() == 1;
     if (chosen && input.shape.size() == 4 && is_side(input.shape[2]) && is_side(input.shape[3])) {
       return input;
@@ -77,6 +84,13 @@ class SingleThread {
 OutputValues look_at_outputs(const HeadOptions& options, const NetworkGraph& network,
                              const std::vector<char>& bytes, const NetworkTensor& tensor,
                              const cv::Mat& picture) {
+  constexpr std::int64_t kMostValues = 1 << 26;
+  for (const NetworkTensor& output : network.outputs()) {
+    if (elements_of(output.shape) > kMostValues) {
+      refuse_model(network.path(), "its output " + describe(output) + " has more than " +
+                                       std::to_string(kMostValues) + " values");
+    }
+  }
   InputValues input;
   input.name = tensor.name;
   input.width = static_cast<int>(tensor.shape[3]);
@@ -143,7 +157,9 @@ std::string no_head_text(const NetworkGraph& network, const NetworkHead& head,
   return (family ? "the outputs do not fit --head " + *family : "no known head fits the outputs") +
          ". Input " + std::to_string(head.size.width) + "x" + std::to_string(head.size.height) +
          ", outputs: " + outputs_text(network) +
-         ". Say what they are, --boxes NAME --scores NAME or --raw OUT1 OUT2 OUT3, or name the "
+         ". Where anchors or priors are not the usual ones, give --anchors or --prior-sizes"
+         ". Or say what the outputs are, --boxes NAME --scores NAME or --raw OUT1 OUT2 OUT3, or "
+         "name the "
          "head, --head FAMILY:" +
          families;
 }

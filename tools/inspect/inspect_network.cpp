@@ -202,7 +202,11 @@ std::vector<std::string> missing_lines(const std::vector<MissingOperator>& missi
 
 std::string head_text(const HeadSuggestion& head) {
   std::vector<std::string> texts = head.facts;
-  texts.insert(texts.begin(), head.fault.empty() ? head.family : "none: " + head.fault);
+  if (head.fault.empty()) {
+    texts.insert(texts.begin(), head.family);
+  } else {
+    texts = split("none: " + head.fault, '\n');
+  }
   return lines("head", texts) + (head.commands.empty() ? "" : lines("pack it with", head.commands));
 }
 

@@ -303,6 +303,11 @@ class RowSearch {
 }  // namespace
 
 void check_selection(const NetworkGraph& network, const SelectionClaim& claim) {
+  constexpr std::int64_t kMostScores = 1 << 22;
+  const std::optional<Shape> scores = network.shape_of(claim.scores);
+  if (scores && elements_of(*scores) > kMostScores) {
+    throw CannotLift{"there are too many candidates and classes to try it on"};
+  }
   const NetworkGraph tail = Tail(network, claim).compute();
   RowSearch(tail, claim).run();
 }

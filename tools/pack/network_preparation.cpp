@@ -2,6 +2,8 @@
 // heads that cannot be concluded.
 #include "tools/pack/network_preparation.h"
 
+#include <set>
+
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 #include "tools/frames/frame_source.h"
@@ -50,6 +52,26 @@ HeadReading only_reading(const PackOptions& options, const NetworkGraph& network
                                      outputs_text(network) + "). Choose one:" + commands);
   }
   return readings.front();
+}
+
+// Options of facts that this head does not have.
+std::vector<std::string> notes_on_options(const PackOptions& options, const HeadReading& reading) {
+  static const std::set<std::string> kOfHeads = {
+      "--strides",    "--anchors",          "--prior-sizes",
+      "--variances",  "--score-powers",     "--class-count",
+      "--bins",       "--class-activation", "--centre-curve",
+      "--size-curve", "--cell-centre",      "--objectness-activation",
+      "--box-order",  "--box-unit",         "--box-axes",
+      "--background", "--keypoint-values",  "--keypoint-activation"};
+  const std::string concluded = " " + options_of(reading) + " ";
+  std::vector<std::string> notes;
+  for (const GivenOption& option : options.given) {
+    if (kOfHeads.count(option.name) > 0 &&
+        concluded.find(" " + option.name + " ") == std::string::npos) {
+      notes.push_back(option.name + " changes nothing, as the head is " + reading.head.family);
+    }
+  }
+  return notes;
 }
 
 template <typename Value>
@@ -108,6 +130,7 @@ void conclude_and_append(const PackOptions& options, const cv::Mat& picture,
   head.outputs = names_of(prepared->graph.outputs());
   head.reading = only_reading(options, prepared->graph, found);
   head.command = command_of(options, head.reading);
+  prepared->notes = notes_on_options(options, head.reading);
   fill_in_preprocessing(head.reading, &prepared->options);
   if (head.reading.head.raw_layers.empty()) {
     const DecodedOutputs outputs = append_decoding(head.reading.head, &prepared->graph);
@@ -143,7 +166,8 @@ PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Descr
     cut_selection(&graph);
     fit_to_engine(&graph);
   });
-  PreparedNetwork prepared = {NetworkGraph(options.network_path, file), file, {}, {}, {}, options};
+  PreparedNetwork prepared = {
+      NetworkGraph(options.network_path, file), file, {}, {}, {}, {}, options};
   prepared.rewrites = make_static(size_in(start), &prepared.graph);
   silence_opencv();
   if (!are_outputs_described(options)) {

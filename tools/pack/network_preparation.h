@@ -30,6 +30,7 @@ struct PreparedNetwork {
   std::vector<char> bytes;
   std::vector<char> portable;              // for --save-network
   std::vector<std::string> rewrites;       // one line for each kind
+  std::vector<std::string> notes;          // what is probably not as meant
   std::optional<ConcludedHead> head;       // when nothing was said about the outputs
   PackOptions options;                     // with what was concluded filled in
   Selection selection = Selection::kNone;  // that was cut off

@@ -1,5 +1,6 @@
 // pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and
 // only then puts it in place. pack.h has the parts, model_facts.h what is checked.
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <optional>
@@ -347,8 +348,8 @@ std::string write_image(const PreparedNetwork& prepared, Description description
       try_model(file.temporary_path(), options.network_path, pairs, description, picture);
   save_network(options, prepared);
   file.commit();
-  for (const std::string& note : proof.notes) {
-    print_note(note);
+  for (const std::vector<std::string>& notes : {prepared.notes, proof.notes}) {
+    std::for_each(notes.begin(), notes.end(), print_note);
   }
   print_notes(description, prepared.graph, test);
   const std::string head = prepared.head ? describe_head(prepared) + describe_proof(proof) : "";
@@ -358,15 +359,16 @@ std::string write_image(const PreparedNetwork& prepared, Description description
 
 // Returns what to print. Requires: a LibraryLog exists.
 std::string pack_and_describe(const PackOptions& options) {
+  if (!options.print_description) {
+    check_target(options);
+  }
   const Description start = start_description(options);
   PreparedNetwork prepared = prepare_network(options, start, [&options] {
     return options.picture_path.empty() ? street_picture() : read_picture(options.picture_path);
   });
   Description description = describe_model(prepared.options, start, prepared.graph);
   check_pair_places(prepared.options, description);
-  if (!options.print_description) {
-    check_target(options);
-  } else if (!options.calibration_pictures) {
+  if (options.print_description && !options.calibration_pictures) {
     return qv_host::description_to_json(description) + "\n";
   }
   finish_network(&prepared);

@@ -69,6 +69,10 @@ class Proof {
     for (const ProofPicture& picture : pictures) {
       check_picture(picture, original, &plain, &fused);
     }
+    if (head_.boxes.present() && !differing_) {
+      result_.faults.emplace_back(
+          "the best scores of all rows are alike. Give a --picture that shows an object");
+    }
     if (head_.boxes.present()) {
       try_preprocessing(head_, description_.input, pictures, original, &result_);
     }
@@ -230,9 +234,8 @@ class Proof {
                                format(": scores from %.4g to %.4g, they must lie in 0..1. "
                                       "See --class-activation and --head",
                                       least, most));
-    } else if (found.rows.size() > 1 && most_of_best - least_of_best < 1e-9) {
-      result_.faults.push_back(picture + format(": all best scores are %.4g", most_of_best));
     }
+    differing_ = differing_ || found.rows.size() < 2 || most_of_best - least_of_best >= 1e-9;
   }
 
   std::array<double, 4> corners(const Rows& rows, const PlainRow& row) const {
@@ -290,6 +293,7 @@ class Proof {
   const Head& head_;
   const Description& description_;
   bool decoded_;
+  bool differing_ = false;  // some picture has scores that are not all alike
   ProofResult result_;
 };
 
