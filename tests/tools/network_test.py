@@ -113,7 +113,10 @@ def outputs_of_heads():
         "bins": table(layers({"o": lambda s, n: joined(logits(1, n * n, 32), shares(1, n * n, 2))}), {"classes": "a\nb"}),
         "gray": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), planes=1),
         "uneven": table({name: logits(1, 6, rows, 8) for name, rows in (("a", 8), ("b", 7), ("c", 6))}),
-        "own": table({"o": own}, front="scaled")}
+        "own": table({"o": own}, front="scaled"),
+        "no_points": table(layers({"c": lambda s, n: logits(1, n * n, 20), "b": cells["b"], "o": lambda s, n: logits(1, n * n, 1)})),
+        "not_raw": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), {"names": "['men\'s shoe']"}),
+        "counted": table(layers({"o": lambda s, n: joined(logits(1, n * n, 1) - 9, logits(1, n * n, 32))}), {"names": "x"})}
 
 
 METADATA = (
