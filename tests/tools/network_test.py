@@ -87,9 +87,9 @@ def joined(*parts, axis=2):
     return np.concatenate(parts, axis)
 
 
-def layers(kinds):
-    """Outputs of strides 8, 16 and 32, cells in rows."""
-    return {f"{name}{stride}": of(stride, 64 // stride) for stride in (8, 16, 32) for name, of in kinds.items()}
+def layers(kinds, strides=(8, 16, 32)):
+    """Outputs of these strides, cells in rows."""
+    return {f"{name}{stride}": of(stride, 64 // stride) for stride in strides for name, of in kinds.items()}
 
 
 def outputs_of_heads():
@@ -116,7 +116,9 @@ def outputs_of_heads():
         "own": table({"o": own}, front="scaled"),
         "no_points": table(layers({"c": lambda s, n: logits(1, n * n, 20), "b": cells["b"], "o": lambda s, n: logits(1, n * n, 1)})),
         "not_raw": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), {"names": "['men\'s shoe']"}),
-        "counted": table(layers({"o": lambda s, n: joined(logits(1, n * n, 1) - 9, logits(1, n * n, 32))}), {"names": "x"})}
+        "counted": table(layers({"o": lambda s, n: joined(logits(1, n * n, 1) - 9, logits(1, n * n, 32))}), {"names": "x"}),
+        "older": table(layers({"o": lambda s, n: logits(1, 21, n, n)}, (16, 32))),
+        "oldest": table(layers({"o": lambda s, n: logits(1, 125, n, n)}, (32,)))}
 
 
 METADATA = (

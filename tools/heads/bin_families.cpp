@@ -17,6 +17,7 @@ constexpr std::int64_t kUsualBins[] = {8, 16, 17, 32};
 struct BinsAndClasses {
   Channels bins;
   Channels classes;
+  bool by_level = false;  // which are which only the levels of the values say
 };
 
 // Whether some run among the channels is of scores.
@@ -39,7 +40,7 @@ void add_if_fitting(const HeadEvidence& evidence, const Channels& bins, const Ch
                     !holds_scores(evidence, bins) && !evidence.is_decoded(bins) &&
                     !evidence.is_decoded(classes);
   if (fits) {
-    found->push_back({bins, classes});
+    found->push_back({bins, classes, false});
   }
 }
 
@@ -57,6 +58,7 @@ std::vector<BinsAndClasses> most_likely(const HeadEvidence& evidence,
   if (found.size() == 2 && found[0].bins.count == found[1].bins.count) {
     const bool first = evidence.mean(found[0].classes) <= evidence.mean(found[1].classes);
     found = {found[first ? 0 : 1]};
+    found[0].by_level = true;
   }
   return found;
 }
@@ -96,7 +98,8 @@ HeadReading distance_bins_reading(const HeadEvidence& evidence, const BinsAndCla
            std::to_string(bins) + " bins for each of four sides, " +
                (parts.bins.first == 0 && &parts.bins.kind.get() == &parts.classes.kind.get()
                     ? "in front of the classes"
-                    : "behind or apart from the classes"),
+                    : "behind or apart from the classes") +
+               (parts.by_level ? ", by the lower logits of the classes" : ""),
            "--bins " + std::to_string(bins));
   Head& head = reading.head;
   head.boxes = evidence.part(parts.bins);

@@ -217,8 +217,9 @@ void walk_back(const NetworkGraph& network, const std::vector<std::string>& valu
   }
 }
 
+// Fewer than four numbers may be anything.
 bool are_equal_steps(const std::vector<double>& numbers) {
-  const double step = numbers.size() < 2 ? 0 : numbers[1] - numbers[0];
+  const double step = numbers.size() < 4 ? 0 : numbers[1] - numbers[0];
   for (std::size_t i = 1; i < numbers.size(); ++i) {
     if (std::fabs(numbers[i] - numbers[i - 1] - step) > 1e-3 * std::fabs(step)) {
       return false;
@@ -227,14 +228,18 @@ bool are_equal_steps(const std::vector<double>& numbers) {
   return step != 0;
 }
 
-bool is_of_grid(const NetworkGraph& network, const std::string& value, const GridSize& grid) {
+// Whether a value differs from cell to cell. Columns or rows alone are added; what is multiplied with such
+// numbers are the shares of bins.
+bool is_of_grid(const NetworkGraph& network, const NodeProto& node, const std::string& value,
+                const GridSize& grid) {
   const onnx::TensorProto* const constant = network.constant(value);
   if (constant == nullptr) {
     return false;
   }
   const std::int64_t elements =
       elements_of(Shape(constant->dims().begin(), constant->dims().end()));
-  if (elements >= grid.cells || grid.sides.count(elements) == 0) {
+  if (elements >= grid.cells || grid.sides.count(elements) == 0 ||
+      !is_one_of(node, {"Add", "Sub"})) {
     return elements >= grid.cells;
   }
   const auto numbers = network.numbers(value);
@@ -283,7 +288,7 @@ Treatment treatment_of(const NetworkGraph& network, const std::vector<std::strin
     treatment.arg_max = treatment.arg_max || is_one_of(node, {"ArgMax", "TopK"});
     if (is_one_of(node, {"Add", "Sub", "Mul", "Div"})) {
       for (const std::string& input : node.input()) {
-        treatment.grid = treatment.grid || is_of_grid(network, input, grid);
+        treatment.grid = treatment.grid || is_of_grid(network, node, input, grid);
       }
     }
     return true;

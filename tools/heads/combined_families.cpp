@@ -112,14 +112,17 @@ std::vector<HeadReading> conclude_end_to_end(const HeadEvidence& evidence) {
     source = "by the node that chooses the best";
   }
   if (classes == 0) {
-    throw ToolError(kUsageError,
-                    "the rows hold boxes, scores and numbers of classes, but nothing says how many "
-                    "classes there are. Give --class-count N");
+    throw ToolError(
+        kUsageError,
+        evidence.question().network.path() +
+            ": the rows hold boxes, scores and numbers of classes, but nothing says how many "
+            "classes there are. Give --class-count N");
   }
   const std::optional<ValueRange> range = evidence.range({*kind, 5, 1});
   if (range && range->most >= static_cast<double>(classes)) {
     throw ToolError(kModelError,
-                    format("the numbers of classes reach %g, but there are ", range->most) +
+                    evidence.question().network.path() +
+                        format(": the numbers of classes reach %g, but there are ", range->most) +
                         counted(classes, "class", "classes") + ", which count from 0");
   }
   HeadReading reading = begin_reading(evidence, "end-to-end",

@@ -69,7 +69,9 @@ std::vector<HeadReading> conclude_head(const HeadQuestion& question) {
       readings.push_back(std::move(reading));
     }
   }
-  drop_unlikely_bins(&readings);
+  if (!question.options.bins) {
+    drop_unlikely_bins(&readings);
+  }
   return readings;
 }
 

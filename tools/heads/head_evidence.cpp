@@ -204,12 +204,15 @@ void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
       ordered += sides[2][row] >= sides[0][row] && sides[3][row] >= sides[1][row] ? 1 : 0;
     }
     corners = static_cast<double>(ordered) > .9 * static_cast<double>(sides[0].size());
-    // A few boxes of no object may be of any size.
-    const auto beyond = [](const std::vector<float>& side) {
-      return std::count_if(side.begin(), side.end(), [](float value) { return value > 2.5f; });
-    };
-    fractions = static_cast<double>(beyond(sides[2]) + beyond(sides[3])) <=
-                .02 * static_cast<double>(sides[0].size());
+    // A few boxes of no object may lie anywhere.
+    std::size_t beyond = 0;
+    for (std::size_t row = 0; row < sides[0].size(); ++row) {
+      beyond += std::any_of(sides.begin(), sides.end(),
+                            [row](const std::vector<float>& side) { return side[row] > 2.5f; })
+                    ? 1
+                    : 0;
+    }
+    fractions = static_cast<double>(beyond) <= .02 * static_cast<double>(sides[0].size());
   }
   corners = options.box_order ? *options.box_order == qv_host::BoxOrder::kCornerPairs : corners;
   fractions = options.box_fractions.value_or(fractions);

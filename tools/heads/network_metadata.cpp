@@ -77,8 +77,10 @@ std::vector<std::string> class_names_in_metadata(const NetworkGraph& network) {
   if (is_number(*text)) {
     return names;  // how many there are
   }
-  // A dictionary or a list; in other texts a quote is a letter of a name.
-  const bool quoted = std::string("{[\"'").find(text->front()) != std::string::npos;
+  // A dictionary or a list, with or without brackets; in other texts a quote is a letter of a name.
+  const std::size_t first = text->find_first_not_of(" \t\n");
+  const bool quoted = first != std::string::npos &&
+                      std::string("{[(\"'0123456789").find((*text)[first]) != std::string::npos;
   const std::map<std::size_t, std::string> found =
       quoted ? quoted_texts(*text) : std::map<std::size_t, std::string>();
   for (const auto& [number, name] : found) {

@@ -72,7 +72,9 @@ class Folding {
         values.push_back(std::move(*value));
       }
       for (int i = 0; i < node.output_size(); ++i) {
-        keep(values[static_cast<std::size_t>(i)], node.output(i));
+        if (!node.output(i).empty()) {
+          keep(values[static_cast<std::size_t>(i)], node.output(i));
+        }
       }
       return true;
     } catch (const CannotCompute&) {

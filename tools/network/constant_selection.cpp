@@ -130,6 +130,9 @@ ConstantValue top_k(const ConstantOperation& operation) {
 ConstantValue arg_max(const ConstantOperation& operation) {
   const std::size_t axis =
       axis_of(integer_attribute(operation.node, "axis", 0), operation.input(0).shape.size());
+  if (integer_attribute(operation.node, "select_last_index", 0) != 0) {
+    throw CannotCompute();
+  }
   ConstantValue value = best(operation, axis, 1, true, true);
   if (integer_attribute(operation.node, "keepdims", 1) == 0) {
     value.shape.erase(value.shape.begin() + static_cast<std::ptrdiff_t>(axis));

@@ -107,7 +107,12 @@ const std::vector<SelectedPiece>& SelectionLifting::lift(const std::string& valu
     }
     return lifted_[value] = {{Kind::kNumber, "", 1}};
   }
+  constexpr int kMostNodes = 2000;  // bounds the stack
+  if (++depth_ > kMostNodes) {
+    throw CannotLift{"more than " + std::to_string(kMostNodes) + " nodes follow one another in it"};
+  }
   Pieces pieces = lift_node(node, value);
+  --depth_;
   return lifted_[value] = pieces;
 }
 

@@ -51,6 +51,7 @@ class SelectionLifting {
   NetworkGraph& network_;
   SelectionTables tables_;
   std::map<std::string, Pieces> lifted_;
+  int depth_ = 0;  // of lift()
 };
 
 }  // namespace olvex_tools
