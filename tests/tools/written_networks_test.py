@@ -5,12 +5,13 @@ See tool_test.py for the usage.
 """
 import collections
 import re
+import shlex
 
 import numpy as np
 import onnx
 from network_test import CASES, ints, joined, layers, logits, network, outputs_of_heads, shares, table
 from onnx import helper, numpy_helper
-from tool_test import ToolTest, main
+from tool_test import TOOL, ToolTest, main
 
 MOST_VALUES = 24  # of longer constants the different values, and what shows their order
 
@@ -87,11 +88,84 @@ def folded(entry):
     call, attributes = entry if isinstance(entry, tuple) else (entry, {})
     outputs, call = call.split(" = ") if " = " in call else ("k", call)
     operator, *inputs = call.split()
-    values = {name: ints(*map(int, name[1:].split(","))) if name[1:2] in "-0123456789" and name[1:] else CONSTANTS[name] for name in inputs if name != "_"}
+    values = {name: value_of(name, CONSTANTS) for name in inputs if name != "_"}
     call = " ".join([outputs, "=", operator, *("_" if name == "_" else f"of_{name}" for name in inputs)])
     return "", [(call, attributes), ("d = Shape k",), ("l = Cast d", {"to": 1}), ("c = Cast k", {"to": 1}), ("b = Reshape c flat",),
                 ("j = Concat l b", {"axis": 0}), ("folded = Reshape j row",), ("mean = ReduceMean v", {"axes": [1]}), ("y = Add mean folded",)], None, {
         **{f"of_{name}": value for name, value in values.items()}, "flat": ints(-1), "row": ints(1, 1, -1)}, {"shape": (1, 192, 1)}
+
+
+# What exporters put behind boxes b, scores s and key points p, which selects the best rows: named lists of nodes as
+# network() takes them, behind those of the lists that a name begins with, and the outputs.
+SUPPRESSED = [("st = Transpose s", {"perm": [0, 2, 1]}), ("chosen = NonMaxSuppression b st most near least",),
+              *((f"{name} = Gather chosen {place}", {"axis": 1}) for name, place in (("classes", "i1"), ("rows", "i2"))),
+              ("row = Reshape rows i-1",), ("flat = Squeeze b i0",), ("box = Gather flat row",), ("score = GatherND st chosen",),
+              ("scores = Unsqueeze score i1",), ("class = Cast classes", {"to": 1})]
+RANKED = [("best = ReduceMax s", {"axes": [2], "keepdims": 0}), ("score places = TopK best i20", {"axis": 1}), ("rows = Unsqueeze places i2",),
+          ("of_box = Tile rows i1,1,4",), ("box = GatherElements b of_box", {"axis": 1}), ("scores = Unsqueeze score i2",),
+          ("of_class = ArgMax s", {"axis": 2, "keepdims": 0}), ("class_ = GatherElements of_class places", {"axis": 1}),
+          ("classes = Unsqueeze class_ i2",), ("class = Cast classes", {"to": 1})]
+ROWS = [("column = Slice o i4 i5 i2",), ("list = Squeeze column i2",), ("score places = TopK list i20", {"axis": 1}), ("row = Reshape places i-1",),
+        ("y = Gather o row", {"axis": 1})]
+CORNERS = [("corners = MatMul b square",), *((text.replace(" b ", " corners "), *more) for text, *more in SUPPRESSED)]
+WHOLE = ("y = Concat box scores class", {"axis": -1})
+SELECTIONS = (
+    *((f"{start} joined", tail, [WHOLE], "y") for start, tail in (("suppressed", SUPPRESSED), ("ranked", RANKED), ("corners", CORNERS), ("open", SUPPRESSED))),
+    *((f"{start} apart", tail, [], "box score class") for start, tail in (("suppressed", SUPPRESSED), ("ranked", RANKED))),
+    ("boxes alone", SUPPRESSED, [], "box"), ("scores alone", SUPPRESSED, [], "score"), ("classes alone", SUPPRESSED, [], "class"), ("rows", ROWS, [], "y"),
+    ("rows and scores", ROWS, [], "y score"), ("with points", SUPPRESSED, [("points = Squeeze p i0",), ("point = Gather points row",)], "box score point"),
+    ("points in rows", RANKED, [("of_point = Tile rows i1,1,10",), ("point = GatherElements p of_point", {"axis": 1}),
+                                ("y = Concat box point scores class", {"axis": 2})], "y"),
+    *((f"boxes {number}", SUPPRESSED, nodes, "y score class") for number, nodes in enumerate((
+        [("y = Mul box sizes",)], [("z = Add box half",), ("y = Clip z lo hi",)], [("z = Div box size",), ("y = Neg z",)], [("y = Mul box three",)],
+        [("y = Relu box",)], [("y = MatMul box square",)], [("y = MatMul box oblong",)], [("level = ReduceMean b", {"axes": [0, 1], "keepdims": 0}), ("y = Add box level",)], [("y = Mul box scores",)],
+        [("y = Pow box class",)], [("z = Slice box i0 i2 i1",), ("w = Slice box i2 i4 i1",), ("v = Sub w z",), ("y = Concat z v", {"axis": 1})],
+        [("z w = Split box", {"axis": 1}), ("u = Mul w half",), ("v = Sub z u",), ("w_ = Add z u",), ("y = Concat v w_", {"axis": 1})],
+        [("z = Slice box i0 i9 i1",), ("y = Identity z",)], [("z = Slice box i-2 i9 i1",), ("w = Slice box i-9 i-2 i1",), ("y = Concat z w", {"axis": 1})],
+        [("z = Slice box i0 i4 i1 i2",), ("y = Concat z z", {"axis": 1})], [("z = Slice box i4 i5 i1",), ("y = Concat box z", {"axis": 1})],
+        [("y = Gather box i0,2,1,3", {"axis": 1})], [*((f"z{at} = Gather box i{at}", {"axis": 1}) for at in (0, 1, 2, -1)),
+                                                     ("y = Concat z1 z0 z-1 z2", {"axis": 1})],
+        [("z = Transpose box", {"perm": [1, 0]}), ("y = Reshape z i-1,4",)], [("y = Slice box i0 i3 i0",)], [("y = Gather box i0,1",)],
+        [("z = Concat box scores", {"axis": 1}), ("y = Mul z half",)], [("y = Where i1 box box",)]))),
+    *((f"classes {number}", SUPPRESSED, nodes, "box score y") for number, nodes in enumerate((
+        [("y = Add class one",)], [("y = CumSum class i0",)], [("z = Mul class two",), ("y = Div z two",)], [("y = Sub class class",)], [("y = Mul class score",)]))),
+    ("fewer scores", RANKED, [("some = Slice score i0 i10 i1",)], "box some class"), ("best of each", SUPPRESSED, [("z = ReduceMax s", {"axes": [2]}), (
+        "flat_ = Squeeze z i0",), ("y = Gather flat_ row",)], "box y class"), ("other rows", SUPPRESSED, [("y = Gather other row",)], "box score y"),
+    ("two tables of scores", SUPPRESSED, [("sq = Squeeze s i0",), ("y = Gather sq row",), ("w = ReduceMax y", {"axes": [1]})], "box score y w"),
+    ("places", [], [("best = ReduceMax s", {"axes": [2], "keepdims": 0}), ("score y = TopK best i20", {"axis": 1})], "score y b"),
+    ("class by TopK", [], [("score class = TopK s i1", {"axis": 2})], "b score class"),
+    ("untouched", SUPPRESSED, [], "b s box"), ("in front of a layer", SUPPRESSED, [("z = Unsqueeze box i0,1",), ("y = Conv z kernel",)], "y score"),
+    ("filled up", RANKED, [("none = ConstantOfShape i1,4,6",), ("z = Concat box scores class", {"axis": 2}), ("y = Concat z none", {"axis": 1})], "y"))
+# Where the axes of the boxes are no question.
+PACKED_AS = {"open joined": [], "rows": ["--head", "combined", "--class-count", "3"], "boxes alone": [], "untouched": [], "rows and scores": [], **{
+    f"ranked {how}": [] for how in ("joined", "apart")}, "points in rows": ["--class-count", "3"]}
+OF_SELECTIONS = {
+    "most": np.int64(20), "least": np.float32(.25), "sizes": np.float32([64, 32, 64, 32]), "size": np.float32([[64]]), "three": np.float32([1, 2, 3]),
+    "square": np.float32([[0, 1, 0, 1], [1, 0, 1, 0], [0, -.5, 0, .5], [-.5, 0, .5, 0]]), "oblong": np.ones((4, 3), np.float32),
+    "one": np.float32(1), "two": np.float32(2), "other": np.ones((80, 2), np.float32), "kernel": np.ones((1, 1, 1, 1), np.float32)}
+SOURCES = {"b": boxes(1, 84, 4), "s": shares(1, 84, 3), "p": shares(1, 84, 10) * 64, "o": joined(boxes(1, 84, 4), shares(1, 84, 3))}
+
+
+def value_of(name, values):
+    """A constant; i and numbers with commas are integers."""
+    return ints(*map(int, name[1:].split(","))) if re.fullmatch("i-?[0-9][-0-9,]*", name) else values[name]
+
+
+def selecting(nodes, outputs):
+    model = onnx.load_from_string(table(SOURCES))
+    graph = model.graph
+    known = {"x", *(name for node in graph.node for name in node.output)}
+    for text, *attributes in nodes:
+        results, call = text.split(" = ")
+        operator, *inputs = call.split()
+        for name in inputs:
+            if name not in known:
+                graph.initializer.append(numpy_helper.from_array(np.asarray(value_of(name, {**CONSTANTS, **OF_SELECTIONS})), name))
+        known.update(inputs, results.split())
+        graph.node.append(helper.make_node(operator, inputs, results.split(), name=f"/tail/{results.split()[0]}", **dict(*attributes)))
+    del graph.output[:]
+    graph.output.extend(helper.make_tensor_value_info(name, onnx.TensorProto.FLOAT, None) for name in outputs.split())
+    return model.SerializeToString()
 
 
 def numbers_of(values, most=MOST_VALUES):
@@ -157,6 +231,19 @@ class WrittenNetworksTest(ToolTest):
             (self.folder / "in.onnx").write_bytes(network([entry for entry in CASES if entry[4].get("opset", 13) == opset], opset))
             self.write("in.onnx", "--boxes", "boxes", "--scores", "scores")
         self.assert_transcript_kept("written_rewrites.txt")
+
+    def test_what_is_cut_off_behind_boxes_and_scores(self):
+        for name, tail, nodes, outputs in SELECTIONS:
+            (self.folder / "in.onnx").write_bytes(selecting([*tail, *nodes], outputs))
+            self.transcript += f"# {name}\n"
+            options = [*PACKED_AS.get(name, ["--box-axes", "yx" if "5" in name else "xy"]), "--force"]
+            result = self.transcribe([TOOL, "pack", "in.onnx", "-o", "out.qtm", *options], shlex.join(["olvex-det", "pack", *options]))
+            if result.returncode == 0:
+                report = self.transcript
+                self.tool("inspect", "out.qtm", "--network", "out.onnx")
+                self.transcript = report + changes(lines_of(self.folder / "in.onnx"), lines_of(self.folder / "out.onnx"))
+        self.transcript = re.sub(r"at most \S+ pixels apart, scores \S+", "at most N pixels apart, scores N", self.transcript)
+        self.assert_transcript_kept("written_selections.txt")
 
     def test_what_is_computed_of_constants(self):
         (self.folder / "in.onnx").write_bytes(network([folded(entry) for entry in FOLDED]))
