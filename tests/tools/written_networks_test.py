@@ -24,6 +24,7 @@ def boxes(*shape):
 # Beside those of network_test.py, one of each code that a head can have.
 MORE_HEADS = {
     "four_strides": table({"o": logits(1, 255, 12)}),
+    "thirteen": table(layers({"o": lambda s, n: logits(1, 13, n, n)})),
     "eighty": table(layers({"o": lambda s, n: logits(1, 425, n, n)}, (32,))),
     "columns": table({"o": joined(boxes(1, 4, 84), shares(1, 3, 84), axis=1)}),
     "shown": table({"o": joined(boxes(1, 84, 4), shares(1, 84, 1), np.tile(joined(shares(1, 84, 2) * 64, shares(1, 84, 1)), 5))}),
@@ -36,7 +37,7 @@ HEADS = (
     ("priors",), ("priors", "--prior-sizes", "1x2,3,4/5,6/7,8/9,10,11", "--strides", "8,16,32,64", "--variances", ".3,1"),
     ("landmarks",), ("landmarks_of_one",), ("landmarks_of_one", "--keypoint-activation", "none"), ("apart",), ("pointless",),
     ("distances",), ("bins",), ("gray",), ("own",), ("no_points",), ("counted",), ("older",), ("oldest",),
-    ("four_strides",), ("eighty",), ("columns", "--head", "combined"), ("shown", "--head", "combined", "--class-count", "1"))
+    ("thirteen", "--model-out", "zrlpd"), ("four_strides",), ("eighty",), ("columns", "--head", "combined"), ("shown", "--head", "combined", "--class-count", "1"))
 
 
 # What is computed before the engine sees it: constants, and operators on them that fold to a constant.
@@ -127,6 +128,7 @@ SELECTIONS = (
                                                      ("y = Concat z1 z0 z-1 z2", {"axis": 1})],
         [("z = Transpose box", {"perm": [1, 0]}), ("y = Reshape z i-1,4",)], [("y = Slice box i0 i3 i0",)], [("y = Gather box i0,1",)],
         [("z = Concat box scores", {"axis": 1}), ("y = Mul z half",)], [("y = Where i1 box box",)]))),
+    ("pairs of numbers", SUPPRESSED, [("z = Concat class class", {"axis": 1}), ("y = Concat z box scores", {"axis": 1})], "y"),
     *((f"classes {number}", SUPPRESSED, nodes, "box score y") for number, nodes in enumerate((
         [("y = Add class one",)], [("y = CumSum class i0",)], [("z = Mul class two",), ("y = Div z two",)], [("y = Sub class class",)], [("y = Mul class score",)]))),
     ("fewer scores", RANKED, [("some = Slice score i0 i10 i1",)], "box some class"), ("best of each", SUPPRESSED, [("z = ReduceMax s", {"axes": [2]}), (
@@ -143,7 +145,18 @@ OF_SELECTIONS = {
     "most": np.int64(20), "least": np.float32(.25), "sizes": np.float32([64, 32, 64, 32]), "size": np.float32([[64]]), "three": np.float32([1, 2, 3]),
     "square": np.float32([[0, 1, 0, 1], [1, 0, 1, 0], [0, -.5, 0, .5], [-.5, 0, .5, 0]]), "oblong": np.ones((4, 3), np.float32),
     "one": np.float32(1), "two": np.float32(2), "other": np.ones((80, 2), np.float32), "kernel": np.ones((1, 1, 1, 1), np.float32)}
-SOURCES = {"b": boxes(1, 84, 4), "s": shares(1, 84, 3), "p": shares(1, 84, 10) * 64, "o": joined(boxes(1, 84, 4), shares(1, 84, 3))}
+# Rows of boxes, objectness and classes: what each column comes from is followed back through such nodes, or is not.
+TRACED = [(f"{name} = Slice w i{first} i{end} i2",) for name, first, end in (("box", 0, 4), ("object", 4, 5), ("class", 5, 8))] + [
+    ("is_object = Sigmoid object",), ("is_class = Sigmoid class",), ("all = Concat box is_object is_class", {"axis": 2})]
+TRACES = (
+    [("y = Identity all",)], [("y = Cast all", {"to": 1})], [("y = Transpose all", {"perm": [0, 2, 1]})], [("t = Transpose all", {"perm": [2, 0, 1]}), ("y = Transpose t", {
+        "perm": [1, 2, 0]})], [("t = Reshape all i1,84,8,1",), ("y = Squeeze t i3",)], [("t = Unsqueeze all i0",), ("y = Reshape t i1,84,8",)],
+    [("y = Flatten all", {"axis": 2})], [("y = Reshape all i1,8,84",)], [("y = Mul all one",)], [("y = Mul one all",)], [("y = Mul all all",)], [("y = Clip all lo hi",)],
+    [("y = Sin all",)], [("p_ q_ = Split all i5,3", {"axis": 2}), ("y = Concat p_ q_", {"axis": 2})], [("p_ q_ r_ = Split all i2,3,3", {"axis": -1}), (
+        "y = Concat p_ q_ r_", {"axis": -1})], [("p_ q_ = Split all i40,44", {"axis": 1}), ("y = Concat q_ p_", {"axis": 1})],
+    *([(f"p_ = Slice all {first}",), (f"q_ = Slice all {second}",), ("y = Concat p_ q_", {"axis": axis})] for first, second, axis in (
+        ("i0 i5 i2", "i-3 i99 i-1", 2), ("i0 i42 i1", "i42 i84 i1", 1), ("i0,0 i84,5 i1,2", "i0,5 i84,8 i1,2 i1,1", 2), ("i0 i8 i2 i2", "i1 i8 i2 i2", 2))))
+SOURCES = {"w": logits(1, 84, 8), "b": boxes(1, 84, 4), "s": shares(1, 84, 3), "p": shares(1, 84, 10) * 64, "o": joined(boxes(1, 84, 4), shares(1, 84, 3))}
 
 
 def value_of(name, values):
@@ -244,6 +257,33 @@ class WrittenNetworksTest(ToolTest):
                 self.transcript = report + changes(lines_of(self.folder / "in.onnx"), lines_of(self.folder / "out.onnx"))
         self.transcript = re.sub(r"at most \S+ pixels apart, scores \S+", "at most N pixels apart, scores N", self.transcript)
         self.assert_transcript_kept("written_selections.txt")
+
+    def test_what_rows_come_from(self):
+        for nodes in TRACES:
+            (self.folder / "in.onnx").write_bytes(selecting([*TRACED, *nodes], "y"))
+            head = self.transcribe([TOOL, "inspect", "in.onnx"], "inspect").stdout.partition("\nhead ")[2]
+            self.transcript = self.transcript.partition("$ inspect")[0] + f"{nodes}\n{head}"
+        self.assert_transcript_kept("written_traces.txt")
+
+    def test_what_is_remarked_of_options_scores_and_the_engine(self):
+        def write(name, scores=None, **outputs):
+            (self.folder / f"{name}.onnx").write_bytes(table({"b": boxes(1, 84, 4), "s": scores} if scores is not None else outputs))
+        write("layers", **layers({"o": lambda s, n: logits(1, 6, n, n)}))
+        few = np.zeros((1, 84, 2))
+        for name, value in (("alike", 0), ("nearly", .99e-9), ("barely", 1.005e-9)):
+            few[0, 3, 1] = value
+            write(name, few)
+        for name, least, most in (("below", -2e-4, .4), ("within", -5e-5, .4), ("above", 0, 1.0002), ("up_to", 0, 1.00005)):
+            scores = np.linspace(.1, .4, 168).reshape(1, 84, 2)
+            scores[0, 5], scores[0, 9] = least, most
+            write(name, scores)
+        (self.folder / "engine.onnx").write_bytes(network([folded("Slice c i0 i0 i0")]))
+        model = onnx.load_from_string(table(layers({"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2),
+                                                      "o": lambda s, n: shares(1, n * n, 1)})))
+        for version in (6, 9):
+            model.opset_import[0].version = version
+            (self.folder / f"version{version}.onnx").write_bytes(model.SerializeToString())
+        self.assert_session_kept("written_remarks.txt")
 
     def test_what_is_computed_of_constants(self):
         (self.folder / "in.onnx").write_bytes(network([folded(entry) for entry in FOLDED]))
