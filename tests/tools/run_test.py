@@ -12,7 +12,9 @@ import subprocess
 import tempfile
 import time
 
-from tool_test import TOOL, ToolTest, main, make_network, write_cells
+import cv2
+from network_test import network
+from tool_test import TOOL, ToolTest, main, make_network, write_cells, write_gray
 
 WIDTH, HEIGHT, CELL = 72, 64, 8  # NV12 rows of this width are padded
 
@@ -254,6 +256,27 @@ class RunTest(ToolTest):
         with open(self.folder / "lines", "w") as lines:
             self.run_tool(self.model, pictures, "--jsonl", "lines", code=2, stdout=lines,
                           said=["redirected"])
+
+    def test_fitted_and_gray_pictures_are_told_in_full(self):
+        options = ("--boxes", "boxes", "--scores", "scores", "--keypoints", "points", "--no-classes", "--min-score", "0.44", "--resize")
+        for resize in ("letterbox", "letterbox-centred"):
+            (self.folder / f"{resize}.qtm").symlink_to(self.pack("rgb" if resize == "letterbox" else "nv12", *options, resize))
+        cells = {(i, j): (255, 0, 0) for i in (2, 3) for j in (2, 3)}
+        for name, width, height in (("wide", 2 * WIDTH, HEIGHT), ("tall", WIDTH, 3 * HEIGHT)):
+            write_cells(self.folder / f"{name}.ppm", width, height, cells)
+        write_gray(self.folder / "odd.pgm", 145, 73, 200)
+        (self.folder / "shades.pgm").write_bytes(b"P5 12 16 255\n" + bytes(range(64, 256)))
+        (self.folder / "gray.onnx").write_bytes(network([], sizes=(1, 1, 16, 12)))
+        (self.folder / "both").mkdir()
+        write_picture(self.folder / "both/1.ppm", cells, WIDTH)
+        write_picture(self.folder / "both/2.ppm", cells, 2 * WIDTH)
+        self.assert_session_kept("run_fitted.txt")
+        for name, shape in (("odd.mkv", (74, 146, 3)), ("both.avi", (HEIGHT, WIDTH, 3))):
+            video = cv2.VideoCapture(str(self.folder / name))
+            shown = [frame for _, frame in (video.read() for _ in range(2)) if frame is not None]
+            self.assertEqual({frame.shape for frame in shown}, {shape})
+        # What is fitted into the first one's size has a black border.
+        self.assertLess(max(shown[1][-8:].max(), shown[1][:8].max()), 40)
 
     def test_an_interrupted_run_leaves_complete_files(self):
         pictures = self.moving_squares()

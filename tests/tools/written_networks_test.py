@@ -277,6 +277,15 @@ class WrittenNetworksTest(ToolTest):
             scores = np.linspace(.1, .4, 168).reshape(1, 84, 2)
             scores[0, 5], scores[0, 9] = least, most
             write(name, scores)
+        for name, sure, score, box, others in (
+                ("ten_one", 10, .6, (3, 3, 3, 9), (3, 3, 20, 20)), ("nine_one", 9, .6, (3, 9, 9, 9), (3, 3, 20, 20)), ("thin", 1, .502, (3, 3, 4, 9), ()),
+                ("thinner", 1, .502, (3, 3, 3.9, 9), ()), ("flat", 1, .502, (3, 3, 9, 3.9), ()), ("unsure", 1, .498, (3, 3, 9, 9), ()),
+                *((f"beyond{number}", 1, .6, box, ()) for number, box in enumerate((
+                    (-6.3, 0, 57.7, 9), (-6.5, 0, 57.5, 9), (0, -6.5, 9, 57.5), (6.5, 0, 70.5, 9), (0, 6.5, 9, 70.5)))),
+                ("many", 16, .6, (3, 3, 9, 9), (3, 3, 9, 9)), ("crowd", 17, .6, (3, 3, 9, 9), (3, 3, 9, 9))):
+            scores = np.linspace(.1, .2, 168).reshape(1, 84, 2)
+            scores[0, :sure, 0] = score
+            write(name, b=np.array([box] + [others or box] * 83).reshape(1, 84, 4), s=scores)
         (self.folder / "engine.onnx").write_bytes(network([folded("Slice c i0 i0 i0")]))
         model = onnx.load_from_string(table(layers({"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2),
                                                       "o": lambda s, n: shares(1, n * n, 1)})))
