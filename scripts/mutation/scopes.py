@@ -43,29 +43,35 @@ SCOPES = {
 }
 
 # Of the tests of the command line, those that can notice a change, beside the one of all help texts: a
-# pattern of the source, and of the test's name. The first that fits counts; a source without one may show in all.
+# pattern of the source, then patterns of the tests' names, the likeliest first. The first source that fits
+# counts; a source without one may show in all.
 LIKELY_TESTS = (
-    (r"tools/eval/coco/(?!coco_worst)", r"eval_coco"),
-    (r"tools/eval/mot/", r"eval_mot"),
-    (r"tools/eval/coco/", r"eval_coco|annotation"),
-    (r"tools/eval/", r"eval"),
-    (r"tools/compare/", r"compare|annotation"),
-    (r"tools/doctor/", r"doctor"),
-    (r"tools/heads/", r"heads|network\.|written|pack"),
-    (r"tools/network/", r"network|written|heads"),
-    (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", r"pack|doctor"),
-    (r"tools/inspect/", r"pack|network"),
-    (r"tools/pack/", r"pack|heads|network|written"),
-    (r"tools/(run/|inside/(last_output|result_))", r"run|annotation"),
+    (r"tools/eval/coco/(?!coco_worst)", "eval_coco"),
+    (r"tools/eval/coco/", "annotation", "eval_coco"),
+    (r"tools/eval/mot/", "eval_mot"),
+    (r"tools/eval/", "eval"),
+    (r"tools/compare/", "compare", "annotation"),
+    (r"tools/doctor/", "doctor"),
+    (r"tools/heads/", "written", r"network\.", "heads", "pack"),
+    (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
+    (r"tools/inside/network_trial", "network_trial", ""),
+    (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", "pack", "doctor", "written"),
+    (r"tools/inspect/", "pack", r"network\.", "network_trial"),
+    (r"tools/pack/", "pack", "written", r"network\.", "heads"),
+    (r"tools/(run/|inside/(last_output|result_)|frames/(letterbox|frame_conversion))", r"run\.", "annotation", "run_sweep"),
+    (r"tools/frames/(video|file_source)", "run_sweep", r"run\.", ""),
+    (r"tools/frames/(annotation|tile_grid)", "annotation", r"run\.", "compare"),
 )
 
 
-def can_notice(file, name):
-    """Whether the test of that name may notice a change of the file."""
+def likelihood(file, name):
+    """How likely the test of that name notices a change of the file: the smaller the likelier; None if it
+    cannot."""
+    tests = next((tests for source, *tests in LIKELY_TESTS if re.match(source, file)), [""])
     if not name.startswith("tools."):
-        return True
-    tests = next((tests for source, tests in LIKELY_TESTS if re.match(source, file)), "")
-    return bool(re.match(rf"tools\.({tests}|pack\.test_help)", name))
+        return 0
+    fitting = (rank for rank, pattern in enumerate([*tests, r"pack\.test_help"]) if re.match(rf"tools\.{pattern}", name))
+    return next(fitting, None)
 
 
 def arm_only_lines(source):
