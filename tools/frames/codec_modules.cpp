@@ -16,9 +16,8 @@ const void* exported(const char* module, const char* symbol) {
   void* const loaded = dlopen(module, RTLD_NOW | RTLD_LOCAL);
   const void* const found = loaded == nullptr ? nullptr : dlsym(loaded, symbol);
   if (found == nullptr) {
-    const char* const reason = dlerror();
-    throw ToolError(kInternalError, std::string(module) +
-                                        ": cannot be loaded: " + (reason == nullptr ? "" : reason) +
+    const char* const reason = dlerror();  // begins with the name
+    throw ToolError(kInternalError, std::string(reason == nullptr ? module : reason) +
                                         ". Install olvex-det with all its libraries");
   }
   return found;
