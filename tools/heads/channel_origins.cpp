@@ -282,10 +282,15 @@ Treatment treatment_of(const NetworkGraph& network, const std::vector<std::strin
     if (has_weights(node)) {
       return false;
     }
+    if (is_one_of(node, {"ArgMax", "Greater", "GreaterOrEqual", "Less", "LessOrEqual", "Equal"})) {
+      treatment.arg_max = treatment.arg_max || node.op_type() == "ArgMax";
+      return false;
+    }
     treatment.sigmoid = treatment.sigmoid || is_one_of(node, {"Sigmoid", "HardSigmoid"});
     treatment.softmax = treatment.softmax || node.op_type() == "Softmax";
     treatment.exponential = treatment.exponential || node.op_type() == "Exp";
-    treatment.arg_max = treatment.arg_max || is_one_of(node, {"ArgMax", "TopK"});
+    treatment.arg_max = treatment.arg_max || node.op_type() == "TopK";
+    treatment.rectified = treatment.rectified || is_one_of(node, {"Relu", "Softplus"});
     if (is_one_of(node, {"Add", "Sub", "Mul", "Div"})) {
       for (const std::string& input : node.input()) {
         treatment.grid = treatment.grid || is_of_grid(network, node, input, grid);
