@@ -60,7 +60,7 @@ def network(cases, opset=13, sizes=None, metadata=None):
 def table(outputs, metadata=None, front="x", planes=3, said=None):
     """Outputs of these values whatever the picture is; front is what the network itself makes of it first. An output
     in parts is joined along the dimension in which they differ; ("Add", values) is a part that is decoded, with zeros for
-    the cells, and another operator is what stands behind the weights."""
+    the cells, and other operators are what stands behind the weights."""
     nodes = [helper.make_node("Mul", ["x", "half"], ["scaled"]), helper.make_node("GlobalAveragePool", [front], ["mean"])]
     weights = {"half": np.float32(.5)}
     shapes = {}
@@ -70,11 +70,13 @@ def table(outputs, metadata=None, front="x", planes=3, said=None):
         for name, (operator, values) in zip(names, parts):
             weights.update({f"{name}w": np.zeros((values.size, planes, 1, 1), np.float32), f"{name}b": np.float32(values.ravel()),
                             f"{name}s": ints(*values.shape)})
-            nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], [f"{name}f"], kernel_shape=[1, 1]),
-                      helper.make_node("Reshape", [f"{name}f", f"{name}s"], [name + "r" * bool(operator)])]
-            if operator:
-                weights[f"{name}0"] = np.zeros(values.shape, np.float32)
-                nodes.append(helper.make_node(operator, [f"{name}r", f"{name}0"][:1 + (operator == "Add")], [name]))
+            behind = operator.split()
+            steps = [f"{name}f", *(f"{name}_before_{step}" for step in range(len(behind))), name]
+            nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], steps[:1], kernel_shape=[1, 1]),
+                      helper.make_node("Reshape", [steps[0], f"{name}s"], steps[1:2])]
+            weights.update({f"{name}Add": np.zeros(values.shape, np.float32), f"{name}Pow": np.float32(2)})
+            nodes += [helper.make_node(operator, [before] + [f"{name}{operator}"] * (operator in ("Add", "Pow")), [after])
+                      for operator, before, after in zip(behind, steps[1:], steps[2:])]
         first, second = parts[0][1].shape, parts[-1][1].shape
         axis = next((i for i, sizes in enumerate(zip(first, second)) if sizes[0] != sizes[1]), len(first) - 1)
         shapes[output] = joined(*(values for _, values in parts), axis=axis).shape
@@ -348,6 +350,15 @@ class NetworkTest(ToolTest):
             helper.set_model_props(model, metadata)
             onnx.save(model, self.folder / f"metadata{number}.onnx")
         self.assert_session_kept("network_heads.txt")
+
+    def test_fusion_that_changes_described_outputs_is_switched_off(self):
+        for operators, differs in (("Pow Neg", True), ("Neg", False)):  # the engine fuses the first two into another power
+            for options, outputs in ((OUT[2:], {"boxes": cells(), "scores": (operators, logits(1, 84, 2))}),
+                                     (["--raw", "o8", "o16", "o32"], layers({"o": lambda s, n, o=operators: (o, logits(1, 6, n, n))}))):
+                (self.folder / "in.onnx").write_bytes(table(outputs))
+                said = self.tool("pack", "in.onnx", *OUT[:2], *options).stderr
+                self.assertEqual("it is switched off in the image" in said, differs)
+                self.assertEqual(b'"fusion": false' in (self.folder / "out.qtm").read_bytes(), differs)
 
     def test_what_is_left_is_refused_with_operator_and_node(self):
         top = case("", [("y i = TopK v k",)], None, {"k": ints(2)})
