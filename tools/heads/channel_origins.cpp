@@ -178,8 +178,8 @@ class Tracer {
   std::vector<ChannelRun> computed(const NodeProto& node, const Shape& shape,
                                    const std::string& value, std::size_t axis) {
     static const std::set<std::string> kElementwise = {"Sigmoid", "HardSigmoid", "Exp", "Tanh",
-                                                          "Clip",    "Sqrt",        "Pow", "Mul",
-                                                          "Add",     "Sub",         "Div", "Relu"};
+                                                       "Clip",    "Sqrt",        "Pow", "Mul",
+                                                       "Add",     "Sub",         "Div", "Relu"};
     std::string input;
     for (const std::string& candidate : node.input()) {
       if (!candidate.empty() && network_.constant(candidate) == nullptr) {

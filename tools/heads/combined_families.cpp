@@ -75,8 +75,8 @@ enum class BehindBox { kClasses, kObjectness, kEither };
 // level where there is nothing.
 BehindBox by_sure_rows(const HeadEvidence& evidence, const RowKind& kind) {
   constexpr double kMost = .8;
-  const std::vector<std::array<double, 2>> rows = evidence.first_and_best_other(
-      {kind, kBox, kind.channels - kBox});
+  const std::vector<std::array<double, 2>> rows =
+      evidence.first_and_best_other({kind, kBox, kind.channels - kBox});
   double sure = 0;
   double both = 0;
   double crowd = 0;
@@ -85,8 +85,8 @@ BehindBox by_sure_rows(const HeadEvidence& evidence, const RowKind& kind) {
     both += row[0] >= .5 && row[1] >= .5 ? 1 : 0;
     crowd += row[0] < .05 && row[1] >= .2 ? 1 : 0;
   }
-  const bool is_objectness = sure > 0 ? both >= kMost * sure
-                                      : crowd > kMost * static_cast<double>(rows.size());
+  const bool is_objectness =
+      sure > 0 ? both >= kMost * sure : crowd > kMost * static_cast<double>(rows.size());
   const bool are_classes = sure > 0 && both <= (1 - kMost) * sure;
   return is_objectness ? BehindBox::kObjectness
          : are_classes ? BehindBox::kClasses

@@ -30,7 +30,8 @@ struct HeadOptions {
   std::optional<std::string> family;
   std::optional<std::vector<int>> strides;
   std::optional<SizesOfLayers> anchors;
-  std::optional<bool> anchors_first;  // rows go anchor by anchor, of each the cells; else cell by cell
+  std::optional<bool>
+      anchors_first;  // rows go anchor by anchor, of each the cells; else cell by cell
   std::optional<SizesOfLayers> prior_sizes;
   std::optional<std::array<double, 2>> variances;     // of the centre and of the size
   std::optional<std::array<double, 2>> score_powers;  // of objectness and class

@@ -62,8 +62,8 @@ class WayBack {
 
  private:
   std::optional<ElementOrigin> step_back(const NodeProto& node, const ElementOrigin& at) const {
-    if (only_reshapes(node) ||
-        is_one_of(node, {"Sigmoid", "HardSigmoid", "Softmax", "Exp", "Tanh", "Relu", "Clip", "Sqrt"})) {
+    if (only_reshapes(node) || is_one_of(node, {"Sigmoid", "HardSigmoid", "Softmax", "Exp", "Tanh",
+                                                "Relu", "Clip", "Sqrt"})) {
       return ElementOrigin{node.input(0), {}, at.place};
     }
     if (node.op_type() == "Transpose") {

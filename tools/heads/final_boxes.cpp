@@ -76,8 +76,7 @@ void conclude_axes(const HeadEvidence& evidence, HeadReading* reading) {
   constexpr double kClear = .5;
   const std::optional<bool> given = evidence.options().y_first;
   const bool suppressed = evidence.question().selection == Selection::kSuppression;
-  const std::optional<double> lead =
-      given ? std::nullopt : clearest_lead(evidence, reading->head);
+  const std::optional<double> lead = given ? std::nullopt : clearest_lead(evidence, reading->head);
   if (!given && !suppressed && !(lead && *lead > kClear)) {
     return;  // x first, as usual
   }

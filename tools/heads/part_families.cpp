@@ -48,8 +48,7 @@ const RowKind* find_box(const HeadEvidence& evidence) {
   if (named != (name_of(*found[1]) == NamedContents::kBoxes)) {
     return found[named ? 0 : 1];
   }
-  const double lead =
-      evidence.mean({*found[0], 0, kBox}) - evidence.mean({*found[1], 0, kBox});
+  const double lead = evidence.mean({*found[0], 0, kBox}) - evidence.mean({*found[1], 0, kBox});
   return lead > kClear ? found[0] : lead < -kClear ? found[1] : nullptr;
 }
 
@@ -83,8 +82,8 @@ KindsOfParts sort_kinds(const HeadEvidence& evidence) {
   }
   // The one of a single channel is the objectness; between two such ones the name decides.
   const bool two = scores.size() == 2;
-  const bool second =
-      two && scores[1]->channels == 1 && (scores[0]->channels > 1 || !is_named_objectness(*scores[0]));
+  const bool second = two && scores[1]->channels == 1 &&
+                      (scores[0]->channels > 1 || !is_named_objectness(*scores[0]));
   if (two && (second || scores[0]->channels == 1)) {
     take(*scores[second ? 1 : 0], &parts.objectness);
     take(*scores[second ? 0 : 1], &parts.classes);
@@ -113,13 +112,12 @@ bool reach_too_far(const HeadEvidence& evidence, const RowKind& box) {
 std::vector<HeadReading> conclude_class_objectness_box(const HeadEvidence& evidence) {
   const HeadLayout& layout = evidence.layout();
   const KindsOfParts parts = sort_kinds(evidence);
-  const bool fits = parts.known == layout.kinds.size() && parts.box != nullptr &&
-                    parts.classes != nullptr && parts.objectness != nullptr &&
-                    layout.anchors == 1 && !layout.strides.empty() &&
-                    name_of(*parts.objectness) != NamedContents::kCentreness &&
-                    !evidence.is_decoded({*parts.box, 0, kBox}) &&
-                    (evidence.is_asked_for("class-objectness-box") ||
-                     !are_distances(evidence, *parts.box));
+  const bool fits =
+      parts.known == layout.kinds.size() && parts.box != nullptr && parts.classes != nullptr &&
+      parts.objectness != nullptr && layout.anchors == 1 && !layout.strides.empty() &&
+      name_of(*parts.objectness) != NamedContents::kCentreness &&
+      !evidence.is_decoded({*parts.box, 0, kBox}) &&
+      (evidence.is_asked_for("class-objectness-box") || !are_distances(evidence, *parts.box));
   if (!fits) {
     return {};
   }
@@ -178,11 +176,10 @@ std::vector<HeadReading> conclude_score_distance(const HeadEvidence& evidence) {
     return {};
   }
   const bool has_points = parts.points != nullptr;
-  HeadReading reading = begin_reading(own, "score-distance",
-                                      std::string("scores, ") +
-                                          (parts.objectness != nullptr ? "centre-ness, " : "") +
-                                          "distances of the sides" +
-                                          (has_points ? " and key points" : "") + " apart");
+  HeadReading reading = begin_reading(
+      own, "score-distance",
+      std::string("scores, ") + (parts.objectness != nullptr ? "centre-ness, " : "") +
+          "distances of the sides" + (has_points ? " and key points" : "") + " apart");
   Head& head = reading.head;
   head.boxes = own.part({*parts.box, 0, kBox});
   head.box_code = BoxCode::kDistances;

@@ -297,8 +297,8 @@ std::vector<HeadReading> conclude_priors(const HeadEvidence& given) {
   const Channels scores = {*tables.scores, 0, tables.scores->channels};
   const bool logits = !own.is_probability(scores);
   const std::int64_t known = own.known_classes();
-  const bool softmax = scores.count > 1 && (known != scores.count ||
-                                            named_background(own, scores.count) >= 0);
+  const bool softmax =
+      scores.count > 1 && (known != scores.count || named_background(own, scores.count) >= 0);
   head.classes = own.probability(scores, options.class_activation, "class", &reading,
                                  softmax ? Activation::kSoftmax : Activation::kSigmoid);
   conclude_background(own, *tables.scores, logits, &reading);
