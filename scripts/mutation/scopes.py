@@ -47,15 +47,16 @@ SCOPES = {
 LIKELY_TESTS = (
     (r"tools/eval/coco/(?!coco_worst)", r"eval_coco"),
     (r"tools/eval/mot/", r"eval_mot"),
+    (r"tools/eval/coco/", r"eval_coco|annotation"),
     (r"tools/eval/", r"eval"),
     (r"tools/compare/", r"compare|annotation"),
     (r"tools/doctor/", r"doctor"),
-    (r"tools/heads/", r"heads"),
-    (r"tools/network/", r"network|heads"),
+    (r"tools/heads/", r"heads|network\.|written|pack"),
+    (r"tools/network/", r"network|written|heads"),
     (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", r"pack|doctor"),
     (r"tools/inspect/", r"pack|network"),
-    (r"tools/pack/", r"pack|heads|network"),
-    (r"tools/(run/|inside/(last_output|result_))", r"run"),
+    (r"tools/pack/", r"pack|heads|network|written"),
+    (r"tools/(run/|inside/(last_output|result_))", r"run|annotation"),
 )
 
 

@@ -90,6 +90,14 @@ class AnnotationTest(ToolTest):
                   "7.pgm")
         (picture,) = (self.folder / "worst").iterdir()
         self.assert_kept(picture.name, picture.read_bytes())
+        # A truth that does not tell both sizes is drawn as it is.
+        shown = []
+        for sizes in ({"width": 520, "height": 400}, {"width": 260}, {"height": 200}, {}):
+            truth["images"] = [{"id": 7, **sizes}]
+            (self.folder / "truth.json").write_text(json.dumps(truth))
+            self.tool("eval", "coco", "truth.json", "results.json", "--worst-pictures", "worst", "--input", "7.pgm")
+            shown.append(picture.read_bytes())
+        self.assertEqual(shown, shown[:1] * 4)
 
     def test_progress_is_shown_on_a_terminal_alone(self):
         make_network(self.folder / "n.onnx", "decoded", 96, 64)

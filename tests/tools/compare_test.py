@@ -3,6 +3,7 @@
 See tool_test.py for the usage. Runs are written by hand; the pictures are plain.
 """
 import json
+import random
 
 from tool_test import ToolTest, main, write_gray
 
@@ -75,6 +76,18 @@ class CompareTest(ToolTest):
     def test_lines_that_run_does_not_write_are_refused_with_their_place(self):
         self.assert_session_kept("compare_lines.txt")
         self.assertFalse((self.folder / "sheet.png").exists())
+
+    def test_choices_and_limits_are_told_in_full(self):
+        chance = random.Random(9)
+        for name in "abc":
+            self.write(f"{name}.jsonl", [frame(number, [box(20 * left + chance.randrange(9), chance.randrange(2), width=chance.choice((0, 10, 20)))
+                                                        for left in range(chance.randrange(5))])
+                                         for number in range(1, FRAMES + 1) if chance.random() < 0.9])
+        self.write("long.jsonl", [frame(number, [box(10)]) for number in range(1, 60)])
+        self.write("half.jsonl", [frame(1, [box(10, width=10)]), frame(2, [box(10, width=9)]), frame(3, [box(10, height=0)]), frame(4, [box(11, height=0)])])
+        self.write("flat.jsonl", [frame(number, [box(10, height=0)]) for number in range(1, 5)])
+        (self.folder / "x=y.jsonl").write_bytes((self.folder / "same.jsonl").read_bytes())
+        self.assert_session_kept("compare_choices.txt")
 
     def test_errors_have_their_exit_code_and_name_the_cause(self):
         self.write("far.jsonl", [frame(FRAMES + 1)])

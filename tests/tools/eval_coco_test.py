@@ -4,6 +4,7 @@ plainer implementation of the same definitions on random boxes.
 See tool_test.py for the usage. A truth box is (image, class, [x, y, width, height], members), a
 result (image, class, box, score).
 """
+import itertools
 import json
 import random
 
@@ -101,6 +102,16 @@ def random_case(seed):
     return truth, results
 
 
+def in_short(value):
+    """A report's JSON with rounded numbers, and curves as the values in turn, each with how often it comes."""
+    if isinstance(value, dict):
+        return {name: in_short(member) for name, member in value.items()}
+    if isinstance(value, list) and len(value) == 101:
+        return " ".join(f"{level:g}*{len(list(run))}" for level, run in itertools.groupby(value))
+    return [in_short(item) for item in value] if isinstance(value, list) else \
+        round(value, 9) if isinstance(value, float) else value
+
+
 class EvalCocoTest(ToolTest):
     def evaluate(self, truth, results, *options, **more):
         """truth and results: files' contents; the JSON of the evaluation."""
@@ -110,6 +121,7 @@ class EvalCocoTest(ToolTest):
                            **more)
         report = json.loads(output.stdout)
         self.assert_fits_schema(report, "eval_coco")
+        self.transcript += json.dumps(in_short(report), ensure_ascii=False) + "\n"
         return report
 
     def metrics(self, truth, results, *options, classes=("person",), pictures=(1,)):
@@ -214,6 +226,7 @@ class EvalCocoTest(ToolTest):
             for name, (least, most) in ranges.items():
                 wanted.update(zip((f"AP{name}", f"AR{name}"), expect(overlaps, least, most)))
             self.assert_metrics(actual, **wanted)
+        self.assert_transcript_kept("eval_coco_random.txt")
 
     def test_confusion_and_worst_pictures(self):
         near = [10, 0, 100, 100]
@@ -340,6 +353,52 @@ class EvalCocoTest(ToolTest):
         (self.folder / "truth.json").write_text(json.dumps(truth_file(frames, pictures=range(1, 6))))
         self.tool("eval", "coco", "truth.json", "results.json", code=4)
         self.assert_transcript_kept("eval_coco_lint.txt")
+
+    def test_limits_are_where_they_are_told_to_be(self):
+        inside, corner = [(1, 0, [50, 50, 20, 20], 0.9)], (1, 0, [100, 100, 950, 950], 0.9)
+        wide, lone, crowd, ignored = [500, 500, 400, 300], [(1, 0, A)], {"iscrowd": 1}, {"ignore": 1}
+        row = [(1, i, tile(2 * i)) for i in range(9)]
+        right = [(1, i, tile(2 * i), 0.9) for i in range(9)]
+        shift = [(1, i + 1, tile(2 * i), 0.9) for i in range(8)]
+        both = lone + [(2, 0, A)]
+        cases = [
+            *((f"edge {box}", lone, [(1, 0, box, 0.9)]) for box in (
+                [-1, 0, 9, 9], [-1.01, 0, 9, 9], [0, -1, 9, 9], [0, -1.01, 9, 9], [992, 0, 9, 9], [992.01, 0, 9, 9], [0, 992, 9, 9],
+                [0, 992.01, 9, 9], [5, 5, 0, 9], [5, 5, 9, 0], [5, 5, 1e-6, 9], [5, 5, 9, 1e-6])),
+            *((f"corners {len(boxes)} {last}", lone, [corner] * 2 + [(1, 0, box, 0.9) for box in boxes] + [(1, 0, last, 0.9)])
+              for boxes, last in (([[10, 10, 20, 20]] * 7, [1, 1, 5, 5]), ([[10, 10, 20, 20]] * 8, [1, 1, 5, 5]),
+                                  ([], [5, 1, 5, 5]), ([], [1, 5, 5, 5]), ([], [1, 1, 1001, 5]), ([], [1, 1, 1001.1, 5]),
+                                  ([], [1, 1, 5, 1001]), ([], [1, 1, 5, 1001.1]))),
+            *((f"{bad} of {of} are no corners", lone, [corner] * (of - bad) + inside * bad) for bad, of in ((1, 99), (1, 100), (1, 101))),
+            ("one corner", lone, [corner]),
+            *((f"score {score}", lone, [(1, 0, A, 0.5), (1, 0, B, score)]) for score in (0, -0.001, 1, 1.001)),
+            *((f"{many} in a picture", both, [(picture, 0, tile(i), 0.9) for picture, number in enumerate(many, 1) for i in range(number)])
+              for many in ((100, 1), (101, 101), (101, 102), (102, 101))),
+            *((f"{few} of {plain} classes shifted", row, right[:plain] + shift[plain:plain + few])
+              for plain, few in ((0, 3), (0, 4), (2, 4), (2, 5), (3, 5), (4, 4))),
+            *((f"overlap of {width} at {score}", [(1, 0, A), (1, 1, B)], [(1, 0, [0, 0, width, 100], score), (1, 0, [300, 0, width, 100], 0.9)])
+              for width, score in ((50, 0.5), (49.9, 0.5), (50, 0.49))),
+            ("ignored and crowd", [(1, 0, A, ignored), (1, 0, wide, crowd), (1, 1, B)], [
+                (1, 0, A, 0.9), (1, 1, A, 0.8), (1, 0, [500, 500, 60, 60], 0.9), (1, 1, [500, 500, 60, 60], 0.7), (1, 1, [560, 500, 900, 60], 0.6),
+                (1, 0, B, 0.9), (1, 0, B, 0.8), (1, 1, [300, 0, 100, 60], 0.9)]),
+            ("equal overlaps", [(1, 0, A), (1, 1, A), (1, 0, B)], [(1, 1, A, 0.6), (1, 0, A, 0.6), (1, 1, B, 0.7), (1, 0, B, 0.6)]),
+            ("as bad as another", both, [(2, 0, B, 0.9), (1, 0, B, 0.9)]),
+            ("again and again", lone, [(1, 0, B, 0.9), (1, 0, A, 0.9), (1, 0, A, 0.8), (1, 0, B, 0.7), (1, 0, A, 0.6)]),
+        ]
+        for name, truth, results in cases:
+            self.transcript += f"# {name}\n"
+            self.evaluate(truth_file(truth, [f"c{i}" for i in range(9)], (1, 2)), result_file(results), "--worst", "1")
+        sizeless = truth_file(lone, ["a"], (1, 2))
+        sizeless["images"][0]["width"] = sizeless["images"][1]["height"] = 0
+        self.evaluate(sizeless, result_file([(1, 0, [-9, 0, 9, 9], 0.9), (2, 0, [-9, 0, 9, 9], 0.9)]))
+        pictures = truth_file([(i, 0, A) for i in range(2, 8)], pictures=range(2, 8))
+        for step in (-1, 1):
+            for few in (3, 4, 6):
+                self.evaluate(pictures, result_file([(i + step, 0, A, 0.9) for i in range(8 - few - (step > 0), 8 - (step > 0))
+                                                     if 2 <= i + step < 8]))
+        for number in ("-0.001", "0", "1", "1.001"):
+            self.tool("eval", "coco", "truth.json", "results.json", "--confusion-score", number, code=0 if "00" not in number else 2)
+        self.assert_transcript_kept("eval_coco_limits.txt")
 
     def test_refuses_bad_files(self):
         self.assert_session_kept("eval_coco_files.txt")

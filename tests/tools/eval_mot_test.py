@@ -6,6 +6,7 @@ by d pixels, two of them overlap by (100 - d) / (100 + d).
 import itertools
 import json
 import random
+import re
 
 from tool_test import ToolTest, main
 
@@ -106,6 +107,7 @@ class EvalMotTest(ToolTest):
         done = self.tool("eval", "mot", *files, "--json", report, *options, **more)
         values = json.loads(report.read_text())
         self.assert_fits_schema(values, "eval_mot")
+        self.transcript += re.sub(r"\d+\.\d+", lambda number: str(round(float(number[0]), 9)), json.dumps(values)) + "\n"
         return values, done
 
     def assert_values(self, part, expected):
@@ -227,6 +229,47 @@ class EvalMotTest(ToolTest):
         values, done = self.evaluate(*cases["repeated_ids"])
         self.assert_values(values["combined"], {"MOTA": 1})
         self.assert_transcript_kept("eval_mot_lint.txt")
+
+    def test_warnings_begin_where_they_are_told_to(self):
+        def rows(kind, number, track=0, **more):
+            return "".join(kind(6, track + i, FAR * i, **more) for i in range(number))
+
+        def frames(found, others, raised):
+            """Boxes that are found as they are, and others under the wrong class."""
+            return (span(truth, range(2, 2 + found + others), 1, 0, 1, 1), span(result, range(2, 2 + found), 5, 0, 1) +
+                    span(result, range(2 + found, 2 + found + others), 5, 0, 1 + raised))
+
+        clips = [
+            *((rows(truth, number), rows(result, other)) for number, other in ((100, 100), (101, 101))),
+            *((rows(truth, 6), rows(result, found) + rows(result, shifted, 50, class_id=1))
+              for found, shifted in ((0, 4), (0, 5), (5, 6))),
+            frames(60, 65, 1), frames(60, 66, -1), frames(66, 72, 1), frames(66, 73, 1),
+            (span(truth, range(1, 41), 1, 0), span(result, range(2, 42), 5, 0)), (span(truth, range(2, 42), 1, 0), span(result, range(1, 41), 5, 0)),
+            (truth(0, 1, 0), result(0, 1, 0)), (truth(0, 1, 0), result(1, 1, 0)), (truth(1, 1, 0), result(0, 1, 0)), (truth(0, 1, 0), ""),
+            *((truth(1, 1, 0, size=size), result(1, 1, 0, size=size)) for size in ("0,9", "9,0", "0.001,9", "9,-0.001")),
+            (truth(5, 1, 0), result(5, 1, 0) + result(5, 1, 9) + result(6, 1, 0)), (truth(5, 1, 0), result(5, 1, 0) + result(5, 1, 9) * 2 + rows(result, 2))]
+        self.evaluate(*itertools.chain(*clips))
+        self.assert_transcript_kept("eval_mot_limits.txt")
+
+    def test_random_scenes_are_told_in_full(self):
+        generator = random.Random(4)
+        texts = []
+        for _ in range(3):
+            scene = ["", ""]
+            tracks = [(generator.uniform(0, 500), generator.uniform(-6, 6), generator.randrange(2)) for _ in range(8)]
+            for frame in range(1, 60):
+                for track, (left, speed, kind) in enumerate(tracks):
+                    place = f"{left + speed * frame:.1f}"
+                    if frame in range(3 * track, 40 + 3 * track) and generator.random() < 0.9:
+                        scene[0] += truth(frame, track + 1, place, int(generator.random() > 0.05 * (track % 3)), kind)
+                    if generator.random() < 0.8:
+                        scene[1] += result(frame, track + 11 + 10 * (frame // (13 + track)), float(place) + generator.uniform(-40, 40),
+                                           kind if generator.random() < 0.95 else 1 - kind, f"{generator.uniform(70, 130):.1f},100")
+            texts += scene
+        self.evaluate(*texts)
+        self.tool("eval", "mot", "truth_1.txt", "result_1.txt", "--classes", "1", "--timeline", "scene.svg")
+        self.assert_transcript_kept("eval_mot_scenes.txt")
+        self.assert_kept("eval_mot_scene.svg", (self.folder / "scene.svg").read_text())
 
     def test_rows_are_read_with_tolerance(self):
         text = "\ufeff# frame,id\r\n\r\n 1 , 1.0 ,0,0,\t100,100,1,0,-1,1\r\n2,1,0,0,100,100,1,0,0.5"

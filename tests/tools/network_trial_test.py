@@ -4,6 +4,8 @@ inspect and run say so in one sentence, leave nothing behind, and can be interru
 See tool_test.py for the usage and harmful_network in tests/support/tiny_onnx.h for the networks.
 """
 import json
+import math
+import os
 import pathlib
 import re
 import signal
@@ -90,6 +92,29 @@ class NetworkTrialTest(ToolTest):
             while not has_ended(child):  # or the test's time runs out
                 time.sleep(0.01)
             self.assertEqual(sorted(self.folder.iterdir()), before)
+
+    def test_the_trial_has_its_limits_and_each_end_of_it_is_told(self):
+        self.make("never-ends")
+        size = (self.folder / "never-ends.qtm").stat().st_size
+        memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGESIZE")
+        for number, factor in ((signal.SIGINT, .5), (signal.SIGTERM, 2), (signal.SIGHUP, 1), (signal.SIGQUIT, 1), (signal.SIGKILL, 1), (signal.SIGXCPU, 1),
+                               (signal.SIGALRM, 1), (signal.SIGSEGV, 1)):
+            process = subprocess.Popen([TOOL, "inspect", "never-ends.qtm"], cwd=self.folder, env={**os.environ, "OLVEX_DET_LIMITS": str(factor)},
+                                       stderr=subprocess.PIPE, encoding="utf-8")
+            self.addCleanup(process.kill)
+            child = pathlib.Path(f"/proc/{child_of(process)}")
+            limits = {}
+            while limits.get("Max cpu time") != str(math.ceil((120 + 2 * size / 2**20) * factor)):  # or the test's time runs out
+                time.sleep(0.01)
+                limits = {line[:26].strip(): line[26:].split()[0] for line in (child / "limits").read_text().splitlines()}
+            if not SANITIZED:
+                page = 4096  # what the kernel rounds to
+                self.assertEqual(int(limits["Max data size"]) // page, int(min(8 * 2**30 + 16 * size, memory) * factor) // page)
+            self.assertEqual((limits["Max core file size"], (child / "oom_score_adj").read_text()), ("0", "1000\n"))
+            os.kill(int(child.name), number)
+            said = process.communicate()[1]
+            self.transcript += f"{number.name}: exit code {process.returncode}, {said}"
+        self.assert_transcript_kept("network_trial_ends.txt")
 
     def test_the_factor_of_the_limits_is_a_number(self):
         make_network(self.folder / "sound.onnx", "decoded", 64, 32)

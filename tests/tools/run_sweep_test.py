@@ -12,6 +12,7 @@ import random
 import resource
 import shutil
 import signal
+import struct
 import subprocess
 import tempfile
 import time
@@ -282,10 +283,18 @@ class RunSweepTest(ToolTest):
         edited = (self.out / "edited.mp4").read_bytes().replace(one_edit + (2000).to_bytes(4, "big"),
                                                                 one_edit + (40).to_bytes(4, "big"))
         large_box = (1).to_bytes(4, "big") + b"free" + (16).to_bytes(8, "big")
+        longest = (self.out / "longest.mkv").read_bytes()
+        seconds = longest.index(b"\x44\x89\x88") + 3  # the double behind it is the duration
+        longest = longest[:seconds] + struct.pack(">d", 1.2 * struct.unpack_from(">d", longest, seconds)[0]) + longest[seconds + 8:]
         for number, (data, whole) in enumerate((
                 (longer, True), (longer + b"JUNK" + bytes(4), False), (longer[:-1], False), (edited, True),
-                (edited.replace(b"ftyp", b"wide", 1), True), (edited + large_box, True),
-                (edited + large_box[:-1] + b"\x0f", False), (edited + bytes(4) + b"free", False))):
+                (longer + b"RIFF\x03\0\0\0" + bytes(4), True), (longer + b"RIFF\x04\0\0\0" + bytes(4), True), (longer + b"RIFF\x03\0\0\0" + bytes(3), False),
+                (edited.replace(b"ftyp", b"wide", 1), True), (edited.replace(b"ftyp", b"skip", 1), True), (edited + large_box, True),
+                (edited + large_box[:-1] + b"\x0f", False), (edited + bytes(4) + b"free", False), (edited + b"\0\0\0\x08none", True),
+                (edited + b"\0\0\0\x07none", False), (edited + b"\0\0\0\x09none", False), (edited + b"\0\0\1\x08none" + bytes(256), True),
+                (longest, True), *((longest + more, whole) for more, whole in (
+                    (b"\xec\x81\0", True), (b"\xec\x81", False), (b"\xec\x81\0\0", False), (b"\x40\xec\x40\1\0", True), (b"\x10\0\0\xec\x80", True),
+                    (b"\x08\0\0\0\xec\x80", False), (b"\xec\x01" + bytes(6) + b"\2\0\0", True), (b"\xec\0" + bytes(8), False), (b"\xec\xff", False))))):
             video = self.out / f"{number}.video"
             video.write_bytes(data)
             self.tool("run", self.model, video, code=0 if whole else 4, said=[
@@ -295,6 +304,7 @@ class RunSweepTest(ToolTest):
         pictures = self.folder / "fifty"
         self.write_pictures(pictures, 50)
         self.run_with("--video", "edited.mp4", pictures=pictures)
+        self.run_with("--video", "longest.mkv", pictures=pictures)
         self.run_with("--video", "cut.avi", pictures=pictures)
         video = self.out / "cut.avi"
         shutil.copy(video, self.out / "longer.avi")

@@ -213,6 +213,11 @@ class RunTest(ToolTest):
             size = struct.unpack(">II", path.read_bytes()[16:24])
             self.assertTrue(size[0] >= least[0] and size[1] >= least[1], (path, size))
         self.assertEqual(len(self.frames_of(self.model, "video.mp4")), 7)
+        self.run_tool(self.model, "video.mp4", "--skip", 3, "--jsonl", "lines")
+        frames = read_json_lines((self.folder / "lines").read_text())
+        self.assertEqual([(frame["frame"], frame["pts"], frame["source"]) for frame in frames],
+                         [(number, 40000 * number - 40000, "video.mp4") for number in range(4, 8)])
+        self.assertEqual(self.tool("compare", "video.mp4", "a=lines", "--at", "7,5", "-o", "sheet.png").stdout.splitlines()[0], "frames 5, 7")
 
     def test_errors_have_their_exit_code_and_name_the_cause(self):
         write_picture(self.folder / "picture.ppm", {})
