@@ -3,8 +3,8 @@
 
 Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
 platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
-the tools, common includes none of the others, frames and network include common, heads also network, inside all
-of these, a subcommand those that it uses and no other subcommand; inside alone includes the library's own
+the tools, common and codecs include none of the others, frames both, network common, heads also network, inside
+all of these, a subcommand those that it uses and no other subcommand; inside alone includes the library's own
 headers, but for the build string in main.cpp. A folder without a rule, an include that names no file, and a
 permission that no file uses are faults, too.
 """
@@ -37,7 +37,8 @@ KNOWN = {
     "examples/": (PUBLIC,),
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
-    "tools/frames/": ("tools/common/", IMAGE),
+    "tools/codecs/": (),
+    "tools/frames/": ("tools/common/", "tools/codecs/", IMAGE),
     "tools/network/": ("tools/common/",),
     "tools/heads/": ("tools/common/", "tools/network/", IMAGE),
     "tools/inside/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", IMAGE, HOST, CONTRACT,

@@ -58,17 +58,33 @@ def network(cases, opset=13, sizes=None, metadata=None):
 
 
 def table(outputs, metadata=None, front="x", planes=3, said=None):
-    """Outputs of these values whatever the picture is; front is what the network itself makes of it first."""
+    """Outputs of these values whatever the picture is; front is what the network itself makes of it first. An output
+    in parts is joined along the dimension in which they differ; ("Add", values) is a part that is decoded, with zeros for
+    the cells, and other operators are what stands behind the weights."""
     nodes = [helper.make_node("Mul", ["x", "half"], ["scaled"]), helper.make_node("GlobalAveragePool", [front], ["mean"])]
     weights = {"half": np.float32(.5)}
-    for name, values in outputs.items():
-        weights.update({f"{name}w": np.zeros((values.size, planes, 1, 1), np.float32), f"{name}b": np.float32(values.ravel()),
-                        f"{name}s": ints(*values.shape)})
-        nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], [f"{name}f"], kernel_shape=[1, 1]),
-                  helper.make_node("Reshape", [f"{name}f", f"{name}s"], [name])]
+    shapes = {}
+    for output, parts in outputs.items():
+        parts = [part if isinstance(part, tuple) else ("", part) for part in (parts if isinstance(parts, list) else [parts])]
+        names = [output] if len(parts) == 1 else [f"{output}_{number}" for number in range(len(parts))]
+        for name, (operator, values) in zip(names, parts):
+            weights.update({f"{name}w": np.zeros((values.size, planes, 1, 1), np.float32), f"{name}b": np.float32(values.ravel()),
+                            f"{name}s": ints(*values.shape)})
+            behind = operator.split()
+            steps = [f"{name}f", *(f"{name}_before_{step}" for step in range(len(behind))), name]
+            nodes += [helper.make_node("Conv", ["mean", f"{name}w", f"{name}b"], steps[:1], kernel_shape=[1, 1]),
+                      helper.make_node("Reshape", [steps[0], f"{name}s"], steps[1:2])]
+            weights.update({f"{name}Add": np.zeros(values.shape, np.float32), f"{name}Pow": np.float32(2)})
+            nodes += [helper.make_node(operator, [before] + [f"{name}{operator}"] * (operator in ("Add", "Pow")), [after])
+                      for operator, before, after in zip(behind, steps[1:], steps[2:])]
+        first, second = parts[0][1].shape, parts[-1][1].shape
+        axis = next((i for i, sizes in enumerate(zip(first, second)) if sizes[0] != sizes[1]), len(first) - 1)
+        shapes[output] = joined(*(values for _, values in parts), axis=axis).shape
+        if len(parts) > 1:
+            nodes.append(helper.make_node("Concat", names, [output], axis=axis))
     graph = helper.make_graph(
         nodes[front == "x":], "graph", [helper.make_tensor_value_info("x", TensorProto.FLOAT, (1, planes, 64, 64))],
-        [helper.make_tensor_value_info(name, TensorProto.FLOAT, said or values.shape) for name, values in outputs.items()],
+        [helper.make_tensor_value_info(name, TensorProto.FLOAT, said or shape) for name, shape in shapes.items()],
         [numpy_helper.from_array(np.asarray(value), name) for name, value in weights.items()])
     model = helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=7)
     helper.set_model_props(model, metadata or {})
@@ -77,6 +93,11 @@ def table(outputs, metadata=None, front="x", planes=3, said=None):
 
 def logits(*shape):
     return np.random.default_rng(1).normal(0, 3, shape)
+
+
+def low(values, *channels, axis=1):
+    """With these far below the others, as logits of scores are."""
+    return values - 9 * np.isin(np.arange(values.shape[axis]), channels).reshape([-1 if i == axis else 1 for i in range(values.ndim)])
 
 
 def shares(*shape):
@@ -92,9 +113,32 @@ def layers(kinds, strides=(8, 16, 32)):
     return {f"{name}{stride}": of(stride, 64 // stride) for stride in strides for name, of in kinds.items()}
 
 
+def cells(strides=(8, 16, 32)):
+    """Boxes of 20 x 10 pixels in the middle of every cell of a picture of 64 x 64."""
+    middles = [((column + .5) * stride, (row + .5) * stride)
+               for stride in strides for row in range(64 // stride) for column in range(64 // stride)]
+    return np.float32([[(x - 10, y - 5, x + 10, y + 5) for x, y in middles]])
+
+
+def in_rows(content, order, anchors=3):
+    """The layers 1 x A C x H x W of table() as rows 1 x H W A x C, by this order of the dimensions A, C, H, W."""
+    model = onnx.load_from_string(content)
+    for output in model.graph.output:
+        channels, height, width = (size.dim_value for size in output.type.tensor_type.shape.dim[1:])
+        shape = (1, height * width * anchors, channels // anchors)
+        model.graph.initializer.extend([numpy_helper.from_array(ints(1, anchors, channels // anchors, height, width), f"{output.name}x"),
+                                        numpy_helper.from_array(ints(*shape), f"{output.name}y")])
+        model.graph.node.extend([
+            helper.make_node("Reshape", [output.name, f"{output.name}x"], [f"{output.name}z"]),
+            helper.make_node("Transpose", [f"{output.name}z"], [f"{output.name}t"], perm=[0, *order]),
+            helper.make_node("Reshape", [f"{output.name}t", f"{output.name}y"], [f"{output.name}_rows"])])
+        output.CopyFrom(helper.make_tensor_value_info(f"{output.name}_rows", TensorProto.FLOAT, shape))
+    return model.SerializeToString()
+
+
 def outputs_of_heads():
     """By their names, networks whose head inspect has to conclude, or refuse."""
-    cells = {"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2)}
+    pair = {"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2)}
     own = joined(shares(1, 1, 4, 4), logits(1, 4, 4, 4), shares(1, 3, 4, 4), axis=1)
     likely = np.exp(logits(1, 168, 3))
     likely /= likely.sum(2, keepdims=True)
@@ -107,18 +151,50 @@ def outputs_of_heads():
         "priors": table({"b": logits(1, 235, 4), "s": shares(1, 235, 3)}),
         "landmarks": table({"b": logits(1, 168, 4), "s": likely, "p": logits(1, 168, 10)}),
         "landmarks_of_one": table({"b": logits(1, 168, 4), "s": likely[..., :2] / likely[..., :2].sum(2, keepdims=True), "p": logits(1, 168, 15)}),
-        "apart": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1), "k": lambda s, n: logits(1, n * n, 10)})),
-        "pointless": table(layers({**cells, "o": lambda s, n: shares(1, n * n, 1)})),
-        "distances": table(layers(cells), {"names": "{1: 'b'}"}),
+        "apart": table(layers({**pair, "o": lambda s, n: shares(1, n * n, 1), "k": lambda s, n: logits(1, n * n, 10)})),
+        "pointless": table(layers({**pair, "o": lambda s, n: shares(1, n * n, 1)})),
+        "distances": table(layers(pair), {"names": "{1: 'b'}"}),
         "bins": table(layers({"o": lambda s, n: joined(logits(1, n * n, 32), shares(1, n * n, 2))}), {"classes": "a\nb"}),
         "gray": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), planes=1),
         "uneven": table({name: logits(1, 6, rows, 8) for name, rows in (("a", 8), ("b", 7), ("c", 6))}),
         "own": table({"o": own}, front="scaled"),
-        "no_points": table(layers({"c": lambda s, n: logits(1, n * n, 20), "b": cells["b"], "o": lambda s, n: logits(1, n * n, 1)})),
+        "no_points": table(layers({"c": lambda s, n: logits(1, n * n, 20), "b": pair["b"], "o": lambda s, n: logits(1, n * n, 1)})),
         "not_raw": table(layers({"o": lambda s, n: logits(1, 6, n, n)}), {"names": "['men\'s shoe']"}),
         "counted": table(layers({"o": lambda s, n: joined(logits(1, n * n, 1) - 9, logits(1, n * n, 32))}), {"names": "x"}),
-        "older": table(layers({"o": lambda s, n: logits(1, 21, n, n)}, (16, 32))),
-        "oldest": table(layers({"o": lambda s, n: logits(1, 125, n, n)}, (32,)))}
+        "older": table(layers({"o": lambda s, n: low(logits(1, 21, n, n), 4, 11, 18)}, (16, 32))),
+        "oldest": table(layers({"o": lambda s, n: low(logits(1, 125, n, n), *range(4, 125, 25))}, (32,))),
+        # Two readings, and what tells them apart: the level of values, the rows of a cell, the order of dimensions.
+        "either": table({"o": [("Add", cells()), shares(1, 84, 4) / 3]}),
+        "sure": table({"o": [("Add", cells()), np.float32([[(i % 5 == 0, .1, .9, .2) for i in range(84)]])]}),
+        "classes": table({"o": [("Add", cells()), np.float32([[(i % 5 == 0, .1, 0, .2) for i in range(84)]])]}),
+        "two_of_each": table({"o": [("Add", cells().repeat(2, 1)), shares(1, 168, 4)]}),
+        "columns": table({"o": [("Add", cells().transpose(0, 2, 1)), logits(1, 5, 84) - 6]}),
+        "never": table({"o": [("Add", cells()), shares(1, 84, 1), ("Sigmoid", np.full((1, 84, 1), -200.))]}),
+        "always": table({"o": [("Add", cells()), shares(1, 84, 1), ("Sigmoid", np.full((1, 84, 1), 200.))]}),
+        "y_first": table({"o": [("Add", cells()[..., [1, 0, 3, 2]]), shares(1, 84, 1)]}),
+        "named": table({"conf": logits(1, 235, 4), "loc": logits(1, 235, 4)}),
+        "unnamed": table({"a": logits(1, 235, 4), "b": logits(1, 235, 4)}),
+        "box_scores": table({"box_scores": shares(1, 84, 4), "box_coords": ("Add", cells())}),
+        "centre-ness": table(layers({"cls": lambda s, n: shares(1, 3, n, n), "ctr": lambda s, n: shares(1, 1, n, n),
+                                     "reg": lambda s, n: ("Relu", logits(1, 4, n, n))})),
+        "far": table(layers({"cls": lambda s, n: shares(1, 3, n, n), "ctr": lambda s, n: shares(1, 1, n, n),
+                             "reg": lambda s, n: ("Relu", 99 * logits(1, 4, n, n))})),
+        "four": table(layers({"a": lambda s, n: logits(1, 4, n, n) - 5, "b": lambda s, n: logits(1, 1, n, n), "c": lambda s, n: logits(1, 4, n, n)})),
+        "bins_or_anchors": table(layers({"o": lambda s, n: logits(1, 33, n, n)})),
+        "low_class": table(layers({"o": lambda s, n: low(logits(1, 33, n, n), 32)})),
+        "low_objectness": table(layers({"o": lambda s, n: low(logits(1, 18, n, n), 4)})),
+        "background": table({"b": logits(1, 235, 4), "s": shares(1, 235, 2)}, {"names": "['BACKGROUND', 'face']"}),
+        "point_logits": table({"p": logits(1, 168, 10), "b": logits(1, 168, 4), "s": logits(1, 168, 2)}),
+        "layers_of_priors": table(layers({"b": lambda s, n: logits(1, 2 * n * n, 4), "p": lambda s, n: logits(1, 2 * n * n, 10), "s": lambda s, n: likely[:, :2 * n * n, :2]
+                                          / likely[:, :2 * n * n, :2].sum(2, keepdims=True)})),
+        "boxes_apart": table({"b": ("Add", cells().reshape(1, 84, 1, 4)), "s": shares(1, 84, 3)}),
+        "fractions": table({"b": ("Add", cells() / 64), "landmarks": ("Add", np.tile(cells()[..., :2] / 64, 5).clip(0, 1)), "s": shares(1, 84, 1)}),
+        "anchors_last": table(layers({"o": lambda s, n: logits(1, n, n, 3, 7)})),
+        "channels_last": table(layers({"o": lambda s, n: low(logits(1, n, n, 6), 4, 5, axis=3)})),
+        "beside": table({"o": [("Add", cells().transpose(0, 2, 1)), shares(1, 3, 84)], **layers({"raw": lambda s, n: logits(1, 7, n, n)})}),
+        "two_sets": table({"o": logits(1, 20, 25)}, {"names": str(list("abcdefghijklmnopqrst"))}),
+        "cell_by_cell": in_rows(table(layers({"o": lambda s, n: ("Neg", logits(1, 21, n, n))})), (3, 4, 1, 2)),
+        "anchor_by_anchor": in_rows(table(layers({"o": lambda s, n: ("Neg", logits(1, 21, n, n))})), (1, 3, 4, 2))}
 
 
 METADATA = (
@@ -189,6 +265,8 @@ CASES = [
     case("Softmax", [("y = Softmax v", {"axis": 1})], lambda v: softmax(v, 1, 2, 3), opset=11),
     case("Softmax", [("y = Softmax v",)], lambda v: softmax(v, 3)),
     case("reduction", [("y = ReduceSum v a", {"keepdims": 0})], lambda v: v.sum(2), {"a": ints(-1)}, shape=LIST),
+    case("TopK of one", [("t i = TopK v one", {"axis": -1}), ("c = Cast i", {"to": 1}), ("y = Add t c",)],
+         lambda v: v.max(-1, keepdims=True) + v.argmax(-1)[..., None], {"one": ints(1)}, shape=LIST),
     case("Gather", [("y = Gather v i", {"axis": -1})], lambda v: v[..., [3, 0, 1]], {"i": ints(3, 0, -3)}, shape=LIST),
     case("Gather", [("y = Gather v i", {"axis": 1})], lambda v: v[:, [2]], {"i": ints(2)}),
     *(case("Slice", [(f"y = Slice v {inputs}",)], lambda v, c=cut: v[c], {"a": ints(0, 1), "b": ints(2, 3), "c": ints(3, 1), "f": ints(-1),
@@ -272,6 +350,15 @@ class NetworkTest(ToolTest):
             helper.set_model_props(model, metadata)
             onnx.save(model, self.folder / f"metadata{number}.onnx")
         self.assert_session_kept("network_heads.txt")
+
+    def test_fusion_that_changes_described_outputs_is_switched_off(self):
+        for operators, differs in (("Pow Neg", True), ("Neg", False)):  # the engine fuses the first two into another power
+            for options, outputs in ((OUT[2:], {"boxes": cells(), "scores": (operators, logits(1, 84, 2))}),
+                                     (["--raw", "o8", "o16", "o32"], layers({"o": lambda s, n, o=operators: (o, logits(1, 6, n, n))}))):
+                (self.folder / "in.onnx").write_bytes(table(outputs))
+                said = self.tool("pack", "in.onnx", *OUT[:2], *options).stderr
+                self.assertEqual("it is switched off in the image" in said, differs)
+                self.assertEqual(b'"fusion": false' in (self.folder / "out.qtm").read_bytes(), differs)
 
     def test_what_is_left_is_refused_with_operator_and_node(self):
         top = case("", [("y i = TopK v k",)], None, {"k": ints(2)})

@@ -6,6 +6,7 @@ by their mean red, green and blue; see tests/support/tiny_onnx.h.
 import json
 import os
 import pathlib
+import shutil
 import signal
 import struct
 import subprocess
@@ -277,6 +278,18 @@ class RunTest(ToolTest):
             self.assertEqual({frame.shape for frame in shown}, {shape})
         # What is fitted into the first one's size has a black border.
         self.assertLess(max(shown[1][-8:].max(), shown[1][:8].max()), 40)
+
+    def test_codecs_that_are_not_installed_are_named(self):
+        built, other = pathlib.Path(TOOL).parents[1], self.folder / "other"
+        for file in (TOOL, *built.glob("lib/libolvex_det.so.?"), built / "lib/libqv_host.so"):
+            copy = other / pathlib.Path(file).relative_to(built)
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(file, copy)
+        shutil.copy(built / "lib/libolvex_picture_codec.so", self.folder)  # the current folder is no place
+        result = subprocess.run([other / "bin/olvex-det", "run", self.model, self.moving_squares()],
+                                cwd=self.folder, capture_output=True, encoding="utf-8")
+        self.assertEqual(result.returncode, 70)
+        self.assertRegex(result.stderr, "libolvex_picture_codec.so: cannot open .*Install olvex-det with all")
 
     def test_an_interrupted_run_leaves_complete_files(self):
         pictures = self.moving_squares()

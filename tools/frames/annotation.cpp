@@ -1,4 +1,4 @@
-// annotation.cpp - drawing with OpenCV's imgproc module, encoding with imgcodecs.
+// annotation.cpp - drawing with OpenCV's imgproc module, encoding by its codecs.
 #include "tools/frames/annotation.h"
 
 #include <algorithm>
@@ -6,12 +6,12 @@
 #include <filesystem>
 #include <system_error>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
 #include "tools/common/text.h"
+#include "tools/frames/codec_modules.h"
 
 namespace olvex_tools {
 
@@ -219,7 +219,7 @@ std::string encoded_picture(const std::string& path, const cv::Mat& picture) {
   std::vector<unsigned char> bytes;
   bool encoded = false;
   try {
-    encoded = cv::imencode(fs::path(path).extension().string(), picture, bytes);
+    encoded = encode_picture(fs::path(path).extension().string(), picture, &bytes);
   } catch (const cv::Exception&) {
     // An unknown extension, which is reported below like any other refusal.
   }

@@ -11,10 +11,9 @@
 #include <system_error>
 #include <utility>
 
-#include <opencv2/imgcodecs.hpp>
-
 #include "tools/common/command.h"
 #include "tools/common/text.h"
+#include "tools/frames/codec_modules.h"
 #include "tools/frames/frame_source.h"
 
 namespace olvex_tools {
@@ -148,10 +147,7 @@ class FileSource : public FrameSource {
 void read_picture(const fs::path& path, SourceFrame* frame) {
   const std::vector<unsigned char> bytes = bytes_of(path);
   try {
-    // Not imread: that prints the name, which may hold anything, to the terminal.
-    if (!bytes.empty()) {
-      frame->picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
-    }
+    frame->picture = decode_picture(bytes);
   } catch (const cv::Exception& error) {
     refuse_input(path, "cannot be read as a picture: " + error.err);
   }

@@ -7,9 +7,9 @@
 #include <fstream>
 
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 #include "tools/common/command.h"
+#include "tools/frames/codec_modules.h"
 #include "tools/frames/frame_source.h"
 
 namespace olvex_tools {
@@ -27,7 +27,7 @@ class CaptureSource : public FrameSource {
   bool next(SourceFrame* frame) override {
     // A new matrix each time: the decoder reuses the memory behind the last one.
     cv::Mat picture;
-    if (!capture_.read(picture) || picture.empty()) {
+    if (!capture_->read(picture) || picture.empty()) {
       check_end();
       return false;
     }
@@ -52,12 +52,12 @@ class CaptureSource : public FrameSource {
   virtual std::uint64_t time_of_frame() = 0;
 
   void find_rate() {
-    const double rate = capture_.get(cv::CAP_PROP_FPS);
+    const double rate = capture_->get(cv::CAP_PROP_FPS);
     rate_ = std::isfinite(rate) && rate > 0 && rate <= kHighestRate ? rate : kUsualRate;
   }
 
   std::string name_;
-  cv::VideoCapture capture_;
+  const std::unique_ptr<cv::VideoCapture> capture_ = make_video_capture();
   double rate_ = kUsualRate;
   long position_ = 0;  // frames read or skipped so far
 };
@@ -71,7 +71,7 @@ class VideoSource : public CaptureSource {
     }
     // Not CAP_ANY: that takes an unknown file for the first of a numbered series.
     const std::string local = local_path(path);
-    if (!capture_.open(local, cv::CAP_FFMPEG) && !capture_.open(local, cv::CAP_GSTREAMER)) {
+    if (!capture_->open(local, cv::CAP_FFMPEG) && !capture_->open(local, cv::CAP_GSTREAMER)) {
       refuse_input(path, "is neither a video nor a picture that can be read");
     }
     find_rate();
@@ -79,13 +79,13 @@ class VideoSource : public CaptureSource {
 
   // Decodes and drops: seeking lands on another frame than asked for in many videos.
   bool skip() override {
-    const bool skipped = capture_.grab();
+    const bool skipped = capture_->grab();
     position_ += skipped ? 1 : 0;
     return skipped;
   }
 
   std::optional<long> length() const override {
-    const double count = capture_.get(cv::CAP_PROP_FRAME_COUNT);
+    const double count = capture_->get(cv::CAP_PROP_FRAME_COUNT);
     constexpr double kMost = 1e9;
     return count >= 1 && count <= kMost ? std::make_optional(static_cast<long>(count))
                                         : std::nullopt;
@@ -100,7 +100,7 @@ class VideoSource : public CaptureSource {
   }
 
   std::uint64_t time_of_frame() override {
-    const double milliseconds = capture_.get(cv::CAP_PROP_POS_MSEC);
+    const double milliseconds = capture_->get(cv::CAP_PROP_POS_MSEC);
     constexpr double kLongest = 1e12;
     const bool is_known = position_ > 1 && milliseconds > 0 && milliseconds < kLongest;
     return is_known ? static_cast<std::uint64_t>(std::llround(milliseconds * 1000))
@@ -111,7 +111,7 @@ class VideoSource : public CaptureSource {
 class CameraSource : public CaptureSource {
  public:
   CameraSource(const std::string& name, const std::string& device) : CaptureSource(name) {
-    if (!capture_.open(device, cv::CAP_V4L2)) {
+    if (!capture_->open(device, cv::CAP_V4L2)) {
       refuse_input(name, device +
                              " cannot be opened as a camera. It may be in use by another "
                              "program, or you may lack the right to use it");

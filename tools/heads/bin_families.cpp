@@ -63,6 +63,21 @@ std::vector<BinsAndClasses> most_likely(const HeadEvidence& evidence,
   return found;
 }
 
+// In one piece without names: any of the commonest numbers of bins may fit, in front of the classes or behind them,
+// whichever leaves the lower logits to the classes.
+void add_untraced(const HeadEvidence& evidence, const RowKind& kind,
+                  std::vector<BinsAndClasses>* found) {
+  for (const std::int64_t bins : {8, 16}) {
+    const std::int64_t side = bins * kBox;
+    std::vector<BinsAndClasses> orders;
+    add_if_fitting(evidence, {kind, 0, side}, {kind, side, kind.channels - side}, &orders);
+    add_if_fitting(evidence, {kind, kind.channels - side, side}, {kind, 0, kind.channels - side},
+                   &orders);
+    orders = most_likely(evidence, orders);
+    found->insert(found->end(), orders.begin(), orders.end());
+  }
+}
+
 std::vector<BinsAndClasses> find_bins(const HeadEvidence& evidence) {
   const std::vector<RowKind>& kinds = evidence.layout().kinds;
   std::vector<BinsAndClasses> found;
@@ -87,7 +102,11 @@ std::vector<BinsAndClasses> find_bins(const HeadEvidence& evidence) {
       add_if_fitting(evidence, {kind, all - side, side}, {kind, 0, all - side}, &found);
     }
   }
-  return most_likely(evidence, found);
+  found = most_likely(evidence, found);
+  if (kind.runs.size() < 2 && found.empty() && evidence.known_classes() == 0) {
+    add_untraced(evidence, kind, &found);
+  }
+  return found;
 }
 
 HeadReading distance_bins_reading(const HeadEvidence& evidence, const BinsAndClasses& parts) {
@@ -109,7 +128,7 @@ HeadReading distance_bins_reading(const HeadEvidence& evidence, const BinsAndCla
   set_cell_references(evidence, evidence.layout().strides.size() == 4 ? 0 : .5, &reading);
   head.classes =
       evidence.probability(parts.classes, evidence.options().class_activation, "class", &reading);
-  conclude_class_count(evidence, parts.classes.count, &reading);
+  conclude_class_count(parts.classes.count, &reading);
   return reading;
 }
 

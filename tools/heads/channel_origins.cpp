@@ -10,6 +10,8 @@
 #include <optional>
 #include <set>
 
+#include "tools/network/selection_nodes.h"
+
 namespace olvex_tools {
 
 namespace {
@@ -17,10 +19,6 @@ namespace {
 using onnx::NodeProto;
 
 constexpr int kMostSteps = 2000;
-
-bool is_one_of(const NodeProto& node, const std::vector<std::string>& operations) {
-  return std::find(operations.begin(), operations.end(), node.op_type()) != operations.end();
-}
 
 bool has_weights(const NodeProto& node) {
   return is_one_of(node, {"Conv", "ConvTranspose", "Gemm", "MatMul", "ConvInteger", "MatMulInteger",
@@ -179,9 +177,9 @@ class Tracer {
   // What computes each element by itself has the runs of what it takes; they come from this node.
   std::vector<ChannelRun> computed(const NodeProto& node, const Shape& shape,
                                    const std::string& value, std::size_t axis) {
-    static const std::vector<std::string> kElementwise = {"Sigmoid", "HardSigmoid", "Exp", "Tanh",
-                                                          "Clip",    "Sqrt",        "Pow", "Mul",
-                                                          "Add",     "Sub",         "Div", "Relu"};
+    static const std::set<std::string> kElementwise = {"Sigmoid", "HardSigmoid", "Exp", "Tanh",
+                                                       "Clip",    "Sqrt",        "Pow", "Mul",
+                                                       "Add",     "Sub",         "Div", "Relu"};
     std::string input;
     for (const std::string& candidate : node.input()) {
       if (!candidate.empty() && network_.constant(candidate) == nullptr) {
@@ -282,10 +280,15 @@ Treatment treatment_of(const NetworkGraph& network, const std::vector<std::strin
     if (has_weights(node)) {
       return false;
     }
+    if (is_one_of(node, {"ArgMax", "Greater", "GreaterOrEqual", "Less", "LessOrEqual", "Equal"})) {
+      treatment.arg_max = treatment.arg_max || node.op_type() == "ArgMax";
+      return false;
+    }
     treatment.sigmoid = treatment.sigmoid || is_one_of(node, {"Sigmoid", "HardSigmoid"});
     treatment.softmax = treatment.softmax || node.op_type() == "Softmax";
     treatment.exponential = treatment.exponential || node.op_type() == "Exp";
-    treatment.arg_max = treatment.arg_max || is_one_of(node, {"ArgMax", "TopK"});
+    treatment.arg_max = treatment.arg_max || node.op_type() == "TopK";
+    treatment.rectified = treatment.rectified || is_one_of(node, {"Relu", "Softplus"});
     if (is_one_of(node, {"Add", "Sub", "Mul", "Div"})) {
       for (const std::string& input : node.input()) {
         treatment.grid = treatment.grid || is_of_grid(network, node, input, grid);
@@ -300,7 +303,8 @@ std::int64_t reduced_size(const NetworkGraph& network, const std::string& value)
   std::int64_t size = 0;
   walk_back(network, {value}, [&](const NodeProto& node) {
     const std::optional<Shape> shape = network.shape_of(node.input_size() > 0 ? node.input(0) : "");
-    if (size == 0 && shape && is_one_of(node, {"ArgMax", "ReduceMax"})) {
+    if (size == 0 && shape &&
+        (is_one_of(node, {"ArgMax", "ReduceMax"}) || chooses_class(network, node))) {
       const Shape axes = integers_attribute(node, "axes");
       std::int64_t axis = axes.empty() ? integer_attribute(node, "axis", -1) : axes.front();
       axis += axis < 0 ? static_cast<std::int64_t>(shape->size()) : 0;

@@ -27,12 +27,14 @@ std::vector<ChannelRun> trace_channels(const NetworkGraph& network, const std::s
 // The runs of several tensors with the same channels: one ends where one of theirs does.
 std::vector<ChannelRun> merge_runs(const std::vector<std::vector<ChannelRun>>& layers);
 
-// What was done to values since the last weights (Conv, Gemm, MatMul).
+// What was done to values since the last weights (Conv, Gemm, MatMul), or since they were numbers of places or the
+// results of comparisons.
 struct Treatment {
   bool sigmoid = false;
   bool softmax = false;
   bool grid = false;  // they were combined with constants that differ from cell to cell
   bool exponential = false;
+  bool rectified = false;  // Relu, Softplus
   bool arg_max = false;
 };
 

@@ -1,6 +1,8 @@
 // combined_families.cpp - heads whose one output holds everything of a row: boxes, objectness, classes, key
 // points. Declared in head_evidence.h.
 #include <algorithm>
+#include <array>
+#include <optional>
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
@@ -22,14 +24,29 @@ std::string shape_text(const RowKind& kind) {
   return "one output of rows of " + std::to_string(kind.channels) + " values";
 }
 
-// Rows of corners, score, number of the class.
+// Rows of corners, score, number of the class. A class that no row shows has whole numbers, too, but they are
+// computed as scores are.
 bool holds_class_numbers(const HeadEvidence& evidence, const RowKind& kind) {
-  return kind.channels == 6 && evidence.is_whole_numbers(kind, 5) &&
-         evidence.is_probability({kind, 4, 1});
+  if (kind.channels != 6 || !evidence.is_whole_numbers(kind, 5) ||
+      !evidence.is_probability({kind, 4, 1})) {
+    return false;
+  }
+  const Treatment done = evidence.treatment({kind, 5, 1});
+  const std::optional<ValueRange> range = evidence.range({kind, 5, 1});
+  const bool constant = range && range->least == range->most && range->most <= 1;
+  return !(constant && (done.sigmoid || done.softmax) && !done.arg_max);
 }
 
 bool is_traced(const RowKind& kind) {
   return kind.runs.size() > 1;
+}
+
+// Everything behind the box is scores, or logits of some: these are low, as most rows show nothing.
+bool are_scores_behind_box(const HeadEvidence& evidence, const RowKind& kind) {
+  constexpr double kLow = -1;
+  const Channels behind = {kind, kBox, kind.channels - kBox};
+  return evidence.is_probability(behind) ||
+         (is_traced(kind) && !evidence.is_decoded(behind) && evidence.mean(behind) < kLow);
 }
 
 // Classes directly behind the box: as many as are known, or as are scores.
@@ -48,19 +65,77 @@ std::int64_t classes_behind_box(const HeadEvidence& evidence, const RowKind& kin
       end = run.first + run.count;
     }
   }
-  return end - kBox;
+  return end == kBox && are_scores_behind_box(evidence, kind) ? kind.channels - kBox : end - kBox;
 }
 
-// An objectness of its own stands behind the box: the graph computes it apart, or the known number of
-// classes says so.
-bool has_objectness(const HeadEvidence& evidence, const RowKind& kind) {
-  if (kind.channels <= kBox + 1 || !evidence.is_probability({kind, kBox, kind.channels - kBox})) {
-    return false;
+enum class BehindBox { kClasses, kObjectness, kEither };
+
+// By the rows that the first value behind the box is sure of: an objectness has a class beside it that is sure as
+// well, and of several classes the others are not. Without such rows: the classes beside an objectness may have any
+// level where there is nothing.
+BehindBox by_sure_rows(const HeadEvidence& evidence, const RowKind& kind) {
+  constexpr double kMost = .8;
+  const std::vector<std::array<double, 2>> rows =
+      evidence.first_and_best_other({kind, kBox, kind.channels - kBox});
+  double sure = 0;
+  double both = 0;
+  double crowd = 0;
+  for (const std::array<double, 2>& row : rows) {
+    sure += row[0] >= .5 ? 1 : 0;
+    both += row[0] >= .5 && row[1] >= .5 ? 1 : 0;
+    crowd += row[0] < .05 && row[1] >= .2 ? 1 : 0;
+  }
+  const bool is_objectness =
+      sure > 0 ? both >= kMost * sure : crowd > kMost * static_cast<double>(rows.size());
+  const bool are_classes = sure > 0 && both <= (1 - kMost) * sure;
+  return is_objectness ? BehindBox::kObjectness
+         : are_classes ? BehindBox::kClasses
+                       : BehindBox::kEither;
+}
+
+// Whether an objectness of its own stands behind the box: the known number of classes says so, or the graph that
+// computes it apart, or several rows for each cell, or the values. Columns of classes alone are what exporters
+// write as 1 x C x N.
+BehindBox behind_box(const HeadEvidence& evidence, const RowKind& kind) {
+  if (kind.channels <= kBox + 1 || !are_scores_behind_box(evidence, kind)) {
+    return BehindBox::kClasses;
   }
   if (evidence.known_classes() > 0) {
-    return kind.channels == kBox + 1 + evidence.known_classes();
+    return kind.channels == kBox + 1 + evidence.known_classes() ? BehindBox::kObjectness
+                                                                : BehindBox::kClasses;
   }
-  return evidence.layout().anchors == 3 || evidence.ends_before(kind, kBox + 1);
+  if (evidence.layout().anchors > 1 || evidence.ends_before(kind, kBox + 1)) {
+    return BehindBox::kObjectness;
+  }
+  const BehindBox seen = by_sure_rows(evidence, kind);
+  const bool columns = kind.tensors.front().arrangement == Arrangement::kColumns;
+  return seen == BehindBox::kEither && columns ? BehindBox::kClasses : seen;
+}
+
+// Whether what stands behind the first box of a cell stands behind others, too: the levels repeat.
+bool repeats_for_anchors(const HeadEvidence& evidence, const RowKind& kind) {
+  const double level = evidence.mean({kind, 0, kind.channels}) - 1;
+  for (const std::int64_t anchors : {2, 3, 5, 6, 9}) {
+    const std::int64_t of_row = kind.channels / anchors;
+    bool repeats = kind.channels % anchors == 0 && of_row > kBox + 1;
+    for (std::int64_t first = of_row; repeats && first < kind.channels; first += of_row) {
+      repeats = evidence.mean({kind, first + kBox, 1}) < level;
+    }
+    if (repeats) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// In one piece with box and classes: an objectness is low, as most cells show nothing, and classes are not.
+bool has_low_objectness(const HeadEvidence& evidence, const RowKind& kind) {
+  constexpr double kClear = 2;
+  const double objectness = evidence.mean({kind, kBox, 1});
+  return evidence.known_classes() == 0 && !is_traced(kind) &&
+         objectness < evidence.mean({kind, 0, kBox}) - kClear &&
+         objectness < evidence.mean({kind, kBox + 1, kind.channels - kBox - 1}) - kClear &&
+         !repeats_for_anchors(evidence, kind);
 }
 
 }  // namespace
@@ -77,7 +152,7 @@ std::vector<HeadReading> conclude_combined(const HeadEvidence& evidence) {
       rest == 0 || (rest >= kFewestPointValues && (rest % 2 == 0 || rest % 3 == 0));
   const bool fits = classes > 0 && may_be_points && evidence.is_decoded({*kind, 0, kBox}) &&
                     evidence.layout().anchors != 3 && !holds_class_numbers(evidence, *kind) &&
-                    !(rest == 0 && is_traced(*kind) && has_objectness(evidence, *kind)) &&
+                    !(rest == 0 && behind_box(evidence, *kind) == BehindBox::kObjectness) &&
                     !(evidence.known_classes() > 0 && rest == 1);
   if (!fits && !(asked && classes > 0 && rest >= 0)) {
     return {};
@@ -87,7 +162,7 @@ std::vector<HeadReading> conclude_combined(const HeadEvidence& evidence) {
   conclude_final_boxes(evidence, {*kind, 0, kBox}, qv_host::BoxOrder::kCentreSize, false, &reading);
   reading.head.classes = evidence.probability(
       {*kind, kBox, classes}, evidence.options().class_activation, "class", &reading);
-  conclude_class_count(evidence, classes, &reading);
+  conclude_class_count(classes, &reading);
   if (rest > 0) {
     conclude_points(evidence, {*kind, kBox + classes, rest}, PointCode::kFinal, &reading);
   }
@@ -148,9 +223,7 @@ std::vector<HeadReading> conclude_objectness(const HeadEvidence& evidence) {
   const std::int64_t classes = kind->channels - kBox - 1;
   const bool fits = evidence.is_decoded({*kind, 0, kBox}) &&
                     !holds_class_numbers(evidence, *kind) &&
-                    (has_objectness(evidence, *kind) ||
-                     (!is_traced(*kind) && evidence.known_classes() == 0 && classes > 0 &&
-                      evidence.is_probability({*kind, kBox, classes + 1})));
+                    behind_box(evidence, *kind) != BehindBox::kClasses;
   if (!fits && !asked) {
     return {};
   }
@@ -166,7 +239,7 @@ std::vector<HeadReading> conclude_objectness(const HeadEvidence& evidence) {
                                         evidence.options().class_activation, "class", &reading);
     conclude_score_powers(evidence, kProduct, "", &reading);
   }
-  conclude_class_count(evidence, std::max<std::int64_t>(classes, 1), &reading);
+  conclude_class_count(std::max<std::int64_t>(classes, 1), &reading);
   return {reading};
 }
 
@@ -183,8 +256,9 @@ std::vector<HeadReading> conclude_objectness_offsets(const HeadEvidence& evidenc
   const bool known = evidence.known_classes() == classes;
   const bool apart = evidence.ends_before(kind, kBox) && evidence.ends_before(kind, kBox + 1);
   const bool fits = !evidence.is_decoded({kind, 0, kBox}) &&
-                    !evidence.is_probability({kind, 0, kBox}) &&
-                    (apart || (known && !layout.planes)) && !holds_class_numbers(evidence, kind) &&
+                    !evidence.treatment({kind, 0, kBox}).sigmoid &&
+                    (apart || known || has_low_objectness(evidence, kind)) &&
+                    !holds_class_numbers(evidence, kind) &&
                     evidence.is_probability({kind, kBox, 1}) ==
                         evidence.is_probability({kind, kBox + 1, classes});
   if (!fits && !evidence.is_asked_for("objectness-offsets")) {
@@ -203,7 +277,7 @@ std::vector<HeadReading> conclude_objectness_offsets(const HeadEvidence& evidenc
   head.classes = evidence.probability({kind, kBox + 1, classes},
                                       evidence.options().class_activation, "class", &reading);
   conclude_score_powers(evidence, kProduct, "", &reading);
-  conclude_class_count(evidence, classes, &reading);
+  conclude_class_count(classes, &reading);
   return {reading};
 }
 

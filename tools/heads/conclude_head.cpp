@@ -41,38 +41,56 @@ const std::vector<KnownFamily>& known_families() {
   return kFamilies;
 }
 
-// Any number of channels can be bins: an unusual number counts only where nothing else fits.
-void drop_unlikely_bins(std::vector<HeadReading>* readings) {
-  const auto unlikely = [](const HeadReading& reading) {
-    return reading.head.family == "distance-bins" && !are_usual_bins(reading.head.bins);
-  };
-  if (!std::all_of(readings->begin(), readings->end(), unlikely)) {
-    readings->erase(std::remove_if(readings->begin(), readings->end(), unlikely), readings->end());
+std::vector<HeadReading> readings_of(const HeadQuestion& question,
+                                     const std::vector<NetworkTensor>& outputs) {
+  std::vector<HeadReading> readings;
+  for (const HeadLayout& layout : lay_out(question, outputs)) {
+    const HeadEvidence evidence(question, layout);
+    for (const KnownFamily& known : known_families()) {
+      if (question.options.family && *question.options.family != known.family.name) {
+        continue;
+      }
+      for (HeadReading& reading : known.conclude(evidence)) {
+        conclude_preprocessing(question, &reading);
+        readings.push_back(std::move(reading));
+      }
+    }
   }
+  keep_likely_readings(question, &readings);
+  return readings;
+}
+
+bool is_decoded(const HeadReading& reading) {
+  return reading.head.raw_layers.empty() && reading.head.references.empty();
+}
+
+// Of a network that has the layers from which it decodes among its outputs, too.
+std::vector<HeadReading> readings_beside_layers(const HeadQuestion& question) {
+  std::vector<NetworkTensor> tables;
+  std::size_t layers = 0;
+  for (const NetworkTensor& output : question.network.outputs()) {
+    if (is_layer_of_cells(output, question.size)) {
+      ++layers;
+    } else {
+      tables.push_back(output);
+    }
+  }
+  std::vector<HeadReading> readings =
+      layers == 0 || tables.empty() ? std::vector<HeadReading>() : readings_of(question, tables);
+  if (!std::all_of(readings.begin(), readings.end(), is_decoded)) {
+    return {};
+  }
+  for (HeadReading& reading : readings) {
+    add_fact(&reading, counted(layers, "layer", "layers") + " beside it left out");
+  }
+  return readings;
 }
 
 }  // namespace
 
 std::vector<HeadReading> conclude_head(const HeadQuestion& question) {
-  std::vector<HeadReading> readings;
-  const std::optional<HeadLayout> layout = lay_out(question);
-  if (!layout) {
-    return readings;
-  }
-  const HeadEvidence evidence(question, *layout);
-  for (const KnownFamily& known : known_families()) {
-    if (question.options.family && *question.options.family != known.family.name) {
-      continue;
-    }
-    for (HeadReading& reading : known.conclude(evidence)) {
-      conclude_preprocessing(question, &reading);
-      readings.push_back(std::move(reading));
-    }
-  }
-  if (!question.options.bins) {
-    drop_unlikely_bins(&readings);
-  }
-  return readings;
+  const std::vector<HeadReading> readings = readings_of(question, question.network.outputs());
+  return readings.empty() ? readings_beside_layers(question) : readings;
 }
 
 const std::vector<HeadFamily>& head_families() {

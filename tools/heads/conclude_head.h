@@ -30,6 +30,8 @@ struct HeadOptions {
   std::optional<std::string> family;
   std::optional<std::vector<int>> strides;
   std::optional<SizesOfLayers> anchors;
+  std::optional<bool>
+      anchors_first;  // rows go anchor by anchor, of each the cells; else cell by cell
   std::optional<SizesOfLayers> prior_sizes;
   std::optional<std::array<double, 2>> variances;     // of the centre and of the size
   std::optional<std::array<double, 2>> score_powers;  // of objectness and class
@@ -70,6 +72,7 @@ struct HeadReading {
   Head head;
   Preprocessing preprocessing;
   std::vector<std::string> class_names;  // of the metadata
+  std::int64_t rows_of_cell = 0;         // 0: rows stand for no cells
   std::vector<HeadFact> facts;
 };
 

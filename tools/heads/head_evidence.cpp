@@ -114,6 +114,22 @@ bool HeadEvidence::adds_up_to_one(const Channels& channels) const {
   return true;
 }
 
+std::vector<std::array<double, 2>> HeadEvidence::first_and_best_other(
+    const Channels& channels) const {
+  const bool logits = !is_probability(channels);
+  const std::vector<std::vector<float>> values = columns(channels);
+  std::vector<std::array<double, 2>> rows(values.empty() ? 0 : values.front().size());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    for (std::size_t k = 0; k < values.size(); ++k) {
+      const auto value = static_cast<double>(values[k][i]);
+      const double share = logits ? 1 / (1 + std::exp(-value)) : value;
+      double& kept = rows[i][k == 0 ? 0 : 1];
+      kept = std::max(kept, share);
+    }
+  }
+  return rows;
+}
+
 double HeadEvidence::mean(const Channels& channels) const {
   double sum = 0;
   double count = 0;
@@ -174,6 +190,7 @@ HeadReading begin_reading(const HeadEvidence& evidence, const std::string& famil
   if (!layout.strides.empty()) {
     const std::string each =
         layout.anchors > 1 ? ", " + std::to_string(layout.anchors) + " in each" : "";
+    reading.rows_of_cell = layout.anchors;
     add_fact(&reading,
              std::to_string(layout.rows) + " rows: the cells of " +
                  (layout.strides.size() == 1 ? "stride " : "strides ") + list_of(layout.strides) +
@@ -181,52 +198,6 @@ HeadReading begin_reading(const HeadEvidence& evidence, const std::string& famil
              "--strides " + comma_list(layout.strides));
   }
   return reading;
-}
-
-void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
-                          qv_host::BoxOrder usual_order, bool usual_fractions,
-                          HeadReading* reading) {
-  const HeadOptions& options = evidence.options();
-  Head& head = reading->head;
-  head.boxes = evidence.part(box);
-  const std::optional<ValueRange> range = evidence.range(box);
-  bool corners = usual_order == qv_host::BoxOrder::kCornerPairs;
-  bool fractions = usual_fractions;
-  if (range) {
-    const OutputValues& values = *evidence.question().values;
-    std::array<std::vector<float>, 4> sides;
-    for (std::size_t i = 0; i < sides.size(); ++i) {
-      sides[i] =
-          read_channel(box.kind.get().tensors, box.first + static_cast<std::int64_t>(i), values);
-    }
-    std::size_t ordered = 0;
-    for (std::size_t row = 0; row < sides[0].size(); ++row) {
-      ordered += sides[2][row] >= sides[0][row] && sides[3][row] >= sides[1][row] ? 1 : 0;
-    }
-    corners = static_cast<double>(ordered) > .9 * static_cast<double>(sides[0].size());
-    // A few boxes of no object may lie anywhere.
-    std::size_t beyond = 0;
-    for (std::size_t row = 0; row < sides[0].size(); ++row) {
-      beyond += std::any_of(sides.begin(), sides.end(),
-                            [row](const std::vector<float>& side) { return side[row] > 2.5f; })
-                    ? 1
-                    : 0;
-    }
-    fractions = static_cast<double>(beyond) <= .02 * static_cast<double>(sides[0].size());
-  }
-  corners = options.box_order ? *options.box_order == qv_host::BoxOrder::kCornerPairs : corners;
-  fractions = options.box_fractions.value_or(fractions);
-  head.box_code = corners ? BoxCode::kCorners : BoxCode::kCentreSize;
-  head.box_fractions = fractions;
-  const std::string source = range ? ", by the values of the trial" : ", as usual";
-  add_fact(reading,
-           std::string("boxes are ") + (corners ? "two corners" : "centre and size") +
-               (options.box_order ? "" : source),
-           std::string("--box-order ") + (corners ? "xyxy" : "cxcywh"));
-  add_fact(reading,
-           std::string("in ") + (fractions ? "fractions of the input" : "pixels") +
-               (options.box_fractions ? "" : source),
-           std::string("--box-unit ") + (fractions ? "fractions" : "pixels"));
 }
 
 void conclude_points(const HeadEvidence& evidence, const Channels& points, PointCode code,
@@ -331,11 +302,15 @@ void conclude_score_powers(const HeadEvidence& evidence, const std::array<double
            format("--score-powers %g,%g", powers[0], powers[1]));
 }
 
-void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns,
-                          HeadReading* reading) {
+bool have_background(const HeadEvidence& evidence, const RowKind& scores) {
+  const Channels all = {scores, 0, scores.channels};
+  return scores.channels > 1 && evidence.is_probability(all) && evidence.adds_up_to_one(all);
+}
+
+void conclude_class_count(std::int64_t columns, HeadReading* reading) {
   reading->head.class_count = columns;
   const std::int64_t classes = columns - (reading->head.background >= 0 ? 1 : 0);
-  const bool named = static_cast<std::int64_t>(evidence.class_names().size()) == classes;
+  const bool named = static_cast<std::int64_t>(reading->class_names.size()) == classes;
   add_fact(reading,
            counted(classes, "class", "classes") + (named ? ", as many as the metadata names" : ""),
            "--class-count " + std::to_string(classes));

@@ -46,6 +46,9 @@ class HeadEvidence {
   // Of the values, where they are known.
   std::optional<ValueRange> range(const Channels& channels) const;
   double mean(const Channels& channels) const;  // 0 where the values are not known
+  // Of each row the first of the channels and the largest of the others, logits as probabilities; none where the
+  // values are not known.
+  std::vector<std::array<double, 2>> first_and_best_other(const Channels& channels) const;
   bool adds_up_to_one(const Channels& channels) const;
   bool is_whole_numbers(const RowKind& kind, std::int64_t channel) const;
 
@@ -69,7 +72,8 @@ void add_fact(HeadReading* reading, const std::string& text, const std::string& 
 HeadReading begin_reading(const HeadEvidence& evidence, const std::string& family,
                           const std::string& why);
 
-// Of boxes that the network decodes itself: order and unit, by the values or as usual.
+// Of boxes that the network decodes itself: order, unit and axes, by the values or as usual. Throws ToolError
+// (kUsageError) where the network suppresses boxes and nothing tells which coordinate comes first.
 void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
                           qv_host::BoxOrder usual_order, bool usual_fractions,
                           HeadReading* reading);
@@ -96,13 +100,19 @@ constexpr std::array<double, 2> kProduct = {{1, 1}};
 void conclude_score_powers(const HeadEvidence& evidence, const std::array<double, 2>& usual,
                            const std::string& why, HeadReading* reading);
 
-void conclude_class_count(const HeadEvidence& evidence, std::int64_t columns, HeadReading* reading);
+void conclude_class_count(std::int64_t columns, HeadReading* reading);
+
+// Whether the scores of a row add up to 1, as those of a softmax with a background do.
+bool have_background(const HeadEvidence& evidence, const RowKind& scores);
 
 // Whether networks usually have so many bins.
 bool are_usual_bins(std::int64_t bins);
 
 // Whether distance-bins is one of the readings.
 bool may_be_distance_bins(const HeadEvidence& evidence);
+
+// Drops the readings for which less speaks than for another, or that say the same.
+void keep_likely_readings(const HeadQuestion& question, std::vector<HeadReading>* readings);
 
 // ---- The families: a reading, or nothing -----------------------------------------------------------
 

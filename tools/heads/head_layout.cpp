@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tools/common/text.h"
+#include "tools/heads/layout_tracing.h"
 
 namespace olvex_tools {
 
@@ -15,6 +16,7 @@ constexpr int kStrides[] = {4, 8, 16, 32, 64, 128};
 constexpr std::int64_t kMostAnchors = 9;
 constexpr std::size_t kMostLayers = 6;
 constexpr std::int64_t kBox = 4;
+constexpr std::int64_t kUsualAnchors[] = {1, 3, 2, 4, 5, 6, 9};  // the most usual first
 
 // Sets of strides that networks have, the most usual first.
 const std::vector<std::vector<int>>& usual_stride_sets() {
@@ -43,17 +45,6 @@ std::int64_t cells_of(const InputSize& size, const std::vector<int>& strides) {
   return count;
 }
 
-// The stride whose cells are rows x columns; 0: none.
-int stride_of(const InputSize& size, std::int64_t rows, std::int64_t columns) {
-  for (const int stride : kStrides) {
-    if (rows == (size.height + stride - 1) / stride &&
-        columns == (size.width + stride - 1) / stride) {
-      return stride;
-    }
-  }
-  return 0;
-}
-
 // An output as it may be read: cells of a stride, or a table.
 struct View {
   std::string output;
@@ -67,12 +58,13 @@ std::optional<View> view_of_cells(const NetworkTensor& output, const InputSize& 
   const Shape& s = output.shape;
   View view;
   view.output = output.name;
-  if (s.size() == 5 && s[0] == 1 && stride_of(size, s[2], s[3]) != 0) {
-    view.stride = stride_of(size, s[2], s[3]);
-    view.tensor = {output.name, Arrangement::kRows, s[1] * s[2] * s[3], s[4], s[1]};
-    view.anchors_first = true;
+  if (s.size() == 5 && s[0] == 1) {
+    view.anchors_first = stride_of(size, s[2], s[3]) != 0;
+    view.stride = view.anchors_first ? stride_of(size, s[2], s[3]) : stride_of(size, s[1], s[2]);
+    view.tensor = {output.name, Arrangement::kRows, s[1] * s[2] * s[3], s[4],
+                   view.anchors_first ? s[1] : s[3]};
     view.channel_axis = 4;
-    return view;
+    return view.stride != 0 ? std::make_optional(view) : std::nullopt;
   }
   if (s.size() != 4 || s[0] != 1) {
     return std::nullopt;
@@ -92,33 +84,40 @@ std::optional<View> view_of_cells(const NetworkTensor& output, const InputSize& 
   return std::nullopt;
 }
 
-// N x C or C x N behind any number of dimensions of 1.
+// N x C or C x N among any number of dimensions of 1.
 std::optional<View> view_of_table(const NetworkTensor& output, bool columns) {
   const Shape& s = output.shape;
-  if (s.size() < 2 || elements_of(s) <= 0 || elements_of(s) != s[s.size() - 2] * s.back()) {
+  if (s.size() < 2 || elements_of(s) <= 0) {
     return std::nullopt;
   }
-  const std::int64_t upper = s[s.size() - 2];
+  std::size_t upper = s.size() - 2;
+  while (upper > 0 && s[upper] == 1 && elements_of(s) != s.back()) {
+    --upper;
+  }
+  if (elements_of(s) != s[upper] * s.back()) {
+    return std::nullopt;
+  }
   View view;
   view.output = output.name;
-  view.tensor = columns ? HeadTensor{output.name, Arrangement::kColumns, s.back(), upper, 1}
-                        : HeadTensor{output.name, Arrangement::kRows, upper, s.back(), 1};
-  view.channel_axis = columns ? s.size() - 2 : s.size() - 1;
+  view.tensor = columns ? HeadTensor{output.name, Arrangement::kColumns, s.back(), s[upper], 1}
+                        : HeadTensor{output.name, Arrangement::kRows, s[upper], s.back(), 1};
+  view.channel_axis = columns ? upper : s.size() - 1;
   return view;
 }
 
 class Layouts {
  public:
-  explicit Layouts(const HeadQuestion& question) : question_(question) {}
+  Layouts(const HeadQuestion& question, const std::vector<NetworkTensor>& outputs)
+      : question_(question), outputs_(outputs) {}
 
-  std::optional<HeadLayout> find() {
-    if (auto layout = of_cells()) {
-      return layout;
+  std::vector<HeadLayout> find() {
+    if (const auto layout = of_cells()) {
+      return {*layout};
     }
     for (const bool columns : {false, true}) {
       const std::vector<View> views = tables(columns);
-      if (auto layout = views.empty() ? std::nullopt : by_stride(views)) {
-        return layout;
+      if (const auto layout = views.empty() ? std::nullopt : by_stride(views)) {
+        return {*layout};
       }
     }
     return of_whole_tables();
@@ -127,7 +126,7 @@ class Layouts {
  private:
   std::optional<HeadLayout> of_cells() {
     std::vector<View> views;
-    for (const NetworkTensor& output : question_.network.outputs()) {
+    for (const NetworkTensor& output : outputs_) {
       const auto view = view_of_cells(output, question_.size);
       if (!view) {
         return std::nullopt;
@@ -137,13 +136,14 @@ class Layouts {
     HeadLayout layout;
     layout.anchors = views.front().tensor.anchors;
     layout.anchors_first = views.front().anchors_first;
-    layout.planes = !layout.anchors_first;
+    layout.planes = outputs_.front().shape.size() == 4;
+    layout.knows_order = true;
     return with_kinds(views, layout);
   }
 
   std::vector<View> tables(bool columns) const {
     std::vector<View> views;
-    for (const NetworkTensor& output : question_.network.outputs()) {
+    for (const NetworkTensor& output : outputs_) {
       const auto view = view_of_table(output, columns);
       if (!view) {
         return {};
@@ -220,63 +220,94 @@ class Layouts {
     for (const HeadTensor& tensor : layout.kinds.front().tensors) {
       layout.rows += tensor.rows;
     }
+    find_row_order(question_, &layout);
     return layout;
   }
 
   // One table for each kind, all with the same number of rows.
-  std::optional<HeadLayout> of_whole_tables() {
+  std::vector<HeadLayout> of_whole_tables() {
     const std::vector<View> by_rows = tables(false);
     const std::vector<View> by_columns = tables(true);
     if (by_rows.empty()) {
-      return std::nullopt;
+      return {};
     }
     HeadLayout layout;
-    layout.rows = common_length(by_rows, by_columns, &layout);
-    for (std::size_t i = 0; i < by_rows.size() && layout.rows != 0; ++i) {
+    std::vector<Cells> fitting;
+    layout.rows = common_length(by_rows, by_columns, &fitting);
+    for (std::size_t i = 0; i < by_rows.size(); ++i) {
       const View& view = by_rows[i].tensor.rows == layout.rows ? by_rows[i] : by_columns[i];
       if (view.tensor.rows != layout.rows) {
-        return std::nullopt;
+        return {};
       }
       layout.kinds.push_back({{view.tensor},
                               view.tensor.channels,
                               trace_channels(question_.network, view.output, view.channel_axis)});
     }
-    return layout.rows == 0 ? std::nullopt : std::make_optional(layout);
+    layout.anchors = 0;
+    if (fitting.empty()) {
+      return {layout};
+    }
+    return with_cells(layout, fitting);
+  }
+
+  // The strides and rows of a cell of a table.
+  struct Cells {
+    std::vector<int> strides;
+    std::int64_t anchors = 0;
+  };
+
+  // Those that the graph confirms; or else the most usual one, and the one that is confused with it.
+  std::vector<HeadLayout> with_cells(const HeadLayout& layout, const std::vector<Cells>& fitting) {
+    std::vector<HeadLayout> usual;
+    for (const Cells& cells : fitting) {
+      HeadLayout own = layout;
+      own.strides = cells.strides;
+      own.anchors = cells.anchors;
+      find_row_order(question_, &own);
+      if (are_cells_traced(question_, own)) {
+        return {own};
+      }
+      const bool confused = cells.strides == std::vector<int>{32} && cells.anchors == 5;
+      if (usual.empty() || confused) {
+        usual.push_back(own);
+      }
+    }
+    return usual;
   }
 
   // The length that is that of cells, or else the longer dimension of the first output.
   std::int64_t common_length(const std::vector<View>& by_rows, const std::vector<View>& by_columns,
-                             HeadLayout* layout) const {
+                             std::vector<Cells>* fitting) const {
     const std::int64_t lengths[] = {by_rows.front().tensor.rows, by_columns.front().tensor.rows};
     for (const std::int64_t length :
          {std::max(lengths[0], lengths[1]), std::min(lengths[0], lengths[1])}) {
       // So few rows are the values of a box, whatever cells there are as many of.
-      if (length > kBox && fit_strides(length, layout)) {
+      *fitting = length > kBox ? fitting_cells(length) : std::vector<Cells>();
+      if (!fitting->empty()) {
         return length;
       }
     }
-    layout->anchors = 0;
     return std::max(lengths[0], lengths[1]);
   }
 
-  bool fit_strides(std::int64_t length, HeadLayout* layout) const {
+  std::vector<Cells> fitting_cells(std::int64_t length) const {
     std::vector<std::vector<int>> sets = usual_stride_sets();
     if (question_.options.strides) {
       sets = {*question_.options.strides};
     }
-    for (const std::int64_t anchors : {1, 3, 2, 4, 5, 6, 9}) {
+    std::vector<Cells> fitting;
+    for (const std::int64_t anchors : kUsualAnchors) {
       for (const std::vector<int>& strides : sets) {
         if (cells_of(question_.size, strides) * anchors == length) {
-          layout->strides = strides;
-          layout->anchors = anchors;
-          return true;
+          fitting.push_back({strides, anchors});
         }
       }
     }
-    return false;
+    return fitting;
   }
 
   const HeadQuestion& question_;
+  const std::vector<NetworkTensor>& outputs_;
 };
 
 }  // namespace
@@ -285,8 +316,31 @@ std::int64_t cells_of(const InputSize& size, int stride) {
   return ((size.width + stride - 1) / stride) * ((size.height + stride - 1) / stride);
 }
 
-std::optional<HeadLayout> lay_out(const HeadQuestion& question) {
-  return Layouts(question).find();
+int stride_of(const InputSize& size, std::int64_t rows, std::int64_t columns) {
+  for (const int stride : kStrides) {
+    if (rows == (size.height + stride - 1) / stride &&
+        columns == (size.width + stride - 1) / stride) {
+      return stride;
+    }
+  }
+  return 0;
+}
+
+bool is_layer_of_cells(const NetworkTensor& output, const InputSize& size) {
+  return view_of_cells(output, size).has_value();
+}
+
+std::vector<HeadLayout> lay_out(const HeadQuestion& question,
+                                const std::vector<NetworkTensor>& outputs) {
+  return outputs.empty() ? std::vector<HeadLayout>() : Layouts(question, outputs).find();
+}
+
+std::string usual_rows_text(const InputSize& size) {
+  std::vector<std::string> texts;
+  for (const std::vector<int>& strides : usual_stride_sets()) {
+    texts.push_back(list_of(strides) + ": " + std::to_string(cells_of(size, strides)));
+  }
+  return join(texts, "; ");
 }
 
 HeadLayout with_anchors(HeadLayout layout, std::int64_t anchors) {

@@ -134,12 +134,31 @@ void conclude_curves(const HeadEvidence& evidence, CentreCurve usual_centre, Siz
            std::string("--size-curve ") + word_of(head.size_curve));
 }
 
+// Of tables; of layers the shape says it.
+void conclude_row_order(const HeadEvidence& evidence, HeadReading* reading) {
+  const HeadTensor& tensor = evidence.layout().kinds.front().tensors.front();
+  const auto shape = evidence.question().network.shape_of(tensor.output);
+  if (evidence.layout().planes || (shape && shape->size() == 5)) {
+    return;
+  }
+  const bool anchors_first = evidence.layout().anchors_first;
+  const std::string source = evidence.options().anchors_first ? ", as --row-order says"
+                             : evidence.layout().knows_order  ? ", by the graph"
+                                                              : "";
+  add_fact(reading,
+           (anchors_first ? "rows go anchor by anchor, of each the cells"
+                          : "rows go cell by cell, of each the anchors") +
+               source,
+           std::string("--row-order ") + (anchors_first ? "anchors" : "cells"));
+}
+
 HeadReading anchors_reading(const HeadEvidence& evidence, const UsualAnchors& usual) {
   const RowKind& kind = evidence.layout().kinds.front();
   const std::int64_t classes = kind.channels - kBox - 1;
   HeadReading reading = begin_reading(evidence, "anchors",
                                       "for each anchor of a cell box, objectness and " +
                                           counted(classes, "class", "classes") + ", undecoded");
+  conclude_row_order(evidence, &reading);
   add_fact(&reading,
            evidence.options().anchors ? "anchors: as --anchors says"
                                       : "anchors: the usual ones of these strides",
@@ -158,7 +177,7 @@ HeadReading anchors_reading(const HeadEvidence& evidence, const UsualAnchors& us
       evidence.probability({kind, kBox + 1, classes}, evidence.options().class_activation, "class",
                            &reading, usual.class_activation);
   conclude_score_powers(evidence, kProduct, "", &reading);
-  conclude_class_count(evidence, classes, &reading);
+  conclude_class_count(classes, &reading);
   return reading;
 }
 
@@ -184,8 +203,7 @@ std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
   if (!fits_planes && given.anchors != anchors) {
     return {};
   }
-  HeadLayout layout = fits_planes ? with_anchors(given, anchors) : given;
-  layout.anchors_first = !fits_planes;
+  const HeadLayout layout = fits_planes ? with_anchors(given, anchors) : given;
   if (!all_layers_have(usual->sizes, layout.strides.size(), anchors)) {
     return {};
   }
@@ -197,9 +215,18 @@ std::vector<HeadReading> conclude_anchors(const HeadEvidence& evidence) {
   const bool one_kind = !fits_planes || given.kinds.front().runs.size() < 2;
   const bool fits = kind.channels > kBox + 1 && (known == 0 || known == kind.channels - kBox - 1) &&
                     !own.is_decoded({kind, 0, kBox}) && one_kind;
-  return fits || (asked && kind.channels > kBox + 1)
-             ? std::vector<HeadReading>{anchors_reading(own, *usual)}
-             : std::vector<HeadReading>();
+  if (!fits && !(asked && kind.channels > kBox + 1)) {
+    return {};
+  }
+  std::vector<HeadReading> readings;
+  for (const bool anchors_first : {true, false}) {
+    if (!layout.knows_order || layout.anchors_first == anchors_first) {
+      HeadLayout ordered = layout;
+      ordered.anchors_first = anchors_first;
+      readings.push_back(anchors_reading(HeadEvidence(evidence.question(), ordered), *usual));
+    }
+  }
+  return readings;
 }
 
 std::vector<HeadReading> conclude_own_formula(const HeadEvidence& evidence) {
@@ -236,7 +263,7 @@ std::vector<HeadReading> conclude_own_formula(const HeadEvidence& evidence) {
       evidence.probability({kind, kBox + 1, classes}, evidence.options().class_activation, "class",
                            &reading, Activation::kSoftmax);
   conclude_score_powers(evidence, {{.6, .4}}, ", as usual", &reading);
-  conclude_class_count(evidence, classes, &reading);
+  conclude_class_count(classes, &reading);
   return {reading};
 }
 
@@ -274,7 +301,7 @@ std::vector<HeadReading> conclude_raw(const HeadEvidence& evidence) {
     for (const HeadTensor& tensor : kind.tensors) {
       reading.head.raw_layers.push_back(tensor.output);
     }
-    reading.head.raw_nchw = layout.planes;
+    reading.head.raw_nchw = kind.tensors.front().arrangement == Arrangement::kPlanes;
     reading.head.boxes = evidence.part({kind, 0, kBox});
     reading.head.box_code = BoxCode::kDistances;
     reading.head.bins = 0;

@@ -192,9 +192,8 @@ class Source {
   void take_usual() {
     Usual usual = usual_of(reading_);
     // An objectness without anchors is decoded from offsets.
-    const std::optional<HeadLayout> layout =
-        reading_.head.family == "objectness" ? lay_out(question_) : std::nullopt;
-    if (layout && layout->anchors == 1 && network_.metadata().empty()) {
+    if (reading_.head.family == "objectness" && reading_.rows_of_cell == 1 &&
+        network_.metadata().empty()) {
       usual = {ColourOrder::kBgr, kZero, kOne, Resize::kLetterbox};
     }
     // What selects its best boxes without suppression was trained end to end, on pictures of their own aspect;

@@ -1,13 +1,12 @@
 // table_families.cpp - heads with one table of boxes and one of scores: priors, and what is decoded already.
 // Declared in head_evidence.h.
 #include <algorithm>
-#include <cmath>
-#include <numeric>
 #include <optional>
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
 #include "tools/heads/head_evidence.h"
+#include "tools/heads/output_names.h"
 
 namespace olvex_tools {
 
@@ -22,53 +21,124 @@ struct Tables {
   const RowKind* points = nullptr;
 };
 
-std::optional<Tables> tables_of(const HeadEvidence& evidence) {
-  const HeadLayout& layout = evidence.layout();
-  Tables tables;
-  if (layout.layered || layout.kinds.size() < 2 || layout.kinds.size() > 3) {
-    return std::nullopt;
+// How much speaks for a table of four values being the boxes; 0: it is scores.
+int weight_as_boxes(const HeadEvidence& evidence, const RowKind& kind) {
+  const NamedContents named = contents_by_name(kind.tensors.front().output);
+  if (kind.channels != kBox || named == NamedContents::kScores) {
+    return 0;
   }
-  // Boxes have four values; so may scores and key points, which are another kind.
-  for (const RowKind& kind : layout.kinds) {
-    const bool is_score = evidence.is_probability({kind, 0, kind.channels});
-    const bool may_be_box = kind.channels == kBox && tables.boxes == nullptr;
-    const bool named_box =
-        in_lower_case(kind.tensors.front().output).find("box") != std::string::npos;
-    if (may_be_box && (!is_score || named_box || evidence.is_decoded({kind, 0, kBox}))) {
-      tables.boxes = &kind;
-    } else if (is_score && tables.scores == nullptr) {
-      tables.scores = &kind;
-    } else if (tables.points == nullptr) {
-      tables.points = &kind;
-    } else {
-      return std::nullopt;
-    }
-  }
-  if (tables.scores == nullptr) {
-    std::swap(tables.scores, tables.points);  // logits
-  }
-  if (tables.points != nullptr && tables.points->channels < kFewestPointValues) {
-    return std::nullopt;  // an objectness, numbers of classes
-  }
-  return tables.boxes != nullptr && tables.scores != nullptr ? std::make_optional(tables)
-                                                             : std::nullopt;
+  const bool is_score = evidence.is_probability({kind, 0, kBox});
+  return (named == NamedContents::kBoxes ? 4 : 0) + (evidence.is_decoded({kind, 0, kBox}) ? 2 : 0) +
+         (is_score ? 0 : 1);
 }
 
-// The column of the background: the first one where the scores of a row add up to 1, or where there is one
-// more than classes are known.
+// Boxes have four values; so may scores, which are another kind. Null when there are none. Throws ToolError
+// (kUsageError) when two tables, both decoded or both not, may equally be the boxes.
+const RowKind* find_boxes(const HeadEvidence& evidence, bool decoded) {
+  const RowKind* found = nullptr;
+  const RowKind* equal = nullptr;
+  int most = 0;
+  for (const RowKind& kind : evidence.layout().kinds) {
+    const int weight = weight_as_boxes(evidence, kind);
+    equal = weight > most ? nullptr : weight > 0 && weight == most ? &kind : equal;
+    found = weight > most ? &kind : found;
+    most = std::max(most, weight);
+  }
+  if (equal != nullptr && evidence.is_decoded({*found, 0, kBox}) == decoded) {
+    throw ToolError(kUsageError,
+                    evidence.question().network.path() + ": either of \"" +
+                        found->tensors.front().output + "\" and \"" +
+                        equal->tensors.front().output +
+                        "\" may be the boxes. Name them in the network, boxes and scores; or where "
+                        "they are decoded say so: --boxes NAME --scores NAME");
+  }
+  return found;
+}
+
+// Which of two tables holds key points; null: neither can be told to.
+const RowKind* find_points(const HeadEvidence& evidence, const RowKind& left,
+                           const RowKind& right) {
+  const auto only = [&](auto&& is_such) {
+    return is_such(left) == is_such(right) ? nullptr : is_such(left) ? &left : &right;
+  };
+  for (const RowKind* const points :
+       {only([](const RowKind& kind) {
+          return contents_by_name(kind.tensors.front().output) == NamedContents::kPoints;
+        }),
+        only([&](const RowKind& kind) {
+          return evidence.is_decoded({kind, 0, kind.channels});
+        }),
+        only([&](const RowKind& kind) {
+          return !evidence.is_probability({kind, 0, kind.channels});
+        }),
+        only([](const RowKind& kind) { return library_takes_points(kind.channels); })}) {
+    if (points != nullptr) {
+      return points;
+    }
+  }
+  return nullptr;
+}
+
+Tables tables_of(const HeadEvidence& evidence, bool decoded) {
+  const HeadLayout& layout = evidence.layout();
+  if (layout.kinds.size() < 2 || layout.kinds.size() > 3) {
+    return {};
+  }
+  Tables tables;
+  tables.boxes = find_boxes(evidence, decoded);
+  std::vector<const RowKind*> others;
+  for (const RowKind& kind : layout.kinds) {
+    if (&kind != tables.boxes) {
+      others.push_back(&kind);
+    }
+  }
+  if (tables.boxes == nullptr || others.size() + 1 != layout.kinds.size()) {
+    return {};
+  }
+  if (others.size() == 2) {
+    tables.points = find_points(evidence, *others[0], *others[1]);
+    // So few values are an objectness, or numbers of classes.
+    if (tables.points == nullptr || tables.points->channels < kFewestPointValues) {
+      return {};
+    }
+  }
+  tables.scores = others[tables.points == others[0] ? 1 : 0];
+  return tables;
+}
+
+// The name of a background among the classes, where there are as many names as columns; -1: none.
+int named_background(const HeadEvidence& evidence, std::int64_t columns) {
+  const std::vector<std::string>& names = evidence.class_names();
+  for (std::size_t i = 0; i < names.size() && static_cast<std::int64_t>(names.size()) == columns;
+       ++i) {
+    if (in_lower_case(names[i]).find("background") != std::string::npos) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+// The column of the background: the one of that name, or the first one where the scores of a row add up to 1, or
+// where there is one more than classes are known.
 void conclude_background(const HeadEvidence& evidence, const RowKind& scores, bool logits,
                          HeadReading* reading) {
   const std::int64_t columns = scores.channels;
   const std::optional<int> given = evidence.options().background;
   const std::int64_t known = evidence.known_classes();
-  const bool adds_up = !logits && columns > 1 && evidence.adds_up_to_one({scores, 0, columns});
+  const int named = named_background(evidence, columns);
+  const bool adds_up = !logits && have_background(evidence, scores);
   const bool usual = logits ? reading->head.classes.activation == Activation::kSoftmax : adds_up;
   const bool has_background = columns > 1 && (known > 0 ? columns == known + 1 : usual);
-  reading->head.background = given.value_or(has_background ? 0 : -1);
+  reading->head.background = given.value_or(named >= 0 ? named : has_background ? 0 : -1);
+  if (reading->head.background == named && named >= 0) {
+    reading->class_names.erase(reading->class_names.begin() + named);
+  }
   const std::string text = reading->head.background < 0
                                ? "no background among the scores"
                                : "background: column " + std::to_string(reading->head.background);
-  const char* source = adds_up ? ", as the scores of a row add up to 1" : "";
+  const char* source = named >= 0 ? ", as the metadata names it"
+                       : adds_up  ? ", as the scores of a row add up to 1"
+                                  : "";
   add_fact(reading, text + (given ? "" : source),
            reading->head.background < 0
                ? "--background none"
@@ -159,7 +229,8 @@ std::optional<UsualPriors> find_priors(const HeadEvidence& evidence, bool with_p
     return priors.with_points == with_points;
   });
   for (UsualPriors& priors : usual) {
-    if (count_of(size, priors.strides, priors.sizes) == rows) {
+    if (count_of(size, priors.strides, priors.sizes) == rows &&
+        (!evidence.layout().layered || evidence.layout().strides == priors.strides)) {
       limit_sizes(size, &priors);
       return priors;
     }
@@ -167,84 +238,37 @@ std::optional<UsualPriors> find_priors(const HeadEvidence& evidence, bool with_p
   return std::nullopt;
 }
 
-double correlation(const std::vector<double>& left, const std::vector<double>& right) {
-  const auto count = static_cast<double>(left.size());
-  const double left_mean = std::accumulate(left.begin(), left.end(), 0.) / count;
-  const double right_mean = std::accumulate(right.begin(), right.end(), 0.) / count;
-  double common = 0;
-  double left_square = 0;
-  double right_square = 0;
-  for (std::size_t i = 0; i < left.size(); ++i) {
-    common += (left[i] - left_mean) * (right[i] - right_mean);
-    left_square += (left[i] - left_mean) * (left[i] - left_mean);
-    right_square += (right[i] - right_mean) * (right[i] - right_mean);
+// Layers of each stride, with the same number of priors in every cell, as the rows of those; whole tables as they
+// are.
+std::optional<HeadLayout> layout_of_priors(const HeadEvidence& evidence) {
+  const HeadLayout& layout = evidence.layout();
+  const auto& sizes = evidence.options().prior_sizes;
+  const std::int64_t of_cell = sizes ? static_cast<std::int64_t>(sizes->front().size()) : 2;
+  const bool divisible =
+      std::all_of(layout.kinds.begin(), layout.kinds.end(),
+                  [of_cell](const RowKind& kind) { return kind.channels % of_cell == 0; });
+  if (!layout.layered) {
+    return layout;
   }
-  return common / std::sqrt(left_square * right_square);
-}
-
-// How much better the boxes lie at their cells with y first than with x first; nothing where rows stand for
-// no cells, or no values are known.
-std::optional<double> lead_of_y_first(const HeadEvidence& evidence, const HeadPart& boxes) {
-  const OutputValues* const values = evidence.question().values;
-  if (values == nullptr || evidence.layout().strides.empty()) {
-    return std::nullopt;
+  if (layout.planes && layout.anchors == 1 && divisible) {
+    return with_anchors(layout, of_cell);
   }
-  HeadReading cells;
-  set_cell_references(evidence, .5, &cells);
-  std::vector<double> x;
-  std::vector<double> y;
-  for (const ReferenceBox& cell : cells.head.references) {
-    x.push_back(cell.x);
-    y.push_back(cell.y);
-  }
-  std::array<std::vector<double>, 2> middles;
-  for (std::size_t i = 0; i < middles.size(); ++i) {
-    const auto channel = boxes.first + static_cast<std::int64_t>(i);
-    const std::vector<float> low = read_channel(boxes.tensors, channel, *values);
-    const std::vector<float> high = read_channel(boxes.tensors, channel + 2, *values);
-    for (std::size_t row = 0; row < low.size(); ++row) {
-      middles[i].push_back((static_cast<double>(low[row]) + static_cast<double>(high[row])) / 2);
-    }
-  }
-  return middles[0].size() != x.size()
-             ? std::nullopt
-             : std::make_optional(correlation(middles[0], y) + correlation(middles[1], x) -
-                                  correlation(middles[0], x) - correlation(middles[1], y));
-}
-
-// Which coordinate comes first, where the network does not say so.
-void conclude_axes(const HeadEvidence& evidence, HeadReading* reading) {
-  constexpr double kClear = .5;
-  const std::optional<bool> given = evidence.options().y_first;
-  const bool suppressed = evidence.question().selection == Selection::kSuppression;
-  const std::optional<double> lead =
-      given ? std::nullopt : lead_of_y_first(evidence, reading->head.boxes);
-  if (!given && !suppressed && !(lead && *lead > kClear)) {
-    return;  // x first, as usual
-  }
-  if (!given && !(lead && std::fabs(*lead) > kClear)) {
-    throw ToolError(
-        kUsageError,
-        "the network suppresses boxes itself, to which x first and y first are the same, and "
-        "its rows are not those of cells. Say which it is: --box-axes xy or --box-axes yx");
-  }
-  reading->head.y_first = given.value_or(lead.value_or(0) > 0);
-  add_fact(reading,
-           std::string(reading->head.y_first ? "y" : "x") + " comes first in each corner" +
-               (given ? "" : ", by the places of the cells"),
-           std::string("--box-axes ") + (reading->head.y_first ? "yx" : "xy"));
+  return layout.anchors == of_cell ? std::make_optional(layout) : std::nullopt;
 }
 
 }  // namespace
 
-std::vector<HeadReading> conclude_priors(const HeadEvidence& evidence) {
-  const std::optional<Tables> tables = tables_of(evidence);
-  const bool asked = evidence.is_asked_for("priors");
-  if (!tables || (!asked && evidence.is_decoded({*tables->boxes, 0, kBox}))) {
+std::vector<HeadReading> conclude_priors(const HeadEvidence& given) {
+  const std::optional<HeadLayout> rows = layout_of_priors(given);
+  if (!rows) {
     return {};
   }
-  const std::optional<UsualPriors> priors = find_priors(evidence, tables->points != nullptr);
-  if (!priors) {
+  const HeadEvidence evidence(given.question(), *rows);
+  const std::optional<UsualPriors> priors = find_priors(evidence, rows->kinds.size() == 3);
+  const Tables tables = priors ? tables_of(evidence, false) : Tables();
+  const bool asked = evidence.is_asked_for("priors");
+  if (tables.scores == nullptr || (!asked && evidence.is_decoded({*tables.boxes, 0, kBox})) ||
+      (rows->layered && !asked && !have_background(evidence, *tables.scores))) {
     return {};
   }
   HeadLayout layout = evidence.layout();
@@ -266,22 +290,23 @@ std::vector<HeadReading> conclude_priors(const HeadEvidence& evidence) {
            options.variances ? "variances: as --variances says" : "variances: the usual ones",
            format("--variances %g,%g", variances[0], variances[1]));
   Head& head = reading.head;
-  head.boxes = own.part({*tables->boxes, 0, kBox});
+  head.boxes = own.part({*tables.boxes, 0, kBox});
   head.box_code = BoxCode::kOffsets;
   head.size_variance = variances[1];
   set_sized_references(own, priors->strides, priors->sizes, .5, variances[0], &reading);
-  const Channels scores = {*tables->scores, 0, tables->scores->channels};
+  const Channels scores = {*tables.scores, 0, tables.scores->channels};
   const bool logits = !own.is_probability(scores);
   const std::int64_t known = own.known_classes();
-  const bool softmax = scores.count > 1 && known != scores.count;
+  const bool softmax =
+      scores.count > 1 && (known != scores.count || named_background(own, scores.count) >= 0);
   head.classes = own.probability(scores, options.class_activation, "class", &reading,
                                  softmax ? Activation::kSoftmax : Activation::kSigmoid);
-  conclude_background(own, *tables->scores, logits, &reading);
-  conclude_class_count(own, scores.count, &reading);
-  if (tables->points != nullptr) {
+  conclude_background(own, *tables.scores, logits, &reading);
+  conclude_class_count(scores.count, &reading);
+  if (tables.points != nullptr) {
     // The library takes key points beside one class only, and the background is none.
     head.class_count -= head.background >= 0 ? 1 : 0;
-    conclude_points(own, {*tables->points, 0, tables->points->channels}, PointCode::kOffsets,
+    conclude_points(own, {*tables.points, 0, tables.points->channels}, PointCode::kOffsets,
                     &reading);
     head.class_count = scores.count;
   }
@@ -289,26 +314,25 @@ std::vector<HeadReading> conclude_priors(const HeadEvidence& evidence) {
 }
 
 std::vector<HeadReading> conclude_boxes_and_scores(const HeadEvidence& evidence) {
-  const std::optional<Tables> tables = tables_of(evidence);
+  const Tables tables = evidence.layout().layered ? Tables() : tables_of(evidence, true);
   const bool asked = evidence.is_asked_for(kDecodedTables);
-  if (!tables || (!asked && !evidence.is_decoded({*tables->boxes, 0, kBox}))) {
+  if (tables.scores == nullptr || (!asked && !evidence.is_decoded({*tables.boxes, 0, kBox}))) {
     return {};
   }
   HeadReading reading =
       begin_reading(evidence, kDecodedTables, "boxes and scores apart, decoded in the graph");
-  conclude_final_boxes(evidence, {*tables->boxes, 0, kBox}, qv_host::BoxOrder::kCornerPairs, true,
+  conclude_final_boxes(evidence, {*tables.boxes, 0, kBox}, qv_host::BoxOrder::kCornerPairs, true,
                        &reading);
-  conclude_axes(evidence, &reading);
-  const Channels scores = {*tables->scores, 0, tables->scores->channels};
+  const Channels scores = {*tables.scores, 0, tables.scores->channels};
   const bool logits = !evidence.is_probability(scores);
   Head& head = reading.head;
   head.classes =
       evidence.probability(scores, evidence.options().class_activation, "class", &reading);
-  conclude_background(evidence, *tables->scores, logits, &reading);
-  conclude_class_count(evidence, scores.count, &reading);
-  if (tables->points != nullptr) {
+  conclude_background(evidence, *tables.scores, logits, &reading);
+  conclude_class_count(scores.count, &reading);
+  if (tables.points != nullptr) {
     head.class_count -= head.background >= 0 ? 1 : 0;
-    conclude_points(evidence, {*tables->points, 0, tables->points->channels}, PointCode::kFinal,
+    conclude_points(evidence, {*tables.points, 0, tables.points->channels}, PointCode::kFinal,
                     &reading);
     head.class_count = scores.count;
   }

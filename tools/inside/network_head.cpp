@@ -6,6 +6,7 @@
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
+#include "tools/heads/head_layout.h"
 #include "tools/inside/engine_run.h"
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
@@ -156,8 +157,10 @@ std::string no_head_text(const NetworkGraph& network, const NetworkHead& head,
   }
   return (family ? "the outputs do not fit --head " + *family : "no known head fits the outputs") +
          ". Input " + std::to_string(head.size.width) + "x" + std::to_string(head.size.height) +
-         ", outputs: " + outputs_text(network) +
-         ". Where anchors or priors are not the usual ones, give --anchors or --prior-sizes"
+         ", outputs: " + outputs_text(network) + ". Rows were compared with the cells of strides " +
+         usual_rows_text(head.size) +
+         " (and 2 to 6 or 9 times these); with the priors of usual sizes. Where anchors or priors "
+         "are not the usual ones, give --anchors or --prior-sizes"
          ". Or say what the outputs are, --boxes NAME --scores NAME or --raw OUT1 OUT2 OUT3, or "
          "name the "
          "head, --head FAMILY:" +

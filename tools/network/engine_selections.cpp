@@ -277,4 +277,44 @@ int repeat_by_concatenation(NetworkGraph* network) {
   return replace_nodes(network, concatenate);
 }
 
+// The best along a dimension: its value is the maximum, its number that of the first such.
+int choose_best_by_maximum(NetworkGraph* network) {
+  constexpr std::int64_t kAxesAreInputs = 18;  // from that version of the operators on
+  int count = 0;
+  const int before = network->graph()->node_size();
+  for (int i = 0; i < before; ++i) {
+    onnx::NodeProto* node = network->graph()->mutable_node(i);
+    const auto most = node->input_size() > 1 ? network->numbers(node->input(1)) : std::nullopt;
+    const bool one = most ? *most == std::vector<double>{1} : integer_attribute(*node, "k", 0) == 1;
+    if (!is_operator(*node, "TopK") || !one || node->output_size() == 0 ||
+        integer_attribute(*node, "largest", 1) == 0) {
+      continue;
+    }
+    const std::int64_t axis = integer_attribute(*node, "axis", -1);
+    const onnx::NodeProto choice = *node;
+    node->set_op_type("ReduceMax");
+    node->clear_attribute();
+    keep_first_input(node);
+    node->mutable_output()->DeleteSubrange(1, node->output_size() - 1);
+    set_attribute(Attribute("keepdims", std::int64_t{1}), node);
+    if (network->opset() < kAxesAreInputs) {
+      set_attribute(Attribute("axes", std::vector<std::int64_t>{axis}), node);
+    } else {
+      const std::string axes = network->add_integers("axes", {axis});
+      network->graph()->mutable_node(i)->add_input(axes);
+    }
+    if (choice.output_size() > 1 && !choice.output(1).empty()) {
+      network->add_node("number", "ArgMax", {choice.input(0)},
+                        {Attribute("axis", axis), Attribute("keepdims", std::int64_t{1})});
+      const int last = network->graph()->node_size() - 1;
+      *network->graph()->mutable_node(last)->mutable_output(0) = choice.output(1);
+    }
+    ++count;
+  }
+  if (count != 0) {
+    network->update();
+  }
+  return count;
+}
+
 }  // namespace olvex_tools

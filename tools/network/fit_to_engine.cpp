@@ -52,6 +52,7 @@ const Rewrite kToKnownForms[] = {
     {compute_choices, "turned", "Where", "Where", "into products and sums"},
     {clip_by_extremes, "turned", "Max or Min with a number", "Max or Min with a number",
      "into Clip"},
+    {choose_best_by_maximum, "turned", "TopK of one", "TopK of one", "into ReduceMax and ArgMax"},
     {slice_instead_of_gathering, "turned", "Gather of several places", "Gather of several places",
      "into Slice"},
     {slice_one_axis_at_a_time, "split", "Slice", "Slice", "into one for each axis or run"},

@@ -71,6 +71,7 @@ int drop_dynamic_quantisation(NetworkGraph* network);
 // engine_selections.cpp
 int compute_choices(NetworkGraph* network);
 int clip_by_extremes(NetworkGraph* network);
+int choose_best_by_maximum(NetworkGraph* network);
 int slice_instead_of_gathering(NetworkGraph* network);
 int slice_one_axis_at_a_time(NetworkGraph* network);
 int repeat_by_concatenation(NetworkGraph* network);

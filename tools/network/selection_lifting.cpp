@@ -73,7 +73,7 @@ std::int64_t SelectionLifting::count_rows() const {
 std::int64_t SelectionLifting::find_rows() const {
   for (const std::string& selector : nodes_.selectors) {
     const NodeProto& node = *network_.producer_of(selector);
-    if (node.op_type() == "NonMaxSuppression") {
+    if (node.op_type() == "NonMaxSuppression" && !is_selected(node.input(0))) {
       return size_at(shape_of(node.input(0)), 1);
     }
   }
@@ -354,7 +354,8 @@ SelectedPiece SelectionLifting::suppressed_boxes() {
   for (const std::string& selector : nodes_.selectors) {
     const NodeProto node = *network_.producer_of(selector);
     if (node.op_type() == "NonMaxSuppression") {
-      return tables_.table_of(node.input(0));
+      return is_selected(node.input(0)) ? merged(node, lift(node.input(0)))
+                                        : tables_.table_of(node.input(0));
     }
   }
   return {};

@@ -62,7 +62,8 @@ std::vector<std::string> notes_on_options(const PackOptions& options, const Head
       "--bins",       "--class-activation", "--centre-curve",
       "--size-curve", "--cell-centre",      "--objectness-activation",
       "--box-order",  "--box-unit",         "--box-axes",
-      "--background", "--keypoint-values",  "--keypoint-activation"};
+      "--background", "--keypoint-values",  "--keypoint-activation",
+      "--row-order"};
   const std::string concluded = " " + options_of(reading) + " ";
   std::vector<std::string> notes;
   for (const GivenOption& option : options.given) {

@@ -8,11 +8,10 @@
 #include <system_error>
 #include <vector>
 
-#include <opencv2/imgcodecs.hpp>
-
 #include "platform/host/host_image.h"
 #include "platform/host/qv_host.h"
 
+#include "tools/frames/codec_modules.h"
 #include "tools/pack/network_preparation.h"
 #include "tools/pack/pack.h"
 #include "tools/pack/proof.h"
@@ -72,8 +71,7 @@ void check_pair_places(const PackOptions& options, const Description& descriptio
 
 cv::Mat read_picture(const std::string& path) {
   const std::vector<char> bytes = read_whole_file("the test picture", path);
-  // Not imread: that prints the name, which may hold anything, to the terminal.
-  const cv::Mat picture = bytes.empty() ? cv::Mat() : cv::imdecode(bytes, cv::IMREAD_COLOR);
+  const cv::Mat picture = decode_picture({bytes.begin(), bytes.end()});
   if (picture.empty()) {
     refuse_input(path, "not a picture that can be decoded. Give a JPEG or PNG file");
   }

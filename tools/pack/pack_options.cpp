@@ -192,6 +192,9 @@ class Declaration {
     add("--strides", "N,N,..", &head.strides, "Strides of the layers, in order", parse_integers);
     add("--anchors", "SIZES", &head.anchors,
         "Boxes of a cell in pixels, WxH with commas between, and / between strides", parse_sizes);
+    add_word<bool>("--row-order", &head.anchors_first, {{"anchors", true}, {"cells", false}},
+                   "Of tables with several boxes for each cell: rows go by anchors, of each the "
+                   "cells; or by cells, of each the anchors");
     add("--prior-sizes", "SIZES", &head.prior_sizes, "The same for priors; N is a square",
         parse_sizes);
     add("--variances", "N,N", &head.variances, "Of centres and sizes (usual: 0.1,0.2)",

@@ -7,11 +7,11 @@
 #include <utility>
 
 #include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 
 #include "tools/frames/annotation.h"
 #include "tools/common/command.h"
 #include "tools/common/text.h"
+#include "tools/frames/codec_modules.h"
 #include "tools/frames/frame_source.h"
 #include "tools/common/output_file.h"
 
@@ -24,6 +24,11 @@ namespace {
 // H.264 needs even sizes.
 cv::Size even_size(cv::Size size) {
   return {size.width + size.width % 2, size.height + size.height % 2};
+}
+
+// How the coder names a format.
+constexpr int four_letters(char first, char second, char third, char fourth) {
+  return first | second << 8 | third << 16 | fourth << 24;
 }
 
 // Whether the file can be played up to its last seconds, which the coder still holds, while it grows.
@@ -57,7 +62,7 @@ class VideoWriter : public FrameWriter {
   }
 
   void write(FramePicture* picture) override {
-    if (!writer_.isOpened()) {
+    if (!writer_->isOpened()) {
       source_size_ = picture->annotated().size();
       open(even_size(source_size_));
     }
@@ -67,26 +72,26 @@ class VideoWriter : public FrameWriter {
     cv::Mat frame;
     cv::copyMakeBorder(fitting, frame, 0, size.height - fitting.rows, 0, size.width - fitting.cols,
                        cv::BORDER_REPLICATE);
-    writer_.write(frame);
+    writer_->write(frame);
     ++written_;
   }
 
   void finish() override {
-    if (writer_.isOpened()) {
-      writer_.release();
+    if (writer_->isOpened()) {
+      writer_->release();
       require_complete();
     }
   }
 
  private:
   void open(cv::Size size) {
-    const int h264 = cv::VideoWriter::fourcc('a', 'v', 'c', '1');
-    const int mpeg4 = cv::VideoWriter::fourcc('m', 'p', '4', 'v');
+    constexpr int h264 = four_letters('a', 'v', 'c', '1');
+    constexpr int mpeg4 = four_letters('m', 'p', '4', 'v');
     const bool is_new = type_of(path_) == fs::file_type::not_found;
-    if (writer_.open(local_path(path_), h264, rate_, size)) {
+    if (writer_->open(local_path(path_), h264, rate_, size)) {
       return;
     }
-    if (!writer_.open(local_path(path_), mpeg4, rate_, size)) {
+    if (!writer_->open(local_path(path_), mpeg4, rate_, size)) {
       if (is_new && type_of(path_) == fs::file_type::regular) {
         std::error_code ignored;  // an empty file that stays does no harm
         fs::remove(path_, ignored);
@@ -101,9 +106,9 @@ class VideoWriter : public FrameWriter {
   // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
   // it is where the number of frames is stored or computed from.
   void require_complete() const {
-    cv::VideoCapture check(local_path(path_));
-    const double found = check.isOpened() ? check.get(cv::CAP_PROP_FRAME_COUNT) : 0;
-    if (!reaches_length(found, static_cast<double>(written_)) || !check.grab()) {
+    const auto check = make_video_capture();
+    const double found = check->open(local_path(path_)) ? check->get(cv::CAP_PROP_FRAME_COUNT) : 0;
+    if (!reaches_length(found, static_cast<double>(written_)) || !check->grab()) {
       refuse_input(path_, "the video is not complete. Is the disk full?");
     }
   }
@@ -111,7 +116,7 @@ class VideoWriter : public FrameWriter {
   std::string path_;
   double rate_;
   std::function<void(const std::string&)> notice_;
-  cv::VideoWriter writer_;
+  const std::unique_ptr<cv::VideoWriter> writer_ = make_video_writer();
   cv::Size source_size_;
   long written_ = 0;
 };
