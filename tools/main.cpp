@@ -1,6 +1,6 @@
 // main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
 // every failure into one message and an exit code.
-// common/command.h has the codes; each subcommand is in its *_command.cpp.
+// common/command.h has the codes, common/subcommands.h the subcommands.
 #include <algorithm>
 #include <cstdio>
 #include <exception>
@@ -18,6 +18,7 @@
 
 #include "tools/common/command.h"
 #include "tools/common/standard_output.h"
+#include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 
 namespace {

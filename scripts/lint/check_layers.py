@@ -82,7 +82,7 @@ def fault(source, quote, name, files):
     target = resolve(source, name, files)
     rule = rule_of(source)
     if rule is None:
-        return "has no rule in KNOWN"
+        return "has no rule in KNOWN of scripts/lint/check_layers.py: add its folder, with what it may include"
     if target is None:
         return None if quote == "<" or name in GENERATED else f'"{name}" is not a file of this repository'
     if not target.startswith((rule, *KNOWN[rule])):

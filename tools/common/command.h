@@ -1,5 +1,5 @@
-// command.h - what every subcommand of olvex-det shares: exit codes, the error that carries one, and
-// how a subcommand registers itself. main.cpp registers them all.
+// command.h - what every subcommand of olvex-det shares: exit codes, the error that carries one, and the kind
+// of its work. subcommands.h lists the subcommands.
 #ifndef TOOLS_COMMON_COMMAND_H
 #define TOOLS_COMMON_COMMAND_H
 
@@ -7,10 +7,6 @@
 #include <new>
 #include <stdexcept>
 #include <string>
-
-namespace CLI {
-class App;
-}
 
 namespace olvex_tools {
 
@@ -65,16 +61,6 @@ inline ToolError caught_error() {
 
 // The work of the subcommand that was chosen; returns an ExitCode, may throw ToolError.
 using Command = std::function<int()>;
-
-// Each adds one subcommand with its options to the application and, when parsing selects it, sets
-// *chosen to its work.
-void add_pack_command(CLI::App& application, Command* chosen);
-void add_inspect_command(CLI::App& application, Command* chosen);
-void add_doctor_command(CLI::App& application, Command* chosen);
-void add_run_command(CLI::App& application, Command* chosen);
-void add_eval_coco_command(CLI::App& eval, Command* chosen);
-void add_eval_mot_command(CLI::App& eval, Command* chosen);
-void add_compare_command(CLI::App& application, Command* chosen);
 
 }  // namespace olvex_tools
 

@@ -9,8 +9,9 @@
 #include "tools/common/command.h"
 
 namespace CLI {
+class App;
 class Option;
-}
+}  // namespace CLI
 
 namespace olvex_tools {
 

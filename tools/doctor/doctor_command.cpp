@@ -9,6 +9,7 @@
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
+#include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 #include "tools/doctor/doctor.h"
 #include "tools/frames/own_files.h"

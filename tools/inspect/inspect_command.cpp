@@ -13,6 +13,7 @@
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
 #include "tools/common/standard_output.h"
+#include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"
 #include "tools/inside/library_model.h"

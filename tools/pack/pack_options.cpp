@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "tools/common/standard_output.h"
+#include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 #include "tools/pack/pack_values.h"
 

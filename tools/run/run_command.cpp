@@ -7,6 +7,7 @@
 #include "tools/common/command.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
+#include "tools/common/subcommands.h"
 #include "tools/run/run.h"
 
 namespace olvex_tools {

@@ -5,6 +5,7 @@
 #include "tools/eval/coco/coco.h"
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
+#include "tools/common/subcommands.h"
 #include "tools/frames/own_files.h"
 
 namespace olvex_tools {

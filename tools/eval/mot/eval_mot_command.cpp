@@ -6,6 +6,7 @@
 #include "tools/common/command.h"
 #include "tools/eval/mot/mot.h"
 #include "tools/common/output_file.h"
+#include "tools/common/subcommands.h"
 #include "tools/frames/own_files.h"
 
 namespace olvex_tools {
