@@ -56,7 +56,8 @@ struct recording_schema {
   const char* name;
   const char* text; /* of the encoding ros1msg */
 };
-extern const struct recording_schema recording_schemas[RECORDING_CHANNELS]; /* that of channel k at k - 1 */
+extern const struct recording_schema
+    recording_schemas[RECORDING_CHANNELS]; /* that of channel k at k - 1 */
 
 /* ---- Messages ---- */
 
@@ -87,8 +88,7 @@ enum recording_function {
 };
 
 /* Call.flags */
-#define RECORDING_CALL_CARRIED 1u    /* made before the first frame of this file, and still in force */
-#define RECORDING_CALL_UNFINISHED 2u /* left by an exception: there is no result */
+#define RECORDING_CALL_CARRIED 1u /* made before the first frame of this file, and still in force */
 
 /* Frame.flags */
 #define RECORDING_FRAME_NULL_ADDRESS 1u /* the address of the picture was NULL */

@@ -2,7 +2,8 @@
  * explains the fields; recording_format.h has their numbers. */
 #include "recorder/recording_format.h"
 
-#define SEPARATOR "================================================================================\n"
+#define SEPARATOR \
+  "================================================================================\n"
 
 static const char kAbout[] =
     "uint32 format  # of the messages of this recording: 1\n"
@@ -60,7 +61,8 @@ static const char kCall[] =
     "uint8 RELEASE_HANDLE=2\n"
     "uint8 GET_INPUT_ATTR=3  # words: width, height, format\n"
     "uint8 SET_STABLE_BOX=4  # words: stable\n"
-    "uint8 INIT_HANDLE=5  # words: threshold, width, height, had_create_device; texts: firmware, model\n"
+    "uint8 INIT_HANDLE=5  # words: threshold, width, height, had_create_device; texts: firmware, "
+    "model\n"
     "uint8 INIT_HANDLE2=6  # words: as 5, model_buffer_len\n"
     "uint8 SET_TRACKER=7  # words: tk_type, md_type\n"
     "uint8 SET_TRACKER2=8  # words: the members of DetTrackParams_t\n"
@@ -78,7 +80,7 @@ static const char kCall[] =
     "uint8 INVOKE=29  # words: count of inputs\n"
     "uint8 FLUSH=30  # words: size\n"
     "uint8 function\n"
-    "uint8 flags  # 1: carried over, 2: no result\n"
+    "uint8 flags  # 1: carried over\n"
     "uint16 thread\n"
     "uint32 call  # in the order of beginning, from 1\n"
     "uint32 outer  # the call that made this one\n"
@@ -119,7 +121,8 @@ static const char kFrame[] =
     "MSG: olvex_det/Output\n"
     "uint8 encoding  # 0: data is the tensor, 1: data is cells\n"
     "uint8 classes  # of a cell\n"
-    "uint8[] data  # cell: uint16 gap, uint8 n, uint8[n] classes, 4 values, n logits, other values\n" SEPARATOR
+    "uint8[] data  # cell: uint16 gap, uint8 n, uint8[n] classes, 4 values, n logits, other "
+    "values\n" SEPARATOR
     "MSG: olvex_det/Box\n"
     "uint16 x\n"
     "uint16 y\n"
