@@ -75,7 +75,8 @@ int main(int argc, char** argv) {
                  "usage: olvex_frames LIBRARY FRAMES [BOXES]\n"
                  "Runs FRAMES frames with BOXES objects (default 20). LIBRARY: plain, shipped,\n"
                  "plain_without_log, shipped_without_log, public for the shared library as\n"
-                 "applications link it, or accelerator for the scripted accelerator's part alone. The log goes to /dev/null.\n");
+                 "applications link it, or accelerator for the scripted accelerator's part alone. "
+                 "The log goes to /dev/null.\n");
     return argc == 2 && std::strcmp(argv[1], "--help") == 0 ? 0 : 2;
   }
   unsetenv("TZ");

@@ -176,18 +176,36 @@ struct cell_list {
 #define MOST_CHANNELS 68u
 #define CELL_HEAD 3u
 
-/* Appends elements; of one, as most are, without a call. */
-static unsigned char* append(unsigned char* to, const unsigned char* from, uint32_t element,
-                             uint32_t count) {
-  for (uint32_t k = 0; k < count; ++k) {
+/* Appends one element, or the four distances: stores of a size that the compiler knows. */
+static unsigned char* append_one(unsigned char* to, const unsigned char* from, uint32_t element) {
+  if (element == 4) {
+    memcpy(to, from, 4);
+  } else {
     memcpy(to, from, 2);
-    if (element == 4) {
-      memcpy(to + 2, from + 2, 2);
-    }
-    to += element;
-    from += element;
   }
-  return to;
+  return to + element;
+}
+
+static unsigned char* append_four(unsigned char* to, const unsigned char* from, uint32_t element) {
+  if (element == 4) {
+    memcpy(to, from, 16);
+  } else {
+    memcpy(to, from, 8);
+  }
+  return to + (size_t)element * 4;
+}
+
+/* Few cells of a block that is worth a look are kept. */
+static inline int is_kept(const struct cell_list* list, uint32_t index) {
+  const struct cell_layer* const layer = list->layer;
+  const unsigned char* const logits =
+      layer->data +
+      ((size_t)index * layer->channels + RECORDING_FIRST_CLASS) * (size_t)layer->element;
+  int is_reached = list->is_before_pair || index - list->next == RECORDING_LONGEST_GAP;
+  for (uint32_t k = 0; k < layer->classes; ++k) {
+    is_reached |= reaches(layer, logits + (size_t)k * layer->element);
+  }
+  return is_reached;
 }
 
 static void pack_cell(struct cell_list* list, uint32_t index) {
@@ -204,18 +222,19 @@ static void pack_cell(struct cell_list* list, uint32_t index) {
     }
   }
   const uint32_t gap = index - list->next;
-  if (count == 0 && !list->is_before_pair && gap != RECORDING_LONGEST_GAP) {
-    return;
-  }
   const uint32_t behind = RECORDING_FIRST_CLASS + layer->classes;
   bytes[0] = (unsigned char)gap;
   bytes[1] = (unsigned char)(gap >> 8);
   bytes[2] = (unsigned char)count;
-  unsigned char* end = append(classes + count, cell, element, RECORDING_FIRST_CLASS);
+  unsigned char* end = append_four(classes + count, cell, element);
   for (uint32_t k = 0; k < count; ++k) {
-    end = append(end, logits + (size_t)classes[k] * element, element, 1);
+    end = append_one(end, logits + (size_t)classes[k] * element, element);
   }
-  end = append(end, cell + (size_t)behind * element, element, layer->channels - behind);
+  const uint32_t rest = (layer->channels - behind) * element;
+  if (rest != 0) {
+    memcpy(end, cell + (size_t)behind * element, rest);
+    end += rest;
+  }
   pack_bytes(list->packer, bytes, (uint32_t)(end - bytes));
   list->next = index + 1;
   list->reached += count != 0;
@@ -243,7 +262,9 @@ uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer) {
     index = skip(&list, index);
     const uint32_t end = layer->cells - index < BLOCK ? layer->cells : index + BLOCK;
     for (; index < end; ++index) {
-      pack_cell(&list, index);
+      if (is_kept(&list, index)) {
+        pack_cell(&list, index);
+      }
     }
   }
   packer_patch32(packer, length_at, packer_offset(packer) - length_at - 4);
