@@ -9,7 +9,8 @@ import sys
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import common  # noqa: E402
 
-FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
+FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "recorder", "tests", "bench",
+           "fuzz")
 # Hand-aligned comment columns of the C headers are part of their manual.
 HAND_LAID = {"olvex_det.h", "algo_types.h", "qv_types.h", "qv_sys.h", "qv_ipu.h", "qv_host.h"}
 

@@ -5,7 +5,8 @@ Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no
 platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
 the tools, common and codecs include none of the others, frames both, network common, heads also network, inside
 all of these, a subcommand those that it uses and no other subcommand; inside alone includes the library's own
-headers, but for the build string in main.cpp. A folder without a rule, an include that names no file, and a
+headers, but for the build string in main.cpp. The recorder includes what both its sides include, and what reads
+recordings knows of it the format alone. A folder without a rule, an include that names no file, and a
 permission that no file uses are faults, too.
 """
 import pathlib
@@ -16,7 +17,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import common  # noqa: E402
 
 INCLUDE = re.compile(r'^\s*#\s*include\s+(["<])([^">]+)[">]', re.MULTILINE)
-FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "tests", "bench", "fuzz")
+FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "recorder", "tests", "bench",
+           "fuzz")
 GENERATED = {"log_lines_text.h"}
 CONTRACT = "platform/include/"
 PUBLIC = "video/det/include/olvex_det.h"
@@ -35,6 +37,8 @@ KNOWN = {
     "platform/host/": (CONTRACT,),
     "platform/scripted/": (CONTRACT,),
     "examples/": (PUBLIC,),
+    "recorder/": (CONTRACT, PUBLIC),
+    "tools/recordings/": ("recorder/recording_format.h",),
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
     "tools/codecs/": (),
@@ -58,6 +62,8 @@ KNOWN = {
     "tests/api/": ("platform/scripted/", "tests/support/", "tests/unit/boxes.h", "base/sdet/", "video/det/"),
     "tests/golden/": ("platform/scripted/", "tests/support/", "video/det/"),
     "tests/platform/": ("platform/", "tests/support/"),
+    "tests/recorder/": ("platform/scripted/", "recorder/", "tests/support/", "tests/api/list_network.h",
+                        "tools/recordings/", "base/", "video/det/"),
     "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
     "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", "utils/", "base/sdet/",
               "video/det/"),
@@ -138,7 +144,8 @@ BROKEN = (
     ("tests/support/up.cpp", '#include "tests/unit/x.h"'), ("tests/unit/side.cpp", '#include "tests/api/x.h"'),
     ("tests/platform/in.cpp", '#include "base/sdet/x.h"'), ("tests/golden/in.cpp", '#include "base/sdet/x.h"'),
     ("tests/api/side.cpp", '#include "tests/soak/x.h"'), ("tests/soak/in.cpp", '#include "base/sdet/x.h"'),
-    ("fuzz/side.cpp", '#include "tests/unit/x.h"'),
+    ("fuzz/side.cpp", '#include "tests/unit/x.h"'), ("recorder/in.c", '#include "utils/x.h"'),
+    ("tools/recordings/in.cpp", '#include "recorder/x.h"'),
 )
 RIGHT = (
     ("base/postprocess/double_check.cpp", '#include "base/tracker/x.h"'),

@@ -1,0 +1,157 @@
+/* calls_det.c - the twelve functions of olvex_det.h, in front of the library. Each hands its arguments on as
+ * they are and returns what the library returns. */
+#include <string.h>
+
+#include "recorder/attachment.h"
+#include "recorder/recorder.h"
+
+DECLARE_WRAPPED(ALGO_DET_CreateHandle);
+DECLARE_WRAPPED(ALGO_DET_ReleaseHandle);
+DECLARE_WRAPPED(ALGO_DET_GetInputAttr);
+DECLARE_WRAPPED(ALGO_DET_SetStableBox);
+DECLARE_WRAPPED(ALGO_DET_InitHandle);
+DECLARE_WRAPPED(ALGO_DET_InitHandle2);
+DECLARE_WRAPPED(ALGO_DET_SetTracker);
+DECLARE_WRAPPED(ALGO_DET_SetTracker2);
+DECLARE_WRAPPED(ALGO_DET_SetThreshold);
+DECLARE_WRAPPED(ALGO_DET_Run);
+DECLARE_WRAPPED(ALGO_DET_DeinitHandle);
+DECLARE_WRAPPED(ALGO_DET_SetStrictMode);
+
+const void* library_address(void) {
+  return (const void*)(uintptr_t)REAL(ALGO_DET_Run);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_CreateHandle)(void** handle) {
+  struct call call;
+  call_begin(&call, RECORDING_CREATE_HANDLE, NULL);
+  call.result = REAL(ALGO_DET_CreateHandle)(handle);
+  call.handle = call.result == 0 ? *handle : NULL;
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_ReleaseHandle)(void* handle) {
+  struct call call;
+  call_begin(&call, RECORDING_RELEASE_HANDLE, handle);
+  call.result = REAL(ALGO_DET_ReleaseHandle)(handle);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_GetInputAttr)(void* handle, InputAttr_t* input_attr) {
+  struct call call;
+  call_begin(&call, RECORDING_GET_INPUT_ATTR, handle);
+  call.result = REAL(ALGO_DET_GetInputAttr)(handle, input_attr);
+  if (input_attr != NULL) {
+    call_words(&call, input_attr, sizeof *input_attr);
+  }
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_SetStableBox)(void* handle, QV_BOOL stable) {
+  struct call call;
+  call_begin(&call, RECORDING_SET_STABLE_BOX, handle);
+  call_word(&call, stable);
+  call.result = REAL(ALGO_DET_SetStableBox)(handle, stable);
+  return call_end(&call);
+}
+
+static void add_init_words(struct call* call, QV_FLOAT threshold, Rect_t display,
+                           QV_BOOL had_create_device) {
+  call_words(call, &threshold, sizeof threshold);
+  call_word(call, display.width);
+  call_word(call, display.height);
+  call_word(call, had_create_device);
+}
+
+/* Whether the model is to be looked at, which takes a moment. */
+static int names_models(const struct call* call) {
+  return call->function != 0 && the_recorder->options.model_hash;
+}
+
+QV_S32 INTERPOSED(ALGO_DET_InitHandle)(void* handle, DetectionInfo_t* init_info) {
+  struct model_identity model;
+  struct call call;
+  call_begin(&call, RECORDING_INIT_HANDLE, handle);
+  if (init_info != NULL) {
+    add_init_words(&call, init_info->threshold, init_info->disp_size, init_info->had_create_device);
+    call.texts[0] = init_info->ipu_firmware_path;
+    call.texts[1] = init_info->model;
+    if (names_models(&call) && memchr(init_info->model, 0, sizeof init_info->model) != NULL) {
+      identify_file(&model, init_info->model);
+      call.model = &model;
+    }
+  }
+  call.result = REAL(ALGO_DET_InitHandle)(handle, init_info);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_InitHandle2)(void* handle, DetectionInfo2_t* init_info) {
+  struct model_identity model;
+  struct call call;
+  call_begin(&call, RECORDING_INIT_HANDLE2, handle);
+  if (init_info != NULL) {
+    add_init_words(&call, init_info->threshold, init_info->disp_size, init_info->had_create_device);
+    call_word(&call, init_info->model_buffer_len);
+    if (names_models(&call) && init_info->model_buffer != NULL) {
+      identify_buffer(&model, init_info->model_buffer, init_info->model_buffer_len);
+      call.model = &model;
+    }
+  }
+  call.result = REAL(ALGO_DET_InitHandle2)(handle, init_info);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_SetTracker)(void* handle, QV_S32 tk_type, QV_S32 md_type) {
+  struct call call;
+  call_begin(&call, RECORDING_SET_TRACKER, handle);
+  call_word(&call, (uint32_t)tk_type);
+  call_word(&call, (uint32_t)md_type);
+  call.result = REAL(ALGO_DET_SetTracker)(handle, tk_type, md_type);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_SetTracker2)(void* handle, DetTrackParams_t track_params) {
+  struct call call;
+  call_begin(&call, RECORDING_SET_TRACKER2, handle);
+  call_word(&call, track_params.enable);
+  call_word(&call, track_params.ignore_static_objects);
+  call_words(&call, &track_params.static_sensitive, sizeof track_params.static_sensitive);
+  call_word(&call, track_params.stable_bbox);
+  call_words(&call, &track_params.stable_sensitive, sizeof track_params.stable_sensitive);
+  call_word(&call, (uint32_t)track_params.ignore_frame_number);
+  call.result = REAL(ALGO_DET_SetTracker2)(handle, track_params);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_SetThreshold)(void* handle, QV_FLOAT threshold) {
+  struct call call;
+  call_begin(&call, RECORDING_SET_THRESHOLD, handle);
+  call_words(&call, &threshold, sizeof threshold);
+  call.result = REAL(ALGO_DET_SetThreshold)(handle, threshold);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_Run)(void* handle, const ALGO_Input_t* algo_input, Box_t* bboxes,
+                                QV_S32* num_bboxes) {
+  const int is_recorded = frame_begin(handle, algo_input, bboxes, num_bboxes);
+  const QV_S32 result = REAL(ALGO_DET_Run)(handle, algo_input, bboxes, num_bboxes);
+  if (is_recorded) {
+    frame_end(result);
+  }
+  return result;
+}
+
+QV_S32 INTERPOSED(ALGO_DET_DeinitHandle)(void* handle) {
+  struct call call;
+  call_begin(&call, RECORDING_DEINIT_HANDLE, handle);
+  call.result = REAL(ALGO_DET_DeinitHandle)(handle);
+  return call_end(&call);
+}
+
+QV_S32 INTERPOSED(ALGO_DET_SetStrictMode)(void* handle, DetStrictModeParams_t params) {
+  struct call call;
+  call_begin(&call, RECORDING_SET_STRICT_MODE, handle);
+  call_word(&call, params.enable);
+  call.result = REAL(ALGO_DET_SetStrictMode)(handle, params);
+  return call_end(&call);
+}
