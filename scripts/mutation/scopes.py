@@ -25,7 +25,7 @@ SCOPES = {
         r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
         "tools; the tests of the command line, but not those that take minutes",
-        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload"], [TOOL], TOOL,
+        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder"], [TOOL], TOOL,
         r"tools tools\.(?!run_sweep\.test_every_failure)", {}, 180, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
@@ -55,6 +55,7 @@ LIKELY_TESTS = (
     (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", r"pack|doctor"),
     (r"tools/inspect/", r"pack|network"),
     (r"tools/pack/", r"pack|heads|network"),
+    (r"tools/(record|recordings|replay)/", r"replay"),
     (r"tools/(run/|inside/(last_output|result_))", r"run"),
 )
 
