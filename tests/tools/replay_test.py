@@ -8,6 +8,7 @@ import os
 import pathlib
 import random
 import re
+import signal
 import struct
 import subprocess
 import tempfile
@@ -27,7 +28,8 @@ def record(command, path, **settings):
                         {"FILE": path, "MODE": "always", "FILES": 1, "FLOOR": 0.25, **settings}.items()})
     environment["LD_PRELOAD"] = RECORDER
     environment["ASAN_OPTIONS"] = environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, check=True, timeout=600)
+    code = subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, timeout=600).returncode
+    assert code == (-signal.SIGKILL if "kill=30" in command else 0), f"{command}: {code}"
     return pathlib.Path(f"{path}.1.mcap").read_bytes()
 
 
@@ -182,6 +184,13 @@ class ReplayTest(ToolTest):
             result = subprocess.run([TOOL, "replay", path], capture_output=True, encoding="utf-8")
             self.assertIn(result.returncode, (0, 4), (bit, result))
             self.assertRegex(result.stderr, r"flipped.mcap: byte \d+: ", bit)
+
+    def test_a_killed_run_is_played_up_to_its_last_whole_frame(self):
+        data = self.camera("killed", "pause=5", "kill=30")
+        result = self.played(data, said=["recording.mcap: byte "])
+        frames = len(messages(data, 5))
+        self.assertTrue(10 < frames <= 30, frames)
+        self.assertEqual(int(SAME.fullmatch(result.stdout)[1]), frames)
 
     def test_a_damaged_recording_is_repaired(self):
         middle = chunks(self.tracked)[-30]

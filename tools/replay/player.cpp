@@ -45,24 +45,21 @@ Player::~Player() {
 
 PlayResult Player::play() {
   for (const RecordedStep& step : recording_.steps) {
-    if (!play_step(step)) {
-      break;
-    }
+    play_step(step);
   }
   return result_;
 }
 
-bool Player::play_step(const RecordedStep& step) {
+void Player::play_step(const RecordedStep& step) {
   if (!step.is_frame) {
     play_call(recording_.calls[step.index]);
-    return true;
+    return;
   }
   const RecordedFrame frame = recording_.frame(step.index);
-  if (frame.number > options_.to) {
-    return false;
+  // Frames are numbered as they end, and stand in the order in which they began.
+  if (frame.number <= options_.to) {
+    play_frame(frame);
   }
-  play_frame(frame);
-  return true;
 }
 
 std::vector<qv_replay::Difference> Player::run(std::uint16_t thread, std::uint32_t handle,

@@ -28,7 +28,7 @@ class Player {
 
  private:
   // ---- player.cpp ----
-  bool play_step(const RecordedStep& step);
+  void play_step(const RecordedStep& step);
   // Runs work of a handle on the thread of that number, with the platform's answers; returns what they differed
   // in.
   std::vector<qv_replay::Difference> run(std::uint16_t thread, std::uint32_t handle,

@@ -1,6 +1,8 @@
 // replay_command.cpp - the subcommand replay: its options, their checks, what it says, and its help.
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -101,10 +103,11 @@ std::unique_ptr<FrameWriter> make_writer(const CommandLine& line, FILE* standard
                                      : make_coco_writer(line.output, standard_output, false);
 }
 
-// A run of the library, whose log goes where the user wants it.
+// A run of the library. The log that the user wants is that of the run as recorded.
 PlayResult run(const CommandLine& line, const Recording& recording, const ChangedOptions& changes,
                std::vector<PlayedFrame>* frames) {
-  const LibraryLog log(line.log);
+  const std::string path = changes.threshold || changes.change_tracking() ? "" : line.log;
+  const LibraryLog log(path);
   PlayOptions options;
   options.changes = changes;
   options.from = static_cast<std::uint32_t>(line.from);
@@ -112,7 +115,11 @@ PlayResult run(const CommandLine& line, const Recording& recording, const Change
   if (frames != nullptr) {
     options.on_frame = [frames](const PlayedFrame& frame) { frames->push_back(frame); };
   }
-  return play(recording, options);
+  const PlayResult result = play(recording, options);
+  if (std::fflush(stdout) != 0) {
+    refuse_input(path, std::string("the library's log cannot be written: ") + std::strerror(errno));
+  }
+  return result;
 }
 
 void export_frames(const CommandLine& line, const std::vector<PlayedFrame>& frames) {
