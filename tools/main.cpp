@@ -51,6 +51,24 @@ void add_eval_command(CLI::App& application, Command* chosen) {
   olvex_tools::add_eval_mot_command(*eval, chosen);
 }
 
+const char kRecordExamples[] =
+    "Examples:\n"
+    "  olvex-det record info camera.1.mcap\n"
+    "  olvex-det record repair camera.1.mcap -o whole.mcap\n"
+    "  olvex-det record cut --help";
+
+// So has record, one per thing to do with a recording.
+void add_record_command(CLI::App& application, Command* chosen) {
+  CLI::App* const record =
+      application.add_subcommand("record", "Show, repair, cut and anonymise recordings");
+  record->require_subcommand(1);
+  record->footer(kRecordExamples);
+  olvex_tools::add_record_info_command(*record, chosen);
+  olvex_tools::add_record_repair_command(*record, chosen);
+  olvex_tools::add_record_cut_command(*record, chosen);
+  olvex_tools::add_record_anonymise_command(*record, chosen);
+}
+
 // The subcommands that the command line selects, from the outermost in: eval, then coco.
 std::vector<const CLI::App*> selected_subcommands(const CLI::App& application) {
   std::vector<const CLI::App*> selected;
@@ -197,6 +215,8 @@ int main(int argc, char** argv) {
   olvex_tools::add_run_command(application, &command);
   add_eval_command(application, &command);
   olvex_tools::add_compare_command(application, &command);
+  olvex_tools::add_replay_command(application, &command);
+  add_record_command(application, &command);
   try {
     application.parse(argc, argv);
     refuse_empty_values(application);

@@ -101,6 +101,7 @@ Option OptionTable::flag(const std::string& name, std::optional<bool>* value,
 template Option& Option::range(int, int);
 template Option& Option::range(long, long);
 template Option& Option::range(std::size_t, std::size_t);
+template Option& Option::range(double, double);
 
 #define OLVEX_ADD(type)                                                           \
   template Option OptionTable::add(const std::string&, const std::string&, type*, \

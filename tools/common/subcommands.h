@@ -20,6 +20,11 @@ void add_run_command(CLI::App& application, Command* chosen);
 void add_eval_coco_command(CLI::App& eval, Command* chosen);
 void add_eval_mot_command(CLI::App& eval, Command* chosen);
 void add_compare_command(CLI::App& application, Command* chosen);
+void add_replay_command(CLI::App& application, Command* chosen);
+void add_record_info_command(CLI::App& record, Command* chosen);
+void add_record_repair_command(CLI::App& record, Command* chosen);
+void add_record_cut_command(CLI::App& record, Command* chosen);
+void add_record_anonymise_command(CLI::App& record, Command* chosen);
 
 }  // namespace olvex_tools
 

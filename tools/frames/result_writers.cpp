@@ -1,9 +1,9 @@
 // result_writers.cpp - a text per frame for each format of lines, and the list of COCO results.
-// Declared in run.h.
-#include "tools/run/run.h"
+#include "tools/frames/result_writers.h"
 
 #include <charconv>
 #include <cstdlib>
+#include <functional>
 #include <utility>
 
 #include "tools/common/json_text.h"

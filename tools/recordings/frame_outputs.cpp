@@ -1,0 +1,119 @@
+// frame_outputs.cpp - sizes of outputs, and what each of them holds.
+#include "tools/recordings/frame_outputs.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <stdexcept>
+
+#include "tools/recordings/output_cells.h"
+
+namespace olvex_tools {
+
+namespace {
+
+constexpr std::uint32_t kInt16 = 2;  // QV_IPU_FORMAT_INT16, as Tensor.format has it
+constexpr std::uint64_t kMostBytes = 1u << 28;
+
+[[noreturn]] void refuse(const std::string& what) {
+  throw OutputFault{what};
+}
+
+// The first output's type holds for all.
+std::size_t element_size(const RecordedNetwork& network) {
+  return !network.outputs.empty() && network.outputs.front().format == kInt16 ? 2 : 4;
+}
+
+// -infinity, or the lowest integer.
+void fill_below(std::size_t element, Bytes* bytes) {
+  const unsigned char lowest[2][4] = {{0x00, 0x80}, {0x00, 0x00, 0x80, 0xff}};
+  for (std::size_t k = 0; k < bytes->size(); ++k) {
+    (*bytes)[k] = lowest[element == 4 ? 1 : 0][k % element];
+  }
+}
+
+CellLayout layout_of(const RecordedOutput& output, const RecordedNetwork& network,
+                     const RecordedTensor& tensor, std::size_t size) {
+  CellLayout layout = {};
+  layout.element = element_size(network);
+  layout.channels = tensor.shape[3];
+  layout.classes = output.classes;
+  const std::uint64_t cells = std::uint64_t{tensor.shape[1]} * tensor.shape[2];
+  const std::uint64_t most = layout.channels == 0 ? 0 : size / layout.element / layout.channels;
+  if (cells == 0 || cells > most) {
+    refuse("an output in cells that its buffer does not hold");
+  }
+  layout.cells = static_cast<std::size_t>(cells);
+  return layout;
+}
+
+Bytes filled_output(const RecordedOutput& output, const CellLayout& layout, std::size_t size) {
+  try {
+    Bytes bytes = fill_cells(std::string(output.data.begin(), output.data.end()), layout);
+    bytes.resize(size);
+    return bytes;
+  } catch (const std::runtime_error& error) {
+    refuse(error.what());
+  }
+}
+
+Bytes whole_output(const RecordedOutput& output, const RecordedNetwork& network,
+                   const RecordedTensor& tensor, std::size_t size) {
+  if (output.encoding == RECORDING_CELLS) {
+    return filled_output(output, layout_of(output, network, tensor, size), size);
+  }
+  if (output.encoding != RECORDING_WHOLE) {
+    refuse("an output of encoding " + std::to_string(output.encoding));
+  }
+  if (!output.data.empty() && output.data.size() != size) {
+    refuse("an output of " + std::to_string(output.data.size()) + " bytes, whose buffer has " +
+           std::to_string(size));
+  }
+  return output.data;
+}
+
+}  // namespace
+
+std::vector<std::size_t> output_sizes(const RecordedNetwork& network) {
+  std::vector<std::size_t> sizes;
+  std::uint64_t all = 0;
+  for (const RecordedTensor& tensor : network.outputs) {
+    std::uint64_t size = element_size(network);
+    for (const std::uint32_t extent : tensor.shape) {
+      size = std::min(kMostBytes + 1, size * std::max(extent, 1u));
+    }
+    size = tensor.bytes != 0 ? tensor.bytes : size;
+    all += size;
+    if (all > kMostBytes) {
+      refuse("outputs of more than 256 MiB");
+    }
+    sizes.push_back(static_cast<std::size_t>(size));
+  }
+  return sizes;
+}
+
+std::vector<Bytes> whole_outputs(const RecordedFrame& frame, const RecordedNetwork& network) {
+  const std::vector<std::size_t> sizes = output_sizes(network);
+  if (frame.outputs.size() != sizes.size()) {
+    refuse(std::to_string(frame.outputs.size()) + " outputs of a network that has " +
+           std::to_string(sizes.size()));
+  }
+  std::vector<Bytes> outputs;
+  for (std::size_t k = 0; k < sizes.size(); ++k) {
+    outputs.push_back(whole_output(frame.outputs[k], network, network.outputs[k], sizes[k]));
+  }
+  return outputs;
+}
+
+std::vector<Bytes> empty_outputs(const RecordedNetwork& network) {
+  std::vector<Bytes> outputs;
+  for (const std::size_t size : output_sizes(network)) {
+    outputs.emplace_back(size);
+    // Layers; all others are lists, whose count is 0.
+    if (network.outputs.size() == 3) {
+      fill_below(element_size(network), &outputs.back());
+    }
+  }
+  return outputs;
+}
+
+}  // namespace olvex_tools

@@ -1,0 +1,30 @@
+// frame_outputs.h - a frame's outputs as whole tensors, as large as the network's description says. output_cells.h
+// fills those that were stored in cells.
+#ifndef TOOLS_RECORDINGS_FRAME_OUTPUTS_H
+#define TOOLS_RECORDINGS_FRAME_OUTPUTS_H
+
+#include <cstddef>
+#include <vector>
+
+#include "tools/recordings/messages.h"
+
+namespace olvex_tools {
+
+// A network or frame that contradicts itself; the text says in what.
+struct OutputFault {
+  std::string what;
+};
+
+// Bytes of each output's buffer, as far as the library may read it. Throws OutputFault for more than 256 MiB in
+// all.
+std::vector<std::size_t> output_sizes(const RecordedNetwork& network);
+
+// One entry per output of the network; empty where the platform gave no address. Throws OutputFault.
+std::vector<Bytes> whole_outputs(const RecordedFrame& frame, const RecordedNetwork& network);
+
+// What a frame without any object leaves: layers below every threshold, lists without a box.
+std::vector<Bytes> empty_outputs(const RecordedNetwork& network);
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_RECORDINGS_FRAME_OUTPUTS_H

@@ -1,0 +1,58 @@
+// recording_writer.h - writes recordings that were made of others: repaired, cut, without what gives things away.
+// The recorder's own writer, in recorder/, is for cameras.
+#ifndef TOOLS_RECORDINGS_RECORDING_WRITER_H
+#define TOOLS_RECORDINGS_RECORDING_WRITER_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/common/output_file.h"
+#include "tools/recordings/messages.h"
+
+namespace olvex_tools {
+
+struct MessageToWrite {
+  std::uint16_t channel = 0;
+  std::uint32_t sequence = 0;
+  std::uint64_t log_time = 0;
+  std::uint64_t publish_time = 0;
+  Bytes data;
+};
+
+// Every function throws ToolError (kInputError) when the file cannot be written.
+class RecordingWriter {
+ public:
+  // The file takes its place in finish(); a new one has mode 0600.
+  explicit RecordingWriter(const std::string& path);
+
+  // Leaves out an empty one.
+  void add_chunk(const std::vector<MessageToWrite>& messages);
+  // The summary, by which viewers seek, and the end. Call it once.
+  void finish();
+
+ private:
+  struct ChunkEntry {
+    std::uint64_t first_time = 0;
+    std::uint64_t last_time = 0;
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;                                      // of the chunk's record
+    std::uint64_t bytes = 0;                                     // of its messages
+    std::array<std::uint64_t, RECORDING_CHANNELS> indexes = {};  // their offsets; 0: none
+    std::uint64_t index_size = 0;
+  };
+
+  void write(const Bytes& bytes);
+  Bytes statistics() const;
+  static Bytes chunk_index(const ChunkEntry& chunk);
+
+  OutputFile file_;
+  std::uint64_t written_ = 0;
+  std::vector<ChunkEntry> chunks_;
+  std::array<std::uint64_t, RECORDING_CHANNELS> counts_ = {};
+};
+
+}  // namespace olvex_tools
+
+#endif  // TOOLS_RECORDINGS_RECORDING_WRITER_H
