@@ -12,8 +12,23 @@
 
 namespace {
 
+// The library as an application links it, so that a recorder can be preloaded.
+const Routines* public_routines() {
+  static Routines routines = {};
+  routines.create_handle = ALGO_DET_CreateHandle;
+  routines.init_handle = ALGO_DET_InitHandle;
+  routines.set_tracker2 = ALGO_DET_SetTracker2;
+  routines.set_strict_mode = ALGO_DET_SetStrictMode;
+  routines.run = ALGO_DET_Run;
+  routines.deinit_handle = ALGO_DET_DeinitHandle;
+  return &routines;
+}
+
 // Null for an unknown name.
 const Routines* find_routines(const std::string& name) {
+  if (name == "public") {
+    return public_routines();
+  }
   for (const Library& library : libraries()) {
     if (name == library.name) {
       return library.with_log;
@@ -59,8 +74,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: olvex_frames LIBRARY FRAMES [BOXES]\n"
                  "Runs FRAMES frames with BOXES objects (default 20). LIBRARY: plain, shipped,\n"
-                 "plain_without_log, shipped_without_log, or accelerator for the scripted\n"
-                 "accelerator's part alone. The log goes to /dev/null.\n");
+                 "plain_without_log, shipped_without_log, public for the shared library as\n"
+                 "applications link it, or accelerator for the scripted accelerator's part alone. "
+                 "The log goes to /dev/null.\n");
     return argc == 2 && std::strcmp(argv[1], "--help") == 0 ? 0 : 2;
   }
   unsetenv("TZ");

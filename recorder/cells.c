@@ -64,42 +64,6 @@ int32_t integer_cut(float cut, float scale) {
 /* The cut is negative, so all non-negative numbers reach it and have fewer bits than it as an unsigned
  * number, and the negative ones down to it have no more. A vector unit's own comparison of floats may take
  * denormal numbers for zero; this one takes every number as it is, and a NaN without a sign for a high one. */
-typedef uint32_t four_words __attribute__((vector_size(16)));
-typedef int32_t four_masks __attribute__((vector_size(16)));
-typedef int16_t eight_words __attribute__((vector_size(16)));
-
-static int any(four_masks mask) {
-  uint64_t halves[2];
-  memcpy(halves, &mask, sizeof halves);
-  return (halves[0] | halves[1]) != 0;
-}
-
-/* Whether a logit of one of the block's cells reaches the cut. The vectors end with the last class; lanes
- * before the first one do not count. */
-static int fp32_block(const unsigned char* cell, const struct cell_layer* layer) {
-  const uint32_t bytes = layer->channels * 4;
-  const uint32_t end = RECORDING_FIRST_CLASS + layer->classes;
-  const four_words cut = {layer->cut, layer->cut, layer->cut, layer->cut};
-  four_masks first = {-1, -1, -1, -1};
-  for (uint32_t k = 0; k + layer->classes < 4; ++k) {
-    first[k] = 0;
-  }
-  four_masks found = {0, 0, 0, 0};
-  for (uint32_t k = end - 4;; k = k - RECORDING_FIRST_CLASS >= 4 ? k - 4 : RECORDING_FIRST_CLASS) {
-    four_masks some = {0, 0, 0, 0};
-    for (uint32_t n = 0; n < BLOCK; ++n) {
-      four_words values;
-      memcpy(&values, cell + n * bytes + k * 4, sizeof values);
-      some |= values <= cut;
-    }
-    found |= some;
-    if (k <= RECORDING_FIRST_CLASS) {
-      break;
-    }
-  }
-  return any(layer->classes < 4 ? found & first : found);
-}
-
 static int reaches(const struct cell_layer* layer, const unsigned char* element) {
   if (layer->element == 2) {
     int16_t value;
@@ -111,28 +75,93 @@ static int reaches(const struct cell_layer* layer, const unsigned char* element)
   return bits <= layer->cut;
 }
 
-/* The same of 16-bit integers. With fewer than four classes the vector begins in the cell before. */
-static int int16_block(const unsigned char* cell, const struct cell_layer* layer) {
-  const uint32_t bytes = layer->channels * 2;
+/* The vector unit of 32-bit ARM compares integers without more ado, that of others floats. A NaN, which counts
+ * for nothing, reaches the cut in one of the two. */
+#if defined(__arm__)
+typedef uint32_t lane;
+#define REACHES(values, cut) ((values) <= (cut))
+#else
+typedef float lane;
+#define REACHES(values, cut) ((values) >= (cut))
+#endif
+typedef lane four_values __attribute__((vector_size(16)));
+typedef lane four_stored_values __attribute__((vector_size(16), aligned(4), may_alias));
+typedef int32_t four_masks __attribute__((vector_size(16)));
+typedef int16_t eight_words __attribute__((vector_size(16)));
+typedef int16_t eight_stored_words __attribute__((vector_size(16), aligned(2), may_alias));
+
+static int any(four_masks mask) {
+  uint64_t halves[2];
+  memcpy(halves, &mask, sizeof halves);
+  return (halves[0] | halves[1]) != 0;
+}
+
+/* Four values of each cell of a block. */
+static four_masks block_at(const unsigned char* values, uint32_t bytes, four_values cut) {
+  four_masks found = {0, 0, 0, 0};
+#pragma GCC unroll 8
+  for (uint32_t n = 0; n < BLOCK; ++n) {
+    found |= REACHES(*(const four_stored_values*)(const void*)values, cut);
+    values += bytes;
+  }
+  return found;
+}
+
+/* The first cell from index on whose block has a logit that reaches the cut, or the last block's end. The
+ * vectors end with the last class; lanes before the first one do not count. */
+static uint32_t skip_fp32(const struct cell_layer* layer, uint32_t index, uint32_t end) {
+  const uint32_t bytes = layer->channels * 4;
+  const uint32_t last = RECORDING_FIRST_CLASS + layer->classes - 4;
+  lane low;
+  memcpy(&low, &layer->cut, sizeof low);
+  const four_values cut = {low, low, low, low};
+  four_masks counts = {-1, -1, -1, -1};
+  for (uint32_t k = 0; k + layer->classes < 4; ++k) {
+    counts[k] = 0;
+  }
+  const unsigned char* cell = layer->data + (size_t)index * bytes;
+  for (; index + BLOCK <= end; index += BLOCK) {
+    four_masks found = block_at(cell + last * 4, bytes, cut);
+    for (uint32_t k = RECORDING_FIRST_CLASS; k < last; k += 4) {
+      found |= block_at(cell + k * 4, bytes, cut);
+    }
+    cell += BLOCK * bytes;
+    if (any(found & counts)) {
+      break;
+    }
+  }
+  return index;
+}
+
+/* The same of 16-bit integers. With fewer than four classes a vector begins in the cell before. */
+static uint32_t skip_int16(const struct cell_layer* layer, uint32_t index, uint32_t end) {
+  const int32_t bytes = (int32_t)layer->channels * 2;
   const int32_t last = (int32_t)(RECORDING_FIRST_CLASS + layer->classes) - 8;
   const int16_t low = (int16_t)layer->cut;
   const eight_words cut = {low, low, low, low, low, low, low, low};
-  eight_words found = {0, 0, 0, 0, 0, 0, 0, 0};
-  int others = 0;
-  for (uint32_t n = 0; n < BLOCK; ++n) {
-    eight_words values;
-    memcpy(&values, cell + n * bytes + last * 2, sizeof values);
-    found |= values >= cut;
-    for (int32_t k = RECORDING_FIRST_CLASS; k < last; ++k) {
-      others |= reaches(layer, cell + n * bytes + (uint32_t)k * 2);
+  eight_words counts = {-1, -1, -1, -1, -1, -1, -1, -1};
+  for (int32_t k = 0; k + last < (int32_t)RECORDING_FIRST_CLASS; ++k) {
+    counts[k] = 0;
+  }
+  const unsigned char* cell = layer->data + (size_t)index * (size_t)bytes;
+  for (; index + BLOCK <= end; index += BLOCK) {
+    eight_words found = {0, 0, 0, 0, 0, 0, 0, 0};
+    int others = 0;
+    const unsigned char* const next = cell + (int32_t)BLOCK * bytes;
+    for (; cell != next; cell += bytes) {
+      found |= *(const eight_stored_words*)(const void*)(cell + last * 2) >= cut;
+      for (int32_t k = RECORDING_FIRST_CLASS; k < last; ++k) {
+        others |= reaches(layer, cell + k * 2);
+      }
+    }
+    four_masks mask;
+    found &= counts;
+    memcpy(&mask, &found, sizeof mask);
+    if (others || any(mask)) {
+      break;
     }
   }
-  for (int32_t k = 0; k + last < (int32_t)RECORDING_FIRST_CLASS; ++k) {
-    found[k] = 0;
-  }
-  four_masks mask;
-  memcpy(&mask, &found, sizeof mask);
-  return others || any(mask);
+  return index;
 }
 
 struct cell_list {
@@ -143,43 +172,84 @@ struct cell_list {
   int is_before_pair; /* the cell before has a score that ends in this one */
 };
 
+/* Channels that a layer in cells has at most, see kRules. */
+#define MOST_CHANNELS 68u
+#define CELL_HEAD 3u
+
+/* Appends one element, or the four distances: stores of a size that the compiler knows. */
+static unsigned char* append_one(unsigned char* to, const unsigned char* from, uint32_t element) {
+  if (element == 4) {
+    memcpy(to, from, 4);
+  } else {
+    memcpy(to, from, 2);
+  }
+  return to + element;
+}
+
+static unsigned char* append_four(unsigned char* to, const unsigned char* from, uint32_t element) {
+  if (element == 4) {
+    memcpy(to, from, 16);
+  } else {
+    memcpy(to, from, 8);
+  }
+  return to + (size_t)element * 4;
+}
+
+/* Few cells of a block that is worth a look are kept. */
+static inline int is_kept(const struct cell_list* list, uint32_t index) {
+  const struct cell_layer* const layer = list->layer;
+  const unsigned char* const logits =
+      layer->data +
+      ((size_t)index * layer->channels + RECORDING_FIRST_CLASS) * (size_t)layer->element;
+  int is_reached = list->is_before_pair || index - list->next == RECORDING_LONGEST_GAP;
+  for (uint32_t k = 0; k < layer->classes; ++k) {
+    is_reached |= reaches(layer, logits + (size_t)k * layer->element);
+  }
+  return is_reached;
+}
+
 static void pack_cell(struct cell_list* list, uint32_t index) {
   const struct cell_layer* const layer = list->layer;
   const uint32_t element = layer->element;
   const unsigned char* const cell = layer->data + (size_t)index * layer->channels * element;
   const unsigned char* const logits = cell + (size_t)RECORDING_FIRST_CLASS * element;
-  unsigned char classes[16];
+  unsigned char bytes[CELL_HEAD + MOST_CHANNELS * 5];
+  unsigned char* const classes = bytes + CELL_HEAD;
   uint32_t count = 0;
   for (uint32_t k = 0; k < layer->classes; ++k) {
     if (reaches(layer, logits + (size_t)k * element)) {
       classes[count++] = (unsigned char)k;
     }
   }
-  if (count == 0 && !list->is_before_pair && index - list->next != RECORDING_LONGEST_GAP) {
-    return;
-  }
-  pack16(list->packer, index - list->next);
-  pack8(list->packer, count);
-  pack_bytes(list->packer, classes, count);
-  pack_bytes(list->packer, cell, RECORDING_FIRST_CLASS * element);
-  for (uint32_t k = 0; k < count; ++k) {
-    pack_bytes(list->packer, logits + (size_t)classes[k] * element, element);
-  }
+  const uint32_t gap = index - list->next;
   const uint32_t behind = RECORDING_FIRST_CLASS + layer->classes;
-  pack_bytes(list->packer, cell + (size_t)behind * element, (layer->channels - behind) * element);
+  bytes[0] = (unsigned char)gap;
+  bytes[1] = (unsigned char)(gap >> 8);
+  bytes[2] = (unsigned char)count;
+  unsigned char* end = append_four(classes + count, cell, element);
+  for (uint32_t k = 0; k < count; ++k) {
+    end = append_one(end, logits + (size_t)classes[k] * element, element);
+  }
+  const uint32_t rest = (layer->channels - behind) * element;
+  if (rest != 0) {
+    memcpy(end, cell + (size_t)behind * element, rest);
+    end += rest;
+  }
+  pack_bytes(list->packer, bytes, (uint32_t)(end - bytes));
   list->next = index + 1;
   list->reached += count != 0;
   list->is_before_pair = layer->has_pairs && count != 0;
 }
 
-static int block_is_worth_a_look(const struct cell_list* list, uint32_t index) {
+/* The next cell that needs a closer look. */
+static uint32_t skip(const struct cell_list* list, uint32_t index) {
   const struct cell_layer* const layer = list->layer;
-  if (index == 0 || layer->cells - index < BLOCK || list->is_before_pair ||
-      index - list->next + BLOCK > RECORDING_LONGEST_GAP) {
-    return 1;
+  if (index == 0 || list->is_before_pair) {
+    return index;
   }
-  const unsigned char* const cell = layer->data + (size_t)index * layer->channels * layer->element;
-  return layer->element == 2 ? int16_block(cell, layer) : fp32_block(cell, layer);
+  const uint32_t longest = list->next + RECORDING_LONGEST_GAP;
+  const uint32_t end = layer->cells < longest ? layer->cells : longest;
+  return layer->element == 2 ? skip_int16(layer, index, end) : skip_fp32(layer, index, end);
 }
 
 uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer) {
@@ -188,11 +258,12 @@ uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer) {
   struct cell_list list = {packer, layer, 0, 0, 0};
   /* An INT16 layer of which no integer reaches the cut. */
   const int is_empty = layer->element == 2 && (int32_t)layer->cut > INT16_MAX;
-  for (uint32_t index = 0; index < layer->cells && !is_empty; index += BLOCK) {
-    if (block_is_worth_a_look(&list, index)) {
-      const uint32_t end = layer->cells - index < BLOCK ? layer->cells : index + BLOCK;
-      for (uint32_t k = index; k < end; ++k) {
-        pack_cell(&list, k);
+  for (uint32_t index = 0; index < layer->cells && !is_empty;) {
+    index = skip(&list, index);
+    const uint32_t end = layer->cells - index < BLOCK ? layer->cells : index + BLOCK;
+    for (; index < end; ++index) {
+      if (is_kept(&list, index)) {
+        pack_cell(&list, index);
       }
     }
   }

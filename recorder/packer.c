@@ -1,9 +1,13 @@
-/* packer.c - values byte by byte, whatever the order of the processor. */
+/* packer.c - values as they lie in memory, which is the order of the format on the processors there are. */
 #include "recorder/packer.h"
 
 #include <string.h>
 
 #include "recorder/recording_format.h"
+
+#if __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+#error "recordings are little-endian, tensors included"
+#endif
 
 void packer_start(struct packer* packer, void* buffer, uint32_t capacity, struct ring* ring) {
   packer->buffer = (unsigned char*)buffer;
@@ -43,30 +47,31 @@ void pack_bytes(struct packer* packer, const void* bytes, uint32_t size) {
   }
 }
 
-static void write_value(unsigned char* to, uint64_t value, unsigned bytes) {
-  for (unsigned k = 0; k < bytes; ++k) {
-    to[k] = (unsigned char)(value >> (8 * k));
-  }
-}
-
-static void pack_value(struct packer* packer, uint64_t value, unsigned bytes) {
-  unsigned char* const to = space_for(packer, bytes);
-  if (to != NULL) {
-    write_value(to, value, bytes);
-  }
-}
+/* Of a size that the compiler knows: one store. */
+#define PACK_VALUE(packer, value)                                 \
+  do {                                                            \
+    unsigned char* const to = space_for((packer), sizeof(value)); \
+    if (to != NULL) {                                             \
+      memcpy(to, &(value), sizeof(value));                        \
+    }                                                             \
+  } while (0)
 
 void pack8(struct packer* packer, uint32_t value) {
-  pack_value(packer, value, 1);
+  const uint8_t byte = (uint8_t)value;
+  PACK_VALUE(packer, byte);
 }
+
 void pack16(struct packer* packer, uint32_t value) {
-  pack_value(packer, value, 2);
+  const uint16_t half = (uint16_t)value;
+  PACK_VALUE(packer, half);
 }
+
 void pack32(struct packer* packer, uint32_t value) {
-  pack_value(packer, value, 4);
+  PACK_VALUE(packer, value);
 }
+
 void pack64(struct packer* packer, uint64_t value) {
-  pack_value(packer, value, 8);
+  PACK_VALUE(packer, value);
 }
 
 uint32_t bits_of(float value) {
@@ -103,14 +108,12 @@ uint32_t packer_offset(const struct packer* packer) {
 }
 
 void packer_patch32(struct packer* packer, uint32_t offset, uint32_t value) {
-  unsigned char bytes[4];
-  write_value(bytes, value, sizeof bytes);
   const uint32_t before = packer_offset(packer) - packer->used;
-  if (offset >= before && offset - before + sizeof bytes <= packer->used) {
-    memcpy(packer->buffer + (offset - before), bytes, sizeof bytes);
+  if (offset >= before && offset - before + sizeof value <= packer->used) {
+    memcpy(packer->buffer + (offset - before), &value, sizeof value);
   } else if (packer->ring != NULL) {
     packer_flush(packer);
-    ring_patch(packer->ring, offset, bytes, sizeof bytes);
+    ring_patch(packer->ring, offset, &value, sizeof value);
   }
 }
 

@@ -156,8 +156,9 @@ TEST(Cells, GiveTheBoxesOfTheWholeLayersFromTheFloorOn) {
   std::size_t kept = 0;
   std::size_t cells = 0;
   std::size_t boxes = 0;
-  testing::internal::CaptureStdout();  // the library's log
-  for (std::uint64_t seed = 0; seed < 1000; ++seed) {
+  testing::internal::CaptureStdout();                            // the library's log
+  const std::uint64_t scenes = sizeof(void*) == 4 ? 200 : 1000;  // an emulator takes its time
+  for (std::uint64_t seed = 0; seed < scenes; ++seed) {
     Random random(seed);
     const float floor =
         random.pick({0.05f, 0.25f, 0.5f, 1e-6f, 1e-40f, random.between(1e-3f, 0.5f)});
@@ -168,12 +169,12 @@ TEST(Cells, GiveTheBoxesOfTheWholeLayersFromTheFloorOn) {
                                   0.999999f, 1.0f, kNaN, 1.5f, -0.5f}) {
       const auto whole = scene.boxes(scene.layers(), threshold);
       EXPECT_EQ(whole, scene.boxes(recorded, threshold)) << "seed " << seed << " at " << threshold;
-      boxes += whole[0];
+      boxes += static_cast<std::size_t>(whole[0]);
     }
   }
   testing::internal::GetCapturedStdout();
   EXPECT_LT(kept, cells * 3 / 4);
-  EXPECT_GT(boxes, 10000u);
+  EXPECT_GT(boxes, 10 * scenes);
 }
 
 // A gap that 16 bits do not hold.
