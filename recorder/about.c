@@ -36,17 +36,19 @@ static int holds(const struct dl_phdr_info* object, uintptr_t address) {
   return 0;
 }
 
-static void find_build_string(struct library* library, const char* data, size_t size) {
-  const size_t start = strlen(BUILD_STRING_START);
-  for (size_t k = 0; k + start < size; ++k) {
-    if (memcmp(data + k, BUILD_STRING_START, start) == 0) {
-      size_t length = 0;
-      while (length + 1 < BUILD_STRING_SIZE && k + length < size && data[k + length] != 0) {
-        library->build_string[length] = data[k + length];
-        ++length;
-      }
-      library->build_string[length] = 0;
-      return;
+/* Deliberate: reads all of the segment, what lies between its variables included, byte by byte and without the
+ * address sanitizer's checks. */
+__attribute__((no_sanitize_address)) static void find_build_string(struct library* library,
+                                                                   const char* data, size_t size) {
+  static const char kStart[] = BUILD_STRING_START;
+  for (size_t k = 0; k < size && library->build_string[0] == 0; ++k) {
+    size_t length = 0;
+    while (length + 1 < BUILD_STRING_SIZE && k + length < size && data[k + length] != 0 &&
+           (length >= sizeof kStart - 1 || data[k + length] == kStart[length])) {
+      ++length;
+    }
+    for (size_t n = 0; length >= sizeof kStart - 1 && n < length; ++n) {
+      library->build_string[n] = data[k + n];
     }
   }
 }

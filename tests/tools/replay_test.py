@@ -218,6 +218,13 @@ class ReplayTest(ToolTest):
         warm = self.camera("warm", "pause=20", "frames=90", "trigger=60", "track=0", MODE="trigger", BEFORE_S=1, AFTER_S=1)
         self.assertGreater(struct.unpack_from("<I", warm, messages(warm, 5)[0][0])[0], 1)
         self.assert_same(warm, len(messages(warm, 5)))
+        path.write_bytes(warm)
+        start = re.search(r"time +(\S+) to ", self.tool("record", "info", path).stdout)[1]
+        for around in (start, "0"):
+            self.tool("record", "cut", path, "--around", around, "--before", "0.001", "--after", "0.3", "-o", part)
+            self.assertTrue(1 < len(messages(part.read_bytes(), 5)) < 16)
+            self.assertEqual(messages(part.read_bytes(), 5)[0][1] - messages(part.read_bytes(), 5)[0][0],
+                             messages(warm, 5)[0][1] - messages(warm, 5)[0][0])
 
     def test_what_gives_away_a_place_is_left_out_and_the_rest_plays(self):
         path, public = self.folder / "tracked.mcap", self.folder / "public.mcap"

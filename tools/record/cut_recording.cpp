@@ -2,7 +2,6 @@
 // carries them into each file.
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <ctime>
 #include <map>
 #include <optional>
@@ -76,16 +75,16 @@ std::vector<MessageToWrite> calls_in_force(const Recording& recording, std::uint
 // Nanoseconds since 1970, or nothing.
 std::optional<double> clock_time(const std::string& text) {
   std::tm calendar = {};
-  double seconds = 0;
-  char end = 0;
-  if (std::sscanf(text.c_str(), "%d-%d-%dT%d:%d:%lf%c", &calendar.tm_year, &calendar.tm_mon,
-                  &calendar.tm_mday, &calendar.tm_hour, &calendar.tm_min, &seconds, &end) != 7 ||
-      end != 'Z') {
+  const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &calendar);
+  const char* const end = text.c_str() + text.size();
+  double fraction = 0;
+  if (rest != nullptr && *rest == '.') {
+    rest = std::from_chars(rest, end, fraction).ptr;
+  }
+  if (rest == nullptr || std::string(rest, end) != "Z") {
     return std::nullopt;
   }
-  calendar.tm_year -= 1900;
-  calendar.tm_mon -= 1;
-  return (static_cast<double>(timegm(&calendar)) + seconds) * kSecond;
+  return (static_cast<double>(timegm(&calendar)) + fraction) * kSecond;
 }
 
 // In the recording's log time.

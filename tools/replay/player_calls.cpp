@@ -127,9 +127,11 @@ void Player::play_call(const RecordedCall& call) {
   } else if (handle != nullptr) {
     run_missing_frames(call, handle);
   }
+  PlayedHandle none;  // the handle that was NULL
   QV_S32 result = 0;
-  const auto differences = run(call.thread, call.handle, platform_calls_of(recording_, call),
-                               [&] { result = make_call(call, handle); });
+  const auto differences = run(call.thread, call.handle, platform_calls_of(recording_, call), [&] {
+    result = make_call(call, handle != nullptr ? handle : &none);
+  });
   ++result_.calls;
   const ReplayDifference place = place_of(call);
   // Of one that failed, only what is left in force is carried over.
@@ -145,7 +147,7 @@ void Player::play_call(const RecordedCall& call) {
 }
 
 QV_S32 Player::make_call(const RecordedCall& call, PlayedHandle* handle) {
-  void* const given = handle != nullptr ? handle->handle : nullptr;
+  void* const given = handle->handle;
   switch (call.function) {
     case RECORDING_CREATE_HANDLE:
       return ALGO_DET_CreateHandle(&handle->handle);
@@ -174,7 +176,7 @@ QV_S32 Player::make_call(const RecordedCall& call, PlayedHandle* handle) {
 }
 
 QV_S32 Player::init_from_file(const RecordedCall& call, PlayedHandle* handle) {
-  void* const given = handle != nullptr ? handle->handle : nullptr;
+  void* const given = handle->handle;
   if (call.words.empty()) {
     return ALGO_DET_InitHandle(given, nullptr);
   }
@@ -189,7 +191,7 @@ QV_S32 Player::init_from_file(const RecordedCall& call, PlayedHandle* handle) {
 }
 
 QV_S32 Player::init_from_memory(const RecordedCall& call, PlayedHandle* handle) {
-  void* const given = handle != nullptr ? handle->handle : nullptr;
+  void* const given = handle->handle;
   if (call.words.empty()) {
     return ALGO_DET_InitHandle2(given, nullptr);
   }

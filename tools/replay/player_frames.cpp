@@ -19,14 +19,14 @@ std::vector<LargeBox> boxes_of(const RecordedFrame& frame) {
 }
 
 // By its bits, as NaNs and zeros of both signs are told apart.
-bool is_same(float a, float b) {
-  return std::memcmp(&a, &b, sizeof a) == 0;
+std::uint32_t bits_of(float value) {
+  std::uint32_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits;
 }
 
 std::string real_text(float value) {
-  std::uint32_t bits = 0;
-  std::memcpy(&bits, &value, sizeof bits);
-  return format("%.9g (0x%08x)", static_cast<double>(value), bits);
+  return format("%.9g (0x%08x)", static_cast<double>(value), bits_of(value));
 }
 
 struct BoxField {
@@ -140,7 +140,7 @@ void Player::compare_boxes(const RecordedFrame& frame, const ReplayDifference& w
                std::to_string(recorded[k].*field.recorded), std::to_string(boxes[k].*field.played));
       }
     }
-    if (!is_same(recorded[k].score, boxes[k].score)) {
+    if (bits_of(recorded[k].score) != bits_of(boxes[k].score)) {
       differ(where, "box score", box + "score", real_text(recorded[k].score),
              real_text(boxes[k].score));
     }
