@@ -54,6 +54,7 @@ LIKELY_TESTS = (
     (r"tools/doctor/", "doctor"),
     (r"tools/heads/", "written", r"network\.", "heads", "pack"),
     (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
+    (r"tools/inside/(network_head|engine_run)", "written", r"network\.", "heads", "pack"),
     (r"tools/inside/network_trial", "network_trial", ""),
     (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", "pack", "doctor", "written"),
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),

@@ -299,6 +299,8 @@ class WrittenNetworksTest(ToolTest):
             scores = np.linspace(.1, .2, 168).reshape(1, 84, 2)
             scores[0, :sure, 0] = score
             write(name, b=np.array([box] + [others or box] * 83).reshape(1, 84, 4), s=scores)
+        for name, sizes in (("low", (1, 3, 1, 64)), ("narrow", (1, 3, 64, 1)), ("last", (1, 8, 8, 3)), ("lowest", (1, 1, 64, 3))):
+            (self.folder / f"{name}.onnx").write_bytes(network([], sizes=sizes))
         (self.folder / "engine.onnx").write_bytes(network([folded("Slice c i0 i0 i0")]))
         model = onnx.load_from_string(table(layers({"b": lambda s, n: logits(1, n * n, 4), "c": lambda s, n: shares(1, n * n, 2),
                                                       "o": lambda s, n: shares(1, n * n, 1)})))
