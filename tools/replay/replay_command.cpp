@@ -115,7 +115,7 @@ PlayResult run(const CommandLine& line, const Recording& recording, const Change
   if (frames != nullptr) {
     options.on_frame = [frames](const PlayedFrame& frame) { frames->push_back(frame); };
   }
-  const PlayResult result = play(recording, options);
+  PlayResult result = play(recording, options);
   if (std::fflush(stdout) != 0) {
     refuse_input(path, std::string("the library's log cannot be written: ") + std::strerror(errno));
   }
