@@ -23,7 +23,8 @@ target_compile_options(olvex_numbers INTERFACE -ffp-contract=off -fno-fast-math)
 if(OLVEX_SANITIZERS)
   add_compile_options(-fsanitize=${OLVEX_SANITIZERS} -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
-  add_link_options(-fsanitize=${OLVEX_SANITIZERS})
+  # The sanitizer's library stands between dlopen and the program, whose RUNPATH does not count then. RPATH does.
+  add_link_options(-fsanitize=${OLVEX_SANITIZERS} LINKER:--disable-new-dtags)
 endif()
 
 # docs/threats.md says what each flag is for and what it costs. The sanitizers see more than these do,
