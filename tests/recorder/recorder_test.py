@@ -298,7 +298,9 @@ class RecorderTest(unittest.TestCase):
         os.close(reader)
         self.assertEqual(0, process.returncode, self.said())
         self.assertTrue(recording.is_whole)
-        self.assertEqual(30, len(recording.frames()))
+        self.assertTrue(recording.frames())
+        # A reader that is late makes the recorder leave out frames, and count them.
+        self.assertEqual(30, len(recording.frames()) + event_of(recording.by_channel[7][-1])["lost_frames"])
         with open(self.folder / "stream", "wb") as stream:
             os.set_inheritable(stream.fileno(), True)
             self.run_camera("wrap", "frames=30", FILE=f"fd:{stream.fileno()}", MODE="always")

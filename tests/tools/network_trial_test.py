@@ -99,7 +99,7 @@ class NetworkTrialTest(ToolTest):
         memory = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGESIZE")
         for number, factor in ((signal.SIGINT, .5), (signal.SIGTERM, 2), (signal.SIGHUP, 1), (signal.SIGQUIT, 1), (signal.SIGKILL, 1), (signal.SIGXCPU, 1),
                                (signal.SIGALRM, 1), (signal.SIGSEGV, 1)):
-            process = subprocess.Popen([TOOL, "inspect", "never-ends.qtm"], cwd=self.folder, env={**os.environ, "OLVEX_DET_LIMITS": str(factor)},
+            process = subprocess.Popen([TOOL, "inspect", "never-ends.qtm"], cwd=self.folder, env={**os.environ, "OLVEX_DET_LIMITS": str(factor), "ASAN_OPTIONS": "handle_segv=0"},
                                        stderr=subprocess.PIPE, encoding="utf-8")
             self.addCleanup(process.kill)
             child = pathlib.Path(f"/proc/{child_of(process)}")
