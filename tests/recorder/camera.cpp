@@ -5,7 +5,8 @@
 //
 // RESULTS gets every return code and box. Names: kind=fp32|int16|points|list, frames, handles, threshold, track,
 // pause (ms per frame), and the numbers of the frames before which something happens: fail (the invocation),
-// trigger (by the application), signal, threshold_at (it is set to 0.01), close (all descriptors), fork, kill.
+// trigger (by the application), signal, threshold_at (it is set to 0.01), fork, wait (for the file RESULTS.go), close
+// (all descriptors), kill.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,6 +80,12 @@ qv_scripted::Network network_of(const std::string& kind) {
   return kind == "points" ? raw_network(13, true) : raw_network(7, kind == "int16");
 }
 
+void wait_for(const std::string& path) {
+  while (access(path.c_str(), F_OK) != 0) {
+    usleep(10000);
+  }
+}
+
 void close_all() {
   for (int descriptor = 3; descriptor < 64; ++descriptor) {
     close(descriptor);
@@ -110,11 +117,14 @@ void before_frame(const Options& options, int frame, void* handle, const ALGO_In
   if (options.is_now("threshold_at", frame)) {
     ALGO_DET_SetThreshold(handle, 0.01f);
   }
-  if (options.is_now("close", frame)) {
-    close_all();
-  }
   if (options.is_now("fork", frame)) {
     fork_and_run(handle, input);
+  }
+  if (options.is_now("wait", frame)) {
+    wait_for(options.text("results", "") + ".go");
+  }
+  if (options.is_now("close", frame)) {
+    close_all();
   }
   if (options.is_now("kill", frame)) {
     raise(SIGKILL);
@@ -182,6 +192,7 @@ int main(int argc, char** argv) {
     options.values[text.substr(0, at)] = text.substr(at + 1);
   }
   const std::string path = argc < 2 ? "results" : argv[1];
+  options.values["results"] = path;
   const std::string model = path + ".model";
   std::FILE* file = std::fopen(model.c_str(), "wb");
   if (file == nullptr ||

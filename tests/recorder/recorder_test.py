@@ -154,8 +154,18 @@ class RecorderTest(unittest.TestCase):
             return subprocess.Popen(command, env=environment, stdout=subprocess.DEVNULL, stderr=errors,
                                     preexec_fn=limits, close_fds=False)
 
-    def run_camera(self, way, *arguments, limits=None, **settings):
+    def go_on_after(self, frames, process):
+        """Lets a camera that waits go on once so many frames are in the file, however late the writer runs."""
+        path = self.folder / "out.1.mcap"
+        while process.poll() is None and (not path.exists() or path.stat().st_size < len(MAGIC)
+                                          or len(Recording(path).frames()) < frames):
+            time.sleep(0.05)
+        (self.folder / "results.go").touch()
+
+    def run_camera(self, way, *arguments, limits=None, frames_before_going_on=0, **settings):
         process = self.start(way, arguments, limits, **settings)
+        if frames_before_going_on:
+            self.go_on_after(frames_before_going_on, process)
         self.assertEqual(0, process.wait(), self.said())
         return (self.folder / "results").read_text()
 
@@ -243,12 +253,14 @@ class RecorderTest(unittest.TestCase):
                 (("fail=20", "frames=21"), {"ON_ERROR": "77"}, "error"),
                 ((), {"NO_BOXES": "8"}, "no boxes"),
                 ((), {"MANY_BOXES": "1,5"}, "too many boxes"),
-                (("pause=30", "frames=20"), {"TRIGGER_FILE": self.folder / "now"}, "file")):
+                (("wait=10",), {"TRIGGER_FILE": self.folder / "now"}, "file")):
             with self.subTest(reason=reason):
                 process = self.start("front", ("frames=40", *arguments), FILES=1, **settings)
-                if reason == "file":
-                    time.sleep(0.3)
+                while reason == "file" and process.poll() is None and not (self.folder / "out.1.mcap").exists():
                     (self.folder / "now").touch()
+                    time.sleep(0.3)
+                    (self.folder / "now").unlink()
+                (self.folder / "results.go").touch()
                 self.assertEqual(0, process.wait(), self.said())
                 recording = self.file()
                 self.check_container(recording)
@@ -307,7 +319,8 @@ class RecorderTest(unittest.TestCase):
         self.assertEqual(30, len(Recording(self.folder / "stream").frames()))
 
     def test_a_killed_process_leaves_what_was_written(self):
-        process = self.start("preload", ("frames=40", "pause=20", "kill=30"), MODE="always")
+        process = self.start("preload", ("frames=40", "wait=30", "kill=30"), MODE="always")
+        self.go_on_after(21, process)
         self.assertEqual(-signal.SIGKILL if not EMULATOR else process.wait(), process.wait())
         data = (self.folder / "out.1.mcap").read_bytes()
         frames = Recording(data).frames()
@@ -330,7 +343,7 @@ class RecorderTest(unittest.TestCase):
                  "cannot write to the file of OLVEX_RECORDER_FILE: File too large"),
                 ("no folder", (), {"FILE": self.folder / "none/out"}, None,
                  "cannot open the file of OLVEX_RECORDER_FILE: No such file or directory"),
-                ("closed", ("close=60",), {}, None,
+                ("closed", ("wait=60", "close=60"), {"frames_before_going_on": 6}, None,
                  "cannot write to the file of OLVEX_RECORDER_FILE: Bad file descriptor"),
                 ("wrong setting", (), {"RING_MB": "3"}, None,
                  "nothing is recorded, see docs/recordings.md for OLVEX_RECORDER_RING_MB")):
