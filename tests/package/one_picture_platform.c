@@ -29,7 +29,8 @@ static const struct {
                       {"count", count, 1, 1, 1}};
 static int is_device_up, is_channel_open;
 
-QV_S32 QV_IPU_CreateDevice(QV_IPU_DevAttr_s* attributes, QV_IPU_ReadFunc read, char* firmware, QV_U32 reserved) {
+QV_S32 QV_IPU_CreateDevice(QV_IPU_DevAttr_s* attributes, QV_IPU_ReadFunc read, char* firmware,
+                           QV_U32 reserved) {
   (void)attributes, (void)read, (void)firmware, (void)reserved;
   if (is_device_up) {
     return FAILED;
@@ -43,15 +44,19 @@ QV_S32 QV_IPU_DestroyDevice(void) {
   return is_device_up-- == 1 ? 0 : FAILED;
 }
 
-QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char* model, QV_IPU_OfflineModelStaticInfo_s* info) {
+QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char* model,
+                                       QV_IPU_OfflineModelStaticInfo_s* info) {
   char start[4];
   memset(info, 0, sizeof *info);
   info->u32VariableBufferSize = 4096;
   info->u32OfflineModelSize = sizeof start;
-  return read == NULL || (read(start, 0, sizeof start, model) == 0 && memcmp(start, "QTNX", 4) == 0) ? 0 : FAILED;
+  return read == NULL || (read(start, 0, sizeof start, model) == 0 && memcmp(start, "QTNX", 4) == 0)
+             ? 0
+             : FAILED;
 }
 
-QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attributes, QV_IPU_ReadFunc read, char* model) {
+QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attributes, QV_IPU_ReadFunc read,
+                        char* model) {
   (void)attributes, (void)read, (void)model;
   if (!is_device_up || is_channel_open) {
     return FAILED;
@@ -67,8 +72,8 @@ QV_S32 QV_IPU_DestroyCHN(QV_U32 channel) {
   return 0;
 }
 
-static void describe(QV_IPU_TensorDesc_t* tensor, const char* name, QV_IPU_ELEMENT_FORMAT format, QV_U32 height,
-                     QV_U32 width, QV_U32 channels, QV_U32 element) {
+static void describe(QV_IPU_TensorDesc_t* tensor, const char* name, QV_IPU_ELEMENT_FORMAT format,
+                     QV_U32 height, QV_U32 width, QV_U32 channels, QV_U32 element) {
   tensor->u32TensorDim = 4;
   tensor->eElmFormat = format;
   tensor->u32TensorShape[0] = 1;
@@ -87,10 +92,11 @@ QV_S32 QV_IPU_GetInOutTensorDesc(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t
   memset(description, 0, sizeof *description);
   description->u32InputTensorCount = 1;
   description->u32OutputTensorCount = OUTPUTS;
-  describe(&description->astQV_InputTensorDescs[0], "picture", QV_IPU_FORMAT_GRAY, HEIGHT, WIDTH, 1, 1);
+  describe(&description->astQV_InputTensorDescs[0], "picture", QV_IPU_FORMAT_GRAY, HEIGHT, WIDTH, 1,
+           1);
   for (k = 0; k < OUTPUTS; ++k) {
-    describe(&description->astQV_OutputTensorDescs[k], outputs[k].name, QV_IPU_FORMAT_FP32, outputs[k].height,
-             outputs[k].width, outputs[k].channels, sizeof(float));
+    describe(&description->astQV_OutputTensorDescs[k], outputs[k].name, QV_IPU_FORMAT_FP32,
+             outputs[k].height, outputs[k].width, outputs[k].channels, sizeof(float));
   }
   return 0;
 }

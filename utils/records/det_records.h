@@ -98,7 +98,7 @@ OLVEX_LAYOUT_ASSERT(sizeof(olvex::vector<int>) == OLVEX_BY_POINTER_SIZE(24, 12),
 OLVEX_LAYOUT_ASSERT(offsetof(IoutStaticParams_t, ref_frame) == 8, "IoutStaticParams_t");
 OLVEX_LAYOUT_ASSERT(sizeof(IoutStaticParams_t) == 12, "IoutStaticParams_t");
 OLVEX_LAYOUT_ASSERT(sizeof(DetDoubleCheckParams_t) == OLVEX_BY_POINTER_SIZE(40, 28),
-                 "DetDoubleCheckParams_t");
+                    "DetDoubleCheckParams_t");
 OLVEX_LAYOUT_ASSERT(sizeof(IouTrackerParams_t) == 6, "IouTrackerParams_t");
 OLVEX_LAYOUT_ASSERT(sizeof(BoxInfo) == OLVEX_BY_POINTER_SIZE(64, 56), "BoxInfo");
 OLVEX_LAYOUT_ASSERT(offsetof(DetInfo_t, threshold) == 512, "DetInfo_t threshold");

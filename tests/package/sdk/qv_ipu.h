@@ -26,7 +26,7 @@ typedef enum {
 
 typedef enum { QV_IPU_LAYOUT_NHWC, QV_IPU_LAYOUT_NCHW } QV_IPU_LAYOUT_TYPE;
 
-typedef int (*QV_IPU_ReadFunc)(void *dst_buf, int offset, int size, char *ctx);
+typedef int (*QV_IPU_ReadFunc)(void* dst_buf, int offset, int size, char* ctx);
 
 typedef struct QV_IPU_DevAttr_s {
   QV_U32 u32MaxVariableBufSize;
@@ -67,7 +67,7 @@ typedef struct QV_IPU_SubNet_InputOutputDesc_s {
 } QV_IPU_SubNet_InputOutputDesc_t;
 
 typedef struct QV_IPU_Tensor_s {
-  void *ptTensorData[2];
+  void* ptTensorData[2];
   QV_PHY phyTensorAddr[2];
 } QV_IPU_Tensor_t;
 
@@ -79,16 +79,18 @@ typedef struct QV_IPU_TensorVector_s {
 #ifdef __cplusplus
 extern "C" {
 #endif
-QV_S32 QV_IPU_CreateDevice(QV_IPU_DevAttr_s *attr, QV_IPU_ReadFunc read, char *firmware, QV_U32 reserved);
+QV_S32 QV_IPU_CreateDevice(QV_IPU_DevAttr_s* attr, QV_IPU_ReadFunc read, char* firmware,
+                           QV_U32 reserved);
 QV_S32 QV_IPU_DestroyDevice(void);
-QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char *model, QV_IPU_OfflineModelStaticInfo_s *info);
-QV_S32 QV_IPU_CreateCHN(QV_U32 *channel, QV_IPUChnAttr_s *attr, QV_IPU_ReadFunc read, char *model);
+QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char* model,
+                                       QV_IPU_OfflineModelStaticInfo_s* info);
+QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attr, QV_IPU_ReadFunc read, char* model);
 QV_S32 QV_IPU_DestroyCHN(QV_U32 channel);
-QV_S32 QV_IPU_GetInOutTensorDesc(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t *desc);
-QV_S32 QV_IPU_GetInputTensors(QV_U32 channel, QV_IPU_TensorVector_t *vector);
-QV_S32 QV_IPU_GetOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t *vector);
-QV_S32 QV_IPU_PutOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t *vector);
-QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t *input, QV_IPU_TensorVector_t *output);
+QV_S32 QV_IPU_GetInOutTensorDesc(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t* desc);
+QV_S32 QV_IPU_GetInputTensors(QV_U32 channel, QV_IPU_TensorVector_t* vector);
+QV_S32 QV_IPU_GetOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* vector);
+QV_S32 QV_IPU_PutOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* vector);
+QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_TensorVector_t* output);
 #ifdef __cplusplus
 }
 #endif

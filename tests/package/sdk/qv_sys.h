@@ -6,13 +6,10 @@
 
 #define QV_SYS_MAX_PLANES 3
 
-typedef enum {
-  QV_SYS_PIXEL_NV12 = 11,
-  QV_SYS_PIXEL_MAX
-} QV_SYS_PixelFormat_e;
+typedef enum { QV_SYS_PIXEL_NV12 = 11, QV_SYS_PIXEL_MAX } QV_SYS_PixelFormat_e;
 
 typedef struct QV_SYS_FrameData_s {
-  void *pVirAddr[QV_SYS_MAX_PLANES];
+  void* pVirAddr[QV_SYS_MAX_PLANES];
   QV_PHY phyAddr[QV_SYS_MAX_PLANES];
   QV_U32 u32BufSize;
 } QV_SYS_FrameData_t;
@@ -31,7 +28,7 @@ typedef struct QV_SYS_BufInfo_s QV_SYS_BufInfo_s;
 extern "C" {
 #endif
 QV_S32 QV_SYS_Init(void);
-QV_S32 QV_SYS_FlushInvCache(void *pVirAddr, QV_U32 u32Length);
+QV_S32 QV_SYS_FlushInvCache(void* pVirAddr, QV_U32 u32Length);
 #ifdef __cplusplus
 }
 #endif
