@@ -18,9 +18,9 @@ void identify_buffer(struct model_identity* model, const void* buffer, uint32_t 
 
 /* Bytes before the start pattern. */
 static uint32_t header_size(const char* text, uint32_t size) {
-  const uint32_t pattern = (uint32_t)strlen(QV_IPU_OFFLINE_MODEL_START);
+  const uint32_t pattern = (uint32_t)strlen(OLVEX_OFFLINE_MODEL_START);
   for (uint32_t k = 0; k + pattern <= size; ++k) {
-    if (memcmp(text + k, QV_IPU_OFFLINE_MODEL_START, pattern) == 0) {
+    if (memcmp(text + k, OLVEX_OFFLINE_MODEL_START, pattern) == 0) {
       return k;
     }
   }

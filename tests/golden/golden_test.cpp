@@ -217,7 +217,7 @@ std::string run_scenario(const Scenario& s) {
 
   const std::string model = testing::TempDir() + "golden_" + s.name + ".model";
   std::ofstream(model, std::ios::binary)
-      << s.header << QV_IPU_OFFLINE_MODEL_START << std::string(60, '.');
+      << s.header << OLVEX_OFFLINE_MODEL_START << std::string(60, '.');
 
   void* handle = nullptr;
   ALGO_DET_CreateHandle(&handle);

@@ -15,8 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include "qv_ipu.h"
-#include "qv_sys.h"
+#include "platform/contract/olvex_platform.h"
 
 namespace {
 
@@ -162,7 +161,7 @@ TEST_F(OLVEX_CONTRACT_SUITE, the_description_is_consistent) {
   const QV_IPU_SubNet_InputOutputDesc_t& description = channel_.description;
   ASSERT_EQ(1u, description.u32InputTensorCount);
   const QV_U32 outputs = description.u32OutputTensorCount;
-  ASSERT_TRUE(outputs >= 1 && outputs <= QV_IPU_MAX_TENSORS);
+  ASSERT_TRUE(outputs >= 1 && outputs <= OLVEX_MAX_TENSORS);
   EXPECT_EQ(outputs, channel_.output.u32TensorCount);
   for (QV_U32 i = 0; i <= outputs; ++i) {  // the input first
     SCOPED_TRACE(i);
@@ -170,7 +169,7 @@ TEST_F(OLVEX_CONTRACT_SUITE, the_description_is_consistent) {
         i == 0 ? description.astQV_InputTensorDescs[0] : description.astQV_OutputTensorDescs[i - 1];
     EXPECT_EQ(QV_IPU_LAYOUT_NHWC, tensor.eLayoutType);
     EXPECT_EQ(1u, tensor.u32TensorShape[0]);
-    ASSERT_TRUE(tensor.u32TensorDim >= 1 && tensor.u32TensorDim <= QV_IPU_MAX_DIMENSIONS);
+    ASSERT_TRUE(tensor.u32TensorDim >= 1 && tensor.u32TensorDim <= OLVEX_MAX_DIMENSIONS);
     const std::size_t element = i == 0 ? 1 : tensor.eElmFormat == QV_IPU_FORMAT_FP32 ? 4 : 2;
     std::size_t size = element;
     for (QV_U32 axis = 0; axis < (i == 0 ? 3 : tensor.u32TensorDim); ++axis) {

@@ -5,7 +5,7 @@
 #include "platform/scripted/qv_scripted.h"
 
 std::string contract::make_model(int variant) {
-  const std::string model = QV_IPU_OFFLINE_MODEL_START " and the rest of a model";
+  const std::string model = OLVEX_OFFLINE_MODEL_START " and the rest of a model";
   if (variant == 0) {
     qv_scripted::reset();
   }

@@ -14,8 +14,7 @@ namespace {
 
 using qv_host::ColourOrder;
 
-constexpr std::size_t kRowAlignment =
-    QV_IPU_ROW_ALIGNMENT;  // bytes, of NV12 and the 4-byte formats
+constexpr std::size_t kRowAlignment = OLVEX_ROW_ALIGNMENT;  // bytes, of NV12 and the 4-byte formats
 
 std::size_t round_up(std::size_t value, std::size_t step) {
   return (value + step - 1) / step * step;

@@ -19,7 +19,7 @@ constexpr unsigned kMaxOutputs = 6;  // more the library refuses before it looks
 TensorFacts tensor_facts(const QV_IPU_TensorDesc_t& tensor) {
   TensorFacts facts;
   facts.name.assign(tensor.name, strnlen(tensor.name, sizeof tensor.name));
-  const unsigned dimensions = std::min(tensor.u32TensorDim, QV_IPU_MAX_DIMENSIONS);
+  const unsigned dimensions = std::min(tensor.u32TensorDim, OLVEX_MAX_DIMENSIONS);
   facts.shape.assign(tensor.u32TensorShape, tensor.u32TensorShape + dimensions);
   facts.format = format_name(tensor.eElmFormat);
   facts.scale = tensor.fScalar;
@@ -203,10 +203,10 @@ std::string describe(const TensorFacts& tensor) {
 ModelFacts collect_facts(LibraryModel* opened, const std::string& text_header) {
   DetAfModel& model = opened->model();
   ModelFacts facts;
-  for (unsigned i = 0; i < std::min(model.desc_.u32InputTensorCount, QV_IPU_MAX_TENSORS); ++i) {
+  for (unsigned i = 0; i < std::min(model.desc_.u32InputTensorCount, OLVEX_MAX_TENSORS); ++i) {
     facts.inputs.push_back(tensor_facts(model.desc_.astQV_InputTensorDescs[i]));
   }
-  for (unsigned i = 0; i < std::min(model.desc_.u32OutputTensorCount, QV_IPU_MAX_TENSORS); ++i) {
+  for (unsigned i = 0; i < std::min(model.desc_.u32OutputTensorCount, OLVEX_MAX_TENSORS); ++i) {
     facts.outputs.push_back(tensor_facts(model.desc_.astQV_OutputTensorDescs[i]));
   }
   facts.file_pairs = read_pairs(text_header);
