@@ -135,7 +135,7 @@ class DoctorTest(ToolTest):
                     self.assertIn(remedy, findings[checks[0]]["remedy"])
 
         if STRIDE == 1:
-            self.assert_kept("doctor_findings.txt", told)
+            self.assert_kept("doctor_findings", told)
 
     def test_names_a_wrong_aspect(self):
         (self.folder / "narrow").mkdir()
