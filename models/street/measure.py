@@ -65,7 +65,8 @@ class Measurement:
         """Images by name: fp32 and int16, as shipped and ("all") without lib_out, so that heads are
         reported too."""
         self.say("packing")
-        pictures = HERE / "calibration"
+        shutil.unpack_archive(HERE / "calibration.tar", self.work)
+        pictures = self.work / "calibration"
         images = {}
         for number_format in ("fp32", "int16"):
             for heads in ("", "-all"):
