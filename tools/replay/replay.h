@@ -92,6 +92,12 @@ struct PlayResult {
 // recording that contradicts itself. The library logs on standard output.
 PlayResult play(const Recording& recording, const PlayOptions& options);
 
+// ---- What a recording lacks (missing_parts.cpp) -----------------------------------------------------------
+
+// Sentences for the user, none for a recording that lacks nothing: frames and calls that were lost, or whose
+// chunks were damaged, and calls in force that did not fit.
+std::vector<std::string> missing_parts(const Recording& recording);
+
 // ---- What changed between two runs (run_changes.cpp) ----------------------------------------------------
 
 struct RunChanges {

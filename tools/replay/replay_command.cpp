@@ -85,6 +85,9 @@ void say_what_may_differ(const CommandLine& line, const Recording& recording) {
   for (const Damage& damage : recording.container.damages) {
     warn(line, damage_text(damage) + ". What stands before is played");
   }
+  for (const std::string& text : missing_parts(recording)) {
+    warn(line, text);
+  }
   const std::string& library = recording.about.library;
   if (library.empty()) {
     warn(line, "it does not say which library made it. This one is " OLVEX_COMMIT_DET);
