@@ -291,8 +291,10 @@ class RecorderTest(unittest.TestCase):
                 (self.folder / "results.go").unlink(missing_ok=True)
                 process = self.start("front", ("frames=40", *arguments), FILES=1, **settings)
                 while reason == "file" and process.poll() is None and not (self.folder / "out.1.mcap").exists():
+                    # Long enough away and there for the recorder to see both.
+                    time.sleep(0.2)
                     (self.folder / "now").touch()
-                    time.sleep(0.3)
+                    time.sleep(0.2)
                     (self.folder / "now").unlink()
                 (self.folder / "results.go").touch()
                 self.assertEqual(0, process.wait(), self.said())
