@@ -130,6 +130,22 @@ def text_of(frame):
     return f"run {frame['result']}:{boxes}\n"
 
 
+class InstallationTest(unittest.TestCase):
+    def test_the_component_has_what_recording_takes(self):
+        with tempfile.TemporaryDirectory() as prefix:
+            subprocess.run([os.environ["CMAKE"], "--install", os.environ["BUILD"], "--component", "recorder",
+                            "--strip", "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+            files = {path.name: path for path in pathlib.Path(prefix).rglob("*") if path.is_file()}
+            self.assertEqual({"libolvex_recorder.so", "libolvex_recorder_wrap.a", "olvex_recorder_wrap.args",
+                              "olvex_recorder.h"}, set(files))
+            symbols = subprocess.run([os.environ["NM"], "--defined-only", files["libolvex_recorder_wrap.a"]],
+                                     check=True, stdout=subprocess.PIPE, text=True).stdout.split()
+            wrapped = {symbol.removeprefix("__wrap_") for symbol in symbols if symbol.startswith("__wrap_")}
+            arguments = files["olvex_recorder_wrap.args"].read_text().split()
+            self.assertEqual(sorted(f"-Wl,--wrap={name}" for name in wrapped), sorted(arguments))
+            self.assertEqual(22, len(arguments))
+
+
 class RecorderTest(unittest.TestCase):
     def setUp(self):
         holder = tempfile.TemporaryDirectory()
