@@ -155,7 +155,7 @@ IfIs<R, RecordedEvent> visit(Visitor& v, R& m) {
 }
 template <typename Visitor, typename R>
 IfIs<R, RecordedPicture> visit(Visitor& v, R& m) {
-  visit_all(v, m.number, m.width, m.height, m.format, m.data);
+  visit_all(v, m.number, m.x, m.y, m.width, m.height, m.format, m.data);
 }
 
 // One by one, so that a length beyond the message asks for no memory.

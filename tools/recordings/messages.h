@@ -147,6 +147,8 @@ struct RecordedEvent {
 
 struct RecordedPicture {
   std::uint32_t number = 0;
+  std::uint32_t x = 0;  // of the part that is there
+  std::uint32_t y = 0;
   std::uint32_t width = 0;
   std::uint32_t height = 0;
   std::uint32_t format = 0;
