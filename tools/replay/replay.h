@@ -67,6 +67,10 @@ struct ReplayDifference {
 
 struct PlayedFrame {
   std::uint32_t handle = 0;
+  std::uint32_t of_handle = 0;    // which of the handle's frames it is, from 1
+  std::uint64_t time = 0;         // of its begin, nanoseconds since 1970
+  std::uint32_t input_width = 0;  // of the network's input, pixels; 0 where it is not known
+  std::uint32_t input_height = 0;
   FrameRecord record;
 };
 
