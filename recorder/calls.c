@@ -93,7 +93,7 @@ static void pack_network(struct packer* packer, const struct call* call, uint64_
 
 static void pack_model(struct packer* packer, const struct call* call, uint64_t offset) {
   const struct model_identity* const model = call->model;
-  const uint32_t hash_size = model->bytes != 0 ? SHA256_SIZE : 0;
+  const uint32_t hash_size = model->has_hash && model->bytes != 0 ? SHA256_SIZE : 0;
   const uint32_t begun = message_begin(packer, RECORDING_MODEL, call->number, call->begin, offset);
   pack32(packer, call->number);
   pack64(packer, model->bytes);

@@ -49,7 +49,7 @@ float cut_below_logit(float score) {
 
 int32_t integer_cut(float cut, float scale) {
   int32_t low = -32768;
-  int32_t high = 32768;
+  int32_t high = 0;
   while (low < high) {
     const int32_t middle = (low + high) >> 1;
     if ((float)middle * scale >= cut) {
@@ -256,9 +256,7 @@ uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer) {
   const uint32_t length_at = packer_offset(packer);
   pack32(packer, 0);
   struct cell_list list = {packer, layer, 0, 0, 0};
-  /* An INT16 layer of which no integer reaches the cut. */
-  const int is_empty = layer->element == 2 && (int32_t)layer->cut > INT16_MAX;
-  for (uint32_t index = 0; index < layer->cells && !is_empty;) {
+  for (uint32_t index = 0; index < layer->cells;) {
     index = skip(&list, index);
     const uint32_t end = layer->cells - index < BLOCK ? layer->cells : index + BLOCK;
     for (; index < end; ++index) {

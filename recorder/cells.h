@@ -25,8 +25,8 @@ uint32_t classes_by_channels(uint32_t channels, int* has_pairs);
 /* A number below the logit of a score above 0 and at most 0.5, by no more than 0.01. */
 float cut_below_logit(float score);
 
-/* The lowest integer whose real value, multiplied as the library does, reaches the cut; 32768 when none does.
- * Requires: scale positive and finite. */
+/* The lowest integer whose real value, multiplied as the library does, reaches the cut.
+ * Requires: a negative cut, which 0 reaches; scale positive and finite. */
 int32_t integer_cut(float cut, float scale);
 
 /* Packs the cells as one byte array. Returns how many have a logit that reaches the cut. */

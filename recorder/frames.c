@@ -5,6 +5,7 @@
 #include "recorder/cells.h"
 #include "recorder/crc32.h"
 #include "recorder/packer.h"
+#include "recorder/pictures.h"
 #include "recorder/recorder.h"
 #include "recorder/tables.h"
 
@@ -173,26 +174,17 @@ static void pack_platform_calls(struct packer* packer, const struct thread_state
   }
 }
 
-static void pack_picture(struct packer* packer, const struct frame* frame,
-                         const struct channel_slot* channel, uint32_t number) {
-  const uint32_t begun =
-      message_begin(packer, RECORDING_PICTURE, frame->call, frame->begin, clock_offset());
-  pack32(packer, number);
-  pack32(packer, channel != NULL ? channel->width : 0);
-  pack32(packer, channel != NULL ? channel->height : 0);
-  pack32(packer, channel != NULL ? channel->input_format : QV_IPU_FORMAT_UNKNOWN);
-  pack32(packer, frame->input.buf_size);
-  pack_bytes(packer, frame->input.p_vir_addr, frame->input.buf_size);
-  record_end(packer, begun);
+/* NULL where the network did not run. */
+static struct channel_slot* invoked_channel(const struct frame* frame) {
+  const struct thread_state* const thread = this_thread();
+  return thread->has_outputs && frame->has_result ? find_channel(thread->channel) : NULL;
 }
 
 static void store_frame(const struct frame* frame, struct handle_slot* handle, uint64_t end,
                         int has_crc, uint32_t input_crc) {
   struct recorder* const recorder = the_recorder;
   const struct thread_state* const thread = this_thread();
-  const struct recorder_options* const options = &recorder->options;
-  const int is_invoked = thread->has_outputs && frame->has_result;
-  struct channel_slot* const channel = is_invoked ? find_channel(thread->channel) : NULL;
+  struct channel_slot* const channel = invoked_channel(frame);
   const uint32_t number = recorder->frames;
   const float lowest = floor_of(handle, channel, number);
   struct outputs outputs = {channel, lowest > 0.0f, 0.0f, 0};
@@ -235,10 +227,6 @@ static void store_frame(const struct frame* frame, struct handle_slot* handle, u
   packer_patch32(&packer, empty_at, handle != NULL ? handle->empty : 0);
   pack_boxes(&packer, frame);
   record_end(&packer, begun);
-  if (frame->has_result && has_picture && options->picture_every != 0 &&
-      number % options->picture_every == 0) {
-    pack_picture(&packer, frame, channel, number);
-  }
   packer_flush(&packer);
   if (ring_commit(&recorder->ring) == 0) {
     recorder->lost = 0;
@@ -274,6 +262,20 @@ static void look_for_triggers(const struct frame* frame, struct handle_slot* han
   }
 }
 
+/* A picture of which the network made nothing has no description, and is not kept. */
+static void keep_picture(const struct frame* frame, uint64_t end) {
+  const struct recorder_options* const options = &the_recorder->options;
+  const struct channel_slot* const channel = invoked_channel(frame);
+  const uint32_t number = the_recorder->frames;
+  const int is_triggered = options->picture_after != 0 &&
+                           __atomic_load_n(&the_recorder->is_triggered, __ATOMIC_SEQ_CST) != 0;
+  const uint32_t every = is_triggered ? options->picture_after : options->picture_every;
+  if (channel != NULL && frame->input.p_vir_addr != NULL && every != 0 && number % every == 0 &&
+      store_picture(frame, channel, number, end) != 0) {
+    __atomic_add_fetch(&the_recorder->lost_pictures, 1, __ATOMIC_RELAXED);
+  }
+}
+
 static void record_frame(struct thread_state* thread) {
   const struct frame* const frame = &thread->frame;
   const ALGO_Input_t* const input = &frame->input;
@@ -289,6 +291,7 @@ static void record_frame(struct thread_state* thread) {
     ++handle->frames;
   }
   look_for_triggers(frame, handle, end);
+  keep_picture(frame, end);
   pthread_mutex_unlock(&recorder_lock);
   thread->is_in_frame = 0;
   thread->outer = 0;

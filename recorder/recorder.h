@@ -57,6 +57,8 @@ struct channel_slot {
   uint32_t width; /* of the input */
   uint32_t height;
   uint32_t input_format;
+  uint32_t width_alignment;
+  uint32_t height_alignment;
   uint32_t format;  /* of the first output, which holds for all */
   uint32_t classes; /* 0: no output is stored in cells */
   int has_pairs;
@@ -80,6 +82,8 @@ struct recorder {
   uint32_t lost;   /* since the last one that was stored */
   uint32_t lost_frames;
   uint32_t lost_calls;
+  uint32_t lost_pictures;
+  uint32_t is_triggered; /* from a trigger until its seconds after are over */
 };
 
 /* Everything that is recorded goes through this lock; the writing thread never takes it. */
@@ -101,6 +105,7 @@ enum trigger_reason take_trigger(void);
 
 struct model_identity {
   uint64_t bytes; /* 0: there was none */
+  int has_hash;
   unsigned char sha256[SHA256_SIZE];
   uint32_t header_size;
   char header[MODEL_HEADER_SIZE];
@@ -130,6 +135,7 @@ void call_words(struct call* call, const void* record, size_t size);
 /* Records it, and returns its result. */
 QV_S32 call_end(struct call* call);
 
+/* has_hash is set by the caller: whether it is wanted. A file is read to its end for it, else the header alone. */
 void identify_file(struct model_identity* model, const char* path);
 void identify_buffer(struct model_identity* model, const void* buffer, uint32_t size);
 

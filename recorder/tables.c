@@ -25,7 +25,9 @@ struct channel_slot* find_channel(uint32_t id) {
 }
 
 static void note_new_handle(const void* address) {
-  struct handle_slot* const free_slot = find_handle(NULL);
+  /* An exception may have left the call that freed the last one of this address. */
+  struct handle_slot* const earlier = find_handle(address);
+  struct handle_slot* const free_slot = earlier != NULL ? earlier : find_handle(NULL);
   if (free_slot != NULL) {
     memset(free_slot, 0, sizeof *free_slot);
     free_slot->address = address;
@@ -34,6 +36,9 @@ static void note_new_handle(const void* address) {
 }
 
 static uint32_t element_size(uint32_t format) {
+  if (format == QV_IPU_FORMAT_U8 || format == QV_IPU_FORMAT_INT8) {
+    return 1;
+  }
   return format == QV_IPU_FORMAT_INT16 ? 2 : 4;
 }
 
@@ -97,6 +102,8 @@ static void note_description(uint32_t id, const QV_IPU_SubNet_InputOutputDesc_t*
   channel->width = input->u32TensorShape[2];
   channel->height = input->u32TensorShape[1];
   channel->input_format = (uint32_t)input->eElmFormat;
+  channel->width_alignment = input->u32InputWidthAlignment;
+  channel->height_alignment = input->u32InputHeightAlignment;
   channel->format = (uint32_t)description->astQV_OutputTensorDescs[0].eElmFormat;
   channel->classes = classes_of(description, &channel->has_pairs);
   channel->outputs = description->u32OutputTensorCount < OLVEX_MAX_TENSORS
@@ -125,7 +132,8 @@ static void note_initialisation(const struct call* call) {
   struct handle_slot* const handle = find_handle(call->handle);
   note_threshold(call);
   if (handle != NULL) {
-    handle->is_initialised = call->result == 0;
+    /* One that fails on an initialised handle leaves it so. */
+    handle->is_initialised = handle->is_initialised || call->result == 0;
     handle->empty = 0;
   }
 }

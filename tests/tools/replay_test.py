@@ -14,7 +14,7 @@ import subprocess
 import tempfile
 import zlib
 
-from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells
+from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells, write_gray
 
 CAMERA, RECORDER = os.environ["OLVEX_CAMERA"], os.environ["OLVEX_RECORDER"]
 MAGIC = b"\x89MCAP0\r\n"
@@ -66,6 +66,27 @@ def changed(data, message, offset, value):
     return bytes(data)
 
 
+def spliced(data, begin, end, between=b""):
+    """The recording with something else in place of a part of its chunks, closed without a summary."""
+    at = chunks(data)[-1][1]
+    while data[at] == 7:
+        at += 9 + struct.unpack_from("<Q", data, at + 1)[0]
+    return data[:begin] + between + data[end:at] + struct.pack("<BQIBQ", 15, 4, 0, 2, 20) + bytes(20) + MAGIC
+
+
+def without(data, message):
+    """The recording without the chunk of a message, and the chunk's index."""
+    begin, end = message[2]
+    while data[end] == 7:
+        end += 9 + struct.unpack_from("<Q", data, end + 1)[0]
+    return spliced(data, begin, end)
+
+
+def chunk(size, crc, records=b""):
+    """A chunk that claims a size and CRC, with what it begins with."""
+    return struct.pack("<BQQQQIIQ", 6, 40 + size, 0, 0, size, crc, 0, size) + records
+
+
 def frame_with_boxes(data, least=1):
     """The first frame message with so many boxes, its number, and where its boxes and its first cell begin."""
     for message in messages(data, 5):
@@ -84,6 +105,11 @@ def frame_with_boxes(data, least=1):
         if struct.unpack_from("<I", data, at)[0] >= least and cell is not None:
             return message, number, at + 4 - begin, cell
     raise AssertionError("no frame has boxes")
+
+
+def array_of(data):
+    import numpy
+    return numpy.frombuffer(data, numpy.uint8)
 
 
 class ReplayTest(ToolTest):
@@ -106,6 +132,7 @@ class ReplayTest(ToolTest):
 
     def assert_same(self, data, frames, note=""):
         result = self.played(data)
+        self.assertEqual(result.stderr, "")
         self.assertRegex(result.stdout, SAME)
         match = SAME.fullmatch(result.stdout)
         self.assertEqual((int(match[1]), match[3]), (frames, note), result.stdout)
@@ -164,6 +191,45 @@ class ReplayTest(ToolTest):
         channel = next(message for message in messages(self.plain, 4) if self.plain[message[0]] == 24)
         result = self.played(changed(self.plain, channel, 56, struct.pack("<I", 7)), code=1)
         self.assertIn("ALGO_DET_InitHandle, QV_IPU_CreateCHN argument 3: recorded 0x7, played 0x1\n", result.stdout)
+
+    def test_what_is_missing_and_another_library_are_said(self):
+        frame, options = messages(self.tracked, 5)[7], [
+            message for message in messages(self.tracked, 4) if self.tracked[message[0]] == 8][0]
+        result = self.played(without(self.tracked, frame), said=["recording.mcap: 1 frame is missing: after that, "])
+        self.assertIn("before a key frame, without their boxes", result.stdout)
+        self.played(without(self.tracked, options), code=1, said=["recording.mcap: 1 call is missing: what differs"])
+        lost = messages(self.plain, 7)[-1]
+        self.played(changed(self.plain, lost, 17, struct.pack("<Q", 2)), said=["recording.mcap: 2 calls are missing"])
+        self.assertIn("lost      0 frames and 2 calls\n", self.tool("record", "info", "recording.mcap").stdout)
+        about = messages(self.plain, 1)[0]
+        at = self.plain.index(b"commit_det#", about[0]) - about[0]
+        self.played(changed(self.plain, about, at, b"commit_old"), said=[
+            "made by library commit_old", "what differs may be a change of the library"])
+        carried = messages(self.plain, 4)[0]
+        self.played(changed(changed(self.plain, carried, 1, b"\1"), about, about[1] - about[0] - 1, b"\0"),
+                    said=["not all calls in force at its start are in it"])
+
+    def test_calls_that_handed_nothing_back_are_played(self):
+        last = max(struct.unpack_from("<I", self.plain, begin + 4)[0] for begin, *_ in messages(self.plain, 4))
+        records = b"".join(
+            struct.pack("<BQHIQQ", 5, 22 + 52, 4, 0, 0, 0)
+            + struct.pack("<BBHIIIIIiQQII", function, 0, 1, last + k, 0, 9, 0, 0, 0, 0, 0, 0, 0)
+            for k, function in enumerate((1, 3, 11), 1))
+        at = messages(self.plain, 7)[-1][2][0]
+        self.assert_same(spliced(self.plain, at, at, chunk(len(records), zlib.crc32(records), records)), 20)
+
+    def test_hostile_chunks_take_no_more_than_a_multiple_of_their_size(self):
+        head, count = chunks(self.plain)[0][1], 20000
+        data = self.plain[:head] + b"".join(chunk(49 * (count - k), 1) for k in range(count)) + bytes(49)
+        path, whole = self.folder / "hostile.mcap", self.folder / "whole.mcap"
+        path.write_bytes(data)
+        self.assertIn("was not made by a recorder, and is not looked through",
+                      self.tool("record", "repair", path, "-o", whole).stdout)
+        end = chunks(self.plain)[1][0]
+        size = 9 + struct.unpack_from("<Q", self.plain, head + 1)[0]
+        self.assertEqual(self.plain[head], 7)
+        self.played(self.plain[:end] + self.plain[head:head + size] * 2 + self.plain[end:], code=4,
+                    said=[f"byte {end}: a second message index of a channel"])
 
     def test_what_ends_early_or_is_damaged_is_played_up_to_there(self):
         ends = [end for _, end in chunks(self.plain)]
@@ -252,8 +318,27 @@ class ReplayTest(ToolTest):
         self.assertIn(f": 0 boxes gained, {lost} lost, 0 moved; 0 tracks joined, 0 split\n", result.stdout)
         self.tool("replay", path, "--set", "threshold=0.2", code=2,
                   said=["--set threshold=0.2: ", "holds of frame 1 only what scores 0.25 or more"])
+        self.assert_tracks_are_compared()
         result = self.tool("replay", path, "--set", "track=1,track-frames=2,stable=1,stable-sensitivity=0.2")
         self.assertRegex(result.stdout, r"frames changed: \d+ boxes gained, [1-9]\d* lost")
+
+    def assert_tracks_are_compared(self):
+        path, tracks = self.folder / "tracked.mcap", {}
+        path.write_bytes(self.tracked)
+        for run, options in enumerate(((), ("--set", "threshold=0.7"))):
+            lines = self.tool("replay", path, *options, "--export", "jsonl", "-o", "-").stdout
+            for frame in map(json.loads, lines.splitlines()):
+                for box in frame["boxes"]:
+                    place = (frame["frame"], *(box[name] for name in ("class_id", "x", "y", "width", "height")))
+                    tracks.setdefault(place, [None, None])[run] = box["track_id"]
+        pairs = {tuple(pair) for pair in tracks.values() if None not in pair}
+        split = sum(sum(pair[0] == track for pair in pairs) > 1 for track in {pair[0] for pair in pairs})
+        joined = sum(sum(pair[1] == track for pair in pairs) > 1 for track in {pair[1] for pair in pairs})
+        self.assertGreater(min(split, joined), 0)
+        result = self.tool("replay", path, *options, "--changes", "tracks.jsonl")
+        self.assertIn(f" lost, 0 moved; {joined} tracks joined, {split} split\n", result.stdout)
+        changes = list(map(json.loads, (self.folder / "tracks.jsonl").read_text().splitlines()))
+        self.assertEqual(sum(change["change"] in ("joined", "split") for change in changes), joined + split)
 
     def test_frames_are_exported_as_run_writes_them(self):
         path = self.folder / "plain.mcap"
@@ -271,6 +356,59 @@ class ReplayTest(ToolTest):
         log = (self.folder / "library.log").read_text()
         self.assertEqual((log.count("ALGO_DET_Run Done"), log.count("release version: ")), (20, 1))
 
+    def test_boxes_are_drawn_over_kept_pictures(self):
+        import cv2
+        path, frames = self.folder / "kept.mcap", {}
+        path.write_bytes(self.camera("kept", "frames=9", "input=nv12", PICTURES=2, PICTURES_CROP="64,32,128,64"))
+        for line in self.tool("replay", path, "--export", "jsonl", "-o", "-").stdout.splitlines():
+            frames[json.loads(line)["frame"]] = json.loads(line)["boxes"]
+        self.tool("replay", path, "--annotate", "drawn", "--export", "mcap", "-o", "viewer.mcap")
+        self.tool("replay", path, "--annotate", "drawn.mkv", "--set", "threshold=1")
+        video = cv2.VideoCapture(str(self.folder / "drawn.mkv"))
+        self.assertEqual(sorted(drawn.name for drawn in (self.folder / "drawn").iterdir()),
+                         [f"frame_00000{number}.jpg" for number in (2, 4, 6, 8)])
+        for number in (2, 4, 6, 8):
+            picture = cv2.imread(str(self.folder / f"drawn/frame_00000{number}.jpg"))
+            sides = video.read()[1]
+            self.assertEqual((picture.shape, sides.shape), ((128, 256, 3), (128, 512, 3)))
+            self.assertNotEqual(frames[number], [])
+            self.assertGreater(cv2.absdiff(sides[:100, :256], sides[:100, 256:]).max(), 80)  # nothing reaches 1
+        self.assertFalse(video.read()[0])
+        data = (self.folder / "viewer.mcap").read_bytes()
+        boxes, pictures = messages(data, 1), messages(data, 2)
+        self.assertEqual((len(boxes), len(pictures)), (9, 4))
+        for number, (begin, *_) in enumerate(boxes, 1):
+            count = struct.unpack_from("<I", data, begin + 25)[0]
+            self.assertEqual(count, 8 * len(frames[number]))
+            scale = (1, 1) if number % 2 else (256 / 1920, 128 / 1080)
+            left, top = struct.unpack_from("<dd", data, begin + 29)
+            self.assertEqual((left, top), (frames[number][0]["x"] * scale[0], frames[number][0]["y"] * scale[1]))
+        for begin, end, _ in pictures:
+            jpeg = data[data.index(b"\xff\xd8", begin, end):end]
+            picture = cv2.imdecode(array_of(jpeg), cv2.IMREAD_COLOR)
+            self.assertEqual(picture.shape, (128, 256, 3))
+            self.assertTrue((abs(picture[:24].astype(int) - 96) < 12).all())  # nothing was kept there
+            self.assertGreater(picture[40:90, 72:184].std(), 20)
+
+    def test_boxes_are_drawn_over_pictures_that_the_user_gives(self):
+        import cv2
+        (self.folder / "plain.mcap").write_bytes(self.plain)
+        (self.folder / "given").mkdir()
+        for number in range(6):
+            write_gray(self.folder / f"given/{number}.pgm", 96, 54, 40 * number)
+        self.tool("replay", "plain.mcap", "--set", "threshold=1", "--export", "mcap", "-o", "viewer.mcap", "--over",
+                  "given", "--over-start", 3, "--from", 2)
+        data = (self.folder / "viewer.mcap").read_bytes()
+        self.assertEqual((len(messages(data, 1)), len(messages(data, 2))), (19, 6))
+        for number, (begin, end, _) in enumerate(messages(data, 2)):
+            picture = cv2.imdecode(array_of(data[data.index(b"\xff\xd8", begin, end):end]), cv2.IMREAD_GRAYSCALE)
+            self.assertAlmostEqual(picture.mean(), 40 * number, delta=3)
+        times = [struct.unpack_from("<I", data, messages(data, channel)[k][0])[0] for channel, k in ((1, 1), (2, 0))]
+        self.assertEqual(*times)
+        self.tool("replay", "plain.mcap", "--annotate", "both.mkv", "--over", "given", "--set", "threshold=0.8")
+        video = cv2.VideoCapture(str(self.folder / "both.mkv"))
+        self.assertEqual((video.read()[1].shape, sum(video.read()[0] for _ in range(9))), ((54, 192, 3), 5))
+
     def test_refusals(self):
         (self.folder / "plain.mcap").write_bytes(self.plain)
         (self.folder / "empty.mcap").write_bytes(b"")
@@ -279,6 +417,7 @@ class ReplayTest(ToolTest):
         (self.folder / "newer.mcap").write_bytes(other)
         (self.folder / "foreign.mcap").write_bytes(self.plain.replace(b"olvex_recorder 1", b"some_program 0.1", 1))
         (self.folder / "start.mcap").write_bytes(self.plain[:chunks(self.plain)[0][1] - 1])
+        (self.folder / "text.mp4").write_text("no video")
         self.assert_session_kept("replay_errors")
 
 

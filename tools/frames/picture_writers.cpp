@@ -1,6 +1,5 @@
-// picture_writers.cpp - video and folder of annotated frames. Declared in run.h;
-// contact_sheet.cpp holds the third writer.
-#include "tools/run/run.h"
+// picture_writers.cpp - the two writers, and what is wrong with a file that the encoder made.
+#include "tools/frames/picture_writers.h"
 
 #include <filesystem>
 #include <system_error>
@@ -147,6 +146,11 @@ class FolderWriter : public FrameWriter {
 };
 
 }  // namespace
+
+bool is_video_name(const std::string& path) {
+  const std::string extension = fs::path(path).extension();
+  return extension == ".mp4" || extension == ".mkv" || extension == ".mov" || extension == ".avi";
+}
 
 std::unique_ptr<FrameWriter> make_video_writer(
     const std::string& path, double frames_per_second,
