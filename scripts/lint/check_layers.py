@@ -72,6 +72,7 @@ KNOWN = {
     "tests/recorder/": ("platform/scripted/", "recorder/", "tests/support/", "tests/api/list_network.h",
                         "tools/recordings/", "base/", "video/det/"),
     "tests/examples/": ("platform/scripted/", "tests/api/list_network.h"),
+    "tests/tools/": ("tools/common/", "tools/recordings/"),
     "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
     "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", "utils/", "base/sdet/",
               "video/det/"),

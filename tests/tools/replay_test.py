@@ -16,7 +16,7 @@ import zlib
 
 from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells, write_gray
 
-CAMERA, RECORDER = os.environ["OLVEX_CAMERA"], os.environ["OLVEX_RECORDER"]
+CAMERA, RECORDER, DAMAGE = (os.environ[f"OLVEX_{name}"] for name in ("CAMERA", "RECORDER", "DAMAGE"))
 MAGIC = b"\x89MCAP0\r\n"
 SAME = re.compile(r"[^\n]*: (\d+) frames? and (\d+) calls?: no difference([^\n]*)\n")
 
@@ -250,6 +250,11 @@ class ReplayTest(ToolTest):
             result = subprocess.run([TOOL, "replay", path], capture_output=True, encoding="utf-8")
             self.assertIn(result.returncode, (0, 4), (bit, result))
             self.assertRegex(result.stderr, r"flipped.mcap: byte \d+: ", bit)
+
+    def test_a_thousand_cuts_and_flips_are_named(self):
+        for name in ("plain", "tracked"):
+            result = subprocess.run([DAMAGE, self.shared / f"{name}.1.mcap", str(1000 // STRIDE)], capture_output=True)
+            self.assertEqual(result.returncode, 0, result.stderr)
 
     def test_a_killed_run_is_played_up_to_its_last_whole_frame(self):
         data = self.camera("killed", "pause=20", "kill=30")

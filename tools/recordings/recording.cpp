@@ -133,10 +133,12 @@ class Collector {
         recording_.networks.emplace(network.call, std::move(network));
         break;
       }
-      case RECORDING_CALL:
-        recording_.calls.push_back(unpack<RecordedCall>(message));
-        check_call(recording_.calls.back());
+      case RECORDING_CALL: {
+        auto call = unpack<RecordedCall>(message);
+        check_call(call);
+        recording_.calls.push_back(std::move(call));
         break;
+      }
       case RECORDING_FRAME:
         add_frame(message);
         break;
