@@ -10,6 +10,7 @@ recordings knows of it the format alone. A folder without a rule, an include tha
 permission that no file uses are faults, too.
 """
 import pathlib
+import posixpath
 import re
 import sys
 
@@ -39,6 +40,7 @@ KNOWN = {
     "platform/host/": (CHIP, CONTRACT),
     "platform/scripted/": (CONTRACT,),
     "platform/replay/": (CONTRACT,),
+    "platform/check/": (CHIP, CONTRACT),
     "examples/": (PUBLIC,),
     "recorder/": (CHIP, CONTRACT, PUBLIC),
     "tools/recordings/": ("recorder/recording_format.h", "tools/common/"),
@@ -70,7 +72,7 @@ KNOWN = {
     "tests/platform/": ("platform/", "tests/support/"),
     "tests/package/": (CHIP,),
     "tests/recorder/": ("platform/scripted/", "recorder/", "tests/support/", "tests/api/list_network.h",
-                        "tools/recordings/", "base/", "video/det/"),
+                        "tools/recordings/", "tools/replay/", "base/", "video/det/"),
     "tests/examples/": ("platform/scripted/", "tests/api/list_network.h"),
     "tests/tools/": ("tools/common/", "tools/recordings/"),
     "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
@@ -83,8 +85,9 @@ def resolve(source, name, files):
     """The repository path that an include names, or None for one from outside."""
     for folder in ("", str(pathlib.PurePosixPath(source).parent) + "/", CHIP, CONTRACT, "utils/records/",
                    "video/det/include/"):
-        if folder + name in files:
-            return folder + name
+        path = posixpath.normpath(folder + name)
+        if path in files:
+            return path
     return None
 
 
@@ -139,6 +142,7 @@ BROKEN = (
     ("base/postprocess/side.cpp", '#include "base/tracker/x.h"'),
     ("base/tracker/side.cpp", '#include "base/postprocess/x.h"'),
     ("platform/host/in.cpp", '#include "utils/x.h"'), (CHIP + "up.h", '#include "utils/x.h"'),
+    ("platform/check/in.c", '#include "utils/x.h"'),
     ("platform/host/side.cpp", '#include "platform/scripted/x.h"'),
     ("examples/in.c", '# include <video/det/x.h>'), ("utils/log/gone.cpp", '#include "gone.h"'),
     ("tools/run/in.cpp", '#include "base/sdet/x.h"'), ("tools/pack/in.cpp", '#include "utils/x.h"'),

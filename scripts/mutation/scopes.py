@@ -32,9 +32,10 @@ SCOPES = {
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
         ("platform/host",), False, [*FLAGS, *NATIVE],
-        [TOOL, "make_test_network", "host_accelerator_test", "host_contract_test", "host_image_test"],
+        [TOOL, "make_test_network", "host_accelerator_test", "accel_check_host", "accel_check_probe",
+         "host_image_test"],
         ["lib/libqv_host.so", "bin/host_image_test"], TOOL,
-        r"platform Host|tools tools\.(pack|run(\.|$))", {}, 120, 85.0, 4 << 30),
+        r"platform (Host|accel_check)|tools tools\.(pack|run(\.|$))", {}, 120, 85.0, 4 << 30),
     "arm": Scope(
         "what only 32-bit ARM compiles of base, utils and video; under the emulator",
         ("base", "utils", "video"), True,

@@ -1,5 +1,5 @@
 // scripted_test.cpp - the scripted accelerator's own promises: what it reports, fails, plays and
-// notes. What it shares with every platform is in contract_test.cpp.
+// notes. What it shares with every platform is in accel_check_test.py.
 #include "platform/scripted/qv_scripted.h"
 
 #include <cstring>
