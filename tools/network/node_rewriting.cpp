@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "tools/network/constant_value.h"
+#include "tools/network/constant_folding.h"
 
 namespace olvex_tools {
 
