@@ -1,5 +1,5 @@
-// annotation.cpp - drawing with OpenCV's imgproc module, encoding by its codecs, and where each tile and strip
-// of a sheet lies.
+// annotation.cpp - drawing with OpenCV's imgproc module, encoding by its codecs, and where each tile and
+// strip of a sheet lies.
 #include "tools/frames/annotation.h"
 
 #include <algorithm>

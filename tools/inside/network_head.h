@@ -1,5 +1,5 @@
-// network_head.h - runs a network in the host's engine as it is, without an image around it, and concludes which
-// head it has: by its graph, and by what it computes for a picture.
+// network_head.h - runs a network in the host's engine as it is, without an image around it, and concludes
+// which head it has: by its graph, and by what it computes for a picture.
 #ifndef TOOLS_INSIDE_NETWORK_HEAD_H
 #define TOOLS_INSIDE_NETWORK_HEAD_H
 

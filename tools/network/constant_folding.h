@@ -1,6 +1,6 @@
 // constant_folding.h - the elements of tensors that are known before the network runs, what operators make of
-// them, and a network whose constants are computed beforehand. constant_layout.cpp, constant_selection.cpp and
-// constant_arithmetic.cpp are the operators.
+// them, and a network whose constants are computed beforehand. constant_layout.cpp, constant_selection.cpp
+// and constant_arithmetic.cpp are the operators.
 #ifndef TOOLS_NETWORK_CONSTANT_FOLDING_H
 #define TOOLS_NETWORK_CONSTANT_FOLDING_H
 

@@ -1,6 +1,6 @@
 // selection_lifting.h - what a selection of boxes inside a network takes its results from: the tables of all
-// candidates, for each selected value those that it holds rows of, and the proof of it. selection_tail.cpp cuts
-// the selection off there.
+// candidates, for each selected value those that it holds rows of, and the proof of it. selection_tail.cpp
+// cuts the selection off there.
 #ifndef TOOLS_NETWORK_SELECTION_LIFTING_H
 #define TOOLS_NETWORK_SELECTION_LIFTING_H
 

@@ -1,5 +1,5 @@
-// coco_matching.cpp - greedy matching by descending score; and at one overlap within each class for the errors
-// of a picture, across classes for the confusion. Declared in coco.h.
+// coco_matching.cpp - greedy matching by descending score; and at one overlap within each class for the
+// errors of a picture, across classes for the confusion. Declared in coco.h.
 #include <algorithm>
 #include <map>
 #include <tuple>
