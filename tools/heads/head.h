@@ -1,6 +1,5 @@
 // head.h - where the boxes, scores and key points of a network stand in its outputs, how the numbers become
-// boxes, and the two that carry it out: as nodes of the network, and plainly. conclude_head.h fills a Head
-// in.
+// boxes, and what carries it out: nodes of the network, or plain formulas. conclude_head.h fills a Head in.
 #ifndef TOOLS_HEADS_HEAD_H
 #define TOOLS_HEADS_HEAD_H
 

@@ -1,6 +1,5 @@
-// head_evidence.h - what the concluders of the families know and ask about a network: its outputs as tables
-// of candidate rows, what computed their channels, what names and metadata say; and the reading that they
-// write.
+// head_evidence.h - what the concluders of the families ask about a network: outputs as tables of candidate
+// rows, what computed their channels, what names and metadata say; and the reading that they write.
 #ifndef TOOLS_HEADS_HEAD_EVIDENCE_H
 #define TOOLS_HEADS_HEAD_EVIDENCE_H
 
