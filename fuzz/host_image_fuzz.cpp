@@ -10,8 +10,7 @@
 
 #include <zlib.h>
 
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
+#include "fuzz/fuzz_input.h"
 #include "platform/host/host_image.h"
 
 namespace {

@@ -6,8 +6,6 @@
 #include <vector>
 
 #include "base/sdet/sdet_model.h"
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "platform/scripted/qv_scripted.h"
 #include "utils/debug/debug.h"

@@ -57,17 +57,15 @@ LIKELY_TESTS = (
     (r"tools/doctor/", "doctor"),
     (r"tools/heads/", "written", r"network\.", "heads", "pack"),
     (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
-    (r"tools/inside/(network_head|engine_run)", "written", r"network\.", "heads", "pack"),
+    (r"tools/inside/network_head", "written", r"network\.", "heads", "pack"),
     (r"tools/inside/network_trial", "network_trial", ""),
-    (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)",
-     "pack", "doctor", "written"),
+    (r"tools/inside/(library_model|model_)", "pack", "doctor", "written", r"run\."),
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),
     (r"tools/(record|recordings|replay)/", "replay"),
     (r"tools/pack/", "pack", "written", r"network\.", "heads"),
-    (r"tools/(run/|inside/(last_output|result_)|frames/(letterbox|frame_conversion))",
-     r"run\.", "annotation", "run_sweep"),
+    (r"tools/(run/|inside/last_output|frames/frame_conversion)", r"run\.", "annotation", "run_sweep"),
     (r"tools/frames/(video|file_source)", "run_sweep", r"run\.", ""),
-    (r"tools/frames/(annotation|tile_grid)", "annotation", r"run\.", "compare"),
+    (r"tools/frames/annotation", "annotation", r"run\.", "compare"),
 )
 
 
