@@ -4,8 +4,8 @@
 
 #include <string.h>
 
-#if defined(__SSE__)
-#include <xmmintrin.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
 #endif
 
 #include "recorder/recording_format.h"
@@ -95,13 +95,17 @@ typedef int16_t eight_words __attribute__((vector_size(16)));
 typedef int16_t eight_stored_words __attribute__((vector_size(16), aligned(2), may_alias));
 
 static int any(four_masks mask) {
+#if defined(__SSE2__)
+  return _mm_movemask_epi8((__m128i)mask) != 0;
+#else
   uint64_t halves[2];
   memcpy(halves, &mask, sizeof halves);
   return (halves[0] | halves[1]) != 0;
+#endif
 }
 
 /* Which of four lanes reach the cut in any cell of a block. */
-#if defined(__SSE__)
+#if defined(__SSE2__)
 /* By their greatest values, as a maximum is one instruction. It hands on the second operand where one is a NaN, so
  * that a NaN is passed over. */
 static four_masks block_at(const unsigned char* values, uint32_t bytes, four_values cut) {
@@ -208,10 +212,19 @@ static inline const unsigned char* element_at(const struct cell_layer* layer, ui
 }
 
 static inline int has_logit(const struct cell_layer* layer, uint32_t index) {
-  const unsigned char* const logits = element_at(layer, index, RECORDING_FIRST_CLASS);
+  const unsigned char* logit = element_at(layer, index, RECORDING_FIRST_CLASS);
+  const uint32_t cut = layer->cut;
   int is_reached = 0;
-  for (uint32_t k = 0; k < layer->classes; ++k) {
-    is_reached |= reaches(layer, logits + (size_t)k * layer->element);
+  if (layer->element == 2) {
+    for (uint32_t k = layer->classes; k != 0; --k, logit += 2) {
+      is_reached |= reaches(layer, logit);
+    }
+    return is_reached;
+  }
+  for (uint32_t k = layer->classes; k != 0; --k, logit += 4) {
+    uint32_t bits;
+    memcpy(&bits, logit, sizeof bits);
+    is_reached |= bits <= cut;
   }
   return is_reached;
 }

@@ -23,7 +23,8 @@ struct box {
 
 struct candidate {
   float logit;
-  uint32_t cell; /* in the list */
+  uint16_t cell; /* in the list */
+  uint16_t class_id;
 };
 
 /* e^x for x from -60 to 60: 2^n by its bits, and a polynomial between. Errs by less than a part in 5,000. */
@@ -61,11 +62,14 @@ static void sort(struct candidate* candidates, uint32_t count) {
   }
 }
 
-static struct box box_of(const struct cell_layer* layer, uint32_t index) {
+static struct box box_of(const struct cell_layer* layer, uint32_t index,
+                         const struct candidate* candidate) {
   const float x = ((float)(index % layer->columns) + 0.5f) * (float)layer->stride;
   const float y = ((float)(index / layer->columns) + 0.5f) * (float)layer->stride;
   float sides[4];
   struct box box;
+  box.logit = candidate->logit;
+  box.class_id = candidate->class_id;
   box.is_plain = 1;
   for (uint32_t k = 0; k < 4; ++k) {
     const float value = cell_value(layer, index, k);
@@ -123,7 +127,8 @@ static uint32_t list_candidates(const struct found_cells* found, const struct ce
     for (uint32_t k = counts[layer]; k != 0; --k, ++cell) {
       uint32_t class_id;
       candidates[cell].logit = best_logit(&layers[layer], found->cell[cell].index, &class_id);
-      candidates[cell].cell = cell;
+      candidates[cell].cell = (uint16_t)cell;
+      candidates[cell].class_id = (uint16_t)class_id;
     }
   }
   return cell;
@@ -141,8 +146,7 @@ void drop_suppressed_cells(struct found_cells* found, const struct cell_layer la
     const uint32_t cell = candidates[k].cell;
     const uint32_t number = cell < counts[0] ? 0 : cell < counts[0] + counts[1] ? 1 : 2;
     const struct cell_layer* const layer = &layers[number];
-    struct box box = box_of(layer, found->cell[cell].index);
-    box.logit = best_logit(layer, found->cell[cell].index, &box.class_id);
+    struct box box = box_of(layer, found->cell[cell].index, &candidates[k]);
     if (is_suppressed(&box, boxes, count)) {
       found->cell[cell].is_dropped = 1;
     } else {
