@@ -67,7 +67,7 @@ KNOWN = {
     "tests/golden/": ("platform/scripted/", "tests/support/", "video/det/"),
     "tests/platform/": ("platform/", "tests/support/"),
     "tests/recorder/": ("platform/scripted/", "recorder/", "tests/support/", "tests/api/list_network.h",
-                        "tools/recordings/", "base/", "video/det/"),
+                        "tools/recordings/", "tools/replay/", "base/", "video/det/"),
     "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
     "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", "utils/", "base/sdet/",
               "video/det/"),
