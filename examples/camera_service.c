@@ -128,9 +128,10 @@ static QV_U32 working_memory_of(const char* path) {
 /* One device for all models, so that they can come and go in any order. */
 static int create_device(struct service* service) {
   static char firmware[] = "/config/dla/ipu_firmware.bin";
-  QV_IPU_DevAttr_t attributes = {.u32YUV420_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT,
-                                 .u32YUV420_H_Pitch_Alignment = QV_IPU_NV12_ROWS_ALIGNMENT,
-                                 .u32XRGB_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT};
+  /* How frames lie in memory, the same as when the library creates the device. */
+  QV_IPU_DevAttr_s attributes = {.u32YUV420_W_Pitch_Alignment = 16,
+                                 .u32YUV420_H_Pitch_Alignment = 2,
+                                 .u32XRGB_W_Pitch_Alignment = 16};
   for (int k = 0; k < MODELS; ++k) {
     const QV_U32 bytes = working_memory_of(service->models[k].path);
     service->working_memory = bytes > service->working_memory ? bytes : service->working_memory;

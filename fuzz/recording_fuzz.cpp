@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 #include "tools/common/command.h"
 #include "tools/recordings/container.h"

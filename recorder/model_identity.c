@@ -19,9 +19,9 @@ void identify_buffer(struct model_identity* model, const void* buffer, uint32_t 
 
 /* Keeps the bytes before the start pattern. */
 static void keep_header(struct model_identity* model, const unsigned char* text, uint32_t size) {
-  const uint32_t pattern = (uint32_t)strlen(QV_IPU_OFFLINE_MODEL_START);
+  const uint32_t pattern = (uint32_t)strlen(OLVEX_OFFLINE_MODEL_START);
   uint32_t end = 0;
-  while (end + pattern <= size && memcmp(text + end, QV_IPU_OFFLINE_MODEL_START, pattern) != 0) {
+  while (end + pattern <= size && memcmp(text + end, OLVEX_OFFLINE_MODEL_START, pattern) != 0) {
     ++end;
   }
   end = end + pattern <= size ? end : size;

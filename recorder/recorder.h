@@ -7,7 +7,7 @@
 #include <stdint.h>
 
 #include "olvex_det.h"
-#include "qv_ipu.h"
+#include "platform/contract/olvex_platform.h"
 
 #include "recorder/carried.h"
 #include "recorder/options.h"
@@ -62,7 +62,7 @@ struct channel_slot {
   uint32_t format;  /* of the first output, which holds for all */
   uint32_t classes; /* 0: no output is stored in cells */
   int has_pairs;
-  struct output_slot output[QV_IPU_MAX_TENSORS];
+  struct output_slot output[OLVEX_MAX_TENSORS];
 };
 
 struct recorder {
@@ -178,7 +178,7 @@ struct thread_state {
   struct platform_call call[MOST_PLATFORM_CALLS];
   int has_outputs;
   uint32_t channel; /* that was invoked */
-  const void* output[QV_IPU_MAX_TENSORS];
+  const void* output[OLVEX_MAX_TENSORS];
 };
 struct thread_state* this_thread(void);
 uint32_t next_call_number(void);

@@ -46,7 +46,7 @@ static uint32_t element_size(uint32_t format) {
  * shape asks for in elements of the first output's type. 0 for more than a recording holds. */
 static uint32_t output_bytes(const QV_IPU_TensorDesc_t* tensor, uint32_t format) {
   uint64_t bytes = element_size(format);
-  for (uint32_t k = 0; k < QV_IPU_MAX_DIMENSIONS; ++k) {
+  for (uint32_t k = 0; k < OLVEX_MAX_DIMENSIONS; ++k) {
     const uint32_t extent = tensor->u32TensorShape[k] != 0 ? tensor->u32TensorShape[k] : 1;
     if (bytes > UINT32_MAX / extent) {
       return tensor->u32BufSize;
@@ -106,9 +106,9 @@ static void note_description(uint32_t id, const QV_IPU_SubNet_InputOutputDesc_t*
   channel->height_alignment = input->u32InputHeightAlignment;
   channel->format = (uint32_t)description->astQV_OutputTensorDescs[0].eElmFormat;
   channel->classes = classes_of(description, &channel->has_pairs);
-  channel->outputs = description->u32OutputTensorCount < QV_IPU_MAX_TENSORS
+  channel->outputs = description->u32OutputTensorCount < OLVEX_MAX_TENSORS
                          ? description->u32OutputTensorCount
-                         : QV_IPU_MAX_TENSORS;
+                         : OLVEX_MAX_TENSORS;
   for (uint32_t k = 0; k < channel->outputs; ++k) {
     describe_output(channel, k, &description->astQV_OutputTensorDescs[k]);
   }

@@ -10,11 +10,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "qv_ipu.h"
-#include "qv_sys.h"
+#include "platform/contract/olvex_platform.h"
 
 namespace qv_scripted {
 
@@ -89,6 +89,9 @@ struct Network {
   // Output of each invocation in turn; the last one is repeated. Without any, invocations fail with
   // kNoFrame, which is reported. A tensor that is shorter than its buffer leaves kPoison after it.
   std::vector<Frame> frames;
+  // Instead of frames: the output of an invocation, from the address of its input. Called from several threads at
+  // once.
+  std::function<Frame(const void*)> compute;
   // Deliberate: false leaves the buffer untouched when a frame is repeated, so that a benchmark
   // does not time a copy; what the caller itself wrote into the buffer then stays there.
   bool copy_repeated_frame = true;

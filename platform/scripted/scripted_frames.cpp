@@ -101,15 +101,19 @@ void show(const Frame& frame, OutputSet* set) {
   set->shown = &frame;
 }
 
-// The part of an invocation that runs beside calls on other channels.
-void run_unlocked(Call* call, Channel* channel, const Frame& frame, OutputSet* set) {
+// The part of an invocation that runs beside calls on other channels. frame: null where it is computed.
+void run_unlocked(Call* call, Channel* channel, const Frame* frame, const void* input,
+                  OutputSet* set) {
   channel->busy = true;
   call->lock().unlock();
   if (channel->network.invoke_time_us > 0) {
     std::this_thread::sleep_for(std::chrono::microseconds(channel->network.invoke_time_us));
   }
-  if (set->shown != &frame || channel->network.copy_repeated_frame) {
-    show(frame, set);
+  if (frame == nullptr) {
+    show(channel->network.compute(input), set);
+    set->shown = nullptr;  // that one is gone
+  } else if (set->shown != frame || channel->network.copy_repeated_frame) {
+    show(*frame, set);
   }
   call->lock().lock();
   channel->busy = false;
@@ -195,13 +199,14 @@ QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_Tensor
   if (set == nullptr) {
     return call.refuse_channel(violation, kOutOfOrder);
   }
-  const Frame* const frame = call.injected() != 0 ? nullptr : take_frame(open.get());
-  if (frame == nullptr) {
+  const bool is_computed = open->network.compute != nullptr;
+  const Frame* const frame = call.injected() != 0 || is_computed ? nullptr : take_frame(open.get());
+  if (frame == nullptr && (call.injected() != 0 || !is_computed)) {
     poison(set);
     return call.injected() != 0 ? call.end(call.injected())
                                 : call.refuse_channel("the network has no output frame", kNoFrame);
   }
-  run_unlocked(&call, open.get(), *frame, set);
+  run_unlocked(&call, open.get(), frame, address, set);
   return call.end(0);
 }
 

@@ -17,4 +17,10 @@ foreach(test host_image_test host_accelerator_test)
   target_compile_definitions(${test} PRIVATE
     OLVEX_PLATFORM_DATA="${CMAKE_CURRENT_SOURCE_DIR}/data")
 endforeach()
-olvex_add_contract_test(Host host_contract_hook.cpp "qv_host;qv_host_image;tiny_onnx")
+
+# The probe network for it is packed by olvex-det.
+if(OLVEX_BUILD_TOOLS)
+  olvex_add_accel_check(accel_check_host qv_host)
+  list(APPEND accel_check_settings "ACCEL_CHECK_HOST=$<TARGET_FILE:accel_check_host>"
+                                   "OLVEX_DET=$<TARGET_FILE:olvex-det>" "SYSTEM_PYTHON=${OLVEX_SYSTEM_PYTHON}")
+endif()

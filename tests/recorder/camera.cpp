@@ -3,7 +3,7 @@
 //
 //   camera RESULTS [NAME=VALUE]...
 //
-// RESULTS gets every return code and box. Names: kind=fp32|int16|points|list|bytes, frames, handles, threshold, track,
+// RESULTS gets every return code and box. Names: kind=fp32|int16|points|list|bytes, or all for a handle of each but the last, frames, handles, threshold, track,
 // input=gray|nv12|argb, pause (ms per frame), invocation (ms that one takes), and the numbers of the frames before which something happens: fail (the invocation),
 // trigger (by the application), signal, threshold_at (it is set to 0.01), fork, wait (for the file RESULTS.go), close
 // (all descriptors), kill.
@@ -98,8 +98,14 @@ qv_scripted::Network outputs_of(const std::string& kind) {
   return kind == "points" ? raw_network(13, true) : raw_network(7, kind == "int16");
 }
 
-qv_scripted::Network network_of(const Options& options) {
-  qv_scripted::Network network = outputs_of(options.text("kind", "fp32"));
+std::string kind_of(const Options& options, std::size_t handle) {
+  static const char* const kKinds[] = {"fp32", "int16", "points", "list"};
+  const std::string kind = options.text("kind", "fp32");
+  return kind == "all" ? kKinds[handle % std::size(kKinds)] : kind;
+}
+
+qv_scripted::Network network_of(const Options& options, const std::string& kind) {
+  qv_scripted::Network network = outputs_of(kind);
   const std::string input = options.text("input", "gray");
   if (input == "nv12") {
     network.inputs = {qv_scripted::picture_input(QV_IPU_FORMAT_NV12, kNetWidth, kNetHeight)};
@@ -228,6 +234,17 @@ void* start_handle(const Options& options, const std::string& model, int index) 
   return handle;
 }
 
+void write_model(const std::string& path, const std::string& kind) {
+  std::FILE* const file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr ||
+      std::fprintf(file, "model_out:%s\n%s", kind == "points" ? "zrlpd" : "zrpcd", kOfflineModel) <
+          0 ||
+      std::fclose(file) != 0) {
+    std::perror("camera: model");
+    std::exit(1);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -239,21 +256,14 @@ int main(int argc, char** argv) {
   }
   const std::string path = argc < 2 ? "results" : argv[1];
   options.values["results"] = path;
-  const std::string model = path + ".model";
-  std::FILE* file = std::fopen(model.c_str(), "wb");
-  if (file == nullptr ||
-      std::fprintf(file, "model_out:%s\n%s",
-                   options.text("kind", "fp32") == "points" ? "zrlpd" : "zrpcd",
-                   kOfflineModel) < 0 ||
-      std::fclose(file) != 0) {
-    std::perror("camera: model");
-    return 1;
-  }
   std::vector<void*> handles;
   std::vector<std::thread> threads;
   const auto count = static_cast<std::size_t>(options.number("handles", 1));
   for (std::size_t k = 0; k < count; ++k) {
-    qv_scripted::add_network(network_of(options));
+    const std::string kind = kind_of(options, k);
+    const std::string model = path + ".model" + (k == 0 ? "" : std::to_string(k));
+    write_model(model, kind);
+    qv_scripted::add_network(network_of(options, kind));
     handles.push_back(start_handle(options, model, static_cast<int>(k)));
   }
   std::vector<std::string> results(count);
@@ -268,7 +278,7 @@ int main(int argc, char** argv) {
     ALGO_DET_DeinitHandle(handles.back());
     handles.pop_back();
   }
-  file = std::fopen(path.c_str(), "wb");
+  std::FILE* const file = std::fopen(path.c_str(), "wb");
   for (const std::string& text : results) {
     if (file == nullptr || std::fputs(text.c_str(), file) < 0) {
       std::perror("camera: results");

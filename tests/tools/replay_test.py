@@ -298,7 +298,7 @@ class ReplayTest(ToolTest):
         (self.folder / "foreign.mcap").write_bytes(self.plain.replace(b"olvex_recorder 1", b"some_program 0.1", 1))
         (self.folder / "start.mcap").write_bytes(self.plain[:chunks(self.plain)[0][1] - 1])
         (self.folder / "text.mp4").write_text("no video")
-        self.assert_session_kept("replay_errors.txt")
+        self.assert_session_kept("replay_errors")
 
 
 if __name__ == "__main__":

@@ -10,7 +10,6 @@
 #include "tools/common/subcommands.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
-#include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"
 #include "tools/frames/result_writers.h"

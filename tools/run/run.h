@@ -18,7 +18,7 @@
 
 #include "olvex_det.h"
 #include "tools/common/command.h"
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/frames/annotation.h"
 #include "tools/frames/frame_record.h"
 #include "tools/frames/result_writers.h"

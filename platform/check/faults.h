@@ -1,0 +1,54 @@
+/* faults.h - what can be wrong with a platform. faults.c says of each what the library does with it, and the
+ * remedy. */
+#ifndef PLATFORM_CHECK_FAULTS_H
+#define PLATFORM_CHECK_FAULTS_H
+
+enum fault {
+  FAULT_CALL_FAILS,
+  FAULT_SMALL_CODE,
+  FAULT_NOT_REFUSED,
+  FAULT_SECOND_DEVICE,
+  FAULT_STATIC_INFO,
+  FAULT_READS_OUTSIDE,
+  FAULT_MODEL_KEPT,
+  FAULT_DESCRIPTION,
+  FAULT_OTHER_MODEL,
+  FAULT_LAYOUT,
+  FAULT_PADDED,
+  FAULT_BUFFER_SIZE,
+  FAULT_ELEMENT_TYPE,
+  FAULT_MIXED_TYPES,
+  FAULT_SCALE,
+  FAULT_ZERO_POINT,
+  FAULT_ACTIVATION,
+  FAULT_WRAPS,
+  FAULT_VALUES,
+  FAULT_ALIGNMENT,
+  FAULT_LENDING,
+  FAULT_OTHER_ADDRESS,
+  FAULT_INCOMPLETE,
+  FAULT_LATE,
+  FAULT_CACHED_OUTPUT,
+  FAULT_NOT_REPEATABLE,
+  FAULT_STALE_INPUT,
+  FAULT_FLUSH,
+  FAULT_READS_BEYOND_FRAME,
+  FAULT_INPUT_VALUES,
+  FAULT_INPUT_PITCH,
+  FAULT_COLOUR_ORDER,
+  FAULT_SECOND_PLANE,
+  FAULT_CHANNELS_MIX,
+  FAULT_TEARDOWN,
+  FAULT_GROWTH,
+  FAULT_COUNT
+};
+
+struct fault_text {
+  const char* name;
+  const char* library; /* what the library does with it */
+  const char* remedy;
+};
+
+extern const struct fault_text kFaultTexts[FAULT_COUNT];
+
+#endif /* PLATFORM_CHECK_FAULTS_H */

@@ -1,0 +1,28 @@
+/* watched_calls.h - the platform's calls, each timed and its code looked at. A process in which none of them
+ * begins for a minute is ended. */
+#ifndef PLATFORM_CHECK_WATCHED_CALLS_H
+#define PLATFORM_CHECK_WATCHED_CALLS_H
+
+#include "qv_ipu.h"
+#include "qv_sys.h"
+
+/* Device attributes are those of the detection library. */
+QV_S32 create_device(QV_U32 variable_size, char* firmware);
+QV_S32 destroy_device(void);
+QV_S32 static_info(QV_IPU_ReadFunc read, char* path_or_context,
+                   QV_IPU_OfflineModelStaticInfo_s* info);
+/* Channel attributes are those of the detection library: one output buffer, no input buffer. */
+QV_S32 create_channel(QV_U32* channel, QV_IPU_ReadFunc read, char* path_or_context);
+QV_S32 destroy_channel(QV_U32 channel);
+QV_S32 describe(QV_U32 channel, QV_IPU_SubNet_InputOutputDesc_t* description);
+QV_S32 get_outputs(QV_U32 channel, QV_IPU_TensorVector_t* tensors);
+QV_S32 put_outputs(QV_U32 channel, QV_IPU_TensorVector_t* tensors);
+QV_S32 invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_TensorVector_t* output);
+QV_S32 flush(void* address, QV_U32 size);
+
+/* Reports codes of 1 to 13. */
+void check_codes(void);
+/* Prints how long the calls took. */
+void print_times(void);
+
+#endif /* PLATFORM_CHECK_WATCHED_CALLS_H */
