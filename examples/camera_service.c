@@ -120,7 +120,7 @@ static QV_S32 open_model(struct service* service, struct model* model, const cha
 
 /* Bytes; 0 for a file that is no model here. */
 static QV_U32 working_memory_of(const char* path) {
-  QV_IPU_OfflineModelStaticInfo_t info = {0};
+  QV_IPU_OfflineModelStaticInfo_s info = {0};
   QV_IPU_GetOfflineModeStaticInfo(NULL, (char*)path, &info);
   return info.u32VariableBufferSize;
 }

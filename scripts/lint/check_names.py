@@ -12,7 +12,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import common  # noqa: E402
 
 ENDINGS = ("c", "h", "cpp", "py", "cmake", "md", "supp")
-NAME = re.compile(rf"(?<![\w./*<>$}}-])((?:\.\./)*[\w-][\w./-]*\.(?:{'|'.join(ENDINGS)}))(?![\w*]|\.\w)")
+NAME = re.compile(rf"(?<![\w./*<>$}}%-])((?:\.\./)*[\w-][\w./-]*\.(?:{'|'.join(ENDINGS)}))(?![\w*]|\.\w)")
 # Comments of C and C++, of everything else, and the texts at the start of Python files and functions.
 C_COMMENT = re.compile(r'"(?:[^"\\\n]|\\.)*"|//[^\n]*|/\*.*?\*/', re.DOTALL)
 HASH_COMMENT = re.compile(r'''"""(?:.|\n)*?"""|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|(?<![\w$])#[^\n]*''')
