@@ -1,4 +1,5 @@
 /* model_image.c - mapping of the model's file, and bounds of what is read of it. */
+#define _DEFAULT_SOURCE
 #define _POSIX_C_SOURCE 200809L
 #include "model_image.h"
 
@@ -13,6 +14,8 @@
 #include "report.h"
 
 static const struct model_image* mapped;
+static struct model_image
+    closed; /* the last one: its addresses stay reserved, so that no other memory is read there */
 static unsigned reads;
 static unsigned outside;
 static unsigned late;
@@ -50,7 +53,15 @@ static const char* map_file(int file, struct model_image* image) {
   return find_model(image);
 }
 
+static void release_closed(void) {
+  if (closed.file != NULL) {
+    munmap(closed.file, closed.file_size);
+    closed.file = NULL;
+  }
+}
+
 const char* map_model(const char* path, struct model_image* image) {
+  release_closed();
   memset(image, 0, sizeof *image);
   const int file = open(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) {
@@ -63,7 +74,8 @@ const char* map_model(const char* path, struct model_image* image) {
 
 void unmap_model(struct model_image* image) {
   mapped = NULL;
-  munmap(image->file, image->file_size);
+  mmap(image->file, image->file_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  closed = *image;
   image->file = NULL;
   image->model = NULL;
 }
