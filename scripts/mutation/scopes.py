@@ -25,7 +25,8 @@ SCOPES = {
         r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
         "tools; the tests of the command line, but not those that take minutes",
-        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder"], [TOOL], TOOL,
+        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder",
+                                                     "probe_platform"], [TOOL], TOOL,
         r"tools tools\.(?!run_sweep\.test_every_failure)", {}, 180, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
@@ -57,6 +58,7 @@ LIKELY_TESTS = (
     (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
     (r"tools/inside/(network_head|engine_run)", "written", r"network\.", "heads", "pack"),
     (r"tools/inside/network_trial", "network_trial", ""),
+    (r"tools/inside/foreign_platform", "platform"),
     (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", "pack", "doctor", "written"),
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),
     (r"tools/(record|recordings|replay)/", "replay"),

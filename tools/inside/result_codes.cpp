@@ -6,6 +6,7 @@
 #include "olvex_det.h"
 
 #include "platform/host/qv_host.h"
+#include "tools/inside/foreign_platform.h"
 
 namespace olvex_tools {
 
@@ -59,7 +60,8 @@ const ResultCode& explain_result(QV_S32 code) {
   const auto* const found =
       std::find_if(std::begin(kResultCodes), end,
                    [code](const ResultCode& result) { return result.code == code; });
-  return found == end ? kUnknownCode : *found;
+  const bool is_of_host = code >= QV_HOST_NO_DEVICE && code <= QV_HOST_INTERNAL_ERROR;
+  return found == end || (is_of_host && platform_is_foreign()) ? kUnknownCode : *found;
 }
 
 }  // namespace olvex_tools
