@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -14,13 +15,20 @@
 #include "report.h"
 
 static const struct model_image* mapped;
-static struct model_image
-    closed; /* the last one: its addresses stay reserved, so that no other memory is read there */
+/* The last one: its addresses stay reserved, so that no other memory is read there. */
+static struct model_image closed;
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static unsigned reads;
 static unsigned outside;
 static unsigned late;
 static int outside_offset;
 static int outside_size;
+
+static void set_mapped(const struct model_image* image) {
+  pthread_mutex_lock(&lock);
+  mapped = image;
+  pthread_mutex_unlock(&lock);
+}
 
 static const char* find_model(struct model_image* image) {
   const size_t length = sizeof QV_IPU_OFFLINE_MODEL_START - 1;
@@ -49,7 +57,7 @@ static const char* map_file(int file, struct model_image* image) {
     return strerror(errno);
   }
   image->file = memory;
-  mapped = image;
+  set_mapped(image);
   return find_model(image);
 }
 
@@ -73,15 +81,14 @@ const char* map_model(const char* path, struct model_image* image) {
 }
 
 void unmap_model(struct model_image* image) {
-  mapped = NULL;
+  set_mapped(NULL);
   mmap(image->file, image->file_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
   closed = *image;
   image->file = NULL;
   image->model = NULL;
 }
 
-int read_model(void* to, int offset, int size, char* context) {
-  (void)context;
+static int read_locked(void* to, int offset, int size) {
   ++reads;
   if (mapped == NULL) {
     ++late;
@@ -96,6 +103,15 @@ int read_model(void* to, int offset, int size, char* context) {
   }
   memcpy(to, mapped->model + offset, (size_t)size);
   return 0;
+}
+
+int read_model(void* to, int offset, int size, char* context) {
+  (void)context;
+  /* A platform may keep the callback, and then call it from any thread. */
+  pthread_mutex_lock(&lock);
+  const int result = read_locked(to, offset, size);
+  pthread_mutex_unlock(&lock);
+  return result;
 }
 
 int read_nothing(void* to, int offset, int size, char* context) {

@@ -14,7 +14,8 @@ HOST = os.environ.get("ACCEL_CHECK_HOST")
 EMULATOR = os.environ.get("EMULATOR", "").split()
 SANITIZERS = os.environ["SANITIZERS"]
 # The sanitizers leave signals to the program, and keep freed memory, so that growth says nothing.
-SANITIZER = {"ASAN_OPTIONS": "handle_segv=0:handle_sigbus=0:handle_abort=0"}
+SIGNALS = "handle_segv=0:handle_sigbus=0:handle_abort=0"
+SANITIZER = {name: f"{os.environ.get(name, '')}:{SIGNALS}" for name in ("ASAN_OPTIONS", "TSAN_OPTIONS")}
 CYCLES = 0 if SANITIZERS else 30
 
 # Fault of the platform: (what is found, words of what was seen).
