@@ -116,7 +116,7 @@ std::string write_model(const std::string& header) {
   }
   close(file);
   std::ofstream stream(path, std::ios::binary);
-  stream << header << QV_IPU_OFFLINE_MODEL_START "0123456789ab";
+  stream << header << OLVEX_OFFLINE_MODEL_START "0123456789ab";
   stream.close();
   if (!stream) {
     unlink(path.c_str());

@@ -7,7 +7,8 @@
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 
-if(NOT CMAKE_BUILD_TYPE)
+# An SDK's own choice, in its toolchain file or in CXXFLAGS, stands: a build type's would come behind it and win.
+if(NOT CMAKE_BUILD_TYPE AND CMAKE_SOURCE_DIR STREQUAL PROJECT_SOURCE_DIR AND NOT CMAKE_CXX_FLAGS MATCHES "(^| )-O")
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
 endif()
 

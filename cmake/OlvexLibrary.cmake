@@ -1,14 +1,27 @@
 # The library's own targets.
-#   qv_platform     headers of the chip's call contract
+#   qv_platform     headers of the chip's call contract, ours or an SDK's, and what the library relies on in them
 #   olvex_det_core  all library sources but the exported functions, as objects, for tests and tools
 #   olvex_det       libolvex_det.so.1 (alias olvex::det), which exports the public functions alone
+#   olvex_det_static  libolvex_det.a with OLVEX_STATIC (alias olvex::det_static), whose only global symbols they are
 # An x_plain.cpp in the library's folders defines what the x.cpp beside it has to do; no library that ships
 # has it, OlvexRoutines.cmake compiles it.
 
 find_package(Threads REQUIRED)
 
+set(OLVEX_PLATFORM_INCLUDE "${PROJECT_SOURCE_DIR}/platform/include" CACHE PATH
+    "Folder of qv_types.h, qv_sys.h and qv_ipu.h: the chip maker's SDK, or this project's own")
+get_filename_component(OLVEX_PLATFORM_FOLDER "${OLVEX_PLATFORM_INCLUDE}" ABSOLUTE)
+foreach(header IN ITEMS qv_types.h qv_sys.h qv_ipu.h)
+  if(NOT EXISTS "${OLVEX_PLATFORM_FOLDER}/${header}")
+    message(FATAL_ERROR "OLVEX_PLATFORM_INCLUDE: ${OLVEX_PLATFORM_FOLDER} has no ${header}. It must name the folder "
+                        "with the chip's headers; docs/platform.md says what they have to declare.")
+  endif()
+endforeach()
+
+# In front of every other folder, and not as a system's one, which would come last.
 add_library(qv_platform INTERFACE)
-target_include_directories(qv_platform INTERFACE "${PROJECT_SOURCE_DIR}/platform/include")
+target_include_directories(qv_platform BEFORE INTERFACE
+  "${OLVEX_PLATFORM_FOLDER}" "${PROJECT_SOURCE_DIR}/platform/contract" "${PROJECT_SOURCE_DIR}")
 
 add_library(olvex_det_core OBJECT
   base/ipu_engine/ipu_engine.cpp
@@ -48,7 +61,7 @@ set(OLVEX_EXPORT_MAP "${PROJECT_SOURCE_DIR}/cmake/olvex_det.map")
 add_library(olvex_det SHARED video/det/src/olvex_det_impl.cpp)
 add_library(olvex::det ALIAS olvex_det)
 set_target_properties(olvex_det PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME det
   CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   LINK_DEPENDS "${OLVEX_EXPORT_MAP}"
@@ -60,7 +73,8 @@ set_source_files_properties(video/det/src/olvex_det_impl.cpp PROPERTIES
 target_include_directories(olvex_det
   PUBLIC "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/video/det/include>"
          "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/utils/records>"
-         "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>"
+         "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/contract>"
+         "$<BUILD_INTERFACE:${OLVEX_PLATFORM_FOLDER}>"
          "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/olvex>"
   PRIVATE "${PROJECT_SOURCE_DIR}")
 target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numbers
@@ -69,8 +83,35 @@ target_link_libraries(olvex_det PRIVATE olvex_det_core olvex_warnings olvex_numb
 target_link_options(olvex_det PRIVATE "LINKER:--version-script=${OLVEX_EXPORT_MAP}"
                                       "LINKER:--as-needed")
 
-install(TARGETS olvex_det LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(FILES
-  video/det/include/olvex_det.h utils/records/algo_types.h
-  platform/include/qv_types.h platform/include/qv_sys.h platform/include/qv_ipu.h
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/olvex")
+# All objects become one, whose symbols are made local but for the exported ones: an application's own functions
+# and templates cannot meet the library's.
+if(OLVEX_STATIC)
+  add_library(olvex_det_public OBJECT video/det/src/olvex_det_impl.cpp)
+  set_target_properties(olvex_det_public PROPERTIES
+    CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
+  target_include_directories(olvex_det_public PRIVATE "${PROJECT_SOURCE_DIR}/video/det/include")
+  target_link_libraries(olvex_det_public PRIVATE olvex_det_core olvex_warnings olvex_hardening)
+  file(STRINGS "${OLVEX_EXPORT_MAP}" exported REGEX "ALGO_DET_")
+  string(REGEX MATCHALL "ALGO_DET_[A-Za-z0-9]+" exported "${exported}")
+  string(REPLACE ";" "\n" exported "${exported}")
+  set(symbols "${PROJECT_BINARY_DIR}/olvex_det.symbols")
+  file(WRITE "${symbols}" "${exported}\n")
+  separate_arguments(flags UNIX_COMMAND "${CMAKE_CXX_FLAGS}")
+  set(archive "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libolvex_det.a")
+  set(object "${PROJECT_BINARY_DIR}/olvex_det.o")
+  add_custom_command(OUTPUT "${archive}"
+    COMMAND "${CMAKE_CXX_COMPILER}" ${flags} -r -nostdlib "-Wl,--force-group-allocation" -o "${object}"
+            "$<TARGET_OBJECTS:olvex_det_core>" "$<TARGET_OBJECTS:olvex_det_public>"
+    COMMAND "${CMAKE_OBJCOPY}" "--keep-global-symbols=${symbols}" "${object}"
+    COMMAND "${CMAKE_COMMAND}" -E rm -f "${archive}"
+    COMMAND "${CMAKE_AR}" rcsD "${archive}" "${object}"
+    DEPENDS olvex_det_core olvex_det_public "$<TARGET_OBJECTS:olvex_det_core>" "$<TARGET_OBJECTS:olvex_det_public>"
+            "${OLVEX_EXPORT_MAP}"
+    COMMENT "Linking libolvex_det.a" COMMAND_EXPAND_LISTS VERBATIM)
+  add_custom_target(olvex_det_archive ALL DEPENDS "${archive}")
+  add_library(olvex_det_static INTERFACE)
+  add_library(olvex::det_static ALIAS olvex_det_static)
+  add_dependencies(olvex_det_static olvex_det_archive)
+  target_include_directories(olvex_det_static INTERFACE $<TARGET_PROPERTY:olvex_det,INTERFACE_INCLUDE_DIRECTORIES>)
+  target_link_libraries(olvex_det_static INTERFACE "${archive}" stdc++ m Threads::Threads)
+endif()

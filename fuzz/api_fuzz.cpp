@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "platform/scripted/qv_scripted.h"
 #include "tests/api/list_network.h"

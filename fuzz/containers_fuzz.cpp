@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 #include "utils/olvex_stl/simplestl.h"
 

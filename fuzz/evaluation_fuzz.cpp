@@ -6,8 +6,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "tools/common/command.h"
 #include "tools/compare/compare.h"

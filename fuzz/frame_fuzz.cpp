@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "platform/scripted/qv_scripted.h"
 #include "tests/support/record.h"
@@ -159,8 +157,8 @@ void size_buffers(qv_scripted::Network& network) {
       }
     }
     tensor.u32BufSize = readable_bytes(tensor, decoded_size);
-    tensor.s32AlignedBufSize = static_cast<QV_S32>((tensor.u32BufSize + QV_IPU_ROW_ALIGNMENT - 1) /
-                                                   QV_IPU_ROW_ALIGNMENT * QV_IPU_ROW_ALIGNMENT);
+    tensor.s32AlignedBufSize = static_cast<QV_S32>((tensor.u32BufSize + OLVEX_ROW_ALIGNMENT - 1) /
+                                                   OLVEX_ROW_ALIGNMENT * OLVEX_ROW_ALIGNMENT);
   }
 }
 
@@ -348,7 +346,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static MemoryFile model;
   FuzzInput input(data, size);
   const Scene scene = draw_scene(input);
-  model.holding(scene.header + QV_IPU_OFFLINE_MODEL_START "0123456789ab");
+  model.holding(scene.header + OLVEX_OFFLINE_MODEL_START "0123456789ab");
   const Record plain = play(*plain_routines(), scene, model);
   const Record shipped = play(*shipped_routines(), scene, model);
   FUZZ_CHECK(plain.numbers == shipped.numbers);

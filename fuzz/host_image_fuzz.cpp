@@ -10,8 +10,7 @@
 
 #include <zlib.h>
 
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
+#include "fuzz/fuzz_input.h"
 #include "platform/host/host_image.h"
 
 namespace {
@@ -49,7 +48,7 @@ void check_round_trip(const Description& description, const std::vector<char>& n
   FUZZ_CHECK(members(again) == members(description));
   FUZZ_CHECK(description_to_json(again) == json);
   for (const std::string& name : output_tensor_names(description)) {
-    FUZZ_CHECK(name.size() < QV_IPU_TENSOR_NAME_SIZE);
+    FUZZ_CHECK(name.size() < OLVEX_TENSOR_NAME_SIZE);
   }
   const auto built = accepted([&] { return build_image(description, network); });
   FUZZ_CHECK(built.has_value() == !network.empty());
@@ -71,7 +70,7 @@ std::string sound_file(const std::vector<std::string>& parts) {
   const std::string contents = parts[1] + parts[2];
   const uLong crc =
       crc32(0, reinterpret_cast<const Bytef*>(contents.data()), static_cast<uInt>(contents.size()));
-  return parts[0] + QV_IPU_OFFLINE_MODEL_START + little_endian(kImageVersion, 4) +
+  return parts[0] + OLVEX_OFFLINE_MODEL_START + little_endian(kImageVersion, 4) +
          little_endian(parts[1].size(), 4) + little_endian(crc, 4) +
          little_endian(parts[2].size(), 8) + contents;
 }

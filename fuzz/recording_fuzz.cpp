@@ -1,11 +1,11 @@
-// recording_fuzz.cpp - recordings. The first byte of an input chooses: even: a file as it is, read up to its first
-// damage and with all that can be recovered; odd: messages within a sound container, each a byte for its channel and
-// two for its size, which are played through the library where a reader accepts them.
+// recording_fuzz.cpp - recordings. The first byte of an input chooses: even: a file as it is, or, where 4 does not divide
+// the byte, what follows the head of one, read up to its first damage and with all that can be recovered; odd:
+// messages within a sound container, each a byte for its channel and two for its size, which are played through the
+// library where a reader accepts them.
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "fuzz/fuzz_check.h"
 #include "fuzz/fuzz_input.h"
 #include "tools/common/command.h"
 #include "tools/recordings/container.h"
@@ -157,10 +157,13 @@ void read_and_play(const Bytes& bytes, Recovery recovery) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool is_silent = (discard_standard_output(), true);
   FuzzInput input(data, is_silent ? size : 0);
-  if (input.byte() % 2 == 0) {
+  const unsigned choice = input.byte() % 4;
+  if (choice % 2 == 0) {
     const std::string rest = input.rest();
+    Bytes bytes = choice == 0 ? Bytes() : head();
+    bytes.insert(bytes.end(), rest.begin(), rest.end());
     for (const Recovery recovery : {Recovery::kNone, Recovery::kAll}) {
-      read_and_play(Bytes(rest.begin(), rest.end()), recovery);
+      read_and_play(bytes, recovery);
     }
   } else {
     read_and_play(sound_file(input), Recovery::kNone);

@@ -6,8 +6,6 @@
 #include <vector>
 
 #include "base/sdet/sdet_model.h"
-#include "fuzz/fuzz_check.h"
-#include "fuzz/fuzz_file.h"
 #include "fuzz/fuzz_input.h"
 #include "platform/scripted/qv_scripted.h"
 #include "utils/debug/debug.h"
@@ -15,7 +13,7 @@
 
 namespace {
 
-const char kPattern[] = QV_IPU_OFFLINE_MODEL_START;
+const char kPattern[] = OLVEX_OFFLINE_MODEL_START;
 const QV_U32 kModelSize = 16;
 const int kUntouched = 77;
 typedef olvex::vector<ModelKeyValue_t> Pairs;
@@ -160,7 +158,7 @@ void fuzz_model_image(FuzzInput& input) {
 
 void fuzz_output_name(FuzzInput& input) {
   std::string name = model_text(input);
-  name.resize(QV_IPU_TENSOR_NAME_SIZE);
+  name.resize(OLVEX_TENSOR_NAME_SIZE);
   qv_scripted::Network network;
   network.outputs.assign(2, qv_scripted::fp32_tensor(name, {1, 1, 1, 1}));
   qv_scripted::add_network(network);

@@ -58,15 +58,15 @@ void call_words(struct call* call, const void* record, size_t size) {
 
 static void pack_tensors(struct packer* packer, const QV_IPU_TensorDesc_t* tensors,
                          uint32_t count) {
-  const uint32_t stored = count < QV_IPU_MAX_TENSORS ? count : QV_IPU_MAX_TENSORS;
+  const uint32_t stored = count < OLVEX_MAX_TENSORS ? count : OLVEX_MAX_TENSORS;
   pack32(packer, stored);
   for (const QV_IPU_TensorDesc_t* tensor = tensors; tensor != tensors + stored; ++tensor) {
     pack32(packer, tensor->u32TensorDim);
     pack32(packer, (uint32_t)tensor->eElmFormat);
-    for (uint32_t k = 0; k < QV_IPU_MAX_DIMENSIONS; ++k) {
+    for (uint32_t k = 0; k < OLVEX_MAX_DIMENSIONS; ++k) {
       pack32(packer, tensor->u32TensorShape[k]);
     }
-    pack_name(packer, tensor->name, QV_IPU_TENSOR_NAME_SIZE);
+    pack_name(packer, tensor->name, OLVEX_TENSOR_NAME_SIZE);
     pack32(packer, tensor->u32InnerMostStride);
     pack_real(packer, tensor->fScalar);
     pack64(packer, (uint64_t)tensor->s64ZeroPoint);
@@ -93,7 +93,7 @@ static void pack_network(struct packer* packer, const struct call* call, uint64_
 
 static void pack_model(struct packer* packer, const struct call* call, uint64_t offset) {
   const struct model_identity* const model = call->model;
-  const uint32_t hash_size = model->bytes != 0 ? SHA256_SIZE : 0;
+  const uint32_t hash_size = model->has_hash && model->bytes != 0 ? SHA256_SIZE : 0;
   const uint32_t begun = message_begin(packer, RECORDING_MODEL, call->number, call->begin, offset);
   pack32(packer, call->number);
   pack64(packer, model->bytes);

@@ -63,9 +63,13 @@ static void add_init_words(struct call* call, QV_FLOAT threshold, Rect_t display
   call_word(call, had_create_device);
 }
 
-/* Whether the model is to be looked at, which takes a moment. */
-static int names_models(const struct call* call) {
-  return call->function != 0 && the_recorder->options.model_hash;
+/* Whether the model is looked at. The hash over it takes a moment, and can be left out. */
+static int begin_model(const struct call* call, struct model_identity* model) {
+  if (call->function == 0) {
+    return 0;
+  }
+  model->has_hash = the_recorder->options.model_hash != 0;
+  return 1;
 }
 
 QV_S32 INTERPOSED(ALGO_DET_InitHandle)(void* handle, DetectionInfo_t* init_info) {
@@ -76,7 +80,8 @@ QV_S32 INTERPOSED(ALGO_DET_InitHandle)(void* handle, DetectionInfo_t* init_info)
     add_init_words(&call, init_info->threshold, init_info->disp_size, init_info->had_create_device);
     call.texts[0] = init_info->ipu_firmware_path;
     call.texts[1] = init_info->model;
-    if (names_models(&call) && memchr(init_info->model, 0, sizeof init_info->model) != NULL) {
+    if (begin_model(&call, &model) &&
+        memchr(init_info->model, 0, sizeof init_info->model) != NULL) {
       identify_file(&model, init_info->model);
       call.model = &model;
     }
@@ -92,7 +97,7 @@ QV_S32 INTERPOSED(ALGO_DET_InitHandle2)(void* handle, DetectionInfo2_t* init_inf
   if (init_info != NULL) {
     add_init_words(&call, init_info->threshold, init_info->disp_size, init_info->had_create_device);
     call_word(&call, init_info->model_buffer_len);
-    if (names_models(&call) && init_info->model_buffer != NULL) {
+    if (begin_model(&call, &model) && init_info->model_buffer != NULL) {
       identify_buffer(&model, init_info->model_buffer, init_info->model_buffer_len);
       call.model = &model;
     }

@@ -92,7 +92,7 @@ QV_S32 INTERPOSED(QV_IPU_GetOutputTensors)(QV_U32 channel, QV_IPU_TensorVector_t
   call.result = REAL(QV_IPU_GetOutputTensors)(channel, tensors);
   if (call.result == 0) {
     call_word(&call, tensors->u32TensorCount);
-    for (uint32_t k = 0; k < at_most(tensors->u32TensorCount, QV_IPU_MAX_TENSORS); ++k) {
+    for (uint32_t k = 0; k < at_most(tensors->u32TensorCount, OLVEX_MAX_TENSORS); ++k) {
       call_word(&call, tensors->astArrayTensors[k].ptTensorData[0] != NULL);
     }
   }
@@ -118,7 +118,7 @@ static void note_outputs(const struct call* call, const QV_IPU_TensorVector_t* o
   }
   thread->has_outputs = call->result == 0;
   thread->channel = call->channel;
-  for (uint32_t k = 0; k < QV_IPU_MAX_TENSORS; ++k) {
+  for (uint32_t k = 0; k < OLVEX_MAX_TENSORS; ++k) {
     thread->output[k] = output->astArrayTensors[k].ptTensorData[0];
   }
 }

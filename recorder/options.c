@@ -7,20 +7,36 @@
 #include <string.h>
 
 #define PREFIX "OLVEX_RECORDER_"
+#define MOST_PIXELS 65535u
 #define MEMBER(name) offsetof(struct recorder_options, name)
 
-const char* const kept_variables[] = {PREFIX "FILE",         PREFIX "MODE",
-                                      PREFIX "RING_MB",      PREFIX "BEFORE_S",
-                                      PREFIX "AFTER_S",      PREFIX "FILE_MB",
-                                      PREFIX "FILES",        PREFIX "FLOOR",
-                                      PREFIX "WHOLE",        PREFIX "SIGNAL",
-                                      PREFIX "TRIGGER_FILE", PREFIX "ON_ERROR",
-                                      PREFIX "MANY_BOXES",   PREFIX "NO_BOXES",
-                                      PREFIX "LATENCY_MS",   PREFIX "PICTURES",
-                                      PREFIX "INPUT_CRC",    PREFIX "MODEL_HASH",
-                                      PREFIX "ANNOTATIONS",  "ALGO_DEBUG",
-                                      "QK_ALGO_S",           "TZ",
-                                      "GLIBC_TUNABLES",      NULL};
+const char* const kept_variables[] = {PREFIX "FILE",
+                                      PREFIX "MODE",
+                                      PREFIX "RING_MB",
+                                      PREFIX "BEFORE_S",
+                                      PREFIX "AFTER_S",
+                                      PREFIX "FILE_MB",
+                                      PREFIX "FILES",
+                                      PREFIX "FLOOR",
+                                      PREFIX "WHOLE",
+                                      PREFIX "SIGNAL",
+                                      PREFIX "TRIGGER_FILE",
+                                      PREFIX "ON_ERROR",
+                                      PREFIX "MANY_BOXES",
+                                      PREFIX "NO_BOXES",
+                                      PREFIX "LATENCY_MS",
+                                      PREFIX "PICTURES",
+                                      PREFIX "PICTURES_AFTER",
+                                      PREFIX "PICTURES_GREY",
+                                      PREFIX "PICTURES_CROP",
+                                      PREFIX "INPUT_CRC",
+                                      PREFIX "MODEL_HASH",
+                                      PREFIX "ANNOTATIONS",
+                                      "ALGO_DEBUG",
+                                      "QK_ALGO_S",
+                                      "TZ",
+                                      "GLIBC_TUNABLES",
+                                      NULL};
 
 struct number_option {
   const char* name;
@@ -40,6 +56,8 @@ static const struct number_option kNumbers[] = {
     {PREFIX "NO_BOXES", MEMBER(none_frames), 1, 1000000, 0},
     {PREFIX "LATENCY_MS", MEMBER(latency_ms), 1, 1000000, 0},
     {PREFIX "PICTURES", MEMBER(picture_every), 0, 1000000, 0},
+    {PREFIX "PICTURES_AFTER", MEMBER(picture_after), 0, 1000000, 0},
+    {PREFIX "PICTURES_GREY", MEMBER(picture_grey), 0, 1, 0},
     {PREFIX "INPUT_CRC", MEMBER(input_crc), 0, 1, 0},
     {PREFIX "MODEL_HASH", MEMBER(model_hash), 0, 1, 1},
     {PREFIX "ANNOTATIONS", MEMBER(annotations), 0, 1, 1},
@@ -165,6 +183,15 @@ static int read_many_boxes(struct recorder_options* options, const char* text) {
                           parse_number(rest + 1, 0, 1, 1000000, &options->many_frames, &rest));
 }
 
+static int read_crop(struct recorder_options* options, const char* text) {
+  struct picture_area* const area = &options->picture_crop;
+  const char* rest = NULL;
+  return text == NULL || (parse_number(text, ',', 0, MOST_PIXELS, &area->x, &rest) &&
+                          parse_number(rest + 1, ',', 0, MOST_PIXELS, &area->y, &rest) &&
+                          parse_number(rest + 1, ',', 1, MOST_PIXELS, &area->width, &rest) &&
+                          parse_number(rest + 1, 0, 1, MOST_PIXELS, &area->height, &rest));
+}
+
 static int read_mode(struct recorder_options* options, const char* text) {
   options->always = text != NULL && strcmp(text, "always") == 0;
   return text == NULL || options->always || strcmp(text, "trigger") == 0;
@@ -184,7 +211,8 @@ const char* read_options(struct recorder_options* options) {
                 {PREFIX "SIGNAL", read_signal},
                 {PREFIX "TRIGGER_FILE", read_trigger_file},
                 {PREFIX "ON_ERROR", read_on_error},
-                {PREFIX "MANY_BOXES", read_many_boxes}};
+                {PREFIX "MANY_BOXES", read_many_boxes},
+                {PREFIX "PICTURES_CROP", read_crop}};
   memset(options, 0, sizeof *options);
   for (size_t k = 0; k < sizeof kTexts / sizeof kTexts[0]; ++k) {
     if (!kTexts[k].read(options, environment_value(kTexts[k].name))) {

@@ -4,6 +4,13 @@
 
 #include <stdint.h>
 
+struct picture_area {
+  uint32_t x; /* pixels */
+  uint32_t y;
+  uint32_t width;
+  uint32_t height;
+};
+
 struct recorder_options {
   char file[240];    /* path, or path of a FIFO; "" with a descriptor */
   int descriptor;    /* -1: none was given */
@@ -24,6 +31,9 @@ struct recorder_options {
   uint32_t none_frames;   /* frames without a box in a row; 0: no trigger */
   uint32_t latency_ms;    /* 0: no trigger */
   uint32_t picture_every; /* frames; 0: none */
+  uint32_t picture_after; /* the same, once a trigger has come */
+  uint32_t picture_grey;
+  struct picture_area picture_crop; /* without width: all */
   uint32_t input_crc;
   uint32_t model_hash;
   uint32_t annotations;

@@ -151,6 +151,7 @@ __attribute__((destructor)) static void stop_recorder(void) {
 }
 
 void raise_trigger(enum trigger_reason reason) {
+  __atomic_store_n(&the_recorder->is_triggered, 1, __ATOMIC_SEQ_CST);
   __atomic_store_n(&pending, (uint32_t)reason, __ATOMIC_SEQ_CST);
 }
 
@@ -166,6 +167,7 @@ int olvex_recorder_trigger(const char* reason) {
   if (__atomic_load_n(&the_recorder->has_reason, __ATOMIC_ACQUIRE) == 0) {
     snprintf(the_recorder->reason, sizeof the_recorder->reason, "application: %s",
              reason != NULL ? reason : "");
+    __atomic_store_n(&the_recorder->is_triggered, 1, __ATOMIC_SEQ_CST);
     __atomic_store_n(&the_recorder->has_reason, 1, __ATOMIC_RELEASE);
   }
   pthread_mutex_unlock(&recorder_lock);

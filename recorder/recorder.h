@@ -7,9 +7,10 @@
 #include <stdint.h>
 
 #include "olvex_det.h"
-#include "qv_ipu.h"
+#include "platform/contract/olvex_platform.h"
 
 #include "recorder/carried.h"
+#include "recorder/cells.h"
 #include "recorder/options.h"
 #include "recorder/recording_format.h"
 #include "recorder/ring.h"
@@ -47,6 +48,9 @@ struct output_slot {
   uint32_t bytes; /* of the buffer */
   uint32_t cells; /* 0: stored whole */
   uint32_t channels;
+  uint32_t columns;
+  uint32_t stride; /* input pixels to a cell; 0: not the same in both directions */
+  int can_drop;    /* cells of suppressed boxes */
   float scale;
 };
 
@@ -57,15 +61,18 @@ struct channel_slot {
   uint32_t width; /* of the input */
   uint32_t height;
   uint32_t input_format;
+  uint32_t width_alignment;
+  uint32_t height_alignment;
   uint32_t format;  /* of the first output, which holds for all */
   uint32_t classes; /* 0: no output is stored in cells */
   int has_pairs;
-  struct output_slot output[QV_IPU_MAX_TENSORS];
+  struct output_slot output[OLVEX_MAX_TENSORS];
 };
 
 struct recorder {
   struct ring ring;
   struct carried carried;
+  struct found_cells found; /* of the frame that is being stored */
   struct handle_slot handles[MOST_HANDLES];
   struct channel_slot channels[MOST_CHANNELS];
   struct recorder_options options;
@@ -80,6 +87,8 @@ struct recorder {
   uint32_t lost;   /* since the last one that was stored */
   uint32_t lost_frames;
   uint32_t lost_calls;
+  uint32_t lost_pictures;
+  uint32_t is_triggered; /* from a trigger until its seconds after are over */
 };
 
 /* Everything that is recorded goes through this lock; the writing thread never takes it. */
@@ -101,6 +110,7 @@ enum trigger_reason take_trigger(void);
 
 struct model_identity {
   uint64_t bytes; /* 0: there was none */
+  int has_hash;
   unsigned char sha256[SHA256_SIZE];
   uint32_t header_size;
   char header[MODEL_HEADER_SIZE];
@@ -130,6 +140,7 @@ void call_words(struct call* call, const void* record, size_t size);
 /* Records it, and returns its result. */
 QV_S32 call_end(struct call* call);
 
+/* has_hash is set by the caller: whether it is wanted. A file is read to its end for it, else the header alone. */
 void identify_file(struct model_identity* model, const char* path);
 void identify_buffer(struct model_identity* model, const void* buffer, uint32_t size);
 
@@ -172,7 +183,7 @@ struct thread_state {
   struct platform_call call[MOST_PLATFORM_CALLS];
   int has_outputs;
   uint32_t channel; /* that was invoked */
-  const void* output[QV_IPU_MAX_TENSORS];
+  const void* output[OLVEX_MAX_TENSORS];
 };
 struct thread_state* this_thread(void);
 uint32_t next_call_number(void);

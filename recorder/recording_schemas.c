@@ -199,10 +199,12 @@ static const char kEvent[] =
 
 static const char kPicture[] =
     "uint32 number  # of the frame\n"
+    "uint32 x  # of the part that is here, in the picture that the network got\n"
+    "uint32 y\n"
     "uint32 width\n"
     "uint32 height\n"
     "uint32 format\n"
-    "uint8[] data\n";
+    "uint8[] data  # rows without padding\n";
 
 const struct recording_schema recording_schemas[RECORDING_CHANNELS] = {
     {"/olvex/recording", "olvex_det/Recording", kAbout},

@@ -111,10 +111,13 @@ int ring_commit(struct ring* ring) {
 
 int ring_pin(struct ring* ring, uint32_t* oldest) {
   const uint32_t tail = load(&ring->tail);
+  const uint32_t pin_before = load(&ring->pin);
+  const uint32_t was_pinned = load(&ring->pinned);
   store(&ring->pin, tail);
   store(&ring->pinned, 1);
   if (is_before(tail, load(&ring->evicting))) {
-    store(&ring->pinned, 0);
+    store(&ring->pin, pin_before);
+    store(&ring->pinned, was_pinned);
     return -1;
   }
   *oldest = tail;
@@ -127,6 +130,10 @@ void ring_pin_forward(struct ring* ring, uint32_t position) {
 
 void ring_unpin(struct ring* ring) {
   store(&ring->pinned, 0);
+}
+
+int ring_holds(const struct ring* ring, uint32_t oldest, uint32_t position) {
+  return position - oldest <= load(&ring->head) - oldest;
 }
 
 int ring_next(const struct ring* ring, uint32_t* position, struct ring_entry* entry,

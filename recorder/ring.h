@@ -10,7 +10,7 @@
 #include <stdint.h>
 #include <sys/uio.h>
 
-enum ring_kind { RING_FRAME = 1, RING_CALL = 2 };
+enum ring_kind { RING_FRAME = 1, RING_CALL = 2, RING_PICTURE = 3 };
 
 struct ring_entry {
   uint32_t size; /* bytes after this header */
@@ -52,11 +52,14 @@ int ring_commit(struct ring* ring);
 /* ---- The reader ---- */
 
 /* Keeps everything that is there now from giving way. Returns 0, or -1 when a producer is just removing
- * something: try again a moment later. */
+ * something: then what was pinned before still is, and a moment later it can be tried again. */
 int ring_pin(struct ring* ring, uint32_t* oldest);
 /* Lets go of everything before position. Requires: pinned. */
 void ring_pin_forward(struct ring* ring, uint32_t position);
 void ring_unpin(struct ring* ring);
+/* Whether position, which may be from long ago, is that of an entry from oldest on, or the end of the last one.
+ * Requires: pinned at oldest. */
+int ring_holds(const struct ring* ring, uint32_t oldest, uint32_t position);
 /* The entry at position, and the position after it. Returns 0 at the end. Requires: pinned at or before
  * position. */
 int ring_next(const struct ring* ring, uint32_t* position, struct ring_entry* entry,

@@ -25,7 +25,9 @@ struct channel_slot* find_channel(uint32_t id) {
 }
 
 static void note_new_handle(const void* address) {
-  struct handle_slot* const free_slot = find_handle(NULL);
+  /* An exception may have left the call that freed the last one of this address. */
+  struct handle_slot* const earlier = find_handle(address);
+  struct handle_slot* const free_slot = earlier != NULL ? earlier : find_handle(NULL);
   if (free_slot != NULL) {
     memset(free_slot, 0, sizeof *free_slot);
     free_slot->address = address;
@@ -34,6 +36,9 @@ static void note_new_handle(const void* address) {
 }
 
 static uint32_t element_size(uint32_t format) {
+  if (format == QV_IPU_FORMAT_U8 || format == QV_IPU_FORMAT_INT8) {
+    return 1;
+  }
   return format == QV_IPU_FORMAT_INT16 ? 2 : 4;
 }
 
@@ -41,7 +46,7 @@ static uint32_t element_size(uint32_t format) {
  * shape asks for in elements of the first output's type. 0 for more than a recording holds. */
 static uint32_t output_bytes(const QV_IPU_TensorDesc_t* tensor, uint32_t format) {
   uint64_t bytes = element_size(format);
-  for (uint32_t k = 0; k < QV_IPU_MAX_DIMENSIONS; ++k) {
+  for (uint32_t k = 0; k < OLVEX_MAX_DIMENSIONS; ++k) {
     const uint32_t extent = tensor->u32TensorShape[k] != 0 ? tensor->u32TensorShape[k] : 1;
     if (bytes > UINT32_MAX / extent) {
       return tensor->u32BufSize;
@@ -49,6 +54,18 @@ static uint32_t output_bytes(const QV_IPU_TensorDesc_t* tensor, uint32_t format)
     bytes *= extent;
   }
   return tensor->u32BufSize != 0 ? tensor->u32BufSize : (uint32_t)bytes;
+}
+
+/* Layers of other shapes the library does not decode. */
+static uint32_t stride_of(const struct channel_slot* channel, const QV_IPU_TensorDesc_t* tensor) {
+  const uint32_t rows = tensor->u32TensorShape[1];
+  const uint32_t columns = tensor->u32TensorShape[2];
+  if (rows == 0 || columns == 0 || channel->width > INT16_MAX || channel->height > INT16_MAX ||
+      channel->width % columns != 0 || channel->height % rows != 0 ||
+      channel->width / columns != channel->height / rows) {
+    return 0;
+  }
+  return channel->width / columns;
 }
 
 static void describe_output(struct channel_slot* channel, uint32_t index,
@@ -65,6 +82,10 @@ static void describe_output(struct channel_slot* channel, uint32_t index,
   if (has_scale && bytes != 0 && cells <= output->bytes / bytes) {
     output->cells = (uint32_t)cells;
   }
+  output->columns = tensor->u32TensorShape[2];
+  output->stride = stride_of(channel, tensor);
+  output->can_drop = output->stride != 0 && cells <= RECORDING_LONGEST_GAP &&
+                     output->channels == RECORDING_FIRST_CLASS + channel->classes;
 }
 
 /* Layers are stored in cells only where the library would decode them as such. */
@@ -97,11 +118,13 @@ static void note_description(uint32_t id, const QV_IPU_SubNet_InputOutputDesc_t*
   channel->width = input->u32TensorShape[2];
   channel->height = input->u32TensorShape[1];
   channel->input_format = (uint32_t)input->eElmFormat;
+  channel->width_alignment = input->u32InputWidthAlignment;
+  channel->height_alignment = input->u32InputHeightAlignment;
   channel->format = (uint32_t)description->astQV_OutputTensorDescs[0].eElmFormat;
   channel->classes = classes_of(description, &channel->has_pairs);
-  channel->outputs = description->u32OutputTensorCount < QV_IPU_MAX_TENSORS
+  channel->outputs = description->u32OutputTensorCount < OLVEX_MAX_TENSORS
                          ? description->u32OutputTensorCount
-                         : QV_IPU_MAX_TENSORS;
+                         : OLVEX_MAX_TENSORS;
   for (uint32_t k = 0; k < channel->outputs; ++k) {
     describe_output(channel, k, &description->astQV_OutputTensorDescs[k]);
   }
@@ -125,7 +148,8 @@ static void note_initialisation(const struct call* call) {
   struct handle_slot* const handle = find_handle(call->handle);
   note_threshold(call);
   if (handle != NULL) {
-    handle->is_initialised = call->result == 0;
+    /* One that fails on an initialised handle leaves it so. */
+    handle->is_initialised = handle->is_initialised || call->result == 0;
     handle->empty = 0;
   }
 }

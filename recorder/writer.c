@@ -33,6 +33,7 @@ static struct {
   uint64_t from;     /* frames that ended before are left out */
   uint64_t until;    /* UINT64_MAX: for ever */
   uint64_t retry_at; /* after a failure */
+  uint64_t triggered_until;
   uint32_t position; /* in the ring, of the next entry */
   int continues;     /* from position on, not by time */
   uint32_t parts;
@@ -42,7 +43,7 @@ static struct {
   char reason[64];
 } writer;
 
-enum failure { CANNOT_OPEN = 0, CANNOT_WRITE = 1 };
+enum failure { CANNOT_OPEN = 0, CANNOT_WRITE = 1, NO_SPACE = 2 };
 
 static int may_go_on(void) {
   return __atomic_load_n(&writer.stops, __ATOMIC_SEQ_CST) == 0;
@@ -131,7 +132,7 @@ static void pack_event(struct packer* packer, enum recording_event kind, const c
   pack64(packer, now);
   pack64(packer, __atomic_load_n(&recorder->lost_frames, __ATOMIC_RELAXED));
   pack64(packer, __atomic_load_n(&recorder->lost_calls, __ATOMIC_RELAXED));
-  pack32(packer, writer.failures);
+  pack32(packer, writer.failures + __atomic_load_n(&recorder->lost_pictures, __ATOMIC_RELAXED));
   pack_string(packer, text);
   record_end(packer, begun);
 }
@@ -153,7 +154,7 @@ static int add_event(enum recording_event kind, const char* text) {
  * not hold them. */
 static int pack_calls_before(struct packer* packer, uint32_t position) {
   const struct ring* const ring = &the_recorder->ring;
-  const int continues = writer.continues && (int32_t)(writer.position - position) >= 0;
+  const int continues = writer.continues && ring_holds(ring, position, writer.position);
   struct ring_entry entry;
   uint32_t first_byte;
   uint32_t next = position;
@@ -222,13 +223,13 @@ static void open_part(void) {
   ++writer.parts;
 }
 
+/* The ring stays pinned where the next file is to go on. */
 static void end_part(void) {
   int code = add_event(RECORDING_EVENT_END, "");
   code = code != 0 ? code : file_end(&writer.file);
   if (code != 0) {
     drop_file(code);
   }
-  ring_unpin(&the_recorder->ring);
 }
 
 /* ---- Entries ---- */
@@ -269,6 +270,7 @@ static void follow(void) {
       open_part();
       next = writer.position;
       if (writer.file.descriptor < 0) {
+        ring_unpin(ring);
         return;
       }
     }
@@ -296,8 +298,10 @@ static void note_trigger(const char* reason) {
   const uint64_t before = options->before_s * SECOND;
   const int has_file = writer.file.descriptor >= 0;
   snprintf(writer.reason, sizeof writer.reason, "%s", reason);
+  writer.triggered_until = now + options->after_s * SECOND;
+  __atomic_store_n(&the_recorder->is_triggered, 1, __ATOMIC_SEQ_CST);
   if (!options->always) {
-    writer.until = now + options->after_s * SECOND;
+    writer.until = writer.triggered_until;
     if (!has_file) {
       writer.from = now > before ? now - before : 0;
       writer.continues = 0;
@@ -326,10 +330,22 @@ static void look_for_triggers(void) {
   }
 }
 
+static void look_at_losses(void) {
+  if (__atomic_load_n(&the_recorder->lost_pictures, __ATOMIC_RELAXED) != 0 &&
+      (writer.said & 1u << NO_SPACE) == 0) {
+    writer.said |= 1u << NO_SPACE;
+    say("pictures do not fit", "OLVEX_RECORDER_RING_MB", 0);
+  }
+}
+
 /* ---- The thread ---- */
 
 static void turn(void) {
   look_for_triggers();
+  look_at_losses();
+  if (monotonic_now() > writer.triggered_until) {
+    __atomic_store_n(&the_recorder->is_triggered, 0, __ATOMIC_SEQ_CST);
+  }
   if (writer.is_wanted && writer.file.descriptor < 0) {
     open_part();
   }
@@ -338,6 +354,7 @@ static void turn(void) {
   }
   if (writer.file.descriptor >= 0 && monotonic_now() > writer.until) {
     end_part();
+    ring_unpin(&the_recorder->ring);
     writer.is_wanted = 0;
   }
 }
@@ -350,7 +367,8 @@ static void* run_writer(void* context) {
   if (the_recorder->options.always) {
     writer.until = UINT64_MAX;
     writer.continues = 1;
-    note_trigger("start");
+    writer.is_wanted = 1;
+    snprintf(writer.reason, sizeof writer.reason, "start");
   }
   while (may_go_on()) {
     turn();

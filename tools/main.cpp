@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <initializer_list>
 #include <new>
 #include <sstream>
 #include <string>
@@ -17,7 +18,7 @@
 #include "video/det/include/commit_det.h"
 
 #include "tools/common/command.h"
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 
@@ -41,32 +42,22 @@ const char kEvalExamples[] =
     "  olvex-det eval coco --help\n\n"
     "Exit code 1: a metric is below its --min.";
 
-// The subcommand eval has one subcommand per kind of result.
-void add_eval_command(CLI::App& application, Command* chosen) {
-  CLI::App* const eval =
-      application.add_subcommand("eval", "Measure how good results are, against the truth");
-  eval->require_subcommand(1);
-  eval->footer(kEvalExamples);
-  olvex_tools::add_eval_coco_command(*eval, chosen);
-  olvex_tools::add_eval_mot_command(*eval, chosen);
-}
-
 const char kRecordExamples[] =
     "Examples:\n"
     "  olvex-det record info camera.1.mcap\n"
     "  olvex-det record repair camera.1.mcap -o whole.mcap\n"
     "  olvex-det record cut --help";
 
-// So has record, one per thing to do with a recording.
-void add_record_command(CLI::App& application, Command* chosen) {
-  CLI::App* const record =
-      application.add_subcommand("record", "Show, repair, cut and anonymise recordings");
-  record->require_subcommand(1);
-  record->footer(kRecordExamples);
-  olvex_tools::add_record_info_command(*record, chosen);
-  olvex_tools::add_record_repair_command(*record, chosen);
-  olvex_tools::add_record_cut_command(*record, chosen);
-  olvex_tools::add_record_anonymise_command(*record, chosen);
+// A subcommand that has subcommands of its own, one of which must be chosen.
+void add_group(CLI::App& application, const char* name, const char* description,
+               const char* examples, Command* chosen,
+               std::initializer_list<void (*)(CLI::App&, Command*)> members) {
+  CLI::App* const group = application.add_subcommand(name, description);
+  group->require_subcommand(1);
+  group->footer(examples);
+  for (const auto add : members) {
+    add(*group, chosen);
+  }
 }
 
 // The subcommands that the command line selects, from the outermost in: eval, then coco.
@@ -213,10 +204,14 @@ int main(int argc, char** argv) {
   olvex_tools::add_inspect_command(application, &command);
   olvex_tools::add_doctor_command(application, &command);
   olvex_tools::add_run_command(application, &command);
-  add_eval_command(application, &command);
+  add_group(application, "eval", "Measure how good results are, against the truth", kEvalExamples,
+            &command, {olvex_tools::add_eval_coco_command, olvex_tools::add_eval_mot_command});
   olvex_tools::add_compare_command(application, &command);
   olvex_tools::add_replay_command(application, &command);
-  add_record_command(application, &command);
+  add_group(application, "record", "Show, repair, cut and anonymise recordings", kRecordExamples,
+            &command,
+            {olvex_tools::add_record_info_command, olvex_tools::add_record_repair_command,
+             olvex_tools::add_record_cut_command, olvex_tools::add_record_anonymise_command});
   try {
     application.parse(argc, argv);
     refuse_empty_values(application);

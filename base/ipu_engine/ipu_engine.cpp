@@ -9,14 +9,14 @@
 OLVEX_LOG_CLOCK;
 
 TensorName::TensorName(const QV_IPU_TensorDesc_t& tensor) {
-  memcpy(text, tensor.name, QV_IPU_TENSOR_NAME_SIZE);
-  text[QV_IPU_TENSOR_NAME_SIZE] = 0;
+  memcpy(text, tensor.name, OLVEX_TENSOR_NAME_SIZE);
+  text[OLVEX_TENSOR_NAME_SIZE] = 0;
 }
 
 IpuEngine::IpuEngine() : u32channelid_(0), desc_(), output_tensor_vector_(), threshold_(0.0f) {}
 
 unsigned int IpuEngine::readable_tensors(QV_U32 count) {
-  return olvex::min<unsigned int>(count, QV_IPU_MAX_TENSORS);
+  return olvex::min<unsigned int>(count, OLVEX_MAX_TENSORS);
 }
 
 int IpuEngine::cal_variable_size(char* model_path, unsigned int* variable_size) {

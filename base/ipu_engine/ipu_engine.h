@@ -6,7 +6,7 @@
 #ifndef BASE_IPU_ENGINE_IPU_ENGINE_H
 #define BASE_IPU_ENGINE_IPU_ENGINE_H
 
-#include "qv_ipu.h"
+#include "platform/contract/olvex_platform.h"
 
 #include "utils/olvex_stl/simplestl.h"
 
@@ -49,7 +49,7 @@ class IpuEngine {
 // A tensor's name as a terminated text: the platform's array may be in use up to its last byte.
 struct TensorName {
   explicit TensorName(const QV_IPU_TensorDesc_t& tensor);
-  char text[QV_IPU_TENSOR_NAME_SIZE + 1];
+  char text[OLVEX_TENSOR_NAME_SIZE + 1];
 };
 
 #endif  // BASE_IPU_ENGINE_IPU_ENGINE_H

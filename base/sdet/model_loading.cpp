@@ -201,11 +201,11 @@ void DetAfModel::log_tensors_and_learn_keys() {
 // A model can carry its pairs in the name of its first output, the only way for a model in memory.
 void DetAfModel::learn_keys_from_name(const TensorName& name) {
   // Zeros after the name keep the scan for the start pattern inside the buffer.
-  char text[QV_IPU_TENSOR_NAME_SIZE + kStartPatternSize] = {0};
-  memcpy(text, name.text, QV_IPU_TENSOR_NAME_SIZE);
+  char text[OLVEX_TENSOR_NAME_SIZE + kStartPatternSize] = {0};
+  memcpy(text, name.text, OLVEX_TENSOR_NAME_SIZE);
   olvex::vector<ModelKeyValue_t> kvs;
   char* pattern_in_name = NULL;
-  get_model_kvs(text, QV_IPU_TENSOR_NAME_SIZE, kvs, pattern_in_name);
+  get_model_kvs(text, OLVEX_TENSOR_NAME_SIZE, kvs, pattern_in_name);
   if (!kvs.empty()) {
     model_kvs_ = kvs;
   }

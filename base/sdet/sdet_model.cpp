@@ -29,7 +29,7 @@ size_t decoded_size(QV_IPU_ELEMENT_FORMAT format) {
 // An extent of 0 stands for a dimension that the shape leaves out.
 size_t elements_of(const QV_IPU_TensorDesc_t& tensor) {
   size_t elements = 1;
-  for (size_t k = 0; k < QV_IPU_MAX_DIMENSIONS; ++k) {
+  for (size_t k = 0; k < OLVEX_MAX_DIMENSIONS; ++k) {
     const size_t extent = olvex::max<size_t>(tensor.u32TensorShape[k], 1);
     elements = elements > SIZE_MAX / extent ? SIZE_MAX : elements * extent;
   }

@@ -5,9 +5,9 @@
 
 #include <stddef.h>
 
-#include "qv_ipu.h"
+#include "platform/contract/olvex_platform.h"
 
-const char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
+const char kStartPattern[] = OLVEX_OFFLINE_MODEL_START;
 const size_t kStartPatternSize = sizeof(kStartPattern) - 1;
 
 #endif  // BASE_SDET_START_PATTERN_H

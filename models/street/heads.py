@@ -28,7 +28,6 @@ try:
     import onnx
 
     import head_families
-    import head_faults
     import head_priors
     import head_variants
     from head_graph import HeadGraph
@@ -80,7 +79,7 @@ LIMITED = {f"raw-as-{family}": (functools.partial(head_families.raw_limited, rea
                                  ("own-formula", head_families.own_reach))}
 FAMILIES.update(LIMITED)
 
-CHANGES = {**head_variants.VARIANTS, **head_faults.FAULTS}
+CHANGES = {**head_variants.VARIANTS, **head_variants.FAULTS}
 
 # Of these the only class is the first, a person, which has key points.
 PERSONS = ("combined-keypoints", "cls-obj-box-keypoints", "priors-landmarks", "score-distance-keypoints")

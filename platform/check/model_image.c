@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "qv_ipu.h"
+#include "../contract/olvex_platform.h"
 #include "report.h"
 
 static const struct model_image* mapped;
@@ -31,16 +31,16 @@ static void set_mapped(const struct model_image* image) {
 }
 
 static const char* find_model(struct model_image* image) {
-  const size_t length = sizeof QV_IPU_OFFLINE_MODEL_START - 1;
+  const size_t length = sizeof OLVEX_OFFLINE_MODEL_START - 1;
   for (size_t k = 0; k + length <= image->file_size; ++k) {
-    if (memcmp(image->file + k, QV_IPU_OFFLINE_MODEL_START, length) == 0) {
+    if (memcmp(image->file + k, OLVEX_OFFLINE_MODEL_START, length) == 0) {
       image->model = image->file + k;
       image->size = image->file_size - k;
       return NULL;
     }
   }
   unmap_model(image);
-  return "no start pattern \"" QV_IPU_OFFLINE_MODEL_START "\" in it; give a model image";
+  return "no start pattern \"" OLVEX_OFFLINE_MODEL_START "\" in it; give a model image";
 }
 
 static const char* map_file(int file, struct model_image* image) {

@@ -13,7 +13,7 @@ namespace {
 constexpr int kMaxSide = 8192;             // pixels; keeps every frame size within 31 bits
 constexpr int kMaxRows = 32767;            // an index must fit an INT16 tensor
 constexpr std::size_t kMaxPairText = 127;  // bytes of a key or a value that the library keeps
-constexpr std::string_view kStartPattern = QV_IPU_OFFLINE_MODEL_START;
+constexpr std::string_view kStartPattern = OLVEX_OFFLINE_MODEL_START;
 
 std::string one_line(std::string text) {
   std::replace_if(

@@ -10,7 +10,7 @@
 
 namespace qv_host {
 
-constexpr std::size_t kMaxName = QV_IPU_TENSOR_NAME_SIZE - 1;  // bytes, without the terminator
+constexpr std::size_t kMaxName = OLVEX_TENSOR_NAME_SIZE - 1;  // bytes, without the terminator
 
 template <typename Value>
 struct Choice {

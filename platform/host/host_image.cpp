@@ -15,7 +15,7 @@
 namespace qv_host {
 namespace {
 
-constexpr std::string_view kStartPattern = QV_IPU_OFFLINE_MODEL_START;
+constexpr std::string_view kStartPattern = OLVEX_OFFLINE_MODEL_START;
 constexpr std::uint64_t kMaxTextHeader = 1u << 20;  // bytes of key/value text before the pattern
 
 template <typename Unsigned>

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "qv_ipu.h"
+#include "platform/contract/olvex_platform.h"
 
 namespace qv_host {
 

@@ -19,57 +19,48 @@
 extern "C" {
 #endif
 
-#define QV_IPU_MAX_TENSORS 60u      /* tensors that one description or vector can hold */
-#define QV_IPU_MAX_DIMENSIONS 10u   /* entries of a tensor shape */
-#define QV_IPU_TENSOR_NAME_SIZE 256u /* bytes of a tensor name; the last one may be in use too */
-
-/* In C++ an enumeration of fixed width can hold whatever number a platform reports. */
-#ifdef __cplusplus
-#define QV_ENUM_WIDTH : uint32_t
-#else
-#define QV_ENUM_WIDTH
-#endif
-
 /* Element type of a tensor; for an input tensor also the picture format that the camera delivers. */
-typedef enum QV_IPU_ELEMENT_FORMAT QV_ENUM_WIDTH {
-  QV_IPU_FORMAT_U8 = 0,        /* 8-bit unsigned; as a picture: three interleaved channels */
-  QV_IPU_FORMAT_NV12 = 1,      /* a plane of Y, then one of interleaved U and V at half size */
-  QV_IPU_FORMAT_INT16 = 2,     /* 16-bit signed, real value = integer x fScalar */
-  QV_IPU_FORMAT_INT32 = 3,     /* 32-bit signed */
-  QV_IPU_FORMAT_INT8 = 4,      /* 8-bit signed */
-  QV_IPU_FORMAT_FP32 = 5,      /* 32-bit IEEE 754 */
+/* clang-format off */
+typedef enum QV_IPU_ELEMENT_FORMAT
+#ifdef __cplusplus
+    : uint32_t /* so that it can hold whatever number a platform reports */
+#endif
+{
+  QV_IPU_FORMAT_U8 = 0,           /* 8-bit unsigned; as a picture: three interleaved channels */
+  QV_IPU_FORMAT_NV12 = 1,         /* a plane of Y, then one of interleaved U and V at half size */
+  QV_IPU_FORMAT_INT16 = 2,        /* 16-bit signed, real value = integer x fScalar */
+  QV_IPU_FORMAT_INT32 = 3,        /* 32-bit signed */
+  QV_IPU_FORMAT_INT8 = 4,         /* 8-bit signed */
+  QV_IPU_FORMAT_FP32 = 5,         /* 32-bit IEEE 754 */
   QV_IPU_FORMAT_UNKNOWN = 6,
-  QV_IPU_FORMAT_ARGB8888 = 7,  /* 32-bit word A-R-G-B from the top: bytes B, G, R, A in memory */
-  QV_IPU_FORMAT_ABGR8888 = 8,  /* 32-bit word A-B-G-R from the top: bytes R, G, B, A in memory */
-  QV_IPU_FORMAT_GRAY = 9,      /* one 8-bit channel */
-  QV_IPU_FORMAT_COMPLEX64 = 10 /* two 32-bit floats */
+  QV_IPU_FORMAT_ARGB8888 = 7,     /* 32-bit word A-R-G-B from the top: bytes B, G, R, A in memory */
+  QV_IPU_FORMAT_ABGR8888 = 8,     /* 32-bit word A-B-G-R from the top: bytes R, G, B, A in memory */
+  QV_IPU_FORMAT_GRAY = 9,         /* one 8-bit channel */
+  QV_IPU_FORMAT_COMPLEX64 = 10    /* two 32-bit floats */
 } QV_IPU_ELEMENT_FORMAT;
 
 /* Order of the dimensions in a tensor shape. */
-typedef enum QV_IPU_LAYOUT_TYPE QV_ENUM_WIDTH {
+typedef enum QV_IPU_LAYOUT_TYPE
+#ifdef __cplusplus
+    : uint32_t
+#endif
+{
   QV_IPU_LAYOUT_NHWC = 0, /* channels innermost; what this library expects everywhere */
   QV_IPU_LAYOUT_NCHW = 1
 } QV_IPU_LAYOUT_TYPE;
-
-/* The bytes with which an offline model starts. */
-#define QV_IPU_OFFLINE_MODEL_START "QTNX"
+/* clang-format on */
 
 /* Read callback: copies size bytes at offset of whatever ctx names to dst. Returns 0 when all bytes
  * were delivered, anything else on failure. For the library's own callback ctx is the address of
  * the offline model's first byte in memory and offset counts from there. */
 typedef int (*QV_IPU_ReadFunc)(void* dst, int offset, int size, char* ctx);
 
-/* How pictures lie in memory with the device that the library creates: bytes to whose multiples the rows
- * of NV12 and of the 4-byte formats are padded, and rows to which the Y plane of NV12 is. */
-#define QV_IPU_ROW_ALIGNMENT 16
-#define QV_IPU_NV12_ROWS_ALIGNMENT 2
-
 /* Device attributes. Set what is needed, leave the rest 0. */
 typedef struct QV_IPU_DevAttr_s {
-  QV_U32 u32MaxVariableBufSize;      /* bytes; the largest variable buffer of all models to come */
+  QV_U32 u32MaxVariableBufSize;       /* bytes; the largest variable buffer of all models to come */
   QV_U32 u32YUV420_W_Pitch_Alignment; /* bytes; each NV12 row starts at a multiple of this */
   QV_U32 u32YUV420_H_Pitch_Alignment; /* rows; the Y plane's row count is rounded up to this */
-  QV_U32 u32XRGB_W_Pitch_Alignment;  /* bytes; each 4-byte-pixel row starts at a multiple of this */
+  QV_U32 u32XRGB_W_Pitch_Alignment; /* bytes; each 4-byte-pixel row starts at a multiple of this */
   QV_U32 u32VariableGroup;
   QV_U32 u32CoreMask;
   QV_U32 au32Reserve[6];
@@ -92,7 +83,7 @@ typedef QV_IPU_OfflineModelStaticInfo_s QV_IPU_OfflineModelStaticInfo_t;
 typedef struct QV_IPUChnAttr_s {
   QV_U32 u32SubNetId;       /* 0: the first network of the model */
   QV_U32 u32OutputBufDepth; /* output buffers that the channel owns; the library asks for 1 */
-  QV_U32 u32InputBufDepth;  /* input buffers; 0 when the caller brings its own, as the library does */
+  QV_U32 u32InputBufDepth;  /* input buffers; 0: the caller brings its own, as here */
   QV_U32 u32BatchMax;
   QV_U32 au32Reserve[8];
 } QV_IPUChnAttr_s;
@@ -100,18 +91,18 @@ typedef QV_IPUChnAttr_s QV_IPUChnAttr_t;
 
 /* One tensor of a network. */
 typedef struct QV_IPU_TensorDesc_t {
-  QV_U32 u32TensorDim;                            /* entries of the shape in use; the rest are 0 */
-  QV_IPU_ELEMENT_FORMAT eElmFormat;               /* element type */
-  QV_U32 u32TensorShape[QV_IPU_MAX_DIMENSIONS];   /* N, H, W, C in elements 0 to 3 */
-  char name[QV_IPU_TENSOR_NAME_SIZE];             /* terminated when shorter than the array */
-  QV_U32 u32InnerMostStride;                      /* bytes from one innermost run to the next */
-  QV_FLOAT fScalar;                               /* real value of 1 for an integer tensor */
-  QV_S64 s64ZeroPoint;                            /* integer that stands for 0.0 */
-  QV_S32 s32AlignedBufSize;                       /* bytes of the buffer with its row padding */
-  QV_U32 u32BufSize;                              /* bytes of the elements alone */
-  QV_U32 u32InputWidthAlignment;                  /* of an input: alignment of a row, see DevAttr */
-  QV_U32 u32InputHeightAlignment;                 /* of an input: alignment of the row count */
-  QV_IPU_LAYOUT_TYPE eLayoutType;                 /* order of the dimensions */
+  QV_U32 u32TensorDim;              /* entries of the shape in use; the rest are 0 */
+  QV_IPU_ELEMENT_FORMAT eElmFormat; /* element type */
+  QV_U32 u32TensorShape[10];        /* N, H, W, C in elements 0 to 3 */
+  char name[256];                   /* terminated when shorter than the array */
+  QV_U32 u32InnerMostStride;        /* bytes from one innermost run to the next */
+  QV_FLOAT fScalar;                 /* real value of 1 for an integer tensor */
+  QV_S64 s64ZeroPoint;              /* integer that stands for 0.0 */
+  QV_S32 s32AlignedBufSize;         /* bytes of the buffer with its row padding */
+  QV_U32 u32BufSize;                /* bytes of the elements alone */
+  QV_U32 u32InputWidthAlignment;    /* of an input: alignment of a row, see DevAttr */
+  QV_U32 u32InputHeightAlignment;   /* of an input: alignment of the row count */
+  QV_IPU_LAYOUT_TYPE eLayoutType;   /* order of the dimensions */
 } QV_IPU_TensorDesc_t;
 typedef QV_IPU_TensorDesc_t QV_IPU_TensorDesc_s;
 
@@ -119,8 +110,8 @@ typedef QV_IPU_TensorDesc_t QV_IPU_TensorDesc_s;
 typedef struct QV_IPU_SubNet_InputOutputDesc_t {
   QV_U32 u32InputTensorCount;
   QV_U32 u32OutputTensorCount;
-  QV_IPU_TensorDesc_t astQV_InputTensorDescs[QV_IPU_MAX_TENSORS];
-  QV_IPU_TensorDesc_t astQV_OutputTensorDescs[QV_IPU_MAX_TENSORS];
+  QV_IPU_TensorDesc_t astQV_InputTensorDescs[60];
+  QV_IPU_TensorDesc_t astQV_OutputTensorDescs[60];
 } QV_IPU_SubNet_InputOutputDesc_t;
 typedef QV_IPU_SubNet_InputOutputDesc_t QV_IPU_SubNet_InputOutputDesc_s;
 
@@ -134,7 +125,7 @@ typedef QV_IPU_Tensor_t QV_IPU_Tensor_s;
 /* The tensors of one side of an invocation. */
 typedef struct QV_IPU_TensorVector_t {
   QV_U32 u32TensorCount;
-  QV_IPU_Tensor_t astArrayTensors[QV_IPU_MAX_TENSORS];
+  QV_IPU_Tensor_t astArrayTensors[60];
 } QV_IPU_TensorVector_t;
 typedef QV_IPU_TensorVector_t QV_IPU_TensorVector_s;
 
@@ -200,27 +191,5 @@ QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_Tensor
 #ifdef __cplusplus
 }
 #endif
-
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_ELEMENT_FORMAT) == 4, "enumerations are 32 bits wide");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_LAYOUT_TYPE) == 4, "enumerations are 32 bits wide");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_DevAttr_s) == 48, "QV_IPU_DevAttr_s");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_DevAttr_s, u32XRGB_W_Pitch_Alignment) == 12, "DevAttr XRGB");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_DevAttr_s, au32Reserve) == 24, "DevAttr reserve");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_OfflineModelStaticInfo_s) == 92, "QV_IPU_OfflineModelStaticInfo_s");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_OfflineModelStaticInfo_s, eIpuWorkMode) == 56, "eIpuWorkMode");
-QV_LAYOUT_ASSERT(sizeof(QV_IPUChnAttr_s) == 48, "QV_IPUChnAttr_s");
-QV_LAYOUT_ASSERT(offsetof(QV_IPUChnAttr_s, u32BatchMax) == 12, "u32BatchMax");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, u32TensorShape) == 8, "u32TensorShape");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, name) == 48, "name");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, u32InnerMostStride) == 304, "u32InnerMostStride");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, fScalar) == 308, "fScalar");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, s64ZeroPoint) == 312, "s64ZeroPoint");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, s32AlignedBufSize) == 320, "s32AlignedBufSize");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorDesc_t, eLayoutType) == 336, "eLayoutType");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_TensorDesc_t) == 344, "QV_IPU_TensorDesc_t");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_SubNet_InputOutputDesc_t) == 8 + 120 * 344, "InputOutputDesc");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_Tensor_t) == QV_BY_POINTER_SIZE(32, 24), "QV_IPU_Tensor_t");
-QV_LAYOUT_ASSERT(offsetof(QV_IPU_TensorVector_t, astArrayTensors) == 8, "astArrayTensors");
-QV_LAYOUT_ASSERT(sizeof(QV_IPU_TensorVector_t) == QV_BY_POINTER_SIZE(1928, 1448), "TensorVector");
 
 #endif /* QV_IPU_H */

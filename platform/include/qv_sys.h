@@ -12,9 +12,9 @@ extern "C" {
 
 /* Planes of one frame as the camera delivers them. */
 typedef struct QV_SYS_FrameData_s {
-  void* pVirAddr[3];  /* virtual address of each plane; [0] is the start of the frame */
-  QV_PHY phyAddr[3];  /* physical address of each plane */
-  QV_U32 u32BufSize;  /* bytes of the whole frame, counted from pVirAddr[0] */
+  void* pVirAddr[3]; /* virtual address of each plane; [0] is the start of the frame */
+  QV_PHY phyAddr[3]; /* physical address of each plane */
+  QV_U32 u32BufSize; /* bytes of the whole frame, counted from pVirAddr[0] */
 } QV_SYS_FrameData_s;
 
 /* One frame with its time stamp. */
@@ -35,11 +35,5 @@ QV_S32 QV_SYS_FlushInvCache(void* address, QV_U32 size);
 #ifdef __cplusplus
 }
 #endif
-
-QV_LAYOUT_ASSERT(offsetof(QV_SYS_FrameData_s, phyAddr) == QV_BY_POINTER_SIZE(24, 16), "phyAddr");
-QV_LAYOUT_ASSERT(offsetof(QV_SYS_FrameData_s, u32BufSize) == QV_BY_POINTER_SIZE(48, 40),
-                 "u32BufSize");
-QV_LAYOUT_ASSERT(offsetof(QV_SYS_BufInfo_s, stFrameData) == 8, "stFrameData");
-QV_LAYOUT_ASSERT(sizeof(QV_SYS_BufInfo_s) == QV_BY_POINTER_SIZE(64, 56), "QV_SYS_BufInfo_s");
 
 #endif /* QV_SYS_H */

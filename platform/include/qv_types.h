@@ -12,34 +12,17 @@
 extern "C" {
 #endif
 
-typedef uint8_t QV_BOOL;   /* a flag: 1 is set; every other value counts as not set */
-typedef int16_t QV_S16;    /* 16-bit signed */
-typedef uint32_t QV_U32;   /* 32-bit unsigned */
-typedef int32_t QV_S32;    /* 32-bit signed; also the result type of every call */
-typedef uint64_t QV_U64;   /* 64-bit unsigned */
-typedef int64_t QV_S64;    /* 64-bit signed */
-typedef uint64_t QV_PHY;   /* a physical address, 64 bits wide on every target */
-typedef float QV_FLOAT;    /* 32-bit IEEE 754 */
+typedef uint8_t QV_BOOL; /* a flag: 1 is set; every other value counts as not set */
+typedef int16_t QV_S16;  /* 16-bit signed */
+typedef uint32_t QV_U32; /* 32-bit unsigned */
+typedef int32_t QV_S32;  /* 32-bit signed; also the result type of every call */
+typedef uint64_t QV_U64; /* 64-bit unsigned */
+typedef int64_t QV_S64;  /* 64-bit signed */
+typedef uint64_t QV_PHY; /* a physical address, 64 bits wide on every target */
+typedef float QV_FLOAT;  /* 32-bit IEEE 754 */
 
 #ifdef __cplusplus
 }
-#endif
-
-/* QV_LAYOUT_ASSERT(condition, message): compile-time check, usable at file level in C and C++. */
-#if defined(__cplusplus)
-#define QV_LAYOUT_ASSERT(condition, message) static_assert(condition, message)
-#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
-#define QV_LAYOUT_ASSERT(condition, message) _Static_assert(condition, message)
-#else
-/* A declaration that may be repeated; an array of negative size does not compile. */
-#define QV_LAYOUT_ASSERT(condition, message) extern char qv_layout_assert[(condition) ? 1 : -1]
-#endif
-
-/* QV_BY_POINTER_SIZE(on64, on32): the value for this target's pointer width. */
-#if UINTPTR_MAX > 0xffffffffu
-#define QV_BY_POINTER_SIZE(on64, on32) (on64)
-#else
-#define QV_BY_POINTER_SIZE(on64, on32) (on32)
 #endif
 
 #endif /* QV_TYPES_H */

@@ -118,7 +118,7 @@ void hand_out(const Call& call, QV_IPU_TensorVector_t* tensors) {
   buffers.clear();
   *tensors = QV_IPU_TensorVector_t();
   tensors->u32TensorCount = call.output_count;
-  for (std::size_t k = 0; k < call.buffers.size() && k < QV_IPU_MAX_TENSORS; ++k) {
+  for (std::size_t k = 0; k < call.buffers.size() && k < OLVEX_MAX_TENSORS; ++k) {
     buffers.emplace_back(call.buffers[k].size);
     // An empty buffer has an address, too.
     buffers.back().reserve(1);

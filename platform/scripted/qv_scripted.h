@@ -14,8 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "qv_ipu.h"
-#include "qv_sys.h"
+#include "platform/contract/olvex_platform.h"
 
 namespace qv_scripted {
 

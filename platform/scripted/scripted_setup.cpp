@@ -14,7 +14,7 @@ namespace qv_scripted {
 
 namespace {
 
-constexpr char kStartPattern[] = QV_IPU_OFFLINE_MODEL_START;
+constexpr char kStartPattern[] = OLVEX_OFFLINE_MODEL_START;
 constexpr QV_U32 kPatternSize = sizeof kStartPattern - 1;
 
 struct Range {

@@ -49,7 +49,7 @@ void check_frame(const Network& network, const Frame& frame) {
 }
 
 void check_network(const Network& network) {
-  if (network.inputs.size() > QV_IPU_MAX_TENSORS || network.outputs.size() > QV_IPU_MAX_TENSORS) {
+  if (network.inputs.size() > OLVEX_MAX_TENSORS || network.outputs.size() > OLVEX_MAX_TENSORS) {
     throw std::invalid_argument("network: more than 60 tensors on one side");
   }
   if (network.model_size < kPatternSize || network.model_size > INT_MAX) {
@@ -125,7 +125,7 @@ const char* function_name(Function function) {
 
 QV_IPU_TensorDesc_t nhwc_tensor(const std::string& name, const std::vector<QV_U32>& shape,
                                 QV_IPU_ELEMENT_FORMAT format, float scale) {
-  if (shape.size() > QV_IPU_MAX_DIMENSIONS) {
+  if (shape.size() > OLVEX_MAX_DIMENSIONS) {
     throw std::invalid_argument("tensor " + name + ": more than 10 dimensions");
   }
   QV_IPU_TensorDesc_t tensor = {};
@@ -163,10 +163,10 @@ QV_IPU_TensorDesc_t picture_input(QV_IPU_ELEMENT_FORMAT format, QV_U32 width, QV
   const bool four_bytes = format == QV_IPU_FORMAT_ARGB8888 || format == QV_IPU_FORMAT_ABGR8888;
   const QV_U32 channels = format == QV_IPU_FORMAT_GRAY ? 1 : four_bytes ? 4 : 3;
   QV_IPU_TensorDesc_t tensor = nhwc_tensor("input", {1, height, width, channels}, format, 1.f);
-  tensor.u32InputWidthAlignment = QV_IPU_ROW_ALIGNMENT;
-  tensor.u32InputHeightAlignment = nv12 ? QV_IPU_NV12_ROWS_ALIGNMENT : 1;
+  tensor.u32InputWidthAlignment = OLVEX_ROW_ALIGNMENT;
+  tensor.u32InputHeightAlignment = nv12 ? OLVEX_NV12_ROWS_ALIGNMENT : 1;
   const std::uint64_t row = nv12 ? width : std::uint64_t{width} * channels;
-  const std::uint64_t pitch = round_up(row, QV_IPU_ROW_ALIGNMENT);
+  const std::uint64_t pitch = round_up(row, OLVEX_ROW_ALIGNMENT);
   const std::uint64_t rows = round_up(height, tensor.u32InputHeightAlignment);
   const std::uint64_t aligned = nv12 ? pitch * rows / 2 * 3 : pitch * rows;
   if (aligned > kMaxTensorSize) {

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Many inputs of a fuzzer in one file, fuzz/corpus/FUZZER.inputs.
+"""Many inputs of a fuzzer in one file: fuzz/corpus/FUZZER.inputs, those of past faults in fuzz/regressions.
 
   scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each
   scripts/fuzz/packed_inputs.py unpack FILE FOLDER  # a file for each
   scripts/fuzz/packed_inputs.py pack FOLDER FILE    # and back
   scripts/fuzz/packed_inputs.py random FOLDER       # writes the random inputs that replay adds
   scripts/fuzz/packed_inputs.py replay FILE PROGRAM # runs a fuzzer, by its absolute path, over them
+  scripts/fuzz/packed_inputs.py one FILE NAME PROGRAM  # over one of them alone
   scripts/fuzz/packed_inputs.py self-test           # damaged files are refused
 
 The file: a line "olvex inputs 1"; a line with the number of inputs and the CRC-32, in hexadecimal, of all
@@ -93,16 +94,28 @@ def write_random(folder):
     return [f"random_{seed}" for seed in range(200)]
 
 
-def replay(path, program):
-    """Runs a program, given with its first arguments, over the inputs, one file each, in their order, and
-    over random ones."""
-    with tempfile.TemporaryDirectory() as folder:
-        unpack(path, pathlib.Path(folder))
-        names = [*read(path), *write_random(pathlib.Path(folder))]
-        status = subprocess.run([*program, *names], cwd=folder, check=False).returncode
+def run_over(path, folder, names, program):
+    """Runs a program, given with its first arguments, over inputs in a folder."""
+    status = subprocess.run([*program, *names], cwd=folder, check=False).returncode
     if status != 0:
         raise common.Failure(f"the program ended with {status}; the last input named above is to blame: unpack "
                              f"writes those of {path}, random those named random_*")
+
+
+def replay(path, program):
+    """Over all inputs of a packed file, one file each, in their order, and over random ones."""
+    with tempfile.TemporaryDirectory() as folder:
+        unpack(path, pathlib.Path(folder))
+        run_over(path, folder, [*read(path), *write_random(pathlib.Path(folder))], program)
+
+
+def replay_one(path, name, program):
+    inputs = read(path)
+    if name not in inputs:
+        raise common.Failure(f"{path} holds no input {name}: list shows which it holds")
+    with tempfile.TemporaryDirectory() as folder:
+        (pathlib.Path(folder) / name).write_bytes(inputs[name])
+        run_over(path, folder, [name], program)
 
 
 def refuses(path):
@@ -137,12 +150,15 @@ def main():
     for name, call, operands in (("list", show, ["FILE"]), ("unpack", unpack, ["FILE", "FOLDER"]),
                                  ("pack", pack, ["FOLDER", "FILE"]), ("random", write_random, ["FOLDER"]),
                                  ("replay", replay, ["FILE", "PROGRAM"]),
+                                 ("one", replay_one, ["FILE", "NAME", "PROGRAM"]),
                                  ("self-test", self_test, [])):
         command = commands.add_parser(name)
         command.set_defaults(call=call, operands=operands)
         for operand in operands:
             if operand == "PROGRAM":
                 command.add_argument(operand, nargs=argparse.REMAINDER)
+            elif operand == "NAME":
+                command.add_argument(operand)
             else:
                 command.add_argument(operand, type=pathlib.Path)
     arguments = parser.parse_args()

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Proves that no file includes one that it must not: KNOWN says of each folder which others it may include.
 
-Layer 0 is platform/include, 1 utils, 2 base, 3 video/det, 4 everything else; no include goes upward. A
-platform includes platform/include and itself, so that each can be exchanged for the chip maker's library. Of
+Layer 0 is platform/include and platform/contract, 1 utils, 2 base, 3 video/det, 4 everything else; no include
+goes upward. A platform includes these two and itself, so that each can be exchanged for the chip maker's library. Of
 the tools, common and codecs include none of the others, frames both, network common, heads also network, inside
 all of these, a subcommand those that it uses and no other subcommand; inside alone includes the library's own
 headers, but for the build string in main.cpp. The recorder includes what both its sides include, and what reads
@@ -10,6 +10,7 @@ recordings knows of it the format alone. A folder without a rule, an include tha
 permission that no file uses are faults, too.
 """
 import pathlib
+import posixpath
 import re
 import sys
 
@@ -20,26 +21,28 @@ INCLUDE = re.compile(r'^\s*#\s*include\s+(["<])([^">]+)[">]', re.MULTILINE)
 FOLDERS = ("platform", "utils", "base", "video", "tools", "examples", "recorder", "tests", "bench",
            "fuzz")
 GENERATED = {"log_lines_text.h"}
-CONTRACT = "platform/include/"
+CHIP = "platform/include/"
+CONTRACT = "platform/contract/"
 PUBLIC = "video/det/include/olvex_det.h"
 IMAGE = "platform/host/host_image.h"
 HOST = "platform/host/qv_host.h"
 # Path prefix of a source: prefixes of what it may include, beside its own. The longest match counts.
 KNOWN = {
-    CONTRACT: (),
-    "utils/": (CONTRACT,),
+    CHIP: (),
+    CONTRACT: (CHIP,),
+    "utils/": (CHIP, CONTRACT),
     "base/ipu_engine/": (CONTRACT, "utils/"),
-    "base/tracker/": (CONTRACT, "utils/"),
-    "base/postprocess/": (CONTRACT, "utils/"),
+    "base/tracker/": (CHIP, "utils/"),
+    "base/postprocess/": (CHIP, "utils/"),
     "base/postprocess/double_check.cpp": ("utils/", "base/postprocess/", "base/tracker/"),
-    "base/sdet/": (CONTRACT, "utils/", "base/ipu_engine/", "base/postprocess/"),
-    "video/det/": (CONTRACT, "utils/", "base/"),
-    "platform/host/": (CONTRACT,),
+    "base/sdet/": (CHIP, CONTRACT, "utils/", "base/ipu_engine/", "base/postprocess/"),
+    "video/det/": (CHIP, CONTRACT, "utils/", "base/"),
+    "platform/host/": (CHIP, CONTRACT),
     "platform/scripted/": (CONTRACT,),
     "platform/replay/": (CONTRACT,),
-    "platform/check/": (CONTRACT,),
+    "platform/check/": (CHIP, CONTRACT),
     "examples/": (PUBLIC,),
-    "recorder/": (CONTRACT, PUBLIC),
+    "recorder/": (CHIP, CONTRACT, PUBLIC),
     "tools/recordings/": ("recorder/recording_format.h", "tools/common/"),
     "tools/record/": ("tools/common/", "tools/frames/", "tools/recordings/"),
     "tools/replay/": ("tools/common/", "tools/frames/", "tools/inside/", "tools/recordings/", "platform/replay/",
@@ -50,7 +53,7 @@ KNOWN = {
     "tools/frames/": ("tools/common/", "tools/codecs/", IMAGE),
     "tools/network/": ("tools/common/",),
     "tools/heads/": ("tools/common/", "tools/network/", IMAGE),
-    "tools/inside/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", IMAGE, HOST, CONTRACT,
+    "tools/inside/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", IMAGE, HOST, CHIP,
                       "platform/replay/qv_replay.h", "base/sdet/", "video/det/"),
     "tools/compare/": ("tools/common/", "tools/frames/"),
     "tools/doctor/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE, HOST, PUBLIC),
@@ -63,12 +66,15 @@ KNOWN = {
     "bench/": ("platform/scripted/", "tests/support/", "utils/log/olvex_log.h",
                "base/postprocess/output_tensors.h"),
     "tests/support/": ("platform/scripted/", "utils/", "base/", "video/det/"),
-    "tests/unit/": ("tests/support/", CONTRACT, "utils/", "base/", "video/det/"),
+    "tests/unit/": ("tests/support/", CHIP, "utils/", "base/", "video/det/"),
     "tests/api/": ("platform/scripted/", "tests/support/", "tests/unit/boxes.h", "base/sdet/", "video/det/"),
     "tests/golden/": ("platform/scripted/", "tests/support/", "video/det/"),
     "tests/platform/": ("platform/", "tests/support/"),
+    "tests/package/": (CHIP,),
     "tests/recorder/": ("platform/scripted/", "recorder/", "tests/support/", "tests/api/list_network.h",
-                        "tools/recordings/", "base/", "video/det/"),
+                        "tools/recordings/", "tools/replay/", "base/", "video/det/"),
+    "tests/examples/": ("platform/scripted/", "tests/api/list_network.h"),
+    "tests/tools/": ("tools/common/", "tools/recordings/"),
     "tests/soak/": ("tests/support/", "tests/api/", "video/det/"),
     "fuzz/": ("platform/", "tests/support/", "tests/api/list_network.h", "tools/", "utils/", "base/sdet/",
               "video/det/"),
@@ -77,10 +83,11 @@ KNOWN = {
 
 def resolve(source, name, files):
     """The repository path that an include names, or None for one from outside."""
-    for folder in ("", str(pathlib.PurePosixPath(source).parent) + "/", CONTRACT, "utils/records/",
+    for folder in ("", str(pathlib.PurePosixPath(source).parent) + "/", CHIP, CONTRACT, "utils/records/",
                    "video/det/include/"):
-        if folder + name in files:
-            return folder + name
+        path = posixpath.normpath(folder + name)
+        if path in files:
+            return path
     return None
 
 
@@ -134,7 +141,7 @@ BROKEN = (
     ("base/sdet/side.cpp", '#include "base/tracker/x.h"'),
     ("base/postprocess/side.cpp", '#include "base/tracker/x.h"'),
     ("base/tracker/side.cpp", '#include "base/postprocess/x.h"'),
-    ("platform/host/in.cpp", '#include "utils/x.h"'), (CONTRACT + "up.h", '#include "utils/x.h"'),
+    ("platform/host/in.cpp", '#include "utils/x.h"'), (CHIP + "up.h", '#include "utils/x.h"'),
     ("platform/check/in.c", '#include "utils/x.h"'),
     ("platform/host/side.cpp", '#include "platform/scripted/x.h"'),
     ("examples/in.c", '# include <video/det/x.h>'), ("utils/log/gone.cpp", '#include "gone.h"'),

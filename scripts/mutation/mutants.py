@@ -32,7 +32,7 @@ JUMPS = {"return", "break", "continue", "goto", "throw"}
 NO_STATEMENTS = {"using", "typedef", "extern", "friend", "template", "if", "else", "for", "while"}
 LABELS = {"case", "default", "public", "protected", "private"}
 LOGS = re.compile(r"OLVEX_|perror|printf|puts")
-COMPILE_TIME = {"static_assert", "QV_LAYOUT_ASSERT", "alignas"}
+COMPILE_TIME = {"static_assert", "OLVEX_LAYOUT_ASSERT", "alignas"}
 
 TOKEN = re.compile(r"""
     (?P<skip>\s+|//[^\n]*|/\*.*?\*/|(?<![^\n])[ \t]*\#(?:\\\n|[^\n])*)

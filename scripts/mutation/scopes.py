@@ -12,9 +12,10 @@ NO_TOOLS = ["-DOLVEX_BUILD_HOST=OFF", "-DOLVEX_BUILD_TOOLS=OFF"]
 # folders: where the sources stand. arm_only: whether only what 32-bit ARM alone compiles is changed;
 # otherwise all but that is. targets: what is built at first, everything if none. first: what holds all the
 # code that is changed, built before anything else. tool: what a test needs that is no program of the build.
-# tests: a pattern of the labels and the name of a test, and of a case of a test of the command line. environment: what the tests get. slowest: seconds;
-# what takes longer is not run for every change. required: percent to notice. memory: bytes that a test may
-# map, None without limit: the emulator reserves all that the emulated processor could reach.
+# tests: a pattern of the labels and the name of a test, and of a case of a test of the command line.
+# environment: what the tests get. slowest: seconds; what takes longer is not run for every change.
+# required: percent to notice. memory: bytes that a test may map, None without limit: the emulator reserves
+# all that the emulated processor could reach.
 Scope = collections.namedtuple(
     "Scope", "help folders arm_only options targets first tool tests environment slowest required memory")
 
@@ -25,8 +26,9 @@ SCOPES = {
         r"(?!lint|platform|bench|models|tools)", {}, 20, 95.0, 2 << 30),
     "tools": Scope(
         "tools; the tests of the command line, but not those that take minutes",
-        ("tools",), False, [*FLAGS, *NATIVE], [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder",
-                                                     "probe_platform"], [TOOL], TOOL,
+        ("tools",), False, [*FLAGS, *NATIVE],
+        [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder", "probe_platform"],
+        [TOOL], TOOL,
         r"tools tools\.(?!run_sweep\.test_every_failure)", {}, 180, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
@@ -56,16 +58,16 @@ LIKELY_TESTS = (
     (r"tools/doctor/", "doctor"),
     (r"tools/heads/", "written", r"network\.", "heads", "pack"),
     (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
-    (r"tools/inside/(network_head|engine_run)", "written", r"network\.", "heads", "pack"),
+    (r"tools/inside/network_head", "written", r"network\.", "heads", "pack"),
     (r"tools/inside/network_trial", "network_trial", ""),
     (r"tools/inside/foreign_platform", "platform"),
-    (r"tools/(inside/(library_model|model_|scaled_outputs)|frames/spread_frames)", "pack", "doctor", "written"),
+    (r"tools/inside/(library_model|model_)", "pack", "doctor", "written", r"run\."),
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),
     (r"tools/(record|recordings|replay)/", "replay"),
     (r"tools/pack/", "pack", "written", r"network\.", "heads"),
-    (r"tools/(run/|inside/(last_output|result_)|frames/(letterbox|frame_conversion))", r"run\.", "annotation", "run_sweep"),
+    (r"tools/(run/|inside/last_output|frames/frame_conversion)", r"run\.", "annotation", "run_sweep"),
     (r"tools/frames/(video|file_source)", "run_sweep", r"run\.", ""),
-    (r"tools/frames/(annotation|tile_grid)", "annotation", r"run\.", "compare"),
+    (r"tools/frames/annotation", "annotation", r"run\.", "compare"),
 )
 
 
@@ -75,7 +77,8 @@ def likelihood(file, name):
     tests = next((tests for source, *tests in LIKELY_TESTS if re.match(source, file)), [""])
     if not name.startswith("tools."):
         return 0
-    fitting = (rank for rank, pattern in enumerate([*tests, r"pack\.test_help"]) if re.match(rf"tools\.{pattern}", name))
+    fitting = (rank for rank, pattern in enumerate([*tests, r"pack\.test_help"])
+               if re.match(rf"tools\.{pattern}", name))
     return next(fitting, None)
 
 

@@ -13,7 +13,7 @@ constexpr QV_U32 kNetWidth = 256;
 constexpr QV_U32 kNetHeight = 128;
 
 // The offline model that a network of the default size reads.
-constexpr char kOfflineModel[] = QV_IPU_OFFLINE_MODEL_START "0123456789ab";
+constexpr char kOfflineModel[] = OLVEX_OFFLINE_MODEL_START "0123456789ab";
 
 // Corners in network pixels.
 struct Detection {

@@ -1,11 +1,10 @@
 // golden_test.cpp - fixed tensors through the whole library: every build, compiler and processor
-// must report the same boxes, bit for bit. data/ holds one file per promise; after an intended
-// change run this program with OLVEX_GOLDEN_UPDATE=1 in the environment and read the difference.
+// must report the same boxes, bit for bit. data/boxes.txt holds those of each scenario
+// (tests/support/kept_text.h).
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -16,6 +15,7 @@
 #include "olvex_det.h"
 
 #include "platform/scripted/qv_scripted.h"
+#include "tests/support/kept_text.h"
 #include "tests/support/log_lines.h"
 #include "tests/support/random.h"
 #include "tests/support/record.h"
@@ -217,7 +217,7 @@ std::string run_scenario(const Scenario& s) {
 
   const std::string model = testing::TempDir() + "golden_" + s.name + ".model";
   std::ofstream(model, std::ios::binary)
-      << s.header << QV_IPU_OFFLINE_MODEL_START << std::string(60, '.');
+      << s.header << OLVEX_OFFLINE_MODEL_START << std::string(60, '.');
 
   void* handle = nullptr;
   ALGO_DET_CreateHandle(&handle);
@@ -253,15 +253,7 @@ TEST_F(Golden, boxes_are_the_same_bits_everywhere) {
     check_violations();
     qv_scripted::reset();
 
-    const std::string path = std::string(OLVEX_GOLDEN_DATA) + "/" + scenario.name + ".txt";
-    if (std::getenv("OLVEX_GOLDEN_UPDATE") != nullptr) {
-      std::ofstream(path) << result;
-    }
-    std::ifstream file(path);
-    EXPECT_TRUE(file) << path << " is missing";
-    std::ostringstream expected;
-    expected << file.rdbuf();
-    EXPECT_EQ(result, expected.str());
+    expect_kept(OLVEX_GOLDEN_DATA "/boxes.txt", scenario.name, result);
   }
 }
 

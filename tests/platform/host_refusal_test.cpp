@@ -6,13 +6,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "tests/platform/host_session.h"
+#include "tests/support/kept_text.h"
 #include "tests/support/tiny_onnx.h"
 
 namespace {
@@ -28,8 +27,7 @@ using host_session::open_channel;
 
 const std::vector<char> kNetwork = tiny_onnx::decoded_network(16, 16, 8);
 
-// Each test's refusals, code and line, are compared with data/refusals_<test>.txt. Run with
-// OLVEX_GOLDEN_UPDATE=1 in the environment to accept an intended change, and read the difference.
+// Each test's refusals, code and line, are compared with those in data/refusals.txt.
 class HostRefusal : public testing::Test {
  protected:
   // path: shown as FILE.
@@ -52,13 +50,7 @@ class HostRefusal : public testing::Test {
 
   void TearDown() override {
     const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-    const std::string kept = OLVEX_PLATFORM_DATA "/refusals_" + std::string(test.name()) + ".txt";
-    if (std::getenv("OLVEX_GOLDEN_UPDATE") != nullptr) {
-      std::ofstream(kept) << said_;
-    }
-    std::ostringstream expected;
-    expected << std::ifstream(kept).rdbuf();
-    EXPECT_EQ(expected.str(), said_);
+    expect_kept(OLVEX_PLATFORM_DATA "/refusals.txt", test.name(), said_);
   }
 
  private:

@@ -274,8 +274,8 @@ TEST_F(Scripted, picture_sizes_follow_their_format) {
     EXPECT_TRUE(input.u32BufSize == size && input.s32AlignedBufSize == aligned) << format;
   }
   EXPECT_THROW(qv_scripted::fp32_tensor("too large", {1u << 16, 1u << 16}), std::invalid_argument);
-  const std::string name(QV_IPU_TENSOR_NAME_SIZE + 1, 'n');
-  EXPECT_EQ('n', qv_scripted::fp32_tensor(name, {1}).name[QV_IPU_TENSOR_NAME_SIZE - 1]);
+  const std::string name(OLVEX_TENSOR_NAME_SIZE + 1, 'n');
+  EXPECT_EQ('n', qv_scripted::fp32_tensor(name, {1}).name[OLVEX_TENSOR_NAME_SIZE - 1]);
 }
 
 }  // namespace

@@ -3,8 +3,8 @@
 //
 //   camera RESULTS [NAME=VALUE]...
 //
-// RESULTS gets every return code and box. Names: kind=fp32|int16|points|list, frames, handles, threshold, track,
-// pause (ms per frame), and the numbers of the frames before which something happens: fail (the invocation),
+// RESULTS gets every return code and box. Names: kind=fp32|int16|points|list|bytes, or all for a handle of each but the last, frames, handles, threshold, track,
+// input=gray|nv12|argb, pause (ms per frame), invocation (ms that one takes), and the numbers of the frames before which something happens: fail (the invocation),
 // trigger (by the application), signal, threshold_at (it is set to 0.01), fork, wait (for the file RESULTS.go), close
 // (all descriptors), kill.
 #include <signal.h>
@@ -27,6 +27,7 @@
 namespace {
 
 constexpr int kMoments = 40;
+constexpr QV_U32 kRowBytes = 288;  // of an NV12 picture, padded
 constexpr QV_U32 kStrides[] = {8, 16, 32};
 
 struct Options {
@@ -73,11 +74,62 @@ qv_scripted::Network raw_network(QV_U32 channels, bool is_int16) {
   return network;
 }
 
-qv_scripted::Network network_of(const std::string& kind) {
+// Outputs of a type that the library does not decode, and of which the platform does not say how large they are.
+qv_scripted::Network byte_network() {
+  using namespace qv_scripted;
+  Network network;
+  network.inputs = {picture_input(QV_IPU_FORMAT_GRAY, kNetWidth, kNetHeight)};
+  for (const QV_U32 stride : kStrides) {
+    network.outputs.push_back(nhwc_tensor("out", {1, kNetHeight / stride, kNetWidth / stride, 7},
+                                          QV_IPU_FORMAT_U8, 1.0f));
+    network.outputs.back().u32BufSize = 0;
+  }
+  network.frames = {Frame(std::size(kStrides))};
+  return network;
+}
+
+qv_scripted::Network outputs_of(const std::string& kind) {
+  if (kind == "bytes") {
+    return byte_network();
+  }
   if (kind == "list") {
     return list_network({{{8, 16, 32, 48, 0.75f, 2}, {100, 20, 150, 60, 0.3f, 1}}, {}});
   }
   return kind == "points" ? raw_network(13, true) : raw_network(7, kind == "int16");
+}
+
+std::string kind_of(const Options& options, std::size_t handle) {
+  static const char* const kKinds[] = {"fp32", "int16", "points", "list"};
+  const std::string kind = options.text("kind", "fp32");
+  return kind == "all" ? kKinds[handle % std::size(kKinds)] : kind;
+}
+
+qv_scripted::Network network_of(const Options& options, const std::string& kind) {
+  qv_scripted::Network network = outputs_of(kind);
+  const std::string input = options.text("input", "gray");
+  if (input == "nv12") {
+    network.inputs = {qv_scripted::picture_input(QV_IPU_FORMAT_NV12, kNetWidth, kNetHeight)};
+    network.inputs[0].u32InputWidthAlignment = kRowBytes;
+  } else if (input == "argb") {
+    network.inputs = {
+        qv_scripted::picture_input(QV_IPU_FORMAT_ARGB8888, 4 * kNetWidth, 4 * kNetHeight)};
+  }
+  network.invoke_time_us = static_cast<QV_U32>(options.number("invocation", 0) * 1000);
+  return network;
+}
+
+std::vector<unsigned char> picture_of(const Options& options) {
+  const std::string input = options.text("input", "gray");
+  std::vector<unsigned char> picture(kNetWidth * kNetHeight, 7);
+  if (input == "nv12") {
+    picture.resize(kRowBytes * kNetHeight * 3 / 2);
+    for (std::size_t k = 0; k < picture.size(); ++k) {
+      picture[k] = static_cast<unsigned char>(k % 251);
+    }
+  } else if (input == "argb") {
+    picture.resize(std::size_t{4} * 16 * kNetWidth * kNetHeight);
+  }
+  return picture;
 }
 
 void wait_for(const std::string& path) {
@@ -139,7 +191,7 @@ void append(std::string& results, const char* format, double value) {
 
 std::string run_handle(const Options& options, void* handle) {
   std::string results;
-  std::vector<unsigned char> picture(kNetWidth * kNetHeight, 7);
+  std::vector<unsigned char> picture = picture_of(options);
   std::vector<Box_t> boxes(ALGO_DET_MAX_BOXES);
   const int pause = static_cast<int>(options.number("pause", 0));
   for (int frame = 0; frame < options.number("frames", 60); ++frame) {
@@ -182,6 +234,17 @@ void* start_handle(const Options& options, const std::string& model, int index) 
   return handle;
 }
 
+void write_model(const std::string& path, const std::string& kind) {
+  std::FILE* const file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr ||
+      std::fprintf(file, "model_out:%s\n%s", kind == "points" ? "zrlpd" : "zrpcd", kOfflineModel) <
+          0 ||
+      std::fclose(file) != 0) {
+    std::perror("camera: model");
+    std::exit(1);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -193,21 +256,14 @@ int main(int argc, char** argv) {
   }
   const std::string path = argc < 2 ? "results" : argv[1];
   options.values["results"] = path;
-  const std::string model = path + ".model";
-  std::FILE* file = std::fopen(model.c_str(), "wb");
-  if (file == nullptr ||
-      std::fprintf(file, "model_out:%s\n%s",
-                   options.text("kind", "fp32") == "points" ? "zrlpd" : "zrpcd",
-                   kOfflineModel) < 0 ||
-      std::fclose(file) != 0) {
-    std::perror("camera: model");
-    return 1;
-  }
   std::vector<void*> handles;
   std::vector<std::thread> threads;
   const auto count = static_cast<std::size_t>(options.number("handles", 1));
   for (std::size_t k = 0; k < count; ++k) {
-    qv_scripted::add_network(network_of(options.text("kind", "fp32")));
+    const std::string kind = kind_of(options, k);
+    const std::string model = path + ".model" + (k == 0 ? "" : std::to_string(k));
+    write_model(model, kind);
+    qv_scripted::add_network(network_of(options, kind));
     handles.push_back(start_handle(options, model, static_cast<int>(k)));
   }
   std::vector<std::string> results(count);
@@ -222,7 +278,7 @@ int main(int argc, char** argv) {
     ALGO_DET_DeinitHandle(handles.back());
     handles.pop_back();
   }
-  file = std::fopen(path.c_str(), "wb");
+  std::FILE* const file = std::fopen(path.c_str(), "wb");
   for (const std::string& text : results) {
     if (file == nullptr || std::fputs(text.c_str(), file) < 0) {
       std::perror("camera: results");

@@ -2,6 +2,7 @@
 """Runs the camera with the recorder attached in each way, and reads what it wrote with a reader of its own: magic,
 record lengths, CRC of each chunk, index, and the messages. What happens to the run when the recorder fails, or
 when the process is killed, is tried as well."""
+import hashlib
 import os
 import pathlib
 import resource
@@ -129,6 +130,22 @@ def text_of(frame):
     return f"run {frame['result']}:{boxes}\n"
 
 
+class InstallationTest(unittest.TestCase):
+    def test_the_component_has_what_recording_takes(self):
+        with tempfile.TemporaryDirectory() as prefix:
+            subprocess.run([os.environ["CMAKE"], "--install", os.environ["BUILD"], "--component", "recorder",
+                            "--strip", "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+            files = {path.name: path for path in pathlib.Path(prefix).rglob("*") if path.is_file()}
+            self.assertEqual({"libolvex_recorder.so", "libolvex_recorder_wrap.a", "olvex_recorder_wrap.args",
+                              "olvex_recorder.h"}, set(files))
+            symbols = subprocess.run([os.environ["NM"], "--defined-only", files["libolvex_recorder_wrap.a"]],
+                                     check=True, stdout=subprocess.PIPE, text=True).stdout.split()
+            wrapped = {symbol.removeprefix("__wrap_") for symbol in symbols if symbol.startswith("__wrap_")}
+            arguments = files["olvex_recorder_wrap.args"].read_text().split()
+            self.assertEqual(sorted(f"-Wl,--wrap={name}" for name in wrapped), sorted(arguments))
+            self.assertEqual(22, len(arguments))
+
+
 class RecorderTest(unittest.TestCase):
     def setUp(self):
         holder = tempfile.TemporaryDirectory()
@@ -241,10 +258,41 @@ class RecorderTest(unittest.TestCase):
         recording = self.file()
         sizes = [[len(data) for _, _, data in frame["outputs"]] for frame in recording.frames()[2::3]]
         self.assertEqual([[16 * 32 * 28, 8 * 16 * 28, 4 * 8 * 28]] * 3, sizes)
-        self.assertEqual([struct.pack("<IIIII", number, 256, 128, 9, 32768) + b"\x07" * 32768
+        self.assertEqual([struct.pack("<IIIIIII", number, 0, 0, 256, 128, 9, 32768) + b"\x07" * 32768
                           for number in (4, 8)], recording.by_channel[8])
         self.assertEqual({zlib.crc32(b"\x07" * 32768)}, {frame["crc"] for frame in recording.frames()})
         self.assertEqual([], recording.by_channel[6])
+
+    def test_pictures_are_cut_and_made_grey(self):
+        luma = bytes(k % 251 for k in range(288 * 192))
+        for crop, grey, area in (("11,5,20,30", 0, (10, 4, 21, 31)), ("250,100,20,90", 1, (250, 100, 6, 28)),
+                                 (None, 0, (0, 0, 256, 128)), ("256,0,1,1", 0, None)):
+            settings = {"PICTURES_CROP": crop} if crop else {}
+            self.run_camera("preload", "frames=2", "input=nv12", MODE="always", FILES=1, PICTURES=2,
+                            PICTURES_GREY=grey, **settings)
+            expected = []
+            if area:
+                x, y, width, height = area
+                rows = [luma[288 * row + x:288 * row + x + width] for row in range(y, y + height)]
+                if not grey:
+                    rows += [luma[288 * row + x:288 * row + x + width + width % 2]
+                             for row in range(128 + y // 2, 128 + y // 2 + (height + 1) // 2)]
+                data = b"".join(rows)
+                expected = [struct.pack("<IIIIIII", 2, *area, 9 if grey else 1, len(data)) + data]
+            self.assertEqual(expected, self.file().by_channel[8], crop)
+
+    def test_pictures_around_a_trigger(self):
+        self.run_camera("preload", "frames=40", "trigger=20", PICTURES=8, PICTURES_AFTER=1, AFTER_S=86400)
+        self.assertEqual([8, 16, *range(21, 41)],
+                         [struct.unpack_from("<I", picture)[0] for picture in self.file().by_channel[8]])
+
+    def test_pictures_that_do_not_fit_cost_no_frame(self):
+        self.run_camera("preload", "frames=9", "input=argb", MODE="always", PICTURES=3, RING_MB=2)
+        recording = self.file()
+        self.assertEqual([0] * 9, [frame["lost"] for frame in recording.frames()])
+        self.assertEqual([], recording.by_channel[8])
+        self.assertEqual(3, recording.events()[-1]["failures"])
+        self.assertEqual("olvex_recorder: pictures do not fit OLVEX_RECORDER_RING_MB\n", self.said())
 
     def test_triggers(self):
         for arguments, settings, reason in (
@@ -253,12 +301,16 @@ class RecorderTest(unittest.TestCase):
                 (("fail=20", "frames=21"), {"ON_ERROR": "77"}, "error"),
                 ((), {"NO_BOXES": "8"}, "no boxes"),
                 ((), {"MANY_BOXES": "1,5"}, "too many boxes"),
+                (("invocation=300", "frames=3"), {"LATENCY_MS": "250"}, "latency"),
                 (("wait=10",), {"TRIGGER_FILE": self.folder / "now"}, "file")):
             with self.subTest(reason=reason):
+                (self.folder / "results.go").unlink(missing_ok=True)
                 process = self.start("front", ("frames=40", *arguments), FILES=1, **settings)
                 while reason == "file" and process.poll() is None and not (self.folder / "out.1.mcap").exists():
+                    # Long enough away and there for the recorder to see both.
+                    time.sleep(0.2)
                     (self.folder / "now").touch()
-                    time.sleep(0.3)
+                    time.sleep(0.2)
                     (self.folder / "now").unlink()
                 (self.folder / "results.go").touch()
                 self.assertEqual(0, process.wait(), self.said())
@@ -267,7 +319,7 @@ class RecorderTest(unittest.TestCase):
                 self.assertEqual(reason, recording.events()[0]["text"])
                 self.assertEqual(1, recording.frames()[0]["number"])
                 (self.folder / "out.1.mcap").unlink()
-        self.run_camera("front", "frames=5")
+        self.run_camera("front", "frames=5", LATENCY_MS=1000000)
         self.assertFalse((self.folder / "out.1.mcap").exists())
 
     def test_what_is_before_and_after_a_trigger_with_the_calls_in_force(self):
@@ -290,6 +342,31 @@ class RecorderTest(unittest.TestCase):
         self.assertEqual(list(range(numbers[0], numbers[-1] + 1)), numbers)
         self.assertEqual([1, 23, 21, 24, 26, 27, 5, 8],
                          [call["function"] for call in self.file(2).calls() if call["flags"] == 1])
+
+    def test_every_frame_that_is_missing_is_counted_over_all_parts(self):
+        self.run_camera("preload", "frames=1500", MODE="always", WHOLE=1, RING_MB=2, FILE_MB=1, FILES=60)
+        frames, parts = [], 0
+        while (self.folder / f"out.{parts + 1}.mcap").exists():
+            parts += 1
+            frames += self.file(parts).frames()
+        self.assertGreater(parts, 1)
+        numbers = [0] + [frame["number"] for frame in frames]
+        self.assertEqual([later - earlier - 1 for earlier, later in zip(numbers, numbers[1:])],
+                         [frame["lost"] for frame in frames])
+
+    def test_outputs_of_bytes_are_not_read_beyond_their_end(self):
+        self.assertEqual("run 0:\n" * 2, self.run_camera("preload", "kind=bytes", "frames=2", MODE="always"))
+        sizes = [[len(data) for _, _, data in frame["outputs"]] for frame in self.file().frames()]
+        self.assertEqual([[16 * 32 * 7, 8 * 16 * 7, 4 * 8 * 7]] * 2, sizes)
+
+    def test_models_are_identified(self):
+        for setting, has_hash in ((0, False), (1, True)):
+            self.run_camera("preload", "frames=1", MODE="always", FILES=1, MODEL_HASH=setting)
+            file = (self.folder / "results.model").read_bytes()
+            cursor = Cursor(self.file().by_channel[2][0], 4)
+            self.assertEqual(len(file), cursor.take("Q"))
+            self.assertEqual(hashlib.sha256(file).digest() if has_hash else b"", cursor.string())
+            self.assertEqual(b"model_out:zrpcd\n", cursor.string())
 
     def test_files_are_rotated_and_private(self):
         for run in range(1, 4):

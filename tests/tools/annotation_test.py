@@ -42,13 +42,13 @@ class AnnotationTest(ToolTest):
                 line(number, boxes, (320, 180), pts) for number, boxes, pts in zip(
                     (1, 2, 3), run, (59999999, 3599999000, 3723400001))))
         self.tool("compare", "pictures", "first=a.jsonl", f"{'long ' * 12}=b.jsonl", "-o", "sheet.png")
-        self.assert_kept("compare_sheet.png", (self.folder / "sheet.png").read_bytes())
+        self.assert_picture_kept("compare_sheet.png", (self.folder / "sheet.png").read_bytes())
         # Tall pictures, many columns: narrow tiles with bars.
         write_gray(self.folder / "tall.pgm", 40, 200)
         (self.folder / "tall.jsonl").write_text(line(1, [box(10, 20, 20, 60)], (80, 200)))
         self.tool("compare", "tall.pgm", *[f"{i}=tall.jsonl" for i in range(7)], "--display", "80x200",
                   "-o", "narrow.png")
-        self.assert_kept("compare_narrow.png", (self.folder / "narrow.png").read_bytes())
+        self.assert_picture_kept("compare_narrow.png", (self.folder / "narrow.png").read_bytes())
 
     def test_run_draws_what_it_finds(self):
         make_network(self.folder / "n.onnx", "decoded", 192, 128, 8)
@@ -64,14 +64,14 @@ class AnnotationTest(ToolTest):
         run = ["run", "n.qtm", "pictures", "--quiet"]
         self.tool(*run, "--track", "--limit", 2, "--pictures", "shown", "--contact-sheet", "sheet.png",
                   "--contact-frames", 3, "--jsonl", "shown.jsonl")
-        self.assert_kept("run_picture.png", (self.folder / "shown/frame_000002.png").read_bytes())
+        self.assert_picture_kept("run_picture.png", (self.folder / "shown/frame_000002.png").read_bytes())
         self.tool(*run, "--video", "shown.mp4")
         self.assertIn(b"avc1", (self.folder / "shown.mp4").read_bytes())  # H.264
         self.tool(*pack, "--keypoints", "points", "--no-classes")
         for frames in (3, 4):  # with and without thinning out
             self.tool(*run, "--display", "384x256", "--contact-sheet", "sheet.png", "--contact-frames",
                       frames)
-            self.assert_kept(f"contact_sheet_{frames}.png", (self.folder / "sheet.png").read_bytes())
+            self.assert_picture_kept(f"contact_sheet_{frames}.png", (self.folder / "sheet.png").read_bytes())
 
     def test_the_worst_pictures_show_every_fate(self):
         write_gray(self.folder / "7.pgm", 520, 400)
@@ -89,7 +89,7 @@ class AnnotationTest(ToolTest):
         self.tool("eval", "coco", "truth.json", "results.json", "--worst-pictures", "worst", "--input",
                   "7.pgm")
         (picture,) = (self.folder / "worst").iterdir()
-        self.assert_kept(picture.name, picture.read_bytes())
+        self.assert_picture_kept(picture.name, picture.read_bytes())
         # A truth that does not tell both sizes is drawn as it is.
         shown = []
         for sizes in ({"width": 520, "height": 400}, {"width": 260}, {"height": 200}, {}):

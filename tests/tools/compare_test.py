@@ -71,10 +71,10 @@ class CompareTest(ToolTest):
         self.assertEqual((self.folder / "wide.jpg").read_bytes()[:3], b"\xff\xd8\xff")
 
     def test_links_pipes_and_protected_files_keep_what_they_are(self):
-        self.assert_session_kept("compare_outputs.txt")
+        self.assert_session_kept("compare_outputs")
 
     def test_lines_that_run_does_not_write_are_refused_with_their_place(self):
-        self.assert_session_kept("compare_lines.txt")
+        self.assert_session_kept("compare_lines")
         self.assertFalse((self.folder / "sheet.png").exists())
 
     def test_choices_and_limits_are_told_in_full(self):
@@ -87,7 +87,7 @@ class CompareTest(ToolTest):
         self.write("half.jsonl", [frame(1, [box(10, width=10)]), frame(2, [box(10, width=9)]), frame(3, [box(10, height=0)]), frame(4, [box(11, height=0)])])
         self.write("flat.jsonl", [frame(number, [box(10, height=0)]) for number in range(1, 5)])
         (self.folder / "x=y.jsonl").write_bytes((self.folder / "same.jsonl").read_bytes())
-        self.assert_session_kept("compare_choices.txt")
+        self.assert_session_kept("compare_choices")
 
     def test_errors_have_their_exit_code_and_name_the_cause(self):
         self.write("far.jsonl", [frame(FRAMES + 1)])
@@ -95,7 +95,7 @@ class CompareTest(ToolTest):
         self.write("empty.jsonl", [])
         self.write("lines.png", [frame(1)])
         (self.folder / "1.bin").write_bytes(b"dump")
-        self.assert_session_kept("compare_errors.txt")
+        self.assert_session_kept("compare_errors")
 
 
 if __name__ == "__main__":

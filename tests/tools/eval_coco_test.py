@@ -226,7 +226,7 @@ class EvalCocoTest(ToolTest):
             for name, (least, most) in ranges.items():
                 wanted.update(zip((f"AP{name}", f"AR{name}"), expect(overlaps, least, most)))
             self.assert_metrics(actual, **wanted)
-        self.assert_transcript_kept("eval_coco_random.txt")
+        self.assert_transcript_kept("eval_coco_random")
 
     def test_confusion_and_worst_pictures(self):
         near = [10, 0, 100, 100]
@@ -281,7 +281,7 @@ class EvalCocoTest(ToolTest):
                       result_file([(1, (i + i % 2) % 26, tile(i), 0.9) for i in range(26)]),
                       "--plot", "many.svg")
         self.evaluate(truth_file([], ["a"]), [], "--plot", "none.svg")
-        self.assert_transcript_kept("eval_coco_reports.txt")
+        self.assert_transcript_kept("eval_coco_reports")
         for name in ("curves", "many", "none"):
             self.assert_kept(f"eval_coco_{name}.svg", (self.folder / f"{name}.svg").read_text())
 
@@ -301,7 +301,7 @@ class EvalCocoTest(ToolTest):
             file = truth_file([(1, i, tile(i)) for i in range(classes)], [f"c{i}" for i in range(classes)])
             (self.folder / "truth.json").write_text(json.dumps(file))
             self.tool("eval", "coco", "truth.json", "results.json", "--min", "AP5=1", code=2)
-        self.assert_transcript_kept("eval_coco_minimums.txt")
+        self.assert_transcript_kept("eval_coco_minimums")
 
     def test_lint(self):
         boxes = [[100 + 150 * i, 600, 100, 100] for i in range(5)]
@@ -352,7 +352,7 @@ class EvalCocoTest(ToolTest):
         # Frames from 0 name a picture that is not there; the warning says why.
         (self.folder / "truth.json").write_text(json.dumps(truth_file(frames, pictures=range(1, 6))))
         self.tool("eval", "coco", "truth.json", "results.json", code=4)
-        self.assert_transcript_kept("eval_coco_lint.txt")
+        self.assert_transcript_kept("eval_coco_lint")
 
     def test_limits_are_where_they_are_told_to_be(self):
         inside, corner = [(1, 0, [50, 50, 20, 20], 0.9)], (1, 0, [100, 100, 950, 950], 0.9)
@@ -398,13 +398,13 @@ class EvalCocoTest(ToolTest):
                                                      if 2 <= i + step < 8]))
         for number in ("-0.001", "0", "1", "1.001"):
             self.tool("eval", "coco", "truth.json", "results.json", "--confusion-score", number, code=0 if "00" not in number else 2)
-        self.assert_transcript_kept("eval_coco_limits.txt")
+        self.assert_transcript_kept("eval_coco_limits")
 
     def test_refuses_bad_files(self):
-        self.assert_session_kept("eval_coco_files.txt")
+        self.assert_session_kept("eval_coco_files")
 
     def test_refuses_wrong_usage(self):
-        self.assert_session_kept("eval_coco_usage.txt")
+        self.assert_session_kept("eval_coco_usage")
 
 
 if __name__ == "__main__":

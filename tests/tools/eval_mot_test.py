@@ -201,7 +201,7 @@ class EvalMotTest(ToolTest):
                                (names[2:4], ("--timeline", "long.svg")),
                                (names[4:], ("--timeline", "none.svg"))):
             self.tool("eval", "mot", *files, *options)
-        self.assert_transcript_kept("eval_mot_reports.txt")
+        self.assert_transcript_kept("eval_mot_reports")
         for name in ("short", "long", "none"):
             self.assert_kept(f"eval_mot_{name}.svg", (self.folder / f"{name}.svg").read_text())
 
@@ -228,7 +228,7 @@ class EvalMotTest(ToolTest):
                 self.assertEqual(done.stderr.count("warning: "), 1 if kind else 0)
         values, done = self.evaluate(*cases["repeated_ids"])
         self.assert_values(values["combined"], {"MOTA": 1})
-        self.assert_transcript_kept("eval_mot_lint.txt")
+        self.assert_transcript_kept("eval_mot_lint")
 
     def test_warnings_begin_where_they_are_told_to(self):
         def rows(kind, number, track=0, **more):
@@ -249,7 +249,7 @@ class EvalMotTest(ToolTest):
             *((truth(1, 1, 0, size=size), result(1, 1, 0, size=size)) for size in ("0,9", "9,0", "0.001,9", "9,-0.001")),
             (truth(5, 1, 0), result(5, 1, 0) + result(5, 1, 9) + result(6, 1, 0)), (truth(5, 1, 0), result(5, 1, 0) + result(5, 1, 9) * 2 + rows(result, 2))]
         self.evaluate(*itertools.chain(*clips))
-        self.assert_transcript_kept("eval_mot_limits.txt")
+        self.assert_transcript_kept("eval_mot_limits")
 
     def test_random_scenes_are_told_in_full(self):
         generator = random.Random(4)
@@ -268,7 +268,7 @@ class EvalMotTest(ToolTest):
             texts += scene
         self.evaluate(*texts)
         self.tool("eval", "mot", "truth_1.txt", "result_1.txt", "--classes", "1", "--timeline", "scene.svg")
-        self.assert_transcript_kept("eval_mot_scenes.txt")
+        self.assert_transcript_kept("eval_mot_scenes")
         self.assert_kept("eval_mot_scene.svg", (self.folder / "scene.svg").read_text())
 
     def test_rows_are_read_with_tolerance(self):
@@ -277,7 +277,7 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"truths": 2, "MOTA": 1})
 
     def test_unusable_files(self):
-        self.assert_session_kept("eval_mot_files.txt")
+        self.assert_session_kept("eval_mot_files")
 
     def test_minimums_and_outputs(self):
         texts = (two_objects(range(1, 5)), SWAPPED)
@@ -295,7 +295,7 @@ class EvalMotTest(ToolTest):
         done = self.tool(*files, "--json", "-")
         self.assertEqual(json.loads(done.stdout)["schema_version"], 1)
         self.assertIn("MOTA", done.stderr)
-        self.assert_transcript_kept("eval_mot_outputs.txt")
+        self.assert_transcript_kept("eval_mot_outputs")
 
 
 if __name__ == "__main__":

@@ -333,7 +333,7 @@ class NetworkTest(ToolTest):
                     wanted = expected((picture / 255).reshape(options.get("shape", (1, 3, 8, 8))))
                     self.assertEqual(found.shape, wanted.shape)
                     np.testing.assert_allclose(found, wanted, rtol=1e-4, atol=1e-4)
-        self.assert_kept("network_rewrites.txt", rewrites)
+        self.assert_kept("network_rewrites", rewrites)
 
     def test_open_sizes_come_from_the_option_or_from_the_metadata(self):
         for open_sizes in ((None, 3, None, None), (None, 3, 8, 8), (1, 3, None, 8)):
@@ -349,7 +349,7 @@ class NetworkTest(ToolTest):
             model = onnx.load(self.folder / "boxes.onnx")
             helper.set_model_props(model, metadata)
             onnx.save(model, self.folder / f"metadata{number}.onnx")
-        self.assert_session_kept("network_heads.txt")
+        self.assert_session_kept("network_heads")
 
     def test_fusion_that_changes_described_outputs_is_switched_off(self):
         for operators, differs in (("Pow Neg", True), ("Neg", False)):  # the engine fuses the first two into another power
@@ -384,7 +384,7 @@ class NetworkTest(ToolTest):
         usual = case("", [("y = Resize v _ s",)], None, {"s": np.float32([1, 1, 2, 2])})
         (self.folder / "operators.onnx").write_bytes(network([*operators, foreign]))
         (self.folder / "resizes.onnx").write_bytes(network([*resizes, usual]))
-        self.assert_session_kept("network_operators.txt")
+        self.assert_session_kept("network_operators")
 
     def test_open_sizes_and_parts_that_are_missing_or_too_many_are_told(self):
         for number, (key, value) in enumerate((("img_size", "8"), ("image_size", "8,8"), ("input_size", "(3, 16, 8)"), ("input_shape", "1x3x8x16"),
@@ -399,7 +399,7 @@ class NetworkTest(ToolTest):
             model = onnx.load_from_string(network([unused]))
             change(model.graph)
             (self.folder / f"{name}.onnx").write_bytes(model.SerializeToString())
-        self.assert_session_kept("network_parts.txt")
+        self.assert_session_kept("network_parts")
 
     def test_inspect_tells_what_a_network_holds_and_lacks(self):
         (self.folder / "in.onnx").write_bytes(network(

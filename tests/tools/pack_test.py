@@ -158,16 +158,16 @@ class PackTest(ToolTest):
             "pack", *RAW, "--pair", "a=b", "--pairs-in-name", "--print-description").stdout)
         self.image.write_text("the former image")
         before = {path: path.read_bytes() for path in self.folder.iterdir()}
-        for name in ("pack_refusals.txt", "pack_values.txt", "pack_contradictions.txt"):
+        for name in ("pack_refusals", "pack_values", "pack_contradictions"):
             self.transcript = ""
             self.assert_session_kept(name, after_each=lambda: self.assertEqual(
                 {path: path.read_bytes() for path in self.folder.iterdir()}, before))
 
     def test_links_pipes_and_protected_files_keep_what_they_are(self):
-        self.assert_session_kept("pack_outputs.txt")
+        self.assert_session_kept("pack_outputs")
 
     def test_inspect_names_the_damage_and_tells_it_from_an_undecodable_model(self):
-        self.assert_session_kept("inspect_damage.txt")
+        self.assert_session_kept("inspect_damage")
 
     def test_what_is_packed_is_told_in_full(self):
         (self.folder / "names.txt").write_text("person\nbi\x7fcycle\n")
@@ -176,15 +176,15 @@ class PackTest(ToolTest):
             write_cells(self.folder / f"cells{height}.ppm", 64, height, cells)
         make_network(self.folder / "points.onnx", "decoded", 64, 32, 15)
         make_network(self.folder / "last.onnx", "raw-nhwc", 64, 64)
-        for name in ("pack_reports.txt", "inspect_facts.txt"):
+        for name in ("pack_reports", "inspect_facts"):
             self.transcript = ""
             self.assert_session_kept(name)
 
     def test_misspelt_words_are_answered_with_the_nearest_name(self):
-        self.assert_session_kept("misspelt_words.txt")
+        self.assert_session_kept("misspelt_words")
 
     def test_help_and_version_go_to_standard_output(self):
-        self.assert_session_kept("help.txt")
+        self.assert_session_kept("help")
         self.assertIn("libolvex_det release version: ", self.tool("--version").stdout)
 
 

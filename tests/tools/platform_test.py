@@ -44,7 +44,7 @@ class PlatformTest(ToolTest):
         foreign[18:20] = b"\x16\x00"  # a processor of another kind
         (self.folder / "lib/foreign.so").write_bytes(foreign)
         (self.folder / "headless.img").write_bytes(b"key:value\n")
-        self.assert_session_kept("platform.txt")
+        self.assert_session_kept("opaque_images")
 
     def test_the_json_fits_its_schema(self):
         report = json.loads(self.tool("inspect", "probe.img", "--json", "--platform", PLATFORM).stdout)

@@ -8,62 +8,16 @@ import os
 import pathlib
 import random
 import re
-import signal
 import struct
 import subprocess
 import tempfile
 import zlib
 
+from recorded_files import CAMERA, MAGIC, changed, chunk, chunks, messages, record, spliced, without
 from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells
 
-CAMERA, RECORDER = os.environ["OLVEX_CAMERA"], os.environ["OLVEX_RECORDER"]
-MAGIC = b"\x89MCAP0\r\n"
+DAMAGE = os.environ["OLVEX_DAMAGE"]
 SAME = re.compile(r"[^\n]*: (\d+) frames? and (\d+) calls?: no difference([^\n]*)\n")
-
-
-def record(command, path, **settings):
-    """Runs a command with the recorder in front; returns the bytes of the first recording."""
-    environment = {name: value for name, value in os.environ.items() if not name.startswith("OLVEX_RECORDER")}
-    environment.update({f"OLVEX_RECORDER_{name}": str(value) for name, value in
-                        {"FILE": path, "MODE": "always", "FILES": 1, "FLOOR": 0.25, **settings}.items()})
-    environment["LD_PRELOAD"] = RECORDER
-    environment["ASAN_OPTIONS"] = environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    code = subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, timeout=600).returncode
-    assert code == (-signal.SIGKILL if "kill=30" in command else 0), f"{command}: {code}"
-    return pathlib.Path(f"{path}.1.mcap").read_bytes()
-
-
-def chunks(data):
-    """(offset, end) of each chunk's record."""
-    at, found = len(MAGIC), []
-    while at + 9 <= len(data) and data[at:at + 8] != MAGIC:
-        number, size = struct.unpack_from("<BQ", data, at)
-        at += 9 + size
-        if number == 6:
-            found.append((at - 9 - size, at))
-    return found
-
-
-def messages(data, channel):
-    """(offset, end, chunk) of the data of each message of a channel."""
-    found = []
-    for chunk in chunks(data):
-        at = chunk[0] + 49
-        while at < chunk[1]:
-            size, number = struct.unpack_from("<QH", data, at + 1)
-            if number == channel:
-                found.append((at + 31, at + 9 + size, chunk))
-            at += 9 + size
-    return found
-
-
-def changed(data, message, offset, value):
-    """The recording with other bytes in a message, and the right CRC."""
-    begin, _, (start, end) = message
-    data = bytearray(data)
-    data[begin + offset:begin + offset + len(value)] = value
-    struct.pack_into("<I", data, start + 33, zlib.crc32(data[start + 49:end]))
-    return bytes(data)
 
 
 def frame_with_boxes(data, least=1):
@@ -106,6 +60,7 @@ class ReplayTest(ToolTest):
 
     def assert_same(self, data, frames, note=""):
         result = self.played(data)
+        self.assertEqual(result.stderr, "")
         self.assertRegex(result.stdout, SAME)
         match = SAME.fullmatch(result.stdout)
         self.assertEqual((int(match[1]), match[3]), (frames, note), result.stdout)
@@ -165,6 +120,45 @@ class ReplayTest(ToolTest):
         result = self.played(changed(self.plain, channel, 56, struct.pack("<I", 7)), code=1)
         self.assertIn("ALGO_DET_InitHandle, QV_IPU_CreateCHN argument 3: recorded 0x7, played 0x1\n", result.stdout)
 
+    def test_what_is_missing_and_another_library_are_said(self):
+        frame, options = messages(self.tracked, 5)[7], [
+            message for message in messages(self.tracked, 4) if self.tracked[message[0]] == 8][0]
+        result = self.played(without(self.tracked, frame), said=["recording.mcap: 1 frame is missing: after that, "])
+        self.assertIn("before a key frame, without their boxes", result.stdout)
+        self.played(without(self.tracked, options), code=1, said=["recording.mcap: 1 call is missing: what differs"])
+        lost = messages(self.plain, 7)[-1]
+        self.played(changed(self.plain, lost, 17, struct.pack("<Q", 2)), said=["recording.mcap: 2 calls are missing"])
+        self.assertIn("lost      0 frames and 2 calls\n", self.tool("record", "info", "recording.mcap").stdout)
+        about = messages(self.plain, 1)[0]
+        at = self.plain.index(b"commit_det#", about[0]) - about[0]
+        self.played(changed(self.plain, about, at, b"commit_old"), said=[
+            "made by library commit_old", "what differs may be a change of the library"])
+        carried = messages(self.plain, 4)[0]
+        self.played(changed(changed(self.plain, carried, 1, b"\1"), about, about[1] - about[0] - 1, b"\0"),
+                    said=["not all calls in force at its start are in it"])
+
+    def test_calls_that_handed_nothing_back_are_played(self):
+        last = max(struct.unpack_from("<I", self.plain, begin + 4)[0] for begin, *_ in messages(self.plain, 4))
+        records = b"".join(
+            struct.pack("<BQHIQQ", 5, 22 + 52, 4, 0, 0, 0)
+            + struct.pack("<BBHIIIIIiQQII", function, 0, 1, last + k, 0, 9, 0, 0, 0, 0, 0, 0, 0)
+            for k, function in enumerate((1, 3, 11), 1))
+        at = messages(self.plain, 7)[-1][2][0]
+        self.assert_same(spliced(self.plain, at, at, chunk(len(records), zlib.crc32(records), records)), 20)
+
+    def test_hostile_chunks_take_no_more_than_a_multiple_of_their_size(self):
+        head, count = chunks(self.plain)[0][1], 20000
+        data = self.plain[:head] + b"".join(chunk(49 * (count - k), 1) for k in range(count)) + bytes(49)
+        path, whole = self.folder / "hostile.mcap", self.folder / "whole.mcap"
+        path.write_bytes(data)
+        self.assertIn("was not made by a recorder, and is not looked through",
+                      self.tool("record", "repair", path, "-o", whole).stdout)
+        end = chunks(self.plain)[1][0]
+        size = 9 + struct.unpack_from("<Q", self.plain, head + 1)[0]
+        self.assertEqual(self.plain[head], 7)
+        self.played(self.plain[:end] + self.plain[head:head + size] * 2 + self.plain[end:], code=4,
+                    said=[f"byte {end}: a second message index of a channel"])
+
     def test_what_ends_early_or_is_damaged_is_played_up_to_there(self):
         ends = [end for _, end in chunks(self.plain)]
         numbers = messages(self.plain, 5)
@@ -184,6 +178,11 @@ class ReplayTest(ToolTest):
             result = subprocess.run([TOOL, "replay", path], capture_output=True, encoding="utf-8")
             self.assertIn(result.returncode, (0, 4), (bit, result))
             self.assertRegex(result.stderr, r"flipped.mcap: byte \d+: ", bit)
+
+    def test_a_thousand_cuts_and_flips_are_named(self):
+        for name in ("plain", "tracked"):
+            result = subprocess.run([DAMAGE, self.shared / f"{name}.1.mcap", str(1000 // STRIDE)], capture_output=True)
+            self.assertEqual(result.returncode, 0, result.stderr)
 
     def test_a_killed_run_is_played_up_to_its_last_whole_frame(self):
         data = self.camera("killed", "pause=20", "kill=30")
@@ -252,8 +251,27 @@ class ReplayTest(ToolTest):
         self.assertIn(f": 0 boxes gained, {lost} lost, 0 moved; 0 tracks joined, 0 split\n", result.stdout)
         self.tool("replay", path, "--set", "threshold=0.2", code=2,
                   said=["--set threshold=0.2: ", "holds of frame 1 only what scores 0.25 or more"])
+        self.assert_tracks_are_compared()
         result = self.tool("replay", path, "--set", "track=1,track-frames=2,stable=1,stable-sensitivity=0.2")
         self.assertRegex(result.stdout, r"frames changed: \d+ boxes gained, [1-9]\d* lost")
+
+    def assert_tracks_are_compared(self):
+        path, tracks = self.folder / "tracked.mcap", {}
+        path.write_bytes(self.tracked)
+        for run, options in enumerate(((), ("--set", "threshold=0.7"))):
+            lines = self.tool("replay", path, *options, "--export", "jsonl", "-o", "-").stdout
+            for frame in map(json.loads, lines.splitlines()):
+                for box in frame["boxes"]:
+                    place = (frame["frame"], *(box[name] for name in ("class_id", "x", "y", "width", "height")))
+                    tracks.setdefault(place, [None, None])[run] = box["track_id"]
+        pairs = {tuple(pair) for pair in tracks.values() if None not in pair}
+        split = sum(sum(pair[0] == track for pair in pairs) > 1 for track in {pair[0] for pair in pairs})
+        joined = sum(sum(pair[1] == track for pair in pairs) > 1 for track in {pair[1] for pair in pairs})
+        self.assertGreater(min(split, joined), 0)
+        result = self.tool("replay", path, *options, "--changes", "tracks.jsonl")
+        self.assertIn(f" lost, 0 moved; {joined} tracks joined, {split} split\n", result.stdout)
+        changes = list(map(json.loads, (self.folder / "tracks.jsonl").read_text().splitlines()))
+        self.assertEqual(sum(change["change"] in ("joined", "split") for change in changes), joined + split)
 
     def test_frames_are_exported_as_run_writes_them(self):
         path = self.folder / "plain.mcap"
@@ -279,7 +297,8 @@ class ReplayTest(ToolTest):
         (self.folder / "newer.mcap").write_bytes(other)
         (self.folder / "foreign.mcap").write_bytes(self.plain.replace(b"olvex_recorder 1", b"some_program 0.1", 1))
         (self.folder / "start.mcap").write_bytes(self.plain[:chunks(self.plain)[0][1] - 1])
-        self.assert_session_kept("replay_errors.txt")
+        (self.folder / "text.mp4").write_text("no video")
+        self.assert_session_kept("replay_errors")
 
 
 if __name__ == "__main__":

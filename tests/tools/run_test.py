@@ -232,12 +232,12 @@ class RunTest(ToolTest):
         (self.folder / "x\x1b\x9b.png").write_text("no picture")
         os.mkfifo(self.folder / "pipe.mp4")
         (self.folder / "model.qtm").symlink_to(self.model)
-        self.assert_session_kept("run_errors.txt")
+        self.assert_session_kept("run_errors")
         write_picture(self.folder / "shades.ppm", {(1, 2): (250, 0, 0), (3, 2): (200, 0, 0), (5, 2): (100, 0, 0), (7, 2): (50, 0, 0)})
         (self.folder / "sizes").mkdir()
         for number, width in ((1, WIDTH), (2, 2 * WIDTH)):
             write_picture(self.folder / f"sizes/{number}.ppm", {(4, 4): (255, 0, 0)}, width)
-        for name in ("run_values.txt", "run_remarks.txt"):
+        for name in ("run_values", "run_remarks"):
             self.transcript = ""
             self.assert_session_kept(name)
         self.assertEqual((self.folder / "kept.mp4").read_text(), "old")
@@ -271,7 +271,7 @@ class RunTest(ToolTest):
         (self.folder / "both").mkdir()
         write_picture(self.folder / "both/1.ppm", cells, WIDTH)
         write_picture(self.folder / "both/2.ppm", cells, 2 * WIDTH)
-        self.assert_session_kept("run_fitted.txt")
+        self.assert_session_kept("run_fitted")
         for name, shape in (("odd.mkv", (74, 146, 3)), ("both.avi", (HEIGHT, WIDTH, 3))):
             video = cv2.VideoCapture(str(self.folder / name))
             shown = [frame for _, frame in (video.read() for _ in range(2)) if frame is not None]

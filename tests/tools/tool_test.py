@@ -2,8 +2,9 @@
 the comparison of whole texts and pictures with those in data/.
 
 usage: <test>.py OLVEX_DET MAKE_TEST_NETWORK SCHEMA_FOLDER [unittest options]
-To accept an intended change run the test with OLVEX_GOLDEN_UPDATE=1 in the environment and read the
-difference. Of a session, a transcript whose commands are run from it, add the "$ olvex-det ..." line first.
+data/TEST.txt holds the texts of a test, each behind a line "=== NAME". To accept an intended change run the
+test with OLVEX_GOLDEN_UPDATE=1 in the environment and read the difference. Of a session, a transcript whose
+commands are run from it, add the "$ olvex-det ..." line first.
 """
 import json
 import os
@@ -25,6 +26,14 @@ TOOL, MAKE_NETWORK, SCHEMAS = (str(pathlib.Path(path).resolve()) for path in sys
 EACH = """() { for more in "${@:2}"; do echo "> $more"; eval "olvex-det $1 $more" || echo "exit code $?"; done 2>&1; }"""
 STRIDE = int(os.environ.get("OLVEX_CASE_STRIDE", "1"))  # of long tables only every n-th case
 DATA = pathlib.Path(__file__).resolve().parent / "data"
+KEPT = DATA / f"{pathlib.Path(sys.argv[0]).stem.removesuffix('_test')}.txt"
+UPDATE = "OLVEX_GOLDEN_UPDATE" in os.environ
+
+
+def kept_texts():
+    """{name: text} of this test's texts in data/."""
+    parts = re.split(r"^=== (.+)\n", KEPT.read_bytes().decode(), flags=re.MULTILINE)
+    return dict(zip(parts[1::2], parts[2::2]))
 
 
 def png_content(png):
@@ -72,8 +81,9 @@ class ToolTest(unittest.TestCase):
         """Runs every line of a transcript that begins with "$ ", as a shell takes it; what follows has to
         be the same again."""
         path = os.pathsep.join((str(pathlib.Path(TOOL).parent), os.environ["PATH"]))
-        self.assertIn("\n$ ", "\n" + (DATA / name).read_text(), f"{name} holds no command")
-        for line in (DATA / name).read_text().splitlines():
+        session = kept_texts()[name]
+        self.assertIn("\n$ ", "\n" + session, f"{name} holds no command")
+        for line in session.splitlines():
             if line.startswith("# "):
                 self.transcript += f"{line}\n"
             elif line.startswith("$ "):
@@ -81,16 +91,18 @@ class ToolTest(unittest.TestCase):
                 after_each()
         self.assert_transcript_kept(name)
 
-    def assert_kept(self, name, content):
+    def assert_kept(self, name, text):
+        """Compares with the text of that name in data/."""
+        if UPDATE:
+            texts = sorted({**kept_texts(), name: text}.items())
+            KEPT.write_bytes("".join(f"=== {name}\n{text}" for name, text in texts).encode())
+        self.assertEqual(text, kept_texts().get(name), f"{name} of {KEPT.name}")
+
+    def assert_picture_kept(self, name, png):
         """Compares with the file of that name in data/."""
-        kept = DATA / name
-        content = content.encode("utf-8", "backslashreplace") if isinstance(content, str) else content
-        if "OLVEX_GOLDEN_UPDATE" in os.environ:
-            kept.write_bytes(content)
-        if name.endswith(".png"):
-            self.assertTrue(png_content(content) == png_content(kept.read_bytes()), name)
-        else:
-            self.assertEqual(content.decode(), kept.read_bytes().decode(), name)
+        if UPDATE:
+            (DATA / name).write_bytes(png)
+        self.assertTrue(png_content(png) == png_content((DATA / name).read_bytes()), name)
 
     def assert_transcript_kept(self, name):
         """Compares all that was printed so far but JSON, times, names of temporary files, and what the JSON

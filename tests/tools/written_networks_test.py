@@ -249,14 +249,14 @@ class WrittenNetworksTest(ToolTest):
             self.write(f"{name}.onnx", *options, "--force")
         # What rounding leaves may differ on another processor.
         self.transcript = re.sub(r"at most \S+ pixels apart, scores \S+", "at most N pixels apart, scores N", self.transcript)
-        self.assert_transcript_kept("written_heads.txt")
+        self.assert_transcript_kept("written_heads")
 
     def test_what_is_rewritten_for_the_engine(self):
         for opset in (11, 13):
             (self.folder / "in.onnx").write_bytes(network([entry for entry in CASES if entry[4].get("opset", 13) == opset], opset))
             self.packed("in.onnx", "--boxes", "boxes", "--scores", "scores")
             self.transcript += by_case(changes(lines_of(self.folder / "in.onnx"), lines_of(self.folder / "out.onnx")))
-        self.assert_transcript_kept("written_rewrites.txt")
+        self.assert_transcript_kept("written_rewrites")
 
     def test_what_is_cut_off_behind_boxes_and_scores(self):
         for name, tail, nodes, outputs in SELECTIONS:
@@ -269,14 +269,14 @@ class WrittenNetworksTest(ToolTest):
                 self.tool("inspect", "out.qtm", "--network", "out.onnx")
                 self.transcript = report + changes(lines_of(self.folder / "in.onnx"), lines_of(self.folder / "out.onnx"))
         self.transcript = re.sub(r"at most \S+ pixels apart, scores \S+", "at most N pixels apart, scores N", self.transcript)
-        self.assert_transcript_kept("written_selections.txt")
+        self.assert_transcript_kept("written_selections")
 
     def test_what_rows_come_from(self):
         for nodes in TRACES:
             (self.folder / "in.onnx").write_bytes(selecting([*TRACED, *nodes], "y"))
             head = self.transcribe([TOOL, "inspect", "in.onnx"], "inspect").stdout.partition("\nhead ")[2]
             self.transcript = self.transcript.partition("$ inspect")[0] + f"{nodes}\n{head}"
-        self.assert_transcript_kept("written_traces.txt")
+        self.assert_transcript_kept("written_traces")
 
     def test_what_is_remarked_of_options_scores_and_the_engine(self):
         def write(name, scores=None, **outputs):
@@ -307,7 +307,7 @@ class WrittenNetworksTest(ToolTest):
         for version in (6, 9):
             model.opset_import[0].version = version
             (self.folder / f"version{version}.onnx").write_bytes(model.SerializeToString())
-        self.assert_session_kept("written_remarks.txt")
+        self.assert_session_kept("written_remarks")
 
     def test_what_is_computed_of_constants(self):
         (self.folder / "in.onnx").write_bytes(network([folded(entry) for entry in FOLDED]))
@@ -318,7 +318,7 @@ class WrittenNetworksTest(ToolTest):
             call, attributes = entry if isinstance(entry, tuple) else (entry, {})
             named = {name: value.name if isinstance(value, onnx.TensorProto) else value for name, value in attributes.items()}
             self.transcript += f"{call} {named or ''}: {numbers_of(values, 99)}\n"
-        self.assert_transcript_kept("written_constants.txt")
+        self.assert_transcript_kept("written_constants")
 
 
 if __name__ == "__main__":

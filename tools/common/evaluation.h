@@ -1,5 +1,5 @@
-// evaluation.h - what both subcommands of eval share: warnings of probable mistakes in the files, and the
-// option --min METRIC=VALUE, values that an evaluation must reach.
+// evaluation.h - what both subcommands of eval share: warnings of probable mistakes in the files, the option
+// --min METRIC=VALUE, values that an evaluation must reach, and SVG pictures.
 #ifndef TOOLS_COMMON_EVALUATION_H
 #define TOOLS_COMMON_EVALUATION_H
 
@@ -64,6 +64,18 @@ nlohmann::ordered_json metrics_json(const std::vector<Metric>& metrics);
 std::string evaluation_json(nlohmann::ordered_json report, const std::vector<LintFinding>& findings,
                             const std::vector<MetricMinimum>& minimums,
                             const std::vector<Metric>& metrics);
+
+// ---- Elements of SVG pictures as text; coco_plot.cpp and mot_timeline.cpp draw ------------------
+
+// A text of any bytes as XML holds it.
+std::string xml_text(const std::string& text);
+
+// <name attributes>content</name> on its own line. content is XML.
+std::string svg_element(const std::string& name, const std::string& attributes,
+                        const std::string& content = "");
+
+// A whole picture on white ground; sizes in pixels.
+std::string svg_document(double width, double height, int font_size, const std::string& content);
 
 }  // namespace olvex_tools
 

@@ -1,5 +1,5 @@
-// output_file.h - a file of results in which no failed write goes unnoticed, and which is whole at
-// any moment: up to its last text, or as it was before.
+// output_file.h - files of results in which no failed write goes unnoticed, and which are whole at any
+// moment: up to their last text, or as they were before. And standard output, which is kept for results.
 #ifndef TOOLS_COMMON_OUTPUT_FILE_H
 #define TOOLS_COMMON_OUTPUT_FILE_H
 
@@ -64,6 +64,29 @@ class OutputFile {
 
 // A file of one text, kWhole.
 void write_output(const std::string& path, FILE* standard_output, const std::string& text);
+
+// ---- Standard output ----------------------------------------------------------------------------
+
+// While an object exists, file descriptor 1 is a log file or /dev/null, and results() is the process's
+// real standard output. The destructor puts everything back. Not for use from two threads; one at
+// a time.
+class LibraryLog {
+ public:
+  // log_path: file that the library's diagnostics are appended to; empty: they are dropped. Throws
+  // ToolError (kInputError) when it cannot be opened.
+  explicit LibraryLog(const std::string& log_path);
+  ~LibraryLog();
+  LibraryLog(const LibraryLog&) = delete;
+  LibraryLog& operator=(const LibraryLog&) = delete;
+
+  FILE* results() { return results_; }
+
+ private:
+  FILE* results_ = nullptr;
+};
+
+// Writes text to standard output and flushes it; throws ToolError when that fails (a full disk).
+void print_result(const std::string& text);
 
 }  // namespace olvex_tools
 

@@ -1,5 +1,5 @@
 // compare.h - runs read back, the frames of them that are shown, and the sheet that shows them.
-// compare_run.cpp reads, compare_choice.cpp chooses, compare_sheet.cpp draws; compare_command.cpp calls them.
+// compare_runs.cpp reads and chooses, compare_sheet.cpp draws; compare_command.cpp calls them.
 #ifndef TOOLS_COMPARE_COMPARE_H
 #define TOOLS_COMPARE_COMPARE_H
 

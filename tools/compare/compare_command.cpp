@@ -13,7 +13,6 @@
 #include "tools/frames/annotation.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
-#include "tools/common/standard_output.h"
 #include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 

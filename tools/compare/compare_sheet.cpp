@@ -9,7 +9,6 @@
 #include "tools/frames/frame_source.h"
 #include "tools/common/progress.h"
 #include "tools/common/text.h"
-#include "tools/frames/tile_grid.h"
 
 namespace olvex_tools {
 

@@ -14,11 +14,10 @@
 #include "tools/common/progress.h"
 #include "tools/doctor/doctor.h"
 #include "tools/frames/frame_conversion.h"
-#include "tools/frames/letterbox.h"
-#include "tools/frames/spread_frames.h"
+#include "tools/frames/frame_source.h"
 #include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
-#include "tools/inside/scaled_outputs.h"
+#include "tools/inside/model_facts.h"
 
 namespace olvex_tools {
 

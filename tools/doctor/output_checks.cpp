@@ -7,7 +7,7 @@
 
 #include "tools/common/text.h"
 #include "tools/doctor/doctor.h"
-#include "tools/inside/scaled_outputs.h"
+#include "tools/inside/model_facts.h"
 
 namespace olvex_tools {
 

@@ -1,7 +1,9 @@
 // annotation.h - draws boxes, names, tracks and key points into a picture, and writes picture files.
+// And sheets of such pictures.
 #ifndef TOOLS_FRAMES_ANNOTATION_H
 #define TOOLS_FRAMES_ANNOTATION_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,40 @@ std::string encoded_picture(const std::string& path, const cv::Mat& picture);
 
 // Writes it to a picture file of that name, one of many: it does not wait for the disk.
 void write_picture(const std::string& path, const cv::Mat& picture);
+
+// ---- Sheets: pictures of one size in rows and columns, with strips for text ---------------------
+
+// contact_sheet.cpp and compare_sheet.cpp fill such sheets.
+
+// Heights of the strips in pixels; 0: there are none.
+struct GridStrips {
+  int heading = 0;  // above each column
+  int caption = 0;  // above each tile
+};
+
+class TileGrid {
+ public:
+  TileGrid(cv::Size tile, std::size_t rows, std::size_t columns, const GridStrips& strips);
+
+  // Parts of the sheet to draw into. Requires: row and column lie within the grid.
+  cv::Mat tile(std::size_t row, std::size_t column);
+  cv::Mat caption(std::size_t row, std::size_t column);
+  cv::Mat heading(std::size_t column);
+
+  const cv::Mat& sheet() const { return sheet_; }
+
+ private:
+  int left_of(std::size_t column) const;
+  int top_of(std::size_t row) const;  // of its captions
+
+  cv::Size tile_;
+  GridStrips strips_;
+  cv::Mat sheet_;
+};
+
+// The size of tiles that show pictures of that size in so many columns: the sheet gets about 1920
+// pixels wide, and no tile is wider than 480 pixels or of a shape beyond 2:3 upright.
+cv::Size tile_size(cv::Size picture, std::size_t columns);
 
 }  // namespace olvex_tools
 

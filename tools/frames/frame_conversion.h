@@ -1,5 +1,6 @@
-// frame_conversion.h - pictures into the frame format that a model expects, and back.
-// qv_ipu.h defines the formats; frame_source.h supplies the pictures.
+// frame_conversion.h - pictures into the frame format that a model expects, and back; where a picture lies in
+// its frame, and boxes of the frame taken back to the picture. qv_ipu.h defines the formats; frame_source.h
+// supplies the pictures; docs/model-images.md has the formulas.
 #ifndef TOOLS_FRAMES_FRAME_CONVERSION_H
 #define TOOLS_FRAMES_FRAME_CONVERSION_H
 
@@ -10,6 +11,8 @@
 #include <opencv2/core.hpp>
 
 #include "platform/host/host_image.h"
+
+#include "tools/frames/frame_record.h"
 
 namespace olvex_tools {
 
@@ -47,6 +50,34 @@ void convert_to_frame(const cv::Mat& picture, const FrameLayout& layout,
 
 // The picture (8-bit BGR) that a frame shows. Requires: frame holds layout.size bytes.
 cv::Mat picture_of_frame(const std::vector<unsigned char>& frame, const FrameLayout& layout);
+
+// ---- The picture's place in its frame -----------------------------------------------------------
+
+// The pixels of the frame that the picture fills; the others are padding. Sizes are above 0.
+cv::Rect picture_area(qv_host::Resize resize, cv::Size picture, cv::Size frame);
+
+// Takes what the library reports on frames with padding to the display size of the picture alone.
+class PaddingRemoval {
+ public:
+  // display  size in pixels that the picture without padding stands for
+  PaddingRemoval(const cv::Rect& area, cv::Size frame, cv::Size display);
+
+  // The display size to give the library: that of the whole frame at the scale of display, to the pixel.
+  // It is display where there is no padding.
+  cv::Size padded_display() const { return padded_; }
+
+  // reported  the display size that the library was given, any
+  // Corners and key points are cut at the picture's edges as the library cuts them at the frame's, and the
+  // whole pixels are those of the corners. Does nothing where there is no padding. False for a box that lies
+  // in the padding.
+  bool apply(cv::Size reported, Detection* detection) const;
+
+ private:
+  cv::Rect area_;
+  cv::Size frame_;
+  cv::Size display_;
+  cv::Size padded_;
+};
 
 }  // namespace olvex_tools
 

@@ -1,15 +1,19 @@
-// frame_source.cpp - finds out what an input is and opens it.
+// frame_source.cpp - finds out what an input is and opens it; takes frames evenly from one.
 #include "tools/frames/frame_source.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <optional>
 #include <system_error>
 
 #include <opencv2/core/utils/logger.hpp>
 
 #include "tools/common/command.h"
+#include "tools/common/progress.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {
@@ -207,6 +211,54 @@ std::unique_ptr<FrameSource> open_frame_source(const std::string& input, const F
     return make_picture_source({path}, picture_rate);
   }
   return make_video_source(input);
+}
+
+// ---- Frames from end to end of a source ---------------------------------------------------------
+
+namespace {
+
+constexpr double kPictureRate = 25;  // of no effect: time stamps are not looked at
+
+// Number, from 0, of the frame to take as the index-th of limit.
+long spread(long index, long limit, std::optional<long> length) {
+  if (!length || *length <= limit) {
+    return index;
+  }
+  return static_cast<long>(static_cast<std::int64_t>(index) * *length / limit);
+}
+
+// False at the end of the source.
+bool skip_to(long number, FrameSource* source, long* position) {
+  while (*position < number) {
+    if (!source->skip()) {
+      return false;
+    }
+    ++*position;
+  }
+  return true;
+}
+
+}  // namespace
+
+long for_spread_frames(const std::string& input, const FrameLayout& layout, long limit,
+                       const std::function<void(SourceFrame*)>& process) {
+  silence_opencv();
+  const std::unique_ptr<FrameSource> source = open_frame_source(input, layout, kPictureRate);
+  const std::optional<long> length = source->length();
+  Progress progress(length ? std::min(*length, limit) : limit, false);
+  SourceFrame frame;
+  long position = 0;
+  long done = 0;
+  while (done < limit && skip_to(spread(done, limit, length), source.get(), &position) &&
+         source->next(&frame)) {
+    process(&frame);
+    ++position;
+    progress.update(++done);
+  }
+  if (done == 0) {
+    refuse_input(input, "no frame can be read from it");
+  }
+  return done;
 }
 
 }  // namespace olvex_tools

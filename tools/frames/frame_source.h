@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -87,6 +88,12 @@ bool is_frame_file(const std::filesystem::path& path);
 
 // Order of file names in which runs of digits compare by value: frame2 before frame10.
 bool natural_less(const std::string& left, const std::string& right);
+
+// Hands at most limit frames of input (see open_frame_source) to process and returns how many; a source of
+// unknown length gives its first ones. Shows the progress. Throws ToolError (kInputError) when a picture is
+// unreadable or there is no frame at all, and what process throws.
+long for_spread_frames(const std::string& input, const FrameLayout& layout, long limit,
+                       const std::function<void(SourceFrame*)>& process);
 
 }  // namespace olvex_tools
 

@@ -1,7 +1,7 @@
 // append_decoding.cpp - the nodes behind the network's own: outputs to rows, rows to boxes and scores.
 // Constants have the full shape of the tensor that they are combined with, since not every engine
 // repeats them along each dimension in the same way.
-#include "tools/heads/append_decoding.h"
+#include "tools/heads/head.h"
 
 #include "tools/common/command.h"
 

@@ -1,6 +1,6 @@
 // channel_origins.cpp - follows channels and values back through the graph. A graph may have been
 // made to mislead: no more nodes are visited than kMostSteps.
-#include "tools/heads/channel_origins.h"
+#include "tools/heads/head_evidence.h"
 
 #include <algorithm>
 #include <cmath>
@@ -10,7 +10,7 @@
 #include <optional>
 #include <set>
 
-#include "tools/network/selection_nodes.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 

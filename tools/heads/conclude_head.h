@@ -11,7 +11,6 @@
 #include "platform/host/host_image.h"
 
 #include "tools/heads/head.h"
-#include "tools/heads/plain_reading.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
 #include "tools/network/selection_tail.h"

@@ -1,11 +1,14 @@
-// head.h - where the boxes, scores and key points of a network stand in its outputs, and how the numbers
-// become boxes. conclude_head.h fills a Head in; append_decoding.h and plain_reading.h each carry it out.
+// head.h - where the boxes, scores and key points of a network stand in its outputs, how the numbers become
+// boxes, and what carries it out: nodes of the network, or plain formulas. conclude_head.h fills a Head in.
 #ifndef TOOLS_HEADS_HEAD_H
 #define TOOLS_HEADS_HEAD_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
+
+#include "tools/network/network_graph.h"
 
 namespace olvex_tools {
 
@@ -108,11 +111,57 @@ struct Head {
   bool raw_nchw = true;
   std::string model_out;  // the word for them; empty: it goes by their channels
 
-  std::int64_t rows() const;
+  std::int64_t rows() const {
+    std::int64_t count = 0;
+    for (const HeadTensor& tensor : boxes.tensors) {
+      count += tensor.rows;
+    }
+    return count;
+  }
 };
 
 // Boxes in input pixels, or in fractions where the head has them so.
-bool has_centre_and_size(const Head& head);
+inline bool has_centre_and_size(const Head& head) {
+  return head.box_code == BoxCode::kCentreSize || head.box_code == BoxCode::kOffsets;
+}
+
+// ---- The decoding as nodes of standard operators (append_decoding.cpp) --------------------------
+
+// The outputs of the network that now holds its decoding.
+struct DecodedOutputs {
+  std::string boxes;      // 1 x N x 4, in the order that has_centre_and_size tells
+  std::string scores;     // 1 x N x class_count
+  std::string keypoints;  // 1 x N x K; empty: none
+};
+
+// Makes boxes, scores and key points the only outputs. An output that holds them as they are stays as it is.
+// Throws ToolError (kModelError) when the network's version of the operators is too old for the nodes.
+// Requires: the head is of this network, and not raw.
+DecodedOutputs append_decoding(const Head& head, NetworkGraph* network);
+
+// ---- The decoding by the plain formulas, in double precision (plain_reading.cpp) ----------------
+
+// Shares no arithmetic with append_decoding.cpp, so that each proves the other.
+
+// What a network computed: the elements of its outputs by name.
+using OutputValues = std::map<std::string, std::vector<float>>;
+
+// Of one row.
+struct PlainRow {
+  std::vector<double> box;     // as the head has it: corners, or centre and size
+  std::vector<double> scores;  // with the background
+  std::vector<double> keypoints;
+};
+
+// One value of every row, as the network computes it.
+std::vector<float> read_channel(const std::vector<HeadTensor>& tensors, std::int64_t channel,
+                                const OutputValues& values);
+
+// Requires: values holds every output that the head names, with as many elements as it says.
+std::vector<PlainRow> read_plainly(const Head& head, const OutputValues& values);
+
+// The score of a row's best class.
+double best_score(const Head& head, const PlainRow& row);
 
 }  // namespace olvex_tools
 

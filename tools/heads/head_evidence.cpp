@@ -7,7 +7,6 @@
 
 #include "tools/common/command.h"
 #include "tools/common/text.h"
-#include "tools/heads/network_metadata.h"
 
 namespace olvex_tools {
 

@@ -1,16 +1,135 @@
-// head_evidence.h - what the concluders of the families ask about a network, and the reading that they write.
+// head_evidence.h - what the concluders of the families ask about a network: outputs as tables of candidate
+// rows, what computed their channels, what names and metadata say; and the reading that they write.
 #ifndef TOOLS_HEADS_HEAD_EVIDENCE_H
 #define TOOLS_HEADS_HEAD_EVIDENCE_H
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "tools/heads/head_layout.h"
+#include "tools/heads/conclude_head.h"
+#include "tools/network/network_graph.h"
 
 namespace olvex_tools {
+
+// ---- Which nodes compute which channels (channel_origins.cpp) -----------------------------------
+
+// The way back through what only moves values.
+
+// A run of channels that the same nodes compute.
+struct ChannelRun {
+  std::int64_t first = 0;
+  std::int64_t count = 0;
+  std::vector<std::string> values;  // what those nodes compute, of each layer
+};
+
+// The channels of a value along a dimension, in order. A graph that cannot be followed gives one run.
+std::vector<ChannelRun> trace_channels(const NetworkGraph& network, const std::string& value,
+                                       std::size_t axis);
+
+// The runs of several tensors with the same channels: one ends where one of theirs does.
+std::vector<ChannelRun> merge_runs(const std::vector<std::vector<ChannelRun>>& layers);
+
+// What was done to values since the last weights (Conv, Gemm, MatMul), or since they were numbers of places or the
+// results of comparisons.
+struct Treatment {
+  bool sigmoid = false;
+  bool softmax = false;
+  bool grid = false;  // they were combined with constants that differ from cell to cell
+  bool exponential = false;
+  bool rectified = false;  // Relu, Softplus
+  bool arg_max = false;
+};
+
+// From how many elements on a constant differs from cell to cell, and the rows and columns of cells: numbers in
+// equal steps, as many as there are of these, are the places of the cells.
+struct GridSize {
+  std::int64_t cells = 0;
+  std::set<std::int64_t> sides;
+};
+
+Treatment treatment_of(const NetworkGraph& network, const std::vector<std::string>& values,
+                       const GridSize& grid);
+
+// The size of the dimension that the nearest ArgMax or ReduceMax behind value goes over; 0: none.
+std::int64_t reduced_size(const NetworkGraph& network, const std::string& value);
+
+// ---- The tables (head_layout.cpp) ---------------------------------------------------------------
+
+// Outputs with the same kind of value: one for each stride, or one for all.
+struct RowKind {
+  std::vector<HeadTensor> tensors;
+  std::int64_t channels = 0;  // of a row; of a cell as long as the anchors are not known
+  std::vector<ChannelRun> runs;
+};
+
+struct HeadLayout {
+  std::vector<int> strides;    // of the cells that the rows stand for; none when they fit none
+  std::int64_t anchors = 1;    // rows of a cell; 0 when it differs from stride to stride
+  bool anchors_first = false;  // rows go anchor by anchor, of each the cells; else cell by cell
+  bool knows_order = false;    // which of the two it is; else it is what is usual
+  bool layered = false;        // an output for each stride
+  bool planes = false;         // cells: the channels of a cell may be those of several rows
+  std::int64_t rows = 0;
+  std::vector<RowKind> kinds;  // in the order in which they first appear
+};
+
+std::int64_t cells_of(const InputSize& size, int stride);
+// The stride whose cells are rows x columns; 0: none.
+int stride_of(const InputSize& size, std::int64_t rows, std::int64_t columns);
+
+bool is_layer_of_cells(const NetworkTensor& output, const InputSize& size);
+
+// What may be read of some outputs of the network; several layouts where the graph does not tell between two
+// usual sets of strides, none when the outputs do not go together.
+std::vector<HeadLayout> lay_out(const HeadQuestion& question,
+                                const std::vector<NetworkTensor>& outputs);
+
+// "8, 16 and 32 have 8400 cells, ...": the numbers of rows that are looked for.
+std::string usual_rows_text(const InputSize& size);
+
+// Planes of several anchors: the same with the values of a row instead of those of a cell.
+HeadLayout with_anchors(HeadLayout layout, std::int64_t anchors);
+
+// "8, 16 and 32".
+std::string list_of(const std::vector<int>& numbers);
+std::string comma_list(const std::vector<int>& numbers);
+
+// ---- From which layers of cells rows were moved (layout_tracing.cpp) ----------------------------
+
+// Of a layout with several rows for each cell: whether they go anchor by anchor, by --row-order or by where the
+// first two rows come from.
+void find_row_order(const HeadQuestion& question, HeadLayout* layout);
+
+// Whether the first row of each stride is seen to come from a layer of its cells.
+bool are_cells_traced(const HeadQuestion& question, const HeadLayout& layout);
+
+// ---- What exporters write beside the graph (network_metadata.cpp) -------------------------------
+
+// The value of the first entry that has one of these keys, in lower case; *used gets its key as it is written.
+std::optional<std::string> metadata_entry(const NetworkGraph& network,
+                                          std::initializer_list<const char*> keys,
+                                          std::string* used);
+
+// By class id: a dictionary of numbers and names, or a list; none when there is no such entry.
+std::vector<std::string> class_names_in_metadata(const NetworkGraph& network);
+
+// Mean, scale, colour order and resize: the usual ones of the head's family, or what the metadata says. Adds
+// a fact for each. In preprocessing.cpp.
+void conclude_preprocessing(const HeadQuestion& question, HeadReading* reading);
+
+enum class NamedContents { kUnknown, kBoxes, kScores, kCentreness, kPoints };
+
+// By the words that exporters use: scores of boxes are scores, and their classes, too.
+NamedContents contents_by_name(const std::string& output);
+
+// ---- What the families ask (head_evidence.cpp) --------------------------------------------------
 
 struct ValueRange {
   double least = 0;
@@ -110,9 +229,6 @@ bool are_usual_bins(std::int64_t bins);
 
 // Whether distance-bins is one of the readings.
 bool may_be_distance_bins(const HeadEvidence& evidence);
-
-// Drops the readings for which less speaks than for another, or that say the same.
-void keep_likely_readings(const HeadQuestion& question, std::vector<HeadReading>* readings);
 
 // ---- The families: a reading, or nothing -----------------------------------------------------------
 

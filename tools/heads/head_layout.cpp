@@ -1,12 +1,11 @@
 // head_layout.cpp - shapes against the cells of the usual strides.
-#include "tools/heads/head_layout.h"
+#include "tools/heads/head_evidence.h"
 
 #include <algorithm>
 #include <map>
 #include <set>
 
 #include "tools/common/text.h"
-#include "tools/heads/layout_tracing.h"
 
 namespace olvex_tools {
 

@@ -1,5 +1,5 @@
 // plain_reading.cpp - row by row, one formula after the other, straight from the memory of each output.
-#include "tools/heads/plain_reading.h"
+#include "tools/heads/head.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,6 @@
 // preprocessing.cpp - mean, scale, colours and resize of a network: what its metadata says, or else what is
-// usual for the head's family. Declared in network_metadata.h.
-#include "tools/heads/network_metadata.h"
+// usual for the head's family. Declared in head_evidence.h.
+#include "tools/heads/head_evidence.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,7 +9,6 @@
 #include <optional>
 
 #include "tools/common/text.h"
-#include "tools/heads/head_evidence.h"
 
 namespace olvex_tools {
 

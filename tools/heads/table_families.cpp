@@ -6,7 +6,6 @@
 #include "tools/common/command.h"
 #include "tools/common/text.h"
 #include "tools/heads/head_evidence.h"
-#include "tools/heads/output_names.h"
 
 namespace olvex_tools {
 

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "base/sdet/start_pattern.h"
 #include "platform/host/qv_host.h"
 #include "platform/replay/qv_replay.h"
 #include "tools/common/command.h"
@@ -29,10 +30,10 @@ std::string text_before_pattern(const std::string& path) {
   if (!file) {
     refuse_model(path, "cannot be read");
   }
-  const std::size_t start = text.find(QV_IPU_OFFLINE_MODEL_START);
+  const std::size_t start = text.find(kStartPattern);
   if (start == std::string::npos) {
-    refuse_model(path, "there is no \"" QV_IPU_OFFLINE_MODEL_START
-                       "\", with which the platform's part of a model file begins");
+    refuse_model(path, std::string("there is no \"") + kStartPattern +
+                           "\", with which the platform's part of a model file begins");
   }
   return text.substr(0, start);
 }

@@ -1,5 +1,6 @@
-// library_model.h - one model opened through the library's own loading code, so that pack and
-// inspect see exactly what the library will make of it.
+// library_model.h - one model opened through the library's own loading code, so that pack and inspect see
+// exactly what the library will make of it; and the codes of the library and of the host accelerator in
+// words. command.h has the exit codes, qv_host.h the accelerator's codes.
 #ifndef TOOLS_INSIDE_LIBRARY_MODEL_H
 #define TOOLS_INSIDE_LIBRARY_MODEL_H
 
@@ -9,8 +10,24 @@
 
 #include "base/sdet/sdet_model.h"
 #include "platform/host/host_image.h"
+#include "qv_types.h"
+
+#include "tools/common/command.h"
 
 namespace olvex_tools {
+
+// ---- Codes in words -----------------------------------------------------------------------------
+
+struct ResultCode {
+  QV_S32 code;
+  ExitCode exit_code;
+  const char* text;  // one sentence without its full stop
+};
+
+// Of an unknown code, what is common to all of them.
+const ResultCode& explain_result(QV_S32 code);
+
+// ---- The model ----------------------------------------------------------------------------------
 
 // The description and the checked parts of a model file; *text_header gets what stands before the start
 // pattern. Of a model of a foreign platform, see foreign_platform.h. Throws ToolError.

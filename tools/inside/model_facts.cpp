@@ -19,7 +19,7 @@ constexpr unsigned kMaxOutputs = 6;  // more the library refuses before it looks
 TensorFacts tensor_facts(const QV_IPU_TensorDesc_t& tensor) {
   TensorFacts facts;
   facts.name.assign(tensor.name, strnlen(tensor.name, sizeof tensor.name));
-  const unsigned dimensions = std::min(tensor.u32TensorDim, QV_IPU_MAX_DIMENSIONS);
+  const unsigned dimensions = std::min(tensor.u32TensorDim, OLVEX_MAX_DIMENSIONS);
   facts.shape.assign(tensor.u32TensorShape, tensor.u32TensorShape + dimensions);
   facts.format = format_name(tensor.eElmFormat);
   facts.scale = tensor.fScalar;
@@ -203,10 +203,10 @@ std::string describe(const TensorFacts& tensor) {
 ModelFacts collect_facts(LibraryModel* opened, const std::string& text_header) {
   DetAfModel& model = opened->model();
   ModelFacts facts;
-  for (unsigned i = 0; i < std::min(model.desc_.u32InputTensorCount, QV_IPU_MAX_TENSORS); ++i) {
+  for (unsigned i = 0; i < std::min(model.desc_.u32InputTensorCount, OLVEX_MAX_TENSORS); ++i) {
     facts.inputs.push_back(tensor_facts(model.desc_.astQV_InputTensorDescs[i]));
   }
-  for (unsigned i = 0; i < std::min(model.desc_.u32OutputTensorCount, QV_IPU_MAX_TENSORS); ++i) {
+  for (unsigned i = 0; i < std::min(model.desc_.u32OutputTensorCount, OLVEX_MAX_TENSORS); ++i) {
     facts.outputs.push_back(tensor_facts(model.desc_.astQV_OutputTensorDescs[i]));
   }
   facts.file_pairs = read_pairs(text_header);
@@ -228,6 +228,49 @@ ModelFacts collect_facts(LibraryModel* opened, const std::string& text_header) {
       decoding_facts(model.desc_, facts.outputs, first_value(facts.valid_pairs, kModelOutKey));
   facts.variable_buffer_size = opened->variable_buffer_size();
   return facts;
+}
+
+// ---- The scales of 16-bit outputs ---------------------------------------------------------------
+
+namespace {
+
+// Pictures to come exceed those that were looked at now and then. This reserve costs a seventh of a bit
+// of the fifteen that a value has.
+constexpr double kHeadroom = 1.1;
+
+std::vector<ScaledOutput> raw_outputs(qv_host::Description* description) {
+  std::vector<ScaledOutput> outputs;
+  for (qv_host::RawOutput& layer : description->raw) {
+    outputs.push_back({outputs.size(), 0, layer.name, &layer.scale, "--raw-scale"});
+  }
+  return outputs;
+}
+
+// The tensors' order is that of output_tensor_names(): a tensor of classes stands in second place,
+// and never beside key points.
+std::vector<ScaledOutput> decoded_outputs(qv_host::Description* description) {
+  qv_host::DecodedOutput& decoded = description->decoded;
+  const double longest_side = std::max(description->input.width, description->input.height);
+  const std::size_t scores = decoded.emit_classes ? 2 : 1;
+  std::vector<ScaledOutput> outputs = {
+      {0, longest_side, decoded.boxes, &decoded.box_scale, "--box-scale"},
+      {scores, 1, decoded.scores, &decoded.score_scale, "--score-scale"}};
+  if (!decoded.keypoints.empty()) {
+    outputs.push_back(
+        {scores + 1, longest_side, decoded.keypoints, &decoded.keypoint_scale, "--keypoint-scale"});
+  }
+  return outputs;
+}
+
+}  // namespace
+
+std::vector<ScaledOutput> scaled_outputs(qv_host::Description* description) {
+  return description->kind == qv_host::OutputKind::kRaw ? raw_outputs(description)
+                                                        : decoded_outputs(description);
+}
+
+float scale_for(double largest, double natural_reach) {
+  return static_cast<float>(std::max(largest * kHeadroom, natural_reach) / kScaleSteps);
 }
 
 }  // namespace olvex_tools

@@ -1,9 +1,13 @@
 // model_facts.h - what the library makes of a model: pairs, type, class mapping, tensors, and the
 // decoder that it will choose. Every decision is the library's; here it is only described.
 // inspect_command.cpp prints the facts, pack_command.cpp refuses a model whose decoding has a fault.
+// And the scales of a description.
 #ifndef TOOLS_INSIDE_MODEL_FACTS_H
 #define TOOLS_INSIDE_MODEL_FACTS_H
 
+#include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +15,8 @@
 
 #include "base/sdet/model_words.h"
 #include "base/sdet/sdet_model.h"
+#include "platform/host/host_image.h"
+
 #include "tools/inside/library_model.h"
 
 namespace olvex_tools {
@@ -93,6 +99,25 @@ ModelFacts collect_facts(LibraryModel* opened, const std::string& text_header);
 
 // "boxes 1x1x100x4 FP32".
 std::string describe(const TensorFacts& tensor);
+
+// ---- The scales of 16-bit outputs (model_facts.cpp) ---------------------------------------------
+
+// pack's calibration.cpp sets them, doctor judges them.
+constexpr double kScaleSteps = std::numeric_limits<std::int16_t>::max();
+
+struct ScaledOutput {
+  std::size_t tensor = 0;    // its place among the output tensors
+  double natural_reach = 0;  // values up to here are to be expected whatever pictures show; 0: none
+  std::string name;          // the network's output
+  float* scale = nullptr;    // in the description
+  const char* option = "";   // of pack
+};
+
+// description must outlive what is returned.
+std::vector<ScaledOutput> scaled_outputs(qv_host::Description* description);
+
+// The real value of 1 for a tensor whose largest value, without sign, is known.
+float scale_for(double largest, double natural_reach);
 
 }  // namespace olvex_tools
 

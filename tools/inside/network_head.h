@@ -1,4 +1,5 @@
-// network_head.h - concludes which head a whole network has: its graph, and what it computes for a picture.
+// network_head.h - runs a network in the host's engine as it is, without an image around it, and concludes
+// which head it has: by its graph, and by what it computes for a picture.
 #ifndef TOOLS_INSIDE_NETWORK_HEAD_H
 #define TOOLS_INSIDE_NETWORK_HEAD_H
 
@@ -7,13 +8,53 @@
 #include <vector>
 
 #include <opencv2/core.hpp>
+#include <opencv2/dnn.hpp>
+
+#include "platform/host/host_image.h"
 
 #include "tools/heads/conclude_head.h"
+#include "tools/heads/head.h"
 #include "tools/network/loadable.h"
 #include "tools/network/network_graph.h"
 #include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
+
+// ---- The run, for looking at the outputs and for proving a decoding -----------------------------
+
+// How the picture's values become the network's.
+struct InputValues {
+  std::string name;  // of the network's input
+  int width = 0;
+  int height = 0;
+  qv_host::Resize resize = qv_host::Resize::kStretch;
+  qv_host::ColourOrder order = qv_host::ColourOrder::kRgb;
+  std::array<float, 3> mean = {{0.f, 0.f, 0.f}};
+  std::array<float, 3> scale = {{1.f, 1.f, 1.f}};
+};
+
+InputValues input_values(const qv_host::InputDescription& input);
+
+class EngineRun {
+ public:
+  // Throws ToolError (kModelError) when the engine does not take the network.
+  //   path  for messages
+  EngineRun(const std::vector<char>& network, const std::string& path,
+            const std::vector<std::string>& outputs, bool fusion);
+
+  // The outputs for a picture (8-bit BGR), which is brought to the network's size. Throws ToolError
+  // (kModelError) when the network does not run.
+  OutputValues run(const cv::Mat& picture, const InputValues& input);
+
+ private:
+  [[noreturn]] void fail(const cv::Exception& error, const std::string& failure) const;
+
+  std::string path_;
+  std::vector<std::string> outputs_;
+  cv::dnn::Net net_;
+};
+
+// ---- The head -----------------------------------------------------------------------------------
 
 struct HeadRequest {
   std::optional<std::string> input;  // that takes the picture, where the network has several

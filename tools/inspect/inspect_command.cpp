@@ -13,7 +13,6 @@
 #include "tools/common/json_text.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
-#include "tools/common/standard_output.h"
 #include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"

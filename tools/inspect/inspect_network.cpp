@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tools/common/command.h"
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 #include "tools/frames/frame_source.h"

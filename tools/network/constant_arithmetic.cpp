@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "tools/network/constant_value.h"
+#include "tools/network/constant_folding.h"
 
 namespace olvex_tools {
 

@@ -5,7 +5,7 @@
 #include <numeric>
 #include <optional>
 
-#include "tools/network/constant_value.h"
+#include "tools/network/constant_folding.h"
 
 namespace olvex_tools {
 

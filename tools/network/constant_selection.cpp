@@ -5,7 +5,7 @@
 #include <cmath>
 #include <numeric>
 
-#include "tools/network/constant_value.h"
+#include "tools/network/constant_folding.h"
 
 namespace olvex_tools {
 

@@ -5,7 +5,7 @@
 #include <map>
 #include <optional>
 
-#include "tools/network/constant_value.h"
+#include "tools/network/constant_folding.h"
 #include "tools/network/node_rewriting.h"
 
 namespace olvex_tools {

@@ -5,7 +5,6 @@
 #include <numeric>
 
 #include "tools/network/constant_folding.h"
-#include "tools/network/constant_value.h"
 #include "tools/network/node_rewriting.h"
 
 namespace olvex_tools {

@@ -76,7 +76,7 @@ int slice_instead_of_gathering(NetworkGraph* network);
 int slice_one_axis_at_a_time(NetworkGraph* network);
 int repeat_by_concatenation(NetworkGraph* network);
 
-// engine_shapes.cpp
+// engine_forms.cpp
 int reshape_instead_of_squeezing(NetworkGraph* network);
 int normalise_softmax(NetworkGraph* network);
 int widen_broadcasts(NetworkGraph* network);
@@ -85,7 +85,7 @@ int widen_broadcasts(NetworkGraph* network);
 std::string add_widening(const std::string& value, const Shape& from, const Shape& to,
                          Replacement* replacement);
 
-// engine_attributes.cpp: forms that the declared version of the operators does not have, so they come last
+// engine_forms.cpp: forms that the declared version of the operators does not have, so they come last
 int turn_clip_bounds_into_attributes(NetworkGraph* network);
 int turn_axes_into_attributes(NetworkGraph* network);
 int turn_split_sizes_into_attributes(NetworkGraph* network);

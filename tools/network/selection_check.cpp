@@ -1,5 +1,5 @@
 // selection_check.cpp - the tail of a network on arbitrary numbers, and the search for its rows.
-#include "tools/network/selection_check.h"
+#include "tools/network/selection_lifting.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +8,6 @@
 #include <random>
 
 #include "tools/network/constant_folding.h"
-#include "tools/network/constant_value.h"
 
 namespace olvex_tools {
 

@@ -1,9 +1,9 @@
 // selection_tables.cpp - brings values of all candidates into one form, 1 x rows x columns.
-#include "tools/network/selection_tables.h"
+#include "tools/network/selection_lifting.h"
 
 #include <algorithm>
 
-#include "tools/network/selection_nodes.h"
+#include "tools/network/selection_tail.h"
 
 namespace olvex_tools {
 

@@ -1,5 +1,5 @@
 // calibration.cpp - runs the pictures, keeps the largest values, makes scales of them.
-// Declared in pack.h; spread_frames.h supplies the pictures.
+// Declared in pack.h; frame_source.h supplies the pictures.
 #include "tools/pack/pack.h"
 
 #include <algorithm>
@@ -9,8 +9,8 @@
 
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
-#include "tools/frames/spread_frames.h"
-#include "tools/inside/scaled_outputs.h"
+#include "tools/frames/frame_source.h"
+#include "tools/inside/model_facts.h"
 
 namespace olvex_tools {
 

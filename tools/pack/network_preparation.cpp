@@ -1,6 +1,6 @@
 // network_preparation.cpp - the steps from a network's file to the one in the image, and the refusals of
 // heads that cannot be concluded.
-#include "tools/pack/network_preparation.h"
+#include "tools/pack/pack.h"
 
 #include <set>
 

@@ -1,5 +1,6 @@
 // pack.h - the parts of the subcommand pack: what is known of the network, the options, the resulting
-// description of the model, and its calibration. pack_command.cpp puts them together.
+// description of the model, its calibration, the prepared network and its proof. pack_command.cpp puts them
+// together.
 #ifndef TOOLS_PACK_PACK_H
 #define TOOLS_PACK_PACK_H
 
@@ -10,12 +11,16 @@
 #include <string>
 #include <vector>
 
+#include <opencv2/core.hpp>
+
 #include "platform/host/host_image.h"
 
 #include "tools/common/options.h"
 #include "tools/heads/conclude_head.h"
+#include "tools/heads/head.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
+#include "tools/inside/network_head.h"
 #include "tools/network/network_graph.h"
 
 namespace olvex_tools {
@@ -121,7 +126,98 @@ struct Calibration {
 Calibration calibrate(const std::string& pictures, long limit, LibraryModel* model,
                       qv_host::Description* description);
 
-// The work of the subcommand. In pack_command.cpp.
+// ---- The values of the options from their texts (pack_values.cpp) -------------------------------
+// Each throws ToolError (kUsageError) with a message that names the option when the text does not fit.
+
+// A decimal number or a ratio such as 1/255.
+float parse_number(const std::string& option, const std::string& text);
+// One number for all three, or three with commas between.
+ThreeNumbers parse_three(const std::string& option, const std::string& text);
+FrameSize parse_size(const std::string& text);
+// A whole number of 1 or more.
+int parse_count(const std::string& option, const std::string& text);
+int parse_background(const std::string& option, const std::string& text);
+std::vector<int> parse_integers(const std::string& option, const std::string& text);
+// "10x13,16x30/30x61": a square where there is one number.
+SizesOfLayers parse_sizes(const std::string& option, const std::string& text);
+std::array<double, 2> parse_two_numbers(const std::string& option, const std::string& text);
+double parse_place(const std::string& option, const std::string& text);
+std::string parse_family(const std::string& option, const std::string& text);
+Pair parse_pair(const std::string& text);
+// What the library would not read back as it is, or would not understand.
+void check_header(const Pairs& pairs);
+
+// ---- From the network's file to the network in the image (network_preparation.cpp) --------------
+
+// A head that was concluded, and what proves its decoding.
+struct ConcludedHead {
+  HeadReading reading;
+  std::string command;               // that says the same
+  std::vector<char> uncut;           // the network with its own outputs
+  std::vector<std::string> outputs;  // their names
+};
+
+struct PreparedNetwork {
+  NetworkGraph graph;  // as the engine gets it
+  std::vector<char> bytes;
+  std::vector<char> portable;              // for --save-network
+  std::vector<std::string> rewrites;       // one line for each kind
+  std::vector<std::string> notes;          // what is probably not as meant
+  std::optional<ConcludedHead> head;       // when nothing was said about the outputs
+  PackOptions options;                     // with what was concluded filled in
+  Selection selection = Selection::kNone;  // that was cut off
+};
+
+// Reads the network, makes it static, and, where the options say nothing about its outputs, concludes the
+// head and appends the decoding. Throws ToolError: kModelError when the network cannot be packed, kUsageError
+// when an option does not fit it or two heads do.
+//   start    the size in it, where there is one, is that of an input that the network leaves open
+//   picture  whose outputs are looked at; called when they are
+// Requires: this process has run no network yet.
+PreparedNetwork prepare_network(const PackOptions& options, const qv_host::Description& start,
+                                const std::function<cv::Mat()>& picture);
+
+// Fits it to the engine. Afterwards its graph is for looking only.
+void finish_network(PreparedNetwork* prepared);
+
+// ---- The proof that a packed network decodes as it should (proof.cpp) ---------------------------
+// Against a plain reading of the network's own outputs, with and without the engine's fusion, and by what
+// boxes and scores must look like.
+
+struct ProofPicture {
+  std::string name;
+  cv::Mat picture;  // 8-bit BGR
+};
+
+struct ProofResult {
+  bool fusion = true;               // it changes nothing
+  std::vector<std::string> shown;   // what was found right, one line each
+  std::vector<std::string> notes;   // what is probably not as meant
+  std::vector<std::string> faults;  // what is wrong; the proof failed when there is one
+};
+
+// Requires: prepared has a head; the network has been tried and does no harm.
+ProofResult prove(const PreparedNetwork& prepared, const qv_host::Description& description,
+                  const std::vector<ProofPicture>& pictures);
+
+// Of outputs that the options describe: whether fusion changes them, and as notes what is not plausible.
+// Requires: the network has been tried and does no harm.
+ProofResult try_described_outputs(const PreparedNetwork& prepared,
+                                  const qv_host::Description& description,
+                                  const std::vector<ProofPicture>& pictures);
+
+// ---- Whether it sees more with another preprocessing (preprocessing_trial.cpp) ------------------
+
+constexpr double kSure = .5;  // a score from which on a row counts as a box
+
+// Adds to the faults what cannot be right, and to the notes with what the network is sure of more rows.
+//   network  with outputs that the head describes
+void try_preprocessing(const Head& head, const qv_host::InputDescription& input,
+                       const std::vector<ProofPicture>& pictures, EngineRun* network,
+                       ProofResult* result);
+
+// ---- The work of the subcommand (pack_command.cpp) ----------------------------------------------
+
 int pack(const PackOptions& options);
 
 }  // namespace olvex_tools

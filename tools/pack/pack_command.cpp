@@ -12,9 +12,7 @@
 #include "platform/host/qv_host.h"
 
 #include "tools/frames/codec_modules.h"
-#include "tools/pack/network_preparation.h"
 #include "tools/pack/pack.h"
-#include "tools/pack/proof.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/inside/library_model.h"
@@ -24,7 +22,6 @@
 #include "tools/frames/own_files.h"
 #include "tools/common/output_file.h"
 #include "tools/network/loadable.h"
-#include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 

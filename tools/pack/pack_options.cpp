@@ -1,13 +1,12 @@
-// pack_options.cpp - the options of pack. Declared in pack.h; pack_values.h turns texts into values.
+// pack_options.cpp - the options of pack. Declared in pack.h; pack_values.cpp turns texts into values.
 #include "tools/pack/pack.h"
 
 #include <map>
 #include <memory>
 
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/common/subcommands.h"
 #include "tools/common/text.h"
-#include "tools/pack/pack_values.h"
 
 namespace olvex_tools {
 

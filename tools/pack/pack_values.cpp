@@ -1,5 +1,5 @@
 // pack_values.cpp - numbers, sizes and header entries from the texts of options.
-#include "tools/pack/pack_values.h"
+#include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <cmath>

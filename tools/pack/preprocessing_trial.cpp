@@ -1,5 +1,5 @@
 // preprocessing_trial.cpp - counts the rows of a high score under other usual preprocessings.
-#include "tools/pack/preprocessing_trial.h"
+#include "tools/pack/pack.h"
 
 #include <algorithm>
 #include <utility>

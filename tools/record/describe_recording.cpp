@@ -86,9 +86,11 @@ std::string describe_recording(const Recording& recording) {
   for (const RecordedEvent& event : recording.events) {
     text += event_text(recording, event);
   }
-  const std::uint64_t lost =
-      recording.events.empty() ? about.lost_frames : recording.events.back().lost_frames;
-  text += "lost      " + counted(lost, "frame", "frames") + "\n";
+  const bool has_events = !recording.events.empty();
+  const std::uint64_t lost = has_events ? recording.events.back().lost_frames : about.lost_frames;
+  const std::uint64_t calls = has_events ? recording.events.back().lost_calls : about.lost_calls;
+  text += "lost      " + counted(lost, "frame", "frames") +
+          (calls > 0 ? " and " + counted(calls, "call", "calls") : "") + "\n";
   for (const Damage& damage : recording.container.damages) {
     text += "damage    " + damage_text(damage) + "\n";
   }

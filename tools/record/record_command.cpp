@@ -6,7 +6,7 @@
 
 #include "tools/common/subcommands.h"
 #include "tools/common/options.h"
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"
 #include "tools/record/record.h"

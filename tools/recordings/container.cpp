@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <map>
+#include <set>
 #include <utility>
 
 #include <zlib.h>
@@ -18,6 +18,9 @@ namespace olvex_tools {
 namespace {
 
 constexpr char kLibrary[] = "olvex_recorder ";
+// Chunks within chunks that all look whole up to their last byte: looking at each of them in full would take
+// the square of the file's size. Other files do not come near this multiple of their size.
+constexpr std::size_t kMostLooks = 16;
 
 struct Record {
   unsigned char number = 0;
@@ -184,7 +187,7 @@ class Reader {
     return message;
   }
 
-  ContainedChunk read_chunk(const Record& record) const {
+  ContainedChunk read_chunk(const Record& record) {
     ContainedChunk chunk;
     chunk.offset = record.offset;
     chunk.end = record.end;
@@ -200,6 +203,7 @@ class Reader {
     if (cursor.value<std::uint64_t>() != cursor.left() || size != cursor.left()) {
       throw FileFault{record.begin + 16, "the sizes of the chunk contradict each other"};
     }
+    looked_at_ += cursor.left();
     if (crc32_of(bytes_ + cursor.offset(), cursor.left()) != crc) {
       throw FileFault{record.offset, "the chunk is damaged: its CRC is wrong"};
     }
@@ -224,10 +228,14 @@ class Reader {
   using Index = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
 
   // Index records say again what the chunk says: time and place of each message, by channel.
-  void read_index(const Record& record, const ContainedChunk& chunk) const {
+  void read_index(const Record& record, const ContainedChunk& chunk) {
     const std::size_t first = chunk.offset + RECORDING_RECORD_HEADER + RECORDING_CHUNK_HEADER;
     FileCursor cursor(bytes_, record.begin, record.end);
     const std::uint16_t channel = cursor.value<std::uint16_t>();
+    schema_of(channel, record.begin);
+    if (!indexed_.insert(channel).second) {
+      throw FileFault{record.offset, "a second message index of a channel"};
+    }
     Index found;
     if (cursor.value<std::uint32_t>() != cursor.left()) {
       throw FileFault{record.begin + 2, "the size of the message index is wrong"};
@@ -255,6 +263,7 @@ class Reader {
       switch (record.number) {
         case RECORDING_CHUNK:
           container_.chunks.push_back(read_chunk(record));
+          indexed_.clear();
           break;
         case RECORDING_MESSAGE_INDEX:
           if (container_.chunks.empty()) {
@@ -316,7 +325,7 @@ class Reader {
 
   // ---- Recovery ----
 
-  bool is_whole_chunk(std::size_t offset) const {
+  bool is_whole_chunk(std::size_t offset) {
     try {
       const Record record = record_at(offset);
       return record.number == RECORDING_CHUNK && !read_chunk(record).messages.empty();
@@ -330,6 +339,12 @@ class Reader {
     std::size_t next = std::max(from, std::min(fault.offset, size_));
     while (next < size_ && !(bytes_[next] == RECORDING_CHUNK && is_whole_chunk(next))) {
       ++next;
+      if (looked_at_ / kMostLooks > size_) {
+        container_.damages.push_back(
+            {fault.offset, size_, false,
+             fault.what + "; what follows was not made by a recorder, and is not looked through"});
+        return size_;
+      }
     }
     container_.damages.push_back({fault.offset, next, fault.is_cut && next == size_, fault.what});
     return next;
@@ -338,6 +353,8 @@ class Reader {
   const std::string& name_;
   const unsigned char* bytes_;
   std::size_t size_;
+  std::size_t looked_at_ = 0;        // bytes of chunks whose CRC was computed
+  std::set<std::uint16_t> indexed_;  // channels of the last chunk
   Container container_;
 };
 

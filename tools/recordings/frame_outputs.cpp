@@ -11,7 +11,10 @@ namespace olvex_tools {
 
 namespace {
 
-constexpr std::uint32_t kInt16 = 2;  // QV_IPU_FORMAT_INT16, as Tensor.format has it
+// Tensor.format: QV_IPU_FORMAT_ and the name.
+constexpr std::uint32_t kU8 = 0;
+constexpr std::uint32_t kInt16 = 2;
+constexpr std::uint32_t kInt8 = 4;
 constexpr std::uint64_t kMostBytes = 1u << 28;
 
 [[noreturn]] void refuse(const std::string& what) {
@@ -20,7 +23,11 @@ constexpr std::uint64_t kMostBytes = 1u << 28;
 
 // The first output's type holds for all.
 std::size_t element_size(const RecordedNetwork& network) {
-  return !network.outputs.empty() && network.outputs.front().format == kInt16 ? 2 : 4;
+  const std::uint32_t format = network.outputs.empty() ? kU8 : network.outputs.front().format;
+  if (format == kU8 || format == kInt8) {
+    return 1;
+  }
+  return format == kInt16 ? 2 : 4;
 }
 
 // -infinity, or the lowest integer.

@@ -155,7 +155,46 @@ IfIs<R, RecordedEvent> visit(Visitor& v, R& m) {
 }
 template <typename Visitor, typename R>
 IfIs<R, RecordedPicture> visit(Visitor& v, R& m) {
-  visit_all(v, m.number, m.width, m.height, m.format, m.data);
+  visit_all(v, m.number, m.x, m.y, m.width, m.height, m.format, m.data);
+}
+
+// ---- For viewers ----
+
+template <typename Visitor, typename R>
+IfIs<R, ViewerTime> visit(Visitor& v, R& m) {
+  visit_all(v, m.seconds, m.nanoseconds);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerPoint> visit(Visitor& v, R& m) {
+  visit_all(v, m.x, m.y);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerColour> visit(Visitor& v, R& m) {
+  visit_all(v, m.red, m.green, m.blue, m.opacity);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerPair> visit(Visitor& v, R& m) {
+  visit_all(v, m.key, m.value);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerCircle> visit(Visitor& v, R& m) {
+  visit_all(v, m.time, m.position, m.diameter, m.thickness, m.fill, m.outline, m.metadata);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerPoints> visit(Visitor& v, R& m) {
+  visit_all(v, m.time, m.type, m.points, m.outline, m.outlines, m.fill, m.thickness, m.metadata);
+}
+template <typename Visitor, typename R>
+IfIs<R, ViewerText> visit(Visitor& v, R& m) {
+  visit_all(v, m.time, m.position, m.text, m.font_size, m.colour, m.background, m.metadata);
+}
+template <typename Visitor, typename R>
+IfIs<R, ImageAnnotations> visit(Visitor& v, R& m) {
+  visit_all(v, m.time, m.circles, m.points, m.texts, m.metadata);
+}
+template <typename Visitor, typename R>
+IfIs<R, CompressedImage> visit(Visitor& v, R& m) {
+  visit_all(v, m.time, m.frame_id, m.data, m.format);
 }
 
 // One by one, so that a length beyond the message asks for no memory.
@@ -216,6 +255,8 @@ OLVEX_MESSAGE(RecordedCall)
 OLVEX_MESSAGE(RecordedFrame)
 OLVEX_MESSAGE(RecordedEvent)
 OLVEX_MESSAGE(RecordedPicture)
+OLVEX_MESSAGE(ImageAnnotations)
+OLVEX_MESSAGE(CompressedImage)
 #undef OLVEX_MESSAGE
 
 }  // namespace olvex_tools

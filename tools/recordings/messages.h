@@ -147,10 +147,82 @@ struct RecordedEvent {
 
 struct RecordedPicture {
   std::uint32_t number = 0;
+  std::uint32_t x = 0;  // of the part that is there
+  std::uint32_t y = 0;
   std::uint32_t width = 0;
   std::uint32_t height = 0;
   std::uint32_t format = 0;
   Bytes data;
+};
+
+// ---- For viewers: the definitions of foxglove_msgs -------------------------------------------------------
+
+struct ViewerTime {
+  std::uint32_t seconds = 0;  // since 1970
+  std::uint32_t nanoseconds = 0;
+};
+
+struct ViewerPoint {
+  double x = 0;
+  double y = 0;
+};
+
+struct ViewerColour {
+  double red = 0;
+  double green = 0;
+  double blue = 0;
+  double opacity = 0;
+};
+
+struct ViewerPair {
+  std::string key;
+  std::string value;
+};
+
+struct ViewerCircle {
+  ViewerTime time;
+  ViewerPoint position;
+  double diameter = 0;
+  double thickness = 0;
+  ViewerColour fill;
+  ViewerColour outline;
+  std::vector<ViewerPair> metadata;
+};
+
+struct ViewerPoints {
+  ViewerTime time;
+  std::uint8_t type = 4;  // every two points are a line
+  std::vector<ViewerPoint> points;
+  ViewerColour outline;
+  std::vector<ViewerColour> outlines;
+  ViewerColour fill;
+  double thickness = 0;
+  std::vector<ViewerPair> metadata;
+};
+
+struct ViewerText {
+  ViewerTime time;
+  ViewerPoint position;
+  std::string text;
+  double font_size = 0;
+  ViewerColour colour;
+  ViewerColour background;
+  std::vector<ViewerPair> metadata;
+};
+
+struct ImageAnnotations {
+  ViewerTime time;
+  std::vector<ViewerCircle> circles;
+  std::vector<ViewerPoints> points;
+  std::vector<ViewerText> texts;
+  std::vector<ViewerPair> metadata;
+};
+
+struct CompressedImage {
+  ViewerTime time;
+  std::string frame_id;
+  Bytes data;
+  std::string format;
 };
 
 // What is wrong with a message, and at which of its bytes. recording.cpp makes errors for the user of it.

@@ -133,10 +133,12 @@ class Collector {
         recording_.networks.emplace(network.call, std::move(network));
         break;
       }
-      case RECORDING_CALL:
-        recording_.calls.push_back(unpack<RecordedCall>(message));
-        check_call(recording_.calls.back());
+      case RECORDING_CALL: {
+        auto call = unpack<RecordedCall>(message);
+        check_call(call);
+        recording_.calls.push_back(std::move(call));
         break;
+      }
       case RECORDING_FRAME:
         add_frame(message);
         break;
@@ -144,7 +146,7 @@ class Collector {
         recording_.events.push_back(unpack<RecordedEvent>(message));
         break;
       case RECORDING_PICTURE:
-        unpack<RecordedPicture>(message);
+        recording_.kept_pictures[unpack<RecordedPicture>(message).number] = message;
         ++recording_.pictures;
         break;
       default:  // annotations: for viewers
@@ -207,6 +209,15 @@ class Collector {
 RecordedFrame Recording::frame(std::size_t index) const {
   const ContainedMessage& message = frames[index];
   return unpack_message<RecordedFrame>(bytes.data() + message.offset, message.size);
+}
+
+std::optional<RecordedPicture> Recording::picture(std::uint32_t number) const {
+  const auto found = kept_pictures.find(number);
+  if (found == kept_pictures.end()) {
+    return std::nullopt;
+  }
+  const ContainedMessage& message = found->second;
+  return unpack_message<RecordedPicture>(bytes.data() + message.offset, message.size);
 }
 
 Recording read_recording(const std::string& name, std::vector<unsigned char> bytes,

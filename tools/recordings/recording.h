@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,11 +34,14 @@ struct Recording {
   std::map<std::uint32_t, RecordedNetwork> networks;  // by the call that described it
   std::vector<RecordedStep> steps;                    // by call
   std::size_t pictures = 0;
+  std::map<std::uint32_t, ContainedMessage> kept_pictures;  // by the frame's number; see picture()
   // By the call that made them, calls of the platform; by call.
   std::map<std::uint32_t, std::vector<std::size_t>> inner_calls;
 
-  // Throws nothing: the frame was read once already.
+  // They throw nothing: both were read once already.
   RecordedFrame frame(std::size_t index) const;
+  // Nothing when the frame of that number has none.
+  std::optional<RecordedPicture> picture(std::uint32_t number) const;
 };
 
 // The file's recording. Throws ToolError (kInputError), which names the file and the byte, for a file that is

@@ -2,6 +2,7 @@
 #include "tools/recordings/recording_writer.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -39,32 +40,19 @@ void append_magic(Bytes* bytes) {
   }
 }
 
-Bytes header() {
+Bytes header(const std::string& library) {
   Bytes bytes;
   append(&bytes, std::string());
-  append(&bytes, "olvex_recorder " + std::to_string(RECORDING_FORMAT));
+  append(&bytes, library);
   return bytes;
 }
 
-void append_definitions(Bytes* bytes) {
-  for (std::uint16_t k = 1; k <= RECORDING_CHANNELS; ++k) {
-    const recording_schema& schema = recording_schemas[k - 1];
-    Bytes contents;
-    append(&contents, k);
-    append(&contents, std::string(schema.name));
-    append(&contents, std::string("ros1msg"));
-    append(&contents, std::string(schema.text));
-    append_record(bytes, RECORDING_SCHEMA, contents);
+std::vector<ChannelToWrite> recorded_channels() {
+  std::vector<ChannelToWrite> channels;
+  for (const recording_schema& schema : recording_schemas) {
+    channels.push_back({schema.topic, schema.name, schema.text});
   }
-  for (std::uint16_t k = 1; k <= RECORDING_CHANNELS; ++k) {
-    Bytes contents;
-    append(&contents, k);
-    append(&contents, k);
-    append(&contents, std::string(recording_schemas[k - 1].topic));
-    append(&contents, std::string("ros1"));
-    append(&contents, std::uint32_t{0});
-    append_record(bytes, RECORDING_CHANNEL, contents);
-  }
+  return channels;
 }
 
 Bytes message_record(const MessageToWrite& message) {
@@ -98,12 +86,39 @@ const std::string& for_owner_only(const std::string& path) {
 }  // namespace
 
 RecordingWriter::RecordingWriter(const std::string& path)
-    : file_(for_owner_only(path), nullptr, OutputForm::kWhole) {
+    : RecordingWriter(path, "olvex_recorder " + std::to_string(RECORDING_FORMAT),
+                      recorded_channels()) {}
+
+RecordingWriter::RecordingWriter(const std::string& path, const std::string& library,
+                                 std::vector<ChannelToWrite> channels)
+    : file_(for_owner_only(path), nullptr, OutputForm::kWhole),
+      channels_(std::move(channels)),
+      counts_(channels_.size()) {
   Bytes bytes;
   append_magic(&bytes);
-  append_record(&bytes, RECORDING_HEADER, header());
+  append_record(&bytes, RECORDING_HEADER, header(library));
   append_definitions(&bytes);
   write(bytes);
+}
+
+void RecordingWriter::append_definitions(Bytes* bytes) const {
+  for (std::size_t k = 0; k < channels_.size(); ++k) {
+    Bytes contents;
+    append(&contents, static_cast<std::uint16_t>(k + 1));
+    append(&contents, channels_[k].schema);
+    append(&contents, std::string("ros1msg"));
+    append(&contents, channels_[k].definition);
+    append_record(bytes, RECORDING_SCHEMA, contents);
+  }
+  for (std::size_t k = 0; k < channels_.size(); ++k) {
+    Bytes contents;
+    append(&contents, static_cast<std::uint16_t>(k + 1));
+    append(&contents, static_cast<std::uint16_t>(k + 1));
+    append(&contents, channels_[k].topic);
+    append(&contents, std::string("ros1"));
+    append(&contents, std::uint32_t{0});
+    append_record(bytes, RECORDING_CHANNEL, contents);
+  }
 }
 
 void RecordingWriter::write(const Bytes& bytes) {
@@ -119,7 +134,8 @@ void RecordingWriter::add_chunk(const std::vector<MessageToWrite>& messages) {
   entry.offset = written_;
   entry.first_time = messages.front().log_time;
   Bytes records;
-  std::array<Bytes, RECORDING_CHANNELS> indexes;
+  std::vector<Bytes> indexes(channels_.size());
+  entry.indexes.resize(channels_.size());
   for (const MessageToWrite& message : messages) {
     entry.first_time = std::min(entry.first_time, message.log_time);
     entry.last_time = std::max(entry.last_time, message.log_time);
@@ -132,7 +148,7 @@ void RecordingWriter::add_chunk(const std::vector<MessageToWrite>& messages) {
   append_record(&bytes, RECORDING_CHUNK, chunk_record(entry.first_time, entry.last_time, records));
   entry.size = bytes.size();
   entry.bytes = records.size();
-  for (std::uint16_t k = 0; k < RECORDING_CHANNELS; ++k) {
+  for (std::size_t k = 0; k < indexes.size(); ++k) {
     if (!indexes[k].empty()) {
       entry.indexes[k] = written_ + bytes.size();
       Bytes index;
@@ -150,7 +166,7 @@ void RecordingWriter::add_chunk(const std::vector<MessageToWrite>& messages) {
 Bytes RecordingWriter::statistics() const {
   std::uint64_t messages = 0;
   Bytes counts;
-  for (std::uint16_t k = 0; k < RECORDING_CHANNELS; ++k) {
+  for (std::size_t k = 0; k < counts_.size(); ++k) {
     messages += counts_[k];
     append(&counts, static_cast<std::uint16_t>(k + 1));
     append(&counts, counts_[k]);
@@ -163,8 +179,8 @@ Bytes RecordingWriter::statistics() const {
   }
   Bytes bytes;
   append(&bytes, messages);
-  append(&bytes, static_cast<std::uint16_t>(RECORDING_CHANNELS));
-  append(&bytes, std::uint32_t{RECORDING_CHANNELS});
+  append(&bytes, static_cast<std::uint16_t>(channels_.size()));
+  append(&bytes, static_cast<std::uint32_t>(channels_.size()));
   append(&bytes, std::uint64_t{0});  // attachments and metadata
   append(&bytes, static_cast<std::uint32_t>(chunks_.size()));
   append(&bytes, first);
@@ -176,7 +192,7 @@ Bytes RecordingWriter::statistics() const {
 
 Bytes RecordingWriter::chunk_index(const ChunkEntry& chunk) {
   Bytes offsets;
-  for (std::uint16_t k = 0; k < RECORDING_CHANNELS; ++k) {
+  for (std::size_t k = 0; k < chunk.indexes.size(); ++k) {
     if (chunk.indexes[k] != 0) {
       append(&offsets, static_cast<std::uint16_t>(k + 1));
       append(&offsets, chunk.indexes[k]);

@@ -46,7 +46,7 @@ class Player {
   QV_S32 init_from_file(const RecordedCall& call, PlayedHandle* handle);
   QV_S32 init_from_memory(const RecordedCall& call, PlayedHandle* handle);
   QV_S32 get_input_attr(const RecordedCall& call, PlayedHandle* handle);
-  void require_words(const RecordedCall& call) const;
+  void require_words(const RecordedCall& call, const PlayedHandle* handle) const;
   void after_call(const RecordedCall& call, PlayedHandle* handle);
   void change_options(PlayedHandle* handle);
   // Frames that ran between two calls in force, where they leave a trace.

@@ -103,8 +103,12 @@ ReplayDifference place_of(const RecordedCall& call) {
 
 }  // namespace
 
-void Player::require_words(const RecordedCall& call) const {
-  const bool is_null = is_initialisation(call) && call.words.empty();
+void Player::require_words(const RecordedCall& call, const PlayedHandle* handle) const {
+  // Of a handle that is not initialised nothing was handed back.
+  const bool may_be_null =
+      is_initialisation(call) ||
+      (call.function == RECORDING_GET_INPUT_ATTR && handle != nullptr && !handle->is_initialised);
+  const bool is_null = may_be_null && call.words.empty();
   if (!is_null && call.words.size() < words_of(call.function)) {
     refuse_input(recording_.name, "call " + std::to_string(call.call) + ": words of " +
                                       function_name(call.function) + " are missing");
@@ -116,12 +120,12 @@ float Player::threshold_of(std::uint32_t word) const {
 }
 
 void Player::play_call(const RecordedCall& call) {
-  require_words(call);
   PlayedHandle* handle = find(call.handle);
   if (!can_be_played(call, handle)) {
     ++result_.left_out;
     return;
   }
+  require_words(call, handle);
   if (call.function == RECORDING_CREATE_HANDLE) {
     handle = &handles_[call.handle];
   } else if (handle != nullptr) {
@@ -226,7 +230,7 @@ QV_S32 Player::get_input_attr(const RecordedCall& call, PlayedHandle* handle) {
   const QV_U32 played[] = {attributes.width, attributes.height,
                            static_cast<QV_U32>(attributes.format)};
   const char* const names[] = {"width", "height", "format"};
-  for (std::size_t k = 0; handle->is_initialised && k < 3; ++k) {
+  for (std::size_t k = 0; handle->is_initialised && k < std::size(names); ++k) {
     if (played[k] != call.words[k]) {
       differ(place_of(call), names[k], names[k], std::to_string(call.words[k]),
              std::to_string(played[k]));

@@ -155,6 +155,12 @@ void Player::hand_over(const RecordedFrame& frame, const PlayedHandle& handle,
                        const std::vector<Box_t>& boxes) {
   PlayedFrame played;
   played.handle = frame.handle;
+  played.of_handle = handle.frames;
+  played.time = frame.begin + recording_.about.realtime - recording_.about.monotonic;
+  if (handle.network != nullptr && !handle.network->inputs.empty()) {
+    played.input_height = handle.network->inputs.front().shape[1];
+    played.input_width = handle.network->inputs.front().shape[2];
+  }
   FrameRecord& record = played.record;
   record.number = frame.number;
   record.image_id = frame.number;

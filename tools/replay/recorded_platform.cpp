@@ -231,7 +231,7 @@ ModelFile::ModelFile(const Recording& recording, const RecordedCall& call)
   std::string contents;
   if (had_model(recording, call)) {
     contents = model.header;
-    contents += had_start_pattern(recording, call) ? QV_IPU_OFFLINE_MODEL_START : "";
+    contents += had_start_pattern(recording, call) ? OLVEX_OFFLINE_MODEL_START : "";
   }
   descriptor_ = memfd_create("recorded model", MFD_CLOEXEC);
   // The rest is a hole. The library counts a file's bytes in 32 bits.

@@ -67,6 +67,10 @@ struct ReplayDifference {
 
 struct PlayedFrame {
   std::uint32_t handle = 0;
+  std::uint32_t of_handle = 0;    // which of the handle's frames it is, from 1
+  std::uint64_t time = 0;         // of its begin, nanoseconds since 1970
+  std::uint32_t input_width = 0;  // of the network's input, pixels; 0 where it is not known
+  std::uint32_t input_height = 0;
   FrameRecord record;
 };
 
@@ -91,6 +95,12 @@ struct PlayResult {
 // order in which they began. Nothing is compared when options are changed. Throws ToolError (kInputError) for a
 // recording that contradicts itself. The library logs on standard output.
 PlayResult play(const Recording& recording, const PlayOptions& options);
+
+// ---- What a recording lacks (missing_parts.cpp) -----------------------------------------------------------
+
+// Sentences for the user, none for a recording that lacks nothing: frames and calls that were lost, or whose
+// chunks were damaged, and calls in force that did not fit.
+std::vector<std::string> missing_parts(const Recording& recording);
 
 // ---- What changed between two runs (run_changes.cpp) ----------------------------------------------------
 

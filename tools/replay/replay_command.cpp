@@ -10,11 +10,11 @@
 #include "tools/common/subcommands.h"
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
-#include "tools/common/standard_output.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"
 #include "tools/frames/result_writers.h"
 #include "tools/replay/replay.h"
+#include "tools/replay/shown_frames.h"
 
 namespace olvex_tools {
 
@@ -22,6 +22,7 @@ namespace {
 
 constexpr std::size_t kShownChanges = 20;
 constexpr long kNumberMost = UINT32_MAX;
+constexpr char kForViewers[] = "mcap";
 
 const char kDescription[] = "Play what a camera recorded through the library, and compare";
 
@@ -39,11 +40,21 @@ const char kManual[] =
     "joined and split. Its names: threshold, track, track-frames, ignore-static, "
     "static-sensitivity,\n"
     "stable, stable-sensitivity, strict. Thresholds below the recording's floor are refused.\n\n"
+    "--annotate draws the boxes over the pictures that the recorder kept, or over those of --over; "
+    "with\n"
+    "--set both runs stand side by side. --export mcap writes boxes, and the same pictures as "
+    "JPEG, as\n"
+    "stock viewers show them. With several handles --over has a picture for each handle's frame "
+    "of a\n"
+    "number, otherwise for the frame of that number.\n\n"
     "Examples:\n"
     "  olvex-det replay camera.1.mcap\n"
     "  olvex-det replay camera.1.mcap --from 100 --to 200 --log library.log\n"
     "  olvex-det replay camera.1.mcap --export mot --output tracks.txt\n"
-    "  olvex-det replay camera.1.mcap --set threshold=0.4,track=1 --changes changes.jsonl\n\n"
+    "  olvex-det replay camera.1.mcap --set threshold=0.4,track=1 --changes changes.jsonl\n"
+    "  olvex-det replay camera.1.mcap --set threshold=0.4 --annotate changes.mkv --over "
+    "street.mp4\n"
+    "  olvex-det replay camera.1.mcap --export mcap --output boxes.mcap\n\n"
     "Exit codes: 1 something differs from the recording, 4 FILE is no recording or damaged. What\n"
     "stands before the damage is played. A file that only ends early, as after a power failure, "
     "is\n"
@@ -58,6 +69,11 @@ struct CommandLine {
   std::vector<std::string> changes;
   std::string changes_output;
   std::string log;
+  std::string drawing;
+  std::string over;
+  long over_start = 1;
+
+  bool is_for_viewers() const { return export_format == kForViewers; }
 };
 
 void check(const CommandLine& line) {
@@ -70,9 +86,18 @@ void check(const CommandLine& line) {
   if (!line.changes_output.empty() && line.changes.empty()) {
     refuse_usage("--changes: give with --set what to change");
   }
-  require_own_files(
-      {{"--output", line.output}, {"--changes", line.changes_output}, {"--log", line.log, true}},
-      {line.input});
+  if (line.is_for_viewers() && line.output == kStandardOutput) {
+    refuse_usage("--output -: a file for viewers has an index, and needs a name");
+  }
+  if (!line.over.empty() && line.drawing.empty() && !line.is_for_viewers()) {
+    refuse_usage("--over: give with --annotate or --export mcap what to do with the pictures");
+  }
+  require_own_files({{"--output", line.output},
+                     {"--changes", line.changes_output},
+                     {"--annotate", line.drawing},
+                     {"--log", line.log, true}},
+                    line.over.empty() ? std::vector<std::string>{line.input}
+                                      : std::vector<std::string>{line.input, line.over});
 }
 
 void warn(const CommandLine& line, const std::string& text) {
@@ -84,6 +109,9 @@ void warn(const CommandLine& line, const std::string& text) {
 void say_what_may_differ(const CommandLine& line, const Recording& recording) {
   for (const Damage& damage : recording.container.damages) {
     warn(line, damage_text(damage) + ". What stands before is played");
+  }
+  for (const std::string& text : missing_parts(recording)) {
+    warn(line, text);
   }
   const std::string& library = recording.about.library;
   if (library.empty()) {
@@ -122,7 +150,13 @@ PlayResult run(const CommandLine& line, const Recording& recording, const Change
   return result;
 }
 
-void export_frames(const CommandLine& line, const std::vector<PlayedFrame>& frames) {
+void export_frames(const CommandLine& line, const Recording& recording,
+                   const std::vector<PlayedFrame>& frames) {
+  if (line.is_for_viewers()) {
+    FramePictures pictures(recording, line.over, line.over_start);
+    write_for_viewers(line.output, &pictures, frames);
+    return;
+  }
   const std::unique_ptr<FrameWriter> writer = make_writer(line, stdout);
   const std::vector<std::string> no_names;
   const cv::Mat no_picture;
@@ -131,6 +165,16 @@ void export_frames(const CommandLine& line, const std::vector<PlayedFrame>& fram
     writer->write(&picture);
   }
   writer->finish();
+}
+
+void draw(const CommandLine& line, const Recording& recording,
+          const std::vector<PlayedFrame>& before, const std::vector<PlayedFrame>& after) {
+  FramePictures pictures(recording, line.over, line.over_start);
+  const bool has_changes = !line.changes.empty();
+  draw_frames(line.drawing, &pictures, before, has_changes ? &after : nullptr,
+              join(line.changes, ", "), [&](const std::string& text) {
+                std::fprintf(stderr, "olvex-det replay: %s\n", printable(text).c_str());
+              });
 }
 
 std::string what_was_played(const PlayResult& result) {
@@ -197,9 +241,9 @@ int replay(const CommandLine& line) {
   say_what_may_differ(line, recording);
   const bool has_changes = !line.changes.empty();
   const bool is_exported = !line.output.empty();
+  const bool are_kept = has_changes || is_exported || !line.drawing.empty();
   std::vector<PlayedFrame> before;
-  const PlayResult result =
-      run(line, recording, {}, has_changes || is_exported ? &before : nullptr);
+  const PlayResult result = run(line, recording, {}, are_kept ? &before : nullptr);
   std::string text = report(line.input, result);
   std::vector<PlayedFrame> after;
   if (has_changes) {
@@ -211,7 +255,10 @@ int replay(const CommandLine& line) {
     }
   }
   if (is_exported) {
-    export_frames(line, has_changes ? after : before);
+    export_frames(line, recording, has_changes ? after : before);
+  }
+  if (!line.drawing.empty()) {
+    draw(line, recording, before, after);
   }
   show(line, text);
   if (result.first) {
@@ -233,13 +280,20 @@ void add_replay_command(CLI::App& application, Command* chosen) {
   options.add("--to", "N", &line->to, "Number of the last one").range(0L, kNumberMost);
   options
       .add("--export", "FORMAT", &line->export_format,
-           "Write the frames' boxes as run does: jsonl, mot or coco")
-      .one_of({"jsonl", "mot", "coco"});
+           "Write the frames' boxes as run does: jsonl, mot or coco; or for viewers: mcap")
+      .one_of({"jsonl", "mot", "coco", kForViewers});
   options.add("-o,--output", "FILE", &line->output, "File for --export, - for standard output");
   options.add("--set", "NAME=VALUE,...", &line->changes, "Run again with other options")
       .split_at(',');
   options.add("--changes", "FILE", &line->changes_output,
               "What --set changed, as JSON Lines; - for standard output");
+  options.add("--annotate", "FILE", &line->drawing,
+              "Draw the boxes into a video (.mkv, .avi, .mp4, .mov) or, by another name, a folder");
+  options.add("--over", "INPUT", &line->over,
+              "A video, or pictures, for --annotate and --export mcap in place of kept pictures");
+  options.add("--over-start", "N", &line->over_start, "Number of the frame that INPUT begins with")
+      .shows_default()
+      .range(1L, kNumberMost);
   options.add("--log", "FILE", &line->log, "Append the library's log to FILE");
 }
 

@@ -1,5 +1,5 @@
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
-// Declared in run.h; tile_grid.h has the grid.
+// Declared in run.h; annotation.h has the grid.
 #include "tools/run/run.h"
 
 #include <algorithm>
@@ -7,7 +7,6 @@
 
 #include "tools/frames/annotation.h"
 #include "tools/common/output_file.h"
-#include "tools/frames/tile_grid.h"
 
 namespace olvex_tools {
 

@@ -1,4 +1,4 @@
-// detector.cpp - create, initialise, configure, run, free. result_codes.h puts the
+// detector.cpp - create, initialise, configure, run, free. library_model.h puts the
 // library's codes into words.
 #include "tools/run/run.h"
 
@@ -14,7 +14,7 @@
 #include "tools/common/command.h"
 #include "tools/inside/foreign_platform.h"
 #include "tools/inside/last_output.h"
-#include "tools/inside/result_codes.h"
+#include "tools/inside/library_model.h"
 
 namespace olvex_tools {
 

@@ -18,7 +18,7 @@
 
 #include "olvex_det.h"
 #include "tools/common/command.h"
-#include "tools/common/standard_output.h"
+#include "tools/common/output_file.h"
 #include "tools/frames/annotation.h"
 #include "tools/frames/frame_record.h"
 #include "tools/frames/result_writers.h"
@@ -103,17 +103,7 @@ class RunLog {
 
 // ---- The outputs (run_outputs.cpp) --------------------------------------------------------------
 
-// The following draw: frames must come with their picture.
-
-// path ends in .mp4, .mkv, .mov or .avi. All frames get the size of the first. notice tells the
-// user that no H.264 encoder was found.
-std::unique_ptr<FrameWriter> make_video_writer(
-    const std::string& path, double frames_per_second,
-    const std::function<void(const std::string&)>& notice);
-// Makes the folder; extension is png or jpg.
-std::unique_ptr<FrameWriter> make_folder_writer(const std::string& folder,
-                                                const std::string& extension);
-// tiles: frames on the sheet, 1..400, evenly chosen from however many come.
+// It draws: frames must come with their picture. tiles: frames on the sheet, 1..400, evenly chosen from however many come.
 std::unique_ptr<FrameWriter> make_contact_sheet_writer(const std::string& path, std::size_t tiles);
 
 // Paths; an empty one stands for an output that is not wanted.

@@ -8,6 +8,7 @@
 #include "tools/common/options.h"
 #include "tools/common/output_file.h"
 #include "tools/common/subcommands.h"
+#include "tools/frames/picture_writers.h"
 #include "tools/inside/foreign_platform.h"
 #include "tools/run/run.h"
 
@@ -126,7 +127,7 @@ void check_combinations(const CommandLine& line) {
     refuse_usage("--whole-pixels acts on --mot and --coco: add one of them, or leave it out");
   }
   const std::string& video = line.run.outputs.video;
-  if (!video.empty() && !ends_in_one_of(video, {".mp4", ".mkv", ".mov", ".avi"})) {
+  if (!video.empty() && !is_video_name(video)) {
     refuse_usage("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
   }
   if (line.run.log == kStandardOutput) {

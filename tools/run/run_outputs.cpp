@@ -6,6 +6,7 @@
 #include "tools/common/command.h"
 #include "tools/common/output_file.h"
 #include "tools/frames/own_files.h"
+#include "tools/frames/picture_writers.h"
 
 namespace olvex_tools {
 

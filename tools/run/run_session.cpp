@@ -13,7 +13,7 @@
 #include "platform/host/host_image.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_source.h"
-#include "tools/frames/letterbox.h"
+#include "tools/frames/frame_conversion.h"
 #include "tools/common/interruption.h"
 #include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"

@@ -5,6 +5,7 @@
 #ifndef ALGO_TYPES_H
 #define ALGO_TYPES_H
 
+#include "olvex_layout.h"
 #include "qv_types.h"
 
 /* Results of every public function, returned as QV_S32. A failing call of the chip's interface is
@@ -36,8 +37,8 @@ typedef struct DetStableBboxParams_t {
 #endif
 } DetStableBboxParams_t;
 
-QV_LAYOUT_ASSERT(sizeof(E_ALGO_ERRORCODE_E) == 4, "E_ALGO_ERRORCODE_E");
-QV_LAYOUT_ASSERT(offsetof(DetStableBboxParams_t, stable_sensitive) == 4, "stable_sensitive");
-QV_LAYOUT_ASSERT(sizeof(DetStableBboxParams_t) == 8, "DetStableBboxParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(E_ALGO_ERRORCODE_E) == 4, "E_ALGO_ERRORCODE_E");
+OLVEX_LAYOUT_ASSERT(offsetof(DetStableBboxParams_t, stable_sensitive) == 4, "stable_sensitive");
+OLVEX_LAYOUT_ASSERT(sizeof(DetStableBboxParams_t) == 8, "DetStableBboxParams_t");
 
 #endif /* ALGO_TYPES_H */

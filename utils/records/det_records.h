@@ -93,16 +93,16 @@ struct DetInfo_t {
         model_buffer_len(0) {}
 };
 
-QV_LAYOUT_ASSERT(sizeof(KeyPt_t) == 12, "KeyPt_t");
-QV_LAYOUT_ASSERT(sizeof(olvex::vector<int>) == QV_BY_POINTER_SIZE(24, 12), "olvex::vector");
-QV_LAYOUT_ASSERT(offsetof(IoutStaticParams_t, ref_frame) == 8, "IoutStaticParams_t");
-QV_LAYOUT_ASSERT(sizeof(IoutStaticParams_t) == 12, "IoutStaticParams_t");
-QV_LAYOUT_ASSERT(sizeof(DetDoubleCheckParams_t) == QV_BY_POINTER_SIZE(40, 28),
-                 "DetDoubleCheckParams_t");
-QV_LAYOUT_ASSERT(sizeof(IouTrackerParams_t) == 6, "IouTrackerParams_t");
-QV_LAYOUT_ASSERT(sizeof(BoxInfo) == QV_BY_POINTER_SIZE(64, 56), "BoxInfo");
-QV_LAYOUT_ASSERT(offsetof(DetInfo_t, threshold) == 512, "DetInfo_t threshold");
-QV_LAYOUT_ASSERT(offsetof(DetInfo_t, model_buffer) == 528, "DetInfo_t model_buffer");
-QV_LAYOUT_ASSERT(sizeof(DetInfo_t) == 544, "DetInfo_t");
+OLVEX_LAYOUT_ASSERT(sizeof(KeyPt_t) == 12, "KeyPt_t");
+OLVEX_LAYOUT_ASSERT(sizeof(olvex::vector<int>) == OLVEX_BY_POINTER_SIZE(24, 12), "olvex::vector");
+OLVEX_LAYOUT_ASSERT(offsetof(IoutStaticParams_t, ref_frame) == 8, "IoutStaticParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(IoutStaticParams_t) == 12, "IoutStaticParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(DetDoubleCheckParams_t) == OLVEX_BY_POINTER_SIZE(40, 28),
+                    "DetDoubleCheckParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(IouTrackerParams_t) == 6, "IouTrackerParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(BoxInfo) == OLVEX_BY_POINTER_SIZE(64, 56), "BoxInfo");
+OLVEX_LAYOUT_ASSERT(offsetof(DetInfo_t, threshold) == 512, "DetInfo_t threshold");
+OLVEX_LAYOUT_ASSERT(offsetof(DetInfo_t, model_buffer) == 528, "DetInfo_t model_buffer");
+OLVEX_LAYOUT_ASSERT(sizeof(DetInfo_t) == 544, "DetInfo_t");
 
 #endif  // UTILS_RECORDS_DET_RECORDS_H

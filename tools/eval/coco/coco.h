@@ -182,7 +182,7 @@ std::vector<Metric> all_metrics(const CocoMetrics& metrics);
 // Their names, which do not depend on results.
 std::vector<std::string> coco_metric_names(const CocoTruth& truth);
 
-// ---- The errors (coco_picture_errors.cpp) -------------------------------------------------------
+// ---- The errors (coco_matching.cpp) -------------------------------------------------------------
 
 constexpr double kErrorOverlap = 0.5;  // from which a detection has found a truth box
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "tools/common/svg.h"
+#include "tools/common/evaluation.h"
 #include "tools/common/text.h"
 
 namespace olvex_tools {

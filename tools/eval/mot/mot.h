@@ -122,7 +122,7 @@ std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double thres
 // The CLEAR MOT counts: K. Bernardin, R. Stiefelhagen, "Evaluating multiple object tracking performance: the
 // CLEAR MOT metrics", EURASIP Journal on Image and Video Processing 2008. Mostly tracked and mostly lost
 // objects and fragments: Y. Li, C. Huang, R. Nevatia, "Learning to associate: HybridBoosted multi-target
-// tracker for crowded scene", CVPR 2009. In mot_clear.cpp.
+// tracker for crowded scene", CVPR 2009. In mot_metrics.cpp.
 struct ClearCounts {
   long matches = 0;
   long misses = 0;       // truths without a result

@@ -1,10 +1,148 @@
-// mot_metrics.cpp - from counts to metrics.
-#include "tools/eval/mot/mot.h"
-
+// mot_metrics.cpp - CLEAR MOT in one pass over the frames with a memory of each object; and from counts to
+// metrics. Declared in mot.h.
+#include <limits>
 #include <map>
 #include <utility>
 
+#include "tools/eval/mot/mot.h"
+
 namespace olvex_tools {
+
+// ---- CLEAR MOT ----------------------------------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
+
+struct ObjectMemory {
+  std::size_t last_result = kNone;  // index of the id that it was last found under
+  long last_found_frame = 0;
+  bool found_when_last_present = false;
+  long frames = 0;
+  long found_frames = 0;
+};
+
+class ClearPass {
+ public:
+  ClearPass(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs)
+      : clip_(clip), memories_(clip.objects.size()), runs_(*runs) {
+    runs_.assign(clip.objects.size(), {});
+  }
+
+  ClearCounts run() {
+    for (const ClipFrame& frame : clip_.frames) {
+      add_frame(frame);
+    }
+    for (const ObjectMemory& memory : memories_) {
+      classify(memory);
+    }
+    return counts_;
+  }
+
+ private:
+  void add_frame(const ClipFrame& frame) {
+    const std::vector<WeightedPair> matches = match(frame);
+    std::vector<const WeightedPair*> match_of_truth(frame.truths.size(), nullptr);
+    for (const WeightedPair& pair : matches) {
+      match_of_truth[pair.row] = &pair;
+    }
+    for (std::size_t i = 0; i < frame.truths.size(); ++i) {
+      const std::size_t object = frame.truths[i].track;
+      ++memories_[object].frames;
+      if (match_of_truth[i] != nullptr) {
+        note_found(object, frame.results[match_of_truth[i]->column].track, frame.number);
+        counts_.overlap_sum += match_of_truth[i]->weight;
+      }
+      memories_[object].found_when_last_present = match_of_truth[i] != nullptr;
+    }
+    const long found = static_cast<long>(matches.size());
+    counts_.matches += found;
+    counts_.misses += static_cast<long>(frame.truths.size()) - found;
+    counts_.false_boxes += static_cast<long>(frame.results.size()) - found;
+  }
+
+  std::vector<WeightedPair> match(const ClipFrame& frame) const {
+    const std::vector<WeightedPair> pairs = overlapping_pairs(frame, kMatchOverlap);
+    std::vector<WeightedPair> matches;
+    std::vector<bool> truth_taken(frame.truths.size(), false);
+    std::vector<bool> result_taken(frame.results.size(), false);
+    for (const WeightedPair& pair : pairs) {
+      const ObjectMemory& memory = memories_[frame.truths[pair.row].track];
+      if (memory.last_result == frame.results[pair.column].track &&
+          memory.last_found_frame == frame.number - 1) {
+        matches.push_back(pair);
+        truth_taken[pair.row] = true;
+        result_taken[pair.column] = true;
+      }
+    }
+    std::vector<WeightedPair> rest;
+    for (const WeightedPair& pair : pairs) {
+      if (!truth_taken[pair.row] && !result_taken[pair.column]) {
+        rest.push_back(pair);
+      }
+    }
+    for (const WeightedPair& pair :
+         best_assignment(frame.truths.size(), frame.results.size(), rest)) {
+      matches.push_back(pair);
+    }
+    return matches;
+  }
+
+  void note_found(std::size_t object, std::size_t result, long frame) {
+    ObjectMemory& memory = memories_[object];
+    const bool found_before = memory.last_result != kNone;
+    counts_.switches += found_before && memory.last_result != result ? 1 : 0;
+    counts_.fragments += found_before && !memory.found_when_last_present ? 1 : 0;
+
+    std::vector<FoundRun>& runs = runs_[object];
+    if (memory.last_result == result && memory.last_found_frame == frame - 1) {
+      runs.back().frames.last = frame;
+    } else {
+      runs.push_back({{frame, frame}, clip_.result_ids[result]});
+    }
+    memory.last_result = result;
+    memory.last_found_frame = frame;
+    ++memory.found_frames;
+  }
+
+  void classify(const ObjectMemory& memory) {
+    if (memory.frames == 0) {
+      return;  // only ever ignored
+    }
+    if (memory.found_frames * 10 >= memory.frames * 8) {
+      ++counts_.mostly_tracked;
+    } else if (memory.found_frames * 10 >= memory.frames * 2) {
+      ++counts_.partly_tracked;
+    } else {
+      ++counts_.mostly_lost;
+    }
+  }
+
+  const MotClip& clip_;
+  std::vector<ObjectMemory> memories_;
+  std::vector<std::vector<FoundRun>>& runs_;
+  ClearCounts counts_;
+};
+
+}  // namespace
+
+void ClearCounts::add(const ClearCounts& other) {
+  matches += other.matches;
+  misses += other.misses;
+  false_boxes += other.false_boxes;
+  switches += other.switches;
+  fragments += other.fragments;
+  overlap_sum += other.overlap_sum;
+  mostly_tracked += other.mostly_tracked;
+  partly_tracked += other.partly_tracked;
+  mostly_lost += other.mostly_lost;
+}
+
+ClearCounts clear_mot(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs) {
+  return ClearPass(clip, runs).run();
+}
+
+// ---- The metrics --------------------------------------------------------------------------------
 
 namespace {
 

@@ -6,8 +6,7 @@
 
 #include <pthread.h>
 
-#include "qv_ipu.h"
-#include "qv_sys.h"
+#include "platform/contract/olvex_platform.h"
 
 #include "utils/olvex_stl/scratch.h"
 #include "utils/olvex_stl/simplestl.h"

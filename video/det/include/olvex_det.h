@@ -57,6 +57,12 @@
 extern "C" {
 #endif
 
+/* Version of this header and of the library that it belongs to. A change of PATCH changes no interface, one of MINOR
+ * adds to it, one of MAJOR needs applications to be compiled again: it is the number behind libolvex_det.so. */
+#define OLVEX_DET_VERSION_MAJOR 1
+#define OLVEX_DET_VERSION_MINOR 0
+#define OLVEX_DET_VERSION_PATCH 0
+
 /* Boxes that one call of ALGO_DET_Run can report. */
 #define ALGO_DET_MAX_BOXES 200
 
@@ -360,30 +366,30 @@ QV_S32 ALGO_DET_ReleaseHandle(void* handle);
 }
 #endif
 
-QV_LAYOUT_ASSERT(sizeof(Rect_t) == 8, "Rect_t");
-QV_LAYOUT_ASSERT(offsetof(Box_t, class_id) == 16, "Box_t class_id");
-QV_LAYOUT_ASSERT(offsetof(Box_t, score) == 20, "Box_t score");
-QV_LAYOUT_ASSERT(offsetof(Box_t, pts) == 24, "Box_t pts");
-QV_LAYOUT_ASSERT(sizeof(Box_t) == 32, "Box_t");
-QV_LAYOUT_ASSERT(offsetof(ALGO_Input_t, phy_addr) == 8, "ALGO_Input_t phy_addr");
-QV_LAYOUT_ASSERT(offsetof(ALGO_Input_t, buf_size) == 16, "ALGO_Input_t buf_size");
-QV_LAYOUT_ASSERT(offsetof(ALGO_Input_t, pts) == 24, "ALGO_Input_t pts");
-QV_LAYOUT_ASSERT(sizeof(ALGO_Input_t) == 32, "ALGO_Input_t");
-QV_LAYOUT_ASSERT(offsetof(DetectionInfo_t, model) == 256, "DetectionInfo_t model");
-QV_LAYOUT_ASSERT(offsetof(DetectionInfo_t, threshold) == 512, "DetectionInfo_t threshold");
-QV_LAYOUT_ASSERT(offsetof(DetectionInfo_t, had_create_device) == 524, "DetectionInfo_t device");
-QV_LAYOUT_ASSERT(sizeof(DetectionInfo_t) == 528, "DetectionInfo_t");
-QV_LAYOUT_ASSERT(offsetof(DetectionInfo2_t, model_buffer_len) == QV_BY_POINTER_SIZE(8, 4),
+OLVEX_LAYOUT_ASSERT(sizeof(Rect_t) == 8, "Rect_t");
+OLVEX_LAYOUT_ASSERT(offsetof(Box_t, class_id) == 16, "Box_t class_id");
+OLVEX_LAYOUT_ASSERT(offsetof(Box_t, score) == 20, "Box_t score");
+OLVEX_LAYOUT_ASSERT(offsetof(Box_t, pts) == 24, "Box_t pts");
+OLVEX_LAYOUT_ASSERT(sizeof(Box_t) == 32, "Box_t");
+OLVEX_LAYOUT_ASSERT(offsetof(ALGO_Input_t, phy_addr) == 8, "ALGO_Input_t phy_addr");
+OLVEX_LAYOUT_ASSERT(offsetof(ALGO_Input_t, buf_size) == 16, "ALGO_Input_t buf_size");
+OLVEX_LAYOUT_ASSERT(offsetof(ALGO_Input_t, pts) == 24, "ALGO_Input_t pts");
+OLVEX_LAYOUT_ASSERT(sizeof(ALGO_Input_t) == 32, "ALGO_Input_t");
+OLVEX_LAYOUT_ASSERT(offsetof(DetectionInfo_t, model) == 256, "DetectionInfo_t model");
+OLVEX_LAYOUT_ASSERT(offsetof(DetectionInfo_t, threshold) == 512, "DetectionInfo_t threshold");
+OLVEX_LAYOUT_ASSERT(offsetof(DetectionInfo_t, had_create_device) == 524, "DetectionInfo_t device");
+OLVEX_LAYOUT_ASSERT(sizeof(DetectionInfo_t) == 528, "DetectionInfo_t");
+OLVEX_LAYOUT_ASSERT(offsetof(DetectionInfo2_t, model_buffer_len) == OLVEX_BY_POINTER_SIZE(8, 4),
                  "DetectionInfo2_t length");
-QV_LAYOUT_ASSERT(offsetof(DetectionInfo2_t, had_create_device) == QV_BY_POINTER_SIZE(24, 20),
+OLVEX_LAYOUT_ASSERT(offsetof(DetectionInfo2_t, had_create_device) == OLVEX_BY_POINTER_SIZE(24, 20),
                  "DetectionInfo2_t device");
-QV_LAYOUT_ASSERT(sizeof(DetectionInfo2_t) == QV_BY_POINTER_SIZE(32, 24), "DetectionInfo2_t");
-QV_LAYOUT_ASSERT(offsetof(InputAttr_t, format) == 8, "InputAttr_t format");
-QV_LAYOUT_ASSERT(sizeof(InputAttr_t) == 12, "InputAttr_t");
-QV_LAYOUT_ASSERT(offsetof(DetTrackParams_t, static_sensitive) == 4, "DetTrackParams_t static");
-QV_LAYOUT_ASSERT(offsetof(DetTrackParams_t, stable_bbox) == 8, "DetTrackParams_t stable");
-QV_LAYOUT_ASSERT(offsetof(DetTrackParams_t, ignore_frame_number) == 16, "DetTrackParams_t frames");
-QV_LAYOUT_ASSERT(sizeof(DetTrackParams_t) == 20, "DetTrackParams_t");
-QV_LAYOUT_ASSERT(sizeof(DetStrictModeParams_t) == 1, "DetStrictModeParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(DetectionInfo2_t) == OLVEX_BY_POINTER_SIZE(32, 24), "DetectionInfo2_t");
+OLVEX_LAYOUT_ASSERT(offsetof(InputAttr_t, format) == 8, "InputAttr_t format");
+OLVEX_LAYOUT_ASSERT(sizeof(InputAttr_t) == 12, "InputAttr_t");
+OLVEX_LAYOUT_ASSERT(offsetof(DetTrackParams_t, static_sensitive) == 4, "DetTrackParams_t static");
+OLVEX_LAYOUT_ASSERT(offsetof(DetTrackParams_t, stable_bbox) == 8, "DetTrackParams_t stable");
+OLVEX_LAYOUT_ASSERT(offsetof(DetTrackParams_t, ignore_frame_number) == 16, "DetTrackParams_t frames");
+OLVEX_LAYOUT_ASSERT(sizeof(DetTrackParams_t) == 20, "DetTrackParams_t");
+OLVEX_LAYOUT_ASSERT(sizeof(DetStrictModeParams_t) == 1, "DetStrictModeParams_t");
 
 #endif /* OLVEX_DET_H */

@@ -97,11 +97,11 @@ int DetHandle::unlock_mutex_lock() {
 // ---- Set-up and teardown ------------------------------------------------------------------------
 
 int DetHandle::create_device(unsigned int variable_size) {
-  QV_IPU_DevAttr_t attributes = QV_IPU_DevAttr_t();
+  QV_IPU_DevAttr_s attributes = QV_IPU_DevAttr_s();
   attributes.u32MaxVariableBufSize = variable_size;
-  attributes.u32YUV420_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT;
-  attributes.u32YUV420_H_Pitch_Alignment = QV_IPU_NV12_ROWS_ALIGNMENT;
-  attributes.u32XRGB_W_Pitch_Alignment = QV_IPU_ROW_ALIGNMENT;
+  attributes.u32YUV420_W_Pitch_Alignment = OLVEX_ROW_ALIGNMENT;
+  attributes.u32YUV420_H_Pitch_Alignment = OLVEX_NV12_ROWS_ALIGNMENT;
+  attributes.u32XRGB_W_Pitch_Alignment = OLVEX_ROW_ALIGNMENT;
   const int result = QV_IPU_CreateDevice(&attributes, NULL, mDetInfo_.ipu_firmware_path, 0);
   if (result != 0) {
     OLVEX_ERROR_FORMAT("QV_IPU_CreateDevice failed(error code = %d)\n", result);
