@@ -1,9 +1,11 @@
 /* model_image.c - mapping of the model's file, and bounds of what is read of it. */
+#define _DEFAULT_SOURCE
 #define _POSIX_C_SOURCE 200809L
 #include "model_image.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -13,11 +15,20 @@
 #include "report.h"
 
 static const struct model_image* mapped;
+/* The last one: its addresses stay reserved, so that no other memory is read there. */
+static struct model_image closed;
+static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static unsigned reads;
 static unsigned outside;
 static unsigned late;
 static int outside_offset;
 static int outside_size;
+
+static void set_mapped(const struct model_image* image) {
+  pthread_mutex_lock(&lock);
+  mapped = image;
+  pthread_mutex_unlock(&lock);
+}
 
 static const char* find_model(struct model_image* image) {
   const size_t length = sizeof OLVEX_OFFLINE_MODEL_START - 1;
@@ -46,11 +57,19 @@ static const char* map_file(int file, struct model_image* image) {
     return strerror(errno);
   }
   image->file = memory;
-  mapped = image;
+  set_mapped(image);
   return find_model(image);
 }
 
+static void release_closed(void) {
+  if (closed.file != NULL) {
+    munmap(closed.file, closed.file_size);
+    closed.file = NULL;
+  }
+}
+
 const char* map_model(const char* path, struct model_image* image) {
+  release_closed();
   memset(image, 0, sizeof *image);
   const int file = open(path, O_RDONLY | O_CLOEXEC);
   if (file < 0) {
@@ -62,14 +81,14 @@ const char* map_model(const char* path, struct model_image* image) {
 }
 
 void unmap_model(struct model_image* image) {
-  mapped = NULL;
-  munmap(image->file, image->file_size);
+  set_mapped(NULL);
+  mmap(image->file, image->file_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  closed = *image;
   image->file = NULL;
   image->model = NULL;
 }
 
-int read_model(void* to, int offset, int size, char* context) {
-  (void)context;
+static int read_locked(void* to, int offset, int size) {
   ++reads;
   if (mapped == NULL) {
     ++late;
@@ -84,6 +103,15 @@ int read_model(void* to, int offset, int size, char* context) {
   }
   memcpy(to, mapped->model + offset, (size_t)size);
   return 0;
+}
+
+int read_model(void* to, int offset, int size, char* context) {
+  (void)context;
+  /* A platform may keep the callback, and then call it from any thread. */
+  pthread_mutex_lock(&lock);
+  const int result = read_locked(to, offset, size);
+  pthread_mutex_unlock(&lock);
+  return result;
 }
 
 int read_nothing(void* to, int offset, int size, char* context) {

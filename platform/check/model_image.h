@@ -14,6 +14,7 @@ struct model_image {
 
 /* Returns NULL, or why the file cannot be used. */
 const char* map_model(const char* path, struct model_image* image);
+/* From now on reading it is a crash, until the next one is mapped. */
 void unmap_model(struct model_image* image);
 
 /* Copies from the mapped model. Fails outside it, and where none is mapped, and counts both. */

@@ -36,6 +36,8 @@ enum class Function {
   kFlushInvCache
 };
 
+constexpr int kFunctionCount = 10;
+
 // With its prefix: "QV_IPU_Invoke".
 const char* function_name(Function function);
 
@@ -77,6 +79,13 @@ std::vector<Difference> end();
 
 // Frees an owner's output buffers.
 void release(std::uint32_t owner);
+
+// Takes a platform's library for the one behind this one, for as long as the process lives. Before the first QV_
+// call. Returns why it cannot be used, with its name; empty when it can.
+std::string use_platform(const std::string& path);
+
+// How long the thread's last QV_IPU_Invoke that was handed on took, in milliseconds.
+double last_invoke_time();
 
 }  // namespace qv_replay
 

@@ -1,9 +1,9 @@
 // replay_platform.cpp - the QV_ calls: answered from recorded calls, or handed on to the platform behind this one.
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
-#include <dlfcn.h>
-
+#include "platform/replay/next_platform.h"
 #include "platform/replay/qv_replay.h"
 #include "platform/replay/recorded_calls.h"
 
@@ -12,21 +12,30 @@ namespace {
 using qv_replay::Call;
 using qv_replay::Function;
 
-// The same call of the platform behind this one; null where there is none.
-template <typename Signature>
-Signature* behind(Signature* /*own*/, Function function) {
-  void* const found = dlsym(RTLD_NEXT, qv_replay::function_name(function));
-  Signature* result = nullptr;
-  std::memcpy(&result, &found, sizeof result);
-  return result;
-}
-
 // own: the call here. Looked for once for each of them.
-#define HAND_ON(own, function, ...)                                      \
-  if (!qv_replay::is_playing()) {                                        \
-    static const auto next = behind(own, function);                      \
-    return next != nullptr ? next(__VA_ARGS__) : qv_replay::kNoPlatform; \
+#define HAND_ON(own, function, ...)                                                            \
+  if (!qv_replay::is_playing()) {                                                              \
+    static const auto next = qv_replay::next_call_of(own, qv_replay::function_name(function)); \
+    return next != nullptr ? next(__VA_ARGS__) : qv_replay::kNoPlatform;                       \
   }
+
+thread_local double invoke_time = 0;  // milliseconds
+
+// Notes how long a call takes that is handed on.
+class InvokeTimer {
+ public:
+  InvokeTimer() = default;
+  ~InvokeTimer() {
+    invoke_time =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
+            .count();
+  }
+  InvokeTimer(const InvokeTimer&) = delete;
+  InvokeTimer& operator=(const InvokeTimer&) = delete;
+
+ private:
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
 
 template <typename Record>
 void append_words(const Record* record, std::vector<QV_U32>* words) {
@@ -119,7 +128,12 @@ QV_S32 QV_IPU_PutOutputTensors(QV_U32 channel, QV_IPU_TensorVector_t* tensors) {
                                         {tensors->u32TensorCount}, nullptr));
 }
 
+double qv_replay::last_invoke_time() {
+  return invoke_time;
+}
+
 QV_S32 QV_IPU_Invoke(QV_U32 channel, QV_IPU_TensorVector_t* input, QV_IPU_TensorVector_t* output) {
+  const InvokeTimer timer;
   HAND_ON(QV_IPU_Invoke, Function::kInvoke, channel, input, output)
   const Call* const call =
       qv_replay::next_call(Function::kInvoke, channel, {input->u32TensorCount}, nullptr);

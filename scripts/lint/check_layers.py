@@ -54,7 +54,7 @@ KNOWN = {
     "tools/network/": ("tools/common/",),
     "tools/heads/": ("tools/common/", "tools/network/", IMAGE),
     "tools/inside/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", IMAGE, HOST, CHIP,
-                      "base/sdet/", "video/det/"),
+                      "platform/replay/qv_replay.h", "base/sdet/", "video/det/"),
     "tools/compare/": ("tools/common/", "tools/frames/"),
     "tools/doctor/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE, HOST, PUBLIC),
     "tools/eval/coco/": ("tools/common/", "tools/frames/"),

@@ -27,7 +27,8 @@ SCOPES = {
     "tools": Scope(
         "tools; the tests of the command line, but not those that take minutes",
         ("tools",), False, [*FLAGS, *NATIVE],
-        [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder"], [TOOL], TOOL,
+        [TOOL, "make_test_network", "sweep_preload", "camera_plain", "olvex_recorder", "probe_platform"],
+        [TOOL], TOOL,
         r"tools tools\.(?!run_sweep\.test_every_failure)", {}, 180, 85.0, 4 << 30),
     "host": Scope(
         "platform/host; its own tests, then those of pack, inspect and run",
@@ -59,6 +60,7 @@ LIKELY_TESTS = (
     (r"tools/network/", "written", r"network\.", "heads", "network_trial"),
     (r"tools/inside/network_head", "written", r"network\.", "heads", "pack"),
     (r"tools/inside/network_trial", "network_trial", ""),
+    (r"tools/inside/foreign_platform", "platform"),
     (r"tools/inside/(library_model|model_)", "pack", "doctor", "written", r"run\."),
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),
     (r"tools/(record|recordings|replay)/", "replay"),

@@ -12,6 +12,7 @@
 #include "tools/common/text.h"
 #include "tools/doctor/doctor.h"
 #include "tools/frames/own_files.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/network_trial.h"
 
@@ -43,27 +44,30 @@ enum class Needs {
 struct Check {
   const char* name;
   Needs needs;
-  bool judges_outputs;  // what it finds makes comparisons of scores worthless
+  bool judges_outputs;     // what it finds makes comparisons of scores worthless
+  bool fits_any_platform;  // needs neither description nor network of an image
   Outcome (*look)(Examination*);
 };
 
-const Check kChecks[] = {{"decoding", Needs::kNothing, true, check_decoding},
-                         {"layer order", Needs::kNothing, false, check_layer_order},
-                         {"classes", Needs::kNothing, false, check_classes},
-                         {"input values", Needs::kNothing, false, check_input_values},
-                         {"finite", Needs::kFrames, true, check_finite},
-                         {"scores", Needs::kFrames, true, check_scores},
-                         {"boxes", Needs::kFrames, true, check_boxes},
-                         {"INT16 scales", Needs::kFrames, false, check_integers},
-                         {"limits", Needs::kSoundOutputs, false, check_limits},
-                         {"boxes at 0.1", Needs::kFrames, false, check_least_threshold},
-                         {"boxes at 0.9", Needs::kSoundOutputs, true, check_highest_threshold},
-                         {"mean and scale", Needs::kSoundOutputs, false, check_mean_and_scale},
-                         {"colours", Needs::kSoundOutputs, false, check_colours},
-                         {"aspect", Needs::kSoundOutputs, false, check_aspect}};
+const Check kChecks[] = {
+    {"decoding", Needs::kNothing, true, true, check_decoding},
+    {"layer order", Needs::kNothing, false, false, check_layer_order},
+    {"classes", Needs::kNothing, false, false, check_classes},
+    {"input values", Needs::kNothing, false, false, check_input_values},
+    {"finite", Needs::kFrames, true, false, check_finite},
+    {"scores", Needs::kFrames, true, false, check_scores},
+    {"boxes", Needs::kFrames, true, false, check_boxes},
+    {"INT16 scales", Needs::kFrames, false, false, check_integers},
+    {"limits", Needs::kSoundOutputs, false, true, check_limits},
+    {"boxes at 0.1", Needs::kFrames, false, true, check_least_threshold},
+    {"boxes at 0.9", Needs::kSoundOutputs, true, true, check_highest_threshold},
+    {"mean and scale", Needs::kSoundOutputs, false, false, check_mean_and_scale},
+    {"colours", Needs::kSoundOutputs, false, false, check_colours},
+    {"aspect", Needs::kSoundOutputs, false, false, check_aspect}};
 
 struct DoctorOptions {
   std::string path;
+  std::string platform;  // path of a platform's library; empty: the host accelerator
   std::vector<std::string> pictures;
   long limit = kUsualFrames;
   std::string json_path;
@@ -198,6 +202,9 @@ ExaminedModel admit(const DoctorOptions& options) {
 
 // Why a check cannot be made; empty where it can.
 std::string obstacle(const Check& check, const ExaminedModel& examined, bool outputs_are_sound) {
+  if (platform_is_foreign() && !check.fits_any_platform) {
+    return "needs an image of the host accelerator";
+  }
   if (check.needs == Needs::kNothing) {
     return "";
   }
@@ -221,9 +228,11 @@ Diagnosis examine(const ExaminedModel& examined) {
   diagnosis.frames = examined.frames.size();
   if (runs) {
     examination.own = run_as_it_is(examined);
+    diagnosis.own = examination.own;
+  }
+  if (runs && !platform_is_foreign()) {
     examination.plain = run_plainly(examined);
     examination.best_clarity = examination.plain.clarity;
-    diagnosis.own = examination.own;
   }
   bool outputs_are_sound = true;
   for (const Check& check : kChecks) {
@@ -236,6 +245,7 @@ Diagnosis examine(const ExaminedModel& examined) {
 }
 
 Diagnosis diagnose(const DoctorOptions& options) {
+  use_platform(options.platform, "");
   const LibraryLog log("");
   return examine(admit(options));
 }
@@ -245,6 +255,7 @@ int doctor(const DoctorOptions& options) {
   if (to_file) {
     std::vector<std::string> inputs = options.pictures;
     inputs.push_back(options.path);
+    inputs.push_back(options.platform);
     require_own_files({{"--json", options.json_path}}, inputs);
     require_writable(options.json_path);
   }
@@ -272,6 +283,7 @@ void add_doctor_command(CLI::App& application, Command* chosen) {
   options.add("--limit", "N", &line->limit, "Frames at most, evenly spread over all that are given")
       .shows_default()
       .range(1L, kMostFrames);
+  add_platform_option(&options, &line->platform);
   options.add("--json", "FILE", &line->json_path,
               "Write the findings as JSON for programs; - is standard output, instead of the text");
 }

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <memory>
+#include <utility>
 
 #include "platform/host/qv_host.h"
 #include "video/det/include/olvex_det.h"
@@ -13,6 +15,7 @@
 #include "tools/doctor/doctor.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/frames/frame_source.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 
@@ -55,13 +58,23 @@ TestFrame test_frame(SourceFrame* source, const FrameLayout& layout) {
 
 using Visit = std::function<void(const DetAfModel& model, const std::vector<BoxInfo>& boxes)>;
 
-// Runs the frames under that description, and shows visit the model and its boxes after each.
-void run_frames(const ExaminedModel& examined, const Description& description, FrameChoice choice,
-                const Visit& visit) {
+// Under that description, or, of a foreign platform, as it is.
+std::unique_ptr<LibraryModel> open_model(const ExaminedModel& examined,
+                                         const Description& description) {
+  if (platform_is_foreign()) {
+    return std::make_unique<LibraryModel>(examined.path, examined.path);
+  }
   std::vector<char> file(examined.text_header.begin(), examined.text_header.end());
   const std::vector<char> image = qv_host::build_image(description, examined.image.network);
   file.insert(file.end(), image.begin(), image.end());
-  LibraryModel model(std::move(file), examined.path);
+  return std::make_unique<LibraryModel>(std::move(file), examined.path);
+}
+
+// Runs the frames under that description, and shows visit the model and its boxes after each.
+void run_frames(const ExaminedModel& examined, const Description& description, FrameChoice choice,
+                const Visit& visit) {
+  const std::unique_ptr<LibraryModel> opened = open_model(examined, description);
+  LibraryModel& model = *opened;
   Progress progress(static_cast<long>(examined.frames.size()), false);
   long done = 0;
   for (const TestFrame& frame : examined.frames) {

@@ -16,6 +16,7 @@
 #include "qv_sys.h"
 
 #include "tools/common/command.h"
+#include "tools/inside/foreign_platform.h"
 
 namespace olvex_tools {
 
@@ -71,12 +72,16 @@ const ResultCode& explain_result(QV_S32 code) {
   const auto* const found =
       std::find_if(std::begin(kResultCodes), end,
                    [code](const ResultCode& result) { return result.code == code; });
-  return found == end ? kUnknownCode : *found;
+  const bool is_of_host = code >= QV_HOST_NO_DEVICE && code <= QV_HOST_INTERNAL_ERROR;
+  return found == end || (is_of_host && platform_is_foreign()) ? kUnknownCode : *found;
 }
 
 // ---- The model ----------------------------------------------------------------------------------
 
 qv_host::Image read_model_file(const std::string& path, std::string* text_header) {
+  if (platform_is_foreign()) {
+    return read_opaque_model(path, text_header);
+  }
   try {
     return qv_host::read_image_file(path, text_header);
   } catch (const qv_host::ImageError& error) {
@@ -152,7 +157,7 @@ LibraryModel::LibraryModel(const std::string& path, const std::string& name)
     : name_(name), model_(new DetAfModel) {
   std::string terminated_path = path;
   if (model_->cal_variable_size(&terminated_path[0], &variable_buffer_size_) != E_ALGO_SUCCESS) {
-    refuse_model(name_, "the host accelerator does not take it as a model (see above)");
+    refuse_model(name_, accelerator_name() + " does not take it as a model (see above)");
   }
   open_channel(path);
 }
@@ -167,7 +172,7 @@ LibraryModel::LibraryModel(std::vector<char> file, const std::string& name)
   if (start == nullptr ||
       model_->cal_variable_size(start, static_cast<unsigned>(file.data() + size - start),
                                 &variable_buffer_size_) != E_ALGO_SUCCESS) {
-    refuse_model(name_, "the host accelerator does not take it as a model (see above)");
+    refuse_model(name_, accelerator_name() + " does not take it as a model (see above)");
   }
   open_channel("");
 }
@@ -184,9 +189,9 @@ void LibraryModel::open_channel(const std::string& path) {
   }
   std::fputs(printed.c_str(), stderr);
   if (!is_open) {
-    refuse_model(name_,
-                 "the host accelerator cannot load the network, or its "
-                 "outputs are not as described (see above)");
+    refuse_model(name_, accelerator_name() +
+                            " cannot load the network, or its "
+                            "outputs are not as described (see above)");
   }
   channel_open_ = true;
 }
@@ -204,11 +209,11 @@ void LibraryModel::create_device() {
   attributes.u32YUV420_W_Pitch_Alignment = 16;
   attributes.u32YUV420_H_Pitch_Alignment = 2;
   attributes.u32XRGB_W_Pitch_Alignment = 16;
-  std::string firmware;  // the host accelerator has none
+  std::string firmware = platform_firmware();
   const int code = QV_IPU_CreateDevice(&attributes, nullptr, &firmware[0], 0);
   if (code != 0) {
-    throw ToolError(kAcceleratorError, std::string("the host accelerator cannot be brought up: ") +
-                                           explain_result(code).text);
+    throw ToolError(kAcceleratorError,
+                    accelerator_name() + " cannot be brought up: " + explain_result(code).text);
   }
 }
 

@@ -30,7 +30,8 @@ const ResultCode& explain_result(QV_S32 code);
 // ---- The model ----------------------------------------------------------------------------------
 
 // The description and the checked parts of a model file; *text_header gets what stands before the start
-// pattern. Throws ToolError (kModelError).
+// pattern. Of a model of a foreign platform, see foreign_platform.h. Throws ToolError.
+// Requires: a LibraryLog exists.
 qv_host::Image read_model_file(const std::string& path, std::string* text_header);
 
 // A device, and on it a channel for the model; both are closed by the destructor. One at a time.

@@ -31,6 +31,7 @@
 #include "platform/host/host_image.h"
 #include "tools/common/command.h"
 #include "tools/frames/frame_conversion.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 
 namespace olvex_tools {
@@ -336,6 +337,10 @@ void require_harmless_work(const std::string& name, std::size_t bytes,
 }
 
 void require_harmless_network(const std::string& path, const std::string& name) {
+  // A chip's device does not survive a fork, and what its library does to the process is its own.
+  if (platform_is_foreign()) {
+    return;
+  }
   limit_factor();  // refused even when there is no file to try
   std::error_code error;
   const std::uintmax_t bytes = std::filesystem::file_size(path, error);

@@ -22,7 +22,7 @@ void require_harmless_reading(const std::string& name, std::size_t bytes,
 // says why. Throws ToolError: kModelError when the engine crashed, took too long or too much memory,
 // kInterrupted, kUsageError when OLVEX_DET_LIMITS, a factor of all limits, is no such number.
 //   name  what messages call the model (the file that it is to become)
-// Requires: this process has run no network yet, as the engine's threads do not survive a fork.
+// Does nothing on a foreign platform. Requires: this process has run no network yet, as the engine's threads do not survive a fork.
 void require_harmless_network(const std::string& path, const std::string& name);
 
 // The same for other work with a network of so many bytes, which throws what it likes.

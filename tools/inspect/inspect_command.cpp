@@ -2,6 +2,7 @@
 // reports what the library makes of it, as text or as the JSON of schema/inspect.schema.json.
 #include <array>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "tools/common/subcommands.h"
 #include "tools/common/text.h"
 #include "tools/frames/own_files.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/model_facts.h"
 #include "tools/inside/network_trial.h"
@@ -37,6 +39,7 @@ const char kExamples[] =
 
 struct Inspection {
   std::string path;
+  std::string platform;           // of --platform; empty: the host accelerator
   std::uint64_t file_size = 0;    // bytes
   std::uint64_t header_size = 0;  // bytes before the start pattern
   qv_host::ImageHeader image;
@@ -197,10 +200,15 @@ std::string proof_text(qv_host::Proof proof) {
 }
 
 std::string description_text(const qv_host::Description& description) {
+  if (platform_is_foreign()) {
+    return report_line("not known",
+                       "mean, scale, colours, fitting of pictures, class names, proof");
+  }
   const bool decoded = description.kind == qv_host::OutputKind::kDecoded;
   return input_text(description.input) + (decoded ? boxes_text(description.decoded) : "") +
          report_line("fusion", description.fusion ? "on" : "off, as it changes the results") +
-         report_line("proof", proof_text(description.proof));
+         report_line("proof", proof_text(description.proof)) +
+         report_line("class names", or_none(join(description.class_names, ", ")));
 }
 
 std::string decoding_text(const DecodingFacts& decoding) {
@@ -271,19 +279,27 @@ Json decoder_json(const DecodingFacts& decoding) {
           {"fault", text_or_null(decoding.fault)}};
 }
 
+std::string image_text(const Inspection& inspection) {
+  const std::string place = ", at byte " + std::to_string(inspection.header_size);
+  if (platform_is_foreign()) {
+    return report_line("offline model", "of " + accelerator_name() + place +
+                                            "; what it holds is known to that platform alone");
+  }
+  return report_line("title", or_none(inspection.description.title)) +
+         report_line("offline model", "version " + std::to_string(inspection.image.version) +
+                                          place + ", CRC-32 " + crc_text(inspection.image.crc) +
+                                          " (right)") +
+         report_line("", "description " + std::to_string(inspection.image.description_size) +
+                             " bytes, network " + std::to_string(inspection.image.network_size) +
+                             " bytes");
+}
+
 std::string inspection_text(const Inspection& inspection) {
   const ModelFacts& facts = inspection.facts;
   const std::string place = valid_place(facts);
   return report_line("model",
                      inspection.path + ", " + std::to_string(inspection.file_size) + " bytes") +
-         report_line("title", or_none(inspection.description.title)) +
-         report_line("offline model", "version " + std::to_string(inspection.image.version) +
-                                          ", at byte " + std::to_string(inspection.header_size) +
-                                          ", CRC-32 " + crc_text(inspection.image.crc) +
-                                          " (right)") +
-         report_line("", "description " + std::to_string(inspection.image.description_size) +
-                             " bytes, network " + std::to_string(inspection.image.network_size) +
-                             " bytes") +
+         image_text(inspection) +
          report_line("working memory", std::to_string(facts.variable_buffer_size) + " bytes") +
          pairs_text("header", facts.file_pairs, place == "file") +
          pairs_text("in first name", facts.name_pairs, place == "name") +
@@ -291,54 +307,73 @@ std::string inspection_text(const Inspection& inspection) {
          report_line("class map", class_map_text(facts)) +
          report_line("double check", double_check_text(inspection)) +
          tensors_text("input", facts.inputs) + tensors_text("output", facts.outputs) +
-         decoding_text(facts.decoding) + description_text(inspection.description) +
-         report_line("class names", or_none(join(inspection.description.class_names, ", ")));
+         decoding_text(facts.decoding) + description_text(inspection.description);
+}
+
+// Null where only the image's platform knows it.
+template <typename Value>
+Json unless_foreign(const Value& value) {
+  return platform_is_foreign() ? Json() : Json(value);
+}
+
+Json image_json(const Inspection& inspection) {
+  const qv_host::ImageHeader& image = inspection.image;
+  return {{"version", unless_foreign(image.version)},
+          {"offset", inspection.header_size},
+          {"description_bytes", unless_foreign(image.description_size)},
+          {"network_bytes", unless_foreign(image.network_size)},
+          {"crc32", unless_foreign(crc_text(image.crc))}};
 }
 
 std::string inspection_json(const Inspection& inspection) {
   const ModelFacts& facts = inspection.facts;
-  Json json = {{"schema_version", kSchemaVersion},
-               {"path", inspection.path},
-               {"bytes", inspection.file_size},
-               {"title", inspection.description.title},
-               {"image",
-                {{"version", inspection.image.version},
-                 {"offset", inspection.header_size},
-                 {"description_bytes", inspection.image.description_size},
-                 {"network_bytes", inspection.image.network_size},
-                 {"crc32", crc_text(inspection.image.crc)}}},
-               {"variable_buffer_bytes", facts.variable_buffer_size},
-               {"pairs",
-                {{"file", pairs_json(facts.file_pairs)},
-                 {"name", pairs_json(facts.name_pairs)},
-                 {"valid", valid_place(facts)}}},
-               {"type", type_json(facts)},
-               {"class_map", class_map_json(facts)},
-               {"double_check", double_check_json(facts)},
-               {"inputs", tensors_json(facts.inputs)},
-               {"outputs", tensors_json(facts.outputs)},
-               {"decoder", decoder_json(facts.decoding)},
-               {"class_names", inspection.description.class_names},
-               {"description", Json::parse(qv_host::description_to_json(inspection.description))}};
+  Json json = {
+      {"schema_version", kSchemaVersion},
+      {"path", inspection.path},
+      {"bytes", inspection.file_size},
+      {"title", inspection.description.title},
+      {"image", image_json(inspection)},
+      {"variable_buffer_bytes", facts.variable_buffer_size},
+      {"pairs",
+       {{"file", pairs_json(facts.file_pairs)},
+        {"name", pairs_json(facts.name_pairs)},
+        {"valid", valid_place(facts)}}},
+      {"type", type_json(facts)},
+      {"class_map", class_map_json(facts)},
+      {"double_check", double_check_json(facts)},
+      {"inputs", tensors_json(facts.inputs)},
+      {"outputs", tensors_json(facts.outputs)},
+      {"decoder", decoder_json(facts.decoding)},
+      {"class_names", inspection.description.class_names},
+      {"description", platform_is_foreign()
+                          ? Json()
+                          : Json::parse(qv_host::description_to_json(inspection.description))}};
+  if (platform_is_foreign()) {
+    json["platform"] = inspection.platform;
+  }
   return json_text(json) + "\n";
 }
 
 struct InspectOptions {
   std::string path;
+  std::string platform;  // path of a platform's library; empty: the host accelerator
   bool json = false;
   std::string network_path;  // where the network of an image goes
 };
 
-Inspection inspect_file(const std::string& path) {
+Inspection inspect_file(const std::string& path, const std::string& platform) {
   Inspection inspection;
   inspection.path = path;
+  inspection.platform = platform;
   std::string text_header;
+  const LibraryLog log("");
   const qv_host::Image image = read_model_file(path, &text_header);
   inspection.image = image.header;
   inspection.description = image.description;
   inspection.header_size = text_header.size();
-  inspection.file_size = inspection.header_size + qv_host::image_size(inspection.image);
-  const LibraryLog log("");
+  inspection.file_size = platform_is_foreign()
+                             ? std::filesystem::file_size(path)
+                             : inspection.header_size + qv_host::image_size(inspection.image);
   require_harmless_network(path, path);
   LibraryModel model(path, path);
   inspection.facts = collect_facts(&model, text_header);
@@ -361,10 +396,11 @@ int inspect(const InspectOptions& options) {
   if (!options.network_path.empty()) {
     return extract_network(options);
   }
-  if (looks_like_network(options.path)) {
+  use_platform(options.platform, "");
+  if (!platform_is_foreign() && looks_like_network(options.path)) {
     return inspect_network(options.path, options.json);
   }
-  const Inspection inspection = inspect_file(options.path);
+  const Inspection inspection = inspect_file(options.path, options.platform);
   print_result(options.json ? inspection_json(inspection) : inspection_text(inspection));
   return inspection.facts.decoding.fault.empty() ? kDone : kCheckFailed;
 }
@@ -384,10 +420,12 @@ void add_inspect_command(CLI::App& application, Command* chosen) {
   options.add("FILE", "", &line->path, "The model file, or an ONNX network").required();
   const Option json =
       options.flag("--json", &line->json, "Print JSON for programs instead of text");
+  const Option platform = add_platform_option(&options, &line->platform);
   options
       .add("--network", "ONNX", &line->network_path,
            "Write the network that the model file holds, and nothing else (- is standard output)")
-      .excludes(json);
+      .excludes(json)
+      .excludes(platform);
 }
 
 }  // namespace olvex_tools

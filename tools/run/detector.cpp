@@ -12,6 +12,7 @@
 
 #include "platform/host/qv_host.h"
 #include "tools/common/command.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/last_output.h"
 #include "tools/inside/library_model.h"
 
@@ -159,11 +160,12 @@ void Detector::run(std::vector<unsigned char>* frame, FrameRecord* record) {
   if (code != E_ALGO_SUCCESS) {
     fail(code, "ALGO_DET_Run", options_.model);
   }
-  double conversion = 0;
+  const InvokeTimes invocation = last_invoke_times();
   StageTimes& times = record->milliseconds;
-  QV_HOST_LastInvokeTimes(&conversion, &times.network);
-  times.conversion += conversion;
-  times.postprocessing = std::max(0.0, elapsed.count() - conversion - times.network);
+  times.network = invocation.network;
+  times.conversion += invocation.conversion;
+  times.postprocessing =
+      std::max(0.0, elapsed.count() - invocation.conversion - invocation.network);
   record->dropped_candidates = QV_HOST_LastInvokeDropped();
 
   record->detections.clear();

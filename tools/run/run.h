@@ -192,6 +192,7 @@ class RunSummary {
 struct RunOptions {
   std::string input;
   DetectorOptions detector;
+  std::string platform;  // path of a platform's library; empty: the host accelerator
   OutputOptions outputs;
   std::optional<cv::Size> display;  // pixels; nothing: each frame's own size
   double picture_rate = 25;         // frames per second that a folder of files stands for

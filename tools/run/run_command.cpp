@@ -9,6 +9,7 @@
 #include "tools/common/output_file.h"
 #include "tools/common/subcommands.h"
 #include "tools/frames/picture_writers.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/run/run.h"
 
 namespace olvex_tools {
@@ -192,6 +193,7 @@ void add_detection_options(OptionTable* options, CommandLine* line) {
   line->firmware =
       options->add("--firmware", "FILE", &detector->firmware,
                    "The accelerator's firmware file; without it the library's default");
+  add_platform_option(options, &line->run.platform);
 }
 
 void add_tracking_options(OptionTable* options, CommandLine* line) {

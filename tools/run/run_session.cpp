@@ -15,6 +15,7 @@
 #include "tools/frames/frame_source.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/common/interruption.h"
+#include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/network_trial.h"
 #include "tools/common/output_file.h"
@@ -332,8 +333,10 @@ class Session {
 
 int run_session(const RunOptions& options) {
   silence_opencv();
-  require_separate_files(options.outputs, options.log,
-                         {options.input, options.detector.model, options.detector.firmware});
+  require_separate_files(
+      options.outputs, options.log,
+      {options.input, options.detector.model, options.detector.firmware, options.platform});
+  use_platform(options.platform, options.detector.firmware);
   // Before signals are caught: Ctrl-C ends the trial, too, and nothing is written yet.
   require_harmless_network(options.detector.model, options.detector.model);
   // Outlives the log, which flushes what a closed pipe did not take.
