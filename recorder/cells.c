@@ -4,6 +4,10 @@
 
 #include <string.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "recorder/recording_format.h"
 
 #define BLOCK 8u /* cells looked at before a branch */
@@ -64,7 +68,7 @@ int32_t integer_cut(float cut, float scale) {
 /* The cut is negative, so all non-negative numbers reach it and have fewer bits than it as an unsigned
  * number, and the negative ones down to it have no more. A vector unit's own comparison of floats may take
  * denormal numbers for zero; this one takes every number as it is, and a NaN without a sign for a high one. */
-static int reaches(const struct cell_layer* layer, const unsigned char* element) {
+static inline int reaches(const struct cell_layer* layer, const unsigned char* element) {
   if (layer->element == 2) {
     int16_t value;
     memcpy(&value, element, sizeof value);
@@ -91,12 +95,36 @@ typedef int16_t eight_words __attribute__((vector_size(16)));
 typedef int16_t eight_stored_words __attribute__((vector_size(16), aligned(2), may_alias));
 
 static int any(four_masks mask) {
+#if defined(__SSE2__)
+  return _mm_movemask_epi8((__m128i)mask) != 0;
+#else
   uint64_t halves[2];
   memcpy(halves, &mask, sizeof halves);
   return (halves[0] | halves[1]) != 0;
+#endif
 }
 
-/* Four values of each cell of a block. */
+/* Which of four lanes reach the cut in any cell of a block. */
+#if defined(__SSE2__)
+/* By their greatest values, as a maximum is one instruction. It hands on the second operand where one is a NaN, so
+ * that a NaN is passed over. */
+static four_masks block_at(const unsigned char* values, uint32_t bytes, four_values cut) {
+  const size_t step = bytes;
+  const unsigned char* const middle = values + 4 * step;
+  const unsigned char* const cells[BLOCK] = {
+      values, values + step, values + 2 * step, middle - step,
+      middle, middle + step, middle + 2 * step, middle + 3 * step};
+  const __m128 lowest = _mm_set1_ps(-3.4028234e38f);
+  __m128 even = lowest;
+  __m128 odd = lowest;
+#pragma GCC unroll 4
+  for (uint32_t n = 0; n < BLOCK; n += 2) {
+    even = _mm_max_ps(_mm_loadu_ps((const float*)(const void*)cells[n]), even);
+    odd = _mm_max_ps(_mm_loadu_ps((const float*)(const void*)cells[n + 1]), odd);
+  }
+  return REACHES((four_values)_mm_max_ps(even, odd), cut);
+}
+#else
 static four_masks block_at(const unsigned char* values, uint32_t bytes, four_values cut) {
   four_masks found = {0, 0, 0, 0};
 #pragma GCC unroll 8
@@ -106,6 +134,7 @@ static four_masks block_at(const unsigned char* values, uint32_t bytes, four_val
   }
   return found;
 }
+#endif
 
 /* The first cell from index on whose block has a logit that reaches the cut, or the last block's end. The
  * vectors end with the last class; lanes before the first one do not count. */
@@ -164,17 +193,92 @@ static uint32_t skip_int16(const struct cell_layer* layer, uint32_t index, uint3
   return index;
 }
 
-struct cell_list {
-  struct packer* packer;
+/* Where a look through a layer is. */
+struct cell_scan {
   const struct cell_layer* layer;
-  uint32_t next; /* the cell after the last one that was packed */
-  uint32_t reached;
+  uint32_t index;     /* of the next cell */
+  uint32_t block;     /* end of the block that gets a closer look */
+  uint32_t next;      /* the cell after the last one that is kept */
   int is_before_pair; /* the cell before has a score that ends in this one */
 };
 
 /* Channels that a layer in cells has at most, see kRules. */
 #define MOST_CHANNELS 68u
 #define CELL_HEAD 3u
+
+static inline const unsigned char* element_at(const struct cell_layer* layer, uint32_t index,
+                                              uint32_t k) {
+  return layer->data + ((size_t)index * layer->channels + k) * (size_t)layer->element;
+}
+
+static inline int has_logit(const struct cell_layer* layer, uint32_t index) {
+  const unsigned char* logit = element_at(layer, index, RECORDING_FIRST_CLASS);
+  const uint32_t cut = layer->cut;
+  int is_reached = 0;
+  if (layer->element == 2) {
+    for (uint32_t k = layer->classes; k != 0; --k, logit += 2) {
+      is_reached |= reaches(layer, logit);
+    }
+    return is_reached;
+  }
+  for (uint32_t k = layer->classes; k != 0; --k, logit += 4) {
+    uint32_t bits;
+    memcpy(&bits, logit, sizeof bits);
+    is_reached |= bits <= cut;
+  }
+  return is_reached;
+}
+
+/* The next cell that needs a closer look. */
+static uint32_t skip(const struct cell_scan* scan, uint32_t index) {
+  const struct cell_layer* const layer = scan->layer;
+  if (index == 0 || scan->is_before_pair) {
+    return index;
+  }
+  const uint32_t longest = scan->next + RECORDING_LONGEST_GAP;
+  const uint32_t end = layer->cells < longest ? layer->cells : longest;
+  return layer->element == 2 ? skip_int16(layer, index, end) : skip_fp32(layer, index, end);
+}
+
+static void start_behind(struct cell_scan* scan, uint32_t index) {
+  scan->index = scan->next = index + 1;
+  scan->is_before_pair = scan->layer->has_pairs && has_logit(scan->layer, index);
+}
+
+/* The next cell that has to be kept; the layer's number of cells at its end. Few of a block that is worth a look
+ * are. */
+static uint32_t next_cell(struct cell_scan* scan) {
+  const uint32_t cells = scan->layer->cells;
+  for (uint32_t index = scan->index; index < cells; ++index) {
+    if (index >= scan->block) {
+      index = skip(scan, index);
+      scan->block = cells - index < BLOCK ? cells : index + BLOCK;
+    }
+    if (index < cells && (scan->is_before_pair || index - scan->next == RECORDING_LONGEST_GAP ||
+                          has_logit(scan->layer, index))) {
+      start_behind(scan, index);
+      return index;
+    }
+  }
+  return cells;
+}
+
+uint32_t find_cells(struct found_cells* found, const struct cell_layer* layer) {
+  struct cell_scan scan = {layer, 0, 0, 0, 0};
+  const uint32_t before = found->count;
+  while (!found->is_full) {
+    const uint32_t index = next_cell(&scan);
+    if (index == layer->cells) {
+      break;
+    }
+    found->is_full = found->count == MOST_FOUND_CELLS;
+    if (!found->is_full) {
+      found->cell[found->count].index = index;
+      found->cell[found->count++].is_dropped = 0;
+    }
+  }
+  return found->count - before;
+}
 
 /* Appends one element, or the four distances: stores of a size that the compiler knows. */
 static unsigned char* append_one(unsigned char* to, const unsigned char* from, uint32_t element) {
@@ -195,23 +299,11 @@ static unsigned char* append_four(unsigned char* to, const unsigned char* from, 
   return to + (size_t)element * 4;
 }
 
-/* Few cells of a block that is worth a look are kept. */
-static inline int is_kept(const struct cell_list* list, uint32_t index) {
-  const struct cell_layer* const layer = list->layer;
-  const unsigned char* const logits =
-      layer->data +
-      ((size_t)index * layer->channels + RECORDING_FIRST_CLASS) * (size_t)layer->element;
-  int is_reached = list->is_before_pair || index - list->next == RECORDING_LONGEST_GAP;
-  for (uint32_t k = 0; k < layer->classes; ++k) {
-    is_reached |= reaches(layer, logits + (size_t)k * layer->element);
-  }
-  return is_reached;
-}
-
-static void pack_cell(struct cell_list* list, uint32_t index) {
-  const struct cell_layer* const layer = list->layer;
+/* Returns whether it has a logit that reaches the cut. next: the cell after the last one that was packed. */
+static uint32_t pack_cell(struct packer* packer, const struct cell_layer* layer, uint32_t index,
+                          uint32_t next) {
   const uint32_t element = layer->element;
-  const unsigned char* const cell = layer->data + (size_t)index * layer->channels * element;
+  const unsigned char* const cell = element_at(layer, index, 0);
   const unsigned char* const logits = cell + (size_t)RECORDING_FIRST_CLASS * element;
   unsigned char bytes[CELL_HEAD + MOST_CHANNELS * 5];
   unsigned char* const classes = bytes + CELL_HEAD;
@@ -221,7 +313,7 @@ static void pack_cell(struct cell_list* list, uint32_t index) {
       classes[count++] = (unsigned char)k;
     }
   }
-  const uint32_t gap = index - list->next;
+  const uint32_t gap = index - next;
   const uint32_t behind = RECORDING_FIRST_CLASS + layer->classes;
   bytes[0] = (unsigned char)gap;
   bytes[1] = (unsigned char)(gap >> 8);
@@ -235,36 +327,61 @@ static void pack_cell(struct cell_list* list, uint32_t index) {
     memcpy(end, cell + (size_t)behind * element, rest);
     end += rest;
   }
-  pack_bytes(list->packer, bytes, (uint32_t)(end - bytes));
-  list->next = index + 1;
-  list->reached += count != 0;
-  list->is_before_pair = layer->has_pairs && count != 0;
+  pack_bytes(packer, bytes, (uint32_t)(end - bytes));
+  return count != 0;
 }
 
-/* The next cell that needs a closer look. */
-static uint32_t skip(const struct cell_list* list, uint32_t index) {
-  const struct cell_layer* const layer = list->layer;
-  if (index == 0 || list->is_before_pair) {
-    return index;
-  }
-  const uint32_t longest = list->next + RECORDING_LONGEST_GAP;
-  const uint32_t end = layer->cells < longest ? layer->cells : longest;
-  return layer->element == 2 ? skip_int16(layer, index, end) : skip_fp32(layer, index, end);
-}
-
-uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer) {
+uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer,
+                    const struct found_cell* found, uint32_t count, int are_all) {
+  struct cell_scan scan = {layer, 0, 0, 0, 0};
   const uint32_t length_at = packer_offset(packer);
+  uint32_t next = 0;
+  uint32_t reached = 0;
   pack32(packer, 0);
-  struct cell_list list = {packer, layer, 0, 0, 0};
-  for (uint32_t index = 0; index < layer->cells;) {
-    index = skip(&list, index);
-    const uint32_t end = layer->cells - index < BLOCK ? layer->cells : index + BLOCK;
-    for (; index < end; ++index) {
-      if (is_kept(&list, index)) {
-        pack_cell(&list, index);
-      }
+  for (uint32_t k = 0; k < count; ++k) {
+    if (found[k].is_dropped) {
+      ++reached;
+    } else {
+      reached += pack_cell(packer, layer, found[k].index, next);
+      next = found[k].index + 1;
     }
   }
+  if (count != 0) {
+    start_behind(&scan, found[count - 1].index);
+  }
+  while (!are_all) {
+    const uint32_t index = next_cell(&scan);
+    if (index == layer->cells) {
+      break;
+    }
+    reached += pack_cell(packer, layer, index, next);
+    next = index + 1;
+  }
   packer_patch32(packer, length_at, packer_offset(packer) - length_at - 4);
-  return list.reached;
+  return reached;
+}
+
+float cell_value(const struct cell_layer* layer, uint32_t index, uint32_t k) {
+  const unsigned char* const element = element_at(layer, index, k);
+  if (layer->element == 2) {
+    int16_t integer;
+    memcpy(&integer, element, sizeof integer);
+    return (float)integer * layer->scale;
+  }
+  float real;
+  memcpy(&real, element, sizeof real);
+  return real;
+}
+
+float best_logit(const struct cell_layer* layer, uint32_t index, uint32_t* class_id) {
+  float best = -3.4028234e38f;
+  *class_id = 0;
+  for (uint32_t k = 0; k < layer->classes; ++k) {
+    const float logit = cell_value(layer, index, RECORDING_FIRST_CLASS + k);
+    if (logit > best) {
+      best = logit;
+      *class_id = k;
+    }
+  }
+  return best;
 }

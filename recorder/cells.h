@@ -7,15 +7,32 @@
 
 #include "recorder/packer.h"
 
-/* What is left out of a layer. */
+/* A layer as it lies in memory. */
 struct cell_layer {
   const unsigned char* data;
   uint32_t element; /* bytes: 4 FP32, 2 INT16 */
   uint32_t cells;
+  uint32_t columns;
+  uint32_t stride; /* pixels of the network's input to a cell */
   uint32_t channels;
   uint32_t classes;
   int has_pairs; /* INT16: a cell's last score is the next one's first element */
+  float scale;   /* INT16 */
   uint32_t cut;  /* FP32: bits of the lowest logit kept; INT16: the integer's */
+};
+
+#define MOST_FOUND_CELLS 256u
+
+struct found_cell {
+  uint32_t index; /* in its layer */
+  uint32_t is_dropped;
+};
+
+/* Cells of the layers of a frame, one layer after the other. */
+struct found_cells {
+  uint32_t count;
+  int is_full; /* there are more than are here */
+  struct found_cell cell[MOST_FOUND_CELLS];
 };
 
 /* Classes of a raw layer by its channels; 0 when the layer is not one of those that are stored in cells.
@@ -29,7 +46,18 @@ float cut_below_logit(float score);
  * Requires: a negative cut, which 0 reaches; scale positive and finite. */
 int32_t integer_cut(float cut, float scale);
 
-/* Packs the cells as one byte array. Returns how many have a logit that reaches the cut. */
-uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer);
+/* Appends the cells that have to be kept. Returns how many. */
+uint32_t find_cells(struct found_cells* found, const struct cell_layer* layer);
+
+/* Packs a layer's cells as one byte array: count found ones, which are all or the first of them, without those that
+ * are dropped, and behind them, where not all were found, what else has to be kept. Returns how many have a logit that
+ * reaches the cut, the dropped ones included. */
+uint32_t pack_cells(struct packer* packer, const struct cell_layer* layer,
+                    const struct found_cell* found, uint32_t count, int are_all);
+
+/* The best logit of a cell, and its class; what the library takes. */
+float best_logit(const struct cell_layer* layer, uint32_t index, uint32_t* class_id);
+/* Element k of a cell. */
+float cell_value(const struct cell_layer* layer, uint32_t index, uint32_t k);
 
 #endif /* RECORDER_CELLS_H */

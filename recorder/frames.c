@@ -2,8 +2,8 @@
  * where they lie, the boxes. Then it looks whether the frame is a reason to write. */
 #include <string.h>
 
-#include "recorder/cells.h"
 #include "recorder/crc32.h"
+#include "recorder/outputs.h"
 #include "recorder/packer.h"
 #include "recorder/pictures.h"
 #include "recorder/recorder.h"
@@ -40,78 +40,6 @@ static uint32_t microseconds(uint64_t begin, uint64_t end) {
   /* In 32 bits where that does, as a 32-bit processor divides more bits in a loop. */
   const uint64_t us = ns <= UINT32_MAX ? (uint32_t)ns / 1000u : ns / 1000u;
   return us < UINT32_MAX ? (uint32_t)us : UINT32_MAX;
-}
-
-/* ---- Outputs ---- */
-
-/* What is the same for all outputs of a frame. */
-struct outputs {
-  const struct channel_slot* channel;
-  int in_cells;
-  float cut; /* a logit */
-  uint32_t reached;
-};
-
-static void pack_output(struct packer* packer, struct outputs* outputs, uint32_t index,
-                        const unsigned char* data) {
-  const struct channel_slot* const channel = outputs->channel;
-  const struct output_slot* const output = &channel->output[index];
-  if (!outputs->in_cells || data == NULL) {
-    const uint32_t bytes = data == NULL ? 0 : output->bytes;
-    pack8(packer, RECORDING_WHOLE);
-    pack8(packer, 0);
-    pack32(packer, bytes);
-    pack_bytes(packer, data, bytes);
-    return;
-  }
-  struct cell_layer layer;
-  layer.data = data;
-  layer.element = channel->format == QV_IPU_FORMAT_INT16 ? 2 : 4;
-  layer.cells = output->cells;
-  layer.channels = output->channels;
-  layer.classes = channel->classes;
-  layer.has_pairs = channel->has_pairs;
-  layer.cut = layer.element == 2 ? (uint32_t)integer_cut(outputs->cut, output->scale)
-                                 : bits_of(outputs->cut);
-  pack8(packer, RECORDING_CELLS);
-  pack8(packer, channel->classes);
-  outputs->reached += pack_cells(packer, &layer);
-}
-
-/* Whether a list of the accelerator's own stage says that it holds nothing: its last output is the count,
- * which the library rounds. */
-static int is_empty_list(const struct channel_slot* channel, const struct thread_state* thread) {
-  const uint32_t last = channel->outputs - 1;
-  if (channel->outputs < 4 || channel->outputs > 5 || thread->output[last] == NULL ||
-      channel->output[last].bytes < 4) {
-    return 0;
-  }
-  if (channel->format == QV_IPU_FORMAT_INT16) {
-    int16_t count;
-    memcpy(&count, thread->output[last], sizeof count);
-    return (float)count * channel->output[last].scale < 0.5f;
-  }
-  float count;
-  memcpy(&count, thread->output[last], sizeof count);
-  return channel->format == QV_IPU_FORMAT_FP32 && count < 0.5f;
-}
-
-/* The score from which cells are kept: below it the live run has no threshold either. 0: whole outputs. */
-static float floor_of(const struct handle_slot* handle, const struct channel_slot* channel,
-                      uint32_t number) {
-  const struct recorder_options* const options = &the_recorder->options;
-  if (handle == NULL || channel == NULL || channel->classes == 0 ||
-      (options->whole_every != 0 && number % options->whole_every == 0)) {
-    return 0.0f;
-  }
-  for (uint32_t k = 0; k < channel->outputs; ++k) {
-    if (channel->output[k].cells == 0) {
-      return 0.0f;
-    }
-  }
-  /* A NaN, and what is not within 0 to 1, lets no cell through. */
-  const int is_lower = handle->threshold >= 0.0f && handle->threshold < options->floor;
-  return is_lower ? handle->threshold : options->floor;
 }
 
 /* ---- Boxes ---- */
@@ -187,11 +115,9 @@ static void store_frame(const struct frame* frame, struct handle_slot* handle, u
   struct channel_slot* const channel = invoked_channel(frame);
   const uint32_t number = recorder->frames;
   const float lowest = floor_of(handle, channel, number);
-  struct outputs outputs = {channel, lowest > 0.0f, 0.0f, 0};
   const int has_picture = frame->input.p_vir_addr != NULL;
   unsigned char buffer[4096];
   struct packer packer;
-  outputs.cut = outputs.in_cells ? cut_below_logit(lowest) : 0.0f;
   ring_begin(&recorder->ring, RING_FRAME, end);
   packer_start(&packer, buffer, sizeof buffer, &recorder->ring);
   const uint32_t begun =
@@ -215,13 +141,8 @@ static void store_frame(const struct frame* frame, struct handle_slot* handle, u
   const uint32_t empty_at = packer_offset(&packer);
   pack32(&packer, 0);
   pack_platform_calls(&packer, thread, frame->begin);
-  const uint32_t count = channel != NULL ? channel->outputs : 0;
-  pack32(&packer, count);
-  for (uint32_t k = 0; k < count; ++k) {
-    pack_output(&packer, &outputs, k, (const unsigned char*)thread->output[k]);
-  }
+  const int is_empty = pack_outputs(&packer, channel, thread->output, lowest);
   if (handle != NULL && channel != NULL && frame->result == 0) {
-    const int is_empty = outputs.in_cells ? outputs.reached == 0 : is_empty_list(channel, thread);
     handle->empty = is_empty ? handle->empty + 1 : 0;
   }
   packer_patch32(&packer, empty_at, handle != NULL ? handle->empty : 0);

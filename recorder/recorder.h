@@ -10,6 +10,7 @@
 #include "platform/contract/olvex_platform.h"
 
 #include "recorder/carried.h"
+#include "recorder/cells.h"
 #include "recorder/options.h"
 #include "recorder/recording_format.h"
 #include "recorder/ring.h"
@@ -47,6 +48,9 @@ struct output_slot {
   uint32_t bytes; /* of the buffer */
   uint32_t cells; /* 0: stored whole */
   uint32_t channels;
+  uint32_t columns;
+  uint32_t stride; /* input pixels to a cell; 0: not the same in both directions */
+  int can_drop;    /* cells of suppressed boxes */
   float scale;
 };
 
@@ -68,6 +72,7 @@ struct channel_slot {
 struct recorder {
   struct ring ring;
   struct carried carried;
+  struct found_cells found; /* of the frame that is being stored */
   struct handle_slot handles[MOST_HANDLES];
   struct channel_slot channels[MOST_CHANNELS];
   struct recorder_options options;

@@ -56,6 +56,18 @@ static uint32_t output_bytes(const QV_IPU_TensorDesc_t* tensor, uint32_t format)
   return tensor->u32BufSize != 0 ? tensor->u32BufSize : (uint32_t)bytes;
 }
 
+/* Layers of other shapes the library does not decode. */
+static uint32_t stride_of(const struct channel_slot* channel, const QV_IPU_TensorDesc_t* tensor) {
+  const uint32_t rows = tensor->u32TensorShape[1];
+  const uint32_t columns = tensor->u32TensorShape[2];
+  if (rows == 0 || columns == 0 || channel->width > INT16_MAX || channel->height > INT16_MAX ||
+      channel->width % columns != 0 || channel->height % rows != 0 ||
+      channel->width / columns != channel->height / rows) {
+    return 0;
+  }
+  return channel->width / columns;
+}
+
 static void describe_output(struct channel_slot* channel, uint32_t index,
                             const QV_IPU_TensorDesc_t* tensor) {
   struct output_slot* const output = &channel->output[index];
@@ -70,6 +82,10 @@ static void describe_output(struct channel_slot* channel, uint32_t index,
   if (has_scale && bytes != 0 && cells <= output->bytes / bytes) {
     output->cells = (uint32_t)cells;
   }
+  output->columns = tensor->u32TensorShape[2];
+  output->stride = stride_of(channel, tensor);
+  output->can_drop = output->stride != 0 && cells <= RECORDING_LONGEST_GAP &&
+                     output->channels == RECORDING_FIRST_CLASS + channel->classes;
 }
 
 /* Layers are stored in cells only where the library would decode them as such. */

@@ -14,6 +14,7 @@ import unittest
 RECORDER, OLVEX_DET, MODELS = (os.environ[name] for name in ("RECORDER", "OLVEX_DET", "MODELS"))
 WAYS = {way: os.environ[way] for way in ("PLAIN", "FRONT", "WRAP")}
 FRAMES = 100  # of each scripted run
+STRIDE = int(os.environ["OLVEX_CASE_STRIDE"])  # only every n-th call fails
 
 
 class CameraServiceTest(unittest.TestCase):
@@ -53,7 +54,7 @@ class CameraServiceTest(unittest.TestCase):
     def test_each_call_of_the_platform_fails(self):
         _, undisturbed = self.run_scripted()
         self.assertEqual(len(undisturbed), 4 * FRAMES)
-        for call in range(1, FRAMES):
+        for call in range(1, FRAMES, STRIDE):
             with self.subTest(call):
                 said, boxes = self.run_scripted((call, 77))
                 self.assertIn(f"camera_service: {FRAMES} frames\n", said)

@@ -1,4 +1,4 @@
-// service_networks.cpp - what examples/camera_service runs over the scripted accelerator, and what fails there: it is
+// service_networks.cpp - what examples/camera_service.c runs over the scripted accelerator, and what fails there: it is
 // linked beside the example, and sets the platform up before main() and looks at it after.
 //
 // SERVICE_FAULTS of the environment: CALL:CODE, separated by blanks; the CALL-th call of the platform fails.

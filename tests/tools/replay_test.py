@@ -8,83 +8,16 @@ import os
 import pathlib
 import random
 import re
-import signal
 import struct
 import subprocess
 import tempfile
 import zlib
 
-from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells, write_gray
+from recorded_files import CAMERA, MAGIC, changed, chunk, chunks, messages, record, spliced, without
+from tool_test import STRIDE, TOOL, ToolTest, main, make_network, write_cells
 
-CAMERA, RECORDER, DAMAGE = (os.environ[f"OLVEX_{name}"] for name in ("CAMERA", "RECORDER", "DAMAGE"))
-MAGIC = b"\x89MCAP0\r\n"
+DAMAGE = os.environ["OLVEX_DAMAGE"]
 SAME = re.compile(r"[^\n]*: (\d+) frames? and (\d+) calls?: no difference([^\n]*)\n")
-
-
-def record(command, path, **settings):
-    """Runs a command with the recorder in front; returns the bytes of the first recording."""
-    environment = {name: value for name, value in os.environ.items() if not name.startswith("OLVEX_RECORDER")}
-    environment.update({f"OLVEX_RECORDER_{name}": str(value) for name, value in
-                        {"FILE": path, "MODE": "always", "FILES": 1, "FLOOR": 0.25, **settings}.items()})
-    environment["LD_PRELOAD"] = RECORDER
-    environment["ASAN_OPTIONS"] = environment.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    code = subprocess.run(command, env=environment, stdout=subprocess.DEVNULL, timeout=600).returncode
-    assert code == (-signal.SIGKILL if "kill=30" in command else 0), f"{command}: {code}"
-    return pathlib.Path(f"{path}.1.mcap").read_bytes()
-
-
-def chunks(data):
-    """(offset, end) of each chunk's record."""
-    at, found = len(MAGIC), []
-    while at + 9 <= len(data) and data[at:at + 8] != MAGIC:
-        number, size = struct.unpack_from("<BQ", data, at)
-        at += 9 + size
-        if number == 6:
-            found.append((at - 9 - size, at))
-    return found
-
-
-def messages(data, channel):
-    """(offset, end, chunk) of the data of each message of a channel."""
-    found = []
-    for chunk in chunks(data):
-        at = chunk[0] + 49
-        while at < chunk[1]:
-            size, number = struct.unpack_from("<QH", data, at + 1)
-            if number == channel:
-                found.append((at + 31, at + 9 + size, chunk))
-            at += 9 + size
-    return found
-
-
-def changed(data, message, offset, value):
-    """The recording with other bytes in a message, and the right CRC."""
-    begin, _, (start, end) = message
-    data = bytearray(data)
-    data[begin + offset:begin + offset + len(value)] = value
-    struct.pack_into("<I", data, start + 33, zlib.crc32(data[start + 49:end]))
-    return bytes(data)
-
-
-def spliced(data, begin, end, between=b""):
-    """The recording with something else in place of a part of its chunks, closed without a summary."""
-    at = chunks(data)[-1][1]
-    while data[at] == 7:
-        at += 9 + struct.unpack_from("<Q", data, at + 1)[0]
-    return data[:begin] + between + data[end:at] + struct.pack("<BQIBQ", 15, 4, 0, 2, 20) + bytes(20) + MAGIC
-
-
-def without(data, message):
-    """The recording without the chunk of a message, and the chunk's index."""
-    begin, end = message[2]
-    while data[end] == 7:
-        end += 9 + struct.unpack_from("<Q", data, end + 1)[0]
-    return spliced(data, begin, end)
-
-
-def chunk(size, crc, records=b""):
-    """A chunk that claims a size and CRC, with what it begins with."""
-    return struct.pack("<BQQQQIIQ", 6, 40 + size, 0, 0, size, crc, 0, size) + records
 
 
 def frame_with_boxes(data, least=1):
@@ -105,11 +38,6 @@ def frame_with_boxes(data, least=1):
         if struct.unpack_from("<I", data, at)[0] >= least and cell is not None:
             return message, number, at + 4 - begin, cell
     raise AssertionError("no frame has boxes")
-
-
-def array_of(data):
-    import numpy
-    return numpy.frombuffer(data, numpy.uint8)
 
 
 class ReplayTest(ToolTest):
@@ -360,59 +288,6 @@ class ReplayTest(ToolTest):
         self.tool("replay", path, "--log", "library.log")
         log = (self.folder / "library.log").read_text()
         self.assertEqual((log.count("ALGO_DET_Run Done"), log.count("release version: ")), (20, 1))
-
-    def test_boxes_are_drawn_over_kept_pictures(self):
-        import cv2
-        path, frames = self.folder / "kept.mcap", {}
-        path.write_bytes(self.camera("kept", "frames=9", "input=nv12", PICTURES=2, PICTURES_CROP="64,32,128,64"))
-        for line in self.tool("replay", path, "--export", "jsonl", "-o", "-").stdout.splitlines():
-            frames[json.loads(line)["frame"]] = json.loads(line)["boxes"]
-        self.tool("replay", path, "--annotate", "drawn", "--export", "mcap", "-o", "viewer.mcap")
-        self.tool("replay", path, "--annotate", "drawn.mkv", "--set", "threshold=1")
-        video = cv2.VideoCapture(str(self.folder / "drawn.mkv"))
-        self.assertEqual(sorted(drawn.name for drawn in (self.folder / "drawn").iterdir()),
-                         [f"frame_00000{number}.jpg" for number in (2, 4, 6, 8)])
-        for number in (2, 4, 6, 8):
-            picture = cv2.imread(str(self.folder / f"drawn/frame_00000{number}.jpg"))
-            sides = video.read()[1]
-            self.assertEqual((picture.shape, sides.shape), ((128, 256, 3), (128, 512, 3)))
-            self.assertNotEqual(frames[number], [])
-            self.assertGreater(cv2.absdiff(sides[:100, :256], sides[:100, 256:]).max(), 80)  # nothing reaches 1
-        self.assertFalse(video.read()[0])
-        data = (self.folder / "viewer.mcap").read_bytes()
-        boxes, pictures = messages(data, 1), messages(data, 2)
-        self.assertEqual((len(boxes), len(pictures)), (9, 4))
-        for number, (begin, *_) in enumerate(boxes, 1):
-            count = struct.unpack_from("<I", data, begin + 25)[0]
-            self.assertEqual(count, 8 * len(frames[number]))
-            scale = (1, 1) if number % 2 else (256 / 1920, 128 / 1080)
-            left, top = struct.unpack_from("<dd", data, begin + 29)
-            self.assertEqual((left, top), (frames[number][0]["x"] * scale[0], frames[number][0]["y"] * scale[1]))
-        for begin, end, _ in pictures:
-            jpeg = data[data.index(b"\xff\xd8", begin, end):end]
-            picture = cv2.imdecode(array_of(jpeg), cv2.IMREAD_COLOR)
-            self.assertEqual(picture.shape, (128, 256, 3))
-            self.assertTrue((abs(picture[:24].astype(int) - 96) < 12).all())  # nothing was kept there
-            self.assertGreater(picture[40:90, 72:184].std(), 20)
-
-    def test_boxes_are_drawn_over_pictures_that_the_user_gives(self):
-        import cv2
-        (self.folder / "plain.mcap").write_bytes(self.plain)
-        (self.folder / "given").mkdir()
-        for number in range(6):
-            write_gray(self.folder / f"given/{number}.pgm", 96, 54, 40 * number)
-        self.tool("replay", "plain.mcap", "--set", "threshold=1", "--export", "mcap", "-o", "viewer.mcap", "--over",
-                  "given", "--over-start", 3, "--from", 2)
-        data = (self.folder / "viewer.mcap").read_bytes()
-        self.assertEqual((len(messages(data, 1)), len(messages(data, 2))), (19, 6))
-        for number, (begin, end, _) in enumerate(messages(data, 2)):
-            picture = cv2.imdecode(array_of(data[data.index(b"\xff\xd8", begin, end):end]), cv2.IMREAD_GRAYSCALE)
-            self.assertAlmostEqual(picture.mean(), 40 * number, delta=3)
-        times = [struct.unpack_from("<I", data, messages(data, channel)[k][0])[0] for channel, k in ((1, 1), (2, 0))]
-        self.assertEqual(*times)
-        self.tool("replay", "plain.mcap", "--annotate", "both.mkv", "--over", "given", "--set", "threshold=0.8")
-        video = cv2.VideoCapture(str(self.folder / "both.mkv"))
-        self.assertEqual((video.read()[1].shape, sum(video.read()[0] for _ in range(9))), ((54, 192, 3), 5))
 
     def test_refusals(self):
         (self.folder / "plain.mcap").write_bytes(self.plain)
