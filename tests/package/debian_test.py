@@ -24,7 +24,7 @@ def build_packages(output, *options, **environment):
     """The packages by name; the build's own folder is below `output`, too."""
     work = output / "work"
     work.mkdir(parents=True)
-    run(ROOT / "packaging" / "build", "--output", output, *options,
+    run(ROOT / "scripts" / "packages", "--output", output, *options,
         env={**os.environ, "TMPDIR": str(work), **environment})
     assert not list(work.iterdir()), "the build left something behind"
     return {path.name.split("_")[0]: path for path in output.glob("*.deb")}
