@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # olvex_find_opencv(<module>...) makes the targets opencv_<module>. Debian packs OpenCV module by
 # module, and only the package of them all has OpenCVConfig.cmake; without that the modules
 # are looked up one by one. OLVEX_OPENCV_VERSION is the version that its headers say.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation: the components library, platform-headers and docs (host, tools and recorder are installed by their
 # own folders), the CMake package olvex_det, olvex_det.pc and what is linked. Everything installed can be moved as a whole.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # olvex_install_sbom() writes what the binaries of an installation's component are linked with, as an SPDX 2.3
 # document, and installs it with them. CMake has no writer of JSON before 3.19: the text is put together here.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the commands of docs/conformance.md that only read the sources, and looks whether the others name tests,
 scripts and files that are there; a row that is met needs one of them."""
 import pathlib

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Builds the Debian packages twice, for this machine, and the library's for ARM: both builds are the same bytes, lintian
 finds nothing, and what is unpacked from them into an empty root runs the street network as the build tree does. After
 their removal the root is empty again."""

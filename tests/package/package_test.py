@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Builds the library as an SDK's maker would, installs it by component, moves it, and builds applications outside
 the tree against it: by pkg-config, by a plain compiler line, by CMake, shared and static, in C and C++. Then what
 must be refused: headers that differ. Then its binary interface against the committed description."""

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Builds libolvex_det.so twice, as it ships: in two folders, from sources of two dates, in two time zones and
 languages. Both have to be the same bytes."""
 import os

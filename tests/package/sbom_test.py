@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares what the SPDX documents of the installation's components say is linked with what the loader will look for,
 by each binary's dynamic section, and with the headers with code that the sources include."""
 import json
