@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // allocations.cpp - olvex_allocations: what the libraries take from the heap in the steady state of
 // a stream. Prints a Markdown table.
 //

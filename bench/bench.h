@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bench.h - what the benchmark sources share. Each bench_*.cpp registers the benchmarks of one
 // stage and the comparisons that belong to them; main.cpp calls them.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bench_boxes.cpp - box lists: sort and suppression, also OpenCV's, lists that the accelerator has
 // decoded, stabilisation; and the tracker with full histories: one frame of matching, and
 // classification.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bench_decode.cpp - raw output layers to boxes, and reading the layers as the lower bound of it.
 #include "bench/bench.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bench_run.cpp - whole frames through ALGO_DET_Run, and the scripted accelerator's part of them; and
 // one line of the log, into /dev/null and into a pipe that is read as fast as it fills.
 #include "bench/bench.h"

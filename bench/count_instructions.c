@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* count_instructions.c - a plugin of qemu-user that counts the instructions a program executes, and
  * prints the sum when the program ends. bench/instructions compiles and uses it.
  *

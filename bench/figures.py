@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the scripts of this folder share: building the benchmarks, running them one by one, medians."""
 import argparse
 import json

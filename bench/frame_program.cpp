@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_program.cpp - olvex_frames: runs whole frames with one library, for counting what they take
 // from outside (bench/instructions, perf, valgrind).
 #include <stdlib.h>

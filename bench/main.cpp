@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // main.cpp - olvex_bench: the benchmarks of all stages. bench/run calls it and judges the figures.
 #include <fcntl.h>
 #include <malloc.h>

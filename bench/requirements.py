@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """How much faster the shipped library has to be: the one table of required ratios.
 
 The plain library has the plain version of six routines and shares all else with the shipped one. Its bounds are

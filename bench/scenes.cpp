@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scenes.cpp - draws the layers, boxes and tensors from fixed seeds.
 #include "bench/scenes.h"
 

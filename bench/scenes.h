@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scenes.h - the inputs of the benchmarks: raw output layers, box lists, tensors that the accelerator has
 // decoded, tracker frames. The same numbers on every machine and in every run.
 #ifndef BENCH_SCENES_H

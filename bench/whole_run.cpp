@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // whole_run.cpp - sets the handle up, and moves the objects in the output from frame to frame.
 #include "bench/whole_run.h"
 

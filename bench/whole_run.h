@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // whole_run.h - frames through ALGO_DET_Run of one library, on the scripted accelerator: FP32,
 // three classes, raw layers, with tracker, static-object filter and stabiliser. Objects move a
 // little between frames.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Flags that every target of the project shares, as interface targets:
 #   olvex_warnings               what our own sources are compiled with
 #   olvex_numbers                what keeps floating-point results the same on every machine

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The library's own targets.
 #   qv_platform     headers of the chip's call contract, ours or an SDK's, and what the library relies on in them
 #   olvex_det_core  all library sources but the exported functions, as objects, for tests and tools

@@ -1,5 +1,6 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation: the components library, platform-headers and docs (host, tools and recorder are installed by their
-# own folders), the CMake package olvex_det and olvex_det.pc. Everything installed can be moved as a whole.
+# own folders), the CMake package olvex_det, olvex_det.pc and what is linked. Everything installed can be moved as a whole.
 
 set(olvex_headers "${CMAKE_INSTALL_INCLUDEDIR}/olvex")
 set(olvex_platform_headers "${olvex_headers}/platform")
@@ -43,6 +44,9 @@ endif()
 configure_file(cmake/olvex_det.pc.in olvex_det.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/olvex_det.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
         COMPONENT library)
+
+include(OlvexSbom)
+olvex_install_sbom(library DYNAMIC ${OLVEX_CXX_RUNTIME} "${OLVEX_C_LIBRARY}")
 
 install(DIRECTORY docs/ DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT docs)
 install(FILES README.md CHANGELOG.md LICENSE SECURITY.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT docs)

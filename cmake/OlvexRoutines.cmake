@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # olvex_add_routines(<target> <table> [PLAIN] [<folder>...]) builds a whole library as a shared object
 # that exports one function, <table>, from tests/support/routines.h. With PLAIN, each x_plain.cpp of the
 # library's folders replaces the x.cpp beside it. A file that a folder has under the path of a file of the

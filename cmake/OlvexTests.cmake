@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # GoogleTest, built from the sources that Debian installs so that it carries the same flags
 # (sanitizers, target processor) as what it tests, and olvex_add_test().
 

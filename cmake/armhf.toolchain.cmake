@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The camera: 32-bit ARM Linux, hard-float, Cortex-A7 with NEON. Tests run under qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* camera_service.c - a camera's application in one source: two models on every frame over a device of its own,
  * options that change between frames, failures, models that are exchanged, a clean end on SIGTERM.
  * Usage: camera_service MODEL MODEL [FRAMES [PICTURES [BOXES]]]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* smallest.c - the smallest application in C: boxes of one raw frame.
  *
  * Usage: smallest MODEL FRAME.bin

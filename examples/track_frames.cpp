@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // track_frames.cpp - a C++ application: tracks objects over raw frames and reports those that move.
 //
 // Usage: track_frames MODEL FRAME.bin...

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // api_fuzz.cpp - the exported functions in any order on up to three handles, within what olvex_det.h
 // asks of an application, while platform calls fail. Each result has to be one that the header
 // names, and nothing may be left behind.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // containers_fuzz.cpp - the library's vector and string against the standard ones: contents, the
 // capacity by the growth rule, and elements that show when they are lost or destroyed twice.
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // evaluation_fuzz.cpp - the files that olvex-det eval and compare read, and all that is reckoned
 // from them. The first byte of an input chooses: modulo 3 COCO, MOT or two runs to compare, above
 // that whether one class is picked; then come the two files, divided by a zero byte.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_fuzz.cpp - whole frames with the plain and the shipped library: what a platform may report
 // of its tensors and put into them, through every option. Both have to return the same codes and
 // boxes, bit for bit. Scenes are built as the library expects them, then altered.

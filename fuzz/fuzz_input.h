@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fuzz_input.h - what the fuzzers share: a check that ends the program, the bytes of one input as a stream of
 // values, and files of such bytes in memory.
 #ifndef FUZZ_FUZZ_INPUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_image_fuzz.cpp - offline models of the host accelerator: whole files as they are, and files
 // whose lengths and checksum are right, so that what lies behind those is reached. The first byte
 // of an input chooses: even: a file; odd: header text, description and network, divided by zero

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // packer_fuzz.cpp - what olvex-det pack and inspect read beside images: networks' signatures, the
 // options with the files that they name, and header texts. The first byte of an input chooses: odd:
 // a header text; even: options as typed, description, class names and network, divided by zero

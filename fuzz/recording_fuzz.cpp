@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording_fuzz.cpp - recordings. The first byte of an input chooses: even: a file as it is, or, where 4 does not divide
 // the byte, what follows the head of one, read up to its first damage and with all that can be recovered; odd:
 // messages within a sound container, each a byte for its channel and two for its size, which are played through the

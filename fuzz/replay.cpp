@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // replay.cpp - runs a fuzzer over the files that it is given, each one input, in place of libFuzzer, so that any
 // compiler can check what has been found before. scripts/fuzz/packed_inputs.py replays packed ones with it.
 #include <cstdint>

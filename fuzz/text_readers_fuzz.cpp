@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // text_readers_fuzz.cpp - the readers of text that others wrote: the key/value pairs before a model
 // and in its first output's name, what follows from them, and the INI file of the frame dump.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* about.c - the first message of a file: which recorder and which library, on what, with which settings. */
 #include <elf.h>
 #include <link.h>

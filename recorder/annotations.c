@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* annotations.c - the boxes of a frame as lines and texts that viewers draw over the picture. Made when a file
  * is written: in the ring they would take more than all the rest. */
 #include <stdio.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* attachment.c - finds the functions behind the interposed ones, where the loader binds them. */
 #include "recorder/attachment.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* attachment.h - how an interposed function is named, and how it reaches the one behind it.
  *
  * Preloaded or linked in front, it has the name itself, and the next library that has it is asked for. In a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* calls.c - a call from its begin to its entry in the ring. tables.c keeps what it tells of handles and channels. */
 #include <string.h>
 

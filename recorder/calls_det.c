@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* calls_det.c - the twelve functions of olvex_det.h, in front of the library. Each hands its arguments on as
  * they are and returns what the library returns. */
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* calls_qv.c - the platform's functions that the library calls, in front of the platform. */
 #include "qv_sys.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* carried.c - a list of entries as they were in the ring, each after a header of what decides how long it
  * stays. An entry begins with the message of the call; those of its network or model come behind. */
 #include "recorder/carried.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* carried.h - the calls in force: those that made the handles, channels and settings of now. A call gets here
  * when it leaves the ring, so that this is always the state before the ring's oldest entry. */
 #ifndef RECORDER_CARRIED_H

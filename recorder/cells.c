@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* cells.c - looks at several cells at once for one that has to be kept, as few have to be, and then at each of
  * them. Reading every logit a second time is most of what recording costs. */
 #include "recorder/cells.h"

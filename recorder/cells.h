@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* cells.h - sparse outputs: the cells of a raw layer whose logits reach a floor. docs/recordings.md has the
  * layout and proves that nothing else of the layer can change a result. */
 #ifndef RECORDER_CELLS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* crc32.h - the CRC-32 of MCAP chunks, that of zlib and PNG. */
 #ifndef RECORDER_CRC32_H
 #define RECORDER_CRC32_H

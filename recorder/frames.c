@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* frames.c - one ALGO_DET_Run from its begin to its entry in the ring: the platform's calls, the outputs from
  * where they lie, the boxes. Then it looks whether the frame is a reason to write. */
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* model_identity.c - the SHA-256 of a model, and the key/value pairs in front of it. */
 #include <errno.h>
 #include <fcntl.h>

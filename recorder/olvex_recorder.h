@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* olvex_recorder.h - what an application can ask of the recorder. docs/recordings.md has the rest.
  *
  * C99 and C++11. The declaration is weak: a program that calls it as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* options.c - one row per number; everything else by itself. */
 #include "recorder/options.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* options.h - the settings of the recorder, from environment variables. docs/recordings.md lists them. */
 #ifndef RECORDER_OPTIONS_H
 #define RECORDER_OPTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* packer.c - values as they lie in memory, which is the order of the format on the processors there are. */
 #include "recorder/packer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* packer.h - little-endian, packed values into a buffer: the data of messages and of container records. A
  * packer on a ring hands full buffers on to the entry that is being made. */
 #ifndef RECORDER_PACKER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* pictures.h - the picture of a frame, as an entry of its own in the ring: one that does not fit leaves the frame
  * there. For frames.c; with the lock held. */
 #ifndef RECORDER_PICTURES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recorder.c - the start, the tables of handles and channels, the clock, and messages to the user. */
 #include "recorder/recorder.h"
 

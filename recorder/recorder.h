@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recorder.h - the recorder's state, and how the interposed functions report to it. calls_det.c and calls_qv.c
  * have those functions, recorder.c the state, frames.c the frames, writer.c the thread that writes files. */
 #ifndef RECORDER_RECORDER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recording_file.c - records of the container, and what is left when one cannot be written. */
 #include "recorder/recording_file.h"
 

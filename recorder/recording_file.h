@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recording_file.h - one recording as it is written: chunk after chunk, each whole before the next, and a
  * summary at the end where the file can be read back. */
 #ifndef RECORDER_RECORDING_FILE_H

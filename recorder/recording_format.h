@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recording_format.h - numbers of a recording: channels, functions, flags, sizes. docs/recordings.md has the
  * format itself and recording_schemas.c the definitions that every file carries.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* recording_schemas.c - the definitions of the messages, as every recording carries them. docs/recordings.md
  * explains the fields; recording_format.h has their numbers. */
 #include "recorder/recording_format.h"

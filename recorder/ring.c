@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* ring.c - producers announce what they are about to remove before they look at the pin, and the reader
  * sets the pin before it looks at what is announced: one of the two always sees the other, and steps back. */
 #include "recorder/ring.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* ring.h - what happened last, in memory of fixed size: entries one after the other, the oldest of which
  * give way to new ones. Producers take turns under a lock of their own; one reader follows without any lock
  * that a producer could have to wait for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* sha256.h - SHA-256 (FIPS 180-4), by which a recording names the model. */
 #ifndef RECORDER_SHA256_H
 #define RECORDER_SHA256_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* tables.h - what the recorder knows of handles and channels. All with the lock held. */
 #ifndef RECORDER_TABLES_H
 #define RECORDER_TABLES_H

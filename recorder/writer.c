@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* writer.c - the thread of low priority that follows the ring: waits for triggers, begins files, writes chunks,
  * and ends files. Nothing that a frame does waits for it. */
 #include <errno.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the scripts share: the root of the tree, calls of other programs, tables, and files that explain
 what a check finds."""
 import os

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // main.cpp - the olvex-det command: parses the command line, runs the chosen subcommand, and turns
 // every failure into one message and an exit code.
 // common/command.h has the codes, common/subcommands.h the subcommands.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_engine.cpp - one accelerator channel.
 #include "base/ipu_engine/ipu_engine.h"
 

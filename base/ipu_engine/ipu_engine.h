@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_engine.h - the owner of one accelerator channel: sizing, opening, tensor descriptions,
 // closing. Independent of detection; base/sdet/sdet_model.h derives from it.
 //

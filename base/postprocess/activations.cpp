@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // activations.cpp - fast_exp and softmax_. Declared in det_postprocess.h.
 #include "base/postprocess/det_postprocess.h"
 

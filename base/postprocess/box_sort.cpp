@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // box_sort.cpp - boxes by descending score. score_order.h has the order.
 #include "base/postprocess/box_sort.h"
 

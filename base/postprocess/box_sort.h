@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // box_sort.h - what qsort_descent_inplace does with an order of scores. suppression.cpp works on the
 // order (score_order.h) first, so that the boxes themselves are moved only once.
 #ifndef BASE_POSTPROCESS_BOX_SORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cell_candidates.cpp - the cells that hold a box, in two steps: cell_scan.h finds the few cells that may
 // hold one, and only those are examined. cell_candidates_plain.cpp is the plain version.
 #include "base/postprocess/cell_candidates.h"

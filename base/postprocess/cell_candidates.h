@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cell_candidates.h - the cells of a raw output layer that hold a box. cell_candidates_plain.cpp says which
 // they are; cell_candidates.cpp finds the same ones faster and ships. raw_decode.cpp makes boxes of them.
 #ifndef BASE_POSTPROCESS_CELL_CANDIDATES_H

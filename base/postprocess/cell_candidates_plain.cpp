@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cell_candidates_plain.cpp - the cells that hold a box as they are defined: each logit of each cell is
 // looked at.
 #include "base/postprocess/cell_candidates.h"

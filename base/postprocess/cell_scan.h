@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every
 // class logit of every frame, so it is written for speed alone and decides nothing: it calls a
 // visitor for each cell with a logit that reaches the threshold, and occasionally for one without.

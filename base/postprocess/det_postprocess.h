@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_postprocess.h - from output tensors to boxes, and operations on boxes: the public header of this
 // folder.
 //

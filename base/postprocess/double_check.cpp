@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // double_check.cpp - confirms tracks of one class by boxes of other classes.
 #include "base/postprocess/det_postprocess.h"
 

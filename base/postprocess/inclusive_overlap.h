@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // inclusive_overlap.h - how suppression measures boxes. For suppression.cpp and kept_boxes.h.
 //
 // Deliberate: widths count both border pixels (+1), unlike the other overlap measures; the

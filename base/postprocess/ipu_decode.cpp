@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_decode.cpp - box lists that the accelerator has already decoded, thresholded and selected, in two
 // steps: the rows that reach the threshold, then a list of just their number. ipu_layout.h
 // has the tensors.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_layout.cpp - chooses the layout of an accelerator-decoded list.
 #include "base/postprocess/ipu_layout.h"
 

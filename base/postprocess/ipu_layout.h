@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_layout.h - the layouts of accelerator-decoded lists: which tensor holds what, and its values one by
 // one. For ipu_decode.cpp, which makes boxes of them.
 //

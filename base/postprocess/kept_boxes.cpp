@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kept_boxes.cpp - which boxes suppression keeps, several compared at a time. kept_boxes_plain.cpp
 // is the plain version.
 #include "base/postprocess/kept_boxes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kept_boxes.h - which boxes non-maximum suppression keeps. kept_boxes_plain.cpp says which they are;
 // kept_boxes.cpp finds the same ones faster and ships.
 #ifndef BASE_POSTPROCESS_KEPT_BOXES_H

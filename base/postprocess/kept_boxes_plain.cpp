@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kept_boxes_plain.cpp - which boxes suppression keeps as it is defined: each box is divided by each kept
 // one.
 #include "base/postprocess/kept_boxes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_memory.h - checks, before an accelerator-decoded list is read, whether the memory is there.
 // OutputMemory is in det_postprocess.h; ipu_decode.cpp reads the lists.
 #ifndef BASE_POSTPROCESS_OUTPUT_MEMORY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_tensors.h - the output tensors of one frame as the decoders take them. sdet_model.h says where they
 // come from; tests and benchmarks make their own.
 #ifndef BASE_POSTPROCESS_OUTPUT_TENSORS_H

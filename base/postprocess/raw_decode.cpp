@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // raw_decode.cpp - raw output layers to boxes, on the CPU, in two steps: cell_candidates.h finds the
 // cells that hold a box, and boxes are filled when their number is known. det_postprocess.h has the
 // layout of a layer; base/sdet/sdet_model.cpp fills the parameters.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // raw_layer.cpp - which raw layers can be decoded and read.
 #include "base/postprocess/raw_layer.h"
 

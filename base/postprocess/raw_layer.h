@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // raw_layer.h - raw output layers and their cells: which layers can be decoded, and a cell's values. For
 // raw_decode.cpp, which makes boxes of them.
 #ifndef BASE_POSTPROCESS_RAW_LAYER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // score_order.cpp - the order of descending scores, many scores at a time. score_order_plain.cpp
 // is the plain version.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // score_order.h - the order in which qsort_descent_inplace leaves boxes, found on their scores alone.
 // score_order_plain.cpp says what the order is; score_order.cpp finds the same one faster and ships.
 #ifndef BASE_POSTPROCESS_SCORE_ORDER_H

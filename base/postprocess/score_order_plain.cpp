@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // score_order_plain.cpp - the order of descending scores as it is defined: each box is compared with the
 // middle one.
 #include "base/postprocess/score_order.h"

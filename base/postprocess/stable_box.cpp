@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // stable_box.cpp - OLVEX_StableBox, the self-contained stabiliser. The one
 // that the handle uses is in video/det/src/det_refine.cpp.
 #include "base/postprocess/det_postprocess.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // suppression.cpp - the two non-maximum suppressions.
 #include "base/postprocess/det_postprocess.h"
 

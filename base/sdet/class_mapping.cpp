@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // class_mapping.cpp - DetAfModel: class ids of the model to those of the library, and the classes of the
 // double check.
 #include "base/sdet/sdet_model.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_image.cpp - the model image: a file's mapping, the pairs in front of the start pattern, and the read
 // callback. model_loading.cpp calls it.
 #include "base/sdet/sdet_model.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_loading.cpp - DetAfModel: a model from its image to an open channel, and who releases the image.
 // sdet_model.cpp runs frames.
 #include "base/sdet/sdet_model.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_words.h - the words by which the pairs in front of a model say what it outputs: the one table of
 // them. output_type.cpp and class_mapping.cpp read the pairs; the tools and tests read the table, too.
 #ifndef BASE_SDET_MODEL_WORDS_H

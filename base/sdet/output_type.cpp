@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_type.cpp - what a model outputs: classes and key points by its word or its channels, and which
 // decoder its tensors need. model_words.h has the words.
 #include "base/sdet/sdet_model.h"

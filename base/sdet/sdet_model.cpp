@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // sdet_model.cpp - DetAfModel: one frame through the network and the decoders to boxes in display pixels.
 // model_loading.cpp opens the model, output_type.cpp has its outputs and class_mapping.cpp its classes.
 #include "base/sdet/sdet_model.h"

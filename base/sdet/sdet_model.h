@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // sdet_model.h - the detection model: reads the model image and its key/value pairs, opens the
 // accelerator channel, runs the network, has the outputs decoded
 // (base/postprocess/det_postprocess.h), maps class ids and rescales the boxes. One handle owns one

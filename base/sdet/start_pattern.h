@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // start_pattern.h - the bytes with which the offline model starts, after the text of a model image.
 // model_image.cpp looks for them.
 #ifndef BASE_SDET_START_PATTERN_H

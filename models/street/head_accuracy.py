@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Average precision of the networks of heads.py over the street's clip, each packed by olvex-det without options."""
 import functools
 import json

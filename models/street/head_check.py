@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Compares what the networks of heads.py give with the street's own boxes, over frames of its clip."""
 from pathlib import Path
 

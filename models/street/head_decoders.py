@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Decoders of the families of heads.py, in numpy, written from what a family's outputs mean. They share no
 code and no table with what writes the networks, so that a fault in one shows as a difference.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Heads without priors: builders that append them to the street's graph. head_priors.py has the others,
 heads.py the command. Each ends as exporters end it: the last nodes are the family's own.
 """

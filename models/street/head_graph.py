@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The street network's graph, and nodes behind its three layers. head_families.py and head_priors.py use it
 to write the network with other heads.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Heads whose cells have several boxes of given sizes: anchors and priors. Builders for heads.py, like those
 of head_families.py.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Ways in which exporters write the same network otherwise, and faults that networks are packed with: these for
 the families raw and boxes-and-scores, where what looks for such faults has to find them. heads.py --variant
 applies both.

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the street network with another head: same weights and same objects, other outputs.
 
     heads.py --list

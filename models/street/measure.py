@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Measures the street network and the library's stages on scenes that training never saw.
 
     models/street/measure.py --olvex-det build/dev/bin/olvex-det

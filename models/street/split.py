@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Which seeds are for which purpose. Training must never see a scene that anything is measured on, so each
 purpose has its own range of seeds.
 """

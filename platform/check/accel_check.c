@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* accel_check.c - the program: proves call by call that a platform supplies what the detection library relies on.
  *
  * C99, libc alone, for whoever writes a platform: one line compiles it for the camera, with platform/include or the

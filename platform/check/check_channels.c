@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_channels.c - two channels at once, first one after the other, then in two threads. */
 #include <pthread.h>
 #include <stdlib.h>

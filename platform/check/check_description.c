@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_description.c - what a channel says of its tensors. */
 #include <stddef.h>
 #include <string.h>

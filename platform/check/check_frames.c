@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_frames.c - how frames are read: again for each invocation, up to their end, with their pitches and colours. */
 #include <stdlib.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_lives.c - how channels and the device end, in each order, and that nothing stays behind. */
 #define _POSIX_C_SOURCE 200809L
 #include <dirent.h>

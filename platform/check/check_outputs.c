@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_outputs.c - output buffers: how they are lent, and that an invocation fills them. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdint.h>

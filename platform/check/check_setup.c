@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_setup.c - static information, the device, and what they refuse. */
 #include <stdio.h>
 #include <string.h>

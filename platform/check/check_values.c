@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* check_values.c - the probe network's values: layout, padding, types, scales, zero points and activations. */
 #include "checks.h"
 #include "report.h"

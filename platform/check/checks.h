@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* checks.h - the checks, in the order in which they are made. Each reports at least one line. */
 #ifndef PLATFORM_CHECK_CHECKS_H
 #define PLATFORM_CHECK_CHECKS_H

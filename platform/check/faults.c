@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* faults.c - the table of faults. `accel-check --faults` prints it, and docs/platform.md has it. */
 #include "faults.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* faults.h - what can be wrong with a platform. faults.c says of each what the library does with it, and the
  * remedy. */
 #ifndef PLATFORM_CHECK_FAULTS_H

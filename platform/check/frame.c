@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* frame.c - layout and contents of frames. */
 #include "frame.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* frame.h - pictures as the camera delivers them, in each format of an input tensor. */
 #ifndef PLATFORM_CHECK_FRAME_H
 #define PLATFORM_CHECK_FRAME_H

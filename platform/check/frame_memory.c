@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* frame_memory.c - memory for frames from the system, which ends where the frame ends: reading on is a crash. On a
  * camera whose accelerator reads physical addresses, this is the file to replace, by calls of the chip's own. */
 #define _DEFAULT_SOURCE

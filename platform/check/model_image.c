@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* model_image.c - mapping of the model's file, and bounds of what is read of it. */
 #define _DEFAULT_SOURCE
 #define _POSIX_C_SOURCE 200809L

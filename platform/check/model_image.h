@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* model_image.h - the model's file, mapped as the detection library maps it, and the callback that reads it. */
 #ifndef PLATFORM_CHECK_MODEL_IMAGE_H
 #define PLATFORM_CHECK_MODEL_IMAGE_H

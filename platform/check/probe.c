@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* probe.c - the values of the probe network. */
 #include "probe.h"
 

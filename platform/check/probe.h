@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* probe.h - what the network in probe.onnx computes: three layers of equal channels, over the frame, half and a
  * sixth of it. probe_network.py writes the network. */
 #ifndef PLATFORM_CHECK_PROBE_H

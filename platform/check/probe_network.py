@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the probe network of accel-check. Argument: the file; probe.onnx beside this script is what it writes.
 
 Input "picture" is 1x3x18x42, red, green, blue of 0 to 255. Outputs are three layers of 11 channels: "full" of

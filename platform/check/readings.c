@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* readings.c - readings are tried one after the other, the likely ones first. */
 #include "readings.h"
 

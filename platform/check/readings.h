@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* readings.h - ways in which a layer of the probe network could lie in its buffer. */
 #ifndef PLATFORM_CHECK_READINGS_H
 #define PLATFORM_CHECK_READINGS_H

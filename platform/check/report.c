@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* report.c - lines to standard output, and notes in memory that both processes share. */
 #define _DEFAULT_SOURCE
 #include "report.h"

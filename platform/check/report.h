@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* report.h - what was proven and found, one line each, and the notes of the running process that outlive it.
  *
  * The checks run in a process of their own. The one that started it says what a crash or an endless call means. */

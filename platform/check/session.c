@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* session.c - channels and invocations, as base/sdet makes them. */
 #include "session.h"
 

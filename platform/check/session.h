@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* session.h - what the checks share: the model, the frame, and a channel as the detection library uses it. */
 #ifndef PLATFORM_CHECK_SESSION_H
 #define PLATFORM_CHECK_SESSION_H

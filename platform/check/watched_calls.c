@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* watched_calls.c - one wrapper per call of the platform. */
 #define _POSIX_C_SOURCE 200809L
 #include "watched_calls.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* watched_calls.h - the platform's calls, each timed and its code looked at. A process in which none of them
  * begins for a minute is ended. */
 #ifndef PLATFORM_CHECK_WATCHED_CALLS_H

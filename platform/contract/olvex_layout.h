@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* olvex_layout.h - checks of record layouts at compile time, in C99 and C++11. Installed next to olvex_det.h. */
 #ifndef OLVEX_LAYOUT_H
 #define OLVEX_LAYOUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* olvex_platform.h - the chip's headers with the limits and numbers that this library relies on, in C99 and C++11.
  *
  * The chip's headers (qv_types.h, qv_sys.h, qv_ipu.h) come from platform/include or, with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // channel.cpp - loads a network, hands out its output buffers and runs its frames.
 #include "platform/host/channel.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // channel.h - one network with its description, its output buffers and who holds them.
 // host_accelerator.cpp keeps the table of channels.
 #ifndef PLATFORM_HOST_CHANNEL_H

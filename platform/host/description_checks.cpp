@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // description_checks.cpp - the checks of a description, and the tensor names that follow from it.
 // Declared in host_image.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // description_json.cpp - a description as JSON text, and back. docs/model-images.md has the fields.
 #include <charconv>
 #include <set>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // description_words.h - the words and limits of an image's description, and how a wrong field is refused.
 // description_checks.cpp and description_json.cpp share them; host_image.h is what others use.
 #ifndef PLATFORM_HOST_DESCRIPTION_WORDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // detection_stage.cpp - the accelerator's own detection stage: picks the best candidate boxes of a
 // network and hands them over as rows, indices and a count.
 #include <algorithm>

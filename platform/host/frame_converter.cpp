@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_converter.cpp - colour conversion and planes by OpenCV, one function per frame format.
 #include "platform/host/frame_converter.h"
 

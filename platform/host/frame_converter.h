@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_converter.h - converts the camera's frame to the network's input planes.
 // docs/model-images.md shows the frame layouts; channel.cpp uses it.
 #ifndef PLATFORM_HOST_FRAME_CONVERTER_H

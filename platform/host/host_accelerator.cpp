@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_accelerator.cpp - the chip's contract: the device, the table of channels, and the calls,
 // each behind one guard that turns an error into a code and a line on standard error. channel.h
 // holds what a channel does.

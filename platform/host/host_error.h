@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_error.h - the exception that any part of the host accelerator throws. The contract's calls
 // turn it into a code and one line on standard error (host_accelerator.cpp).
 #ifndef PLATFORM_HOST_HOST_ERROR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_image.cpp - the bytes of the host accelerator's offline models: reads, checks and writes them. The
 // format's manual is docs/model-images.md; description_json.cpp reads the description inside, and
 // host_accelerator.cpp opens channels on what is read here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_image.h - the host accelerator's offline model: its bytes, and the description inside.
 // Written by the packer, read by the host accelerator; both through these functions alone.
 // docs/model-images.md is the format's manual; host_image.cpp reads the bytes,

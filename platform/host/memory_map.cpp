@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // memory_map.cpp - reads /proc/self/maps.
 #include "platform/host/memory_map.h"
 

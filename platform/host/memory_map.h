@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // memory_map.h - what of this process's memory can be read without a fault. The library's read
 // callback and the application's frames come as bare addresses, so a truncated model file or an
 // unmapped frame would otherwise end the process. model_source.h, channel.h and the cache flush use it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_source.cpp - reads a model by its path or by the caller's read callback.
 #include "platform/host/model_source.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_source.h - gets an offline model from where the caller says it is: a file, memory, or
 // whatever a read callback delivers. host_image.h holds the format.
 #ifndef PLATFORM_HOST_MODEL_SOURCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network.cpp - loads and runs a network by OpenCV's dnn module.
 #include "platform/host/network.h"
 

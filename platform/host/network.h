@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network.h - one ONNX network in OpenCV's dnn module, with its errors as HostError. A channel owns
 // one; output_stage.h makes tensors of its results.
 #ifndef PLATFORM_HOST_NETWORK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // object_reader.h - reads the fields of one JSON object strictly: a field of another type, out of range or
 // unknown is refused by its path. description_json.cpp reads descriptions with it.
 #ifndef PLATFORM_HOST_OBJECT_READER_H

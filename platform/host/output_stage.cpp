@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_stage.cpp - what both kinds of output stage share.
 #include "platform/host/output_stage.h"
 

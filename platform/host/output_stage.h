@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_stage.h - from what the network computes to the output tensors that the library sees.
 // raw_stage.cpp and detection_stage.cpp are the two kinds; channel.cpp uses them.
 #ifndef PLATFORM_HOST_OUTPUT_STAGE_H

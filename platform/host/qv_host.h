@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_host.h - what the host accelerator offers beside the chip's contract: its codes, its
  * timing and its limit.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // raw_stage.cpp - three layers of the network, handed over cell by cell; see output_stage.h.
 #include <array>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_ipu.h - the chip's neural-network accelerator (the IPU): device, channels, tensors, invocation.
  *
  * C99 and C++11. This is the whole of what the detection library asks of a chip; docs/platform.md

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_sys.h - the chip's system interface: frame buffers and cache maintenance.
  *
  * C99 and C++11. qv_ipu.h is the accelerator itself. */

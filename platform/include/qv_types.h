@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_types.h - scalar types of the chip's interfaces, in C99 and C++11.
  *
  * Every record that crosses a library boundary is made of these types and keeps natural alignment:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qv_replay.h - control functions of the replaying platform: it answers the QV_ calls of a thread from a list of
 // recorded calls, and compares what it is asked with what was asked then.
 //

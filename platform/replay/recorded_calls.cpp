@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recorded_calls.cpp - comparison of calls one after the other, and buffers by owner.
 #include "platform/replay/recorded_calls.h"
 

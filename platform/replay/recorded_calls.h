@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recorded_calls.h - the calls that a thread plays, and the output buffers of their owners. For replay_platform.cpp.
 #ifndef PLATFORM_REPLAY_RECORDED_CALLS_H
 #define PLATFORM_REPLAY_RECORDED_CALLS_H

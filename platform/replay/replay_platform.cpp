@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // replay_platform.cpp - the QV_ calls: answered from recorded calls, or handed on to the platform behind this one.
 #include <algorithm>
 #include <chrono>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // guarded_buffer.cpp - watched output memory; guarded_buffer.h is its contract.
 #include "platform/scripted/guarded_buffer.h"
 

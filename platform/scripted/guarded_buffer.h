@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // guarded_buffer.h - memory of one output tensor between two watched areas.
 // Under the address sanitizer the areas cannot be touched, nor can the tensor while it is shut;
 // without it a changed byte is found afterwards. Used by scripted_state.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qv_scripted.h - control functions of the scripted accelerator: what a test sets before and reads
 // after the library under test has made its QV_ calls. All may be called from any thread.
 //

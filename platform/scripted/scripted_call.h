@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_call.h - one QV_ call of the scripted accelerator in progress. scripted_setup.cpp and
 // scripted_frames.cpp make one in each of their functions.
 #ifndef PLATFORM_SCRIPTED_SCRIPTED_CALL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_frames.cpp - the QV_ calls of the scripted accelerator for frames: output buffers, invocation and
 // cache.
 #include <algorithm>

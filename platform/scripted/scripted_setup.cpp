@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_setup.cpp - the QV_ calls of the scripted accelerator for devices, models and channels. Each one
 // notes its event, fails where a fault is set for it, checks the caller's part of the contract, and only then
 // takes effect. scripted_state.h is what they work on; scripted_frames.cpp has the calls for frames.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_state.cpp - the control functions of the scripted accelerator and what they work on.
 // qv_scripted.h is their contract; scripted_setup.cpp and scripted_frames.cpp hold the QV_
 // calls.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_state.h - everything that the scripted accelerator remembers, behind one mutex.
 // scripted_state.cpp holds the control functions over it, scripted_setup.cpp and scripted_frames.cpp the QV_
 // calls.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Many inputs of a fuzzer in one file: fuzz/corpus/FUZZER.inputs, those of past faults in fuzz/regressions.
 
   scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each

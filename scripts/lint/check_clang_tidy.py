@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """clang-tidy, with .clang-tidy's checks, over the library's own sources. Argument: a build folder with
 compile_commands.json."""
 import json

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Every C and C++ source is laid out as .clang-format says, without blanks at line ends.
 With --fix it lays them out so."""
 import argparse

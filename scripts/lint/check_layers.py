@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Proves that no file includes one that it must not: KNOWN says of each folder which others it may include.
 
 Layer 0 is platform/include and platform/contract, 1 utils, 2 base, 3 video/det, 4 everything else; no include

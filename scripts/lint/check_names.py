@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Every source, script or page that a comment or a page of documentation names exists in the repository.
 
 A name is a word with one of ENDINGS, with folders before it or without: some file has to end so. A word that

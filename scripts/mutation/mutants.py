@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Small changes to a C++ source, found by a light tokenizer: what scripts/mutation/run tries out.
 
 The tokenizer relies on the layout that .clang-format gives: binary operators stand between blanks, the

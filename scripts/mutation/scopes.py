@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What scripts/mutation/run can change: parts of the tree, each with its build and the tests that try it."""
 import collections
 import re

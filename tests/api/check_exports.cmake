@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Checks what the finished library shows to the outside: exported names, libraries that it needs,
 # its name, the build string in writable data, what hardens it, and on the camera its size. Run by ctest with
 #   -DLIBRARY= -DNM= -DREADELF= -DSIZE= -DBUILD_STRING= -DSANITIZERS= -DHARDENED= -DTEXT_LIMIT=

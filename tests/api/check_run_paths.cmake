@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Checks that no binary of a build and of its installation loads libraries from the current folder: each
 # entry of a run path (RPATH, RUNPATH) is absolute or begins with $ORIGIN, none is empty. Run by ctest with
 #   -DBUILD= -DPREFIX= -DREADELF=

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_test.h - fixtures of this folder: DetTest with the scripted accelerator, a directory of its
 // own and the library's log, and PublicApi with a handle, its frame and its boxes.
 // list_network.h describes the networks, tests/support/scripted_test.h the fixture below these.

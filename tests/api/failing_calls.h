@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // failing_calls.h - the library's calls to the system made to fail: memory, files and mutexes. For
 // one source of a program that is linked with a --wrap for each function below
 // (tests/api/CMakeLists.txt). The platform's calls fail by platform/scripted/qv_scripted.h.

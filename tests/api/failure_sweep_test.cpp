@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // failure_sweep_test.cpp - whole lives of a handle, with everything switched on, in which each call
 // of the platform, each call to the system and each allocation fails in turn, once and for good.
 // Prints how many points failed. tests/api/failing_calls.h says how, det_test.h has the fixture.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // list_network.h - scripted networks whose outputs are box lists that the accelerator has decoded,
 // so that a test can write down the detections of each frame. det_test.h has the fixtures.
 #ifndef TESTS_API_LIST_NETWORK_H

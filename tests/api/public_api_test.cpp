@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // public_api_test.cpp - the exported functions: codes, messages, options, what reaches the
 // accelerator and what comes back. det_test.h has the fixture; failure_sweep_test.cpp has the lives
 // in which a call fails.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_scene.cpp - the camera of the manual's example, a C program: a scripted network that sees
 // the same object in three frames, set up before main. What breaks the platform's contract, and a
 // device that is left up, get a line "scene: ...", with which the test fails.

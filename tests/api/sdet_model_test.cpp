@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // sdet_model_test.cpp - the library's objects below the exported functions: model file, class
 // rules, output types, choice of the decoder, rescaling, opening, invoking, and what a handle does
 // that its functions do not show. public_api_test.cpp has the functions, det_test.h the fixture.

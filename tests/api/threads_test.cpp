@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // threads_test.cpp - handles in separate threads on the scripted accelerator. The preset
 // tsan runs it under the thread sanitizer.
 #include "olvex_det.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the camera service over the scripted accelerator, each call of the platform failing in turn, and over the
 host accelerator on the street's clip, recorded by each attachment; replays what was recorded."""
 import os

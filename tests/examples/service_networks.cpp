@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // service_networks.cpp - what examples/camera_service.c runs over the scripted accelerator, and what fails there: it is
 // linked beside the example, and sets the platform up before main() and looks at it after.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // golden_test.cpp - fixed tensors through the whole library: every build, compiler and processor
 // must report the same boxes, bit for bit. data/boxes.txt holds those of each scenario
 // (tests/support/kept_text.h).

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """scene_test.py - the street's truth is the truth: boxes, hidden shares, files.
 
 usage: scene_test.py SCENE_FOLDER [unittest options]

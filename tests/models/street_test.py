@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """street_test.py - the whole chain on the street clip: packed images, library, measures.
 
 usage: street_test.py OLVEX_DET IMAGE_FOLDER CLIP_FOLDER [unittest options]

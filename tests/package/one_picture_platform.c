@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* one_picture_platform.c - a chip's library with one network and one picture: every frame shows the same two boxes.
  * C99, as an SDK's own would be; compiled against whichever platform headers come first. */
 #include <stddef.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Builds the library as an SDK's maker would, installs it by component, moves it, and builds applications outside
 the tree against it: by pkg-config, by a plain compiler line, by CMake, shared and static, in C and C++. Then by the
 Makefile of docs/target.md, and over musl. Then what must be refused: headers that differ. Then its binary interface
@@ -104,7 +105,8 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(["usr/include/olvex/algo_types.h", "usr/include/olvex/olvex_det.h",
                           "usr/include/olvex/olvex_layout.h", "usr/lib/here/libolvex_det.a",
                           "usr/lib/here/libolvex_det.so", "usr/lib/here/libolvex_det.so.1",
-                          "usr/lib/here/libolvex_det.so.1.0.0", "usr/lib/here/pkgconfig/olvex_det.pc"], library)
+                          "usr/lib/here/libolvex_det.so.1.0.0", "usr/lib/here/olvex_det-1/olvex_det-library.spdx.json",
+                          "usr/lib/here/pkgconfig/olvex_det.pc"], library)
         self.assertEqual([f"usr/include/olvex/platform/qv_{name}.h" for name in ("ipu", "sys", "types")],
                          self.lists["platform-headers"])
         self.assertIn("usr/share/doc/olvex_det/platform.md", self.lists["docs"])

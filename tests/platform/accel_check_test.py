@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """accel-check over the scripted platform, sound and with one fault at a time, and over the host accelerator."""
 import os
 import pathlib

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // faulty_calls.cpp - calls in front of the scripted accelerator, which has the probe network: handed on as they are,
 // or with the one fault of probe_platform.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Tests of the host accelerator and of its offline models, on small networks made by tiny_onnx.
 # make_test_network writes the same networks into files, for the tests of the command line.
 add_library(tiny_onnx STATIC "${PROJECT_SOURCE_DIR}/tests/support/tiny_onnx.cpp")

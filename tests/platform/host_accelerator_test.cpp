@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_accelerator_test.cpp - what the host accelerator computes: frames to network planes, network
 // outputs to the library's tensors. host_refusal_test.cpp has what it refuses.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_image_test.cpp - offline models of the host accelerator: what is written reads back, and
 // nothing damaged or misspelt is let through.
 #include "platform/host/host_image.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_refusal_test.cpp - what the host accelerator refuses: each cause with its own code and one
 // line on standard error that names it and says what to do. host_accelerator_test.cpp has what it computes.
 #include <fcntl.h>

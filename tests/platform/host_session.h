@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // host_session.h - a device of the host accelerator and channels on images made in the test, for
 // host_accelerator_test.cpp and host_refusal_test.cpp.
 #ifndef TESTS_PLATFORM_HOST_SESSION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // probe_platform.cpp - computes the probe network from frames, and gives it to the scripted accelerator when the
 // library is loaded. OLVEX_PROBE_INPUT is the frames' format (NV12), OLVEX_PROBE_OUTPUT the elements' (INT16).
 #include "tests/platform/probe_platform.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // probe_platform.h - the scripted accelerator with the probe network of accel-check, sound or with one fault.
 // probe_platform.cpp has what is wrong with tensors, faulty_calls.cpp what is wrong with calls.
 #ifndef TESTS_PLATFORM_PROBE_PLATFORM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_test.cpp - the scripted accelerator's own promises: what it reports, fails, plays and
 // notes. What it shares with every platform is in accel_check_test.py.
 #include "platform/scripted/qv_scripted.h"

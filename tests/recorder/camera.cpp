@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // camera.cpp - an application with handles in threads over the scripted accelerator, the same in every run. It is
 // linked without a recorder, with one in front, and statically with the wrapped one; recorder_test.py runs it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cells_test.cpp - sparse outputs: the cells that the recorder keeps, filled up again, give the boxes of the
 // whole layer at every threshold from the floor on, to the bit. docs/recordings.md has the proof.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // play_recording.cpp - plays a recording through the library as olvex-det replay does, where there is no command line:
 // in cross builds.
 //

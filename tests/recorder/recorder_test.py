@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the camera with the recorder attached in each way, and reads what it wrote with a reader of its own: magic,
 record lengths, CRC of each chunk, index, and the messages. What happens to the run when the recorder fails, or
 when the process is killed, is tried as well."""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ring_test.cpp - the recorder's ring at the places of its positions that a run reaches after hours.
 #include <cstdint>
 #include <vector>

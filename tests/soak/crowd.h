@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // crowd.h - objects that appear, move and disappear, as the output of a network whose boxes the
 // accelerator has decoded. The same seed makes the same frames.
 #ifndef TESTS_SOAK_CROWD_H

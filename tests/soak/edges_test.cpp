@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // edges_test.cpp - the public functions where a clock, a time stamp or a counter overflows:
 // what a camera reaches after years. Nothing else in the library counts frames.
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // soak.cpp - olvex_soak: the library over many frames and many lives of a handle, watched for growing
 // memory and repeated track ids. crowd.h makes the frames.
 #include <malloc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kept_text.h - texts that a test has to print again to the byte. A file holds those of one program,
 // each behind a line "=== NAME". To accept an intended change run the program itself, not ctest,
 // which runs its cases side by side, with OLVEX_GOLDEN_UPDATE=1 in the environment; read the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // log_lines.h - the messages in what the library has printed, and whether they are the ones that
 // searches of logs rely on: log_lines.txt has each with its level, # for a number, * for any text.
 #ifndef TESTS_SUPPORT_LOG_LINES_H

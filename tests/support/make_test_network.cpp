@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // make_test_network.cpp - writes one of the networks of tiny_onnx.h into a file, for tests that
 // drive the command line.
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // random.h - numbers drawn from a seed, the same on every machine and in every run. For the tests and
 // the benchmarks.
 #ifndef TESTS_SUPPORT_RANDOM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // record.h - the results of a run as numbers: two runs did the same when their records are the
 // same. A NaN counts as one number, as its bits depend on the order of a processor's operands.
 #ifndef TESTS_SUPPORT_RECORD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // routines.cpp - the table of one library's routines. Compiled into each of them with
 // OLVEX_ROUTINES set to the name of its table.
 #include "tests/support/routines.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // routines.h - one whole library as a table of its routines, so that two of them can be called in
 // one program: the plain one (each x_plain.cpp instead of the x.cpp beside it) beside the shipped one.
 // Each library is a separate shared object that exports nothing but its table; the records that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scripted_test.h - GoogleTest fixture over the scripted accelerator: resets it before each test
 // and fails a test that left violations behind which it did not announce.
 // platform/scripted/qv_scripted.h has the control functions themselves.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // sweep_preload.c - preloaded into a program: counts its calls that write, sync, close or rename
 // files of one folder, and at the n-th fills the disk for good or sends the program a signal.
 // Read tests/tools/run_sweep_test.py for its use.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tiny_onnx.cpp - the few messages of ONNX's protocol-buffer format that small networks need; see
 // tiny_onnx.h for the networks.
 #include "tests/support/tiny_onnx.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tiny_onnx.h - makes small ONNX networks with known results for tests of the host accelerator and
 // of the command line. tiny_onnx.cpp writes the bytes; make_test_network.cpp puts them into files.
 #ifndef TESTS_SUPPORT_TINY_ONNX_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """annotation_test.py - what olvex-det draws: boxes, labels, key points, sheets of frames, the worst pictures
 of an evaluation, and the progress line.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """compare_test.py - olvex-det compare: which frames it shows, the sheet, and what it refuses.
 
 See tool_test.py for the usage. Runs are written by hand; the pictures are plain.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """doctor_test.py - each fault that doctor names is found in an image that has it, and nothing in a sound one.
 
 The images are those of the street network, with a fault in the network or in the description.

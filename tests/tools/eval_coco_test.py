@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """eval_coco_test.py - olvex-det eval coco against values worked out by hand, and against a second,
 plainer implementation of the same definitions on random boxes.
 

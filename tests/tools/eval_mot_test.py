@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """eval_mot_test.py - olvex-det eval mot against values that were computed by hand.
 
 See tool_test.py for the usage. Boxes are squares of 100 pixels unless a test says otherwise: shifted

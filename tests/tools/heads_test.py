@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """heads_test.py - networks of every head, packed without options: the images find the boxes of the street's
 own three layers. And what is wrong with the options is named.
 

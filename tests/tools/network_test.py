@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """network_test.py - networks that pack rewrites compute what they computed: each case runs in the engine as
 packed, and is compared with the same arithmetic in numpy.
 

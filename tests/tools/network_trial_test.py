@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """network_trial_test.py - networks that crash, exhaust or never leave the network engine: pack,
 inspect and run say so in one sentence, leave nothing behind, and can be interrupted meanwhile.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """pack_test.py - olvex-det pack and inspect as their users see them: what is packed comes back, what
 cannot work is refused with a reason, and no failure leaves a file behind.
 

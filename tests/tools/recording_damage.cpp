@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording_damage.cpp - cuts a recording at random places and flips random bits of it, and reads what is left.
 //
 //   recording_damage RECORDING COUNT

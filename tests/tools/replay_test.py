@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """replay_test.py - olvex-det replay and record: runs that the recorder took are played, damaged, cut and changed.
 
 See tool_test.py for the usage. The camera is that of tests/recorder; olvex-det run is recorded, too, as it knows

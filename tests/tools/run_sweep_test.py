@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """run_sweep_test.py - olvex-det run under signals, full disks and file-size limits at each of its
 calls that write, and under kills: what stands on the disk afterwards.
 

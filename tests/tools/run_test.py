@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """run_test.py - olvex-det run as its users see it: files in, files out, exit codes.
 
 See tool_test.py for the usage. The network's candidates are the cells of a grid of 8 pixels, scored

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """tool_test.py - what the tests of the command line share: the program, networks, schema checks, and
 the comparison of whole texts and pictures with those in data/.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """written_networks_test.py - the networks that pack writes, told node by node: what it rewrites, cuts off and
 appends for each head. That they compute the right values is shown by network_test.py and heads_test.py.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // box_operations_test.cpp - operations on boxes: sort, activations, suppression, the overlap of
 // stabilisation and the stabiliser by itself, and tracks confirmed by boxes of other classes.
 #include "base/postprocess/det_postprocess.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // boxes.h - short ways to write boxes and tensors and to read the log's errors in the unit tests.
 // The larger fixtures are in the test sources that need them.
 #ifndef TESTS_UNIT_BOXES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // iou_tracker_test.cpp - matching, life and death of tracks, and static/moving classification.
 #include "base/tracker/iou_tracker/iout.h"
 

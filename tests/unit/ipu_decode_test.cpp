@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ipu_decode_test.cpp - box lists that the accelerator has decoded, in both element types.
 #include "base/postprocess/det_postprocess.h"
 

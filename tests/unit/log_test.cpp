@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // log_test.cpp - the log lines, the INI key reader and the frame dump. The program is linked with
 // its own gettimeofday and time, so that every line is known to the byte.
 #include "utils/debug/debug.h"

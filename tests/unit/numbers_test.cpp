@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // numbers_test.cpp - what keeps results the same on every machine: conversions that saturate, and
 // arithmetic that is neither fused nor wider than it says. The flags are in cmake/OlvexFlags.cmake.
 #include "utils/numeric/saturating_cast.h"

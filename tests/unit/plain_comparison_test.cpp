@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // plain_comparison_test.cpp - the shipped library's fast routines against the plain ones, bit for bit, on drawn
 // input with ties, NaN, infinities and the ends of ranges. The last seed on standard error plays the round of a
 // difference, a crash or an endless loop again.

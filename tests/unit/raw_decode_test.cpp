@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // raw_decode_test.cpp - raw output layers, in both element types.
 #include "base/postprocess/det_postprocess.h"
 

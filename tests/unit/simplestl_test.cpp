@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // simplestl_test.cpp - the containers where an allocation fails or a size wraps; containers_fuzz.cpp holds
 // them against the standard ones. Replaces operator new[], to count allocations and fail any of them.
 #include "utils/olvex_stl/simplestl.h"

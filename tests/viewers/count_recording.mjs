@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // count_recording.mjs - what a viewer's reader finds in a file: messages by topic, frames and boxes. Every CRC is
 // checked, and every message is decoded by the definition that the file carries. For node (read_files.mjs) and
 // browsers (page.mjs).

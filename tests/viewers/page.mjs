@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // page.mjs - the same in a browser: the page holds a recording in base 64, and gets what is in it as JSON.
 import { countRecording } from "./count_recording.mjs";
 

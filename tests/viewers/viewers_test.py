@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Reads recordings, and what olvex-det makes of them, with the reader library of stock viewers, in node and in a
 browser. Ends with code 77, which ctest shows as skipped, where tests/viewers/install has not been run."""
 import base64

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // codecs.h - OpenCV's codecs as two modules that olvex-det loads when it first needs them
 // (tools/frames/codec_modules.cpp). More than 200 libraries come with them, whose start takes ten times as
 // long as that of all the others.

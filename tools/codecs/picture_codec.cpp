@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // picture_codec.cpp - the module of picture files, by OpenCV's imgcodecs.
 #include <opencv2/imgcodecs.hpp>
 

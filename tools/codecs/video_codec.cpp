@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // video_codec.cpp - the module of videos and cameras, by OpenCV's videoio.
 #include "tools/codecs/codecs.h"
 

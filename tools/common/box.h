@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // box.h - a rectangle and how far two of them overlap, for all that measures or compares boxes.
 #ifndef TOOLS_COMMON_BOX_H
 #define TOOLS_COMMON_BOX_H

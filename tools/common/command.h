@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // command.h - what every subcommand of olvex-det shares: exit codes, the error that carries one, and the kind
 // of its work. subcommands.h lists the subcommands.
 #ifndef TOOLS_COMMON_COMMAND_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // evaluation.cpp - warnings on standard error, parsing and checking of --min, composing SVG elements.
 #include "tools/common/evaluation.h"
 

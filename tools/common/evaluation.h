@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // evaluation.h - what both subcommands of eval share: warnings of probable mistakes in the files, the option
 // --min METRIC=VALUE, values that an evaluation must reach, and SVG pictures.
 #ifndef TOOLS_COMMON_EVALUATION_H

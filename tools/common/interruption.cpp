@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // interruption.cpp - the signal handlers.
 #include "tools/common/interruption.h"
 

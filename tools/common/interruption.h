@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // interruption.h - signals that end a run: the first Ctrl-C requests an orderly end, the second one
 // ends the process. The loop in run_session.cpp checks for requests.
 #ifndef TOOLS_COMMON_INTERRUPTION_H

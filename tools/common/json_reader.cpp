@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // json_reader.cpp - the parser with a callback that checks; for lists it hands each object on when that is
 // complete and drops it from the tree.
 #include "tools/common/json_reader.h"

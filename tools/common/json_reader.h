@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // json_reader.h - strict reading of JSON: no member twice, no endless nesting, nothing after a zero byte,
 // and every member that is asked for is checked.
 #ifndef TOOLS_COMMON_JSON_READER_H

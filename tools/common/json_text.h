@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // json_text.h - reports as JSON: what all that write some share. json_reader.h reads.
 #ifndef TOOLS_COMMON_JSON_TEXT_H
 #define TOOLS_COMMON_JSON_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // options.cpp - the parser's calls, for each type of value that an option has.
 #include "tools/common/options.h"
 

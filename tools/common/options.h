@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // options.h - how a subcommand declares its options. A thin layer over the parser, so that its header, which
 // takes long to compile, is needed here and in main.cpp alone. compare_command.cpp is an example.
 #ifndef TOOLS_COMMON_OPTIONS_H

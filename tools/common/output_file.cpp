@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_file.cpp - writes in place or beside it, and moves file descriptors for LibraryLog, as the library
 // prints through the C library's own stdout.
 #include "tools/common/output_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_file.h - files of results in which no failed write goes unnoticed, and which are whole at any
 // moment: up to their last text, or as they were before. And standard output, which is kept for results.
 #ifndef TOOLS_COMMON_OUTPUT_FILE_H

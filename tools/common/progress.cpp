@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // progress.cpp - draws the progress line with plain terminal control.
 #include "tools/common/progress.h"
 

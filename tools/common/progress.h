@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // progress.h - the line on standard error that shows how far a run is, and notices.
 #ifndef TOOLS_COMMON_PROGRESS_H
 #define TOOLS_COMMON_PROGRESS_H

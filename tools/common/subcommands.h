@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // subcommands.h - the subcommands of olvex-det. main.cpp adds them all; each is defined in the sources of its
 // folder. Apart from command.h, which most sources include, so that another subcommand compiles few of them.
 #ifndef TOOLS_COMMON_SUBCOMMANDS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // text.cpp - plain routines over strings.
 #include "tools/common/text.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // text.h - texts for messages and reports: numbers, counts, lists, and names from files made safe to show.
 // And what a misspelt word was probably meant to be.
 #ifndef TOOLS_COMMON_TEXT_H

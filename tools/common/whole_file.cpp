@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // whole_file.cpp - whole-file reading, and writing by temporary file and rename.
 #include "tools/common/whole_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // whole_file.h - files read and written as a whole: a reader that says what went wrong, and a
 // writer that leaves either the complete new file or what was there before.
 #ifndef TOOLS_COMMON_WHOLE_FILE_H

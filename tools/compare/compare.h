@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // compare.h - runs read back, the frames of them that are shown, and the sheet that shows them.
 // compare_runs.cpp reads and chooses, compare_sheet.cpp draws; compare_command.cpp calls them.
 #ifndef TOOLS_COMPARE_COMPARE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // compare_command.cpp - the subcommand compare: its options, their checks, and its help.
 #include <algorithm>
 #include <filesystem>

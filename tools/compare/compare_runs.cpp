@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // compare_runs.cpp - JSON lines to records, of which every member that is used is checked; and which frames
 // are shown. Declared in compare.h.
 #include <algorithm>

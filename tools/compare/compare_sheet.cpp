@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // compare_sheet.cpp - reads the frames one after the other and draws each into its row at once.
 // Declared in compare.h.
 #include "tools/compare/compare.h"

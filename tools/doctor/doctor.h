@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // doctor.h - the parts of the subcommand doctor: what is known of a model image, the frames that it is run
 // on, what the runs show, and the checks, each of which reads one fault off them.
 // doctor_command.cpp puts them together; doctor_runs.cpp runs the network.

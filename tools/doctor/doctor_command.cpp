@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // doctor_command.cpp - the subcommand doctor: runs every check on a model image, and reports what is wrong
 // with the remedy, as text or as the JSON of schema/doctor.schema.json. doctor.h has the parts.
 #include <algorithm>

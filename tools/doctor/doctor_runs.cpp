@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // doctor_runs.cpp - runs a model image, as it is and with its description changed in memory, and keeps what
 // the checks read. Declared in doctor.h.
 #include <algorithm>

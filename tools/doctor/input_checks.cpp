@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // input_checks.cpp - the checks that run the network with its input described in another way, and report
 // where that is clearly better over all pictures. Declared in doctor.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_checks.cpp - the checks of what the network computes on the pictures. Declared in doctor.h.
 #include <algorithm>
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // static_checks.cpp - the checks that need no picture: the description, the shapes of the outputs, and what
 // the library makes of them. Declared in doctor.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // annotation.cpp - drawing with OpenCV's imgproc module, encoding by its codecs, and where each tile and
 // strip of a sheet lies.
 #include "tools/frames/annotation.h"

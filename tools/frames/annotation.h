@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // annotation.h - draws boxes, names, tracks and key points into a picture, and writes picture files.
 // And sheets of such pictures.
 #ifndef TOOLS_FRAMES_ANNOTATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // codec_modules.cpp - loads the modules of tools/codecs. Declared in codec_modules.h.
 #include "tools/frames/codec_modules.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // codec_modules.h - picture files and videos, by modules that are loaded at the first call.
 #ifndef TOOLS_FRAMES_CODEC_MODULES_H
 #define TOOLS_FRAMES_CODEC_MODULES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // file_source.cpp - frames from files, one each: pictures, or frames that the library dumped.
 // Declared in frame_source.h.
 #include <algorithm>

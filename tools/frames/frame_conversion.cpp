@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_conversion.cpp - the formats' memory layouts as OpenCV matrices over one buffer, so that
 // every conversion writes straight into the frame.
 #include "tools/frames/frame_conversion.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_conversion.h - pictures into the frame format that a model expects, and back; where a picture lies in
 // its frame, and boxes of the frame taken back to the picture. qv_ipu.h defines the formats; frame_source.h
 // supplies the pictures; docs/model-images.md has the formulas.

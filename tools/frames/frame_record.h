@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_record.h - what one frame yielded: its boxes and the time that each stage took. Made by
 // run_session.cpp, consumed by every writer.
 #ifndef TOOLS_FRAMES_FRAME_RECORD_H

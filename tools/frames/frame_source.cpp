@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_source.cpp - finds out what an input is and opens it; takes frames evenly from one.
 #include "tools/frames/frame_source.h"
 

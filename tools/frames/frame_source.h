@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_source.h - where frames come from: video, picture, folder, dumped frames, camera.
 // open_frame_source() in frame_source.cpp decides which; file_source.cpp and video_source.cpp read.
 #ifndef TOOLS_FRAMES_FRAME_SOURCE_H

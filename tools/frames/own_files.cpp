@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // own_files.cpp - compares files by identity where they exist, else by path.
 #include "tools/frames/own_files.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // own_files.h - keeps the outputs of a subcommand apart from its inputs and from one another.
 #ifndef TOOLS_FRAMES_OWN_FILES_H
 #define TOOLS_FRAMES_OWN_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // picture_writers.cpp - the two writers, and what is wrong with a file that the encoder made.
 #include "tools/frames/picture_writers.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // picture_writers.h - annotated frames as a video, or as pictures in a folder.
 #ifndef TOOLS_FRAMES_PICTURE_WRITERS_H
 #define TOOLS_FRAMES_PICTURE_WRITERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // result_writers.cpp - a text per frame for each format of lines, and the list of COCO results.
 #include "tools/frames/result_writers.h"
 

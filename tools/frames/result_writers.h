@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // result_writers.h - the results of frames as texts: JSON Lines, MOTChallenge rows, COCO results.
 #ifndef TOOLS_FRAMES_RESULT_WRITERS_H
 #define TOOLS_FRAMES_RESULT_WRITERS_H

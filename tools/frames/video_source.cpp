@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // video_source.cpp - frames from a video file or a camera, by OpenCV's videoio module, and whether a file is
 // whole, by the stated sizes of its outermost parts. Declared in frame_source.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // append_decoding.cpp - the nodes behind the network's own: outputs to rows, rows to boxes and scores.
 // Constants have the full shape of the tensor that they are combined with, since not every engine
 // repeats them along each dimension in the same way.

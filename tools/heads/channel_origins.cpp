@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // channel_origins.cpp - follows channels and values back through the graph. A graph may have been
 // made to mislead: no more nodes are visited than kMostSteps.
 #include "tools/heads/head_evidence.h"

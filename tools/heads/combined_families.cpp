@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // combined_families.cpp - heads whose one output holds everything of a row: boxes, objectness, classes, key
 // points. Declared in head_evidence.h.
 #include <algorithm>

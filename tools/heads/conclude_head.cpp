@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // conclude_head.cpp - asks the concluder of each family, and chooses the readings that the values speak for.
 #include "tools/heads/conclude_head.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // conclude_head.h - which head a network has, concluded from the shapes of its outputs, the nodes behind
 // them, its metadata and, where there are some, the values that it computes.
 #ifndef TOOLS_HEADS_CONCLUDE_HEAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // final_boxes.cpp - order, unit and axes of boxes that the network decodes itself. Declared in head_evidence.h.
 #include <algorithm>
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // head.h - where the boxes, scores and key points of a network stand in its outputs, how the numbers become
 // boxes, and what carries it out: nodes of the network, or plain formulas. conclude_head.h fills a Head in.
 #ifndef TOOLS_HEADS_HEAD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // head_evidence.cpp - questions to the graph and to the values, and what several families conclude alike.
 #include "tools/heads/head_evidence.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // head_evidence.h - what the concluders of the families ask about a network: outputs as tables of candidate
 // rows, what computed their channels, what names and metadata say; and the reading that they write.
 #ifndef TOOLS_HEADS_HEAD_EVIDENCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // head_layout.cpp - shapes against the cells of the usual strides.
 #include "tools/heads/head_evidence.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // layered_families.cpp - heads that are layers of cells: anchors, one layer with a formula of its own, and
 // the library's own three. Declared in head_evidence.h.
 #include <algorithm>

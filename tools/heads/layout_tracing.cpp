@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // layout_tracing.cpp - compares the places from which the first elements of rows come, one step back for each
 // kind of node. A graph may have been made to mislead: no more steps are taken than kMostSteps. Declared in
 // head_evidence.h.

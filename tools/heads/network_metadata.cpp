@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_metadata.cpp - the entries of metadata_props by the keys that exporters use, and the words in the
 // names of outputs, the most telling first.
 #include "tools/heads/head_evidence.h"

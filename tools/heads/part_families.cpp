@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // part_families.cpp - heads with parts apart: an output for each part and stride (class, objectness, box, key
 // points; or score, distances, key points), and distances as shares of bins, beside or behind the classes.
 // Declared in head_evidence.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // plain_reading.cpp - row by row, one formula after the other, straight from the memory of each output.
 #include "tools/heads/head.h"
 

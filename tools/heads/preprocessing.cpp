@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // preprocessing.cpp - mean, scale, colours and resize of a network: what its metadata says, or else what is
 // usual for the head's family. Declared in head_evidence.h.
 #include "tools/heads/head_evidence.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // table_families.cpp - heads with one table of boxes and one of scores: priors, and what is decoded already.
 // Declared in head_evidence.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // last_output.cpp - the only tool source that reads the object behind the public handle
 // (video/det/include/det_schedule.h).
 #include "tools/inside/last_output.h"

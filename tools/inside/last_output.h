@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // last_output.h - what the public record Box_t does not carry: corners before they are cut to whole
 // pixels, track ids and key points.
 #ifndef TOOLS_INSIDE_LAST_OUTPUT_H

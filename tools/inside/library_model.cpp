@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // library_model.cpp - opens a model as the detection handle does, and explains each failure.
 // video/det/src/det_schedule.cpp is the handle.
 #include "tools/inside/library_model.h"

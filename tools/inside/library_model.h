@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // library_model.h - one model opened through the library's own loading code, so that pack and inspect see
 // exactly what the library will make of it; and the codes of the library and of the host accelerator in
 // words. command.h has the exit codes, qv_host.h the accelerator's codes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_facts.cpp - calls the library's routines for an opened model. The decisions are in
 // base/sdet and base/postprocess.
 #include "tools/inside/model_facts.h"

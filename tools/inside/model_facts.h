@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_facts.h - what the library makes of a model: pairs, type, class mapping, tensors, and the
 // decoder that it will choose. Every decision is the library's; here it is only described.
 // inspect_command.cpp prints the facts, pack_command.cpp refuses a model whose decoding has a fault.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // model_pairs.cpp - header pairs and type words. The library decides what a word or a channel
 // count means.
 #include "tools/inside/model_facts.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_head.cpp - OpenCV's dnn module on a network's bytes, and the head of what it computes for a picture.
 #include "tools/inside/network_head.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_head.h - runs a network in the host's engine as it is, without an image around it, and concludes
 // which head it has: by its graph, and by what it computes for a picture.
 #ifndef TOOLS_INSIDE_NETWORK_HEAD_H

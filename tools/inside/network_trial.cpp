@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_trial.cpp - a child process with limits, which it sets on itself so that the parent only has to
 // wait; what is run in it, and the refusals.
 #include "tools/inside/network_trial.h"

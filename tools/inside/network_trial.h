@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_trial.h - tries a model's network before this process hands it to the network engine,
 // which crashes on some networks and does not end on others.
 // Used before a model is opened for the first time.

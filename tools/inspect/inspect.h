@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // inspect.h - the parts of the subcommand inspect beside model files, which inspect_command.cpp shows.
 #ifndef TOOLS_INSPECT_INSPECT_H
 #define TOOLS_INSPECT_INSPECT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // inspect_command.cpp - the subcommand inspect: checks a model file, opens it with the library, and
 // reports what the library makes of it, as text or as the JSON of schema/inspect.schema.json.
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // inspect_network.cpp - what an ONNX network holds, which rewrites pack would make, what the engine lacks, and
 // which head pack would conclude.
 #include "tools/inspect/inspect.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // constant_arithmetic.cpp - operators that compute new elements from constants: element by element,
 // comparisons, reductions, and sequences of numbers.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // constant_folding.cpp - what the operators on constants share: shapes, broadcasting, the records of an ONNX
 // file; and the folding, which goes over the nodes until nothing more can be computed.
 #include "tools/network/constant_folding.h"

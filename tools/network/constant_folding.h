@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // constant_folding.h - the elements of tensors that are known before the network runs, what operators make of
 // them, and a network whose constants are computed beforehand. constant_layout.cpp, constant_selection.cpp
 // and constant_arithmetic.cpp are the operators.

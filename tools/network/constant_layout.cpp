@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // constant_layout.cpp - operators that move the elements of constants and compute none: shapes, parts,
 // orders and repetitions.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // constant_selection.cpp - operators that choose elements of constants: parts of a split, the best, those at
 // computed places, and boxes that overlap none of a better score.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // engine_forms.cpp - forms in which the engine does not take operators: shapes (what is squeezed, softmax over
 // several axes, operands of different shapes), and parameters as inputs that it reads from attributes only, or
 // needs though they have a usual value.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // engine_quantisation.cpp - numbers of few bits become floats, for an engine that computes in floats: the
 // weights exactly; activations are no longer rounded to steps, but still cut off at the ends of their range.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // engine_selections.cpp - choosing, cutting out and repeating elements, with the operators that the engine
 // has: products and sums, limits, slices of one axis, concatenation.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // fit_to_engine.cpp - the list of rewrites for OpenCV 4.6, and of the operators that it has.
 // Declared in loadable.h; node_rewriting.h has the rewrites.
 #include <map>

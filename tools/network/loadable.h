@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // loadable.h - makes a network one that the host's engine, OpenCV's dnn module, can load: exact rewrites
 // of the graph, each of them named, and a refusal of what is left.
 #ifndef TOOLS_NETWORK_LOADABLE_H

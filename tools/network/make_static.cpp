@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // make_static.cpp - the open sizes of the inputs, and the order of the rewrites that leave the network
 // portable. Declared in loadable.h.
 #include <cctype>

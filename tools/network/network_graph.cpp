@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_graph.cpp - the records of an ONNX file by libonnx, with an index of names and shapes.
 #include "tools/network/network_graph.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_graph.h - an ONNX network that is read, looked into, changed and written. Beside the file's own
 // records it knows the shape of every value and which node makes or uses it.
 #ifndef TOOLS_NETWORK_NETWORK_GRAPH_H

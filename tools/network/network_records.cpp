@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_records.cpp - the records of an ONNX file: attributes of nodes made and read, the elements of
 // weights, of whatever type, as doubles; and nodes put in the place of others. Declared in network_graph.h and
 // node_rewriting.h.

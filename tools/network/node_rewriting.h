@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // node_rewriting.h - what the rewrites for the engine share: putting nodes in the place of one, and changing
 // attributes. fit_to_engine.cpp lists the rewrites.
 #ifndef TOOLS_NETWORK_NODE_REWRITING_H

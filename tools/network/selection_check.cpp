@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_check.cpp - the tail of a network on arbitrary numbers, and the search for its rows.
 #include "tools/network/selection_lifting.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_lifting.cpp - goes back from what a network selects to the tables of all candidates. It may take
 // columns for what they are not: selection_check.cpp proves the result on numbers.
 #include "tools/network/selection_lifting.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_lifting.h - what a selection of boxes inside a network takes its results from: the tables of all
 // candidates, for each selected value those that it holds rows of, and the proof of it. selection_tail.cpp
 // cuts the selection off there.

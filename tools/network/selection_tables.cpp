@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_tables.cpp - brings values of all candidates into one form, 1 x rows x columns.
 #include "tools/network/selection_lifting.h"
 

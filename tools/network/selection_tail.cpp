@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_tail.cpp - tells a selection of results from one inside the network, by what follows it, and says
 // which tables become the outputs in place of what was selected from them.
 #include "tools/network/selection_tail.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // selection_tail.h - finds the selection of boxes at the end of a network, and takes it off: the library
 // selects, and an engine that has no such operators takes what is left.
 #ifndef TOOLS_NETWORK_SELECTION_TAIL_H

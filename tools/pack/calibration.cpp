@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // calibration.cpp - runs the pictures, keeps the largest values, makes scales of them.
 // Declared in pack.h; frame_source.h supplies the pictures.
 #include "tools/pack/pack.h"

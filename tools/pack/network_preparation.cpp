@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // network_preparation.cpp - the steps from a network's file to the one in the image, and the refusals of
 // heads that cannot be concluded.
 #include "tools/pack/pack.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pack.h - the parts of the subcommand pack: what is known of the network, the options, the resulting
 // description of the model, its calibration, the prepared network and its proof. pack_command.cpp puts them
 // together.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pack_command.cpp - the work of the subcommand pack: builds a model file, tries it with the library, and
 // only then puts it in place. pack.h has the parts, model_facts.h what is checked.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pack_description.cpp - the description of the model, from the options and the network.
 // Declared in pack.h.
 #include <algorithm>

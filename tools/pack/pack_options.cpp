@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pack_options.cpp - the options of pack. Declared in pack.h; pack_values.cpp turns texts into values.
 #include "tools/pack/pack.h"
 

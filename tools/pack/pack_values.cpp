@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // pack_values.cpp - numbers, sizes and header entries from the texts of options.
 #include "tools/pack/pack.h"
 

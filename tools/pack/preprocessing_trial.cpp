@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // preprocessing_trial.cpp - counts the rows of a high score under other usual preprocessings.
 #include "tools/pack/pack.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // proof.cpp - the comparisons row by row, and what is plausible.
 #include <algorithm>
 #include <array>

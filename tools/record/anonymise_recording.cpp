@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // anonymise_recording.cpp - a recording that plays as before, without what tells where, when and of what it was made.
 #include <algorithm>
 #include <optional>

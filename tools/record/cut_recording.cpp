@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cut_recording.cpp - a part of a recording as a recording: the calls in force come first, as the recorder itself
 // carries them into each file.
 #include <algorithm>

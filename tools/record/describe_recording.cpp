@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // describe_recording.cpp - what is in a recording, for people.
 #include <algorithm>
 #include <ctime>

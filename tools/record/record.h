@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // record.h - what the subcommands of record do with recordings; record_command.cpp has their options.
 #ifndef TOOLS_RECORD_RECORD_H
 #define TOOLS_RECORD_RECORD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // record_command.cpp - the subcommands of record: options, what they say, help.
 #include <cstdint>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // container.cpp - records one after the other, each in the place that the profile has for it.
 #include "tools/recordings/container.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // container.h - the container of a recording, a strict profile of MCAP: uncompressed chunks with their CRCs and the
 // definitions of recorder/recording_schemas.c. What is in the messages is the business of recording.h.
 #ifndef TOOLS_RECORDINGS_CONTAINER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // file_cursor.h - values of a file one after the other, none read beyond an end. For container.cpp.
 #ifndef TOOLS_RECORDINGS_FILE_CURSOR_H
 #define TOOLS_RECORDINGS_FILE_CURSOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_outputs.cpp - sizes of outputs, and what each of them holds.
 #include "tools/recordings/frame_outputs.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_outputs.h - a frame's outputs as whole tensors, as large as the network's description says. output_cells.h
 // fills those that were stored in cells.
 #ifndef TOOLS_RECORDINGS_FRAME_OUTPUTS_H

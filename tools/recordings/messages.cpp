@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // messages.cpp - one list of fields for each message, by which it is read and written.
 #include "tools/recordings/messages.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // messages.h - the messages of a recording as records, and their bytes. docs/recordings.md explains the fields,
 // recorder/recording_schemas.c has their order. container.h finds messages in a file.
 #ifndef TOOLS_RECORDINGS_MESSAGES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_cells.cpp - every length is checked before it is used: a recording may be damaged.
 #include "tools/recordings/output_cells.h"
 

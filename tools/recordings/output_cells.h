@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // output_cells.h - outputs that a recording stores in cells, filled up to whole tensors. docs/recordings.md has
 // the layout, and says for which thresholds the filled tensor gives the boxes of the one that was recorded.
 #ifndef TOOLS_RECORDINGS_OUTPUT_CELLS_H

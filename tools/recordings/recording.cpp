@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording.cpp - from the container's messages to calls and frames.
 #include "tools/recordings/recording.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording.h - a recording read from its file: calls and frames in the order in which they began. The one reader
 // for all that plays, shows or changes recordings.
 #ifndef TOOLS_RECORDINGS_RECORDING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording_writer.cpp - records of the container, from the header to the footer.
 #include "tools/recordings/recording_writer.h"
 

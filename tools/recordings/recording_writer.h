@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recording_writer.h - writes recordings that were made of others: repaired, cut, without what gives things away; and
 // files for viewers in the same container. The recorder's own writer, in recorder/, is for cameras.
 #ifndef TOOLS_RECORDINGS_RECORDING_WRITER_H

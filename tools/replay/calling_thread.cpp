@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // calling_thread.cpp - one piece of work at a time.
 #include "tools/replay/calling_thread.h"
 

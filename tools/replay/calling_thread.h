@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // calling_thread.h - a thread that makes calls for another one, which waits for each of them.
 #ifndef TOOLS_REPLAY_CALLING_THREAD_H
 #define TOOLS_REPLAY_CALLING_THREAD_H

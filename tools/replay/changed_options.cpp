@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // changed_options.cpp - the words of --set, and which thresholds a recording is exact for.
 #include <algorithm>
 #include <charconv>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // draw_frames.cpp - frames with their boxes in a video or a folder, alone or beside those of another run.
 #include <algorithm>
 #include <iterator>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // frame_pictures.h - the picture that belongs to a played frame: one that the recorder kept, or one of a video.
 #ifndef TOOLS_REPLAY_FRAME_PICTURES_H
 #define TOOLS_REPLAY_FRAME_PICTURES_H

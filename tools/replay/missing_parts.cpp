@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // missing_parts.cpp - what a recording says, or shows by its numbers, that it lacks.
 #include <algorithm>
 #include <set>

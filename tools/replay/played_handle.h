@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // played_handle.h - a handle while its calls are played: what the library made, what is in force for it, and whether
 // its state is that of the recorded run. docs/recordings.md, Key frames and warm starts, says why.
 #ifndef TOOLS_REPLAY_PLAYED_HANDLE_H

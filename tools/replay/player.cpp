@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // player.cpp - calls and frames one after the other, each on its thread.
 #include "tools/replay/player.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // player.h - Player: one play of a recording. player.cpp has the order of calls, player_calls.cpp the calls
 // outside of frames, player_frames.cpp the frames.
 #ifndef TOOLS_REPLAY_PLAYER_H

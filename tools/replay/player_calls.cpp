@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // player_calls.cpp - Player: the calls outside of frames.
 #include <algorithm>
 #include <cstring>

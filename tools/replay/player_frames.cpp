@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // player_frames.cpp - Player: one frame, and its comparison with the recorded one.
 #include <cstring>
 

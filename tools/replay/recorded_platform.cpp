@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recorded_platform.cpp - answers from the messages of a recording.
 #include "tools/replay/recorded_platform.h"
 

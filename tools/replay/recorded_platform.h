@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // recorded_platform.h - what the platform answered in a recording, as qv_replay takes it, and the model file that
 // the library reads in its place.
 #ifndef TOOLS_REPLAY_RECORDED_PLATFORM_H

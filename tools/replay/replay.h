@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // replay.h - the parts of the subcommand replay: options that are changed, the player, and what changed between two
 // runs. replay_command.cpp puts them together.
 #ifndef TOOLS_REPLAY_REPLAY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // replay_command.cpp - the subcommand replay: its options, their checks, what it says, and its help.
 #include <cerrno>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_changes.cpp - boxes of two runs paired frame by frame, and tracks by the boxes that were paired.
 #include <algorithm>
 #include <map>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // shown_frames.h - played frames with their pictures: drawn, or as a file for viewers. frame_pictures.h has the
 // pictures.
 #ifndef TOOLS_REPLAY_SHOWN_FRAMES_H

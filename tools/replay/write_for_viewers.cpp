@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // write_for_viewers.cpp - boxes and pictures in the messages that stock viewers draw.
 #include <cstddef>
 #include <map>

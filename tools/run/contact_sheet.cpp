@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // contact_sheet.cpp - a grid of evenly chosen frames from a series of unknown length.
 // Declared in run.h; annotation.h has the grid.
 #include "tools/run/run.h"

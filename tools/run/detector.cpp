@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // detector.cpp - create, initialise, configure, run, free. library_model.h puts the
 // library's codes into words.
 #include "tools/run/run.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run.h - the parts of the subcommand run: the detector, the library's log, the outputs, the summary, and the
 // work from frames to outputs. run_command.cpp fills the options.
 #ifndef TOOLS_RUN_RUN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_command.cpp - the subcommand run: its options, their checks, and its help.
 #include <cstdio>
 #include <filesystem>

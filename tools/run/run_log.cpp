@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_log.cpp - the log in an anonymous file of the kernel's, emptied after every good frame, so
 // that a run of days needs no disk.
 #include "tools/run/run.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_outputs.cpp - opens, feeds and completes the outputs of a run.
 #include "tools/run/run.h"
 

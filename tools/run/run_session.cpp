@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_session.cpp - the loop over the frames, its setup and its end. Frames come from frame_source.h
 // and go to the detector.
 #include "tools/run/run.h"

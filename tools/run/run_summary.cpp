@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // run_summary.cpp - counts, medians and their two presentations.
 #include "tools/run/run.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // debug.cpp - LOG_LEVEL, the INI key reader and the frame dump.
 #include "utils/debug/debug.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // debug.h - the reader of one INI key and the dump of a frame to a file. The detection
 // handle (video/det/src/det_schedule.cpp) uses them to dump input frames on demand.
 #ifndef UTILS_DEBUG_DEBUG_H

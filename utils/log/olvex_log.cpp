@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // olvex_log.cpp - the header of a log line. olvex_log_plain.cpp is the plain version, which
 // has the text's format.
 //

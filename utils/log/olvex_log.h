@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // olvex_log.h - the library's log lines on standard output.
 //
 // A line is a header "[2024-03-07 14:05:09 42.0000] DLA_INFO:, LINE: 17. " and the message. A

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // olvex_log_plain.cpp - the header of a log line as it is defined: by localtime and printf.
 #include "utils/log/olvex_log.h"
 

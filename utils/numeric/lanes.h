@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // lanes.h - several numbers side by side, in the compilers' portable vector types. Operators work
 // lane by lane and round like those on single numbers, so the same expression on lanes and on one
 // number gives the same bits.

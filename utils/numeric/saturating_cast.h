@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // saturating_cast.h - the one conversion from floating point to integers.
 //
 // The camera's processor converts with saturation; C++ leaves a value outside the range undefined,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // scratch.h - olvex::scratch<T, n>, memory for the intermediate results of one routine: a list of
 // plain values that is neither zeroed nor bound to the growth rule of olvex::vector, which is for
 // the lists that a caller sees. The first n values need no memory from the heap.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // simplestl.h - the library's own containers: olvex::vector, olvex::string, olvex::pair, and the
 // helpers olvex::min, olvex::max and olvex::swap. Needs no standard container. The records kept in
 // them are in utils/records/det_records.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* algo_types.h - what the public interface and the library's sources share: error codes and the
  * stabiliser's options.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_records.h - the records that several folders of the library share: boxes, key points and the
 // option records with their defaults. The tracker's records are in base/tracker/iou_tracker/iout.h,
 // the decoders' in base/postprocess/det_postprocess.h.

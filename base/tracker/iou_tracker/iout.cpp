@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // iout.cpp - matching, creation and removal of tracks, static/moving classification.
 #include "base/tracker/iou_tracker/iout.h"
 

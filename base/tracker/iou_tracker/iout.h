@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // iout.h - the overlap tracker: links the boxes of successive frames into tracks with stable ids,
 // and tells tracks that stand still from tracks that move. The detection handle feeds it one frame
 // per call (video/det/src/det_refine.cpp).

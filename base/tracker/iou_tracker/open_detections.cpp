@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // open_detections.cpp - one box against the open detections of a frame. open_detections_plain.cpp
 // is the plain version.
 #include "base/tracker/iou_tracker/open_detections.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // open_detections.h - the detections of one frame that no track has taken yet, laid out for
 // comparing several at once with a track's last box. The tracker (iout.h) owns one.
 // open_detections_plain.cpp says which detection a box gets; open_detections.cpp finds the same one faster

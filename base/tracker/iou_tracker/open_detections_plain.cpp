@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // open_detections_plain.cpp - one box against the open detections of a frame as the result is defined:
 // track_bbox_iou() of each. Needs no lanes: a place that is not kTaken is open.
 #include "base/tracker/iou_tracker/open_detections.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // track_box.h - the tracker's box.
 #ifndef BASE_TRACKER_IOU_TRACKER_TRACK_BOX_H
 #define BASE_TRACKER_IOU_TRACKER_TRACK_BOX_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Actors: figures with a path through the street, and the population of a scene.
 
 The street runs along x. From the camera outwards: near pavement, parked cars, two lanes, far pavement,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The camera: where it hangs, and where it sees a point of the world.
 
 World coordinates are metres: x along the street, y away from the camera's wall, z up. Picture

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What moves and stands in the street: each figure builds a sprite for a position, heading and time.
 
 Figures take their looks (sizes, colours, habits) from one random generator. build() depends on nothing

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Renders the street: pictures or a clip, with the truth about every object in them.
 
     generate.py pictures --seeds 300000:300260 --mix busy_with_decoys -o test

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Scenery: what the empty street looks like, and its light.
 
 Every pixel of the canvas is traced to the ground or to the house fronts; colours come from the place

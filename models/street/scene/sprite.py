@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Sprites: coloured solids in world coordinates, drawn to a patch of pixels with a label mask.
 
 A sprite collects balls, limbs and faces. draw() projects them, sorts them by depth and fills a patch;

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A scene of the street: made from a seed, rendered at any moment, with the truth about every object.
 
 Scene(seed, mix, duration).render(time) gives the frame and a list of Truth records. The same seed gives

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Truth files: COCO JSON for pictures and frames, MOT text for clips and for the decoys in them.
 
 COCO: image ids are picture numbers from 1; annotations have, beside COCO's own members, "ignore" (1: too

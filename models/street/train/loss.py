@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What training minimises: which cell predicts which object, and how wrong the prediction is.
 
 Cells are chosen by how well they predict already (C. Feng et al., "TOOD: Task-aligned One-stage Object

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The network: a small convolutional backbone, a feature pyramid, and one head for three strides.
 
 Output per stride: 4 + 7 channels for each cell, which libolvex_det decodes on the CPU: the distances from

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Training pictures: scenes of the street as the network will see them, in memory-mapped arrays.
 
 load(folder, name, seeds, mix) makes them on first use, with all cores, and keeps them for the next run.

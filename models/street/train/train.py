@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Trains the street network and exports it to ONNX. One command, a fixed seed, no graphics card:
 
     models/street/train/train.py

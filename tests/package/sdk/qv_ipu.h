@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_ipu.h - the accelerator of a chip maker's SDK: plain enumerations, limits as macros, more calls than the
  * library uses. */
 #ifndef __QV_IPU__

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_sys.h - the system interface of a chip maker's SDK, with calls and records that the library does not use. */
 #ifndef __QV_SYS__
 #define __QV_SYS__

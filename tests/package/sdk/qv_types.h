@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* qv_types.h - scalar types as a chip maker's SDK declares them: by the compiler's own words, with macros that
  * collide with nothing of the library's. */
 #ifndef __QV_TYPES__

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco.h - the parts of eval coco: the files, the metrics, what went wrong in each picture, and the report.
 // eval_coco_command.cpp puts them together.
 #ifndef TOOLS_EVAL_COCO_COCO_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_files.cpp - the members of COCO's files, and the ids that tie them together.
 #include "tools/eval/coco/coco.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_lint.cpp - one function per kind of warning. Declared in coco.h; coco_shift_lint.cpp finds ids
 // that fit better when shifted.
 #include "tools/eval/coco/coco.h"

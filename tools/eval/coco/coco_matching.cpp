@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_matching.cpp - greedy matching by descending score; and at one overlap within each class for the
 // errors of a picture, across classes for the confusion. Declared in coco.h.
 #include <algorithm>

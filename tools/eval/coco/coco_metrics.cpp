@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_metrics.cpp - from matches to curves, from curves to means.
 #include "tools/eval/coco/coco.h"
 

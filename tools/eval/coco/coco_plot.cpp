@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_plot.cpp - the curves as SVG elements; all lengths are pixels. Declared in coco.h.
 #include "tools/eval/coco/coco.h"
 

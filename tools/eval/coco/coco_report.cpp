@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_report.cpp - tables in fixed columns, and the same as JSON.
 #include "tools/eval/coco/coco.h"
 

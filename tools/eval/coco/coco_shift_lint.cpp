@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_shift_lint.cpp - ids of a result that seem to be shifted against those of the truth: more truth boxes
 // are found, or all ids are known, when they are taken for others. Declared in coco.h.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // coco_worst_pictures.cpp - reads the input's frames up to the last one wanted and draws into those.
 // Declared in coco.h.
 #include "tools/eval/coco/coco.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // eval_mot_command.cpp - the subcommand eval mot: its options, and the way from files to a report.
 #include <cstdio>
 #include <filesystem>

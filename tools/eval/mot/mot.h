@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot.h - the parts of eval mot: the files, truth and result of a clip side by side, the metrics of its tracks,
 // and the report. eval_mot_command.cpp puts them together.
 #ifndef TOOLS_EVAL_MOT_MOT_H

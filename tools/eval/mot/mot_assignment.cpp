@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_assignment.cpp - optimal assignment by shortest augmenting paths: H. W. Kuhn, "The Hungarian
 // method for the assignment problem", Naval Research Logistics Quarterly 2, 1955; R. Jonker,
 // A. Volgenant, "A shortest augmenting path algorithm for dense and sparse linear assignment

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_clip.cpp - merges two files by frame and takes ignored truth out.
 #include "tools/eval/mot/mot.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_files.cpp - reading rows of comma separated numbers.
 #include "tools/eval/mot/mot.h"
 

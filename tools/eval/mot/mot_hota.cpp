@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_hota.cpp - two passes over the frames: how well objects and tracks go together over the whole
 // clip, then the assignment in each frame that follows it. Declared in mot.h.
 #include "tools/eval/mot/mot.h"

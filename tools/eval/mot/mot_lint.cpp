@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_lint.cpp - one function per kind of mistake. Declared in mot.h.
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_metrics.cpp - CLEAR MOT in one pass over the frames with a memory of each object; and from counts to
 // metrics. Declared in mot.h.
 #include <limits>

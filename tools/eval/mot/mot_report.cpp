@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_report.cpp - a table of metrics, a table of counts, and the same as JSON with each object's
 // runs.
 #include "tools/eval/mot/mot.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mot_timeline.cpp - the picture as SVG elements, one string each. Declared in mot.h.
 #include "tools/eval/mot/mot.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // commit_det.h - the build string of the release banner. A build sets it with the CMake variable
 // OLVEX_COMMIT_DET.
 #ifndef VIDEO_DET_INCLUDE_COMMIT_DET_H

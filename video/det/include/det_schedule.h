@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_schedule.h - DetHandle, the object behind every public handle: owns the model, the options,
 // the tracker and the last output, and takes one frame through them. The public functions that call
 // it are in video/det/src/olvex_det_impl.cpp.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* olvex_det.h - object detection on the camera's neural-network accelerator. The public interface
  * of libolvex_det, in C99 and C++11.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_refine.cpp - DetHandle: a frame's stages after detection: tracking, the rebuilt list and stabilisation.
 #include "video/det/include/det_schedule.h"
 

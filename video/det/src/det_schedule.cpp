@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // det_schedule.cpp - DetHandle: set-up, options, detection, teardown. Tracking and what
 // follows it are in det_refine.cpp.
 #include "video/det/include/det_schedule.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // olvex_det_impl.cpp - the exported functions: argument checks and translation of the public records.
 // olvex_det.h is the contract, det_schedule.h the object behind a handle.
 #include "video/det/include/olvex_det.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // previous_boxes.cpp - the previous box that overlaps most, with what depends on one box alone computed
 // once. previous_boxes_plain.cpp is the plain version.
 #include "video/det/src/previous_boxes.h"

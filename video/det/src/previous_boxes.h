@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // previous_boxes.h - the boxes of the previous frame, for look-up by the stabiliser.
 // previous_boxes_plain.cpp says which one it gets; previous_boxes.cpp finds the same one faster and ships.
 #ifndef VIDEO_DET_SRC_PREVIOUS_BOXES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // previous_boxes_plain.cpp - the previous box that overlaps most as it is defined: iou_ratio() of each.
 #include "video/det/src/previous_boxes.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // olvex_log.h - the log lines of a library that prints none, for measuring what the log costs. It
 // stands in for utils/log/olvex_log.h, which documents the macros.
 //

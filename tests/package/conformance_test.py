@@ -1,0 +1,36 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Runs the commands of docs/conformance.md that only read the sources, and looks whether the others name tests,
+scripts and files that are there; a row that is met needs one of them."""
+import pathlib
+import re
+import subprocess
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+ROWS = re.findall(r"^\| ([^|]+) \| (met|gap) \| (.+) \|$", (ROOT / "docs/conformance.md").read_text(), re.MULTILINE)
+
+
+class ConformanceTest(unittest.TestCase):
+    def test_commands_show_what_they_say(self):
+        self.assertIn("met", {state for _, state, _ in ROWS})
+        for subject, state, shown in ROWS:
+            with self.subTest(subject=subject):
+                commands = re.findall(r"`([^`]+)`", shown)
+                if state == "met":
+                    self.assertTrue(commands or "](" in shown)
+                for command in commands:
+                    if command.startswith(("grep ", "sed ", "cat ", "python3 ")):
+                        said = subprocess.run(command, shell=True, cwd=ROOT, capture_output=True, text=True, check=False)
+                        self.assertEqual(0, said.returncode, command)
+                        self.assertTrue(said.stdout.strip(), command)
+                    elif re.match(r"\.?\w*/", command):
+                        self.assertTrue((ROOT / command.split()[0]).exists(), command)
+                    elif test := re.match(r"ctest .*-R (\w+)$", command):
+                        found = subprocess.run(["grep", "-rlE", rf"\b{test[1]}\b", "--include=CMakeLists.txt", "tests"],
+                                               cwd=ROOT, check=False, capture_output=True)
+                        self.assertEqual(0, found.returncode, command)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
