@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* outputs.c - which outputs are stored whole and which in cells, from where they lie. cells.c finds the cells. */
 #include "recorder/outputs.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* outputs.h - the outputs of a frame, whole or in cells. For frames.c; with the lock held. */
 #ifndef RECORDER_OUTPUTS_H
 #define RECORDER_OUTPUTS_H

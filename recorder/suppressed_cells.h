@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* suppressed_cells.h - cells whose boxes the library suppresses at every threshold: they need not be kept.
  * docs/recordings.md has the proof. For outputs.c. */
 #ifndef RECORDER_SUPPRESSED_CELLS_H

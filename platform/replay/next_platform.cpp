@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // next_platform.cpp - loads a platform's library, and finds calls in it.
 #include "platform/replay/next_platform.h"
 

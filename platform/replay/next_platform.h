@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // next_platform.h - the platform behind this one: the next that is linked, or a library that was loaded instead.
 #ifndef PLATFORM_REPLAY_NEXT_PLATFORM_H
 #define PLATFORM_REPLAY_NEXT_PLATFORM_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """platform_test.py - run, inspect and doctor over another platform's library: the scripted one with the probe network
 of accel-check. See tool_test.py for the usage."""
 import json

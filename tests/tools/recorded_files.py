@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """recorded_files.py - what the tests of replay share: recorded runs of the camera of tests/recorder, their messages,
 and recordings that were changed.
 """

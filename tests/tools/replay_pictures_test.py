@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """replay_pictures_test.py - boxes of a replay over pictures that were kept, and over those that the user gives.
 
 See tool_test.py for the usage.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // foreign_platform.cpp - chooses the platform, and asks it what an image cannot be asked.
 #include "tools/inside/foreign_platform.h"
 

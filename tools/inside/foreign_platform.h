@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // foreign_platform.h - a platform's library in place of the host accelerator, as --platform names it. Its images are
 // opaque: what stands in an image of the host accelerator is asked of an open channel, or not known.
 #ifndef TOOLS_INSIDE_FOREIGN_PLATFORM_H
