@@ -41,8 +41,12 @@ QV_S32 QV_IPU_CreateDevice(QV_IPU_DevAttr_s* attributes, QV_IPU_ReadFunc read, c
 }
 
 QV_S32 QV_IPU_DestroyDevice(void) {
+  if (!is_device_up) {
+    return FAILED;
+  }
   is_channel_open = 0;
-  return is_device_up-- == 1 ? 0 : FAILED;
+  is_device_up = 0;
+  return 0;
 }
 
 QV_S32 QV_IPU_GetOfflineModeStaticInfo(QV_IPU_ReadFunc read, char* model,
