@@ -44,10 +44,10 @@ const struct fault_text kFaultTexts[FAULT_COUNT] = {
     [FAULT_BUFFER_SIZE] =
         {"a buffer is smaller than its tensor", "refuses the output: ALGO_DET_Run returns 12",
          "set u32BufSize to the bytes of all elements, s32AlignedBufSize to no less"},
-    [FAULT_ELEMENT_TYPE] =
-        {"an element type that is not read",
-         "reads it as the type of the first output: wrong boxes; where it is the first: none, or 13 for decoded outputs",
-         "convert to FP32 or INT16, and describe what the buffer holds"},
+    [FAULT_ELEMENT_TYPE] = {"an element type that is not read",
+                            "reads it as the type of the first output: wrong boxes; where it is "
+                            "the first: none, or 13 for decoded outputs",
+                            "convert to FP32 or INT16, and describe what the buffer holds"},
     [FAULT_MIXED_TYPES] = {"outputs of several element types",
                            "reads all outputs by the type of the first: wrong boxes, with result 0",
                            "give all outputs one element type"},
