@@ -138,7 +138,7 @@ class InstallationTest(unittest.TestCase):
                             "--strip", "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
             files = {path.name: path for path in pathlib.Path(prefix).rglob("*") if path.is_file()}
             self.assertEqual({"libolvex_recorder.so", "libolvex_recorder_wrap.a", "olvex_recorder_wrap.args",
-                              "olvex_recorder.h"}, set(files))
+                              "olvex_recorder.h", "olvex_det-recorder.spdx.json"}, set(files))
             symbols = subprocess.run([os.environ["NM"], "--defined-only", files["libolvex_recorder_wrap.a"]],
                                      check=True, stdout=subprocess.PIPE, text=True).stdout.split()
             wrapped = {symbol.removeprefix("__wrap_") for symbol in symbols if symbol.startswith("__wrap_")}
