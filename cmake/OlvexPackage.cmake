@@ -16,8 +16,14 @@ endif()
 install(FILES "${OLVEX_PLATFORM_FOLDER}/qv_types.h" "${OLVEX_PLATFORM_FOLDER}/qv_sys.h"
               "${OLVEX_PLATFORM_FOLDER}/qv_ipu.h"
         DESTINATION "${olvex_platform_headers}" COMPONENT platform-headers)
+set(olvex_pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+set(olvex_searched_last "$<INSTALL_PREFIX>/${olvex_platform_headers}")
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(olvex_pc_includedir "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(olvex_searched_last "${olvex_platform_headers}")
+endif()
 target_compile_options(olvex_det INTERFACE
-  "$<INSTALL_INTERFACE:-idirafter$<INSTALL_PREFIX>/${olvex_platform_headers}>")
+  "$<INSTALL_INTERFACE:-idirafter${olvex_searched_last}>")
 
 include(CMakePackageConfigHelpers)
 set(olvex_package "${CMAKE_INSTALL_LIBDIR}/cmake/olvex_det")

@@ -7,7 +7,7 @@
 #include <sys/auxv.h>
 #include <sys/utsname.h>
 
-#include "qv_sys.h"
+#include "qv_ipu.h"
 
 #include "recorder/packer.h"
 #include "recorder/recorder.h"
@@ -110,8 +110,7 @@ static const struct record_size kRecords[] = {SIZE_OF(Box_t),
                                               SIZE_OF(QV_IPUChnAttr_s),
                                               SIZE_OF(QV_IPU_TensorDesc_t),
                                               SIZE_OF(QV_IPU_SubNet_InputOutputDesc_t),
-                                              SIZE_OF(QV_IPU_TensorVector_t),
-                                              SIZE_OF(QV_SYS_BufInfo_s)};
+                                              SIZE_OF(QV_IPU_TensorVector_t)};
 
 static void pack_records(struct packer* packer) {
   const uint32_t count = (uint32_t)(sizeof kRecords / sizeof kRecords[0]);
@@ -128,8 +127,9 @@ static void pack_environment(struct packer* packer) {
   pack32(packer, 0);
   for (const char* const* name = kept_variables; *name != NULL; ++name) {
     const char* const value = environment_value(*name);
-    if (value != NULL) {
-      const uint32_t sizes = (uint32_t)(strlen(*name) + 1 + strlen(value));
+    const size_t bytes = value != NULL ? strlen(*name) + 1 + strlen(value) : 0;
+    if (value != NULL && bytes + 4 <= packer->capacity - packer->used) {
+      const uint32_t sizes = (uint32_t)bytes;
       pack32(packer, sizes);
       pack_bytes(packer, *name, (uint32_t)strlen(*name));
       pack8(packer, '=');
@@ -138,6 +138,13 @@ static void pack_environment(struct packer* packer) {
     }
   }
   packer_patch32(packer, count_at, count);
+}
+
+void keep_environment(void) {
+  struct packer packer;
+  packer_start(&packer, the_recorder->environment, sizeof the_recorder->environment, NULL);
+  pack_environment(&packer);
+  the_recorder->environment_size = packer.used;
 }
 
 void pack_about(struct packer* packer, uint32_t part, uint64_t now) {
@@ -158,7 +165,7 @@ void pack_about(struct packer* packer, uint32_t part, uint64_t now) {
   pack64(packer, getauxval(AT_HWCAP));
   pack64(packer, getauxval(AT_HWCAP2));
   pack_records(packer);
-  pack_environment(packer);
+  pack_bytes(packer, recorder->environment, recorder->environment_size);
   pack64(packer, recorder->monotonic);
   pack64(packer, recorder->realtime);
   pack32(packer, recorder->ring.size);

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 /* calls_det.c - the twelve functions of olvex_det.h, in front of the library. Each hands its arguments on as
  * they are and returns what the library returns. */
+#ifndef OLVEX_RECORDER_WRAP
+#include <dlfcn.h>
+#endif
 #include <string.h>
 
 #include "recorder/attachment.h"
@@ -19,8 +22,13 @@ DECLARE_WRAPPED(ALGO_DET_Run);
 DECLARE_WRAPPED(ALGO_DET_DeinitHandle);
 DECLARE_WRAPPED(ALGO_DET_SetStrictMode);
 
+/* NULL when the loader does not find it from here. */
 const void* library_address(void) {
+#ifdef OLVEX_RECORDER_WRAP
   return (const void*)(uintptr_t)REAL(ALGO_DET_Run);
+#else
+  return dlsym(RTLD_NEXT, "ALGO_DET_Run");
+#endif
 }
 
 QV_S32 INTERPOSED(ALGO_DET_CreateHandle)(void** handle) {

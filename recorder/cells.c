@@ -35,7 +35,7 @@ uint32_t classes_by_channels(uint32_t channels, int* has_pairs) {
 }
 
 /* log(x) for x in 0..1 by x = m 2^e and the series of its inverse hyperbolic tangent. Errs by less than
- * 0.0001; the C library's would take the mathematics library along. */
+ * 0.0001; the C library's would need the mathematics library. */
 static double logarithm(double x) {
   int halvings = 0;
   while (x < 0.70710678) {
@@ -80,7 +80,7 @@ static inline int reaches(const struct cell_layer* layer, const unsigned char* e
   return bits <= layer->cut;
 }
 
-/* The vector unit of 32-bit ARM compares integers without more ado, that of others floats. A NaN, which counts
+/* The vector unit of 32-bit ARM compares integers in one instruction, that of others floats. A NaN, which counts
  * for nothing, reaches the cut in one of the two. */
 #if defined(__arm__)
 typedef uint32_t lane;

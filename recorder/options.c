@@ -147,6 +147,12 @@ static int read_floor(struct recorder_options* options, const char* text) {
          (parse_decimal(text, &options->floor) && options->floor > 0.0f && options->floor <= 0.5f);
 }
 
+/* After these a handler that returns runs into the same instruction again. */
+static int is_fault(int number) {
+  return number == SIGSEGV || number == SIGBUS || number == SIGILL || number == SIGFPE ||
+         number == SIGTRAP || number == SIGABRT || number == SIGSYS;
+}
+
 static int read_signal(struct recorder_options* options, const char* text) {
   uint32_t number = 0;
   const char* rest = NULL;
@@ -161,7 +167,7 @@ static int read_signal(struct recorder_options* options, const char* text) {
     return 0;
   }
   options->signal = (int)number;
-  return 1;
+  return !is_fault(options->signal);
 }
 
 static int read_on_error(struct recorder_options* options, const char* text) {
@@ -174,8 +180,9 @@ static int read_on_error(struct recorder_options* options, const char* text) {
     return 1;
   }
   options->on_error = 1;
-  options->on_error_code = (int32_t)strtol(text, &end, 0);
-  return end != text && *end == 0;
+  const long long code = strtoll(text, &end, 0);
+  options->on_error_code = (int32_t)(uint32_t)code;
+  return end != text && *end == 0 && code >= INT32_MIN && code <= (long long)UINT32_MAX;
 }
 
 static int read_many_boxes(struct recorder_options* options, const char* text) {

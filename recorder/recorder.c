@@ -114,6 +114,7 @@ static int start_recorder(void) {
              (uint32_t)ring_size, evicted);
   carried_start(&the_recorder->carried);
   crc32_start();
+  keep_environment();
   int code = pthread_atfork(NULL, NULL, after_fork);
   code = code != 0 ? code : writer_start();
   if (code != 0) {

@@ -78,6 +78,9 @@ struct recorder {
   struct channel_slot channels[MOST_CHANNELS];
   struct recorder_options options;
   unsigned char scratch[SCRATCH_BYTES];
+  unsigned char
+      environment[4096]; /* as it was at the start, packed; what does not fit is missing */
+  uint32_t environment_size;
   char
       reason[64]; /* given by the application; it is the writing thread's while has_reason is set */
   uint32_t has_reason;
@@ -202,6 +205,8 @@ void writer_stop(void);
 /* An address inside the library. */
 const void* library_address(void);
 /* Packs the message that says what recorded, and on what. part counts the files before. */
+/* Packs the variables that a recording keeps, before the thread starts. */
+void keep_environment(void);
 void pack_about(struct packer* packer, uint32_t part, uint64_t now);
 /* Packs the image annotations of a frame, whose entry begins at first_byte. */
 void pack_annotations(struct packer* packer, const struct ring* ring, uint32_t first_byte);

@@ -39,11 +39,12 @@ static float power_of_e(float x) {
   return power * (1.0f + f * (0.695556f + f * (0.226173f + f * 0.0781455f)));
 }
 
-/* Whether the scores of these logits differ in every arithmetic: by far more than a float's last bits. */
+/* Whether the scores of these logits differ in every arithmetic: by far more than a float's last bits. Below -88,
+ * e^-x is infinite, and all scores are 0. */
 static int is_surely_above(float higher, float lower) {
   const float more = higher - lower;
   const float part = more < 1.0f ? more : 1.0f;
-  return more > 5e-4f && lower < MOST_DISTANCE &&
+  return more > 5e-4f && lower > -80.0f && lower < MOST_DISTANCE &&
          part * (lower > 0.0f ? power_of_e(-lower) : 1.0f) > 1e-6f;
 }
 

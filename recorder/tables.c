@@ -29,7 +29,8 @@ static void note_new_handle(const void* address) {
   /* An exception may have left the call that freed the last one of this address. */
   struct handle_slot* const earlier = find_handle(address);
   struct handle_slot* const free_slot = earlier != NULL ? earlier : find_handle(NULL);
-  if (free_slot != NULL) {
+  /* A frame has 16 bits for the number. */
+  if (free_slot != NULL && the_recorder->handles_seen < UINT16_MAX) {
     memset(free_slot, 0, sizeof *free_slot);
     free_slot->address = address;
     free_slot->number = ++the_recorder->handles_seen;

@@ -109,8 +109,13 @@ static int open_destination(int* is_ours) {
     /* It takes one recording: what reads it would not look for a second one. */
     return writer.parts == 0 ? options->descriptor : -1;
   }
-  if (stat(options->file, &status) == 0 && S_ISFIFO(status.st_mode)) {
-    const int fifo = open(options->file, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (lstat(options->file, &status) == 0 && S_ISFIFO(status.st_mode)) {
+    int fifo = open(options->file, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+    if (fifo >= 0 && (fstat(fifo, &status) != 0 || !S_ISFIFO(status.st_mode))) {
+      close(fifo);
+      fifo = -1;
+      errno = ELOOP;
+    }
     if (fifo < 0 && errno != ENXIO) {
       fail(CANNOT_OPEN, errno);
     }
@@ -342,11 +347,13 @@ static void look_at_losses(void) {
 /* ---- The thread ---- */
 
 static void turn(void) {
-  look_for_triggers();
-  look_at_losses();
-  if (monotonic_now() > writer.triggered_until) {
+  /* Before triggers are looked for: one that comes meanwhile must not be cleared. */
+  if (writer.triggered_until != 0 && monotonic_now() > writer.triggered_until) {
+    writer.triggered_until = 0;
     __atomic_store_n(&the_recorder->is_triggered, 0, __ATOMIC_SEQ_CST);
   }
+  look_for_triggers();
+  look_at_losses();
   if (writer.is_wanted && writer.file.descriptor < 0) {
     open_part();
   }

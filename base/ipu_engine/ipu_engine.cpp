@@ -79,8 +79,7 @@ void IpuEngine::log_input_tensors() {
   }
 }
 
-void IpuEngine::get_model_attri(unsigned int* width, unsigned int* height,
-                                QV_IPU_ELEMENT_FORMAT* format) {
+void IpuEngine::get_model_attri(QV_U32* width, QV_U32* height, QV_IPU_ELEMENT_FORMAT* format) {
   const QV_IPU_TensorDesc_t& input = desc_.astQV_InputTensorDescs[0];
   *width = input.u32TensorShape[2];
   *height = input.u32TensorShape[1];

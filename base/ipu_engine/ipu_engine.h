@@ -29,7 +29,7 @@ class IpuEngine {
 
   // Width and height in pixels and element format of the first input. Requires: model_init
   // succeeded.
-  void get_model_attri(unsigned int* width, unsigned int* height, QV_IPU_ELEMENT_FORMAT* format);
+  void get_model_attri(QV_U32* width, QV_U32* height, QV_IPU_ELEMENT_FORMAT* format);
 
   // Gives the output tensors back and closes the channel, whatever the platform returns. Returns 0.
   int model_deinit();

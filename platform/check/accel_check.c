@@ -152,8 +152,8 @@ static int show_model(const char* path) {
 int main(int count, char** words) {
   /* Two channel descriptions are more than a small stack holds. */
   static struct session session;
-  static char no_firmware[] = "";
-  session.firmware = no_firmware;
+  static char usual_firmware[] = "/config/dla/ipu_firmware.bin";
+  session.firmware = usual_firmware;
   session.cycles = USUAL_CYCLES;
   session.is_probe = 1;
   const int code = parse_options(count, words, &session);

@@ -40,7 +40,7 @@ static int check_shape(const char* side, unsigned number, const QV_IPU_TensorDes
       break;
     }
   }
-  if (tensor->eLayoutType != QV_IPU_LAYOUT_NHWC) {
+  if (strcmp(side, "output") == 0 && tensor->eLayoutType != QV_IPU_LAYOUT_NHWC) {
     finding(FAULT_LAYOUT, "%s %u is described with layout %d", side, number,
             (int)tensor->eLayoutType);
   }
@@ -64,7 +64,7 @@ static int check_output_type(const struct session* session, unsigned number) {
     finding(FAULT_SCALE, "output %u has elements of INT16 and a scale of %g", number,
             (double)tensor->fScalar);
   }
-  if (tensor->s64ZeroPoint != 0) {
+  if (tensor->eElmFormat == QV_IPU_FORMAT_INT16 && tensor->s64ZeroPoint != 0) {
     finding(FAULT_ZERO_POINT, "output %u has a zero point of %lld", number,
             (long long)tensor->s64ZeroPoint);
   }
@@ -73,9 +73,9 @@ static int check_output_type(const struct session* session, unsigned number) {
 
 static int check_output_size(unsigned number, const QV_IPU_TensorDesc_t* tensor) {
   const size_t needed = elements_of(tensor) * element_size(tensor);
-  if (tensor->u32BufSize < needed || tensor->s32AlignedBufSize < (QV_S32)tensor->u32BufSize) {
-    finding(FAULT_BUFFER_SIZE, "output %u needs %zu bytes, u32BufSize is %u, s32AlignedBufSize %d",
-            number, needed, tensor->u32BufSize, (int)tensor->s32AlignedBufSize);
+  if (tensor->u32BufSize < needed) {
+    finding(FAULT_BUFFER_SIZE, "output %u needs %zu bytes, u32BufSize is %u", number, needed,
+            tensor->u32BufSize);
     return 0;
   }
   if (tensor->u32BufSize > needed) {

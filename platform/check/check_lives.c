@@ -62,6 +62,23 @@ static void check_device_first(struct session* session) {
   }
 }
 
+/* A failed invocation closes its channel at once and once more when the handle is freed. */
+static void check_new_number(struct session* session) {
+  struct channel* const channel = &session->channel;
+  const QV_U32 closed = channel->id;
+  if (open_channel(session->path, channel) != 0) {
+    return;
+  }
+  if (channel->id == closed) {
+    not_proven(
+        "numbers of channels are used again: free a handle whose frame failed before another "
+        "one is initialised");
+  } else {
+    proven("the number of a closed channel is not given to the next one");
+  }
+  close_channel(channel);
+}
+
 void check_teardown(struct session* session) {
   struct channel* const channel = &session->channel;
   report_stage(FAULT_TEARDOWN, "channels and the device are closed");
@@ -70,21 +87,27 @@ void check_teardown(struct session* session) {
             "QV_IPU_PutOutputTensors or QV_IPU_DestroyCHN fails for an open channel");
   }
   check_closed(channel, &session->frame, "a closed channel");
+  check_new_number(session);
   channel->id = NO_CHANNEL;
   check_closed(channel, &session->frame, "a channel that never was");
   check_device_first(session);
 }
 
+#define MOST_SPACE \
+  64L /* MiB: memory that is mapped and not touched, or the device's, is not resident */
+
 /* Bytes of memory in use; 0: the system does not say. */
-static long resident_bytes(void) {
+static long resident_bytes(long* addressed) {
+  long all = 0;
   long pages = 0;
   FILE* const file = fopen("/proc/self/statm", "r");
   if (file != NULL) {
-    if (fscanf(file, "%*s %ld", &pages) != 1) {
+    if (fscanf(file, "%ld %ld", &all, &pages) != 2) {
       pages = 0;
     }
     fclose(file);
   }
+  *addressed = all / 1024 * (sysconf(_SC_PAGESIZE) / 1024); /* MiB */
   return pages * sysconf(_SC_PAGESIZE);
 }
 
@@ -115,24 +138,31 @@ static int run_cycles(struct session* session, unsigned cycles) {
   return 1;
 }
 
-static void compare_growth(unsigned cycles, long memory, int descriptors) {
-  if (memory > MOST_GROWTH + MOST_GROWTH_OF_A_CYCLE * (long)cycles || descriptors > 0) {
-    finding(FAULT_GROWTH, "%u channels, opened and closed, leave %ld KiB and %d descriptors",
-            cycles, memory / 1024, descriptors);
+static void compare_growth(unsigned cycles, long memory, long space, int descriptors) {
+  if (memory > MOST_GROWTH + MOST_GROWTH_OF_A_CYCLE * (long)cycles || space > MOST_SPACE ||
+      descriptors > 0) {
+    finding(
+        FAULT_GROWTH,
+        "%u channels, opened and closed, leave %ld KiB, %ld MiB of addresses and %d descriptors",
+        cycles, memory / 1024, space, descriptors);
   } else {
-    proven("%u channels, opened and closed, leave nothing behind", cycles);
+    proven("%u channels, opened and closed, leave nothing behind (%ld KiB)", cycles,
+           memory > 0 ? memory / 1024 : 0);
   }
 }
 
 void check_cycles(struct session* session) {
+  long space = 0;
+  long space_after = 0;
   report_stage(FAULT_GROWTH, "channels are opened and closed again and again");
-  if (session->cycles == 0 || resident_bytes() == 0) {
+  if (session->cycles == 0 || resident_bytes(&space) == 0) {
     not_proven("growth: %s", session->cycles == 0 ? "no cycles" : "there is no /proc/self/statm");
   } else if (run_cycles(session, session->cycles / 10 + 1)) {
-    const long memory = resident_bytes();
+    const long memory = resident_bytes(&space);
     const int descriptors = open_descriptors();
     if (run_cycles(session, session->cycles)) {
-      compare_growth(session->cycles, resident_bytes() - memory, open_descriptors() - descriptors);
+      const long grown = resident_bytes(&space_after) - memory;
+      compare_growth(session->cycles, grown, space_after - space, open_descriptors() - descriptors);
     }
   }
   report_stage(FAULT_TEARDOWN, "the device ends");

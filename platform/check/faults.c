@@ -25,6 +25,11 @@ const struct fault_text kFaultTexts[FAULT_COUNT] = {
         {"reads outside the model",
          "copies what lies there: its callback checks no bounds, and may end the process",
          "read offsets from 0 up to the model's size only"},
+    [FAULT_CONTEXT] = {"the read callback gets another context",
+                       "takes it for the address of the model's first byte: the process ends, or "
+                       "other memory is read",
+                       "hand path_or_context on as it came; beside a callback it is no text and "
+                       "not to be copied"},
     [FAULT_MODEL_KEPT] =
         {"the model is used after QV_IPU_CreateCHN",
          "has unmapped the model by then: the process ends, or other memory is read",
@@ -41,9 +46,9 @@ const struct fault_text kFaultTexts[FAULT_COUNT] = {
     [FAULT_PADDED] =
         {"outputs are padded", "reads the padding as values: wrong boxes, with result 0",
          "copy the elements together in QV_IPU_Invoke, without gaps between cells and rows"},
-    [FAULT_BUFFER_SIZE] =
-        {"a buffer is smaller than its tensor", "refuses the output: ALGO_DET_Run returns 12",
-         "set u32BufSize to the bytes of all elements, s32AlignedBufSize to no less"},
+    [FAULT_BUFFER_SIZE] = {"a buffer is smaller than its tensor",
+                           "refuses the output: ALGO_DET_Run returns 12",
+                           "set u32BufSize to the bytes of all elements"},
     [FAULT_ELEMENT_TYPE] = {"an element type that is not read",
                             "reads it as the type of the first output: wrong boxes; where it is "
                             "the first: none, or 13 for decoded outputs",

@@ -22,6 +22,7 @@ static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 static unsigned reads;
 static unsigned outside;
 static unsigned late;
+static unsigned strange; /* with another context than was given */
 static int outside_offset;
 static int outside_size;
 
@@ -89,12 +90,13 @@ void unmap_model(struct model_image* image) {
   image->model = NULL;
 }
 
-static int read_locked(void* to, int offset, int size) {
+static int read_locked(void* to, int offset, int size, const char* context) {
   ++reads;
   if (mapped == NULL) {
     ++late;
     return -1;
   }
+  strange += context != mapped->model;
   if (offset < 0 || size < 0 || (size_t)offset > mapped->size ||
       (size_t)size > mapped->size - (size_t)offset) {
     ++outside;
@@ -107,10 +109,9 @@ static int read_locked(void* to, int offset, int size) {
 }
 
 int read_model(void* to, int offset, int size, char* context) {
-  (void)context;
   /* A platform may keep the callback, and then call it from any thread. */
   pthread_mutex_lock(&lock);
-  const int result = read_locked(to, offset, size);
+  const int result = read_locked(to, offset, size, context);
   pthread_mutex_unlock(&lock);
   return result;
 }
@@ -131,6 +132,10 @@ void check_reads(void) {
     not_proven("reads of the model: the callback was never called");
   } else {
     proven("all %u reads of the model are inside it", reads);
+  }
+  if (strange != 0) {
+    finding(FAULT_CONTEXT, "%u of %u reads come with another context than was given", strange,
+            reads);
   }
   if (late != 0) {
     finding(FAULT_MODEL_KEPT,

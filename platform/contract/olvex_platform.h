@@ -121,6 +121,7 @@ OLVEX_PLATFORM_SIZE(QV_IPU_TensorVector_t, OLVEX_BY_POINTER_SIZE(1928, 1448));
 OLVEX_PLATFORM_MEMBER(QV_IPU_TensorVector_t, u32TensorCount, 0);
 OLVEX_PLATFORM_MEMBER(QV_IPU_TensorVector_t, astArrayTensors, 8);
 
+#ifdef __cplusplus /* the library alone has these records; in C an SDK may have only their tags */
 OLVEX_PLATFORM_SIZE(QV_SYS_FrameData_s, OLVEX_BY_POINTER_SIZE(56, 48));
 OLVEX_PLATFORM_MEMBER(QV_SYS_FrameData_s, pVirAddr, 0);
 OLVEX_PLATFORM_MEMBER(QV_SYS_FrameData_s, phyAddr, OLVEX_BY_POINTER_SIZE(24, 16));
@@ -129,5 +130,6 @@ OLVEX_PLATFORM_MEMBER(QV_SYS_FrameData_s, u32BufSize, OLVEX_BY_POINTER_SIZE(48, 
 OLVEX_PLATFORM_SIZE(QV_SYS_BufInfo_s, OLVEX_BY_POINTER_SIZE(64, 56));
 OLVEX_PLATFORM_MEMBER(QV_SYS_BufInfo_s, u64Pts, 0);
 OLVEX_PLATFORM_MEMBER(QV_SYS_BufInfo_s, stFrameData, 8);
+#endif
 
 #endif /* OLVEX_PLATFORM_H */

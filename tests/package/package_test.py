@@ -225,7 +225,8 @@ class PackageTest(unittest.TestCase):
                 text = (differing / header).read_text()
                 self.assertIn(before, text)
                 (differing / header).write_text(text.replace(before, after, 1))
-                for compiler in ((CC, "-std=c11", "-xc"), (CXX, "-std=c++11", "-xc++")):
+                # In C the system's records are not looked at: an SDK may have their tags alone.
+                for compiler in ((CC, "-std=c11", "-xc"), (CXX, "-std=c++11", "-xc++"))[header == "qv_sys.h":]:
                     said = refused(*compiler, "-fsyntax-only", f"-I{differing}",
                                    ROOT / "platform/contract/olvex_platform.h")
                     self.assertIn(f"platform headers: {message}", said)
@@ -241,6 +242,7 @@ class PackageTest(unittest.TestCase):
         if os.environ.get("OLVEX_GOLDEN_UPDATE"):
             run("abidw", "--exported-interfaces-only", "--no-corpus-path", "--no-comp-dir-path", "--no-show-locs",
                 "--type-id-style", "hash", "--out-file", description, library)
+            description.write_text(re.sub(r"path='[^']*/(video/det/src/)", r"path='\1", description.read_text()))
         run("abidiff", "--harmless", "--exported-interfaces-only", "--no-show-locs", description, library)
         changed = self.folder / "changed.abi"
         changed.write_text(description.read_text().replace("name='score'", "name='certainty'"))

@@ -47,6 +47,7 @@ FAULTS = {
     "mixed-channels": ("channels disturb each other", "the outputs of another channel"),
     "keeps-model": ("the model is used after QV_IPU_CreateCHN", "signal 11 ended the process in QV_IPU_Invoke"),
     "late-read": ("the model is used after QV_IPU_CreateCHN", "the read callback was called"),
+    "other-context": ("the read callback gets another context", "reads come with another context than"),
     "reads-outside": ("reads outside the model", "1 bytes at offset 64"),
     "second-device": ("a second device is accepted", "returned 0 for a second one"),
     "small-code": ("a code of 1 to 13", "QV_IPU_CreateDevice returned 3"),

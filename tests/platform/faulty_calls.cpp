@@ -121,6 +121,11 @@ QV_S32 QV_IPU_CreateCHN(QV_U32* channel, QV_IPUChnAttr_s* attributes, QV_IPU_Rea
     char byte = 0;
     read(&byte, probe_platform::kModelSize, 1, path_or_context);
   }
+  if (has_fault("other-context") && read != nullptr) {
+    char byte = 0;
+    char copy[16] = {};
+    read(&byte, 0, 1, copy);
+  }
   if (has_fault("leaks")) {
     std::memset(std::malloc(kLeak), 1, kLeak);
   }

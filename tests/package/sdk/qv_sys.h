@@ -20,11 +20,6 @@ typedef struct QV_SYS_BufInfo_s {
   struct QV_SYS_FrameData_s stFrameData;
 } QV_SYS_BufInfo_t;
 
-#ifndef __cplusplus
-typedef struct QV_SYS_FrameData_s QV_SYS_FrameData_s;
-typedef struct QV_SYS_BufInfo_s QV_SYS_BufInfo_s;
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
