@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* accel_check.c - the program: proves call by call that a platform supplies what the detection library relies on.
  *
- * C99, libc alone, for whoever writes a platform: one line compiles it for the camera, with platform/include or the
+ * C99, libc alone, for the maker of a platform: one line compiles it for the camera, with platform/include or the
  * chip maker's own headers. docs/platform.md is its manual. report.h is how it speaks, checks.h what it checks. */
 #define _POSIX_C_SOURCE 200809L
 #include <stdio.h>
