@@ -110,6 +110,10 @@ void raise_trigger(enum trigger_reason reason);
 /* The reason of a trigger since the last call. */
 enum trigger_reason take_trigger(void);
 
+/* Opens what the next part goes to, after so many. is_ours: to be closed at its end. Returns a descriptor, or -1 with
+ * errno, which is ENXIO when nothing takes the part yet, or ever. */
+int open_destination(uint32_t parts, int* is_ours);
+
 /* ---- Calls ---- */
 
 struct model_identity {

@@ -2,7 +2,6 @@
 /* writer.c - the thread of low priority that follows the ring: waits for triggers, begins files, writes chunks,
  * and ends files. Nothing that a frame does waits for it. */
 #include <errno.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -21,7 +20,6 @@
 #define RETRY_NS (5 * SECOND)
 #define STOP_TICKS 40 /* two seconds */
 #define STACK_BYTES (256u * 1024u)
-#define NAME_SIZE 256u
 #define CONTAINER_BYTES (64u * 1024u) /* of the scratch, for the file's own records */
 #define LOWEST_PRIORITY 19
 
@@ -38,7 +36,6 @@ static struct {
   uint32_t position; /* in the ring, of the next entry */
   int continues;     /* from position on, not by time */
   uint32_t parts;
-  uint32_t slot; /* of the file's name */
   uint32_t failures;
   uint32_t said; /* kinds of failures, a bit each */
   char reason[64];
@@ -57,75 +54,6 @@ static void fail(enum failure failure, int code) {
     writer.said |= 1u << failure;
     say(kTexts[failure], "OLVEX_RECORDER_FILE", code);
   }
-}
-
-/* ---- Files ---- */
-
-static void file_name(char name[NAME_SIZE], uint32_t slot) {
-  snprintf(name, NAME_SIZE, "%s.%u.mcap", the_recorder->options.file, (unsigned)slot + 1);
-}
-
-/* The slot after the newest file of an earlier process. */
-static uint32_t first_slot(void) {
-  const uint32_t files = the_recorder->options.files;
-  uint32_t slot = 0;
-  struct timespec newest = {0, 0};
-  for (uint32_t k = 0; k < files; ++k) {
-    char name[NAME_SIZE];
-    struct stat status;
-    file_name(name, k);
-    if (lstat(name, &status) == 0 &&
-        (status.st_mtim.tv_sec > newest.tv_sec ||
-         (status.st_mtim.tv_sec == newest.tv_sec && status.st_mtim.tv_nsec >= newest.tv_nsec))) {
-      newest = status.st_mtim;
-      slot = (k + 1) % files;
-    }
-  }
-  return slot;
-}
-
-/* A new file, never one that is there, nor through a link. */
-static int open_next_file(void) {
-  char name[NAME_SIZE];
-  if (writer.parts == 0) {
-    writer.slot = first_slot();
-  }
-  file_name(name, writer.slot);
-  unlink(name);
-  const int descriptor =
-      open(name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-  if (descriptor >= 0) {
-    writer.slot = (writer.slot + 1) % the_recorder->options.files;
-  }
-  return descriptor;
-}
-
-/* Returns -1 when there is nothing to write to. A FIFO waits for its reader without a word. */
-static int open_destination(int* is_ours) {
-  const struct recorder_options* const options = &the_recorder->options;
-  struct stat status;
-  *is_ours = options->descriptor < 0;
-  if (options->descriptor >= 0) {
-    /* It takes one recording: what reads it would not look for a second one. */
-    return writer.parts == 0 ? options->descriptor : -1;
-  }
-  if (lstat(options->file, &status) == 0 && S_ISFIFO(status.st_mode)) {
-    int fifo = open(options->file, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-    if (fifo >= 0 && (fstat(fifo, &status) != 0 || !S_ISFIFO(status.st_mode))) {
-      close(fifo);
-      fifo = -1;
-      errno = ELOOP;
-    }
-    if (fifo < 0 && errno != ENXIO) {
-      fail(CANNOT_OPEN, errno);
-    }
-    return fifo;
-  }
-  const int descriptor = open_next_file();
-  if (descriptor < 0) {
-    fail(CANNOT_OPEN, errno);
-  }
-  return descriptor;
 }
 
 /* ---- The first chunk ---- */
@@ -214,8 +142,11 @@ static void open_part(void) {
   if (monotonic_now() < writer.retry_at) {
     return;
   }
-  const int descriptor = open_destination(&is_ours);
+  const int descriptor = open_destination(writer.parts, &is_ours);
   if (descriptor < 0) {
+    if (errno != ENXIO) {
+      fail(CANNOT_OPEN, errno);
+    }
     writer.retry_at = monotonic_now() + SECOND;
     return;
   }

@@ -91,8 +91,9 @@ class Scene {
   std::size_t cells() const { return static_cast<std::size_t>(rows_ * columns_) * 21; }
   const std::vector<std::vector<unsigned char>>& layers() const { return layers_; }
 
+  // is_by_class: suppression among boxes of one class only.
   std::vector<std::uint64_t> boxes(const std::vector<std::vector<unsigned char>>& layers,
-                                   float threshold) const {
+                                   float threshold, bool is_by_class) const {
     OutputTensors outputs = OutputTensors();
     for (std::size_t k = 0; k < layers.size(); ++k) {
       const int shift = 2 - static_cast<int>(k);
@@ -109,6 +110,7 @@ class Scene {
     info.num_keypoints = kind_.keypoints;
     info.conf_threshold = threshold;
     info.nms_threshold = 0.45f;
+    info.class_specific_nms = is_by_class ? 1 : 0;
     info.reg_max = 1;
     olvex::vector<BoxInfo> found;
     det_postprocess(info, found);
@@ -214,8 +216,9 @@ TEST(Cells, GiveTheBoxesOfTheWholeLayersFromTheFloorOn) {
     cells += scene.cells();
     for (const float threshold : {floor, std::nextafter(floor, 1.0f), random.between(floor, 1.0f),
                                   0.999999f, 1.0f, kNaN, 1.5f, -0.5f}) {
-      const auto whole = scene.boxes(scene.layers(), threshold);
-      if (whole != scene.boxes(recorded, threshold)) {
+      const bool is_by_class = random.below(2) == 0;
+      const auto whole = scene.boxes(scene.layers(), threshold, is_by_class);
+      if (whole != scene.boxes(recorded, threshold, is_by_class)) {
         wrong += "seed " + std::to_string(seed) + " at " + std::to_string(threshold) + "\n";
       }
       boxes += static_cast<std::size_t>(whole[0]);

@@ -5,10 +5,18 @@
 
 #include <string>
 
+#include "platform/host/host_image.h"
+
 namespace olvex_tools {
 
 // "label           text", one line of a report.
 std::string report_line(const std::string& label, const std::string& text);
+
+// The text, or what stands for none.
+std::string or_none(const std::string& text);
+
+// What a model image says of pictures, boxes and proof, in several lines of a report.
+std::string description_text(const qv_host::Description& description);
 
 // Whether the file begins as every ONNX network does. False for a file that cannot be read.
 bool looks_like_network(const std::string& path);
