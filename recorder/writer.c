@@ -147,6 +147,8 @@ static void open_part(void) {
     if (errno != ENXIO) {
       fail(CANNOT_OPEN, errno);
     }
+    /* Without a file new frames replace old ones; calls that are replaced stay in force. */
+    ring_unpin(&the_recorder->ring);
     writer.retry_at = monotonic_now() + SECOND;
     return;
   }
@@ -207,7 +209,6 @@ static void follow(void) {
       open_part();
       next = writer.position;
       if (writer.file.descriptor < 0) {
-        ring_unpin(ring);
         return;
       }
     }
@@ -325,6 +326,11 @@ int writer_start(void) {
   pthread_attr_t attributes;
   sigset_t all;
   sigset_t before;
+  uint32_t oldest;
+  /* The first turn may come late: what does not fit until then is left out and counted, never replaced. */
+  if (the_recorder->options.always) {
+    ring_pin(&the_recorder->ring, &oldest);
+  }
   int code = pthread_attr_init(&attributes);
   if (code != 0) {
     return code;

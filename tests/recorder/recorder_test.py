@@ -345,15 +345,21 @@ class RecorderTest(unittest.TestCase):
                          [call["function"] for call in self.file(2).calls() if call["flags"] == 1])
 
     def test_every_frame_that_is_missing_is_counted_over_all_parts(self):
-        self.run_camera("preload", "frames=1500", MODE="always", WHOLE=1, RING_MB=2, FILE_MB=1, FILES=60)
-        frames, parts = [], 0
-        while (self.folder / f"out.{parts + 1}.mcap").exists():
-            parts += 1
-            frames += self.file(parts).frames()
-        self.assertGreater(parts, 1)
-        numbers = [0] + [frame["number"] for frame in frames]
-        self.assertEqual([later - earlier - 1 for earlier, later in zip(numbers, numbers[1:])],
-                         [frame["lost"] for frame in frames])
+        """Also where the thread that writes begins when the ring has been full for long."""
+        for late in (0, 500000):
+            os.environ["CAMERA_LATE_THREAD_US"] = str(late)
+            self.addCleanup(os.environ.pop, "CAMERA_LATE_THREAD_US", None)
+            self.run_camera("front", "frames=1500", MODE="always", WHOLE=1, RING_MB=2, FILE_MB=1, FILES=60)
+            frames, parts = [], 0
+            while (self.folder / f"out.{parts + 1}.mcap").exists():
+                parts += 1
+                frames += self.file(parts).frames()
+                (self.folder / f"out.{parts}.mcap").unlink()
+            self.assertGreater(parts, 1)
+            self.assertEqual(1, frames[0]["number"])
+            numbers = [0] + [frame["number"] for frame in frames]
+            self.assertEqual([later - earlier - 1 for earlier, later in zip(numbers, numbers[1:])],
+                             [frame["lost"] for frame in frames])
 
     def test_outputs_of_bytes_are_not_read_beyond_their_end(self):
         self.assertEqual("run 0:\n" * 2, self.run_camera("preload", "kind=bytes", "frames=2", MODE="always"))
