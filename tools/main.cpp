@@ -124,6 +124,14 @@ std::string describe_unknown_words(const CLI::App& application, const CLI::App& 
          olvex_tools::did_you_mean(name, option_names(selected));
 }
 
+// Help was asked for something that there is not: the help of what is around it would not answer.
+bool has_unknown_subcommand(const CLI::App& application) {
+  const auto chosen = selected_subcommands(application);
+  const std::vector<std::string> words = application.remaining(true);
+  return !subcommand_names(chosen.empty() ? application : *chosen.back()).empty() &&
+         !words.empty() && !is_option(words.front());
+}
+
 void print_error(const CLI::App& application, const std::string& message) {
   std::fprintf(stderr, "%s: %s\n", selected_name(application).c_str(),
                olvex_tools::printable(message).c_str());
@@ -213,11 +221,13 @@ int main(int argc, char** argv) {
             &command,
             {olvex_tools::add_record_info_command, olvex_tools::add_record_repair_command,
              olvex_tools::add_record_cut_command, olvex_tools::add_record_anonymise_command});
+  olvex_tools::add_manual_commands(application, OLVEX_VERSION, &command);
   try {
     application.parse(argc, argv);
     refuse_empty_values(application);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success) &&
+        !has_unknown_subcommand(application)) {
       return run_command(application, [&] { return print_help(application, error); });
     }
     return report_usage_error(application, error);

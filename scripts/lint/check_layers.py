@@ -51,6 +51,7 @@ KNOWN = {
     "tools/main.cpp": ("tools/common/", "video/det/include/commit_det.h"),
     "tools/common/": (),
     "tools/codecs/": (),
+    "tools/manual/": ("tools/common/",),
     "tools/frames/": ("tools/common/", "tools/codecs/", IMAGE),
     "tools/network/": ("tools/common/",),
     "tools/heads/": ("tools/common/", "tools/network/", IMAGE),

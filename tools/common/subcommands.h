@@ -4,6 +4,8 @@
 #ifndef TOOLS_COMMON_SUBCOMMANDS_H
 #define TOOLS_COMMON_SUBCOMMANDS_H
 
+#include <string>
+
 #include "tools/common/command.h"
 
 namespace CLI {
@@ -26,6 +28,8 @@ void add_record_info_command(CLI::App& record, Command* chosen);
 void add_record_repair_command(CLI::App& record, Command* chosen);
 void add_record_cut_command(CLI::App& record, Command* chosen);
 void add_record_anonymise_command(CLI::App& record, Command* chosen);
+// manual and completion, which tell of all that the application has then.
+void add_manual_commands(CLI::App& application, const std::string& version, Command* chosen);
 
 }  // namespace olvex_tools
 

@@ -58,6 +58,11 @@ std::size_t edit_distance(const std::string& a, const std::string& b) {
   return distance[a.size()][b.size()];
 }
 
+// All options begin with the same dashes, which make no two of them alike.
+std::string without_dashes(const std::string& word) {
+  return word.substr(std::min(word.find_first_not_of('-'), word.size()));
+}
+
 }  // namespace
 
 std::string format(const char* pattern, ...) {
@@ -128,12 +133,13 @@ std::size_t width_of(const std::string& text) {
 
 std::string closest_name(const std::string& word, const std::vector<std::string>& names) {
   std::string closest;
-  // A third of the word may be wrong; more than that is another word.
-  std::size_t best = word.size() / 3 + 1;
+  // A third of the letters may be wrong, and one of three; more than that is another word.
+  const std::string letters = without_dashes(word);
+  std::size_t limit = letters.size() / 3;
   for (const std::string& name : names) {
-    const std::size_t distance = edit_distance(word, name);
-    if (distance < best || (distance == best && closest.empty() && distance < name.size())) {
-      best = distance;
+    const std::size_t distance = edit_distance(letters, without_dashes(name));
+    if (distance < limit || (distance == limit && closest.empty() && limit > 0)) {
+      limit = distance;
       closest = name;
     }
   }
