@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 /* outputs.c - which outputs are stored whole and which in cells, from where they lie. cells.c finds the cells. */
-#include "recorder/outputs.h"
+#include "recorder/recorder.h"
 
 #include <string.h>
 
 #include "recorder/cells.h"
 #include "recorder/packer.h"
-#include "recorder/suppressed_cells.h"
 
 #define LAYERS 3u /* outputs in cells */
 

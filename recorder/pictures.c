@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* pictures.c - the picture of a frame in the ring: whole or a part of it, in colour or grey, its rows without
  * padding. frames.c says of which frames. */
-#include "recorder/pictures.h"
+#include "recorder/recorder.h"
 
 #include "recorder/packer.h"
 

@@ -21,7 +21,7 @@
 #include "tools/recordings/output_cells.h"
 
 extern "C" {
-#include "recorder/suppressed_cells.h"
+#include "recorder/cells.h"
 }
 
 namespace {
