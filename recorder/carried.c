@@ -5,7 +5,6 @@
 
 #include <string.h>
 
-
 #define DATA_AT (RECORDING_RECORD_HEADER + RECORDING_MESSAGE_HEADER)
 #define MOST_SETTINGS 64u /* of one handle */
 

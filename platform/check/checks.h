@@ -72,8 +72,6 @@ void check_frames(struct session* session);
 
 /* check_channels.c */
 void check_two_channels(struct session* session);
-
-/* check_lives.c */
 void check_teardown(struct session* session);
 void check_cycles(struct session* session);
 

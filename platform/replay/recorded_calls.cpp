@@ -14,8 +14,6 @@
 #include <dlfcn.h>
 #include <elf.h>
 
-#include "platform/replay/qv_replay.h"
-
 namespace qv_replay {
 
 namespace {
@@ -151,6 +149,8 @@ void release(std::uint32_t owner) {
   const std::lock_guard<std::mutex> guard(buffers_lock);
   buffers_of_owners.erase(owner);
 }
+
+// ---- The platform behind this one ----
 
 namespace {
 

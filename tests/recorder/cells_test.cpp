@@ -82,8 +82,9 @@ class Scene {
       const cell_layer& layer = layers[k];
       kept += pack_cells(&packer, &layer, first, counts[k], found.is_full == 0 ? 1 : 0);
       EXPECT_EQ(0, packer.overflowed);
-      all.push_back(olvex_tools::fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used),
-                               {layer.cells, layer.channels, layer.classes, layer.element}));
+      all.push_back(
+          olvex_tools::fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used),
+                                  {layer.cells, layer.channels, layer.classes, layer.element}));
     }
     return all;
   }
@@ -247,8 +248,8 @@ TEST(Cells, KeepACellInEachLongRow) {
   packer packer;
   packer_start(&packer, memory.data(), 4096, nullptr);
   EXPECT_EQ(1u, pack_cells(&packer, &layer, nullptr, 0, 0));
-  const auto filled =
-      olvex_tools::fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used), {cells, 5, 1, 4});
+  const auto filled = olvex_tools::fill_cells(
+      std::string(memory.begin() + 4, memory.begin() + packer.used), {cells, 5, 1, 4});
   float last;
   std::memcpy(&last, &filled[(199999 * 5 + 4) * sizeof last], sizeof last);
   EXPECT_EQ(3.0f, last);
