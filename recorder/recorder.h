@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* recorder.h - the recorder's state, and how the interposed functions report to it. calls_det.c and calls_qv.c
- * have those functions, recorder.c the state, carried.c the calls in force, tables.c handles and channels, frames.c,
- * outputs.c and pictures.c the frames, writer.c the thread that writes files. */
+ * have those functions, recorder.c the state, carried.c the calls in force, tables.c handles and channels, frames.c
+ * and frame_parts.c the frames, writer.c the thread that writes files. */
 #ifndef RECORDER_RECORDER_H
 #define RECORDER_RECORDER_H
 
@@ -173,10 +173,6 @@ void call_word(struct call* call, uint32_t word);
 void call_words(struct call* call, const void* record, size_t size);
 /* Records it, and returns its result. */
 QV_S32 call_end(struct call* call);
-
-/* has_hash is set by the caller: whether it is wanted. A file is read to its end for it, else the header alone. */
-void identify_file(struct model_identity* model, const char* path);
-void identify_buffer(struct model_identity* model, const void* buffer, uint32_t size);
 
 /* ---- What is known of handles and channels; with the lock held ---- */
 
