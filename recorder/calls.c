@@ -4,7 +4,6 @@
 
 #include "recorder/packer.h"
 #include "recorder/recorder.h"
-#include "recorder/tables.h"
 
 #define PATH_SIZE 256u
 

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 /* carried.c - a list of entries as they were in the ring, each after a header of what decides how long it
  * stays. An entry begins with the message of the call; those of its network or model come behind. */
-#include "recorder/carried.h"
+#include "recorder/recorder.h"
 
 #include <string.h>
-
-#include "recorder/recording_format.h"
 
 #define DATA_AT (RECORDING_RECORD_HEADER + RECORDING_MESSAGE_HEADER)
 #define MOST_SETTINGS 64u /* of one handle */

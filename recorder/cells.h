@@ -61,4 +61,13 @@ float best_logit(const struct cell_layer* layer, uint32_t index, uint32_t* class
 /* Element k of a cell. */
 float cell_value(const struct cell_layer* layer, uint32_t index, uint32_t k);
 
+/* ---- Cells whose boxes the library suppresses at every threshold: they need not be kept (suppressed_cells.c).
+ * docs/recordings.md has the proof ---- */
+
+/* Drops those cells that are surely suppressed, of three layers without key points; counts[k] of found are of layer k.
+ * Drops none where that could change the order of the others.
+ * Requires: found is not full; each layer has columns, stride and at most 65,535 cells. */
+void drop_suppressed_cells(struct found_cells* found, const struct cell_layer layers[3],
+                           const uint32_t counts[3]);
+
 #endif /* RECORDER_CELLS_H */

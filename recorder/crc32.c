@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /* crc32.c - one byte at a time over a table of 1 KB, which is made and not stored. */
-#include "recorder/crc32.h"
+#include "recorder/checksums.h"
 
 static uint32_t table[256];
 

@@ -3,12 +3,9 @@
  * where they lie, the boxes. Then it looks whether the frame is a reason to write. */
 #include <string.h>
 
-#include "recorder/crc32.h"
-#include "recorder/outputs.h"
+#include "recorder/checksums.h"
 #include "recorder/packer.h"
-#include "recorder/pictures.h"
 #include "recorder/recorder.h"
-#include "recorder/tables.h"
 
 int frame_begin(const void* handle, const ALGO_Input_t* input, const Box_t* boxes,
                 const QV_S32* count) {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-/* recorder.c - the start, the tables of handles and channels, the clock, and messages to the user. */
+/* recorder.c - the start, the tables of handles and channels, the clock, messages to the user, and the functions behind the
+ * interposed ones, where the loader binds them. */
 #include "recorder/recorder.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -10,8 +12,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "recorder/crc32.h"
+#include "recorder/attachment.h"
+#include "recorder/checksums.h"
 #include "recorder/olvex_recorder.h"
+
+#define LOADER_FAILURE 127
 
 enum state { NOT_STARTED = 0, ON, OFF };
 
@@ -187,3 +192,14 @@ struct thread_state* this_thread(void) {
 uint32_t next_call_number(void) {
   return __atomic_add_fetch(&calls_begun, 1, __ATOMIC_RELAXED);
 }
+
+#ifndef OLVEX_RECORDER_WRAP
+void* function_behind(const char* name) {
+  void* const function = dlsym(RTLD_NEXT, name);
+  if (function == NULL) {
+    say("no library behind the recorder has", name, 0);
+    _exit(LOADER_FAILURE);
+  }
+  return function;
+}
+#endif

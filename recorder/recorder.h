@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* recorder.h - the recorder's state, and how the interposed functions report to it. calls_det.c and calls_qv.c
- * have those functions, recorder.c the state, frames.c the frames, writer.c the thread that writes files. */
+ * have those functions, recorder.c the state, carried.c the calls in force, tables.c handles and channels, frames.c
+ * and frame_parts.c the frames, writer.c the thread that writes files. */
 #ifndef RECORDER_RECORDER_H
 #define RECORDER_RECORDER_H
 
@@ -9,13 +10,12 @@
 
 #include "olvex_det.h"
 #include "platform/contract/olvex_platform.h"
-
-#include "recorder/carried.h"
 #include "recorder/cells.h"
+#include "recorder/checksums.h"
 #include "recorder/options.h"
+#include "recorder/packer.h"
 #include "recorder/recording_format.h"
 #include "recorder/ring.h"
-#include "recorder/sha256.h"
 
 #define MOST_HANDLES 32u
 #define MOST_CHANNELS 16u
@@ -23,6 +23,32 @@
 #define MOST_WORDS 64u
 #define MODEL_HEADER_SIZE 1024u
 #define SCRATCH_BYTES (320u * 1024u) /* of the writing thread */
+
+/* ---- The calls in force (carried.c): those that made the handles, channels and settings of now. A call gets
+ * here when it leaves the ring, so that this is always the state before the ring's oldest entry ---- */
+
+#define CARRIED_BYTES (128u * 1024u)
+
+struct carried {
+  unsigned char bytes[CARRIED_BYTES];
+  uint32_t used;
+  int is_complete; /* 0: a call in force did not fit */
+};
+
+void carried_start(struct carried* carried);
+
+/* Takes in the entry of a call: adds it, or takes out what it ends. */
+void carried_take(struct carried* carried, const struct ring* ring, uint32_t first_byte,
+                  uint32_t size);
+
+/* Packs the messages of all calls in force. */
+void carried_pack(const struct carried* carried, struct packer* packer);
+
+/* Packs the messages of a call's entry, flagged as carried over. */
+void carried_pack_entry(const struct ring* ring, uint32_t first_byte, uint32_t size,
+                        struct packer* packer);
+
+/* ---- The state ---- */
 
 enum trigger_reason {
   TRIGGER_NONE = 0,
@@ -148,9 +174,15 @@ void call_words(struct call* call, const void* record, size_t size);
 /* Records it, and returns its result. */
 QV_S32 call_end(struct call* call);
 
-/* has_hash is set by the caller: whether it is wanted. A file is read to its end for it, else the header alone. */
-void identify_file(struct model_identity* model, const char* path);
-void identify_buffer(struct model_identity* model, const void* buffer, uint32_t size);
+/* ---- What is known of handles and channels; with the lock held ---- */
+
+/* NULL for a handle that is not known; for NULL a free slot, if there is one. */
+struct handle_slot* find_handle(const void* address);
+struct channel_slot* find_channel(uint32_t id);
+
+/* What a call that has ended changes: before its entry in the ring is made, and after. */
+void note_before(const struct call* call);
+void note_after(const struct call* call);
 
 /* ---- Frames ---- */
 
@@ -199,6 +231,22 @@ uint32_t next_call_number(void);
 /* From the monotonic clock to the real one. */
 uint64_t clock_offset(void);
 
+/* ---- What a frame leaves; with the lock held ---- */
+
+/* The score from which cells are kept: below it the live run has no threshold either. 0: whole outputs. */
+float floor_of(const struct handle_slot* handle, const struct channel_slot* channel,
+               uint32_t number);
+
+/* Packs what the network left, whole or in cells; no output without a channel. Returns whether there is surely nothing in it. */
+int pack_outputs(struct packer* packer, const struct channel_slot* channel,
+                 const void* const* addresses, float floor);
+
+/* Stores the part of the frame's picture that is asked for, as an entry of its own in the ring: one that does not fit
+ * leaves the frame there. Requires: an address, and a result.
+ * Returns 0, also where there is nothing to store, or -1 when it did not fit. */
+int store_picture(const struct frame* frame, const struct channel_slot* channel, uint32_t number,
+                  uint64_t end);
+
 /* ---- The writing thread ---- */
 
 /* Returns 0, or an errno. */
@@ -208,9 +256,9 @@ void writer_stop(void);
 
 /* An address inside the library. */
 const void* library_address(void);
-/* Packs the message that says what recorded, and on what. part counts the files before. */
 /* Packs the variables that a recording keeps, before the thread starts. */
 void keep_environment(void);
+/* Packs the message that says what recorded, and on what. part counts the files before. */
 void pack_about(struct packer* packer, uint32_t part, uint64_t now);
 /* Packs the image annotations of a frame, whose entry begins at first_byte. */
 void pack_annotations(struct packer* packer, const struct ring* ring, uint32_t first_byte);

@@ -7,7 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "recorder/crc32.h"
+#include "recorder/checksums.h"
 #include "recorder/packer.h"
 
 #define MOST_PARTS (MOST_PIECES + 2u)

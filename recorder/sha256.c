@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* sha256.c - SHA-256 as the standard writes it down. The constants are the first bits of the fractions of
  * square and cube roots of primes. */
-#include "recorder/sha256.h"
+#include "recorder/checksums.h"
 
 #include <string.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /* suppressed_cells.c - the library's suppression with room for error: what it would decide closely stays. */
-#include "recorder/suppressed_cells.h"
+#include "recorder/cells.h"
 
 #include <string.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 /* tables.c - the handles and channels that there are, and what of their descriptions decides how frames are
  * stored. */
-#include "recorder/tables.h"
+#include "recorder/recorder.h"
 
 #include <string.h>
 

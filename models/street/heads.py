@@ -171,7 +171,7 @@ def main():
         from head_check import check
         return check({name: built(name) for name in options.families or FAMILIES}, NETWORK)
     elif options.measure:
-        from head_accuracy import measure
+        from head_check import measure
         families = options.families or [name for name in FAMILIES if name not in LIMITED]
         return measure(options.measure.resolve(), {name: (reference_of(name), name in PERSONS) for name in families},
                        tuple(options.variant), write)

@@ -1,11 +1,60 @@
 // SPDX-License-Identifier: Apache-2.0
-/* report.h - what was proven and found, one line each, and the notes of the running process that outlive it.
+/* report.h - what was proven and found, one line each, and the notes of the running process that outlive it; and what can be
+ * wrong with a platform.
  *
  * The checks run in a process of their own. The one that started it says what a crash or an endless call means. */
 #ifndef PLATFORM_CHECK_REPORT_H
 #define PLATFORM_CHECK_REPORT_H
 
-#include "faults.h"
+/* What can be wrong with a platform. kFaultTexts says of each what the library does with it, and the remedy. */
+enum fault {
+  FAULT_CALL_FAILS,
+  FAULT_SMALL_CODE,
+  FAULT_NOT_REFUSED,
+  FAULT_SECOND_DEVICE,
+  FAULT_STATIC_INFO,
+  FAULT_READS_OUTSIDE,
+  FAULT_CONTEXT,
+  FAULT_MODEL_KEPT,
+  FAULT_DESCRIPTION,
+  FAULT_OTHER_MODEL,
+  FAULT_LAYOUT,
+  FAULT_PADDED,
+  FAULT_BUFFER_SIZE,
+  FAULT_ELEMENT_TYPE,
+  FAULT_MIXED_TYPES,
+  FAULT_SCALE,
+  FAULT_ZERO_POINT,
+  FAULT_ACTIVATION,
+  FAULT_WRAPS,
+  FAULT_VALUES,
+  FAULT_ALIGNMENT,
+  FAULT_LENDING,
+  FAULT_OTHER_ADDRESS,
+  FAULT_INCOMPLETE,
+  FAULT_LATE,
+  FAULT_CACHED_OUTPUT,
+  FAULT_NOT_REPEATABLE,
+  FAULT_STALE_INPUT,
+  FAULT_FLUSH,
+  FAULT_READS_BEYOND_FRAME,
+  FAULT_INPUT_VALUES,
+  FAULT_INPUT_PITCH,
+  FAULT_COLOUR_ORDER,
+  FAULT_SECOND_PLANE,
+  FAULT_CHANNELS_MIX,
+  FAULT_TEARDOWN,
+  FAULT_GROWTH,
+  FAULT_COUNT
+};
+
+struct fault_text {
+  const char* name;
+  const char* library; /* what the library does with it */
+  const char* remedy;
+};
+
+extern const struct fault_text kFaultTexts[FAULT_COUNT];
 
 #if defined(__GNUC__)
 #define PRINTF_LIKE(text, values) __attribute__((format(printf, text, values)))

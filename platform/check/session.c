@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 /* session.c - channels and invocations, as base/sdet makes them. */
-#include "session.h"
+#include "checks.h"
 
 #include <stdlib.h>
 #include <string.h>

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-/* watched_calls.h - the platform's calls, each timed and its code looked at. A process in which none of them
- * begins for a minute is ended. */
+/* watched_calls.h - the platform's calls, each timed and its code looked at, and the model that they read. A process in
+ * which none of them begins for a minute is ended. */
 #ifndef PLATFORM_CHECK_WATCHED_CALLS_H
 #define PLATFORM_CHECK_WATCHED_CALLS_H
+
+#include <stddef.h>
 
 #include "qv_ipu.h"
 #include "qv_sys.h"
@@ -25,5 +27,28 @@ QV_S32 flush(void* address, QV_U32 size);
 void check_codes(void);
 /* Prints how long the calls took. */
 void print_times(void);
+
+/* ---- The model's file, mapped as the detection library maps it, and the callback that reads it ---- */
+
+/* One at a time: the callback has to know its bounds. */
+struct model_image {
+  char* file;
+  size_t file_size;
+  char* model; /* the start pattern, the callback's context */
+  size_t size; /* bytes from there on */
+};
+
+/* Returns NULL, or why the file cannot be used. */
+const char* map_model(const char* path, struct model_image* image);
+/* From now on reading it is a crash, until the next one is mapped. */
+void unmap_model(struct model_image* image);
+
+/* Copies from the mapped model. Fails outside it, and where none is mapped, and counts both. */
+int read_model(void* to, int offset, int size, char* context);
+/* Fails. */
+int read_nothing(void* to, int offset, int size, char* context);
+
+/* Reports reads that were not inside the model, or came after QV_IPU_CreateCHN. */
+void check_reads(void);
 
 #endif /* PLATFORM_CHECK_WATCHED_CALLS_H */

@@ -1,17 +1,47 @@
 // SPDX-License-Identifier: Apache-2.0
-// channel.h - one network with its description, its output buffers and who holds them.
+// channel.h - one network in OpenCV's dnn module, and a channel: it with its description, its output buffers and who
+// holds them.
 // host_accelerator.cpp keeps the table of channels.
 #ifndef PLATFORM_HOST_CHANNEL_H
 #define PLATFORM_HOST_CHANNEL_H
 
 #include <memory>
+#include <string>
 #include <vector>
 
+#include <opencv2/dnn.hpp>
+
 #include "platform/host/frame_converter.h"
-#include "platform/host/network.h"
 #include "platform/host/output_stage.h"
 
 namespace qv_host {
+
+// One ONNX network, with OpenCV's errors as HostError. output_stage.h makes tensors of its results.
+class Network {
+ public:
+  // Throws HostError(QV_HOST_BAD_NETWORK) when the bytes are not a network that OpenCV can load or
+  // when it lacks one of the names.
+  //   input    name of the network's input, empty: its only one
+  //   outputs  names of the outputs to compute, in the order wanted
+  //   fusion   whether several layers may be computed at once
+  Network(const std::vector<char>& onnx, const std::string& input,
+          const std::vector<std::string>& outputs, bool fusion);
+
+  // Runs the network. The results may share the network's own memory: they hold until the next run.
+  // Throws HostError(QV_HOST_INFERENCE_FAILED).
+  std::vector<cv::Mat> run(const cv::Mat& input);
+
+  // The same for the first time: a network that cannot run at all is itself at fault. Throws
+  // HostError(QV_HOST_BAD_NETWORK).
+  std::vector<cv::Mat> try_out(const cv::Mat& input);
+
+ private:
+  void check_names() const;
+
+  cv::dnn::Net net_;
+  std::string input_;
+  std::vector<std::string> outputs_;
+};
 
 struct InvokeFacts {
   double conversion_ms = 0.0;

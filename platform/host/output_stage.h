@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // output_stage.h - from what the network computes to the output tensors that the library sees.
-// raw_stage.cpp and detection_stage.cpp are the two kinds; channel.cpp uses them.
+// output_stage.cpp has the raw kind, detection_stage.cpp the other one; channel.cpp uses them.
 #ifndef PLATFORM_HOST_OUTPUT_STAGE_H
 #define PLATFORM_HOST_OUTPUT_STAGE_H
 

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstring>
 
-#include "platform/replay/next_platform.h"
 #include "platform/replay/qv_replay.h"
 #include "platform/replay/recorded_calls.h"
 

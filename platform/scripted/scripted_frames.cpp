@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "platform/scripted/qv_scripted.h"
-#include "platform/scripted/scripted_call.h"
 #include "platform/scripted/scripted_state.h"
 
 namespace qv_scripted {

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "platform/scripted/qv_scripted.h"
-#include "platform/scripted/scripted_call.h"
 #include "platform/scripted/scripted_state.h"
 
 namespace qv_scripted {

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Many inputs of a fuzzer in one file: fuzz/corpus/FUZZER.inputs, those of past faults in fuzz/regressions.
+"""Many inputs of a fuzzer in one file: fuzz/corpus/FUZZER.inputs. Those of past faults of all fuzzers are in
+fuzz/regressions.inputs, FUZZER.FAULT each.
 
   scripts/fuzz/packed_inputs.py list FILE           # number, bytes and name of each
   scripts/fuzz/packed_inputs.py unpack FILE FOLDER  # a file for each

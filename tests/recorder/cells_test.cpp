@@ -18,10 +18,10 @@
 #include "recorder/recording_format.h"
 #include "tests/support/random.h"
 #include "tests/support/record.h"
-#include "tools/recordings/output_cells.h"
+#include "tools/recordings/frame_outputs.h"
 
 extern "C" {
-#include "recorder/suppressed_cells.h"
+#include "recorder/cells.h"
 }
 
 namespace {
@@ -82,8 +82,9 @@ class Scene {
       const cell_layer& layer = layers[k];
       kept += pack_cells(&packer, &layer, first, counts[k], found.is_full == 0 ? 1 : 0);
       EXPECT_EQ(0, packer.overflowed);
-      all.push_back(fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used),
-                               {layer.cells, layer.channels, layer.classes, layer.element}));
+      all.push_back(
+          olvex_tools::fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used),
+                                  {layer.cells, layer.channels, layer.classes, layer.element}));
     }
     return all;
   }
@@ -247,8 +248,8 @@ TEST(Cells, KeepACellInEachLongRow) {
   packer packer;
   packer_start(&packer, memory.data(), 4096, nullptr);
   EXPECT_EQ(1u, pack_cells(&packer, &layer, nullptr, 0, 0));
-  const auto filled =
-      fill_cells(std::string(memory.begin() + 4, memory.begin() + packer.used), {cells, 5, 1, 4});
+  const auto filled = olvex_tools::fill_cells(
+      std::string(memory.begin() + 4, memory.begin() + packer.used), {cells, 5, 1, 4});
   float last;
   std::memcpy(&last, &filled[(199999 * 5 + 4) * sizeof last], sizeof last);
   EXPECT_EQ(3.0f, last);
@@ -287,15 +288,15 @@ TEST(Cells, AreCutBelowTheLibrarysOwnThreshold) {
 
 TEST(Cells, RefuseDamage) {
   const std::string cell = std::string("\0\0\1\0", 4) + std::string(20, 'x');
-  const CellLayout layout = {2, 5, 1, 4};
-  EXPECT_NO_THROW(fill_cells(cell, layout));
+  const olvex_tools::CellLayout layout = {2, 5, 1, 4};
+  EXPECT_NO_THROW(olvex_tools::fill_cells(cell, layout));
   for (std::size_t size = 1; size < cell.size(); ++size) {
-    EXPECT_THROW(fill_cells(cell.substr(0, size), layout), std::runtime_error) << size;
+    EXPECT_THROW(olvex_tools::fill_cells(cell.substr(0, size), layout), std::runtime_error) << size;
   }
   for (const std::size_t at : {0u, 2u, 3u}) {
     std::string wrong = cell;
     wrong[at] = 9;
-    EXPECT_THROW(fill_cells(wrong, layout), std::runtime_error) << at;
+    EXPECT_THROW(olvex_tools::fill_cells(wrong, layout), std::runtime_error) << at;
   }
 }
 

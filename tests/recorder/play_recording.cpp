@@ -10,7 +10,7 @@
 #include "tools/replay/replay.h"
 
 extern "C" {
-#include "recorder/crc32.h"
+#include "recorder/checksums.h"
 }
 
 // What the reader takes of zlib, which a cross compiler does not bring along.

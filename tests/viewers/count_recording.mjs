@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // count_recording.mjs - what a viewer's reader finds in a file: messages by topic, frames and boxes. Every CRC is
-// checked, and every message is decoded by the definition that the file carries. For node (read_files.mjs) and
-// browsers (page.mjs).
+// checked, and every message is decoded by the definition that the file carries. In node it prints a line of JSON for
+// each file that the command line names; in a browser the page holds a recording in base 64, and gets the line.
 import { McapIndexedReader, McapStreamReader } from "@mcap/core";
 import { parse } from "@foxglove/rosmsg";
 import { MessageReader } from "@foxglove/rosmsg-serialization";
@@ -66,7 +66,7 @@ async function countByIndex(bytes) {
 }
 
 // is_closed: the file has an end; indexed: messages by the index, null without a summary.
-export async function countRecording(bytes) {
+async function countRecording(bytes) {
   const reader = new McapStreamReader({ validateCrcs: true });
   const counter = new Counter();
   reader.append(bytes);
@@ -76,4 +76,23 @@ export async function countRecording(bytes) {
     hasSummary ||= record.type === "Statistics";
   }
   return { ...counter.counts, is_closed: reader.done(), indexed: hasSummary ? await countByIndex(bytes) : null };
+}
+
+async function countFiles(paths) {
+  const { readFile } = await import("node:fs/promises");
+  for (const path of paths) {
+    console.log(JSON.stringify(await countRecording(new Uint8Array(await readFile(path)))));
+  }
+}
+
+async function countInPage(page) {
+  const text = atob(page.getElementById("recording").textContent);
+  const counts = countRecording(Uint8Array.from(text, (letter) => letter.charCodeAt(0)));
+  page.getElementById("result").textContent = await counts.then(JSON.stringify, String);
+}
+
+if (globalThis.document) {
+  countInPage(document);
+} else {
+  countFiles(process.argv.slice(2));
 }

@@ -38,7 +38,7 @@ class ViewersTest(unittest.TestCase):
         return subprocess.run([OLVEX_DET, *map(str, arguments)], check=True, capture_output=True, encoding="utf-8").stdout
 
     def read(self, *paths):
-        result = subprocess.run(["node", f"{VIEWERS}/read_files.mjs", *map(str, paths)], capture_output=True, encoding="utf-8")
+        result = subprocess.run(["node", f"{VIEWERS}/count_recording.mjs", *map(str, paths)], capture_output=True, encoding="utf-8")
         self.assertEqual(result.returncode, 0, result.stderr)
         return [json.loads(line) for line in result.stdout.splitlines()]
 
@@ -82,7 +82,7 @@ class ViewersTest(unittest.TestCase):
         data = bytearray(self.recording.read_bytes())
         data[data.index(b"\7" * 1000) + 500] ^= 1  # within a picture
         self.recording.write_bytes(data)
-        result = subprocess.run(["node", f"{VIEWERS}/read_files.mjs", self.recording], capture_output=True)
+        result = subprocess.run(["node", f"{VIEWERS}/count_recording.mjs", self.recording], capture_output=True)
         self.assertNotEqual(result.returncode, 0)
 
     @unittest.skipUnless(BROWSER, "no browser here: neither chromium nor google-chrome")

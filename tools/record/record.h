@@ -14,9 +14,6 @@ namespace olvex_tools {
 
 // All throw ToolError.
 
-// Several lines that say what is in it.
-std::string describe_recording(const Recording& recording);
-
 // A part of a recording, by the numbers of the calls that began in it.
 struct RecordingPart {
   std::uint32_t first_call = 0;

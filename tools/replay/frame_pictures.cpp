@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // frame_pictures.cpp - kept pictures on a canvas of the network's input, and the pictures of a video by their place.
-#include "tools/replay/frame_pictures.h"
+#include "tools/replay/shown_frames.h"
 
 #include <algorithm>
 #include <set>
