@@ -73,9 +73,12 @@ std::string clip_name(const std::vector<std::string>& files, std::size_t truth) 
   return name;
 }
 
-void add_classes(const MotClip& clip, MotReport* report) {
-  for (const int class_id : classes_of(clip)) {
-    report->per_class[class_id].add(measure_tracks(restricted_to(clip, {class_id})).scores);
+// of_all: the clip's scores, which are those of its class where there is one only.
+void add_classes(const MotClip& clip, const MotScores& of_all, MotReport* report) {
+  const std::set<int> classes = classes_of(clip);
+  for (const int class_id : classes) {
+    report->per_class[class_id].add(
+        classes.size() == 1 ? of_all : measure_tracks(restricted_to(clip, {class_id})).scores);
   }
 }
 
@@ -90,7 +93,7 @@ void add_clip(const CommandLine& line, std::size_t truth_index, MotReport* repor
     clip = restricted_to(clip, report->restricted_to);
   }
   MotMeasurement measured = measure_tracks(clip);
-  add_classes(clip, report);
+  add_classes(clip, measured.scores, report);
   report->combined.add(measured.scores);
   report->clips.push_back({clip_name(line.files, truth_index), truth.path, result.path,
                            measured.scores, clip.objects, std::move(measured.runs)});

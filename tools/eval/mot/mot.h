@@ -66,11 +66,19 @@ std::vector<WeightedPair> best_assignment(std::size_t rows, std::size_t columns,
 // From here on two boxes show the same object.
 constexpr double kMatchOverlap = 0.5;
 
+// The rest in mot_overlaps.cpp, up to matching_pairs.
 // Intersection over union, 0 to 1: at most 1 also where rounding makes it more, since sums of it are shares.
 double overlap_of(const Box& left, const Box& right);
 
 // Whether an overlap reaches a threshold that need not have an exact binary form.
 bool reaches(double overlap, double threshold);
+
+// The boxes of either list that overlap at all, with their overlap as weight, in the order of rows, then columns.
+std::vector<WeightedPair> overlaps_between(const std::vector<Box>& rows,
+                                           const std::vector<Box>& columns);
+
+// Those that overlap by kMatchOverlap or more.
+std::vector<WeightedPair> matching_pairs(const std::vector<WeightedPair>& pairs);
 
 struct ClipBox {
   std::size_t track = 0;  // index into MotClip::objects or MotClip::result_ids
@@ -114,16 +122,16 @@ MotClip restricted_to(const MotClip& clip, const std::set<int>& classes);
 // The classes of the clip's boxes.
 std::set<int> classes_of(const MotClip& clip);
 
-// For each truth (row) and result (column) of one class that overlap by the threshold or more, and
-// at all, their overlap as weight.
-std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold);
+// The truths (rows) and results (columns) of one class that overlap at all, as overlaps_between.
+std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame);
 
 // ---- The metrics (mot_metrics.cpp) --------------------------------------------------------------
 
 // The CLEAR MOT counts: K. Bernardin, R. Stiefelhagen, "Evaluating multiple object tracking performance: the
 // CLEAR MOT metrics", EURASIP Journal on Image and Video Processing 2008. Mostly tracked and mostly lost
 // objects and fragments: Y. Li, C. Huang, R. Nevatia, "Learning to associate: HybridBoosted multi-target
-// tracker for crowded scene", CVPR 2009. In mot_metrics.cpp.
+// tracker for crowded scene", CVPR 2009. Overlap from kMatchOverlap on is a match. The pairs of the frame before
+// are kept where they still match; the others are assigned for the greatest sum of overlaps.
 struct ClearCounts {
   long matches = 0;
   long misses = 0;       // truths without a result
@@ -144,13 +152,9 @@ struct FoundRun {
   long result_id = 0;
 };
 
-// Overlap from kMatchOverlap on is a match. The pairs of the frame before are kept where they still
-// match; the others are assigned for the greatest sum of overlaps. runs: by the clip's objects.
-ClearCounts clear_mot(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs);
-
 // The sums that HOTA and its parts are made of: J. Luiten, A. Osep, P. Dendorfer, P. Torr, A. Geiger,
 // L. Leal-Taixe, B. Leibe, "HOTA: A higher order metric for evaluating multi-object tracking", International
-// Journal of Computer Vision 129, 2021. In mot_hota.cpp.
+// Journal of Computer Vision 129, 2021.
 
 // Overlap thresholds 0.05, 0.10 ... 0.95.
 constexpr std::size_t kHotaThresholds = 19;
@@ -178,17 +182,14 @@ struct HotaValues {
   double localisation = 0;
 };
 
-// Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
-HotaSums hota_sums(const MotClip& clip);
+// In mot_hota.cpp.
 HotaValues hota_values(const HotaSums& sums);
-
-// IDTP, how much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
-// C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
-// 2016. Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
-long identity_matches(const MotClip& clip);
 
 struct MotScores {
   ClearCounts clear;
+  // IDTP, how much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
+  // C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
+  // 2016. Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
   long identity_matches = 0;
   HotaSums hota;
 
@@ -200,7 +201,7 @@ struct MotMeasurement {
   std::vector<std::vector<FoundRun>> runs;  // by the clip's objects
 };
 
-// Throws as hota_sums does.
+// Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
 MotMeasurement measure_tracks(const MotClip& clip);
 
 // HOTA, DetA, AssA, LocA, MOTA, MOTP, IDF1, IDP, IDR. All are undefined without truth, MOTP, LocA

@@ -41,7 +41,9 @@ std::string_view trimmed(std::string_view text) {
 }
 
 std::vector<std::string_view> split(std::string_view row) {
+  constexpr std::size_t kUsual = 10;
   std::vector<std::string_view> fields;
+  fields.reserve(kUsual);
   for (std::size_t start = 0; start <= row.size();) {
     const std::size_t end = std::min(row.find(',', start), row.size());
     fields.push_back(trimmed(row.substr(start, end - start)));
@@ -181,9 +183,12 @@ MotFile read_rows(const char* what, const std::string& path, ReadRow read_row) {
     }
     file.rows.push_back(read_row(RowReader(path, line, row), line));
   }
-  std::stable_sort(file.rows.begin(), file.rows.end(), [](const MotRow& left, const MotRow& right) {
+  const auto by_frame = [](const MotRow& left, const MotRow& right) {
     return left.frame < right.frame;
-  });
+  };
+  if (!std::is_sorted(file.rows.begin(), file.rows.end(), by_frame)) {
+    std::stable_sort(file.rows.begin(), file.rows.end(), by_frame);
+  }
   require_few_boxes_in_frame(file);
   return file;
 }
