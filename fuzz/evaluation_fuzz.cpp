@@ -83,8 +83,9 @@ void check_mot_counts(const MotScores& scores, const MotClip& clip) {
 }
 
 void evaluate_mot(const std::string& truth_path, const std::string& result_path, bool one_class) {
-  const MotFile truth = read_mot_truth(truth_path);
-  MotFile result = read_mot_result(result_path);
+  MotFile truth = read_mot_truth(truth_path, {});
+  MotFile result = read_mot_result(result_path, {});
+  settle_classes(&truth, &result);
   MotReport report;
   report.findings = lint_tracks(truth, &result);
   MotClip clip = make_mot_clip(truth, result);
@@ -104,7 +105,7 @@ void evaluate_mot(const std::string& truth_path, const std::string& result_path,
   report.clips.push_back(
       {"clip", truth_path, result_path, measured.scores, clip.objects, measured.runs});
   check_texts(mot_report_text(report), mot_report_json(report, {}),
-              timeline_svg("clip", clip, measured.runs));
+              timeline_svg("clip", {}, clip, measured.runs));
 }
 
 void compare(const std::string& first_path, const std::string& second_path) {

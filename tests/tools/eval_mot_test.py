@@ -176,6 +176,39 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"truths": 1, "false_boxes": 1, "misses": 0})
         self.tool("eval", "mot", "a", "b", "--classes", "person", code=2)
 
+    def test_files_of_other_programs_are_taken_as_they_are(self):
+        boxes = [(frame, track, 300 * track + 5 * frame) for frame in (1, 2, 3) for track in (1, 2)]
+        plain = "".join(f"{frame},{track},{left},0,100,100,1@\n" for frame, track, left in boxes)
+        ends = ["", ",-1", ",-1,-1", ",-1,-1,-1"]
+        counted = plain.replace("@", ",1,1")
+        distractor = "1,9,3000,0,100,100,0,8,1\n"
+        for truths, results in (*((counted + distractor, plain.replace("@", end) + "1,9,3000,0,100,100,1\n") for end in ends),
+                                *((plain.replace("@", end), plain.replace("@", end)) for end in ends),
+                                *((plain.replace("@", end), plain.replace("@", ",4")) for end in ends)):
+            self.assert_values(self.evaluate(truths, results)[0]["combined"],
+                               {"truths": 6, "results": 6, "MOTA": 1, "IDF1": 1})
+        classes = self.evaluate(plain.replace("@", ""), plain.replace("@", ",4"))[0]["per_class"]
+        self.assertEqual([(part["class"], part["name"]) for part in classes], [(4, None)])
+
+        (self.folder / "names.txt").write_text("person\ncar\n\ntruck\n")
+        (self.folder / "map.txt").write_text("# what they mean\n 1 = person \n\n7=car\r\n5=-\n")
+        truths = (truth(1, 1, 0, 1, 1) + truth(1, 2, FAR, 1, 7) + truth(1, 3, 2 * FAR, 1, 5) + truth(1, 4, 3 * FAR, 1, 3))
+        results = (result(1, 5, 0) + result(1, 6, FAR, 1) + result(1, 7, 2 * FAR) + result(1, 8, 3 * FAR, 3) + result(1, 9, 4 * FAR, 9))
+        names = ["--class-names", "names.txt", "--class-map"]
+        for mapped in (["map.txt"], ["1=0,7=car,5=-"]):
+            values, done = self.evaluate(truths, results, options=[*names, *mapped, "--result-class-map", "9=-"])
+            self.assert_values(values["combined"], {"truths": 3, "results": 3, "MOTA": 1})
+            self.assertEqual([(part["class"], part["name"]) for part in values["per_class"]],
+                             [(0, "person"), (1, "car"), (3, "truck")])
+            self.assertEqual([part["class_name"] for part in values["clips"][0]["objects"]], ["person", "car", None, "truck"])
+            self.assertEqual([line.split()[0] for line in done.stdout.splitlines()[2:5]], ["person", "car", "truck"])
+        # Without --class-names a name stands for the number that is given it first.
+        values = self.evaluate(truths, results, options=["--class-map", "1=foot,7=foot", "--result-class-map", "0=foot,1=foot,9=bird"])[0]
+        self.assert_values(values["per_class"][0], {"truths": 2, "results": 3, "misses": 0, "false_boxes": 1})
+        self.assertEqual((values["per_class"][0]["class"], values["per_class"][0]["name"]), (1, "foot"))
+        self.transcript = ""
+        self.assert_session_kept("eval_mot_classes")
+
     def test_runs(self):
         truths = (span(truth, range(1, 8), 1, 0) + span(truth, (8, 9), 1, 0, 0) +
                   span(truth, (3, 4), 2, FAR, 1, 2))
@@ -183,7 +216,7 @@ class EvalMotTest(ToolTest):
         values = self.evaluate(truths, results)[0]
         first, second = values["clips"][0]["objects"]
         self.assertEqual(first, {
-            "truth_id": 1, "class": 0, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
+            "truth_id": 1, "class": 0, "class_name": None, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
             "runs": [{"first": a, "last": b, "result_id": c}
                      for a, b, c in ((1, 2, 5), (4, 4, 5), (5, 6, 12))]})
         self.assertEqual((second["class"], second["first"], second["runs"]), (2, 3, []))

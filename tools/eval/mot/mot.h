@@ -13,6 +13,7 @@
 
 #include "tools/common/box.h"
 #include "tools/common/evaluation.h"
+#include "tools/eval/mot/mot_classes.h"
 
 namespace olvex_tools {
 
@@ -22,7 +23,7 @@ struct MotRow {
   std::size_t line = 0;  // in the file, from 1
   long frame = 0;        // from 1; 0 is let through for the lint to find
   long id = 0;
-  int class_id = 0;
+  int class_id = kNoClass;
   bool ignored = false;  // truth that counts neither as found nor as missed
   Box box;               // display pixels
 };
@@ -33,13 +34,18 @@ struct MotFile {
 };
 
 // Both skip blank lines and lines that start with #, and throw ToolError (kInputError) with file and
-// row for a row that they cannot take.
+// row for a row that they cannot take. A class that is -1 or missing is kNoClass.
 
-// frame,id,left,top,width,height,consider,class,visibility[,moving]. Each object has one class and
-// at most one row in a frame.
-MotFile read_mot_truth(const std::string& path);
-// frame,id,left,top,width,height,score,class,-1,-1.
-MotFile read_mot_result(const std::string& path);
+// frame,id,left,top,width,height,consider[,class[,visibility[,moving]]]. Rows of a class that is not
+// to count are ignored truth.
+MotFile read_mot_truth(const std::string& path, const ClassMap& classes);
+// frame,id,left,top,width,height,score[,class[,any[,any]]]. Rows of a class that is not to count are left out.
+MotFile read_mot_result(const std::string& path, const ClassMap& classes);
+
+// Rows without a class get the only one that the other file's rows have which count, or 0 where that has none
+// either. Then checks that each object of the truth has one class and at most one row in a frame. Throws
+// ToolError (kInputError) where it does not, or where the other file has several classes.
+void settle_classes(MotFile* truth, MotFile* result);
 
 // What is probably a mistake in the files and not in the tracker; at most one finding per kind and file. Of
 // rows of result that repeat an id in a frame only the first is kept. In mot_lint.cpp.
@@ -228,6 +234,7 @@ struct MotClipReport {
 };
 
 struct MotReport {
+  ClassNames class_names;
   std::set<int> restricted_to;  // empty: all classes
   std::vector<MotClipReport> clips;
   MotScores combined;                  // of all clips
@@ -241,7 +248,7 @@ std::string mot_report_json(const MotReport& report, const std::vector<MetricMin
 
 // A picture of one clip: per object of the truth a row that shows when it was there and under which id it was
 // found. Ids are written where they fit; every bar's tooltip has id and frames. In mot_timeline.cpp.
-std::string timeline_svg(const std::string& title, const MotClip& clip,
+std::string timeline_svg(const std::string& title, const ClassNames& names, const MotClip& clip,
                          const std::vector<std::vector<FoundRun>>& runs);
 
 }  // namespace olvex_tools

@@ -24,6 +24,7 @@ constexpr double kPlotNarrowest = 900;
 constexpr double kPlotWidest = 12000;
 constexpr double kFrameWidth = 2;  // wanted, within those
 constexpr double kTickDistance = 60;
+constexpr std::size_t kNameMost = 12;  // letters that fit beside an object's row
 
 // Neighbouring ids get far apart hues: steps of the golden angle never come near each other soon.
 std::string colour_of(long result_id) {
@@ -43,8 +44,9 @@ long tick_step(double frames_per_tick) {
 
 class Timeline {
  public:
-  Timeline(const MotClip& clip, const std::vector<std::vector<FoundRun>>& runs)
-      : clip_(clip), runs_(runs) {
+  Timeline(const ClassNames& names, const MotClip& clip,
+           const std::vector<std::vector<FoundRun>>& runs)
+      : names_(names), clip_(clip), runs_(runs) {
     if (!clip.frames.empty()) {
       frames_ = {clip.frames.front().number, clip.frames.back().number};
     }
@@ -128,7 +130,8 @@ class Timeline {
     const double bar_top = top + kBarTop;
     const double middle = bar_top + kBarHeight / 2;
     draw_text(kLabelsWidth - 8, bar_top + kBarHeight, " text-anchor=\"end\"",
-              "class " + std::to_string(object.class_id) + "  id " + std::to_string(object.id));
+              xml_text(shortened(class_title(names_, object.class_id), kNameMost, "…")) + "  id " +
+                  std::to_string(object.id));
     for (const FrameSpan& span : object.ignored) {
       draw_line(x_of(span.first), x_of(span.last + 1), middle, middle, kIgnoredStroke);
     }
@@ -156,6 +159,7 @@ class Timeline {
   static constexpr char kIgnoredStroke[] =
       "stroke=\"#c8c8c8\" stroke-width=\"2\" stroke-dasharray=\"2 3\"";
 
+  const ClassNames& names_;
   const MotClip& clip_;
   const std::vector<std::vector<FoundRun>>& runs_;
   FrameSpan frames_ = {1, 1};
@@ -166,9 +170,9 @@ class Timeline {
 
 }  // namespace
 
-std::string timeline_svg(const std::string& title, const MotClip& clip,
+std::string timeline_svg(const std::string& title, const ClassNames& names, const MotClip& clip,
                          const std::vector<std::vector<FoundRun>>& runs) {
-  return Timeline(clip, runs).draw(title);
+  return Timeline(names, clip, runs).draw(title);
 }
 
 }  // namespace olvex_tools
