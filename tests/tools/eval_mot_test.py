@@ -11,7 +11,7 @@ import re
 
 from tool_test import ToolTest, main
 
-NAMES = "HOTA DetA AssA LocA MOTA MOTP IDF1 IDP IDR".split()
+NAMES = "HOTA DetA DetRe DetPr AssA AssRe AssPr LocA MOTA MOTP IDF1 IDP IDR".split()
 FAR = 1000  # between objects that shall not overlap
 
 
@@ -49,24 +49,25 @@ CASES = {
     # Each id is right in 2 of the 6 frames that it or the object have: 4 + 4 - 2.
     "ids swapped midway": (two_objects(range(1, 5)), SWAPPED,
                            {"id_switches": 2, "fragments": 0, "MOTA": 1 - 2 / 8, "IDF1": 4 / 8,
-                            "DetA": 1, "AssA": 1 / 3, "HOTA": (1 / 3) ** 0.5}),
+                            "DetA": 1, "AssA": 1 / 3, "AssRe": 1 / 2, "AssPr": 1 / 2, "HOTA": (1 / 3) ** 0.5}),
     "gap": (span(truth, range(1, 11), 1, 0), span(result, (1, 2, 3, 4, 7, 8, 9, 10), 5, 0),
             {"fragments": 1, "misses": 2, "id_switches": 0, "MOTA": 0.8, "mostly_tracked": 1,
              "IDF1": 16 / 18, "DetA": 0.8, "AssA": 0.8, "HOTA": 0.8}),
     "another id after a gap": (span(truth, range(1, 6), 1, 0),
                                span(result, (1, 2), 5, 0) + span(result, (4,), 6, 0),
                                {"fragments": 1, "id_switches": 1, "misses": 2, "IDF1": 4 / 8,
-                                "AssA": (2 * 2 / 5 + 1 / 5) / 3, "partly_tracked": 1}),
+                                "AssA": (2 * 2 / 5 + 1 / 5) / 3, "partly_tracked": 1,
+                                "AssRe": (2 * 2 / 5 + 1 / 5) / 3, "AssPr": 1, "DetRe": 3 / 5, "DetPr": 1}),
     "absent is no gap": (span(truth, (1, 2, 7, 8), 1, 0), span(result, (1, 2, 7, 8), 5, 0),
                          {"fragments": 0, "HOTA": 1, "MOTA": 1}),
     "found in 1 of 6": (span(truth, range(1, 7), 1, 0), result(1, 5, 0), {"mostly_lost": 1}),
     "found in 1 of 5": (span(truth, range(1, 6), 1, 0), result(1, 5, 0), {"partly_tracked": 1}),
     "false boxes": (span(truth, (1, 2), 1, 0),
                     span(result, (1, 2), 5, 0) + span(result, range(1, 7), 6, FAR),
-                    {"false_boxes": 6, "MOTA": -2, "DetA": 2 / 8, "AssA": 1, "IDP": 2 / 8, "IDR": 1}),
+                    {"false_boxes": 6, "MOTA": -2, "DetA": 2 / 8, "DetRe": 1, "DetPr": 2 / 8, "AssA": 1, "IDP": 2 / 8, "IDR": 1}),
     "no truth": ("", result(1, 5, 0), {**dict.fromkeys(NAMES), "false_boxes": 1}),
     "no result": (truth(1, 1, 0), "", {**dict.fromkeys(NAMES, 0), "MOTP": None, "LocA": None,
-                                       "IDP": None, "misses": 1, "mostly_lost": 1}),
+                                       "IDP": None, "DetPr": None, "misses": 1, "mostly_lost": 1}),
     # Id 6 is of another class and id 7 nearer to the object that counts.
     "ignored": (truth(1, 1, 0) + truth(1, 2, FAR, 0, 3) + truth(1, 3, 20, 0),
                 result(1, 7, 0) + result(1, 6, FAR), {"MOTA": 1, "results": 1, "truths": 1}),
@@ -108,6 +109,7 @@ class EvalMotTest(ToolTest):
         done = self.tool("eval", "mot", *files, "--json", report, *options, **more)
         values = json.loads(report.read_text())
         self.assert_fits_schema(values, "eval_mot")
+        self.curve = values["combined"].pop("over_overlap")
         self.transcript += re.sub(r"\d+\.\d+", lambda number: str(round(float(number[0]), 9)), json.dumps(values)) + "\n"
         return values, done
 
@@ -129,6 +131,22 @@ class EvalMotTest(ToolTest):
                 self.assertEqual(row, ["truth_0"] + [
                     "-" if value is None else f"{value:.3f}"
                     for value in values["combined"]["metrics"].values()])
+
+    def test_hota_over_the_overlap(self):
+        # Half of the boxes overlap by 1, half by 0.5, each half under an id of its own.
+        self.evaluate(span(truth, range(1, 9), 1, 0),
+                      span(result, range(1, 5), 5, 0) + span(result, range(5, 9), 6, 0, 0, "100,50"), options=["--plot", "hota.svg"])
+        def steps(low, high):
+            return [low] * 10 + [high] * 9
+        for name, wanted in {"overlap": [(i + 1) / 20 for i in range(19)], "DetA": steps(1, 4 / 12), "DetRe": steps(1, 0.5),
+                             "DetPr": steps(1, 0.5), "AssA": [0.5] * 19, "AssRe": [0.5] * 19, "AssPr": [1] * 19,
+                             "HOTA": steps(0.5 ** 0.5, (4 / 12 / 2) ** 0.5), "LocA": steps(0.75, 1)}.items():
+            for found, value in zip(self.curve[name], wanted, strict=True):
+                self.assertAlmostEqual(found, value, 9, name)
+        self.assert_kept("eval_mot_hota.svg", (self.folder / "hota.svg").read_text())
+        self.evaluate("", result(1, 5, 0), options=["--plot", "none.svg"])
+        self.assertIsNone(self.curve)
+        self.assertIn("there is no truth", (self.folder / "none.svg").read_text())
 
     def test_assignments_are_the_best_of_all(self):
         generator = random.Random(1)

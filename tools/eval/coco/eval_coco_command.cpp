@@ -89,7 +89,7 @@ CocoReport evaluate(const CommandLine& line, const std::vector<MetricMinimum>& m
 
 int run(const CommandLine& line) {
   check_options(line);
-  const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
+  const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums, "AP50=0.6");
   const CocoReport report = evaluate(line, minimums);
   if (!line.json.empty()) {
     write_output(line.json, stdout, coco_report_json(report, minimums));

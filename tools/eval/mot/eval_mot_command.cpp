@@ -46,6 +46,7 @@ struct CommandLine {
   std::vector<std::string> minimums;
   std::string json;
   std::string timeline;
+  std::string plot;
 };
 
 void require_pairs(const CommandLine& line) {
@@ -63,7 +64,7 @@ std::vector<MetricMinimum> read_minimums(const CommandLine& line) {
   for (const Metric& metric : mot_metrics({})) {
     names.push_back(metric.name);
   }
-  std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
+  std::vector<MetricMinimum> minimums = parse_minimums(line.minimums, "MOTA=0.6");
   require_known_metrics(minimums, names);
   return minimums;
 }
@@ -135,7 +136,8 @@ int evaluate(const CommandLine& line) {
   require_pairs(line);
   std::vector<std::string> read_paths = line.files;
   read_paths.insert(read_paths.end(), {line.class_names, line.class_map, line.result_class_map});
-  require_own_files({{"--json", line.json}, {"--timeline", line.timeline}}, read_paths);
+  require_own_files({{"--json", line.json}, {"--timeline", line.timeline}, {"--plot", line.plot}},
+                    read_paths);
   const std::vector<MetricMinimum> minimums = read_minimums(line);
   MotReport report;
   report.class_names = class_names_of(line.class_names);
@@ -147,7 +149,10 @@ int evaluate(const CommandLine& line) {
   if (!line.json.empty()) {
     write_output(line.json, stdout, mot_report_json(report, minimums));
   }
-  print_report(mot_report_text(report), {line.json, line.timeline});
+  if (!line.plot.empty()) {
+    write_output(line.plot, stdout, hota_curve_svg(report.combined));
+  }
+  print_report(mot_report_text(report), {line.json, line.timeline, line.plot});
   return check_minimums(minimums, mot_metrics(report.combined));
 }
 
@@ -172,6 +177,8 @@ void add_eval_mot_command(CLI::App& eval, Command* chosen) {
   add_minimum_option(&options, &line->minimums);
   options.add("--json", "FILE|-", &line->json,
               "Values, findings and the runs of each object, see eval_mot.schema.json");
+  options.add("--plot", "FILE|-", &line->plot,
+              "HOTA and its parts over the overlap of a match, an SVG picture");
   options.add("--timeline", "FILE|-", &line->timeline,
               "A picture (SVG) of each object: when it was found, and under which id");
 }

@@ -168,8 +168,11 @@ constexpr std::size_t kHotaThresholds = 19;
 struct HotaSums {
   struct AtThreshold {
     long matches = 0;
-    double association = 0;  // of each match: share of frames that its object and track are one
-    double overlap = 0;      // of the matches
+    // Of each match, the frames in which its object and its track match each other, as a share of
+    double association = 0;            // the frames that either has
+    double association_recall = 0;     // the object's frames
+    double association_precision = 0;  // the track's frames
+    double overlap = 0;                // of the matches
   };
   long truths = 0;
   long results = 0;
@@ -178,17 +181,26 @@ struct HotaSums {
   void add(const HotaSums& other);
 };
 
-// Means over the thresholds. Several clips are one in the sums: that weighs the clips' AssA and
-// LocA by their matches. Detection and association are 0 where nothing matches; LocA counts 1 at a
-// threshold that no match reaches, as the values of the authors' own program do.
+// The overlap of threshold i.
+double hota_threshold(std::size_t i);
+
+// Several clips are one in the sums: that weighs the clips' association and LocA by their matches. Detection and
+// association are 0 where nothing matches; LocA counts 1 at a threshold that no match reaches, as the values of the
+// authors' own program do.
 struct HotaValues {
   double hota = 0;
   double detection = 0;
+  double detection_recall = 0;
+  double detection_precision = 0;
   double association = 0;
+  double association_recall = 0;
+  double association_precision = 0;
   double localisation = 0;
 };
 
 // In mot_hota.cpp.
+std::array<HotaValues, kHotaThresholds> hota_curve(const HotaSums& sums);
+// Their means.
 HotaValues hota_values(const HotaSums& sums);
 
 struct MotScores {
@@ -210,8 +222,11 @@ struct MotMeasurement {
 // Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
 MotMeasurement measure_tracks(const MotClip& clip);
 
-// HOTA, DetA, AssA, LocA, MOTA, MOTP, IDF1, IDP, IDR. All are undefined without truth, MOTP, LocA
-// and IDP also when there is nothing to take the mean of.
+// HOTA and its parts, as hota_metrics has them.
+std::vector<Metric> hota_metrics(const HotaValues& values);
+
+// These, then MOTA, MOTP, IDF1, IDP, IDR. All are undefined without truth, MOTP, LocA, DetPr and IDP also
+// when there is nothing to take the mean of.
 std::vector<Metric> mot_metrics(const MotScores& scores);
 
 struct MotCount {
@@ -245,6 +260,9 @@ struct MotReport {
 std::string mot_report_text(const MotReport& report);
 // schema/eval_mot.schema.json defines it.
 std::string mot_report_json(const MotReport& report, const std::vector<MetricMinimum>& minimums);
+
+// HOTA and its parts over the overlap, in mot_plot.cpp.
+std::string hota_curve_svg(const MotScores& scores);
 
 // A picture of one clip: per object of the truth a row that shows when it was there and under which id it was
 // found. Ids are written where they fit; every bar's tooltip has id and frames. In mot_timeline.cpp.

@@ -14,10 +14,6 @@ namespace {
 
 constexpr std::size_t kTrackPairsMost = 5000000;  // some 500 MB
 
-double threshold_at(std::size_t index) {
-  return static_cast<double>(index + 1) / 20;
-}
-
 double ratio(double part, double whole) {
   return whole > 0 ? part / whole : 0;
 }
@@ -30,6 +26,8 @@ void HotaSums::add(const HotaSums& other) {
   for (std::size_t i = 0; i < kHotaThresholds; ++i) {
     thresholds[i].matches += other.thresholds[i].matches;
     thresholds[i].association += other.thresholds[i].association;
+    thresholds[i].association_recall += other.thresholds[i].association_recall;
+    thresholds[i].association_precision += other.thresholds[i].association_precision;
     thresholds[i].overlap += other.thresholds[i].overlap;
   }
 }
@@ -79,11 +77,11 @@ void HotaPasses::add_matches(const ClipFrame& frame, std::vector<WeightedPair> p
   for (const WeightedPair& pair :
        best_assignment(frame.truths.size(), frame.results.size(), pairs)) {
     const double overlap = overlap_of(frame.truths[pair.row].box, frame.results[pair.column].box);
-    if (!reaches(overlap, threshold_at(0))) {
+    if (!reaches(overlap, hota_threshold(0))) {
       continue;
     }
     Matches& matches = matches_[keys_.key(frame, pair)];
-    for (std::size_t i = 0; i < kHotaThresholds && reaches(overlap, threshold_at(i)); ++i) {
+    for (std::size_t i = 0; i < kHotaThresholds && reaches(overlap, hota_threshold(i)); ++i) {
       ++sums_.thresholds[i].matches;
       sums_.thresholds[i].overlap += overlap;
       ++matches[i];
@@ -100,7 +98,7 @@ HotaSums HotaPasses::sums() {
   }
   std::sort(keys.begin(), keys.end());
   for (const std::uint64_t key : keys) {
-    add_association(frames_of_either(key), matches_.at(key));
+    add_association(key, matches_.at(key));
   }
   return sums_;
 }
@@ -110,25 +108,54 @@ double HotaPasses::frames_of_either(std::uint64_t key) const {
   return static_cast<double>(object_frames_[keys_.object(key)] + track_frames_[keys_.result(key)]);
 }
 
-void HotaPasses::add_association(double frames_of_either, const Matches& matches) {
+void HotaPasses::add_association(std::uint64_t key, const Matches& matches) {
+  const double object_frames = static_cast<double>(object_frames_[keys_.object(key)]);
+  const double track_frames = static_cast<double>(track_frames_[keys_.result(key)]);
   for (std::size_t i = 0; i < kHotaThresholds; ++i) {
+    HotaSums::AtThreshold& sums = sums_.thresholds[i];
     const double shared = static_cast<double>(matches[i]);
-    sums_.thresholds[i].association += shared * (shared / (frames_of_either - shared));
+    sums.association += shared * (shared / (object_frames + track_frames - shared));
+    sums.association_recall += shared * (shared / object_frames);
+    sums.association_precision += shared * (shared / track_frames);
   }
+}
+
+double hota_threshold(std::size_t i) {
+  return static_cast<double>(i + 1) / 20;
+}
+
+std::array<HotaValues, kHotaThresholds> hota_curve(const HotaSums& sums) {
+  const double truths = static_cast<double>(sums.truths);
+  const double results = static_cast<double>(sums.results);
+  std::array<HotaValues, kHotaThresholds> curve;
+  for (std::size_t i = 0; i < kHotaThresholds; ++i) {
+    const HotaSums::AtThreshold& at = sums.thresholds[i];
+    const double matches = static_cast<double>(at.matches);
+    HotaValues& values = curve[i];
+    values.detection = ratio(matches, truths + results - matches);
+    values.detection_recall = ratio(matches, truths);
+    values.detection_precision = ratio(matches, results);
+    values.association = ratio(at.association, matches);
+    values.association_recall = ratio(at.association_recall, matches);
+    values.association_precision = ratio(at.association_precision, matches);
+    values.hota = std::sqrt(values.detection * values.association);
+    values.localisation = at.matches > 0 ? at.overlap / matches : 1;
+  }
+  return curve;
 }
 
 HotaValues hota_values(const HotaSums& sums) {
   HotaValues mean;
   constexpr double kShare = 1.0 / kHotaThresholds;
-  for (const HotaSums::AtThreshold& at : sums.thresholds) {
-    const double matches = static_cast<double>(at.matches);
-    const double detection =
-        ratio(matches, static_cast<double>(sums.truths + sums.results) - matches);
-    const double association = ratio(at.association, matches);
-    mean.detection += detection * kShare;
-    mean.association += association * kShare;
-    mean.hota += std::sqrt(detection * association) * kShare;
-    mean.localisation += (at.matches > 0 ? at.overlap / matches : 1) * kShare;
+  for (const HotaValues& at : hota_curve(sums)) {
+    mean.hota += at.hota * kShare;
+    mean.detection += at.detection * kShare;
+    mean.detection_recall += at.detection_recall * kShare;
+    mean.detection_precision += at.detection_precision * kShare;
+    mean.association += at.association * kShare;
+    mean.association_recall += at.association_recall * kShare;
+    mean.association_precision += at.association_precision * kShare;
+    mean.localisation += at.localisation * kShare;
   }
   return mean;
 }

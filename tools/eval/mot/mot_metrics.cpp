@@ -179,24 +179,37 @@ MotMeasurement measure_tracks(const MotClip& clip) {
   return measured;
 }
 
+std::vector<Metric> hota_metrics(const HotaValues& values) {
+  return {{"HOTA", values.hota},
+          {"DetA", values.detection},
+          {"DetRe", values.detection_recall},
+          {"DetPr", values.detection_precision},
+          {"AssA", values.association},
+          {"AssRe", values.association_recall},
+          {"AssPr", values.association_precision},
+          {"LocA", values.localisation}};
+}
+
 std::vector<Metric> mot_metrics(const MotScores& scores) {
   const ClearCounts& clear = scores.clear;
-  const HotaValues hota = hota_values(scores.hota);
   const double truths = as_number(scores.hota.truths);
   const double results = as_number(scores.hota.results);
   const double errors = as_number(clear.misses + clear.false_boxes + clear.switches);
   const double found = as_number(scores.identity_matches);
   const bool any_match = scores.hota.thresholds[0].matches > 0;
-  std::vector<Metric> metrics = {
-      {"HOTA", hota.hota},
-      {"DetA", hota.detection},
-      {"AssA", hota.association},
-      {"LocA", any_match ? std::optional<double>(hota.localisation) : std::nullopt},
-      {"MOTA", ratio(truths - errors, truths)},
-      {"MOTP", ratio(clear.overlap_sum, as_number(clear.matches))},
-      {"IDF1", ratio(2 * found, truths + results)},
-      {"IDP", ratio(found, results)},
-      {"IDR", ratio(found, truths)}};
+  std::vector<Metric> metrics = hota_metrics(hota_values(scores.hota));
+  for (Metric& metric : metrics) {
+    if ((metric.name == "LocA" && !any_match) ||
+        (metric.name == "DetPr" && scores.hota.results == 0)) {
+      metric.value.reset();
+    }
+  }
+  const std::vector<Metric> others = {{"MOTA", ratio(truths - errors, truths)},
+                                      {"MOTP", ratio(clear.overlap_sum, as_number(clear.matches))},
+                                      {"IDF1", ratio(2 * found, truths + results)},
+                                      {"IDP", ratio(found, results)},
+                                      {"IDR", ratio(found, truths)}};
+  metrics.insert(metrics.end(), others.begin(), others.end());
   if (scores.hota.truths == 0) {
     for (Metric& metric : metrics) {
       metric.value.reset();

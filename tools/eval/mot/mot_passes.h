@@ -92,7 +92,7 @@ class HotaPasses {
   using Matches = std::array<long, kHotaThresholds>;  // frames at each threshold
 
   double frames_of_either(std::uint64_t key) const;
-  void add_association(double frames_of_either, const Matches& matches);
+  void add_association(std::uint64_t key, const Matches& matches);
 
   TrackPairKeys keys_;
   std::vector<long> object_frames_;

@@ -104,6 +104,22 @@ Json values_of(const MotScores& scores) {
   return {{"metrics", metrics_json(mot_metrics(scores))}, {"counts", std::move(counts)}};
 }
 
+// A list of values per part of HOTA, by overlap; null without truth.
+Json curve_json(const MotScores& scores) {
+  if (scores.hota.truths == 0) {
+    return nullptr;
+  }
+  Json lists = Json::object();
+  const auto curve = hota_curve(scores.hota);
+  for (std::size_t i = 0; i < kHotaThresholds; ++i) {
+    lists["overlap"].push_back(hota_threshold(i));
+    for (const Metric& metric : hota_metrics(curve[i])) {
+      lists[metric.name].push_back(*metric.value);
+    }
+  }
+  return lists;
+}
+
 Json spans_of(const std::vector<FrameSpan>& spans) {
   Json list = Json::array();
   for (const FrameSpan& span : spans) {
@@ -178,6 +194,7 @@ std::string mot_report_json(const MotReport& report, const std::vector<MetricMin
     json["clips"].push_back(clip_of(report.class_names, clip));
   }
   json["combined"] = values_of(report.combined);
+  json["combined"]["over_overlap"] = curve_json(report.combined);
   json["per_class"] = classes_json(report);
   return evaluation_json(json, report.findings, minimums, mot_metrics(report.combined));
 }
