@@ -67,7 +67,8 @@ void evaluate_coco(const std::string& truth_path, const std::string& result_path
   FUZZ_CHECK(summary[6].value <= summary[7].value && summary[7].value <= summary[8].value);
   check_coco_counts(report);
   check_texts(coco_report_text(report), coco_report_json(report, {}),
-              precision_recall_svg(report.metrics));
+              precision_recall_svg(report.metrics) + score_curves_svg(report.metrics) +
+                  confusion_svg(report));
 }
 
 void check_mot_counts(const MotScores& scores, const MotClip& clip) {
@@ -105,7 +106,7 @@ void evaluate_mot(const std::string& truth_path, const std::string& result_path,
   report.clips.push_back(
       {"clip", truth_path, result_path, measured.scores, clip.objects, measured.runs});
   check_texts(mot_report_text(report), mot_report_json(report, {}),
-              timeline_svg("clip", {}, clip, measured.runs));
+              timeline_svg("clip", {}, clip, measured.runs) + hota_curve_svg(report.combined));
 }
 
 void compare(const std::string& first_path, const std::string& second_path) {

@@ -18,6 +18,7 @@ constexpr int kTop = 56;
 constexpr int kBelow = 64;
 constexpr int kLegendGap = 28;
 constexpr int kLegendWidth = 230;
+constexpr int kLegendWidthOfMany = 310;
 constexpr int kLegendRow = 22;
 constexpr int kGridSteps = 10;
 constexpr std::size_t kNameMost = 22;  // letters that fit into the legend
@@ -127,8 +128,7 @@ class PanelDrawing {
   int side_;
 };
 
-std::string legend(const CurvePlot& plot, int left) {
-  const int right = left + kLegendWidth;
+std::string legend(const CurvePlot& plot, int left, int right) {
   std::string svg = text_at(number(right), number(kTop + 4), "\"end\"", plot.legend_heading);
   int y = kTop;
   for (std::size_t i = 0; i < plot.series.size(); ++i) {
@@ -149,17 +149,19 @@ std::string legend(const CurvePlot& plot, int left) {
 }  // namespace
 
 std::string curve_plot_svg(const CurvePlot& plot) {
-  const int side = plot.panels.size() == 1 ? kLoneSide : kSideOfMany;
+  const bool is_lone = plot.panels.size() == 1;
+  const int side = is_lone ? kLoneSide : kSideOfMany;
   std::string svg;
   int end = 0;
   for (std::size_t panel = 0; panel < plot.panels.size(); ++panel) {
     svg += PanelDrawing(end + kLeft, side).draw(plot, panel);
     end += kLeft + side;
   }
-  const int width = end + kLegendGap + kLegendWidth + 24;
+  const int legend_left = end + kLegendGap;
+  const int legend_right = legend_left + (is_lone ? kLegendWidth : kLegendWidthOfMany);
   const int rows = static_cast<int>(std::min<std::size_t>(plot.series.size() + 2, 1000000));
   const int height = kTop + std::max(side, rows * kLegendRow) + kBelow;
-  return svg_document(width, height, 12, svg + legend(plot, end + kLegendGap));
+  return svg_document(legend_right + 24, height, 12, svg + legend(plot, legend_left, legend_right));
 }
 
 }  // namespace olvex_tools
