@@ -239,6 +239,21 @@ class EvalMotTest(ToolTest):
                      for a, b, c in ((1, 2, 5), (4, 4, 5), (5, 6, 12))]})
         self.assertEqual((second["class"], second["first"], second["runs"]), (2, 3, []))
 
+    def test_false_tracks_and_classes_without_results(self):
+        truths = span(truth, range(1, 7), 1, 0) + span(truth, (3, 4), 2, FAR, 1, 2) + span(truth, (1, 2), 3, 2 * FAR, 0, 2)
+        results = (span(result, range(1, 7), 5, 0) + span(result, (2, 3, 5), 9, 0) + span(result, (1, 6), 8, FAR, 4) +
+                   span(result, range(7, 9), 5, 0))
+        tracks = self.evaluate(truths, results, options=["--timeline", "drawn.svg"])[0]["clips"][0]["false_tracks"]
+        self.assertEqual([(track["result_id"], track["class"], track["finds_an_object"],
+                           [(part["first"], part["last"]) for part in track["frames"]]) for track in tracks],
+                         [(8, 4, False, [(1, 1), (6, 6)]), (9, 0, False, [(2, 3), (5, 5)]), (5, 0, True, [(7, 8)])])
+        drawn = (self.folder / "drawn.svg").read_text()
+        self.assertIn("left out, never in the result: class 2 (2 objects)", drawn)
+        self.assertEqual([drawn.count(text) for text in ("id 2<", "id 3<", "id 9, false in frames 2 to 3<", "id 5, false in frames 7 to 8<")],
+                         [0, 0, 1, 1])
+        self.evaluate(truths, "", options=["--timeline", "drawn.svg"])
+        self.assertIn("class 2  id 2<", (self.folder / "drawn.svg").read_text())
+
     def test_reports_and_timelines_are_told_in_full(self):
         truths = (span(truth, range(10, 60), 1, 0) + span(truth, range(20, 30), 22, FAR, 1, 2) +
                   span(truth, range(60, 70), 1, 0, 0) + span(truth, range(12, 16), 3, 2 * FAR, 0))

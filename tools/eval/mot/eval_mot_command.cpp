@@ -123,12 +123,12 @@ void add_clip(const CommandLine& line, const ClassMaps& maps, std::size_t truth_
   add_classes(clip, measured.scores, report);
   report->combined.add(measured.scores);
   report->clips.push_back({clip_name(line.files, truth_index), truth.path, result.path,
-                           measured.scores, clip.objects, std::move(measured.runs)});
+                           clip.objects, std::move(measured)});
   if (!line.timeline.empty()) {
     const MotClipReport& drawn = report->clips.back();
-    write_output(
-        line.timeline, stdout,
-        timeline_svg(drawn.name + ": " + drawn.result_path, report->class_names, clip, drawn.runs));
+    write_output(line.timeline, stdout,
+                 timeline_svg(drawn.name + ": " + drawn.result_path, report->class_names, clip,
+                              drawn.measured));
   }
 }
 
@@ -179,8 +179,9 @@ void add_eval_mot_command(CLI::App& eval, Command* chosen) {
               "Values, findings and the runs of each object, see eval_mot.schema.json");
   options.add("--plot", "FILE|-", &line->plot,
               "HOTA and its parts over the overlap of a match, an SVG picture");
-  options.add("--timeline", "FILE|-", &line->timeline,
-              "A picture (SVG) of each object: when it was found, and under which id");
+  options.add(
+      "--timeline", "FILE|-", &line->timeline,
+      "A picture (SVG) of each object, when it was found under which id, and of false boxes");
 }
 
 }  // namespace olvex_tools

@@ -103,6 +103,9 @@ struct FrameSpan {
   long last = 0;
 };
 
+// Requires: the frame comes after the spans.
+void extend_spans(std::vector<FrameSpan>* spans, long frame);
+
 struct ClipObject {
   long id = 0;
   int class_id = 0;
@@ -114,6 +117,7 @@ struct MotClip {
   std::vector<ClipFrame> frames;    // those with a box in either file, in order
   std::vector<ClipObject> objects;  // by id, those that are never counted too
   std::vector<long> result_ids;     // in order
+  std::set<int> result_classes;     // of all results, those that show ignored truth too
 };
 
 // Ignored truth is removed from the frames, and so is each result that shows one: with all truths of
@@ -214,9 +218,18 @@ struct MotScores {
   void add(const MotScores& other);
 };
 
+// A result's id in the frames in which its box is false.
+struct FalseTrack {
+  long result_id = 0;
+  int class_id = 0;               // of the first of these boxes
+  std::vector<FrameSpan> frames;  // in order
+  bool finds_an_object = false;   // in another frame
+};
+
 struct MotMeasurement {
   MotScores scores;
   std::vector<std::vector<FoundRun>> runs;  // by the clip's objects
+  std::vector<FalseTrack> false_tracks;     // by their first frame, then id
 };
 
 // Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
@@ -243,9 +256,8 @@ struct MotClipReport {
   std::string name;
   std::string truth_path;
   std::string result_path;
-  MotScores scores;
   std::vector<ClipObject> objects;
-  std::vector<std::vector<FoundRun>> runs;  // by objects
+  MotMeasurement measured;
 };
 
 struct MotReport {
@@ -265,9 +277,10 @@ std::string mot_report_json(const MotReport& report, const std::vector<MetricMin
 std::string hota_curve_svg(const MotScores& scores);
 
 // A picture of one clip: per object of the truth a row that shows when it was there and under which id it was
-// found. Ids are written where they fit; every bar's tooltip has id and frames. In mot_timeline.cpp.
+// found, then a row per id with false boxes. Ids are written where they fit; every bar's tooltip has id and frames.
+// Objects of classes that the results never have are left out, unless there are no results. In mot_timeline.cpp.
 std::string timeline_svg(const std::string& title, const ClassNames& names, const MotClip& clip,
-                         const std::vector<std::vector<FoundRun>>& runs);
+                         const MotMeasurement& measured);
 
 }  // namespace olvex_tools
 

@@ -86,7 +86,8 @@ std::vector<Box> with_classes(const std::vector<Box>& boxes, const std::set<int>
   return kept;
 }
 
-// Requires: the frame comes after the spans.
+}  // namespace
+
 void extend_spans(std::vector<FrameSpan>* spans, long frame) {
   if (!spans->empty() && spans->back().last + 1 == frame) {
     spans->back().last = frame;
@@ -95,8 +96,6 @@ void extend_spans(std::vector<FrameSpan>* spans, long frame) {
   }
 }
 
-}  // namespace
-
 MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
   MotClip clip;
   const std::map<long, std::size_t> objects = index_of_ids(truth.rows);
@@ -104,6 +103,9 @@ MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
   clip.objects.resize(objects.size());
   for (const auto& track : tracks) {
     clip.result_ids.push_back(track.first);
+  }
+  for (const MotRow& row : result.rows) {
+    clip.result_classes.insert(row.class_id);
   }
   auto truth_row = truth.rows.begin();
   auto result_row = result.rows.begin();
@@ -135,6 +137,7 @@ MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
 MotClip restricted_to(const MotClip& clip, const std::set<int>& classes) {
   MotClip part;
   part.result_ids = clip.result_ids;
+  part.result_classes = clip.result_classes;
   std::vector<std::size_t> new_index(clip.objects.size(), 0);
   for (std::size_t i = 0; i < clip.objects.size(); ++i) {
     if (classes.count(clip.objects[i].class_id) > 0) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // mot_metrics.cpp - CLEAR MOT in one pass over the frames with a memory of each object; the assignment of
 // identities; and from counts to metrics. Declared in mot_passes.h and mot.h.
+#include <algorithm>
 #include <map>
 
 #include "tools/eval/mot/mot.h"
@@ -10,9 +11,12 @@ namespace olvex_tools {
 
 // ---- CLEAR MOT ----------------------------------------------------------------------------------
 
-ClearPass::ClearPass(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs)
-    : clip_(clip), memories_(clip.objects.size()), runs_(*runs) {
-  runs_.assign(clip.objects.size(), {});
+ClearPass::ClearPass(const MotClip& clip, MotMeasurement* measured)
+    : clip_(clip),
+      memories_(clip.objects.size()),
+      measured_(*measured),
+      false_tracks_(clip.result_ids.size()) {
+  measured_.runs.assign(clip.objects.size(), {});
 }
 
 void ClearPass::add_frame(const ClipFrame& frame, const std::vector<WeightedPair>& pairs) {
@@ -30,6 +34,7 @@ void ClearPass::add_frame(const ClipFrame& frame, const std::vector<WeightedPair
     }
     memories_[object].found_when_last_present = match_of_truth[i] != nullptr;
   }
+  note_false_boxes(frame, matches);
   const long found = static_cast<long>(matches.size());
   counts_.matches += found;
   counts_.misses += static_cast<long>(frame.truths.size()) - found;
@@ -40,7 +45,37 @@ ClearCounts ClearPass::counts() {
   for (const ObjectMemory& memory : memories_) {
     classify(memory);
   }
+  list_false_tracks();
   return counts_;
+}
+
+void ClearPass::note_false_boxes(const ClipFrame& frame, const std::vector<WeightedPair>& matches) {
+  std::vector<bool> found(frame.results.size(), false);
+  for (const WeightedPair& pair : matches) {
+    found[pair.column] = true;
+  }
+  for (std::size_t i = 0; i < frame.results.size(); ++i) {
+    FalseTrack& track = false_tracks_[frame.results[i].track];
+    if (found[i]) {
+      track.finds_an_object = true;
+      continue;
+    }
+    track.class_id = track.frames.empty() ? frame.results[i].class_id : track.class_id;
+    extend_spans(&track.frames, frame.number);
+  }
+}
+
+void ClearPass::list_false_tracks() {
+  for (std::size_t i = 0; i < false_tracks_.size(); ++i) {
+    false_tracks_[i].result_id = clip_.result_ids[i];
+    if (!false_tracks_[i].frames.empty()) {
+      measured_.false_tracks.push_back(false_tracks_[i]);
+    }
+  }
+  std::stable_sort(measured_.false_tracks.begin(), measured_.false_tracks.end(),
+                   [](const FalseTrack& left, const FalseTrack& right) {
+                     return left.frames.front().first < right.frames.front().first;
+                   });
 }
 
 std::vector<WeightedPair> ClearPass::match(const ClipFrame& frame,
@@ -76,7 +111,7 @@ void ClearPass::note_found(std::size_t object, std::size_t result, long frame) {
   counts_.switches += found_before && memory.last_result != result ? 1 : 0;
   counts_.fragments += found_before && !memory.found_when_last_present ? 1 : 0;
 
-  std::vector<FoundRun>& runs = runs_[object];
+  std::vector<FoundRun>& runs = measured_.runs[object];
   if (memory.last_result == result && memory.last_found_frame == frame - 1) {
     runs.back().frames.last = frame;
   } else {
@@ -159,7 +194,7 @@ void MotScores::add(const MotScores& other) {
 MotMeasurement measure_tracks(const MotClip& clip) {
   MotMeasurement measured;
   HotaPasses hota(clip);
-  ClearPass clear(clip, &measured.runs);
+  ClearPass clear(clip, &measured);
   IdentityPass identity(clip);
   for (const ClipFrame& frame : clip.frames) {
     const std::vector<WeightedPair> pairs = overlapping_pairs(frame);

@@ -33,8 +33,8 @@ class TrackPairKeys {
 // The CLEAR MOT counts. In mot_metrics.cpp. Pairs of a frame are those that match.
 class ClearPass {
  public:
-  // runs: by the clip's objects, filled while frames are added. Both outlive the pass.
-  ClearPass(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs);
+  // measured: its runs and false tracks are filled. Both outlive the pass.
+  ClearPass(const MotClip& clip, MotMeasurement* measured);
 
   void add_frame(const ClipFrame& frame, const std::vector<WeightedPair>& pairs);
   ClearCounts counts();  // after all frames
@@ -53,11 +53,15 @@ class ClearPass {
   std::vector<WeightedPair> match(const ClipFrame& frame,
                                   const std::vector<WeightedPair>& pairs) const;
   void note_found(std::size_t object, std::size_t result, long frame);
+  void note_false_boxes(const ClipFrame& frame, const std::vector<WeightedPair>& matches);
   void classify(const ObjectMemory& memory);
+  void list_false_tracks();
 
   const MotClip& clip_;
   std::vector<ObjectMemory> memories_;
-  std::vector<std::vector<FoundRun>>& runs_;
+  MotMeasurement& measured_;
+  std::vector<FalseTrack>
+      false_tracks_;  // by the clip's result ids, also those without a false box
   ClearCounts counts_;
 };
 

@@ -27,7 +27,7 @@ struct TableRow {
 std::vector<TableRow> table_rows(const MotReport& report) {
   std::vector<TableRow> rows;
   for (const MotClipReport& clip : report.clips) {
-    rows.push_back({clip.name, &clip.scores});
+    rows.push_back({clip.name, &clip.measured.scores});
   }
   if (report.clips.size() > 1) {
     rows.push_back({"combined", &report.combined});
@@ -159,10 +159,18 @@ Json object_of(const ClassNames& names, const ClipObject& object,
 
 Json clip_of(const ClassNames& names, const MotClipReport& clip) {
   Json json = {{"name", clip.name}, {"truth", clip.truth_path}, {"result", clip.result_path}};
-  json.update(values_of(clip.scores));
+  json.update(values_of(clip.measured.scores));
   json["objects"] = Json::array();
   for (std::size_t i = 0; i < clip.objects.size(); ++i) {
-    json["objects"].push_back(object_of(names, clip.objects[i], clip.runs[i]));
+    json["objects"].push_back(object_of(names, clip.objects[i], clip.measured.runs[i]));
+  }
+  json["false_tracks"] = Json::array();
+  for (const FalseTrack& track : clip.measured.false_tracks) {
+    json["false_tracks"].push_back({{"result_id", track.result_id},
+                                    {"class", track.class_id},
+                                    {"class_name", name_json(names, track.class_id)},
+                                    {"finds_an_object", track.finds_an_object},
+                                    {"frames", spans_of(track.frames)}});
   }
   return json;
 }
