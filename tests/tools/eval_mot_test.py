@@ -205,6 +205,10 @@ class EvalMotTest(ToolTest):
                                 *((plain.replace("@", end), plain.replace("@", ",4")) for end in ends)):
             self.assert_values(self.evaluate(truths, results)[0]["combined"],
                                {"truths": 6, "results": 6, "MOTA": 1, "IDF1": 1})
+        # The class of what is to be ignored does not matter.
+        decoy = "2,9,3000,0,100,100,0\n"
+        results = plain.replace("@", ",1") + "2,9,3000,0,100,100,1,7\n"
+        self.assert_values(self.evaluate(counted + decoy, results)[0]["combined"], {"results": 6, "MOTA": 1})
         classes = self.evaluate(plain.replace("@", ""), plain.replace("@", ",4"))[0]["per_class"]
         self.assertEqual([(part["class"], part["name"]) for part in classes], [(4, None)])
 

@@ -42,9 +42,9 @@ MotFile read_mot_truth(const std::string& path, const ClassMap& classes);
 // frame,id,left,top,width,height,score[,class[,any[,any]]]. Rows of a class that is not to count are left out.
 MotFile read_mot_result(const std::string& path, const ClassMap& classes);
 
-// Rows without a class get the only one that the other file's rows have which count, or 0 where that has none
-// either. Then checks that each object of the truth has one class and at most one row in a frame. Throws
-// ToolError (kInputError) where it does not, or where the other file has several classes.
+// Rows without a class get the only one that the other file's rows have which count, or the lowest of several where
+// they are ignored truth, whose class does not matter, or 0 where that has none either. Then checks that each object of the truth has one class and at most one row in a frame. Throws
+// ToolError (kInputError) where it does not, or where the other file has several classes for a row that counts.
 void settle_classes(MotFile* truth, MotFile* result);
 
 // What is probably a mistake in the files and not in the tracker; at most one finding per kind and file. Of

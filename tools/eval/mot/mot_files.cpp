@@ -239,7 +239,7 @@ void settle_missing(const std::set<int>& of_other, const MotFile& other, const c
     if (row.class_id != kNoClass) {
       continue;
     }
-    if (of_other.size() > 1) {
+    if (of_other.size() > 1 && !row.ignored) {
       const std::string listed = join(of_other, ", ", [](int id) { return std::to_string(id); });
       refuse(file->path, row.line,
              "the row has no class, and " + other.path + " has several: " +
