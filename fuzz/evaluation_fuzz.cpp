@@ -67,7 +67,8 @@ void evaluate_coco(const std::string& truth_path, const std::string& result_path
   FUZZ_CHECK(summary[6].value <= summary[7].value && summary[7].value <= summary[8].value);
   check_coco_counts(report);
   check_texts(coco_report_text(report), coco_report_json(report, {}),
-              precision_recall_svg(report.metrics));
+              precision_recall_svg(report.metrics) + score_curves_svg(report.metrics) +
+                  confusion_svg(report));
 }
 
 void check_mot_counts(const MotScores& scores, const MotClip& clip) {
@@ -82,9 +83,20 @@ void check_mot_counts(const MotScores& scores, const MotClip& clip) {
   FUZZ_CHECK(counted == clear.mostly_tracked + clear.partly_tracked + clear.mostly_lost);
 }
 
+void check_false_tracks(const MotMeasurement& measured) {
+  long frames = 0;
+  for (const FalseTrack& track : measured.false_tracks) {
+    for (const FrameSpan& span : track.frames) {
+      frames += span.last - span.first + 1;
+    }
+  }
+  FUZZ_CHECK(frames == measured.scores.clear.false_boxes);
+}
+
 void evaluate_mot(const std::string& truth_path, const std::string& result_path, bool one_class) {
-  const MotFile truth = read_mot_truth(truth_path);
-  MotFile result = read_mot_result(result_path);
+  MotFile truth = read_mot_truth(truth_path, {});
+  MotFile result = read_mot_result(result_path, {});
+  settle_classes(&truth, &result);
   MotReport report;
   report.findings = lint_tracks(truth, &result);
   MotClip clip = make_mot_clip(truth, result);
@@ -96,15 +108,15 @@ void evaluate_mot(const std::string& truth_path, const std::string& result_path,
   const MotMeasurement measured = measure_tracks(clip);
   report.combined = measured.scores;
   check_mot_counts(report.combined, clip);
+  check_false_tracks(measured);
   for (const int class_id : classes_of(clip)) {
     const MotClip part = restricted_to(clip, {class_id});
     report.per_class[class_id] = measure_tracks(part).scores;
     check_mot_counts(report.per_class[class_id], part);
   }
-  report.clips.push_back(
-      {"clip", truth_path, result_path, measured.scores, clip.objects, measured.runs});
+  report.clips.push_back({"clip", truth_path, result_path, clip.objects, measured});
   check_texts(mot_report_text(report), mot_report_json(report, {}),
-              timeline_svg("clip", clip, measured.runs));
+              timeline_svg("clip", {}, clip, measured) + hota_curve_svg(report.combined));
 }
 
 void compare(const std::string& first_path, const std::string& second_path) {

@@ -6,6 +6,8 @@ See tool_test.py for the usage. Runs are written by hand; the pictures are plain
 import json
 import random
 
+import cv2
+
 from tool_test import ToolTest, main, write_gray
 
 WIDTH, HEIGHT, FRAMES = 160, 120, 40
@@ -62,6 +64,41 @@ class CompareTest(ToolTest):
         # A frame that only one run holds is not shown.
         self.write("short.jsonl", [frame(number) for number in (3, 10, 41)])
         self.assertEqual(self.frames_of("a=same.jsonl", "b=short.jsonl"), "frames 3, 10")
+
+    def test_boxes_that_differ_from_the_first_run_are_outlined(self):
+        # Tiles of 480x360 begin at (6 + 486 * column, 64): a pixel of the picture is three of the sheet.
+        first, second = ([box(x, kind) for kind, x in zip((1, 3, 1, 3), places)]  # no red class
+                         for places in ((4, 40, 80, 130), (4, 42, 86, 104)))  # IoU 1, 18/22, 14/26, none
+        for name, boxes in (("first", first), ("second", second)):
+            self.write(f"{name}.jsonl", [frame(1, boxes)])
+        self.compare("a=first.jsonl", "b=second.jsonl", "c=first.jsonl")
+        sheet = cv2.imread(str(self.folder / "sheet.png")).astype(int)
+        colours = {"gained": (60, 255, 60), "moved": (0, 230, 255), "lost": (40, 40, 255)}
+
+        def outlined(column, x, places=((-1, 20), (20, 20), (10, 30))):
+            """By which colours a box at x is: left, right and below."""
+            found = set()
+            for across, down in places:
+                left, top = 6 + 486 * column + 3 * (x + across), 64 + 3 * (20 + down)
+                near = sheet[top - 3:top + 6, left - 3:left + 6]
+                found.add(frozenset(name for name, colour in colours.items() if (abs(near - colour).max(axis=2) < 40).any()))
+            return [set(names) for names in found]
+        self.assertEqual([outlined(1, x) for x in (4, 42, 86, 104)], [[set()], [set()], [{"moved"}], [{"gained"}]])
+        self.assertEqual(outlined(1, 130, ((20, 20), (10, 15), (10, 30))), [{"lost"}])  # crossed out in the middle
+        self.assertEqual([outlined(column, x) for column in (0, 2) for x in (80, 130)], [[set()]] * 4)
+
+    def test_names_of_classes_that_runs_lack(self):
+        (self.folder / "names.txt").write_text("dog\ncat\n")
+        lines = {"named": box(40), "bare": {name: value for name, value in box(40).items() if name != "class"}}
+        for name, drawn in lines.items():
+            self.write(f"{name}.jsonl", [frame(1, [drawn])])
+        sheets = []
+        for arguments in (["a=bare.jsonl"], ["a=bare.jsonl", "--class-names", "names.txt"], ["a=named.jsonl"],
+                          ["a=named.jsonl", "--class-names", "names.txt"]):
+            self.compare(*arguments)
+            sheets.append((self.folder / "sheet.png").read_bytes())
+        self.assertEqual([sheets[0] == sheets[1], sheets[1] == sheets[2], sheets[2] == sheets[3]], [False, False, True])
+        self.compare("a=bare.jsonl", "--class-names", "missing", code=4, said=["cannot read the class names missing"])
 
     def test_the_sheet_can_be_a_jpeg(self):
         self.write("boxes.jsonl", [frame(1, [

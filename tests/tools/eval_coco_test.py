@@ -113,6 +113,28 @@ def in_short(value):
         round(value, 9) if isinstance(value, float) else value
 
 
+def without_curves(report):
+    """The report with the best thresholds alone, and of each class what tells it from others."""
+    def best(scores):
+        return scores and scores["best"]
+    classes = [{**item, "scores": best(item["scores"]), "metrics": list(item["metrics"].values())}
+               for item in report["classes"]]
+    return {**report, "classes": classes, "scores": best(report["scores"])}
+
+
+def kept_by(truth, results, classes, pictures, threshold):
+    """Hits, kept results and truth boxes of these classes, each class judged anew among the results from a score on."""
+    hits = kept = boxes = 0
+    for kind, picture in itertools.product(classes, pictures):
+        here = [row for row in truth if row[:2] == (picture, kind)]
+        found = [row for row in results if row[:2] == (picture, kind) and row[3] >= threshold]
+        verdicts, number = judged(here, found, 0.5, 0, 1e10, 100)
+        hits += sum(hit is True for _, hit in verdicts)
+        kept += sum(hit is not None for _, hit in verdicts)
+        boxes += number
+    return hits, kept, boxes
+
+
 class EvalCocoTest(ToolTest):
     def evaluate(self, truth, results, *options, **more):
         """truth and results: files' contents; the JSON of the evaluation."""
@@ -122,7 +144,7 @@ class EvalCocoTest(ToolTest):
                            **more)
         report = json.loads(output.stdout)
         self.assert_fits_schema(report, "eval_coco")
-        self.transcript += json.dumps(in_short(report), ensure_ascii=False) + "\n"
+        self.transcript += json.dumps(in_short(without_curves(report)), ensure_ascii=False) + "\n"
         return report
 
     def metrics(self, truth, results, *options, classes=("person",), pictures=(1,)):
@@ -202,7 +224,7 @@ class EvalCocoTest(ToolTest):
                          [("person", 1, 1), ("car", 0, 0), ("dog", None, None)])
         self.assert_metrics(report["metrics"], AP=0.5, AR100=0.5)
         text = self.tool("eval", "coco", "truth.json", "results.json").stdout
-        self.assertRegex(text, r"(?m)^dog +- +- +0 +0 +1$")
+        self.assertRegex(text, r"(?m)^dog( +-){7} +0 +0 +1$")
         for classes in ("0,dog", "person,2"):
             report = self.evaluate(file, results, "--classes", classes)
             self.assertEqual((report["metrics"]["AP"], report["truth_boxes"], report["results"]),
@@ -228,6 +250,37 @@ class EvalCocoTest(ToolTest):
                 wanted.update(zip((f"AP{name}", f"AR{name}"), expect(overlaps, least, most)))
             self.assert_metrics(actual, **wanted)
         self.assert_transcript_kept("eval_coco_random")
+
+    def assert_curve(self, scores, judge, levels):
+        for i in range(0, 101, 4):
+            hits, kept, boxes = judge(i / 100)
+            self.assert_metrics({name: scores[name][i] for name in ("precision", "recall", "F1")},
+                                precision=hits / kept if kept else None, recall=hits / boxes, F1=2 * hits / (kept + boxes))
+        hits, kept, boxes = max((judge(level) for level in levels), key=lambda found: found[0] / (found[1] + found[2]))
+        self.assert_metrics(scores["best"], F1=2 * hits / (kept + boxes), precision=hits / kept, recall=hits / boxes)
+        self.assertEqual(judge(scores["best"]["threshold"]), (hits, kept, boxes))
+
+    def test_curves_over_the_score_agree_with_a_plainer_implementation(self):
+        for seed in range(3):
+            truth, results = random_case(seed)
+            report = self.evaluate(truth_file(truth, ("a", "b", "c"), range(1, 13)), result_file(results))
+            levels = sorted({row[3] for row in results}, reverse=True)
+            for scores, classes in ((report["scores"], range(3)), *((item["scores"], [item["id"]]) for item in report["classes"])):
+                self.assert_curve(scores, lambda threshold: kept_by(truth, results, classes, range(1, 13), threshold), levels)
+        # Between two scores the threshold has as few decimals, two at least, as part them.
+        for high, low, wanted in ((0.87654, 0.3, 0.87), (0.87654, 0.87, 0.876), (0.29, 0.1, 0.29), (0.5, 0.4999999, 0.5), (2.5, 0.4, 2.5)):
+            report = self.evaluate(truth_file([(1, 0, A)]), result_file([(1, 0, A, high), (1, 0, B, low)]))
+            self.assertEqual(report["scores"]["best"]["threshold"], wanted)
+        report = self.evaluate(truth_file([(1, 0, A)], ("a", "b")), result_file([(1, 0, B, 0.9), (1, 1, B, 0.9)]))
+        self.assertEqual((report["scores"]["best"], report["classes"][1]["scores"]), (None, None))
+
+    def test_metrics_of_a_class_are_those_of_it_alone(self):
+        truth, results = random_case(7)
+        options = ("--min", "ARs:b=0", "--min", "AP75:c=0")
+        report = self.evaluate(truth_file(truth, ("a", "b", "c"), range(1, 13)), result_file(results), *options)
+        for item in report["classes"]:
+            alone = self.evaluate(truth_file(truth, ("a", "b", "c"), range(1, 13)), result_file(results), "--classes", item["name"])
+            self.assertEqual(item["metrics"], alone["metrics"])
 
     def test_confusion_and_worst_pictures(self):
         near = [10, 0, 100, 100]
@@ -262,10 +315,11 @@ class EvalCocoTest(ToolTest):
                          ["worst_01_image_12.png"])
         (folder / "00012.ppm").unlink()
         for options, code, said in ((options + (folder,), 4, "no frame with the image id 12"),
-                                    (options[:2], 2, "--input"),
+                                    (options[:2], 2, "--input"), (options + ("/dev/video0",), 4, "a camera does not show"),
                                     (options + ("absent",), 4, "absent: No such file")):
-            self.tool("eval", "coco", "truth.json", "results.json", *options, code=code,
-                      said=[said])
+            self.tool("eval", "coco", "truth.json", "results.json", *options, code=code, said=[said])
+        done = self.tool("eval", "coco", "missing", "missing", *options[:2], "--input", "/dev/video0", code=4)
+        self.assertIn("camera", done.stderr)  # before anything is read
 
     def test_reports_and_curves_are_told_in_full(self):
         names = ["bird", "a\x1b[31m\n\x7f & <b>", "naïve" * 5, "z"]
@@ -276,14 +330,17 @@ class EvalCocoTest(ToolTest):
         file = truth_file(truth, names, (1, 2, 3))
         file["images"][1]["file_name"] = "\x1b[2J\t2.jpg"
         for options in ((), ("--classes", "bird,z", "--worst", 0), ("--worst", 1)):
-            self.evaluate(file, result_file(found), *options, "--plot", "curves.svg")
+            self.evaluate(file, result_file(found), *options, "--plot", "curves.svg", "--plot-scores", "scores.svg",
+                          "--plot-confusion", "confusion.svg")
         many = [f"class {i}" for i in range(26)]
         self.evaluate(truth_file([(1, i, tile(i)) for i in range(26)], many),
                       result_file([(1, (i + i % 2) % 26, tile(i), 0.9) for i in range(26)]),
-                      "--plot", "many.svg")
-        self.evaluate(truth_file([], ["a"]), [], "--plot", "none.svg")
+                      "--plot", "many.svg", "--plot-confusion", "narrow.svg")
+        self.evaluate(truth_file([], ["a"]), [], "--plot", "none.svg", "--plot-scores", "none-scores.svg", "--plot-confusion", "empty.svg")
+        self.assertIn("no class has truth", (self.folder / "none-scores.svg").read_text())
+        self.assertIn('<title>class 1 as class 2: 1 of 1</title>', (self.folder / "narrow.svg").read_text())
         self.assert_transcript_kept("eval_coco_reports")
-        for name in ("curves", "many", "none"):
+        for name in ("curves", "many", "none", "scores", "confusion"):
             self.assert_kept(f"eval_coco_{name}.svg", (self.folder / f"{name}.svg").read_text())
 
     def test_minimums(self):

@@ -11,7 +11,7 @@ import re
 
 from tool_test import ToolTest, main
 
-NAMES = "HOTA DetA AssA LocA MOTA MOTP IDF1 IDP IDR".split()
+NAMES = "HOTA DetA DetRe DetPr AssA AssRe AssPr LocA MOTA MOTP IDF1 IDP IDR".split()
 FAR = 1000  # between objects that shall not overlap
 
 
@@ -49,24 +49,25 @@ CASES = {
     # Each id is right in 2 of the 6 frames that it or the object have: 4 + 4 - 2.
     "ids swapped midway": (two_objects(range(1, 5)), SWAPPED,
                            {"id_switches": 2, "fragments": 0, "MOTA": 1 - 2 / 8, "IDF1": 4 / 8,
-                            "DetA": 1, "AssA": 1 / 3, "HOTA": (1 / 3) ** 0.5}),
+                            "DetA": 1, "AssA": 1 / 3, "AssRe": 1 / 2, "AssPr": 1 / 2, "HOTA": (1 / 3) ** 0.5}),
     "gap": (span(truth, range(1, 11), 1, 0), span(result, (1, 2, 3, 4, 7, 8, 9, 10), 5, 0),
             {"fragments": 1, "misses": 2, "id_switches": 0, "MOTA": 0.8, "mostly_tracked": 1,
              "IDF1": 16 / 18, "DetA": 0.8, "AssA": 0.8, "HOTA": 0.8}),
     "another id after a gap": (span(truth, range(1, 6), 1, 0),
                                span(result, (1, 2), 5, 0) + span(result, (4,), 6, 0),
                                {"fragments": 1, "id_switches": 1, "misses": 2, "IDF1": 4 / 8,
-                                "AssA": (2 * 2 / 5 + 1 / 5) / 3, "partly_tracked": 1}),
+                                "AssA": (2 * 2 / 5 + 1 / 5) / 3, "partly_tracked": 1,
+                                "AssRe": (2 * 2 / 5 + 1 / 5) / 3, "AssPr": 1, "DetRe": 3 / 5, "DetPr": 1}),
     "absent is no gap": (span(truth, (1, 2, 7, 8), 1, 0), span(result, (1, 2, 7, 8), 5, 0),
                          {"fragments": 0, "HOTA": 1, "MOTA": 1}),
     "found in 1 of 6": (span(truth, range(1, 7), 1, 0), result(1, 5, 0), {"mostly_lost": 1}),
     "found in 1 of 5": (span(truth, range(1, 6), 1, 0), result(1, 5, 0), {"partly_tracked": 1}),
     "false boxes": (span(truth, (1, 2), 1, 0),
                     span(result, (1, 2), 5, 0) + span(result, range(1, 7), 6, FAR),
-                    {"false_boxes": 6, "MOTA": -2, "DetA": 2 / 8, "AssA": 1, "IDP": 2 / 8, "IDR": 1}),
+                    {"false_boxes": 6, "MOTA": -2, "DetA": 2 / 8, "DetRe": 1, "DetPr": 2 / 8, "AssA": 1, "IDP": 2 / 8, "IDR": 1}),
     "no truth": ("", result(1, 5, 0), {**dict.fromkeys(NAMES), "false_boxes": 1}),
     "no result": (truth(1, 1, 0), "", {**dict.fromkeys(NAMES, 0), "MOTP": None, "LocA": None,
-                                       "IDP": None, "misses": 1, "mostly_lost": 1}),
+                                       "IDP": None, "DetPr": None, "misses": 1, "mostly_lost": 1}),
     # Id 6 is of another class and id 7 nearer to the object that counts.
     "ignored": (truth(1, 1, 0) + truth(1, 2, FAR, 0, 3) + truth(1, 3, 20, 0),
                 result(1, 7, 0) + result(1, 6, FAR), {"MOTA": 1, "results": 1, "truths": 1}),
@@ -108,6 +109,7 @@ class EvalMotTest(ToolTest):
         done = self.tool("eval", "mot", *files, "--json", report, *options, **more)
         values = json.loads(report.read_text())
         self.assert_fits_schema(values, "eval_mot")
+        self.curve = values["combined"].pop("over_overlap")
         self.transcript += re.sub(r"\d+\.\d+", lambda number: str(round(float(number[0]), 9)), json.dumps(values)) + "\n"
         return values, done
 
@@ -129,6 +131,22 @@ class EvalMotTest(ToolTest):
                 self.assertEqual(row, ["truth_0"] + [
                     "-" if value is None else f"{value:.3f}"
                     for value in values["combined"]["metrics"].values()])
+
+    def test_hota_over_the_overlap(self):
+        # Half of the boxes overlap by 1, half by 0.5, each half under an id of its own.
+        self.evaluate(span(truth, range(1, 9), 1, 0),
+                      span(result, range(1, 5), 5, 0) + span(result, range(5, 9), 6, 0, 0, "100,50"), options=["--plot", "hota.svg"])
+        def steps(low, high):
+            return [low] * 10 + [high] * 9
+        for name, wanted in {"overlap": [(i + 1) / 20 for i in range(19)], "DetA": steps(1, 4 / 12), "DetRe": steps(1, 0.5),
+                             "DetPr": steps(1, 0.5), "AssA": [0.5] * 19, "AssRe": [0.5] * 19, "AssPr": [1] * 19,
+                             "HOTA": steps(0.5 ** 0.5, (4 / 12 / 2) ** 0.5), "LocA": steps(0.75, 1)}.items():
+            for found, value in zip(self.curve[name], wanted, strict=True):
+                self.assertAlmostEqual(found, value, 9, name)
+        self.assert_kept("eval_mot_hota.svg", (self.folder / "hota.svg").read_text())
+        self.evaluate("", result(1, 5, 0), options=["--plot", "none.svg"])
+        self.assertIsNone(self.curve)
+        self.assertIn("there is no truth", (self.folder / "none.svg").read_text())
 
     def test_assignments_are_the_best_of_all(self):
         generator = random.Random(1)
@@ -176,6 +194,43 @@ class EvalMotTest(ToolTest):
         self.assert_values(values["combined"], {"truths": 1, "false_boxes": 1, "misses": 0})
         self.tool("eval", "mot", "a", "b", "--classes", "person", code=2)
 
+    def test_files_of_other_programs_are_taken_as_they_are(self):
+        boxes = [(frame, track, 300 * track + 5 * frame) for frame in (1, 2, 3) for track in (1, 2)]
+        plain = "".join(f"{frame},{track},{left},0,100,100,1@\n" for frame, track, left in boxes)
+        ends = ["", ",-1", ",-1,-1", ",-1,-1,-1"]
+        counted = plain.replace("@", ",1,1")
+        distractor = "1,9,3000,0,100,100,0,8,1\n"
+        for truths, results in (*((counted + distractor, plain.replace("@", end) + "1,9,3000,0,100,100,1\n") for end in ends),
+                                *((plain.replace("@", end), plain.replace("@", end)) for end in ends),
+                                *((plain.replace("@", end), plain.replace("@", ",4")) for end in ends)):
+            self.assert_values(self.evaluate(truths, results)[0]["combined"],
+                               {"truths": 6, "results": 6, "MOTA": 1, "IDF1": 1})
+        # The class of what is to be ignored does not matter.
+        decoy = "2,9,3000,0,100,100,0\n"
+        results = plain.replace("@", ",1") + "2,9,3000,0,100,100,1,7\n"
+        self.assert_values(self.evaluate(counted + decoy, results)[0]["combined"], {"results": 6, "MOTA": 1})
+        classes = self.evaluate(plain.replace("@", ""), plain.replace("@", ",4"))[0]["per_class"]
+        self.assertEqual([(part["class"], part["name"]) for part in classes], [(4, None)])
+
+        (self.folder / "names.txt").write_text("person\ncar\n\ntruck\n")
+        (self.folder / "map.txt").write_text("# what they mean\n 1 = person \n\n7=car\r\n5=-\n")
+        truths = (truth(1, 1, 0, 1, 1) + truth(1, 2, FAR, 1, 7) + truth(1, 3, 2 * FAR, 1, 5) + truth(1, 4, 3 * FAR, 1, 3))
+        results = (result(1, 5, 0) + result(1, 6, FAR, 1) + result(1, 7, 2 * FAR) + result(1, 8, 3 * FAR, 3) + result(1, 9, 4 * FAR, 9))
+        names = ["--class-names", "names.txt", "--class-map"]
+        for mapped in (["map.txt"], ["1=0,7=car,5=-"]):
+            values, done = self.evaluate(truths, results, options=[*names, *mapped, "--result-class-map", "9=-"])
+            self.assert_values(values["combined"], {"truths": 3, "results": 3, "MOTA": 1})
+            self.assertEqual([(part["class"], part["name"]) for part in values["per_class"]],
+                             [(0, "person"), (1, "car"), (3, "truck")])
+            self.assertEqual([part["class_name"] for part in values["clips"][0]["objects"]], ["person", "car", None, "truck"])
+            self.assertEqual([line.split()[0] for line in done.stdout.splitlines()[2:5]], ["person", "car", "truck"])
+        # Without --class-names a name stands for the number that is given it first.
+        values = self.evaluate(truths, results, options=["--class-map", "1=foot,7=foot", "--result-class-map", "0=foot,1=foot,9=bird"])[0]
+        self.assert_values(values["per_class"][0], {"truths": 2, "results": 3, "misses": 0, "false_boxes": 1})
+        self.assertEqual((values["per_class"][0]["class"], values["per_class"][0]["name"]), (1, "foot"))
+        self.transcript = ""
+        self.assert_session_kept("eval_mot_classes")
+
     def test_runs(self):
         truths = (span(truth, range(1, 8), 1, 0) + span(truth, (8, 9), 1, 0, 0) +
                   span(truth, (3, 4), 2, FAR, 1, 2))
@@ -183,10 +238,25 @@ class EvalMotTest(ToolTest):
         values = self.evaluate(truths, results)[0]
         first, second = values["clips"][0]["objects"]
         self.assertEqual(first, {
-            "truth_id": 1, "class": 0, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
+            "truth_id": 1, "class": 0, "class_name": None, "first": 1, "last": 9, "ignored": [{"first": 8, "last": 9}],
             "runs": [{"first": a, "last": b, "result_id": c}
                      for a, b, c in ((1, 2, 5), (4, 4, 5), (5, 6, 12))]})
         self.assertEqual((second["class"], second["first"], second["runs"]), (2, 3, []))
+
+    def test_false_tracks_and_classes_without_results(self):
+        truths = span(truth, range(1, 7), 1, 0) + span(truth, (3, 4), 2, FAR, 1, 2) + span(truth, (1, 2), 3, 2 * FAR, 0, 2)
+        results = (span(result, range(1, 7), 5, 0) + span(result, (2, 3, 5), 9, 0) + span(result, (1, 6), 8, FAR, 4) +
+                   span(result, range(7, 9), 5, 0))
+        tracks = self.evaluate(truths, results, options=["--timeline", "drawn.svg"])[0]["clips"][0]["false_tracks"]
+        self.assertEqual([(track["result_id"], track["class"], track["finds_an_object"],
+                           [(part["first"], part["last"]) for part in track["frames"]]) for track in tracks],
+                         [(8, 4, False, [(1, 1), (6, 6)]), (9, 0, False, [(2, 3), (5, 5)]), (5, 0, True, [(7, 8)])])
+        drawn = (self.folder / "drawn.svg").read_text()
+        self.assertIn("left out, never in the result: class 2 (2 objects)", drawn)
+        self.assertEqual([drawn.count(text) for text in ("id 2<", "id 3<", "id 9, false in frames 2 to 3<", "id 5, false in frames 7 to 8<")],
+                         [0, 0, 1, 1])
+        self.evaluate(truths, "", options=["--timeline", "drawn.svg"])
+        self.assertIn("class 2  id 2<", (self.folder / "drawn.svg").read_text())
 
     def test_reports_and_timelines_are_told_in_full(self):
         truths = (span(truth, range(10, 60), 1, 0) + span(truth, range(20, 30), 22, FAR, 1, 2) +

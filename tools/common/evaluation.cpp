@@ -18,12 +18,12 @@ namespace {
 
 constexpr std::size_t kNamesListed = 30;  // metrics of every class would fill the screen
 
-double parse_value(const std::string& option, const std::string& text) {
+double parse_value(const std::string& option, const std::string& text, const std::string& example) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
   if (text.empty() || *end != '\0' || !std::isfinite(value)) {
-    refuse_usage(option + ": \"" + text +
-                 "\" is not a number; give METRIC=VALUE, as in --min AP50=0.6");
+    refuse_usage(option + ": \"" + text + "\" is not a number; give METRIC=VALUE, as in --min " +
+                 example);
   }
   return value;
 }
@@ -78,15 +78,16 @@ void add_minimum_option(OptionTable* options, std::vector<std::string>* texts) {
   options->add("--min", "METRIC=VALUE", texts, help).repeats();
 }
 
-std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts) {
+std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts,
+                                          const std::string& example) {
   std::vector<MetricMinimum> minimums;
   for (const std::string& text : texts) {
     const std::string option = "--min " + text;
     const std::size_t sign = text.rfind('=');  // a class may have one in its name
     if (sign == std::string::npos || sign == 0) {
-      refuse_usage(option + ": give METRIC=VALUE, as in --min AP50=0.6");
+      refuse_usage(option + ": give METRIC=VALUE, as in --min " + example);
     }
-    minimums.push_back({text.substr(0, sign), parse_value(option, text.substr(sign + 1))});
+    minimums.push_back({text.substr(0, sign), parse_value(option, text.substr(sign + 1), example)});
   }
   return minimums;
 }

@@ -40,8 +40,9 @@ struct MetricMinimum {
 void add_minimum_option(OptionTable* options, std::vector<std::string>* texts);
 
 // Takes METRIC=VALUE apart. Throws ToolError (kUsageError) for another form, or when VALUE is not a
-// finite number.
-std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts);
+// finite number; the message has the example.
+std::vector<MetricMinimum> parse_minimums(const std::vector<std::string>& texts,
+                                          const std::string& example);
 
 // Throws ToolError (kUsageError) for a minimum that is of none of the metrics.
 void require_known_metrics(const std::vector<MetricMinimum>& minimums,

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // compare.h - runs read back, the frames of them that are shown, and the sheet that shows them.
-// compare_runs.cpp reads and chooses, compare_sheet.cpp draws; compare_command.cpp calls them.
+// compare_runs.cpp reads and chooses, compare_outlines.cpp finds what changed, compare_sheet.cpp draws;
+// compare_command.cpp calls them.
 #ifndef TOOLS_COMPARE_COMPARE_H
 #define TOOLS_COMPARE_COMPARE_H
 
@@ -11,6 +12,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "tools/common/box.h"
 #include "tools/frames/frame_record.h"
 
 namespace olvex_tools {
@@ -34,12 +36,17 @@ const FrameRecord* find_frame(const ComparedRun& run, long number);
 // "tracked.jsonl:12", the place of one of the run's frames. Requires: frame is one of them.
 std::string place_of(const ComparedRun& run, const FrameRecord& frame);
 
+Box box_of(const Detection& detection);
+
+// Boxes of one class that overlap by half (IoU) or more; those without area at the same place alone.
+bool are_counterparts(const Detection& left, const Detection& right);
+bool has_counterpart(const Detection& box, const FrameRecord& record);
+
 // One frame as each run saw it, in the order of the runs.
 struct ComparedFrame {
   long number = 0;
   std::vector<const FrameRecord*> records;
-  // Per run, its boxes that lack a counterpart in at least one other run: a box of the same class
-  // that overlaps by half (IoU) or more.
+  // Per run, its boxes that lack a counterpart in at least one other run.
   std::vector<std::size_t> boxes_alone;
 };
 
@@ -54,7 +61,26 @@ std::vector<ComparedFrame> choose_frames(const std::vector<ComparedRun>& runs, s
 std::vector<ComparedFrame> named_frames(const std::vector<ComparedRun>& runs,
                                         const std::vector<long>& numbers);
 
-// The sheet: a row per frame, a column per run, boxes drawn as run draws them.
+// What a run made of the first one's boxes in a frame. In compare_outlines.cpp, up to text_of_changes.
+struct FrameChanges {
+  std::vector<const Detection*> gained;  // without a counterpart in the first run
+  std::vector<const Detection*> moved;   // with one that it overlaps by less than 0.8
+  std::vector<const Detection*> lost;    // of the first run, without a counterpart in this one
+};
+
+// Both live as long as the result.
+FrameChanges changes_of(const FrameRecord& first, const FrameRecord& other);
+
+// The picture with an outline around each: gained green, moved yellow, lost red and crossed out. Their
+// widths suit a tile of that width. record: whose size the boxes are scaled from.
+cv::Mat outlined(const cv::Mat& picture, const FrameRecord& record, const FrameChanges& changes,
+                 int tile_width);
+
+// ", 1 gained, 2 lost, 1 moved", without those that there are none of.
+std::string text_of_changes(const FrameChanges& changes);
+
+// The sheet: a row per frame, a column per run, boxes drawn as run draws them. In the columns after the first
+// outlines show what differs from that.
 // input    how messages call the source
 // display  picture size that the boxes are scaled to; without it the source's own
 // frames   not empty; their numbers rise

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/class_names.h"
 #include "tools/common/command.h"
 #include "tools/compare/compare.h"
 #include "tools/frames/frame_source.h"
@@ -35,7 +36,10 @@ const char kManual[] =
     "the JSON lines of one of them with a label for its column: LABEL=LINES.jsonl. Rows are\n"
     "frames. A box differs when another run has no box of its class that overlaps it by half\n"
     "(IoU 0.5). The run is split into --frames equal parts, and each part shows the frame with\n"
-    "most boxes that differ; of several such frames the one nearest to the part's middle.\n\n"
+    "most boxes that differ; of several such frames the one nearest to the part's middle.\n"
+    "In the columns after the first, boxes that the first run does not have are outlined green,\n"
+    "boxes that have moved (IoU below 0.8) yellow, and those that it alone has red and crossed "
+    "out.\n\n"
     "Examples:\n"
     "  olvex-det run detector.qtm street.mp4 --jsonl plain.jsonl\n"
     "  olvex-det run detector.qtm street.mp4 --track --ignore-static --jsonl moving.jsonl\n"
@@ -50,6 +54,7 @@ struct CommandLine {
   std::string output;
   std::size_t frames = 4;
   std::vector<long> at;
+  std::string class_names;
   std::vector<int> display;  // width and height; empty: the source's own
 };
 
@@ -89,7 +94,7 @@ void check_output(const CommandLine& line, const std::vector<NamedRun>& runs) {
   if (extension != ".png" && extension != ".jpg" && extension != ".jpeg") {
     refuse_usage("--output " + line.output + ": the name must end in .png, .jpg or .jpeg");
   }
-  std::vector<std::string> read_paths = {line.input};
+  std::vector<std::string> read_paths = {line.input, line.class_names};
   for (const NamedRun& run : runs) {
     read_paths.push_back(run.path);
   }
@@ -148,9 +153,16 @@ int compare(const CommandLine& line) {
   const std::unique_ptr<FrameSource> source =
       open_frame_source(line.input, FrameLayout(), kAnyRate);
   OutputFile file(line.output, nullptr, OutputForm::kWhole);
+  std::vector<std::string> class_names;
+  if (!line.class_names.empty()) {
+    class_names = read_class_names(line.class_names);
+  }
   std::vector<ComparedRun> runs;
   for (const NamedRun& name : names) {
     runs.push_back(read_compared_run(name.label, name.path));
+    if (runs.back().class_names.empty()) {
+      runs.back().class_names = class_names;
+    }
   }
   const std::vector<ComparedFrame> frames =
       at.empty() ? choose_frames(runs, line.frames) : named_frames(runs, at);
@@ -178,6 +190,8 @@ void add_compare_command(CLI::App& application, Command* chosen) {
       .split_at(',')
       .range(1L, kNumberMost)
       .excludes(frames);
+  options.add("--class-names", "FILE", &line->class_names,
+              "Names for runs that have none, one on each line, by class id");
   options.add("--display", "WxH", &line->display, "The --display that the runs had, if any")
       .split_at('x')
       .range(1, kDisplayMost);

@@ -131,18 +131,13 @@ std::string place_of(const ComparedRun& run, const FrameRecord& frame) {
 
 // ---- The frames ---------------------------------------------------------------------------------
 
-namespace {
-
 Box box_of(const Detection& detection) {
   return {static_cast<double>(detection.x), static_cast<double>(detection.y),
           static_cast<double>(detection.width), static_cast<double>(detection.height)};
 }
 
-bool has_area(const Detection& box) {
-  return box.width > 0 && box.height > 0;
-}
-
 bool are_counterparts(const Detection& left, const Detection& right) {
+  const auto has_area = [](const Detection& box) { return box.width > 0 && box.height > 0; };
   if (left.class_id != right.class_id) {
     return false;
   }
@@ -156,6 +151,8 @@ bool has_counterpart(const Detection& box, const FrameRecord& record) {
   return std::any_of(record.detections.begin(), record.detections.end(),
                      [&box](const Detection& other) { return are_counterparts(box, other); });
 }
+
+namespace {
 
 std::size_t count_alone(const FrameRecord& record, const std::vector<const FrameRecord*>& all) {
   const auto alone = std::count_if(

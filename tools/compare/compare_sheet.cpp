@@ -26,9 +26,8 @@ std::string text_of_time(std::uint64_t microseconds) {
          format(":%02" PRIu64 ".%03" PRIu64, milliseconds / 1000 % 60, milliseconds % 1000);
 }
 
-std::string text_of_boxes(std::size_t boxes, std::size_t alone) {
-  return counted(boxes, "box", "boxes") +
-         (alone > 0 ? ", " + std::to_string(alone) + " differ" : "");
+std::string text_of_differences(std::size_t alone) {
+  return alone > 0 ? ", " + std::to_string(alone) + " differ" : "";
 }
 
 // Reads forward to the frame of that number.
@@ -75,11 +74,15 @@ void draw_row(const cv::Mat& picture, const std::vector<ComparedRun>& runs,
   for (std::size_t column = 0; column < runs.size(); ++column) {
     const FrameRecord& record = *frame.records[column];
     cv::Mat tile = grid->tile(row, column);
-    FramePicture(record, runs[column].class_names, picture).annotated_at(tile.size()).copyTo(tile);
-    std::string text = text_of_boxes(record.detections.size(), frame.boxes_alone[column]);
+    const FrameChanges changes = changes_of(*frame.records.front(), record);
+    const cv::Mat ground = outlined(picture, record, changes, tile.cols);
+    FramePicture(record, runs[column].class_names, ground).annotated_at(tile.size()).copyTo(tile);
+    std::string text = counted(record.detections.size(), "box", "boxes");
     if (column == 0) {
-      text =
-          "frame " + std::to_string(frame.number) + "   " + text_of_time(record.pts) + "   " + text;
+      text = "frame " + std::to_string(frame.number) + "   " + text_of_time(record.pts) + "   " +
+             text + text_of_differences(frame.boxes_alone[column]);
+    } else {
+      text += text_of_changes(changes);
     }
     cv::Mat strip = grid->caption(row, column);
     draw_line_of_text(text, &strip);

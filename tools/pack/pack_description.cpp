@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "tools/common/class_names.h"
 #include "tools/common/text.h"
 #include "tools/common/whole_file.h"
 #include "tools/pack/pack.h"
@@ -240,23 +241,6 @@ void apply_output_options(const PackOptions& options, const NetworkGraph& networ
 }
 
 // ---- The rest -----------------------------------------------------------------------------------
-
-std::vector<std::string> read_class_names(const std::string& path) {
-  const std::vector<char> bytes = read_whole_file("the class names", path);
-  std::vector<std::string> names = split(std::string(bytes.begin(), bytes.end()), '\n');
-  for (std::string& name : names) {
-    if (!name.empty() && name.back() == '\r') {
-      name.pop_back();
-    }
-  }
-  while (!names.empty() && names.back().empty()) {
-    names.pop_back();
-  }
-  if (names.empty()) {
-    refuse_input(path, "no class names in it. Write one on each line");
-  }
-  return names;
-}
 
 Description read_description(const std::string& path) {
   const std::vector<char> bytes = read_whole_file("the description", path);

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -157,27 +158,62 @@ constexpr std::size_t kDetectionsCounted = 100;  // per picture and class
 
 using PrecisionCurve = std::array<double, kRecallLevels>;
 
+// What a threshold of the score keeps, at overlap .50.
+struct ScorePoint {
+  std::optional<double> precision;  // empty where nothing is kept
+  double recall = 0;
+  double f1 = 0;  // harmonic mean of both
+};
+
+constexpr std::size_t kScoreThresholds = 101;  // 0.00, 0.01, ... 1.00
+
+struct ScoreCurve {
+  struct Best {
+    double threshold = 0;  // with as few decimals as keep the same detections
+    ScorePoint at;
+  };
+  std::array<ScorePoint, kScoreThresholds> points;
+  std::optional<Best> best;  // the highest of those with the best F1; empty where nothing is found
+};
+
+// A detection that counts.
+struct ScoredHit {
+  double score = 0;
+  bool hit = false;
+};
+
+double score_threshold(std::size_t i);
+
+// A detection is kept when its score is the threshold or more, as by the library. Requires: truths is above 0.
+// In coco_scores.cpp.
+ScoreCurve score_curve(std::vector<ScoredHit> detections, std::size_t truths);
+
 struct ClassMetrics {
   CocoCategory category;
   std::size_t truths = 0;   // ignored ones left out
   std::size_t ignored = 0;  // truth boxes
   std::size_t detections = 0;
-  std::optional<double> ap;  // empty without truth, as are the others
-  std::optional<double> ap50;
-  std::optional<PrecisionCurve> precision50;  // at each recall level, overlap .50
+  std::vector<Metric> values;  // of the names of CocoMetrics::summary; undefined without truth
+  std::optional<PrecisionCurve>
+      precision50;                   // at each recall level, overlap .50; empty without truth
+  std::optional<ScoreCurve> scores;  // empty without truth
 };
+
+// The class's value of that name. Requires: there is one.
+const std::optional<double>& value_of(const ClassMetrics& metrics, const std::string& name);
 
 struct CocoMetrics {
   std::vector<Metric> summary;  // AP, AP50, AP75, APs, APm, APl, AR1, AR10, AR100, ARs, ARm, ARl
   std::vector<ClassMetrics> classes;
   std::optional<PrecisionCurve> precision50;  // mean over the classes that have truth
+  std::optional<ScoreCurve> scores;           // of the boxes of these classes together
 };
 
 // classes: see boxes_by_class.
 CocoMetrics coco_metrics(const CocoTruth& truth,
                          const std::vector<std::vector<PictureBoxes>>& classes);
 
-// The summary, then AP:NAME and AP50:NAME of every class.
+// The summary, then AP:NAME, AP50:NAME and so on of every class.
 std::vector<Metric> all_metrics(const CocoMetrics& metrics);
 
 // Their names, which do not depend on results.
@@ -231,10 +267,13 @@ using ConfusionCounts = std::map<std::pair<std::size_t, std::size_t>, std::size_
 ConfusionCounts confusion_counts(const CocoTruth& truth, const std::vector<ResultBox>& results,
                                  double least_score);
 
+// Throws ToolError (kInputError) for an input whose frames cannot be drawn on. In coco_worst_pictures.cpp.
+void require_pictures(const std::string& input);
+
 // Writes worst_01_image_139.png and so on into folder, which is made. input: the video, picture or
 // folder that the results were made from; its frames have the image ids that olvex-det run gives
 // them. Throws ToolError (kInputError) when it cannot be read, or lacks one of the pictures.
-// In coco_worst_pictures.cpp.
+// Requires: require_pictures passed. In coco_worst_pictures.cpp.
 void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors>& worst,
                          const std::string& input, const std::string& folder);
 
@@ -259,6 +298,16 @@ std::string coco_report_json(const CocoReport& report, const std::vector<MetricM
 // One curve per class that has truth, and their mean, at overlap .50, with a legend of AP50s. In
 // coco_plot.cpp.
 std::string precision_recall_svg(const CocoMetrics& metrics);
+
+// Precision, recall and F1 over the threshold of the score, side by side, of each class that has truth and of all
+// together, with the best thresholds. In coco_plot.cpp.
+std::string score_curves_svg(const CocoMetrics& metrics);
+
+// The classes that the confusion has, then the number of classes for none. In coco_report.cpp.
+std::set<std::size_t> shown_in_confusion(const CocoReport& report);
+
+// In coco_confusion_plot.cpp.
+std::string confusion_svg(const CocoReport& report);
 
 }  // namespace olvex_tools
 

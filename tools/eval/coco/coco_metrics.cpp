@@ -53,7 +53,6 @@ constexpr SummaryRow kSummary[] = {
     {"ARm", true, kMedium, 0, kLast, kDetectionsCounted},
     {"ARl", true, kLarge, 0, kLast, kDetectionsCounted}};
 constexpr std::size_t kSummaryRows = sizeof kSummary / sizeof kSummary[0];
-constexpr std::size_t kRowAp = 0;
 constexpr std::size_t kRowAp50 = 1;
 
 // Thresholds and recall levels are computed as start + i * step, rounding included: the published
@@ -193,9 +192,36 @@ class Mean {
 
 using SummaryMeans = std::array<Mean, kSummaryRows>;
 
-// Adds the class to the means of all.
+std::vector<Metric> summary_of(const SummaryMeans& means) {
+  std::vector<Metric> summary;
+  for (std::size_t i = 0; i < kSummaryRows; ++i) {
+    summary.push_back({kSummary[i].name, means[i].value()});
+  }
+  return summary;
+}
+
+// The boxes of all classes that have truth.
+struct PooledScores {
+  std::vector<ScoredHit> detections;
+  std::size_t truths = 0;
+};
+
+// The curve of the class, which is added to that of all. Requires: the class has truth.
+ScoreCurve class_scores(const ClassOutcomes& sum, PooledScores* pooled) {
+  std::vector<ScoredHit> detections;
+  for (const Outcome& outcome : sum.outcomes) {
+    if (!outcome.ignored[0]) {
+      detections.push_back({outcome.score, outcome.hit[0]});
+    }
+  }
+  pooled->detections.insert(pooled->detections.end(), detections.begin(), detections.end());
+  pooled->truths += sum.truths;
+  return score_curve(std::move(detections), sum.truths);
+}
+
+// Adds the class to the means and the scores of all.
 ClassMetrics class_metrics(const CocoCategory& category, const std::vector<PictureBoxes>& pictures,
-                           SummaryMeans* means) {
+                           SummaryMeans* means, PooledScores* pooled) {
   ClassMetrics metrics;
   metrics.category = category;
   std::vector<Overlaps> overlaps;
@@ -224,8 +250,10 @@ ClassMetrics class_metrics(const CocoCategory& category, const std::vector<Pictu
       }
     }
   }
-  metrics.ap = own[kRowAp].value();
-  metrics.ap50 = own[kRowAp50].value();
+  metrics.values = summary_of(own);
+  if (outcomes[kAny].truths > 0) {
+    metrics.scores = class_scores(outcomes[kAny], pooled);
+  }
   return metrics;
 }
 
@@ -252,21 +280,31 @@ CocoMetrics coco_metrics(const CocoTruth& truth,
                          const std::vector<std::vector<PictureBoxes>>& classes) {
   CocoMetrics metrics;
   SummaryMeans means;
+  PooledScores pooled;
   for (std::size_t category = 0; category < classes.size(); ++category) {
-    metrics.classes.push_back(class_metrics(truth.categories[category], classes[category], &means));
+    metrics.classes.push_back(
+        class_metrics(truth.categories[category], classes[category], &means, &pooled));
   }
-  for (std::size_t i = 0; i < kSummaryRows; ++i) {
-    metrics.summary.push_back({kSummary[i].name, means[i].value()});
+  metrics.summary = summary_of(means);
+  if (pooled.truths > 0) {
+    metrics.scores = score_curve(std::move(pooled.detections), pooled.truths);
   }
   metrics.precision50 = mean_precision50(metrics.classes);
   return metrics;
 }
 
+const std::optional<double>& value_of(const ClassMetrics& metrics, const std::string& name) {
+  return std::find_if(metrics.values.begin(), metrics.values.end(),
+                      [&](const Metric& metric) { return metric.name == name; })
+      ->value;
+}
+
 std::vector<Metric> all_metrics(const CocoMetrics& metrics) {
   std::vector<Metric> all = metrics.summary;
   for (const ClassMetrics& item : metrics.classes) {
-    all.push_back({"AP:" + item.category.name, item.ap});
-    all.push_back({"AP50:" + item.category.name, item.ap50});
+    for (const Metric& metric : item.values) {
+      all.push_back({metric.name + ":" + item.category.name, metric.value});
+    }
   }
   return all;
 }
@@ -277,8 +315,9 @@ std::vector<std::string> coco_metric_names(const CocoTruth& truth) {
     names.push_back(row.name);
   }
   for (const CocoCategory& category : truth.categories) {
-    names.push_back("AP:" + category.name);
-    names.push_back("AP50:" + category.name);
+    for (const SummaryRow& row : kSummary) {
+      names.push_back(row.name + (":" + category.name));
+    }
   }
   return names;
 }

@@ -73,11 +73,39 @@ std::string summary_table(const CocoMetrics& metrics) {
 }
 
 std::string class_table(const CocoMetrics& metrics) {
-  std::vector<Row> rows = {{"class", "AP", "AP50", "truth", "ignored", "results"}};
+  static const char* const kShown[] = {"AP", "AP50", "AP75", "APs", "APm", "APl", "AR100"};
+  std::vector<Row> rows = {{"class"}};
+  rows.front().insert(rows.front().end(), std::begin(kShown), std::end(kShown));
+  rows.front().insert(rows.front().end(), {"truth", "ignored", "results"});
   for (const ClassMetrics& item : metrics.classes) {
-    rows.push_back({one_line(item.category.name), metric_text(item.ap), metric_text(item.ap50),
-                    std::to_string(item.truths), std::to_string(item.ignored),
-                    std::to_string(item.detections)});
+    Row row = {one_line(item.category.name)};
+    for (const char* const name : kShown) {
+      row.push_back(metric_text(value_of(item, name)));
+    }
+    for (const std::size_t count : {item.truths, item.ignored, item.detections}) {
+      row.push_back(std::to_string(count));
+    }
+    rows.push_back(row);
+  }
+  return table(rows);
+}
+
+Row threshold_row(const std::string& name, const std::optional<ScoreCurve>& scores) {
+  if (!scores || !scores->best) {
+    return {name, "-", "-", "-", "-"};
+  }
+  const ScoreCurve::Best& best = *scores->best;
+  return {name, format("%.15g", best.threshold), metric_text(best.at.f1),
+          metric_text(best.at.precision), metric_text(best.at.recall)};
+}
+
+std::string threshold_table(const CocoMetrics& metrics) {
+  std::vector<Row> rows = {{"best threshold at overlap 0.5", "score", "F1", "precision", "recall"},
+                           threshold_row("all boxes", metrics.scores)};
+  for (const ClassMetrics& item : metrics.classes) {
+    if (metrics.classes.size() > 1 && item.scores) {
+      rows.push_back(threshold_row(one_line(item.category.name), item.scores));
+    }
   }
   return table(rows);
 }
@@ -127,12 +155,7 @@ std::string confusion_list(const CocoReport& report) {
 
 std::string confusion_table(const CocoReport& report) {
   constexpr std::size_t kClassesMost = 10;  // a screen is not wider
-  std::set<std::size_t> shown;
-  for (const auto& [pair, count] : report.confusion) {
-    shown.insert(pair.first);
-    shown.insert(pair.second);
-  }
-  shown.insert(report.truth.categories.size());
+  const std::set<std::size_t> shown = shown_in_confusion(report);
   const std::string conditions = " at overlap 0.5 and score " + format("%g", report.error_score);
   return shown.size() <= kClassesMost + 1
              ? "confusion" + conditions + ", rows: truth, columns: results\n" +
@@ -153,6 +176,25 @@ std::string worst_table(const CocoReport& report) {
 
 // ---- JSON -------------------------------------------------------------------------------------
 
+Json scores_of(const std::optional<ScoreCurve>& scores) {
+  if (!scores) {
+    return nullptr;
+  }
+  Json json = {{"best", nullptr}};
+  if (scores->best) {
+    json["best"] = {{"threshold", scores->best->threshold},
+                    {"F1", scores->best->at.f1},
+                    {"precision", or_null(scores->best->at.precision)},
+                    {"recall", scores->best->at.recall}};
+  }
+  for (const ScorePoint& point : scores->points) {
+    json["F1"].push_back(point.f1);
+    json["precision"].push_back(or_null(point.precision));
+    json["recall"].push_back(point.recall);
+  }
+  return json;
+}
+
 Json classes_of(const CocoMetrics& metrics) {
   Json list = Json::array();
   for (const ClassMetrics& item : metrics.classes) {
@@ -161,9 +203,11 @@ Json classes_of(const CocoMetrics& metrics) {
                     {"truth_boxes", item.truths},
                     {"ignored_truth_boxes", item.ignored},
                     {"results", item.detections},
-                    {"AP", or_null(item.ap)},
-                    {"AP50", or_null(item.ap50)},
-                    {"precision50", or_null(item.precision50)}});
+                    {"AP", or_null(value_of(item, "AP"))},
+                    {"AP50", or_null(value_of(item, "AP50"))},
+                    {"metrics", metrics_json(item.values)},
+                    {"precision50", or_null(item.precision50)},
+                    {"scores", scores_of(item.scores)}});
   }
   return list;
 }
@@ -195,9 +239,19 @@ Json worst_of(const CocoReport& report) {
 
 }  // namespace
 
+std::set<std::size_t> shown_in_confusion(const CocoReport& report) {
+  std::set<std::size_t> shown = {report.truth.categories.size()};
+  for (const auto& [pair, count] : report.confusion) {
+    shown.insert(pair.first);
+    shown.insert(pair.second);
+  }
+  return shown;
+}
+
 std::string coco_report_text(const CocoReport& report) {
   std::string text = counts_line(report) + "\n" + summary_table(report.metrics) + "\n" +
-                     class_table(report.metrics) + "\n" + confusion_table(report);
+                     class_table(report.metrics) + "\n" + threshold_table(report.metrics) + "\n" +
+                     confusion_table(report);
   if (!report.worst.empty()) {
     text += "\n" + worst_table(report);
   }
@@ -213,6 +267,7 @@ std::string coco_report_json(const CocoReport& report, const std::vector<MetricM
                      {"results", report.results},
                      {"metrics", metrics_json(report.metrics.summary)},
                      {"classes", classes_of(report.metrics)},
+                     {"scores", scores_of(report.metrics.scores)},
                      {"confusion", confusion_of(report)},
                      {"worst_pictures", worst_of(report)}};
   return evaluation_json(json, report.findings, minimums, all_metrics(report.metrics));

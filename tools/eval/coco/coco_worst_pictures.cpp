@@ -98,6 +98,8 @@ void draw_errors(const CocoTruth& truth, const PictureErrors& errors, cv::Mat* p
                picture);
 }
 
+}  // namespace
+
 // Only a model defines how a dumped frame lies in memory, and a camera cannot be replayed.
 void require_pictures(const std::string& input) {
   if (holds_dumps(input)) {
@@ -108,15 +110,12 @@ void require_pictures(const std::string& input) {
   }
 }
 
-}  // namespace
-
 void draw_worst_pictures(const CocoTruth& truth, const std::vector<PictureErrors>& worst,
                          const std::string& input, const std::string& folder) {
   std::map<std::uint64_t, std::size_t> wanted;  // place among the worst by image id
   for (std::size_t i = 0; i < worst.size(); ++i) {
     wanted[static_cast<std::uint64_t>(truth.pictures[worst[i].picture].id)] = i;
   }
-  require_pictures(input);
   silence_opencv();
   constexpr double kAnyRate = 25;  // frames per second; times play no part here
   const std::unique_ptr<FrameSource> source = open_frame_source(input, FrameLayout(), kAnyRate);

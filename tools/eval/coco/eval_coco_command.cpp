@@ -27,10 +27,13 @@ const char kManual[] =
     "  olvex-det eval coco truth.json results.json\n"
     "  olvex-det eval coco truth.json results.json --min AP50=0.6 --min AP50:person=0.7\n"
     "  olvex-det eval coco truth.json results.json --plot curves.svg --classes person,car\n"
+    "  olvex-det eval coco truth.json results.json --plot-scores scores.svg\n"
     "  olvex-det eval coco truth.json results.json --worst-pictures worst/ --input pictures/\n"
     "  olvex-det eval coco truth.json results.json --json - | jq .metrics.AP\n\n"
     "Metrics are fractions, as in 0.85; \"-\" is undefined: a class without truth, which no mean\n"
-    "counts. Pictures of the worst: hits green on the truth in white, false boxes red, misses\n"
+    "counts. The best threshold is the score with the best F1, the harmonic mean of precision and\n"
+    "recall, at overlap 0.5: what run --threshold and the library take. Pictures of the worst: "
+    "hits green on the truth in white, false boxes red, misses\n"
     "dashed yellow; frame n of the input is image n, or the number that a picture is named by, as\n"
     "with olvex-det run. Warnings name probable mistakes in the files, such as class ids that are\n"
     "numbered from 1. Exit code 1: a metric is below its --min.";
@@ -44,6 +47,8 @@ struct CommandLine {
   long worst = 5;
   std::string json;
   std::string plot;
+  std::string score_plot;
+  std::string confusion_plot;
   std::string worst_folder;
   std::string input;
 };
@@ -57,9 +62,15 @@ void check_options(const CommandLine& line) {
         "--worst-pictures and --input go together: the folder to draw into, and the video or "
         "pictures to draw on");
   }
-  require_own_files(
-      {{"--json", line.json}, {"--plot", line.plot}, {"--worst-pictures", line.worst_folder}},
-      {line.truth, line.result, line.input});
+  require_own_files({{"--json", line.json},
+                     {"--plot", line.plot},
+                     {"--plot-scores", line.score_plot},
+                     {"--plot-confusion", line.confusion_plot},
+                     {"--worst-pictures", line.worst_folder}},
+                    {line.truth, line.result, line.input});
+  if (!line.input.empty()) {
+    require_pictures(line.input);
+  }
 }
 
 // Files to a report; also what --min needs, which is checked before the long part.
@@ -89,7 +100,7 @@ CocoReport evaluate(const CommandLine& line, const std::vector<MetricMinimum>& m
 
 int run(const CommandLine& line) {
   check_options(line);
-  const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums);
+  const std::vector<MetricMinimum> minimums = parse_minimums(line.minimums, "AP50=0.6");
   const CocoReport report = evaluate(line, minimums);
   if (!line.json.empty()) {
     write_output(line.json, stdout, coco_report_json(report, minimums));
@@ -97,7 +108,14 @@ int run(const CommandLine& line) {
   if (!line.plot.empty()) {
     write_output(line.plot, stdout, precision_recall_svg(report.metrics));
   }
-  print_report(coco_report_text(report), {line.json, line.plot});
+  if (!line.score_plot.empty()) {
+    write_output(line.score_plot, stdout, score_curves_svg(report.metrics));
+  }
+  if (!line.confusion_plot.empty()) {
+    write_output(line.confusion_plot, stdout, confusion_svg(report));
+  }
+  print_report(coco_report_text(report),
+               {line.json, line.plot, line.score_plot, line.confusion_plot});
   if (!line.worst_folder.empty()) {
     draw_worst_pictures(report.truth, report.worst, line.input, line.worst_folder);
   }
@@ -124,6 +142,10 @@ void add_eval_coco_command(CLI::App& eval, Command* chosen) {
               "Everything for programs, see eval_coco.schema.json");
   options.add("--plot", "FILE|-", &line->plot,
               "Precision over recall of each class, an SVG picture");
+  options.add("--plot-scores", "FILE|-", &line->score_plot,
+              "Precision, recall and F1 over the threshold of the score, an SVG picture");
+  options.add("--plot-confusion", "FILE|-", &line->confusion_plot,
+              "The confusion of classes, an SVG picture");
   options.add("--worst", "N", &line->worst, "Pictures to list, those with most errors")
       .shows_default()
       .range(0L, kWorstMost);

@@ -13,6 +13,7 @@
 
 #include "tools/common/box.h"
 #include "tools/common/evaluation.h"
+#include "tools/eval/mot/mot_classes.h"
 
 namespace olvex_tools {
 
@@ -22,7 +23,7 @@ struct MotRow {
   std::size_t line = 0;  // in the file, from 1
   long frame = 0;        // from 1; 0 is let through for the lint to find
   long id = 0;
-  int class_id = 0;
+  int class_id = kNoClass;
   bool ignored = false;  // truth that counts neither as found nor as missed
   Box box;               // display pixels
 };
@@ -33,13 +34,18 @@ struct MotFile {
 };
 
 // Both skip blank lines and lines that start with #, and throw ToolError (kInputError) with file and
-// row for a row that they cannot take.
+// row for a row that they cannot take. A class that is -1 or missing is kNoClass.
 
-// frame,id,left,top,width,height,consider,class,visibility[,moving]. Each object has one class and
-// at most one row in a frame.
-MotFile read_mot_truth(const std::string& path);
-// frame,id,left,top,width,height,score,class,-1,-1.
-MotFile read_mot_result(const std::string& path);
+// frame,id,left,top,width,height,consider[,class[,visibility[,moving]]]. Rows of a class that is not
+// to count are ignored truth.
+MotFile read_mot_truth(const std::string& path, const ClassMap& classes);
+// frame,id,left,top,width,height,score[,class[,any[,any]]]. Rows of a class that is not to count are left out.
+MotFile read_mot_result(const std::string& path, const ClassMap& classes);
+
+// Rows without a class get the only one that the other file's rows have which count, or the lowest of several where
+// they are ignored truth, whose class does not matter, or 0 where that has none either. Then checks that each object of the truth has one class and at most one row in a frame. Throws
+// ToolError (kInputError) where it does not, or where the other file has several classes for a row that counts.
+void settle_classes(MotFile* truth, MotFile* result);
 
 // What is probably a mistake in the files and not in the tracker; at most one finding per kind and file. Of
 // rows of result that repeat an id in a frame only the first is kept. In mot_lint.cpp.
@@ -66,11 +72,19 @@ std::vector<WeightedPair> best_assignment(std::size_t rows, std::size_t columns,
 // From here on two boxes show the same object.
 constexpr double kMatchOverlap = 0.5;
 
+// The rest in mot_overlaps.cpp, up to matching_pairs.
 // Intersection over union, 0 to 1: at most 1 also where rounding makes it more, since sums of it are shares.
 double overlap_of(const Box& left, const Box& right);
 
 // Whether an overlap reaches a threshold that need not have an exact binary form.
 bool reaches(double overlap, double threshold);
+
+// The boxes of either list that overlap at all, with their overlap as weight, in the order of rows, then columns.
+std::vector<WeightedPair> overlaps_between(const std::vector<Box>& rows,
+                                           const std::vector<Box>& columns);
+
+// Those that overlap by kMatchOverlap or more.
+std::vector<WeightedPair> matching_pairs(const std::vector<WeightedPair>& pairs);
 
 struct ClipBox {
   std::size_t track = 0;  // index into MotClip::objects or MotClip::result_ids
@@ -89,6 +103,9 @@ struct FrameSpan {
   long last = 0;
 };
 
+// Requires: the frame comes after the spans.
+void extend_spans(std::vector<FrameSpan>* spans, long frame);
+
 struct ClipObject {
   long id = 0;
   int class_id = 0;
@@ -100,6 +117,7 @@ struct MotClip {
   std::vector<ClipFrame> frames;    // those with a box in either file, in order
   std::vector<ClipObject> objects;  // by id, those that are never counted too
   std::vector<long> result_ids;     // in order
+  std::set<int> result_classes;     // of all results, those that show ignored truth too
 };
 
 // Ignored truth is removed from the frames, and so is each result that shows one: with all truths of
@@ -114,16 +132,16 @@ MotClip restricted_to(const MotClip& clip, const std::set<int>& classes);
 // The classes of the clip's boxes.
 std::set<int> classes_of(const MotClip& clip);
 
-// For each truth (row) and result (column) of one class that overlap by the threshold or more, and
-// at all, their overlap as weight.
-std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold);
+// The truths (rows) and results (columns) of one class that overlap at all, as overlaps_between.
+std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame);
 
 // ---- The metrics (mot_metrics.cpp) --------------------------------------------------------------
 
 // The CLEAR MOT counts: K. Bernardin, R. Stiefelhagen, "Evaluating multiple object tracking performance: the
 // CLEAR MOT metrics", EURASIP Journal on Image and Video Processing 2008. Mostly tracked and mostly lost
 // objects and fragments: Y. Li, C. Huang, R. Nevatia, "Learning to associate: HybridBoosted multi-target
-// tracker for crowded scene", CVPR 2009. In mot_metrics.cpp.
+// tracker for crowded scene", CVPR 2009. Overlap from kMatchOverlap on is a match. The pairs of the frame before
+// are kept where they still match; the others are assigned for the greatest sum of overlaps.
 struct ClearCounts {
   long matches = 0;
   long misses = 0;       // truths without a result
@@ -144,13 +162,9 @@ struct FoundRun {
   long result_id = 0;
 };
 
-// Overlap from kMatchOverlap on is a match. The pairs of the frame before are kept where they still
-// match; the others are assigned for the greatest sum of overlaps. runs: by the clip's objects.
-ClearCounts clear_mot(const MotClip& clip, std::vector<std::vector<FoundRun>>* runs);
-
 // The sums that HOTA and its parts are made of: J. Luiten, A. Osep, P. Dendorfer, P. Torr, A. Geiger,
 // L. Leal-Taixe, B. Leibe, "HOTA: A higher order metric for evaluating multi-object tracking", International
-// Journal of Computer Vision 129, 2021. In mot_hota.cpp.
+// Journal of Computer Vision 129, 2021.
 
 // Overlap thresholds 0.05, 0.10 ... 0.95.
 constexpr std::size_t kHotaThresholds = 19;
@@ -158,8 +172,11 @@ constexpr std::size_t kHotaThresholds = 19;
 struct HotaSums {
   struct AtThreshold {
     long matches = 0;
-    double association = 0;  // of each match: share of frames that its object and track are one
-    double overlap = 0;      // of the matches
+    // Of each match, the frames in which its object and its track match each other, as a share of
+    double association = 0;            // the frames that either has
+    double association_recall = 0;     // the object's frames
+    double association_precision = 0;  // the track's frames
+    double overlap = 0;                // of the matches
   };
   long truths = 0;
   long results = 0;
@@ -168,43 +185,61 @@ struct HotaSums {
   void add(const HotaSums& other);
 };
 
-// Means over the thresholds. Several clips are one in the sums: that weighs the clips' AssA and
-// LocA by their matches. Detection and association are 0 where nothing matches; LocA counts 1 at a
-// threshold that no match reaches, as the values of the authors' own program do.
+// The overlap of threshold i.
+double hota_threshold(std::size_t i);
+
+// Several clips are one in the sums: that weighs the clips' association and LocA by their matches. Detection and
+// association are 0 where nothing matches; LocA counts 1 at a threshold that no match reaches, as the values of the
+// authors' own program do.
 struct HotaValues {
   double hota = 0;
   double detection = 0;
+  double detection_recall = 0;
+  double detection_precision = 0;
   double association = 0;
+  double association_recall = 0;
+  double association_precision = 0;
   double localisation = 0;
 };
 
-// Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
-HotaSums hota_sums(const MotClip& clip);
+// In mot_hota.cpp.
+std::array<HotaValues, kHotaThresholds> hota_curve(const HotaSums& sums);
+// Their means.
 HotaValues hota_values(const HotaSums& sums);
-
-// IDTP, how much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
-// C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
-// 2016. Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
-long identity_matches(const MotClip& clip);
 
 struct MotScores {
   ClearCounts clear;
+  // IDTP, how much is right when each object may be one track only: E. Ristani, F. Solera, R. Zou, R. Cucchiara,
+  // C. Tomasi, "Performance measures and a data set for multi-target, multi-camera tracking", ECCV Workshops
+  // 2016. Objects and tracks are assigned for the whole clip, so that misses and false boxes are fewest.
   long identity_matches = 0;
   HotaSums hota;
 
   void add(const MotScores& other);
 };
 
+// A result's id in the frames in which its box is false.
+struct FalseTrack {
+  long result_id = 0;
+  int class_id = 0;               // of the first of these boxes
+  std::vector<FrameSpan> frames;  // in order
+  bool finds_an_object = false;   // in another frame
+};
+
 struct MotMeasurement {
   MotScores scores;
   std::vector<std::vector<FoundRun>> runs;  // by the clip's objects
+  std::vector<FalseTrack> false_tracks;     // by their first frame, then id
 };
 
-// Throws as hota_sums does.
+// Throws ToolError (kInputError) when more objects and tracks overlap than memory is meant for.
 MotMeasurement measure_tracks(const MotClip& clip);
 
-// HOTA, DetA, AssA, LocA, MOTA, MOTP, IDF1, IDP, IDR. All are undefined without truth, MOTP, LocA
-// and IDP also when there is nothing to take the mean of.
+// HOTA and its parts, as hota_metrics has them.
+std::vector<Metric> hota_metrics(const HotaValues& values);
+
+// These, then MOTA, MOTP, IDF1, IDP, IDR. All are undefined without truth, MOTP, LocA, DetPr and IDP also
+// when there is nothing to take the mean of.
 std::vector<Metric> mot_metrics(const MotScores& scores);
 
 struct MotCount {
@@ -221,12 +256,12 @@ struct MotClipReport {
   std::string name;
   std::string truth_path;
   std::string result_path;
-  MotScores scores;
   std::vector<ClipObject> objects;
-  std::vector<std::vector<FoundRun>> runs;  // by objects
+  MotMeasurement measured;
 };
 
 struct MotReport {
+  ClassNames class_names;
   std::set<int> restricted_to;  // empty: all classes
   std::vector<MotClipReport> clips;
   MotScores combined;                  // of all clips
@@ -238,10 +273,14 @@ std::string mot_report_text(const MotReport& report);
 // schema/eval_mot.schema.json defines it.
 std::string mot_report_json(const MotReport& report, const std::vector<MetricMinimum>& minimums);
 
+// HOTA and its parts over the overlap, in mot_plot.cpp.
+std::string hota_curve_svg(const MotScores& scores);
+
 // A picture of one clip: per object of the truth a row that shows when it was there and under which id it was
-// found. Ids are written where they fit; every bar's tooltip has id and frames. In mot_timeline.cpp.
-std::string timeline_svg(const std::string& title, const MotClip& clip,
-                         const std::vector<std::vector<FoundRun>>& runs);
+// found, then a row per id with false boxes. Ids are written where they fit; every bar's tooltip has id and frames.
+// Objects of classes that the results never have are left out, unless there are no results. In mot_timeline.cpp.
+std::string timeline_svg(const std::string& title, const ClassNames& names, const MotClip& clip,
+                         const MotMeasurement& measured);
 
 }  // namespace olvex_tools
 

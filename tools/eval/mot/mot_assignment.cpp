@@ -21,7 +21,8 @@ constexpr double kInfinite = std::numeric_limits<double>::infinity();
 // That proves the assignment optimal. What a pair's prices exceed its weight by is its slack. Rows
 // come in one by one; each looks for the path of least slack that ends at a free column or at a row
 // that gives its column up for nothing else. In the worst case this takes rows * columns * rows
-// steps; rows that compete for little take little.
+// steps; a search never leaves the rows and columns that pairs connect with its row, so that the
+// objects of a frame that overlap few results take few steps.
 class Assigner {
  public:
   Assigner(std::size_t rows, std::size_t columns, const std::vector<WeightedPair>& pairs)

@@ -3,7 +3,6 @@
 #include "tools/eval/mot/mot.h"
 
 #include <algorithm>
-#include <limits>
 #include <map>
 
 namespace olvex_tools {
@@ -24,19 +23,24 @@ std::map<long, std::size_t> index_of_ids(const Rows& rows) {
   return indices;
 }
 
-// Truths (rows) and results (columns) that overlap by the threshold, and at all, where those may match.
-template <typename MayMatch>
-std::vector<WeightedPair> pairs_that(const ClipFrame& frame, double threshold, MayMatch may_match) {
-  std::vector<WeightedPair> pairs;
-  for (std::size_t i = 0; i < frame.truths.size(); ++i) {
-    for (std::size_t j = 0; j < frame.results.size(); ++j) {
-      const double overlap =
-          may_match(i, j) ? overlap_of(frame.truths[i].box, frame.results[j].box) : 0;
-      if (overlap > 0 && reaches(overlap, threshold)) {
-        pairs.push_back({i, j, overlap});
-      }
-    }
+std::vector<Box> boxes_of(const std::vector<ClipBox>& boxes) {
+  std::vector<Box> places;
+  places.reserve(boxes.size());
+  for (const ClipBox& box : boxes) {
+    places.push_back(box.box);
   }
+  return places;
+}
+
+// Truths (rows) and results (columns) that overlap, where those may match.
+template <typename MayMatch>
+std::vector<WeightedPair> pairs_that(const ClipFrame& frame, MayMatch may_match) {
+  std::vector<WeightedPair> pairs =
+      overlaps_between(boxes_of(frame.truths), boxes_of(frame.results));
+  const auto end = std::remove_if(pairs.begin(), pairs.end(), [&](const WeightedPair& pair) {
+    return !may_match(pair.row, pair.column);
+  });
+  pairs.erase(end, pairs.end());
   return pairs;
 }
 
@@ -46,9 +50,9 @@ bool is_one_class(const ClipFrame& frame, std::size_t truth, std::size_t result)
 
 // Which results show a truth that is to be ignored.
 std::vector<bool> shows_ignored(const ClipFrame& frame, const std::vector<bool>& ignored) {
-  const auto pairs = pairs_that(frame, kMatchOverlap, [&](std::size_t i, std::size_t j) {
+  const auto pairs = matching_pairs(pairs_that(frame, [&](std::size_t i, std::size_t j) {
     return ignored[i] || is_one_class(frame, i, j);
-  });
+  }));
   std::vector<bool> shows(frame.results.size(), false);
   for (const WeightedPair& pair :
        best_assignment(frame.truths.size(), frame.results.size(), pairs)) {
@@ -82,23 +86,14 @@ std::vector<Box> with_classes(const std::vector<Box>& boxes, const std::set<int>
   return kept;
 }
 
-// Requires: the frame comes after the spans.
+}  // namespace
+
 void extend_spans(std::vector<FrameSpan>* spans, long frame) {
   if (!spans->empty() && spans->back().last + 1 == frame) {
     spans->back().last = frame;
   } else {
     spans->push_back({frame, frame});
   }
-}
-
-}  // namespace
-
-double overlap_of(const Box& left, const Box& right) {
-  return std::min(overlap(left, right), 1.0);
-}
-
-bool reaches(double overlap, double threshold) {
-  return overlap >= threshold - std::numeric_limits<double>::epsilon();
 }
 
 MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
@@ -108,6 +103,9 @@ MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
   clip.objects.resize(objects.size());
   for (const auto& track : tracks) {
     clip.result_ids.push_back(track.first);
+  }
+  for (const MotRow& row : result.rows) {
+    clip.result_classes.insert(row.class_id);
   }
   auto truth_row = truth.rows.begin();
   auto result_row = result.rows.begin();
@@ -139,6 +137,7 @@ MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
 MotClip restricted_to(const MotClip& clip, const std::set<int>& classes) {
   MotClip part;
   part.result_ids = clip.result_ids;
+  part.result_classes = clip.result_classes;
   std::vector<std::size_t> new_index(clip.objects.size(), 0);
   for (std::size_t i = 0; i < clip.objects.size(); ++i) {
     if (classes.count(clip.objects[i].class_id) > 0) {
@@ -168,9 +167,8 @@ std::set<int> classes_of(const MotClip& clip) {
   return classes;
 }
 
-std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame, double threshold) {
-  return pairs_that(frame, threshold,
-                    [&](std::size_t i, std::size_t j) { return is_one_class(frame, i, j); });
+std::vector<WeightedPair> overlapping_pairs(const ClipFrame& frame) {
+  return pairs_that(frame, [&](std::size_t i, std::size_t j) { return is_one_class(frame, i, j); });
 }
 
 }  // namespace olvex_tools

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <map>
+#include <set>
 #include <string_view>
 
 #include "tools/common/command.h"
@@ -20,12 +21,12 @@ constexpr std::size_t kRowsMost = 2000000;
 constexpr std::size_t kBoxesInFrameMost = 1000;  // what an assignment takes seconds for
 constexpr double kFramesMost = 1e9;
 constexpr double kIdMost = 9e15;  // whole numbers up to there are exact as double
-constexpr double kClassMost = 1e6;
 constexpr double kPixelsMost = 1e6;
 constexpr double kScoreMost = 1e9;  // not only networks with scores up to 1 are measured
 
-const char kTruthColumns[] = "frame,id,left,top,width,height,consider,class,visibility[,moving]";
-const char kResultColumns[] = "frame,id,left,top,width,height,score,class,-1,-1";
+const char kTruthColumns[] =
+    "frame,id,left,top,width,height,consider[,class[,visibility[,moving]]]";
+const char kResultColumns[] = "frame,id,left,top,width,height,score[,class[,-1[,-1]]]";
 
 [[noreturn]] void refuse(const std::string& path, std::size_t line, const std::string& message) {
   refuse_input(path + ":" + std::to_string(line), message);
@@ -41,7 +42,9 @@ std::string_view trimmed(std::string_view text) {
 }
 
 std::vector<std::string_view> split(std::string_view row) {
+  constexpr std::size_t kUsual = 10;
   std::vector<std::string_view> fields;
+  fields.reserve(kUsual);
   for (std::size_t start = 0; start <= row.size();) {
     const std::size_t end = std::min(row.find(',', start), row.size());
     fields.push_back(trimmed(row.substr(start, end - start)));
@@ -116,30 +119,37 @@ MotRow read_shared(const RowReader& reader, std::size_t line, double least_id) {
   row.box.y = reader.number(3, "top", -kPixelsMost, kPixelsMost);
   row.box.width = reader.number(4, "width", -kPixelsMost, kPixelsMost);
   row.box.height = reader.number(5, "height", -kPixelsMost, kPixelsMost);
-  row.class_id = static_cast<int>(reader.whole(7, "class", 0, kClassMost));
+  if (reader.columns() > 7) {
+    row.class_id = static_cast<int>(reader.whole(7, "class", kNoClass, kClassMost));
+  }
   return row;
 }
 
 MotRow read_truth_row(const RowReader& reader, std::size_t line) {
-  reader.require_columns(9, 10, kTruthColumns);
+  reader.require_columns(7, 10, kTruthColumns);
   MotRow row = read_shared(reader, line, 0);
   row.ignored = reader.whole(6, "consider", 0, 1) == 0;
-  reader.number(8, "visibility", -1, 1);  // -1: not known
+  // -1: not known.
+  if (reader.columns() > 8) {
+    reader.number(8, "visibility", -1, 1);
+  }
   if (reader.columns() > 9) {
-    reader.whole(9, "moving", 0, 1);
+    reader.whole(9, "moving", -1, 1);
   }
   return row;
 }
 
 MotRow read_result_row(const RowReader& reader, std::size_t line) {
-  reader.require_columns(10, 10, kResultColumns);
+  reader.require_columns(7, 10, kResultColumns);
   MotRow row = read_shared(reader, line, -1);
   if (row.id == -1) {
     reader.fail("the box has no id (-1): run it with --track");
   }
   reader.number(6, "score", -kScoreMost, kScoreMost);
-  reader.number(8, "the ninth column", -kScoreMost, kScoreMost);
-  reader.number(9, "the tenth column", -kScoreMost, kScoreMost);
+  const char* const names[] = {"the ninth column", "the tenth column"};
+  for (std::size_t column = 8; column < reader.columns(); ++column) {
+    reader.number(column, names[column - 8], -kScoreMost, kScoreMost);
+  }
   return row;
 }
 
@@ -181,9 +191,12 @@ MotFile read_rows(const char* what, const std::string& path, ReadRow read_row) {
     }
     file.rows.push_back(read_row(RowReader(path, line, row), line));
   }
-  std::stable_sort(file.rows.begin(), file.rows.end(), [](const MotRow& left, const MotRow& right) {
+  const auto by_frame = [](const MotRow& left, const MotRow& right) {
     return left.frame < right.frame;
-  });
+  };
+  if (!std::is_sorted(file.rows.begin(), file.rows.end(), by_frame)) {
+    std::stable_sort(file.rows.begin(), file.rows.end(), by_frame);
+  }
   require_few_boxes_in_frame(file);
   return file;
 }
@@ -209,16 +222,64 @@ void require_sound_objects(const MotFile& truth) {
   }
 }
 
+// The classes of rows that count.
+std::set<int> named_classes(const MotFile& file) {
+  std::set<int> classes;
+  for (const MotRow& row : file.rows) {
+    if (row.class_id != kNoClass && !row.ignored) {
+      classes.insert(row.class_id);
+    }
+  }
+  return classes;
+}
+
+void settle_missing(const std::set<int>& of_other, const MotFile& other, const char* option,
+                    MotFile* file) {
+  for (MotRow& row : file->rows) {
+    if (row.class_id != kNoClass) {
+      continue;
+    }
+    if (of_other.size() > 1 && !row.ignored) {
+      const std::string listed = join(of_other, ", ", [](int id) { return std::to_string(id); });
+      refuse(file->path, row.line,
+             "the row has no class, and " + other.path + " has several: " +
+                 shortened(listed, 30, "...") + ". Say which one is meant, as in " + option +
+                 " -1=" + std::to_string(*of_other.begin()));
+    }
+    row.class_id = of_other.empty() ? 0 : *of_other.begin();
+  }
+}
+
 }  // namespace
 
-MotFile read_mot_truth(const std::string& path) {
+MotFile read_mot_truth(const std::string& path, const ClassMap& classes) {
   MotFile truth = read_rows("the truth", path, read_truth_row);
-  require_sound_objects(truth);
+  for (MotRow& row : truth.rows) {
+    const std::optional<int> target = classes.target(row.class_id);
+    row.ignored = row.ignored || !target;
+    row.class_id = target.value_or(row.class_id);
+  }
   return truth;
 }
 
-MotFile read_mot_result(const std::string& path) {
-  return read_rows("the result", path, read_result_row);
+MotFile read_mot_result(const std::string& path, const ClassMap& classes) {
+  MotFile result = read_rows("the result", path, read_result_row);
+  std::vector<MotRow> kept;
+  for (MotRow& row : result.rows) {
+    if (const std::optional<int> target = classes.target(row.class_id)) {
+      row.class_id = *target;
+      kept.push_back(row);
+    }
+  }
+  result.rows = std::move(kept);
+  return result;
+}
+
+void settle_classes(MotFile* truth, MotFile* result) {
+  const std::set<int> of_truth = named_classes(*truth);
+  settle_missing(named_classes(*result), *result, "--class-map", truth);
+  settle_missing(of_truth, *truth, "--result-class-map", result);
+  require_sound_objects(*truth);
 }
 
 }  // namespace olvex_tools

@@ -2,7 +2,9 @@
 // mot_lint.cpp - one function per kind of mistake. Declared in mot.h.
 
 #include <algorithm>
+#include <limits>
 #include <set>
+#include <utility>
 
 #include "tools/common/text.h"
 #include "tools/eval/mot/mot.h"
@@ -130,33 +132,61 @@ class Lint {
     }
   }
 
-  // How many of the truth's boxes match one of the results when those get other frames and classes.
-  long matches_when_shifted(long frames, int classes) const {
-    long matches = 0;
-    auto first = result_.rows.begin();
-    for (const MotRow& truth : truth_.rows) {
-      while (first != result_.rows.end() && first->frame + frames < truth.frame) {
-        ++first;
-      }
-      for (auto row = first; row != result_.rows.end() && row->frame + frames == truth.frame;
-           ++row) {
-        if (row->class_id + classes == truth.class_id &&
-            reaches(overlap_of(row->box, truth.box), kMatchOverlap)) {
-          ++matches;
-          break;
-        }
-      }
+  // How many of the truth's boxes match one of the results when those get another frame, for each
+  // of the given additions to the results' classes.
+  std::vector<long> matches_when_shifted(long frames, const std::vector<int>& additions) const {
+    std::vector<long> matches(additions.size(), 0);
+    auto result = result_.rows.cbegin();
+    for (auto truth = truth_.rows.cbegin(); truth != truth_.rows.cend();) {
+      const auto truths = rows_of_frame(truth, truth_.rows.end(), truth->frame);
+      const auto results = rows_of_frame(result, result_.rows.end(), truth->frame - frames);
+      add_matches(truths, results, additions, &matches);
+      truth = truths.second;
+      result = results.second;
     }
     return matches;
   }
 
+  using Rows = std::pair<std::vector<MotRow>::const_iterator, std::vector<MotRow>::const_iterator>;
+
+  // Requires: frames ascend from begin to end.
+  static Rows rows_of_frame(std::vector<MotRow>::const_iterator begin,
+                            std::vector<MotRow>::const_iterator end, long frame) {
+    begin = std::find_if(begin, end, [&](const MotRow& row) { return row.frame >= frame; });
+    return {begin, std::find_if(begin, end, [&](const MotRow& row) { return row.frame > frame; })};
+  }
+
+  static std::vector<Box> boxes_of(const Rows& rows) {
+    std::vector<Box> boxes;
+    std::transform(rows.first, rows.second, std::back_inserter(boxes),
+                   [](const MotRow& row) { return row.box; });
+    return boxes;
+  }
+
+  static void add_matches(const Rows& truths, const Rows& results,
+                          const std::vector<int>& additions, std::vector<long>* matches) {
+    const auto pairs = matching_pairs(overlaps_between(boxes_of(truths), boxes_of(results)));
+    constexpr std::size_t kNone = std::numeric_limits<std::size_t>::max();
+    std::vector<std::size_t> counted(additions.size(), kNone);  // the row counted last
+    for (const WeightedPair& pair : pairs) {
+      const int wanted = (truths.first + static_cast<long>(pair.row))->class_id;
+      const int found = (results.first + static_cast<long>(pair.column))->class_id;
+      for (std::size_t i = 0; i < additions.size(); ++i) {
+        if (found + additions[i] == wanted && counted[i] != pair.row) {
+          counted[i] = pair.row;
+          ++(*matches)[i];
+        }
+      }
+    }
+  }
+
   void find_shifts() {
-    const long now = matches_when_shifted(0, 0);
+    const std::vector<long> by_class = matches_when_shifted(0, {-1, 0, 1});
     for (const int shift : {-1, 1}) {
-      find_shift("frames_shifted", "frame number", "first column", shift, now,
-                 matches_when_shifted(shift, 0));
-      find_shift("class_ids_shifted", "class id", "eighth column", shift, now,
-                 matches_when_shifted(0, shift));
+      find_shift("frames_shifted", "frame number", "first column", shift, by_class[1],
+                 matches_when_shifted(shift, {0}).front());
+      find_shift("class_ids_shifted", "class id", "eighth column", shift, by_class[1],
+                 by_class[shift < 0 ? 0 : 2]);
     }
   }
 

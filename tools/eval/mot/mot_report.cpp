@@ -27,14 +27,14 @@ struct TableRow {
 std::vector<TableRow> table_rows(const MotReport& report) {
   std::vector<TableRow> rows;
   for (const MotClipReport& clip : report.clips) {
-    rows.push_back({clip.name, &clip.scores});
+    rows.push_back({clip.name, &clip.measured.scores});
   }
   if (report.clips.size() > 1) {
     rows.push_back({"combined", &report.combined});
   }
   for (const auto& [class_id, scores] : report.per_class) {
     if (report.per_class.size() > 1) {
-      rows.push_back({"class " + std::to_string(class_id), &scores});
+      rows.push_back({class_title(report.class_names, class_id), &scores});
     }
   }
   // The ends of long names tell them apart.
@@ -104,6 +104,22 @@ Json values_of(const MotScores& scores) {
   return {{"metrics", metrics_json(mot_metrics(scores))}, {"counts", std::move(counts)}};
 }
 
+// A list of values per part of HOTA, by overlap; null without truth.
+Json curve_json(const MotScores& scores) {
+  if (scores.hota.truths == 0) {
+    return nullptr;
+  }
+  Json lists = Json::object();
+  const auto curve = hota_curve(scores.hota);
+  for (std::size_t i = 0; i < kHotaThresholds; ++i) {
+    lists["overlap"].push_back(hota_threshold(i));
+    for (const Metric& metric : hota_metrics(curve[i])) {
+      lists[metric.name].push_back(*metric.value);
+    }
+  }
+  return lists;
+}
+
 Json spans_of(const std::vector<FrameSpan>& spans) {
   Json list = Json::array();
   for (const FrameSpan& span : spans) {
@@ -112,7 +128,13 @@ Json spans_of(const std::vector<FrameSpan>& spans) {
   return list;
 }
 
-Json object_of(const ClipObject& object, const std::vector<FoundRun>& runs) {
+Json name_json(const ClassNames& names, int class_id) {
+  const auto name = names.find(class_id);
+  return name == names.end() ? Json(nullptr) : Json(name->second);
+}
+
+Json object_of(const ClassNames& names, const ClipObject& object,
+               const std::vector<FoundRun>& runs) {
   long first = object.present.empty() ? object.ignored.front().first : object.present.front().first;
   long last = first;
   for (const auto* spans : {&object.present, &object.ignored}) {
@@ -128,18 +150,27 @@ Json object_of(const ClipObject& object, const std::vector<FoundRun>& runs) {
   }
   return {{"truth_id", object.id},
           {"class", object.class_id},
+          {"class_name", name_json(names, object.class_id)},
           {"first", first},
           {"last", last},
           {"ignored", spans_of(object.ignored)},
           {"runs", std::move(list)}};
 }
 
-Json clip_of(const MotClipReport& clip) {
+Json clip_of(const ClassNames& names, const MotClipReport& clip) {
   Json json = {{"name", clip.name}, {"truth", clip.truth_path}, {"result", clip.result_path}};
-  json.update(values_of(clip.scores));
+  json.update(values_of(clip.measured.scores));
   json["objects"] = Json::array();
   for (std::size_t i = 0; i < clip.objects.size(); ++i) {
-    json["objects"].push_back(object_of(clip.objects[i], clip.runs[i]));
+    json["objects"].push_back(object_of(names, clip.objects[i], clip.measured.runs[i]));
+  }
+  json["false_tracks"] = Json::array();
+  for (const FalseTrack& track : clip.measured.false_tracks) {
+    json["false_tracks"].push_back({{"result_id", track.result_id},
+                                    {"class", track.class_id},
+                                    {"class_name", name_json(names, track.class_id)},
+                                    {"finds_an_object", track.finds_an_object},
+                                    {"frames", spans_of(track.frames)}});
   }
   return json;
 }
@@ -147,7 +178,7 @@ Json clip_of(const MotClipReport& clip) {
 Json classes_json(const MotReport& report) {
   Json list = Json::array();
   for (const auto& [class_id, scores] : report.per_class) {
-    Json entry = {{"class", class_id}};
+    Json entry = {{"class", class_id}, {"name", name_json(report.class_names, class_id)}};
     entry.update(values_of(scores));
     list.push_back(std::move(entry));
   }
@@ -168,9 +199,10 @@ std::string mot_report_json(const MotReport& report, const std::vector<MetricMin
   }
   json["clips"] = Json::array();
   for (const MotClipReport& clip : report.clips) {
-    json["clips"].push_back(clip_of(clip));
+    json["clips"].push_back(clip_of(report.class_names, clip));
   }
   json["combined"] = values_of(report.combined);
+  json["combined"]["over_overlap"] = curve_json(report.combined);
   json["per_class"] = classes_json(report);
   return evaluation_json(json, report.findings, minimums, mot_metrics(report.combined));
 }

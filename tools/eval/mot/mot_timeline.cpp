@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "tools/common/evaluation.h"
 #include "tools/common/text.h"
@@ -15,7 +16,7 @@ namespace {
 // Pixels.
 constexpr double kLabelsWidth = 130;
 constexpr double kRightMargin = 40;
-constexpr double kHeaderHeight = 70;
+constexpr double kHeaderHeight = 86;
 constexpr double kRowHeight = 28;
 constexpr double kBarTop = 12;  // in a row; ids stand above the bars
 constexpr double kBarHeight = 9;
@@ -24,6 +25,7 @@ constexpr double kPlotNarrowest = 900;
 constexpr double kPlotWidest = 12000;
 constexpr double kFrameWidth = 2;  // wanted, within those
 constexpr double kTickDistance = 60;
+constexpr std::size_t kNameMost = 12;  // letters that fit beside an object's row
 
 // Neighbouring ids get far apart hues: steps of the golden angle never come near each other soon.
 std::string colour_of(long result_id) {
@@ -41,10 +43,25 @@ long tick_step(double frames_per_tick) {
   return step;
 }
 
+// Bars of false boxes; the lighter ones are of ids that find an object in other frames.
+constexpr char kFalseColour[] = "#d00000";
+constexpr char kPartlyFalseColour[] = "#f0a0a0";
+
+// Of classes that the results have; all without results.
+std::vector<std::size_t> drawn_objects(const MotClip& clip) {
+  std::vector<std::size_t> drawn;
+  for (std::size_t i = 0; i < clip.objects.size(); ++i) {
+    if (clip.result_classes.empty() || clip.result_classes.count(clip.objects[i].class_id) > 0) {
+      drawn.push_back(i);
+    }
+  }
+  return drawn;
+}
+
 class Timeline {
  public:
-  Timeline(const MotClip& clip, const std::vector<std::vector<FoundRun>>& runs)
-      : clip_(clip), runs_(runs) {
+  Timeline(const ClassNames& names, const MotClip& clip, const MotMeasurement& measured)
+      : names_(names), clip_(clip), measured_(measured), drawn_(drawn_objects(clip)) {
     if (!clip.frames.empty()) {
       frames_ = {clip.frames.front().number, clip.frames.back().number};
     }
@@ -54,14 +71,25 @@ class Timeline {
   }
 
   std::string draw(const std::string& title) {
+    const std::size_t false_rows =
+        measured_.false_tracks.empty() ? 0 : measured_.false_tracks.size() + 1;  // and a heading
     const double width = kLabelsWidth + plot_width_ + kRightMargin;
     const double height =
-        kHeaderHeight + kRowHeight * static_cast<double>(clip_.objects.size()) + 10;
+        kHeaderHeight + kRowHeight * static_cast<double>(drawn_.size() + false_rows) + 10;
     svg_ = svg_element("text", "x=\"8\" y=\"18\" font-size=\"13\"", xml_text(title));
     draw_legend();
     draw_ticks(height);
-    for (std::size_t i = 0; i < clip_.objects.size(); ++i) {
-      draw_object(clip_.objects[i], runs_[i], kHeaderHeight + kRowHeight * static_cast<double>(i));
+    double top = kHeaderHeight;
+    for (const std::size_t i : drawn_) {
+      draw_object(clip_.objects[i], measured_.runs[i], top);
+      top += kRowHeight;
+    }
+    if (false_rows > 0) {
+      draw_text(8, top + kBarTop + kBarHeight, " font-weight=\"bold\"", "false boxes, by id");
+    }
+    for (const FalseTrack& track : measured_.false_tracks) {
+      top += kRowHeight;
+      draw_false_track(track, top);
     }
     return svg_document(width, height, 11, svg_);
   }
@@ -109,6 +137,37 @@ class Timeline {
     draw_text(356, kTextLine, "", "to be ignored");
     draw_switch(450, kTop);
     draw_text(458, kTextLine, "", "id switch");
+    draw_bar(530, 560, kTop, kFalseColour, "false");
+    draw_text(566, kTextLine, "", "false, of an id that finds no object");
+    draw_bar(775, 805, kTop, kPartlyFalseColour, "false");
+    draw_text(811, kTextLine, "", "false, of an id that does at times");
+    const std::string left_out = left_out_text();
+    if (!left_out.empty()) {
+      draw_text(8, kTextLine + 14, " fill=\"#606060\"", left_out);
+    }
+  }
+
+  // "left out, never in the result: head (12 objects)", or nothing.
+  std::string left_out_text() const {
+    std::map<int, std::size_t> left_out;
+    for (const ClipObject& object : clip_.objects) {
+      ++left_out[object.class_id];
+    }
+    for (const std::size_t i : drawn_) {
+      --left_out[clip_.objects[i].class_id];
+    }
+    std::vector<std::string> classes;
+    for (const auto& [class_id, count] : left_out) {
+      if (count > 0) {
+        classes.push_back(class_title(names_, class_id) + " (" +
+                          counted(count, "object", "objects") + ")");
+      }
+    }
+    constexpr std::size_t kLetters = 150;
+    return classes.empty()
+               ? std::string()
+               : xml_text(shortened("left out, never in the result: " + join(classes, ", "),
+                                    kLetters, "…"));
   }
 
   void draw_ticks(double height) {
@@ -124,11 +183,27 @@ class Timeline {
               "frame");
   }
 
+  void draw_label(int class_id, long id, double bar_top) {
+    draw_text(kLabelsWidth - 8, bar_top + kBarHeight, " text-anchor=\"end\"",
+              xml_text(shortened(class_title(names_, class_id), kNameMost, "…")) + "  id " +
+                  std::to_string(id));
+  }
+
+  void draw_false_track(const FalseTrack& track, double top) {
+    const double bar_top = top + kBarTop;
+    draw_label(track.class_id, track.result_id, bar_top);
+    for (const FrameSpan& span : track.frames) {
+      draw_bar(x_of(span.first), x_of(span.last + 1), bar_top,
+               track.finds_an_object ? kPartlyFalseColour : kFalseColour,
+               "id " + std::to_string(track.result_id) + ", false in frames " +
+                   std::to_string(span.first) + " to " + std::to_string(span.last));
+    }
+  }
+
   void draw_object(const ClipObject& object, const std::vector<FoundRun>& runs, double top) {
     const double bar_top = top + kBarTop;
     const double middle = bar_top + kBarHeight / 2;
-    draw_text(kLabelsWidth - 8, bar_top + kBarHeight, " text-anchor=\"end\"",
-              "class " + std::to_string(object.class_id) + "  id " + std::to_string(object.id));
+    draw_label(object.class_id, object.id, bar_top);
     for (const FrameSpan& span : object.ignored) {
       draw_line(x_of(span.first), x_of(span.last + 1), middle, middle, kIgnoredStroke);
     }
@@ -156,8 +231,10 @@ class Timeline {
   static constexpr char kIgnoredStroke[] =
       "stroke=\"#c8c8c8\" stroke-width=\"2\" stroke-dasharray=\"2 3\"";
 
+  const ClassNames& names_;
   const MotClip& clip_;
-  const std::vector<std::vector<FoundRun>>& runs_;
+  const MotMeasurement& measured_;
+  std::vector<std::size_t> drawn_;  // of the clip's objects
   FrameSpan frames_ = {1, 1};
   double plot_width_ = 0;
   double frame_width_ = 0;
@@ -166,9 +243,9 @@ class Timeline {
 
 }  // namespace
 
-std::string timeline_svg(const std::string& title, const MotClip& clip,
-                         const std::vector<std::vector<FoundRun>>& runs) {
-  return Timeline(clip, runs).draw(title);
+std::string timeline_svg(const std::string& title, const ClassNames& names, const MotClip& clip,
+                         const MotMeasurement& measured) {
+  return Timeline(names, clip, measured).draw(title);
 }
 
 }  // namespace olvex_tools
