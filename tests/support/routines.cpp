@@ -60,6 +60,11 @@ void log_count(int count) {
   OLVEX_INFO_FORMAT("detect box num is %d\n", count);
 }
 
+void log_values(const char* text, int count, double value) {
+  OLVEX_INFO_FORMAT("%s[%d] is %f, 100 %% of %x\n", text, count, value, 0u);
+  OLVEX_INFO_FORMAT("%s[%d] is %f\n", text, count, value);
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES() {
@@ -78,6 +83,7 @@ extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES
                                     stabilise,
                                     log_text,
                                     log_count,
+                                    log_values,
                                     ALGO_DET_CreateHandle,
                                     ALGO_DET_InitHandle,
                                     ALGO_DET_SetTracker2,

@@ -37,9 +37,10 @@ struct Routines {
   void (*stabilise)(olvex::vector<BoxInfo>& boxes, const olvex::vector<BoxInfo>& previous,
                     float sensitivity);
 
-  // One log line of this library, without and with an argument.
+  // One log line of this library, without and with an argument, and with one of each usual kind.
   void (*log_text)();
   void (*log_count)(int count);
+  void (*log_values)(const char* text, int count, double value);
 
   // The public functions.
   QV_S32 (*create_handle)(void** handle);
