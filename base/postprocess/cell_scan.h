@@ -6,10 +6,14 @@
 #ifndef BASE_POSTPROCESS_CELL_SCAN_H
 #define BASE_POSTPROCESS_CELL_SCAN_H
 
+#include <float.h>
 #include <math.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#if defined(__arm__) && defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 #include "utils/numeric/lanes.h"
 
@@ -24,7 +28,16 @@ struct CellGrid {
 
 namespace cell_scan {
 
-// ---- Tests of one cell: the mask of the logits that reach the threshold -------------------------
+// ---- What a cell is asked -----------------------------------------------------------------------
+//
+// The highest values of several cells are found first, lane by lane, and compared with the threshold at the
+// end: one operation for each vector less than comparing each. A test has
+//   lowest()             what is below every threshold, in all lanes
+//   kCellsPerBranch, kChains  how many cells are asked at once, by how many independent chains of maxima
+//   load(values)         the lanes that begin there
+//   highest(some, others)
+//   at_each(look)        calls look(offset) for what has to be loaded of a cell
+//   reaches(highest)     whether any lane does
 
 // What the next two share: at least as many classes as lanes. The last lanes overlap the ones
 // before instead of leaving the cell.
@@ -32,18 +45,20 @@ template <typename Reach>
 class VectorCell {
  public:
   typedef typename Reach::Element Element;
-  typedef typename Reach::Mask Mask;
+  typedef typename Reach::Values Values;
   static const size_t kCellsPerBranch = 4;
+  static const size_t kChains = 4;
+
+  static Values lowest() { return Reach::lowest(); }
+  static Values load(const Element* values) { return Reach::load(values); }
+  static Values highest(Values some, Values others) { return Reach::highest(some, others); }
+  bool reaches(Values highest) const { return olvex::any(reach_(highest)); }
 
  protected:
   VectorCell(const CellGrid& grid, const Reach& reach)
       : first_(grid.first_class),
         last_(grid.first_class + grid.num_classes - Reach::kLanes),
         reach_(reach) {}
-
-  Mask at(const Element* values) const {
-    return reach_(olvex::load<typename Reach::Values>(values));
-  }
 
   size_t first_;
   size_t last_;
@@ -58,8 +73,10 @@ class PairCell : public VectorCell<Reach> {
  public:
   PairCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
 
-  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
-    return this->at(cell + this->first_) | this->at(cell + this->last_);
+  template <typename Look>
+  void at_each(const Look& look) const {
+    look(this->first_);
+    look(this->last_);
   }
 };
 
@@ -69,46 +86,44 @@ class WideCell : public VectorCell<Reach> {
  public:
   WideCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
 
-  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
-    const size_t lanes = Reach::kLanes;
-    typename Reach::Mask mask = this->at(cell + this->last_);
-    size_t k = this->first_;
-    for (; k + 4 * lanes <= this->last_; k += 4 * lanes) {
-      mask |= (this->at(cell + k) | this->at(cell + k + lanes)) |
-              (this->at(cell + k + 2 * lanes) | this->at(cell + k + 3 * lanes));
+  template <typename Look>
+  void at_each(const Look& look) const {
+    for (size_t k = this->first_; k < this->last_; k += Reach::kLanes) {
+      look(k);
     }
-    for (; k < this->last_; k += lanes) {
-      mask |= this->at(cell + k);
-    }
-    return mask;
+    look(this->last_);
   }
 };
 
-#if defined(__arm__)
-// The bits of floats, compared as integers: the vector unit's own comparison of floats takes
-// denormal numbers for zero.
+#if defined(__arm__) && defined(__ARM_NEON)
+// The vector unit's own maximum takes denormal numbers for zero and passes NaN on. It does not compare floats
+// for these reasons, so that the bits of the highest are compared as integers.
 //
 // Non-negative floats are ordered like their bits, and negative ones have a negative integer. For a
 // threshold above zero that is all. For another, flipping all bits but the sign puts the negative
-// numbers down to the threshold above it, too, together with all non-negative ones. A NaN may count
-// as reaching; the closer look refuses it.
+// numbers down to the threshold above it, too, together with all non-negative ones. A NaN, and a denormal
+// number, may count as reaching; the closer look refuses it.
 class Fp32Reach {
  public:
   typedef float Element;
-  typedef olvex::Int32x4 Values;
-  typedef olvex::Int32x4 Mask;
+  typedef float32x4_t Values;
   static const size_t kLanes = 4;
 
   explicit Fp32Reach(float threshold) {
-    // Both zeros are one number: the negative one is the lower in this order.
-    const float lowest = threshold == 0.0f ? -0.0f : threshold;
+    // The lowest of the numbers that are taken for zero.
+    const float lowest = threshold >= 0.0f && threshold < FLT_MIN ? -0.0f : threshold;
     int32_t bits;
     memcpy(&bits, &lowest, sizeof(bits));
-    flip_ = threshold > 0.0f ? 0 : INT32_MAX;
+    flip_ = lowest > 0.0f ? 0 : INT32_MAX;
     below_ = (bits ^ flip_) - 1;
   }
 
-  Mask operator()(Values bits) const { return (bits ^ flip_) > below_; }
+  static Values lowest() { return vdupq_n_f32(-INFINITY); }
+  static Values load(const float* values) { return vld1q_f32(values); }
+  static Values highest(Values some, Values others) { return vmaxq_f32(some, others); }
+  olvex::Int32x4 operator()(Values highest) const {
+    return (reinterpret_cast<olvex::Int32x4>(highest) ^ flip_) > below_;
+  }
 
  private:
   int32_t flip_;
@@ -124,7 +139,10 @@ class Fp32Reach {
 
   explicit Fp32Reach(float threshold) : threshold_(threshold) {}
 
-  Mask operator()(Values values) const { return values >= threshold_; }
+  static Values lowest() { return olvex::splat(-INFINITY); }
+  static Values load(const float* values) { return olvex::load<Values>(values); }
+  static Values highest(Values some, Values others) { return olvex::highest(some, others); }
+  Mask operator()(Values highest) const { return highest >= threshold_; }
 
  private:
   float threshold_;
@@ -135,7 +153,9 @@ class Fp32Reach {
 class NarrowFp32Cell {
  public:
   typedef float Element;
+  typedef Fp32Reach::Values Values;
   static const size_t kCellsPerBranch = 8;
+  static const size_t kChains = 2;
 
   NarrowFp32Cell(const CellGrid& grid, const Fp32Reach& reach)
       : reach_(reach), first_(grid.first_class + grid.num_classes - Fp32Reach::kLanes) {
@@ -144,8 +164,14 @@ class NarrowFp32Cell {
     }
   }
 
-  olvex::Int32x4 operator()(const float* cell) const {
-    return reach_(olvex::load<Fp32Reach::Values>(cell + first_)) & is_class_;
+  static Values lowest() { return Fp32Reach::lowest(); }
+  static Values load(const float* values) { return Fp32Reach::load(values); }
+  static Values highest(Values some, Values others) { return Fp32Reach::highest(some, others); }
+  bool reaches(Values highest) const { return olvex::any(reach_(highest) & is_class_); }
+
+  template <typename Look>
+  void at_each(const Look& look) const {
+    look(first_);
   }
 
  private:
@@ -163,7 +189,14 @@ class Int16Reach {
 
   // Everything above `below` reaches.
   explicit Int16Reach(int16_t below) : below_(below) {}
-  Mask operator()(Values values) const { return values > below_; }
+  static Values lowest() {
+    const int16_t value = INT16_MIN;
+    const Values lanes = {value, value, value, value, value, value, value, value};
+    return lanes;
+  }
+  static Values load(const int16_t* values) { return olvex::load<Values>(values); }
+  static Values highest(Values some, Values others) { return olvex::highest(some, others); }
+  Mask operator()(Values highest) const { return highest > below_; }
 
  private:
   int16_t below_;
@@ -174,7 +207,9 @@ class Int16Reach {
 class NarrowInt16Cell {
  public:
   typedef int16_t Element;
+  typedef Int16Reach::Values Values;
   static const size_t kCellsPerBranch = 8;
+  static const size_t kChains = 2;
 
   NarrowInt16Cell(const CellGrid& grid, const Int16Reach& reach)
       : reach_(reach), last_(grid.first_class + grid.num_classes - kHalf) {
@@ -185,10 +220,18 @@ class NarrowInt16Cell {
     }
   }
 
-  olvex::Int16x8 operator()(const int16_t* cell) const {
+  static Values lowest() { return Int16Reach::lowest(); }
+  Values load(const int16_t* cell) const {
     const olvex::Int64x2 halves = {olvex::load<int64_t>(cell + first_),
                                    olvex::load<int64_t>(cell + last_)};
-    return reach_(reinterpret_cast<olvex::Int16x8>(halves)) & is_class_;
+    return reinterpret_cast<Values>(halves);
+  }
+  static Values highest(Values some, Values others) { return Int16Reach::highest(some, others); }
+  bool reaches(Values highest) const { return olvex::any(reach_(highest) & is_class_); }
+
+  template <typename Look>
+  void at_each(const Look& look) const {
+    look(0);
   }
 
  private:
@@ -209,11 +252,38 @@ void visit_all(const CellGrid& grid, Visitor& visit) {
   }
 }
 
+// Whether any of kCells cells reaches.
+template <size_t kCells, typename CellTest>
+__attribute__((always_inline)) inline bool any_reaches(const typename CellTest::Element* cells,
+                                                       size_t channels, const CellTest& test) {
+  typedef typename CellTest::Values Values;
+  const size_t kChains = kCells < CellTest::kChains ? kCells : CellTest::kChains;
+  Values chains[kChains];
+  for (size_t c = 0; c < kChains; ++c) {
+    chains[c] = test.lowest();
+  }
+  test.at_each([&](size_t offset) {
+    const typename CellTest::Element* cell = cells + offset;
+#pragma GCC unroll 8
+    for (size_t c = 0; c < kCells; ++c) {
+      Values& chain = chains[c % kChains];
+      chain = test.highest(test.load(cell), chain);
+      cell += channels;
+    }
+  });
+#pragma GCC unroll 4
+  for (size_t c = 1; c < kChains; ++c) {
+    chains[0] = test.highest(chains[c], chains[0]);
+  }
+  return test.reaches(chains[0]);
+}
+
 template <typename CellTest, typename Visitor>
-void visit_tested(const typename CellTest::Element* values, size_t channels, const CellTest& test,
-                  size_t first, size_t end, Visitor& visit) {
+__attribute__((noinline)) void visit_tested(const typename CellTest::Element* values,
+                                            size_t channels, const CellTest& test, size_t first,
+                                            size_t end, Visitor& visit) {
   for (size_t cell = first; cell < end; ++cell) {
-    if (olvex::any(test(values + cell * channels))) {
+    if (any_reaches<1>(values + cell * channels, channels, test)) {
       visit(cell);
     }
   }
@@ -228,11 +298,7 @@ void scan(const typename CellTest::Element* values, const CellGrid& grid, const 
   size_t cell = 0;
   const typename CellTest::Element* p = values;
   for (; cell + at_once <= grid.cells; cell += at_once) {
-    auto mask = test(p);
-    for (size_t k = 1; k < at_once; ++k) {
-      mask |= test(p + k * channels);
-    }
-    if (olvex::any(mask)) {
+    if (any_reaches<at_once>(p, channels, test)) {
       visit_tested(values, channels, test, cell, cell + at_once, visit);
     }
     p += at_once * channels;

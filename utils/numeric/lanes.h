@@ -78,6 +78,13 @@ Lanes load(const Element* from) {
   return lanes;
 }
 
+// The higher of each two numbers; NaN in the first is passed over.
+// Requires: no NaN in the second.
+template <typename Lanes>
+Lanes highest(Lanes some, Lanes others) {
+  return some > others ? some : others;
+}
+
 // Whether any lane of a comparison's result is set.
 inline bool any(bool mask) {
   return mask;
