@@ -2,248 +2,17 @@
 // cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every
 // class logit of every frame, so it is written for speed alone and decides nothing: it calls a
 // visitor for each cell with a logit that reaches the threshold, and occasionally for one without.
-// cell_candidates.cpp supplies the visitor.
+// cell_candidates.cpp supplies the visitor, cell_reach.h has what is asked of a cell.
 #ifndef BASE_POSTPROCESS_CELL_SCAN_H
 #define BASE_POSTPROCESS_CELL_SCAN_H
 
-#include <float.h>
 #include <math.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <string.h>
-#if defined(__arm__) && defined(__ARM_NEON)
-#include <arm_neon.h>
-#endif
 
-#include "utils/numeric/lanes.h"
-
-// The layout of a layer: cells one after the other, of `channels` values each. The four box
-// distances before the classes make first_class at least 4.
-struct CellGrid {
-  size_t cells;
-  size_t channels;
-  size_t first_class;
-  size_t num_classes;
-};
+#include "base/postprocess/cell_reach.h"
 
 namespace cell_scan {
-
-// ---- What a cell is asked -----------------------------------------------------------------------
-//
-// The highest values of several cells are found first, lane by lane, and compared with the threshold at the
-// end: one operation for each vector less than comparing each. A test has
-//   lowest()             what is below every threshold, in all lanes
-//   kCellsPerBranch, kChains  how many cells are asked at once, by how many independent chains of maxima
-//   load(values)         the lanes that begin there
-//   highest(some, others)
-//   at_each(look)        calls look(offset) for what has to be loaded of a cell
-//   reaches(highest)     whether any lane does
-
-// What the next two share: at least as many classes as lanes. The last lanes overlap the ones
-// before instead of leaving the cell.
-template <typename Reach>
-class VectorCell {
- public:
-  typedef typename Reach::Element Element;
-  typedef typename Reach::Values Values;
-  static const size_t kCellsPerBranch = 4;
-  static const size_t kChains = 4;
-
-  static Values lowest() { return Reach::lowest(); }
-  static Values load(const Element* values) { return Reach::load(values); }
-  static Values highest(Values some, Values others) { return Reach::highest(some, others); }
-  bool reaches(Values highest) const { return olvex::any(reach_(highest)); }
-
- protected:
-  VectorCell(const CellGrid& grid, const Reach& reach)
-      : first_(grid.first_class),
-        last_(grid.first_class + grid.num_classes - Reach::kLanes),
-        reach_(reach) {}
-
-  size_t first_;
-  size_t last_;
-
- private:
-  Reach reach_;
-};
-
-// From one to two vectors of classes.
-template <typename Reach>
-class PairCell : public VectorCell<Reach> {
- public:
-  PairCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
-
-  template <typename Look>
-  void at_each(const Look& look) const {
-    look(this->first_);
-    look(this->last_);
-  }
-};
-
-// More classes.
-template <typename Reach>
-class WideCell : public VectorCell<Reach> {
- public:
-  WideCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
-
-  template <typename Look>
-  void at_each(const Look& look) const {
-    for (size_t k = this->first_; k < this->last_; k += Reach::kLanes) {
-      look(k);
-    }
-    look(this->last_);
-  }
-};
-
-#if defined(__arm__) && defined(__ARM_NEON)
-// The vector unit's own maximum takes denormal numbers for zero and passes NaN on. It does not compare floats
-// for these reasons, so that the bits of the highest are compared as integers.
-//
-// Non-negative floats are ordered like their bits, and negative ones have a negative integer. For a
-// threshold above zero that is all. For another, flipping all bits but the sign puts the negative
-// numbers down to the threshold above it, too, together with all non-negative ones. A NaN, and a denormal
-// number, may count as reaching; the closer look refuses it.
-class Fp32Reach {
- public:
-  typedef float Element;
-  typedef float32x4_t Values;
-  static const size_t kLanes = 4;
-
-  explicit Fp32Reach(float threshold) {
-    // The lowest of the numbers that are taken for zero.
-    const float lowest = threshold >= 0.0f && threshold < FLT_MIN ? -0.0f : threshold;
-    int32_t bits;
-    memcpy(&bits, &lowest, sizeof(bits));
-    flip_ = lowest > 0.0f ? 0 : INT32_MAX;
-    below_ = (bits ^ flip_) - 1;
-  }
-
-  static Values lowest() { return vdupq_n_f32(-INFINITY); }
-  static Values load(const float* values) { return vld1q_f32(values); }
-  static Values highest(Values some, Values others) { return vmaxq_f32(some, others); }
-  olvex::Int32x4 operator()(Values highest) const {
-    return (reinterpret_cast<olvex::Int32x4>(highest) ^ flip_) > below_;
-  }
-
- private:
-  int32_t flip_;
-  int32_t below_;
-};
-#else
-class Fp32Reach {
- public:
-  typedef float Element;
-  typedef olvex::Floats Values;
-  typedef olvex::FloatsMask Mask;
-  static const size_t kLanes = olvex::kFloatLanes;
-
-  explicit Fp32Reach(float threshold) : threshold_(threshold) {}
-
-  static Values lowest() { return olvex::splat(-INFINITY); }
-  static Values load(const float* values) { return olvex::load<Values>(values); }
-  static Values highest(Values some, Values others) { return olvex::highest(some, others); }
-  Mask operator()(Values highest) const { return highest >= threshold_; }
-
- private:
-  float threshold_;
-};
-#endif
-
-// One to three classes: their lanes begin in the box distances, which are masked out.
-class NarrowFp32Cell {
- public:
-  typedef float Element;
-  typedef Fp32Reach::Values Values;
-  static const size_t kCellsPerBranch = 8;
-  static const size_t kChains = 2;
-
-  NarrowFp32Cell(const CellGrid& grid, const Fp32Reach& reach)
-      : reach_(reach), first_(grid.first_class + grid.num_classes - Fp32Reach::kLanes) {
-    for (size_t k = 0; k < Fp32Reach::kLanes; ++k) {
-      is_class_[k] = k + grid.num_classes >= Fp32Reach::kLanes ? -1 : 0;
-    }
-  }
-
-  static Values lowest() { return Fp32Reach::lowest(); }
-  static Values load(const float* values) { return Fp32Reach::load(values); }
-  static Values highest(Values some, Values others) { return Fp32Reach::highest(some, others); }
-  bool reaches(Values highest) const { return olvex::any(reach_(highest) & is_class_); }
-
-  template <typename Look>
-  void at_each(const Look& look) const {
-    look(first_);
-  }
-
- private:
-  Fp32Reach reach_;
-  size_t first_;
-  olvex::Int32x4 is_class_;
-};
-
-class Int16Reach {
- public:
-  typedef int16_t Element;
-  typedef olvex::Int16x8 Values;
-  typedef olvex::Int16x8 Mask;
-  static const size_t kLanes = 8;
-
-  // Everything above `below` reaches.
-  explicit Int16Reach(int16_t below) : below_(below) {}
-  static Values lowest() {
-    const int16_t value = INT16_MIN;
-    const Values lanes = {value, value, value, value, value, value, value, value};
-    return lanes;
-  }
-  static Values load(const int16_t* values) { return olvex::load<Values>(values); }
-  static Values highest(Values some, Values others) { return olvex::highest(some, others); }
-  Mask operator()(Values highest) const { return highest > below_; }
-
- private:
-  int16_t below_;
-};
-
-// One to seven classes: two half vectors that end with the fourth and with the last class. The
-// lanes of the first that begin in the box distances are masked out.
-class NarrowInt16Cell {
- public:
-  typedef int16_t Element;
-  typedef Int16Reach::Values Values;
-  static const size_t kCellsPerBranch = 8;
-  static const size_t kChains = 2;
-
-  NarrowInt16Cell(const CellGrid& grid, const Int16Reach& reach)
-      : reach_(reach), last_(grid.first_class + grid.num_classes - kHalf) {
-    const size_t in_first = grid.num_classes < kHalf ? grid.num_classes : kHalf;
-    first_ = grid.first_class + in_first - kHalf;
-    for (size_t k = 0; k < kHalf; ++k) {
-      is_class_[k] = is_class_[k + kHalf] = k + in_first >= kHalf ? -1 : 0;
-    }
-  }
-
-  static Values lowest() { return Int16Reach::lowest(); }
-  Values load(const int16_t* cell) const {
-    const olvex::Int64x2 halves = {olvex::load<int64_t>(cell + first_),
-                                   olvex::load<int64_t>(cell + last_)};
-    return reinterpret_cast<Values>(halves);
-  }
-  static Values highest(Values some, Values others) { return Int16Reach::highest(some, others); }
-  bool reaches(Values highest) const { return olvex::any(reach_(highest) & is_class_); }
-
-  template <typename Look>
-  void at_each(const Look& look) const {
-    look(0);
-  }
-
- private:
-  static const size_t kHalf = 4;
-
-  Int16Reach reach_;
-  size_t first_;
-  size_t last_;
-  olvex::Int16x8 is_class_;
-};
-
-// ---- The pass over a layer ----------------------------------------------------------------------
 
 template <typename Visitor>
 void visit_all(const CellGrid& grid, Visitor& visit) {
@@ -289,21 +58,48 @@ __attribute__((noinline)) void visit_tested(const typename CellTest::Element* va
   }
 }
 
-// Few cells reach: one branch passes over several that do not, the more the smaller the cells are.
+// Few cells reach: one branch passes over several that do not, the more the smaller the cells are. From
+// `cell` on, the first of several of which one reaches, or of the rest at the end.
+template <typename CellTest>
+size_t pass_over(const typename CellTest::Element* values, const CellGrid& grid,
+                 const CellTest& test, size_t cell) {
+  const size_t at_once = CellTest::kCellsPerBranch;
+  const typename CellTest::Element* p = values + cell * grid.channels;
+  while (cell + at_once <= grid.cells && !any_reaches<at_once>(p, grid.channels, test)) {
+    cell += at_once;
+    p += at_once * grid.channels;
+  }
+  return cell;
+}
+
+#if defined(__x86_64__)
+inline size_t pass_over(const float* values, const CellGrid& grid, const WiderFp32Cell& test,
+                        size_t cell) {
+  return test.pass_over_cells(values, grid, cell);
+}
+#endif
+
 template <typename CellTest, typename Visitor>
 void scan(const typename CellTest::Element* values, const CellGrid& grid, const CellTest& test,
           Visitor& visit) {
-  const size_t channels = grid.channels;
   const size_t at_once = CellTest::kCellsPerBranch;
-  size_t cell = 0;
-  const typename CellTest::Element* p = values;
-  for (; cell + at_once <= grid.cells; cell += at_once) {
-    if (any_reaches<at_once>(p, channels, test)) {
-      visit_tested(values, channels, test, cell, cell + at_once, visit);
-    }
-    p += at_once * channels;
+  size_t cell = pass_over(values, grid, test, 0);
+  while (cell + at_once <= grid.cells) {
+    visit_tested(values, grid.channels, test, cell, cell + at_once, visit);
+    cell = pass_over(values, grid, test, cell + at_once);
   }
-  visit_tested(values, channels, test, cell, grid.cells, visit);
+  visit_tested(values, grid.channels, test, cell, grid.cells, visit);
+}
+
+template <typename Visitor>
+void scan_wide(const float* values, const CellGrid& grid, float threshold, Visitor& visit) {
+#if defined(__x86_64__)
+  if (has_wider_lanes()) {
+    scan(values, grid, WiderFp32Cell(grid, threshold), visit);
+    return;
+  }
+#endif
+  scan(values, grid, WideCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
 }
 
 inline bool reaches(int value, float scalar, float threshold) {
@@ -343,7 +139,7 @@ void find_cells(const float* values, const CellGrid& grid, float threshold, Visi
   } else if (grid.num_classes <= 2 * Fp32Reach::kLanes) {
     scan(values, grid, PairCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
   } else {
-    scan(values, grid, WideCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
+    scan_wide(values, grid, threshold, visit);
   }
 }
 

@@ -4,11 +4,16 @@
 #include "tests/support/routines.h"
 
 #include "utils/log/olvex_log.h"
+#include "base/postprocess/cell_reach.h"
 #include "video/det/include/det_schedule.h"
 
 OLVEX_LOG_CLOCK;
 
 namespace {
+
+void leave_wider_lanes_unused(bool unused) {
+  cell_scan::leaves_wider_lanes_unused() = unused;
+}
 
 OlvexIouTracker& as_tracker(void* tracker) {
   return *static_cast<OlvexIouTracker*>(tracker);
@@ -72,6 +77,7 @@ extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES
                                     nms,
                                     det_decode_layers,
                                     nms_sorted_bboxes,
+                                    leave_wider_lanes_unused,
                                     ipu_decode,
                                     create_tracker,
                                     destroy_tracker,

@@ -19,6 +19,8 @@ struct Routines {
   void (*decode_layers)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
   void (*nms_sorted_bboxes)(olvex::vector<BoxInfo>& boxes, olvex::vector<int>& picked,
                             float threshold, unsigned char class_specific);
+  // Whether the scan leaves wider vectors unused that the processor has.
+  void (*leave_wider_lanes_unused)(bool unused);
   // For the benchmarks alone: it has one source for both, and frame_fuzz compares it in whole runs.
   int (*ipu_decode)(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
