@@ -2,205 +2,17 @@
 // cell_scan.h - which cells of a raw output layer are worth a closer look. The scan reads every
 // class logit of every frame, so it is written for speed alone and decides nothing: it calls a
 // visitor for each cell with a logit that reaches the threshold, and occasionally for one without.
-// cell_candidates.cpp supplies the visitor.
+// cell_candidates.cpp supplies the visitor, cell_reach.h has what is asked of a cell.
 #ifndef BASE_POSTPROCESS_CELL_SCAN_H
 #define BASE_POSTPROCESS_CELL_SCAN_H
 
 #include <math.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <string.h>
 
-#include "utils/numeric/lanes.h"
-
-// The layout of a layer: cells one after the other, of `channels` values each. The four box
-// distances before the classes make first_class at least 4.
-struct CellGrid {
-  size_t cells;
-  size_t channels;
-  size_t first_class;
-  size_t num_classes;
-};
+#include "base/postprocess/cell_reach.h"
 
 namespace cell_scan {
-
-// ---- Tests of one cell: the mask of the logits that reach the threshold -------------------------
-
-// What the next two share: at least as many classes as lanes. The last lanes overlap the ones
-// before instead of leaving the cell.
-template <typename Reach>
-class VectorCell {
- public:
-  typedef typename Reach::Element Element;
-  typedef typename Reach::Mask Mask;
-  static const size_t kCellsPerBranch = 4;
-
- protected:
-  VectorCell(const CellGrid& grid, const Reach& reach)
-      : first_(grid.first_class),
-        last_(grid.first_class + grid.num_classes - Reach::kLanes),
-        reach_(reach) {}
-
-  Mask at(const Element* values) const {
-    return reach_(olvex::load<typename Reach::Values>(values));
-  }
-
-  size_t first_;
-  size_t last_;
-
- private:
-  Reach reach_;
-};
-
-// From one to two vectors of classes.
-template <typename Reach>
-class PairCell : public VectorCell<Reach> {
- public:
-  PairCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
-
-  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
-    return this->at(cell + this->first_) | this->at(cell + this->last_);
-  }
-};
-
-// More classes.
-template <typename Reach>
-class WideCell : public VectorCell<Reach> {
- public:
-  WideCell(const CellGrid& grid, const Reach& reach) : VectorCell<Reach>(grid, reach) {}
-
-  typename Reach::Mask operator()(const typename Reach::Element* cell) const {
-    const size_t lanes = Reach::kLanes;
-    typename Reach::Mask mask = this->at(cell + this->last_);
-    size_t k = this->first_;
-    for (; k + 4 * lanes <= this->last_; k += 4 * lanes) {
-      mask |= (this->at(cell + k) | this->at(cell + k + lanes)) |
-              (this->at(cell + k + 2 * lanes) | this->at(cell + k + 3 * lanes));
-    }
-    for (; k < this->last_; k += lanes) {
-      mask |= this->at(cell + k);
-    }
-    return mask;
-  }
-};
-
-#if defined(__arm__)
-// The bits of floats, compared as integers: the vector unit's own comparison of floats takes
-// denormal numbers for zero.
-//
-// Non-negative floats are ordered like their bits, and negative ones have a negative integer. For a
-// threshold above zero that is all. For another, flipping all bits but the sign puts the negative
-// numbers down to the threshold above it, too, together with all non-negative ones. A NaN may count
-// as reaching; the closer look refuses it.
-class Fp32Reach {
- public:
-  typedef float Element;
-  typedef olvex::Int32x4 Values;
-  typedef olvex::Int32x4 Mask;
-  static const size_t kLanes = 4;
-
-  explicit Fp32Reach(float threshold) {
-    // Both zeros are one number: the negative one is the lower in this order.
-    const float lowest = threshold == 0.0f ? -0.0f : threshold;
-    int32_t bits;
-    memcpy(&bits, &lowest, sizeof(bits));
-    flip_ = threshold > 0.0f ? 0 : INT32_MAX;
-    below_ = (bits ^ flip_) - 1;
-  }
-
-  Mask operator()(Values bits) const { return (bits ^ flip_) > below_; }
-
- private:
-  int32_t flip_;
-  int32_t below_;
-};
-#else
-class Fp32Reach {
- public:
-  typedef float Element;
-  typedef olvex::Floats Values;
-  typedef olvex::FloatsMask Mask;
-  static const size_t kLanes = olvex::kFloatLanes;
-
-  explicit Fp32Reach(float threshold) : threshold_(threshold) {}
-
-  Mask operator()(Values values) const { return values >= threshold_; }
-
- private:
-  float threshold_;
-};
-#endif
-
-// One to three classes: their lanes begin in the box distances, which are masked out.
-class NarrowFp32Cell {
- public:
-  typedef float Element;
-  static const size_t kCellsPerBranch = 8;
-
-  NarrowFp32Cell(const CellGrid& grid, const Fp32Reach& reach)
-      : reach_(reach), first_(grid.first_class + grid.num_classes - Fp32Reach::kLanes) {
-    for (size_t k = 0; k < Fp32Reach::kLanes; ++k) {
-      is_class_[k] = k + grid.num_classes >= Fp32Reach::kLanes ? -1 : 0;
-    }
-  }
-
-  olvex::Int32x4 operator()(const float* cell) const {
-    return reach_(olvex::load<Fp32Reach::Values>(cell + first_)) & is_class_;
-  }
-
- private:
-  Fp32Reach reach_;
-  size_t first_;
-  olvex::Int32x4 is_class_;
-};
-
-class Int16Reach {
- public:
-  typedef int16_t Element;
-  typedef olvex::Int16x8 Values;
-  typedef olvex::Int16x8 Mask;
-  static const size_t kLanes = 8;
-
-  // Everything above `below` reaches.
-  explicit Int16Reach(int16_t below) : below_(below) {}
-  Mask operator()(Values values) const { return values > below_; }
-
- private:
-  int16_t below_;
-};
-
-// One to seven classes: two half vectors that end with the fourth and with the last class. The
-// lanes of the first that begin in the box distances are masked out.
-class NarrowInt16Cell {
- public:
-  typedef int16_t Element;
-  static const size_t kCellsPerBranch = 8;
-
-  NarrowInt16Cell(const CellGrid& grid, const Int16Reach& reach)
-      : reach_(reach), last_(grid.first_class + grid.num_classes - kHalf) {
-    const size_t in_first = grid.num_classes < kHalf ? grid.num_classes : kHalf;
-    first_ = grid.first_class + in_first - kHalf;
-    for (size_t k = 0; k < kHalf; ++k) {
-      is_class_[k] = is_class_[k + kHalf] = k + in_first >= kHalf ? -1 : 0;
-    }
-  }
-
-  olvex::Int16x8 operator()(const int16_t* cell) const {
-    const olvex::Int64x2 halves = {olvex::load<int64_t>(cell + first_),
-                                   olvex::load<int64_t>(cell + last_)};
-    return reach_(reinterpret_cast<olvex::Int16x8>(halves)) & is_class_;
-  }
-
- private:
-  static const size_t kHalf = 4;
-
-  Int16Reach reach_;
-  size_t first_;
-  size_t last_;
-  olvex::Int16x8 is_class_;
-};
-
-// ---- The pass over a layer ----------------------------------------------------------------------
 
 template <typename Visitor>
 void visit_all(const CellGrid& grid, Visitor& visit) {
@@ -209,35 +21,85 @@ void visit_all(const CellGrid& grid, Visitor& visit) {
   }
 }
 
+// Whether any of kCells cells reaches.
+template <size_t kCells, typename CellTest>
+__attribute__((always_inline)) inline bool any_reaches(const typename CellTest::Element* cells,
+                                                       size_t channels, const CellTest& test) {
+  typedef typename CellTest::Values Values;
+  const size_t kChains = kCells < CellTest::kChains ? kCells : CellTest::kChains;
+  Values chains[kChains];
+  for (size_t c = 0; c < kChains; ++c) {
+    chains[c] = test.lowest();
+  }
+  test.at_each([&](size_t offset) {
+    const typename CellTest::Element* cell = cells + offset;
+#pragma GCC unroll 8
+    for (size_t c = 0; c < kCells; ++c) {
+      Values& chain = chains[c % kChains];
+      chain = test.highest(test.load(cell), chain);
+      cell += channels;
+    }
+  });
+#pragma GCC unroll 4
+  for (size_t c = 1; c < kChains; ++c) {
+    chains[0] = test.highest(chains[c], chains[0]);
+  }
+  return test.reaches(chains[0]);
+}
+
 template <typename CellTest, typename Visitor>
-void visit_tested(const typename CellTest::Element* values, size_t channels, const CellTest& test,
-                  size_t first, size_t end, Visitor& visit) {
+__attribute__((noinline)) void visit_tested(const typename CellTest::Element* values,
+                                            size_t channels, const CellTest& test, size_t first,
+                                            size_t end, Visitor& visit) {
   for (size_t cell = first; cell < end; ++cell) {
-    if (olvex::any(test(values + cell * channels))) {
+    if (any_reaches<1>(values + cell * channels, channels, test)) {
       visit(cell);
     }
   }
 }
 
-// Few cells reach: one branch passes over several that do not, the more the smaller the cells are.
+// Few cells reach: one branch passes over several that do not, the more the smaller the cells are. From
+// `cell` on, the first of several of which one reaches, or of the rest at the end.
+template <typename CellTest>
+size_t pass_over(const typename CellTest::Element* values, const CellGrid& grid,
+                 const CellTest& test, size_t cell) {
+  const size_t at_once = CellTest::kCellsPerBranch;
+  const typename CellTest::Element* p = values + cell * grid.channels;
+  while (cell + at_once <= grid.cells && !any_reaches<at_once>(p, grid.channels, test)) {
+    cell += at_once;
+    p += at_once * grid.channels;
+  }
+  return cell;
+}
+
+#if defined(__x86_64__)
+inline size_t pass_over(const float* values, const CellGrid& grid, const WiderFp32Cell& test,
+                        size_t cell) {
+  return test.pass_over_cells(values, grid, cell);
+}
+#endif
+
 template <typename CellTest, typename Visitor>
 void scan(const typename CellTest::Element* values, const CellGrid& grid, const CellTest& test,
           Visitor& visit) {
-  const size_t channels = grid.channels;
   const size_t at_once = CellTest::kCellsPerBranch;
-  size_t cell = 0;
-  const typename CellTest::Element* p = values;
-  for (; cell + at_once <= grid.cells; cell += at_once) {
-    auto mask = test(p);
-    for (size_t k = 1; k < at_once; ++k) {
-      mask |= test(p + k * channels);
-    }
-    if (olvex::any(mask)) {
-      visit_tested(values, channels, test, cell, cell + at_once, visit);
-    }
-    p += at_once * channels;
+  size_t cell = pass_over(values, grid, test, 0);
+  while (cell + at_once <= grid.cells) {
+    visit_tested(values, grid.channels, test, cell, cell + at_once, visit);
+    cell = pass_over(values, grid, test, cell + at_once);
   }
-  visit_tested(values, channels, test, cell, grid.cells, visit);
+  visit_tested(values, grid.channels, test, cell, grid.cells, visit);
+}
+
+template <typename Visitor>
+void scan_wide(const float* values, const CellGrid& grid, float threshold, Visitor& visit) {
+#if defined(__x86_64__)
+  if (has_wider_lanes()) {
+    scan(values, grid, WiderFp32Cell(grid, threshold), visit);
+    return;
+  }
+#endif
+  scan(values, grid, WideCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
 }
 
 inline bool reaches(int value, float scalar, float threshold) {
@@ -277,7 +139,7 @@ void find_cells(const float* values, const CellGrid& grid, float threshold, Visi
   } else if (grid.num_classes <= 2 * Fp32Reach::kLanes) {
     scan(values, grid, PairCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
   } else {
-    scan(values, grid, WideCell<Fp32Reach>(grid, Fp32Reach(threshold)), visit);
+    scan_wide(values, grid, threshold, visit);
   }
 }
 

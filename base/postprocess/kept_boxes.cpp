@@ -36,8 +36,8 @@ Float inclusive_intersection(const Corners<Float>& a, const Corners<Float>& b) {
   const Float yy2 = a.y2 > b.y2 ? b.y2 : a.y2;
   const Float width = xx2 - xx1 + 1.0f;
   const Float height = yy2 - yy1 + 1.0f;
-  const Float w = none < width ? width : none;
-  const Float h = none < height ? height : none;
+  const Float w = olvex::highest(width, none);
+  const Float h = olvex::highest(height, none);
   return w * h;
 }
 

@@ -17,7 +17,7 @@
 namespace {
 
 const ptrdiff_t kBlock = 64;
-const ptrdiff_t kFew = 4 * static_cast<ptrdiff_t>(olvex::kFloatLanes);
+const ptrdiff_t kFew = 16;
 // The longer part of each partition waits while the shorter is sorted, so that each part that waits
 // has at most half the elements of the one before.
 const int kMaxWaiting = 32;

@@ -4,11 +4,16 @@
 #include "tests/support/routines.h"
 
 #include "utils/log/olvex_log.h"
+#include "base/postprocess/cell_reach.h"
 #include "video/det/include/det_schedule.h"
 
 OLVEX_LOG_CLOCK;
 
 namespace {
+
+void leave_wider_lanes_unused(bool unused) {
+  cell_scan::leaves_wider_lanes_unused() = unused;
+}
 
 OlvexIouTracker& as_tracker(void* tracker) {
   return *static_cast<OlvexIouTracker*>(tracker);
@@ -60,6 +65,11 @@ void log_count(int count) {
   OLVEX_INFO_FORMAT("detect box num is %d\n", count);
 }
 
+void log_values(const char* text, int count, double value) {
+  OLVEX_INFO_FORMAT("%s[%d] is %f, 100 %% of %x\n", text, count, value, 0u);
+  OLVEX_INFO_FORMAT("%s[%d] is %f\n", text, count, value);
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES() {
@@ -67,6 +77,7 @@ extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES
                                     nms,
                                     det_decode_layers,
                                     nms_sorted_bboxes,
+                                    leave_wider_lanes_unused,
                                     ipu_decode,
                                     create_tracker,
                                     destroy_tracker,
@@ -78,6 +89,7 @@ extern "C" __attribute__((visibility("default"))) const Routines* OLVEX_ROUTINES
                                     stabilise,
                                     log_text,
                                     log_count,
+                                    log_values,
                                     ALGO_DET_CreateHandle,
                                     ALGO_DET_InitHandle,
                                     ALGO_DET_SetTracker2,

@@ -19,6 +19,8 @@ struct Routines {
   void (*decode_layers)(DetDecodeInfo& info, olvex::vector<BoxInfo>& out);
   void (*nms_sorted_bboxes)(olvex::vector<BoxInfo>& boxes, olvex::vector<int>& picked,
                             float threshold, unsigned char class_specific);
+  // Whether the scan leaves wider vectors unused that the processor has.
+  void (*leave_wider_lanes_unused)(bool unused);
   // For the benchmarks alone: it has one source for both, and frame_fuzz compares it in whole runs.
   int (*ipu_decode)(DetDecodeInfo& info, olvex::vector<BoxInfo>& boxes);
 
@@ -37,9 +39,10 @@ struct Routines {
   void (*stabilise)(olvex::vector<BoxInfo>& boxes, const olvex::vector<BoxInfo>& previous,
                     float sensitivity);
 
-  // One log line of this library, without and with an argument.
+  // One log line of this library, without and with an argument, and with one of each usual kind.
   void (*log_text)();
   void (*log_count)(int count);
+  void (*log_values)(const char* text, int count, double value);
 
   // The public functions.
   QV_S32 (*create_handle)(void** handle);

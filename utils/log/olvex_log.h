@@ -31,15 +31,22 @@ struct OlvexLogClock {
   struct timeval time_of_day;
   struct tm* calendar;
   time_t second;           // that calendar_text shows
+  size_t calendar_length;  // of calendar_text
   char calendar_text[48];  // "[2024-03-07 14:05:09 "; empty at first
 };
 
 #define OLVEX_LOG_CLOCK static OlvexLogClock olvex_log_clock
 
-// Prints the header of one line. olvex_log_plain.cpp says what it is; olvex_log.cpp prints the same
-// faster and ships. The fraction comes from gettimeofday and the calendar fields from
-// time, two readings one after the other.
+// The header of one line and the message behind it, each with one call of stdio. olvex_log_plain.cpp
+// says what they print; olvex_log.cpp prints the same faster and ships.
+
+// The fraction comes from gettimeofday and the calendar fields from time, two readings one after the
+// other.
 void olvex_log_header(OlvexLogClock& clock, const char* tag, int line);
+
+// Like printf. Requires: a format of less than OLVEX_LOG_LONGEST_FORMAT bytes.
+#define OLVEX_LOG_LONGEST_FORMAT 192
+__attribute__((format(printf, 1, 2))) void olvex_log_message(const char* format, ...);
 
 #define OLVEX_LOG_TEXT(clock, tag, text)      \
   do {                                        \
@@ -47,10 +54,12 @@ void olvex_log_header(OlvexLogClock& clock, const char* tag, int line);
     puts(text);                               \
   } while (0)
 
-#define OLVEX_LOG_FORMAT(clock, tag, format, ...) \
-  do {                                            \
-    olvex_log_header((clock), tag, __LINE__);     \
-    printf(format, __VA_ARGS__);                  \
+#define OLVEX_LOG_FORMAT(clock, tag, format, ...)             \
+  do {                                                        \
+    static_assert(sizeof(format) <= OLVEX_LOG_LONGEST_FORMAT, \
+                  "the message's buffer has its size");       \
+    olvex_log_header((clock), tag, __LINE__);                 \
+    olvex_log_message(format, __VA_ARGS__);                   \
   } while (0)
 
 #define OLVEX_TAG_ERROR "DLA_ERROR:"

@@ -78,6 +78,19 @@ Lanes load(const Element* from) {
   return lanes;
 }
 
+// The higher of each two numbers; NaN in the first is passed over.
+// Requires: no NaN in the second.
+template <typename Lanes>
+Lanes highest(Lanes some, Lanes others) {
+  return some > others ? some : others;
+}
+#if defined(__SSE2__)
+// The instruction does just that, which compilers do not see where a number is constant.
+inline Floats highest(Floats some, Floats others) {
+  return __builtin_ia32_maxps(some, others);
+}
+#endif
+
 // Whether any lane of a comparison's result is set.
 inline bool any(bool mask) {
   return mask;

@@ -2,6 +2,10 @@
 // iout.cpp - matching, creation and removal of tracks, static/moving classification.
 #include "base/tracker/iou_tracker/iout.h"
 
+#include <string.h>
+
+#include <type_traits>
+
 #include "utils/log/olvex_log.h"
 
 OLVEX_LOG_CLOCK;
@@ -98,25 +102,23 @@ OlvexIouTracker::OlvexIouTracker()
 
 namespace {
 
+static_assert(std::is_trivially_copyable<TrackBBox>::value, "histories are copied by their bytes");
+
 // The newest box of a track whose history is full takes the place of the oldest: the list neither
 // grows nor shrinks.
 void replace_oldest(olvex::vector<TrackBBox>& history, const TrackBBox& newest) {
   const size_t last = history.size() - 1;
-  for (size_t k = 0; k < last; ++k) {
-    history[k] = history[k + 1];
-  }
+  memmove(history.data(), history.data() + 1, last * sizeof(TrackBBox));
   history[last] = newest;
 }
 
-// Copies a track; a history of the same length is copied in place, without reserving again.
+// Copies a track, which has a box at least; a history of the same length is copied in place, without reserving again.
 void copy_track(const Track& from, Track& to) {
   if (from.boxes.size() != to.boxes.size()) {
     to = from;
     return;
   }
-  for (size_t k = 0; k < from.boxes.size(); ++k) {
-    to.boxes[k] = from.boxes[k];
-  }
+  memcpy(to.boxes.data(), from.boxes.data(), from.boxes.size() * sizeof(TrackBBox));
   to.max_score = from.max_score;
   to.start_frame = from.start_frame;
   to.status_pre = from.status_pre;
