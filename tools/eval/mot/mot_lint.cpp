@@ -180,19 +180,27 @@ class Lint {
     }
   }
 
+  static bool is_clear_gain(long now, long shifted) {
+    return shifted >= now + kClearGain && shifted * 100 >= now * (100 + kClearGainPercent);
+  }
+
   void find_shifts() {
     const std::vector<long> by_class = matches_when_shifted(0, {-1, 0, 1});
+    const long now = by_class[1];
+    if (!is_clear_gain(now, static_cast<long>(truth_.rows.size()))) {
+      return;  // not even if all matched
+    }
     for (const int shift : {-1, 1}) {
-      find_shift("frames_shifted", "frame number", "first column", shift, by_class[1],
+      find_shift("frames_shifted", "frame number", "first column", shift, now,
                  matches_when_shifted(shift, {0}).front());
-      find_shift("class_ids_shifted", "class id", "eighth column", shift, by_class[1],
+      find_shift("class_ids_shifted", "class id", "eighth column", shift, now,
                  by_class[shift < 0 ? 0 : 2]);
     }
   }
 
   void find_shift(const char* kind, const std::string& what, const std::string& column, int shift,
                   long now, long shifted) {
-    if (shifted < now + kClearGain || shifted * 100 < now * (100 + kClearGainPercent)) {
+    if (!is_clear_gain(now, shifted)) {
       return;
     }
     const MotRow& example = result_.rows.front();

@@ -51,7 +51,7 @@ class Sweep {
   std::vector<WeightedPair> run() {
     for (const SweptBox& box : boxes_) {
       pair_with(box, box.is_row ? &open_columns_ : &open_rows_);
-      (box.is_row ? open_rows_ : open_columns_).push_back(&box);
+      (box.is_row ? open_rows_ : open_columns_).push_back(box);
     }
     // No comparison sort: the order of thousands of pairs per frame would cost more than finding them.
     sort_by_number(
@@ -70,9 +70,9 @@ class Sweep {
   }
 
   // Those of others that end before the box begins are past for all that follow, and removed.
-  void pair_with(const SweptBox& box, std::vector<const SweptBox*>* others) {
+  void pair_with(const SweptBox& box, std::vector<SweptBox>* others) {
     for (std::size_t i = 0; i < others->size();) {
-      const SweptBox& other = *(*others)[i];
+      const SweptBox& other = (*others)[i];
       if (other.right <= box.left) {
         (*others)[i] = others->back();
         others->pop_back();
@@ -95,8 +95,9 @@ class Sweep {
   const std::vector<Box>& rows_;
   const std::vector<Box>& columns_;
   std::vector<SweptBox> boxes_;  // from left to right
-  std::vector<const SweptBox*> open_rows_;
-  std::vector<const SweptBox*> open_columns_;
+  // Copies, one behind the other: going through them takes most of the time.
+  std::vector<SweptBox> open_rows_;
+  std::vector<SweptBox> open_columns_;
   std::vector<WeightedPair> pairs_;
 };
 
