@@ -52,9 +52,12 @@ int engines_for(const RunOptions& options, int jobs) {
   return is_one ? 1 : std::min(jobs, kMost);
 }
 
+int processors() {
+  return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+}
+
 int jobs_for(const RunOptions& options) {
-  return options.jobs > 0 ? options.jobs
-                          : std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  return options.jobs > 0 ? options.jobs : processors();
 }
 
 // By name, or else by number.
@@ -160,8 +163,8 @@ class Session {
       run_in_turn(stages());
       return;
     }
-    // The engines share what OpenCV's own threads would use.
-    cv::setNumThreads(std::max(1, jobs_ / settings_.engines));
+    // The engines share what OpenCV's own threads would use, of which more than processors print a warning.
+    cv::setNumThreads(std::clamp(jobs_ / settings_.engines, 1, processors()));
     run_side_by_side(stages());
   }
 
