@@ -144,10 +144,10 @@ Plan plan_for(const std::vector<std::int64_t>& shown, const std::vector<std::uin
               std::uint64_t movie_ticks) {
   Plan plan;
   plan.ticks_per_second = ticks_for(times.back());
-  std::vector<std::uint64_t> ticks;
-  for (const std::uint64_t time : times) {
-    ticks.push_back((time * plan.ticks_per_second + kMicroseconds / 2) / kMicroseconds);
-  }
+  std::vector<std::uint64_t> ticks(times.size());
+  std::transform(times.begin(), times.end(), ticks.begin(), [&plan](std::uint64_t time) {
+    return (time * plan.ticks_per_second + kMicroseconds / 2) / kMicroseconds;
+  });
   const std::vector<std::size_t> ranks = ranks_of(shown);
   for (std::size_t i = 0; i < ticks.size(); ++i) {
     plan.first_shown = std::max(plan.first_shown, ticks[i] - std::min(ticks[i], ticks[ranks[i]]));

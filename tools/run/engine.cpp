@@ -45,7 +45,7 @@ std::shared_ptr<Detector> DetectorPool::make(cv::Size display, std::shared_ptr<D
     owner_.reset();  // with another size, the device is another one's
   }
   options.shares_device = owner_ != nullptr;
-  const auto made = std::make_shared<Detector>(options, display);
+  auto made = std::make_shared<Detector>(options, display);
   if (owner_ == nullptr) {
     owner_ = made;
   }

@@ -120,6 +120,9 @@ bool FrameReader::next(SourceFrame* frame) {
     if (!is_begun_) {
       begin();
     }
+    if (interruption_requested()) {
+      return false;
+    }
     if (!is_past_end() && take(frame)) {
       return true;
     }
@@ -137,10 +140,11 @@ bool FrameReader::take(SourceFrame* frame) {
   if (taken_ > 0) {
     source_->skip_many(selection.every - 1);
   }
+  if (interruption_requested()) {
+    return false;  // in the middle of those that are left out
+  }
   if (!source_->next(frame)) {
-    if (!interruption_requested()) {
-      check_end();
-    }
+    check_end();
     return false;
   }
   if (taken_ == 0) {

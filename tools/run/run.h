@@ -16,6 +16,7 @@
 #include <set>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -214,8 +215,8 @@ struct RunFacts {
 
 class RunSummary {
  public:
-  // output_milliseconds: time that drawing and writing took for this frame.
-  void add(const FrameRecord& record, double output_milliseconds);
+  // input: which one the frame is of. output_milliseconds: time that drawing and writing took for it.
+  void add(const FrameRecord& record, std::size_t input, double output_milliseconds);
 
   long frames() const { return frames_; }
   // For people, several lines.
@@ -232,9 +233,9 @@ class RunSummary {
   long frames_ = 0;
   long frames_with_dropped_candidates_ = 0;
   long frames_with_cut_boxes_ = 0;
-  std::map<std::uint32_t, std::uint64_t> boxes_;  // by class
-  std::set<std::uint64_t> tracks_;
-  std::array<std::vector<float>, kStages> milliseconds_;  // one value per frame
+  std::map<std::uint32_t, std::uint64_t> boxes_;            // by class
+  std::set<std::pair<std::size_t, std::uint64_t>> tracks_;  // by input and id
+  std::array<std::vector<float>, kStages> milliseconds_;    // one value per frame
 };
 
 // ---- The work (run_session.cpp) -----------------------------------------------------------------

@@ -234,7 +234,7 @@ class Session {
     change_input(*job);
     write_frame(job);
     const Clock::time_point end = Clock::now();
-    summary_.add(job->record, milliseconds_between(start, end));
+    summary_.add(job->record, job->input, milliseconds_between(start, end));
     if (trace_) {
       job->spans.push_back({"output", kOutputRow, start, end});
       trace_->add(*job);

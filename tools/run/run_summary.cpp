@@ -31,12 +31,12 @@ double rate(long frames, double seconds) {
 
 }  // namespace
 
-void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
+void RunSummary::add(const FrameRecord& record, std::size_t input, double output_milliseconds) {
   ++frames_;
   for (const Detection& detection : record.detections) {
     ++boxes_[detection.class_id];
     if (detection.track_id) {
-      tracks_.insert(*detection.track_id);
+      tracks_.emplace(input, *detection.track_id);
     }
   }
   frames_with_dropped_candidates_ += record.dropped_candidates > 0 ? 1 : 0;

@@ -81,7 +81,7 @@ class Threads {
 
   // In the calling thread.
   void write() {
-    for (;;) {
+    while (!interruption_requested()) {
       auto taken = queues_.back()->pop(interruption_requested);
       if (!taken || !stages_.write(taken->second.get()) ||
           taken->second->state != FrameJob::State::kFrame) {
