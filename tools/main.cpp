@@ -213,6 +213,7 @@ int main(int argc, char** argv) {
   olvex_tools::add_inspect_command(application, &command);
   olvex_tools::add_doctor_command(application, &command);
   olvex_tools::add_run_command(application, &command);
+  olvex_tools::add_merge_command(application, &command);
   add_group(application, "eval", "Measure how good results are, against the truth", kEvalExamples,
             &command, {olvex_tools::add_eval_coco_command, olvex_tools::add_eval_mot_command});
   olvex_tools::add_compare_command(application, &command);

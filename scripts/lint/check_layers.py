@@ -62,6 +62,7 @@ KNOWN = {
     "tools/eval/coco/": ("tools/common/", "tools/frames/"),
     "tools/eval/mot/": ("tools/common/", "tools/frames/"),
     "tools/inspect/": ("tools/common/", "tools/frames/", "tools/network/", "tools/inside/", IMAGE),
+    "tools/merge/": ("tools/common/",),
     "tools/pack/": ("tools/common/", "tools/frames/", "tools/network/", "tools/heads/", "tools/inside/", IMAGE,
                     HOST),
     "tools/run/": ("tools/common/", "tools/frames/", "tools/inside/", IMAGE, HOST, PUBLIC),

@@ -66,8 +66,10 @@ LIKELY_TESTS = (
     (r"tools/inspect/", "pack", r"network\.", "network_trial"),
     (r"tools/(record|recordings|replay)/", "replay"),
     (r"tools/pack/", "pack", "written", r"network\.", "heads"),
-    (r"tools/(run/|inside/last_output|frames/frame_conversion)", r"run\.", "annotation", "run_sweep"),
-    (r"tools/frames/(video|file_source)", "run_sweep", r"run\.", ""),
+    (r"tools/(merge/|run/(run_inputs|frame_reader|stages|run_trace))", "run_inputs", r"run\."),
+    (r"tools/frames/(video|mp4|live|file_parts|capture)", "run_inputs", "run_sweep", r"run\.", ""),
+    (r"tools/(run/|inside/last_output|frames/frame_conversion)", r"run\.", "run_inputs", "annotation", "run_sweep"),
+    (r"tools/frames/(whole|file_source)", "run_sweep", r"run\.", ""),
     (r"tools/frames/annotation", "annotation", r"run\.", "compare"),
 )
 

@@ -20,6 +20,7 @@ void add_pack_command(CLI::App& application, Command* chosen);
 void add_inspect_command(CLI::App& application, Command* chosen);
 void add_doctor_command(CLI::App& application, Command* chosen);
 void add_run_command(CLI::App& application, Command* chosen);
+void add_merge_command(CLI::App& application, Command* chosen);
 void add_eval_coco_command(CLI::App& eval, Command* chosen);
 void add_eval_mot_command(CLI::App& eval, Command* chosen);
 void add_compare_command(CLI::App& application, Command* chosen);

@@ -134,6 +134,11 @@ class FileSource : public FrameSource {
     position_ += more ? 1 : 0;
     return more;
   }
+  void skip_until(std::uint64_t pts) override {
+    while (time_stamp(position() + 1, rate_) < pts && skip()) {
+    }
+  }
+  long position() const override { return static_cast<long>(position_); }
   std::optional<long> length() const override { return static_cast<long>(paths_.size()); }
   double frames_per_second() const override { return rate_; }
 

@@ -14,6 +14,7 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "tools/common/command.h"
+#include "tools/common/interruption.h"
 #include "tools/common/progress.h"
 #include "tools/common/text.h"
 
@@ -53,26 +54,6 @@ std::string camera_device(const std::string& input) {
   return kDevicePrefix + number;
 }
 
-std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(const fs::path&)) {
-  std::vector<fs::path> files;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    std::error_code ignored;
-    // Opening a pipe that lies there would wait for its writer.
-    if (matches(entry->path()) && !entry->is_directory(ignored) && !entry->is_fifo(ignored)) {
-      files.push_back(entry->path());
-    }
-  }
-  if (error) {
-    refuse_input(folder.string(), "the folder cannot be read: " + error.message());
-  }
-  std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
-    return natural_less(left.filename().string(), right.filename().string());
-  });
-  return files;
-}
-
 std::unique_ptr<FrameSource> open_folder(const std::string& folder, const FrameLayout& layout,
                                          double picture_rate) {
   std::vector<fs::path> pictures = matching_files(folder, is_picture_file);
@@ -107,15 +88,48 @@ std::string take_number(const std::string& text, std::size_t* position) {
   return text.substr(start, end - start);
 }
 
+// Whether its extension is one of those.
+template <std::size_t count>
+bool has_extension(const fs::path& path, const char* const (&extensions)[count]) {
+  const std::string extension = lower_case_extension(path);
+  return std::any_of(std::begin(extensions), std::end(extensions),
+                     [&](const char* known) { return extension == known; });
+}
+
 }  // namespace
+
+std::vector<fs::path> matching_files(const fs::path& folder, bool (*matches)(const fs::path&)) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::error_code ignored;
+    // Opening a pipe that lies there would wait for its writer.
+    if (matches(entry->path()) && !entry->is_directory(ignored) && !entry->is_fifo(ignored)) {
+      files.push_back(entry->path());
+    }
+  }
+  if (error) {
+    refuse_input(folder.string(), "the folder cannot be read: " + error.message());
+  }
+  std::sort(files.begin(), files.end(), [](const fs::path& left, const fs::path& right) {
+    return natural_less(left.filename().string(), right.filename().string());
+  });
+  return files;
+}
 
 bool is_picture_file(const fs::path& path) {
   static const char* const kExtensions[] = {".png", ".jpg",  ".jpeg", ".jpe",  ".bmp",
                                             ".dib", ".webp", ".tif",  ".tiff", ".pgm",
                                             ".ppm", ".pbm",  ".pnm",  ".jp2"};
-  const std::string extension = lower_case_extension(path);
-  return std::any_of(std::begin(kExtensions), std::end(kExtensions),
-                     [&](const char* known) { return extension == known; });
+  return has_extension(path, kExtensions);
+}
+
+bool is_video_file(const fs::path& path) {
+  static const char* const kExtensions[] = {
+      ".mp4",  ".m4v", ".mov", ".mkv", ".webm", ".avi",   ".mpg", ".mpeg", ".ts",  ".mts",
+      ".m2ts", ".wmv", ".flv", ".3gp", ".ogv",  ".mjpeg", ".264", ".h264", ".265", ".h265"};
+  return has_extension(path, kExtensions);
 }
 
 bool is_frame_file(const fs::path& path) {
@@ -169,6 +183,14 @@ bool natural_less(const std::string& left, const std::string& right) {
 
 std::string local_path(const std::string& path) {
   return path.rfind('/', 0) == 0 ? path : "./" + path;
+}
+
+long FrameSource::skip_many(long count) {
+  long skipped = 0;
+  while (skipped < count && !interruption_requested() && skip()) {
+    ++skipped;
+  }
+  return skipped;
 }
 
 std::uint64_t time_stamp(long number, double frames_per_second) {

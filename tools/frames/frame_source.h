@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// frame_source.h - where frames come from: video, picture, folder, dumped frames, camera.
-// open_frame_source() in frame_source.cpp decides which; file_source.cpp and video_source.cpp read.
+// frame_source.h - where frames come from: video, picture, folder, dumped frames, camera, stream.
+// open_frame_source() in frame_source.cpp decides which; file_source.cpp, video_source.cpp and live_source.cpp read.
 #ifndef TOOLS_FRAMES_FRAME_SOURCE_H
 #define TOOLS_FRAMES_FRAME_SOURCE_H
 
@@ -36,6 +36,13 @@ class FrameSource {
   virtual bool next(SourceFrame* frame) = 0;
   // Leaves out the next frame, which keeps its number; false at the end.
   virtual bool skip() = 0;
+  // Leaves out so many, by seeking where that leads to the same frames as counting. Returns how many there were,
+  // or fewer when an interruption is requested.
+  virtual long skip_many(long count);
+  // Leaves out the frames before that time.
+  virtual void skip_until(std::uint64_t pts) = 0;
+  // Frames read or left out so far.
+  virtual long position() const = 0;
   // Frames in total; nothing for a camera and for a video that does not state it. For progress only:
   // a video's own statement is not always right.
   virtual std::optional<long> length() const = 0;
@@ -67,6 +74,11 @@ std::unique_ptr<FrameSource> make_video_source(const std::string& path);
 // name as the user wrote it; device as the system knows it: /dev/videoN
 std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
 
+// An encoded stream at an address that the coder opens, called name in messages. timeout: seconds to wait for it
+// to open, and for each frame.
+std::unique_ptr<FrameSource> make_stream_source(const std::string& name, const std::string& address,
+                                                int timeout);
+
 // Whether the outermost parts of an MP4 or MOV (ISO/IEC 14496-12), AVI (RIFF) or Matroska (RFC 9559)
 // file end exactly where the file does. A file can be whole and show fewer frames than it counts: an
 // edit list leaves out the start, or the sound is longer than the pictures. False for other formats.
@@ -86,6 +98,12 @@ std::string local_path(const std::string& path);
 // Whether a folder's file of that name counts as a picture; as a frame, which may also be a dump.
 bool is_picture_file(const std::filesystem::path& path);
 bool is_frame_file(const std::filesystem::path& path);
+// Whether its name is one that videos have.
+bool is_video_file(const std::filesystem::path& path);
+
+// The files of a folder for which matches holds, in natural order. Throws ToolError (kInputError).
+std::vector<std::filesystem::path> matching_files(const std::filesystem::path& folder,
+                                                  bool (*matches)(const std::filesystem::path&));
 
 // Order of file names in which runs of digits compare by value: frame2 before frame10.
 bool natural_less(const std::string& left, const std::string& right);

@@ -2,9 +2,13 @@
 // picture_writers.cpp - the two writers, and what is wrong with a file that the encoder made.
 #include "tools/frames/picture_writers.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <opencv2/imgproc.hpp>
 
@@ -13,6 +17,7 @@
 #include "tools/common/text.h"
 #include "tools/frames/codec_modules.h"
 #include "tools/frames/frame_source.h"
+#include "tools/frames/mp4_times.h"
 #include "tools/common/output_file.h"
 
 namespace olvex_tools {
@@ -73,12 +78,17 @@ class VideoWriter : public FrameWriter {
     cv::copyMakeBorder(fitting, frame, 0, size.height - fitting.rows, 0, size.width - fitting.cols,
                        cv::BORDER_REPLICATE);
     writer_->write(frame);
-    ++written_;
+    const std::uint64_t pts = picture->record().pts;
+    first_pts_ = times_.empty() ? pts : first_pts_;
+    // A clock that goes back would hide frames.
+    const std::uint64_t earliest = times_.empty() ? 0 : times_.back() + 1;
+    times_.push_back(std::max(earliest, pts - std::min(pts, first_pts_)));
   }
 
   void finish() override {
     if (writer_->isOpened()) {
       writer_->release();
+      keep_times();
       require_complete();
     }
   }
@@ -103,12 +113,33 @@ class VideoWriter : public FrameWriter {
     notice_(path_ + ": no H.264 encoder here, the video is MPEG-4 Part 2.");
   }
 
+  // The encoder shows frames at a constant rate.
+  void keep_times() const {
+    constexpr double kSameTime =
+        2000;  // microseconds, less than a frame and more than a clock rounds
+    bool is_constant = true;
+    for (std::size_t i = 0; i < times_.size(); ++i) {
+      const double constant = static_cast<double>(i) * 1e6 / rate_;
+      is_constant = is_constant && std::abs(static_cast<double>(times_[i]) - constant) < kSameTime;
+    }
+    if (is_constant) {
+      return;
+    }
+    if (survives_kill(path_)) {
+      notice_(path_ +
+              ": the frames come at a varying rate, which a video of this kind does not "
+              "keep. Name it .mp4 or .mov to show each at its time.");
+      return;
+    }
+    set_frame_times(path_, times_);
+  }
+
   // The encoder does not report a failed write. The file's end is what a full disk cuts off, and
   // it is where the number of frames is stored or computed from.
   void require_complete() const {
     const auto check = make_video_capture();
     const double found = check->open(local_path(path_)) ? check->get(cv::CAP_PROP_FRAME_COUNT) : 0;
-    if (!reaches_length(found, static_cast<double>(written_)) || !check->grab()) {
+    if (!reaches_length(found, static_cast<double>(times_.size())) || !check->grab()) {
       refuse_input(path_, "the video is not complete. Is the disk full?");
     }
   }
@@ -118,7 +149,8 @@ class VideoWriter : public FrameWriter {
   std::function<void(const std::string&)> notice_;
   const std::unique_ptr<cv::VideoWriter> writer_ = make_video_writer();
   cv::Size source_size_;
-  long written_ = 0;
+  std::uint64_t first_pts_ = 0;       // of the source, microseconds
+  std::vector<std::uint64_t> times_;  // of each frame from the first one, microseconds
 };
 
 class FolderWriter : public FrameWriter {

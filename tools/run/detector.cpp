@@ -100,6 +100,7 @@ void Detector::initialise_from_file(const Rect_t& display) {
   set_path(info.model, options_.model, "Use a shorter path, or --memory");
   info.threshold = options_.threshold;
   info.disp_size = display;
+  info.had_create_device = flag(options_.shares_device);
   const QV_S32 code = ALGO_DET_InitHandle(handle_, &info);
   if (code != E_ALGO_SUCCESS) {
     fail(code, "ALGO_DET_InitHandle", options_.model);
@@ -113,6 +114,7 @@ void Detector::initialise_from_memory(const Rect_t& display) {
   info.model_buffer_len = static_cast<QV_U32>(mapping.size);
   info.threshold = options_.threshold;
   info.disp_size = display;
+  info.had_create_device = flag(options_.shares_device);
   const QV_S32 code = ALGO_DET_InitHandle2(handle_, &info);
   if (code != E_ALGO_SUCCESS && code != E_ALGO_DEVICE_FAULT) {
     // Only without a device does the library leave the mapping to its caller.

@@ -5,14 +5,18 @@
 #define TOOLS_RUN_RUN_H
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
+#include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -23,6 +27,9 @@
 #include "tools/frames/annotation.h"
 #include "tools/frames/frame_record.h"
 #include "tools/frames/result_writers.h"
+#include "tools/run/frame_job.h"
+#include "tools/run/frame_reader.h"
+#include "tools/run/run_inputs.h"
 
 namespace olvex_tools {
 
@@ -42,9 +49,11 @@ struct DetectorOptions {
   bool stable = false;
   float stable_sensitivity = 0.63f;  // 0..1
   bool strict = false;
+  bool shares_device =
+      false;  // another handle has brought the accelerator up, and takes it down later
 };
 
-// Brings the accelerator up and takes it down; one at a time. Errors of the library are
+// Brings the accelerator up and takes it down, unless it shares another one's. Errors of the library are
 // thrown as ToolError: kModelError, kInputError, or kAcceleratorError for a platform code.
 class Detector {
  public:
@@ -79,14 +88,18 @@ class Detector {
 class RunLog {
  public:
   // path: file that the log is appended to; empty: only what belongs to the current frame is kept.
-  explicit RunLog(const std::string& path);
+  // is_shared: by several threads that run frames.
+  RunLog(const std::string& path, bool is_shared);
   ~RunLog();
   RunLog(const RunLog&) = delete;
   RunLog& operator=(const RunLog&) = delete;
 
   // The process's real standard output.
   FILE* results() { return redirection_->results(); }
-  // What was logged so far belongs to a frame that went well.
+  // While a thread holds it, what it logs is not taken for that of a frame that went well.
+  std::shared_lock<std::shared_mutex> hold() { return std::shared_lock<std::shared_mutex>(mutex_); }
+  // What was logged so far belongs to a frame that went well. A shared log takes note of that only now and then,
+  // and waits for the others that hold it.
   void frame_done();
   // The last error lines since then, each indented and on its own line; may be empty, and is
   // where the log is no regular file.
@@ -96,9 +109,11 @@ class RunLog {
   // Of what belongs to no good frame, the end.
   std::string unchecked_text() const;
 
+  bool is_shared_;
+  std::shared_mutex mutex_;
   int memory_ = -1;  // descriptor of the log in memory; -1 with a file of the user's
   std::string path_;
-  long long checked_ = 0;  // bytes of the log that belong to frames that went well
+  std::atomic<long long> checked_{0};  // bytes of the log that belong to frames that went well
   std::unique_ptr<LibraryLog> redirection_;
 };
 
@@ -119,13 +134,26 @@ struct OutputOptions {
   std::string contact_sheet;
   std::size_t contact_frames = 12;
   std::string summary;  // JSON; or "-"; written by run_summary.cpp
+  std::string trace;    // JSON; written by run_trace.cpp
 };
+
+// What stands for the name of the input in the path of an output.
+constexpr char kInputName[] = "{name}";
+bool is_own(const std::string& path);
+
+// The outputs whose paths have kInputName, which each input has for itself, with its name there; and the others.
+OutputOptions own_outputs(const OutputOptions& options, const std::string& input_name);
+OutputOptions shared_outputs(const OutputOptions& options);
+
+// Throws ToolError (kUsageError) for an output that cannot hold several inputs, and for names that are alike.
+void require_outputs_fit(const OutputOptions& options, const std::vector<RunInput>& inputs);
 
 // Whether results go to standard output.
 bool uses_standard_output(const OutputOptions& options);
 
-// Throws as require_own_files does.
+// Throws as require_own_files does. read_paths: files beside the inputs.
 void require_separate_files(const OutputOptions& options, const std::string& log,
+                            const std::vector<RunInput>& inputs,
                             const std::vector<std::string>& read_paths);
 
 class RunOutputs {
@@ -149,12 +177,34 @@ class RunOutputs {
   bool needs_picture_ = false;
 };
 
+// ---- The trace (run_trace.cpp) ------------------------------------------------------------------
+
+// When each stage had each frame, as Chrome's trace events, which Perfetto shows.
+class RunTrace {
+ public:
+  // Throws ToolError (kInputError), as the others do. engines: threads that run the network.
+  RunTrace(const std::string& path, FILE* standard_output, int engines);
+
+  void add(const FrameJob& job);
+  // Completes the file. Call it once.
+  void finish();
+
+ private:
+  void write_row_name(int row, const std::string& name);
+  void write_event(const std::string& event);
+
+  OutputFile file_;
+  int engines_;
+  Clock::time_point start_;
+  bool begun_ = false;
+};
+
 // ---- The summary (run_summary.cpp) --------------------------------------------------------------
 
 // What the summary says beside the numbers that it counts.
 struct RunFacts {
   std::string model;
-  std::string input;
+  std::vector<std::string> inputs;
   std::vector<std::string> class_names;
   int max_boxes = 0;  // of the model's image
   bool tracked = false;
@@ -165,8 +215,8 @@ struct RunFacts {
 
 class RunSummary {
  public:
-  // output_milliseconds: time that drawing and writing took for this frame.
-  void add(const FrameRecord& record, double output_milliseconds);
+  // input: which one the frame is of. output_milliseconds: time that drawing and writing took for it.
+  void add(const FrameRecord& record, std::size_t input, double output_milliseconds);
 
   long frames() const { return frames_; }
   // For people, several lines.
@@ -183,22 +233,22 @@ class RunSummary {
   long frames_ = 0;
   long frames_with_dropped_candidates_ = 0;
   long frames_with_cut_boxes_ = 0;
-  std::map<std::uint32_t, std::uint64_t> boxes_;  // by class
-  std::set<std::uint64_t> tracks_;
-  std::array<std::vector<float>, kStages> milliseconds_;  // one value per frame
+  std::map<std::uint32_t, std::uint64_t> boxes_;            // by class
+  std::set<std::pair<std::size_t, std::uint64_t>> tracks_;  // by input and id
+  std::array<std::vector<float>, kStages> milliseconds_;    // one value per frame
 };
 
 // ---- The work (run_session.cpp) -----------------------------------------------------------------
 
 struct RunOptions {
-  std::string input;
+  std::vector<std::string> inputs;
+  FrameReader::Settings reading;
   DetectorOptions detector;
-  std::string platform;  // path of a platform's library; empty: the host accelerator
+  std::vector<std::string> classes;  // to report, by name or id; empty: all
+  std::string platform;              // path of a platform's library; empty: the host accelerator
   OutputOptions outputs;
   std::optional<cv::Size> display;  // pixels; nothing: each frame's own size
-  double picture_rate = 25;         // frames per second that a folder of files stands for
-  long skip = 0;                    // frames to leave out at the start
-  long limit = 0;                   // frames to process at most; 0: all
+  int jobs = 0;                     // threads; 0: as many as there are processors
   std::string log;                  // file for the library's own log; empty: not kept
   bool quiet = false;
 };

@@ -1,40 +1,69 @@
 // SPDX-License-Identifier: Apache-2.0
-// run_command.cpp - the subcommand run: its options, their checks, and its help.
-#include <cstdio>
-#include <filesystem>
+// run_command.cpp - the subcommand run: its options and its help. run_options.cpp checks them.
 #include <memory>
-#include <system_error>
 
 #include "tools/common/command.h"
 #include "tools/common/options.h"
-#include "tools/common/output_file.h"
 #include "tools/common/subcommands.h"
-#include "tools/frames/picture_writers.h"
 #include "tools/inside/foreign_platform.h"
-#include "tools/run/run.h"
+#include "tools/run/run_options.h"
 
 namespace olvex_tools {
 
 namespace {
 
-constexpr int kDisplayMost = 32767;   // pixels, each way
 constexpr int kTrackFramesMost = 10;  // the tracker remembers that many frames of an object
 constexpr int kContactFramesMost = 400;
-constexpr long kFramesMost = 1000000000;  // a year of video and more
+constexpr int kTimeoutMost = 3600;  // seconds
+constexpr int kJobsMost = 256;
 
 const char kDescription[] = "Run a model on video, pictures or a camera and write what it finds";
 
 const char kManual[] =
-    "INPUT is a video file, a picture, a folder of pictures, a dumped frame or a folder of them\n"
-    "(*.bin, raw frames in the model's input format, as the library dumps them), or a camera\n"
-    "(/dev/video0 or camera:0). Files of a folder are taken in the order of their names, numbers\n"
-    "by value. Without any output option only the summary is printed.\n\n"
+    "INPUT is a video file, a picture, a folder of pictures or of videos, a dumped frame or a "
+    "folder\n"
+    "of them (*.bin, raw frames in the model's input format, as the library dumps them), a camera\n"
+    "(/dev/video0 or camera:0), an address (rtsp://, http://), or - for an encoded video on "
+    "standard\n"
+    "input, read as a stream: MKV, TS or a raw stream, not MP4 with its index at the end. Files of "
+    "a\n"
+    "folder are taken in the order of their names, numbers by value. Without any output option "
+    "only\n"
+    "the summary is printed.\n\n"
+    "Several inputs are read one after the other, and summed up together. A pattern in quotes\n"
+    "('day?/*.mp4') stands for the files that fit it; pictures that follow one another are one "
+    "input.\n"
+    "{name} in the path of an output stands for the input's name without its extension, so that "
+    "each\n"
+    "input gets a file of its own; without it JSON Lines and the contact sheet hold all inputs. "
+    "Each\n"
+    "input is tracked by itself, and ids go on from one to the next in a file of JSON Lines for "
+    "all.\n\n"
     "Examples:\n"
     "  olvex-det run detector.qtm street.mp4 --track --video annotated.mp4\n"
     "  olvex-det run detector.qtm street.mp4 --jsonl - | jq '.boxes[].score'\n"
     "  olvex-det run detector.qtm pictures/ --threshold 0.05 --coco results.json\n"
     "  olvex-det run detector.qtm dumps/ --display 1920x1080 --mot tracks.txt --track\n"
-    "  olvex-det run detector.qtm camera:0 --contact-sheet sheet.jpg --limit 500\n\n"
+    "  olvex-det run detector.qtm camera:0 --contact-sheet sheet.jpg --limit 500\n"
+    "  olvex-det run detector.qtm 'videos/*.mp4' --track --mot 'tracks/{name}.txt'\n"
+    "  olvex-det run detector.qtm street.mp4 --start 1:30 --duration 20s --every 5 --jsonl -\n"
+    "  olvex-det run detector.qtm pictures/ --shard 2/4 --coco part2.json    # merge puts them "
+    "together\n\n"
+    "--start, --skip, --every and --duration act on each input by itself, --limit and --shard on "
+    "all\n"
+    "together. Where a video's own index (MP4, MOV, MKV) lists the time of each frame, the start "
+    "is\n"
+    "sought, and checked by these times; elsewhere the frames before it are decoded. A shard is "
+    "one\n"
+    "contiguous part. Without --track, --strict and --stable the results of all shards, put "
+    "together\n"
+    "by olvex-det merge, are those of one run; with them each part is tracked by itself.\n\n"
+    "Reading, conversion, network and output run side by side, and without --track, --strict and\n"
+    "--stable several frames go through the network at once. Results and their order are those of\n"
+    "--jobs 1, which does one thing at a time.\n\n"
+    "An annotated .mp4 or .mov shows each frame when its source does, also at a varying rate; "
+    ".mkv\n"
+    "and .avi have the source's mean rate.\n\n"
     "Ctrl-C, SIGTERM and SIGHUP end a run in order: the outputs are complete up to the last frame\n"
     "(exit code 130). A damaged or cut input ends it likewise, with a message and exit code 4. An\n"
     "output that fails in the middle ends it with exit code 4, too; the others, COCO results\n"
@@ -50,135 +79,8 @@ const char kManual[] =
     "that a picture is named by (000000000139.jpg) as image_id if all names are numbers, else the\n"
     "frame number, and the class id as category_id.";
 
-struct CommandLine {
-  RunOptions run;
-  std::string display;
-  std::vector<Option> tracking;  // options without effect unless --track
-  Option track;
-  Option stable_sensitivity;
-  Option static_sensitivity;
-  Option firmware;
-};
-
-bool is_share(float value) {
-  return value >= 0.f && value <= 1.f;
-}
-
-cv::Size parse_display(const std::string& text) {
-  int width = 0;
-  int height = 0;
-  int used = 0;
-  const int found = std::sscanf(text.c_str(), "%5dx%5d%n", &width, &height, &used);
-  if (found != 2 || static_cast<std::size_t>(used) != text.size() || width < 1 || height < 1 ||
-      width > kDisplayMost || height > kDisplayMost) {
-    refuse_usage("--display " + text + ": give width and height in pixels, 1 to " +
-                 std::to_string(kDisplayMost) + ", as in 1920x1080");
-  }
-  return {width, height};
-}
-
-bool ends_in_one_of(const std::string& path, std::initializer_list<const char*> extensions) {
-  for (const std::string extension : extensions) {
-    if (path.size() > extension.size() &&
-        path.compare(path.size() - extension.size(), extension.size(), extension) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-void check_numbers(const CommandLine& line) {
-  const DetectorOptions& detector = line.run.detector;
-  if (!is_share(detector.threshold)) {
-    refuse_usage("--threshold must be from 0 to 1");
-  }
-  if (!is_share(detector.stable_sensitivity)) {
-    refuse_usage("--stable-sensitivity must be from 0 to 1");
-  }
-  if (!is_share(detector.static_sensitivity) || detector.static_sensitivity <= 0.f) {
-    refuse_usage("--static-sensitivity must be above 0, up to 1");
-  }
-  if (!(line.run.picture_rate >= 0.001 && line.run.picture_rate <= 1000)) {
-    refuse_usage("--fps must be from 0.001 to 1000");
-  }
-}
-
-void check_combinations(const CommandLine& line) {
-  const DetectorOptions& detector = line.run.detector;
-  if (detector.strict && line.track.given() && !detector.track) {
-    refuse_usage("--strict needs the tracker: leave out --no-track");
-  }
-  for (const Option& option : line.tracking) {
-    if (option.given() && !detector.track && !detector.strict) {
-      refuse_usage(option.name() + " acts on tracks: add --track");
-    }
-  }
-  if (line.static_sensitivity.given() && !detector.ignore_static && !detector.strict) {
-    refuse_usage("--static-sensitivity acts on --ignore-static: add that, or leave it out");
-  }
-  if (line.stable_sensitivity.given() && !detector.stable) {
-    refuse_usage("--stable-sensitivity acts on --stable: add that, or leave it out");
-  }
-  if (line.firmware.given() && detector.from_memory) {
-    refuse_usage(
-        "--firmware: a model from memory always uses the default firmware; leave out --memory");
-  }
-  if (line.run.outputs.whole_pixels && line.run.outputs.mot.empty() &&
-      line.run.outputs.coco.empty()) {
-    refuse_usage("--whole-pixels acts on --mot and --coco: add one of them, or leave it out");
-  }
-  const std::string& video = line.run.outputs.video;
-  if (!video.empty() && !is_video_name(video)) {
-    refuse_usage("--video " + video + ": the name must end in .mp4, .mkv, .mov or .avi");
-  }
-  if (line.run.log == kStandardOutput) {
-    refuse_usage(
-        "--log -: the log cannot go to standard output, which is for results. Name a file");
-  }
-  const std::string& sheet = line.run.outputs.contact_sheet;
-  if (!sheet.empty() && !ends_in_one_of(sheet, {".png", ".jpg", ".jpeg"})) {
-    refuse_usage("--contact-sheet " + sheet + ": the name must end in .png, .jpg or .jpeg");
-  }
-}
-
-// Whether a path leads to /proc/self/fd/1, by links or other names. What that link itself leads to
-// is another matter: a pipe has no path.
-bool is_standard_output(std::filesystem::path path) {
-  namespace fs = std::filesystem;
-  constexpr int kLinksMost = 40;  // the system follows no more
-  for (int links = 0; links < kLinksMost; ++links) {
-    std::error_code error;
-    const fs::path folder = fs::canonical(fs::absolute(path, error).parent_path(), error);
-    if (path.filename() == "1" && (fs::equivalent(folder, "/proc/self/fd", error) ||
-                                   fs::equivalent(folder, "/proc/thread-self/fd", error))) {
-      return true;
-    }
-    const fs::path target = fs::read_symlink(path, error);
-    if (error) {
-      return false;
-    }
-    path = folder / target;
-  }
-  return false;
-}
-
-// Standard output by its other names. Those lead to the library's log while a run goes on.
-void recognise_standard_output(OutputOptions* outputs) {
-  for (std::string* path :
-       {&outputs->json_lines, &outputs->mot, &outputs->coco, &outputs->summary}) {
-    if (is_standard_output(*path)) {
-      *path = kStandardOutput;
-    }
-  }
-}
-
 int run(CommandLine* line) {
-  recognise_standard_output(&line->run.outputs);
-  check_numbers(*line);
-  check_combinations(*line);
-  if (!line->display.empty()) {
-    line->run.display = parse_display(line->display);
-  }
+  complete_options(line);
   return run_session(line->run);
 }
 
@@ -228,14 +130,34 @@ void add_tracking_options(OptionTable* options, CommandLine* line) {
 
 void add_input_options(OptionTable* options, CommandLine* line) {
   options->group("Frames");
-  options->add("--skip", "N", &line->run.skip, "Frames to leave out at the start")
+  FrameSelection* const selection = &line->run.reading.selection;
+  options->add("--skip", "N", &selection->skip, "Frames to leave out at the start")
       .range(0L, kFramesMost);
-  options->add("--limit", "N", &line->run.limit, "Frames to process at most")
+  options->add("--start", "TIME|FRAME", &line->start,
+               "First frame, by its number from 1 or its time (90s, 1.5s, 250ms, 2min, 0:01:30.5)");
+  options->add("--every", "N", &selection->every, "Process the first of every N frames")
+      .shows_default()
       .range(1L, kFramesMost);
+  options->add("--duration", "TIME", &line->duration,
+               "Process the frames of so much time from the first one on");
+  options->add("--limit", "N", &selection->limit, "Frames to process at most")
+      .range(1L, kFramesMost);
+  options->add("--shard", "K/N", &line->shard, "Process the K-th of N parts of about equal length");
   options
-      ->add("--fps", "NUMBER", &line->run.picture_rate,
+      ->add("--fps", "NUMBER", &line->run.reading.picture_rate,
             "Frames per second that a folder of files stands for")
       .shows_default();
+  options
+      ->add("--timeout", "SECONDS", &line->run.reading.timeout,
+            "How long an address may take to answer, and to send a frame")
+      .shows_default()
+      .range(1, kTimeoutMost);
+  options
+      ->add(
+          "--jobs", "N", &line->run.jobs,
+          "Threads that share the work; 0: as many as there are processors; 1: one thing at a time")
+      .shows_default()
+      .range(0, kJobsMost);
 }
 
 void add_output_options(OptionTable* options, CommandLine* line) {
@@ -247,6 +169,12 @@ void add_output_options(OptionTable* options, CommandLine* line) {
                "MOTChallenge rows (frame,id,left,top,width,height,score,class,-1,-1)");
   options->add("--coco", "FILE|-", &outputs->coco,
                "COCO results, a JSON array; written as FILE.partial.* until complete");
+  options
+      ->add("--classes", "A,B", &line->run.classes,
+            "Write, draw and count boxes of these classes alone, by name or id; the tracker and "
+            "strict "
+            "mode see all")
+      .split_at(',');
   options->flag("--whole-pixels", &outputs->whole_pixels,
                 "MOT and COCO boxes cut to whole pixels, as ALGO_DET_Run hands them out");
   options->add("--summary-json", "FILE|-", &outputs->summary, "The summary as JSON");
@@ -262,6 +190,8 @@ void add_output_options(OptionTable* options, CommandLine* line) {
   options->add("--contact-frames", "N", &outputs->contact_frames, "Frames on the contact sheet")
       .shows_default()
       .range(1, kContactFramesMost);
+  options->add("--trace", "FILE|-", &outputs->trace,
+               "When each stage had each frame, as trace events (JSON) that Perfetto shows");
   options->add("--log", "FILE", &line->run.log,
                "The library's own log is added to it; otherwise it is not kept");
   options->flag("--quiet", &line->run.quiet,
@@ -276,7 +206,10 @@ void add_run_command(CLI::App& application, Command* chosen) {
                       [line] { return run(line.get()); });
   options.add("IMAGE", "", &line->run.detector.model, "Model image, made by olvex-det pack")
       .required();
-  options.add("INPUT", "", &line->run.input, "Video, picture, dump, folder or camera").required();
+  options
+      .add("INPUT", "", &line->run.inputs,
+           "Video, picture, dump, folder, pattern, camera, address or -; several are read in turn")
+      .required();
   add_detection_options(&options, line.get());
   add_tracking_options(&options, line.get());
   add_input_options(&options, line.get());

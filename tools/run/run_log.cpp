@@ -40,7 +40,7 @@ long long size_of(const std::string& path) {
 
 }  // namespace
 
-RunLog::RunLog(const std::string& path) : path_(path) {
+RunLog::RunLog(const std::string& path, bool is_shared) : is_shared_(is_shared), path_(path) {
   if (path_.empty()) {
     memory_ = memfd_create("olvex-det log", MFD_CLOEXEC);
     if (memory_ < 0) {
@@ -66,9 +66,17 @@ RunLog::~RunLog() {
 }
 
 void RunLog::frame_done() {
+  constexpr long long kOften = kMostReadBack / 2;
   if (std::fflush(stdout) != 0 && memory_ < 0) {
     refuse_input(path_,
                  std::string("the library's log cannot be written: ") + std::strerror(errno));
+  }
+  std::unique_lock<std::shared_mutex> alone(mutex_, std::defer_lock);
+  if (is_shared_) {
+    if (size_of(path_) - checked_ < kOften) {
+      return;
+    }
+    alone.lock();
   }
   if (memory_ < 0) {
     checked_ = size_of(path_);
@@ -84,14 +92,15 @@ std::string RunLog::unchecked_text() const {
   if (!std::filesystem::is_regular_file(path_, error)) {
     return "";
   }
-  const long long start = std::max(checked_, size_of(path_) - kMostReadBack);
+  const long long checked = checked_;
+  const long long start = std::max(checked, size_of(path_) - kMostReadBack);
   std::ifstream log(path_, std::ios::binary);
   log.seekg(start);
   std::string text(kMostReadBack, '\0');
   log.read(text.data(), kMostReadBack);
   text.resize(static_cast<std::size_t>(std::max<std::streamsize>(log.gcount(), 0)));
   // The first line is likely to be cut.
-  return start == checked_ ? text : text.substr(std::min(text.find('\n'), text.size()));
+  return start == checked ? text : text.substr(std::min(text.find('\n'), text.size()));
 }
 
 std::string RunLog::last_errors() const {

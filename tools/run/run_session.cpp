@@ -1,24 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
-// run_session.cpp - the loop over the frames, its setup and its end. Frames come from frame_source.h
-// and go to the detector.
+// run_session.cpp - what happens to a frame from its input to the outputs, the setup and the end. stages.h moves
+// the frames, frame_reader.h supplies them, engine.h finds what is in them.
 #include "tools/run/run.h"
 
 #include <algorithm>
-#include <chrono>
+#include <charconv>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "platform/host/host_image.h"
 #include "tools/common/command.h"
-#include "tools/frames/frame_source.h"
 #include "tools/frames/frame_conversion.h"
 #include "tools/common/interruption.h"
 #include "tools/inside/foreign_platform.h"
 #include "tools/inside/library_model.h"
 #include "tools/inside/network_trial.h"
+#include "tools/run/engine.h"
+#include "tools/run/stages.h"
 #include "tools/common/output_file.h"
 #include "tools/common/progress.h"
 #include "tools/common/text.h"
@@ -26,12 +28,6 @@
 namespace olvex_tools {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double milliseconds_since(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 struct Model {
   qv_host::Description description;
@@ -49,15 +45,39 @@ DetectorOptions at_start_pattern(DetectorOptions options, const Model& model) {
   return options;
 }
 
-std::optional<long> frames_to_come(const FrameSource& source, const RunOptions& options) {
-  std::optional<long> total = source.length();
-  if (total) {
-    total = std::max(0L, *total - options.skip);
+// How many threads run the network, each with a handle of its own.
+int engines_for(const RunOptions& options, int jobs) {
+  constexpr int kMost = 8;  // each holds the network in memory
+  const bool is_one = depends_on_order(options.detector) || platform_is_foreign();
+  return is_one ? 1 : std::min(jobs, kMost);
+}
+
+int processors() {
+  return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+}
+
+int jobs_for(const RunOptions& options) {
+  return options.jobs > 0 ? options.jobs : processors();
+}
+
+// By name, or else by number.
+std::set<std::uint32_t> class_ids(const std::vector<std::string>& words,
+                                  const std::vector<std::string>& names) {
+  std::set<std::uint32_t> ids;
+  for (const std::string& word : words) {
+    const auto named = std::find(names.begin(), names.end(), word);
+    std::uint32_t id = 0;
+    const auto parsed = std::from_chars(word.data(), word.data() + word.size(), id);
+    if (named != names.end()) {
+      id = static_cast<std::uint32_t>(named - names.begin());
+    } else if (parsed.ec != std::errc() || parsed.ptr != word.data() + word.size()) {
+      refuse_usage("--classes " + word + ": the model names no such class" +
+                   did_you_mean(word, names) +
+                   (names.empty() ? ". It names none: give numbers" : ""));
+    }
+    ids.insert(id);
   }
-  if (options.limit > 0) {
-    total = total ? std::min(*total, options.limit) : options.limit;
-  }
-  return total;
+  return ids;
 }
 
 // One error for all; the first one's exit code stands for them.
@@ -70,25 +90,34 @@ void throw_all(const std::vector<ToolError>& failures) {
 
 class Session {
  public:
-  Session(const RunOptions& options, RunLog* log)
+  Session(const RunOptions& options, const std::vector<RunInput>& inputs, int jobs, int engines,
+          RunLog* log)
       : options_(options),
+        inputs_(inputs),
+        jobs_(jobs),
         log_(*log),
         model_(read_model(options.detector.model)),
-        detector_options_(at_start_pattern(options.detector, model_)),
-        layout_(frame_layout(model_.description.input)),
-        source_(open_frame_source(options.input, layout_, options.picture_rate)),
-        progress_(frames_to_come(*source_, options), options.quiet),
-        outputs_(options.outputs, log->results(), model_.description.class_names,
-                 source_->frames_per_second(),
-                 [this](const std::string& text) { progress_.notice(text); }) {
+        settings_(engine_settings(engines)),
+        pool_(settings_),
+        reader_(inputs, settings_.layout, options.reading),
+        progress_(reader_.expected(), options.quiet),
+        shared_outputs_(make_outputs(shared_outputs(options.outputs))),
+        own_outputs_(make_outputs(own_outputs(options.outputs, inputs.front().name))) {
+    settings_.keeps_pictures = shared_outputs_->needs_picture() || own_outputs_->needs_picture();
     if (!options.outputs.summary.empty()) {
       summary_file_.emplace(options.outputs.summary, log->results(), OutputForm::kWhole);
+    }
+    if (!options.outputs.trace.empty()) {
+      trace_.emplace(options.outputs.trace, log->results(), engines);
+    }
+    for (int i = 0; i < engines; ++i) {
+      engines_.push_back(std::make_unique<Engine>(settings_, &pool_, &log_));
     }
   }
 
   int run() {
     std::vector<ToolError> failures = failures_of_frames();
-    const std::vector<ToolError> of_outputs = outputs_.finish();
+    const std::vector<ToolError> of_outputs = finish_outputs();
     if (of_outputs.empty() && (failures.empty() || input_failed_)) {
       report(&failures);
     }
@@ -98,6 +127,25 @@ class Session {
   }
 
  private:
+  EngineSettings engine_settings(int engines) {
+    EngineSettings settings;
+    settings.detector = at_start_pattern(options_.detector, model_);
+    settings.layout = frame_layout(model_.description.input);
+    settings.display = options_.display;
+    settings.classes = class_ids(options_.classes, model_.description.class_names);
+    settings.ids_restart =
+        options_.outputs.json_lines.empty() || is_own(options_.outputs.json_lines);
+    settings.engines = engines;
+    return settings;
+  }
+
+  std::unique_ptr<RunOutputs> make_outputs(const OutputOptions& outputs) {
+    return std::make_unique<RunOutputs>(
+        outputs, log_.results(), model_.description.class_names,
+        rate_ / static_cast<double>(options_.reading.selection.every),
+        [this](const std::string& text) { progress_.notice(text); });
+  }
+
   std::vector<ToolError> failures_of_frames() {
     try {
       process_all();
@@ -109,126 +157,124 @@ class Session {
 
   void process_all() {
     announce();
-    skip_frames();
+    reader_.begin();
     start_ = Clock::now();
-    bool ended = false;
-    while (!ended && !interruption_requested() && !limit_reached()) {
-      ended = !process_next();
-      progress_.update(summary_.frames());
-    }
-    if (ended) {
-      check_end();
-    }
-  }
-
-  void skip_frames() {
-    long skipped = 0;
-    while (skipped < options_.skip && !interruption_requested() && source_->skip()) {
-      ++skipped;
-    }
-  }
-
-  bool limit_reached() const { return options_.limit > 0 && summary_.frames() >= options_.limit; }
-
-  bool process_next() {
-    SourceFrame frame;
-    FrameRecord record;
-    const auto decoding = Clock::now();
-    if (!read(&frame)) {
-      return false;
-    }
-    record.milliseconds.decode = milliseconds_since(decoding);
-    record.number = frame.number;
-    record.pts = frame.pts;
-    record.image_id = frame.image_id;
-    record.source = frame.name;
-    detect(&frame, &record);
-    log_.frame_done();
-
-    const auto writing = Clock::now();
-    if (outputs_.needs_picture() && frame.picture.empty()) {
-      frame.picture = picture_of_frame(frame.dump, layout_);
-    }
-    outputs_.write(record, frame.picture);
-    summary_.add(record, milliseconds_since(writing));
-    last_pts_ = frame.pts;
-    return true;
-  }
-
-  bool read(SourceFrame* frame) {
-    try {
-      return source_->next(frame);
-    } catch (const ToolError&) {
-      input_failed_ = summary_.frames() > 0;
-      throw;
-    }
-  }
-
-  void detect(SourceFrame* frame, FrameRecord* record) {
-    const bool is_dump = frame->picture.empty();
-    const cv::Size own_size =
-        is_dump ? cv::Size(layout_.width, layout_.height) : frame->picture.size();
-    const cv::Size display = options_.display.value_or(own_size);
-    const cv::Size frame_size(layout_.width, layout_.height);
-    // A dumped frame is a picture of its own; where its padding lies is not known.
-    const cv::Rect area =
-        is_dump ? cv::Rect(cv::Point(), frame_size) : picture_area(layout_, own_size);
-    const PaddingRemoval padding(area, frame_size, display);
-    open_detector(padding.padded_display());
-    record->width = display.width;
-    record->height = display.height;
-    if (!is_dump) {
-      const auto conversion = Clock::now();
-      convert_to_frame(frame->picture, layout_, &converted_);
-      record->milliseconds.conversion = milliseconds_since(conversion);
-    }
-    detector_->run(is_dump ? &frame->dump : &converted_, record);
-    remove_padding(padding, &record->detections);
-    number_tracks(&record->detections);
-  }
-
-  void remove_padding(const PaddingRemoval& padding, std::vector<Detection>* detections) const {
-    std::vector<Detection> in_picture;
-    for (Detection& detection : *detections) {
-      if (padding.apply(reported_size_, &detection)) {
-        in_picture.push_back(std::move(detection));
-      }
-    }
-    *detections = std::move(in_picture);
-  }
-
-  // The library takes the display size once, so another size needs another handle; not with --display, where
-  // only the padding of the pictures differs.
-  void open_detector(cv::Size display) {
-    if (detector_ != nullptr && (options_.display || display == reported_size_)) {
+    if (jobs_ == 1) {
+      run_in_turn(stages());
       return;
     }
-    if (detector_ != nullptr && tracked()) {
-      progress_.notice(
-          "the pictures change size; tracking starts again from there. Set "
-          "--display to keep the tracks.");
-    }
-    detector_.reset();  // there is one accelerator device only
-    detector_ = std::make_unique<Detector>(detector_options_, display);
-    reported_size_ = display;
-    first_track_ = last_track_;
-    const InputAttr_t input = detector_->input();
-    if (input.width != static_cast<QV_U32>(layout_.width) ||
-        input.height != static_cast<QV_U32>(layout_.height) || input.format != layout_.format) {
-      throw ToolError(kAcceleratorError, options_.detector.model +
-                                             ": the accelerator asks for another input than the "
-                                             "model's description. Pack the model again");
-    }
+    // The engines share what OpenCV's own threads would use, of which more than processors print a warning.
+    cv::setNumThreads(std::clamp(jobs_ / settings_.engines, 1, processors()));
+    run_side_by_side(stages());
   }
 
-  // Each handle counts its tracks from 1; a later handle's continue after the last one's.
-  void number_tracks(std::vector<Detection>* detections) {
-    for (Detection& detection : *detections) {
-      if (detection.track_id) {
-        *detection.track_id += first_track_;
-        last_track_ = std::max(last_track_, *detection.track_id);
+  Stages stages() {
+    Stages stages;
+    stages.read = [this](FrameJob* job) { read(job); };
+    if (settings_.engines == 1) {
+      stages.middle.push_back({1, [this](FrameJob* job, int) { convert(job, kConversionRow); }});
+      stages.middle.push_back({1, [this](FrameJob* job, int thread) { detect(job, thread); }});
+    } else {
+      stages.middle.push_back({settings_.engines, [this](FrameJob* job, int thread) {
+                                 convert(job, kFirstEngineRow + thread);
+                                 detect(job, thread);
+                               }});
+    }
+    stages.write = [this](FrameJob* job) { return write(job); };
+    return stages;
+  }
+
+  // May run beside the others, and so touches none of their state.
+  void read(FrameJob* job) {
+    const Clock::time_point start = Clock::now();
+    try {
+      job->state = reader_.next(&job->frame) ? FrameJob::State::kFrame : FrameJob::State::kEnd;
+    } catch (...) {
+      job->error = std::current_exception();
+      job->state = FrameJob::State::kReadingFailed;
+    }
+    const Clock::time_point end = Clock::now();
+    job->notices = reader_.take_notices();
+    job->input = reader_.input();
+    job->rate = job->state == FrameJob::State::kFrame ? reader_.frames_per_second() : 0;
+    job->record.milliseconds.decode = milliseconds_between(start, end);
+    job->record.number = job->frame.number;
+    job->record.pts = job->frame.pts;
+    job->record.image_id = job->frame.image_id;
+    job->record.source = job->frame.name;
+    job->spans.push_back({"decode", kReadingRow, start, end});
+  }
+
+  void convert(FrameJob* job, int row) {
+    const Clock::time_point start = Clock::now();
+    convert_job(settings_, job);
+    job->spans.push_back({"conversion", row, start, Clock::now()});
+  }
+
+  void detect(FrameJob* job, int engine) {
+    const Clock::time_point start = Clock::now();
+    engines_[static_cast<std::size_t>(engine)]->detect(job);
+    log_.frame_done();
+    job->spans.push_back({"network", kFirstEngineRow + engine, start, Clock::now()});
+  }
+
+  // False when no more frames are wanted.
+  bool write(FrameJob* job) {
+    for (const std::string& notice : job->notices) {
+      progress_.notice(notice);
+    }
+    if (job->error) {
+      input_failed_ = job->state == FrameJob::State::kReadingFailed && summary_.frames() > 0;
+      std::rethrow_exception(job->error);
+    }
+    if (job->state == FrameJob::State::kEnd) {
+      return false;
+    }
+    const Clock::time_point start = Clock::now();
+    change_input(*job);
+    write_frame(job);
+    const Clock::time_point end = Clock::now();
+    summary_.add(job->record, job->input, milliseconds_between(start, end));
+    if (trace_) {
+      job->spans.push_back({"output", kOutputRow, start, end});
+      trace_->add(*job);
+    }
+    progress_.update(summary_.frames());
+    return !interruption_requested();
+  }
+
+  void write_frame(FrameJob* job) {
+    if (settings_.keeps_pictures && job->frame.picture.empty()) {
+      job->frame.picture = picture_of_frame(job->frame.dump, settings_.layout);
+    }
+    shared_outputs_->write(job->record, job->frame.picture);
+    own_outputs_->write(job->record, job->frame.picture);
+  }
+
+  // The outputs that each input has for itself.
+  void change_input(const FrameJob& job) {
+    if (job.input == input_) {
+      return;
+    }
+    throw_all(own_outputs_->finish());
+    input_ = job.input;
+    rate_ = job.rate;
+    own_outputs_ = make_outputs(own_outputs(options_.outputs, inputs_[input_].name));
+  }
+
+  // Each is completed, also when another one fails.
+  std::vector<ToolError> finish_outputs() {
+    std::vector<ToolError> failures = shared_outputs_->finish();
+    const std::vector<ToolError> more = own_outputs_->finish();
+    failures.insert(failures.end(), more.begin(), more.end());
+    if (trace_) {
+      try {
+        trace_->finish();
+      } catch (...) {
+        failures.push_back(caught_error());
       }
     }
+    return failures;
   }
 
   bool tracked() const { return options_.detector.track || options_.detector.strict; }
@@ -241,30 +287,6 @@ class Session {
     }
   }
 
-  // Called when the source has no more frames.
-  void check_end() {
-    if (summary_.frames() == 0) {
-      refuse_input(options_.input,
-                   "no frame is left after --skip " + std::to_string(options_.skip));
-    }
-    const std::optional<long> length = source_->length();
-    const long read = options_.skip + summary_.frames();
-    // A video without a constant rate has fewer frames than its duration makes one think; one that
-    // is cut has also not reached its end in time.
-    const double reached = static_cast<double>(last_pts_) / 1e6 * source_->frames_per_second() + 1;
-    if (length && !reaches_length(std::max(static_cast<double>(read), reached),
-                                  static_cast<double>(*length))) {
-      const std::string end = options_.input + ": ended after " + std::to_string(read) + " of " +
-                              std::to_string(*length) + " frames; ";
-      if (source_->is_whole()) {
-        progress_.notice(end + "the file is whole, so it counts frames that it does not show.");
-        return;
-      }
-      input_failed_ = true;
-      throw ToolError(kInputError, end + "it is damaged or cut");
-    }
-  }
-
   void report(std::vector<ToolError>* failures) {
     try {
       write_summary();
@@ -273,29 +295,34 @@ class Session {
     }
   }
 
-  void write_summary() {
-    progress_.clear();
+  RunFacts facts() const {
     RunFacts facts;
     facts.model = options_.detector.model;
-    facts.input = options_.input;
+    facts.inputs = options_.inputs;
     facts.class_names = model_.description.class_names;
     facts.max_boxes = model_.description.decoded.max_boxes;
     facts.tracked = tracked();
     facts.interrupted = interruption_requested();
-    facts.expected_frames = source_->length() ? frames_to_come(*source_, options_) : std::nullopt;
-    facts.seconds = milliseconds_since(start_) / 1000;
+    facts.expected_frames = reader_.stated();
+    facts.seconds = milliseconds_between(start_, Clock::now()) / 1000;
+    return facts;
+  }
+
+  void write_summary() {
+    progress_.clear();
+    const RunFacts of_run = facts();
     const bool results_on_screen = uses_standard_output(options_.outputs);
     if (summary_file_) {
-      summary_file_->write(summary_.json(facts));
+      summary_file_->write(summary_.json(of_run));
       summary_file_->close();
     }
     if (options_.quiet) {
       return;
     }
     if (results_on_screen) {
-      std::fputs(summary_.text(facts).c_str(), stderr);
+      std::fputs(summary_.text(of_run).c_str(), stderr);
     } else {
-      show_on_screen(summary_.text(facts));
+      show_on_screen(summary_.text(of_run));
     }
   }
 
@@ -311,22 +338,23 @@ class Session {
   }
 
   const RunOptions& options_;
+  const std::vector<RunInput>& inputs_;
+  int jobs_;
   RunLog& log_;
   Model model_;
-  DetectorOptions detector_options_;
-  FrameLayout layout_;
-  std::unique_ptr<FrameSource> source_;
+  EngineSettings settings_;
+  DetectorPool pool_;
+  FrameReader reader_;                         // once the stages run, used by read() alone
+  double rate_ = reader_.frames_per_second();  // of the input that is written
   Progress progress_;
-  RunOutputs outputs_;
+  std::unique_ptr<RunOutputs> shared_outputs_;
+  std::unique_ptr<RunOutputs> own_outputs_;  // of the input that is written
   RunSummary summary_;
   std::optional<OutputFile> summary_file_;
-  std::unique_ptr<Detector> detector_;
-  cv::Size reported_size_;         // display size of detector_
-  std::uint64_t first_track_ = 0;  // added to the ids of detector_
-  std::uint64_t last_track_ = 0;   // highest id so far
-  std::vector<unsigned char> converted_;
-  std::uint64_t last_pts_ = 0;  // of the last frame, microseconds
-  bool input_failed_ = false;   // after the first frame
+  std::optional<RunTrace> trace_;
+  std::vector<std::unique_ptr<Engine>> engines_;
+  std::size_t input_ = 0;      // that is written
+  bool input_failed_ = false;  // after the first frame
   Clock::time_point start_;
 };
 
@@ -334,26 +362,19 @@ class Session {
 
 int run_session(const RunOptions& options) {
   silence_opencv();
-  require_separate_files(
-      options.outputs, options.log,
-      {options.input, options.detector.model, options.detector.firmware, options.platform});
+  const std::vector<RunInput> inputs = run_inputs(options.inputs);
+  require_outputs_fit(options.outputs, inputs);
+  require_separate_files(options.outputs, options.log, inputs,
+                         {options.detector.model, options.detector.firmware, options.platform});
   use_platform(options.platform, options.detector.firmware);
   // Before signals are caught: Ctrl-C ends the trial, too, and nothing is written yet.
   require_harmless_network(options.detector.model, options.detector.model);
+  const int jobs = jobs_for(options);
+  const int engines = engines_for(options, jobs);
   // Outlives the log, which flushes what a closed pipe did not take.
   const Interruption interruption;
-  RunLog log(options.log);
-  try {
-    return Session(options, &log).run();
-  } catch (const ToolError& error) {
-    // Errors since the last good frame: there are some only if the library took part.
-    const std::string lines = log.last_errors();
-    if (lines.empty()) {
-      throw;
-    }
-    throw ToolError(error.exit_code(),
-                    std::string(error.what()) + "\nThe library's log says:" + lines);
-  }
+  RunLog log(options.log, engines > 1);
+  return Session(options, inputs, jobs, engines, &log).run();
 }
 
 }  // namespace olvex_tools

@@ -31,12 +31,12 @@ double rate(long frames, double seconds) {
 
 }  // namespace
 
-void RunSummary::add(const FrameRecord& record, double output_milliseconds) {
+void RunSummary::add(const FrameRecord& record, std::size_t input, double output_milliseconds) {
   ++frames_;
   for (const Detection& detection : record.detections) {
     ++boxes_[detection.class_id];
     if (detection.track_id) {
-      tracks_.insert(*detection.track_id);
+      tracks_.emplace(input, *detection.track_id);
     }
   }
   frames_with_dropped_candidates_ += record.dropped_candidates > 0 ? 1 : 0;
@@ -108,20 +108,23 @@ std::string RunSummary::json(const RunFacts& facts) const {
     stages[kStageNames[i]] = {{"median", rounded(percentile(milliseconds_[i], 0.5))},
                               {"p99", rounded(percentile(milliseconds_[i], 0.99))}};
   }
-  const Json summary = {{"schema_version", kSummarySchemaVersion},
-                        {"model", facts.model},
-                        {"input", facts.input},
-                        {"interrupted", facts.interrupted},
-                        {"frames", frames_},
-                        {"expected_frames", or_null(facts.expected_frames)},
-                        {"seconds", rounded(facts.seconds)},
-                        {"frames_per_second", rounded(rate(frames_, facts.seconds))},
-                        {"boxes", total},
-                        {"boxes_per_class", std::move(classes)},
-                        {"frames_with_dropped_candidates", frames_with_dropped_candidates_},
-                        {"frames_with_cut_boxes", frames_with_cut_boxes_},
-                        {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
-                        {"milliseconds", std::move(stages)}};
+  Json summary = {{"schema_version", kSummarySchemaVersion},
+                  {"model", facts.model},
+                  {"input", join(facts.inputs, " ")},
+                  {"interrupted", facts.interrupted},
+                  {"frames", frames_},
+                  {"expected_frames", or_null(facts.expected_frames)},
+                  {"seconds", rounded(facts.seconds)},
+                  {"frames_per_second", rounded(rate(frames_, facts.seconds))},
+                  {"boxes", total},
+                  {"boxes_per_class", std::move(classes)},
+                  {"frames_with_dropped_candidates", frames_with_dropped_candidates_},
+                  {"frames_with_cut_boxes", frames_with_cut_boxes_},
+                  {"tracks", facts.tracked ? Json(tracks_.size()) : Json(nullptr)},
+                  {"milliseconds", std::move(stages)}};
+  if (facts.inputs.size() > 1) {
+    summary["inputs"] = facts.inputs;
+  }
   return json_text(summary) + "\n";
 }
 
