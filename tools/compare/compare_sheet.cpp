@@ -3,7 +3,9 @@
 // Declared in compare.h.
 #include "tools/compare/compare.h"
 
+#include <algorithm>
 #include <cinttypes>
+#include <filesystem>
 
 #include "tools/frames/annotation.h"
 #include "tools/common/command.h"
@@ -15,7 +17,9 @@ namespace olvex_tools {
 
 namespace {
 
-constexpr GridStrips kStrips = {34, 24};  // pixels
+// Of a line of text, pixels.
+constexpr int kHeadingHeight = 34;
+constexpr int kCaptionHeight = 24;
 
 // 1:02:03.400, without the hours where there are none.
 std::string text_of_time(std::uint64_t microseconds) {
@@ -69,24 +73,68 @@ void require_own_size(const std::string& input, cv::Size picture,
   }
 }
 
-void draw_row(const cv::Mat& picture, const std::vector<ComparedRun>& runs,
-              const ComparedFrame& frame, std::size_t row, TileGrid* grid) {
+struct SheetTile {
+  cv::Mat picture;
+  std::string caption;
+};
+
+// A file of a folder by its name, a frame of a video by its number and time.
+std::string name_of_frame(const std::string& input, const SourceFrame& source,
+                          const FrameRecord& record) {
+  if (source.name != input) {
+    return std::filesystem::path(source.name).filename().string();
+  }
+  return "frame " + std::to_string(record.number) + "   " + text_of_time(record.pts);
+}
+
+std::vector<SheetTile> tiles_of(const std::string& name, const cv::Mat& picture, cv::Size size,
+                                const std::vector<ComparedRun>& runs, const ComparedFrame& frame) {
+  std::vector<SheetTile> tiles;
   for (std::size_t column = 0; column < runs.size(); ++column) {
     const FrameRecord& record = *frame.records[column];
-    cv::Mat tile = grid->tile(row, column);
     const FrameChanges changes = changes_of(*frame.records.front(), record);
-    const cv::Mat ground = outlined(picture, record, changes, tile.cols);
-    FramePicture(record, runs[column].class_names, ground).annotated_at(tile.size()).copyTo(tile);
+    const cv::Mat ground = outlined(picture, record, changes, size.width);
     std::string text = counted(record.detections.size(), "box", "boxes");
     if (column == 0) {
-      text = "frame " + std::to_string(frame.number) + "   " + text_of_time(record.pts) + "   " +
-             text + text_of_differences(frame.boxes_alone[column]);
+      text = name + "   " + text + text_of_differences(frame.boxes_alone[column]);
     } else {
       text += text_of_changes(changes);
     }
-    cv::Mat strip = grid->caption(row, column);
-    draw_line_of_text(text, &strip);
+    tiles.push_back(
+        {FramePicture(record, runs[column].class_names, ground).annotated_at(size), text});
   }
+  return tiles;
+}
+
+int lines_of(const std::string& text, int width, int line_height) {
+  return static_cast<int>(wrapped_text(text, width, line_height).size());
+}
+
+cv::Mat sheet_of(const std::vector<ComparedRun>& runs,
+                 const std::vector<std::vector<SheetTile>>& rows) {
+  const cv::Size size = rows.front().front().picture.size();
+  GridStrips strips = {kHeadingHeight, kCaptionHeight};
+  for (const ComparedRun& run : runs) {
+    strips.heading =
+        std::max(strips.heading, kHeadingHeight * lines_of(run.label, size.width, kHeadingHeight));
+  }
+  for (const std::vector<SheetTile>& row : rows) {
+    for (const SheetTile& tile : row) {
+      strips.caption = std::max(
+          strips.caption, kCaptionHeight * lines_of(tile.caption, size.width, kCaptionHeight));
+    }
+  }
+  TileGrid grid(size, rows.size(), runs.size(), strips);
+  for (std::size_t column = 0; column < runs.size(); ++column) {
+    cv::Mat heading = grid.heading(column);
+    draw_wrapped_text(runs[column].label, kHeadingHeight, &heading);
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+      rows[row][column].picture.copyTo(grid.tile(row, column));
+      cv::Mat caption = grid.caption(row, column);
+      draw_wrapped_text(rows[row][column].caption, kCaptionHeight, &caption);
+    }
+  }
+  return grid.sheet();
 }
 
 }  // namespace
@@ -96,22 +144,18 @@ cv::Mat draw_compare_sheet(const std::string& input, FrameSource* source,
                            const std::vector<ComparedRun>& runs,
                            const std::vector<ComparedFrame>& frames) {
   Progress progress(frames.back().number, false);
-  std::optional<TileGrid> grid;
+  std::vector<std::vector<SheetTile>> rows;
   long position = 0;  // frames read so far
-  for (std::size_t row = 0; row < frames.size(); ++row) {
-    const ComparedFrame& frame = frames[row];
-    const cv::Mat picture = read_frame(input, frame.number, source, &position, &progress).picture;
-    require_own_size(input, picture.size(), display, runs.front(), *frame.records.front());
-    if (!grid) {
-      grid.emplace(tile_size(picture.size(), runs.size()), frames.size(), runs.size(), kStrips);
-    }
-    draw_row(picture, runs, frame, row, &*grid);
+  for (const ComparedFrame& frame : frames) {
+    const SourceFrame read = read_frame(input, frame.number, source, &position, &progress);
+    const FrameRecord& record = *frame.records.front();
+    require_own_size(input, read.picture.size(), display, runs.front(), record);
+    // Of one size, whatever the pictures have.
+    const cv::Size size = rows.empty() ? tile_size(read.picture.size(), runs.size())
+                                       : rows.front().front().picture.size();
+    rows.push_back(tiles_of(name_of_frame(input, read, record), read.picture, size, runs, frame));
   }
-  for (std::size_t column = 0; column < runs.size(); ++column) {
-    cv::Mat strip = grid->heading(column);
-    draw_line_of_text(runs[column].label, &strip);
-  }
-  return grid->sheet();
+  return sheet_of(runs, rows);
 }
 
 }  // namespace olvex_tools

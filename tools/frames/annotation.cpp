@@ -14,6 +14,7 @@
 #include "tools/common/output_file.h"
 #include "tools/common/text.h"
 #include "tools/frames/codec_modules.h"
+#include "tools/frames/label_placement.h"
 
 namespace olvex_tools {
 
@@ -46,6 +47,11 @@ Pen pen_for(const cv::Mat& picture) {
   return pen_with(static_cast<int>(std::lround(side / 250)), side / 900);
 }
 
+// Capitals half as high as the line.
+Pen strip_pen(int line_height) {
+  return pen_with(1, line_height / 44.0);
+}
+
 bool is_light(const cv::Scalar& colour) {
   return 0.114 * colour[0] + 0.587 * colour[1] + 0.299 * colour[2] > 140;
 }
@@ -62,6 +68,27 @@ std::string label_of(const Detection& detection, const std::vector<std::string>&
   return label;
 }
 
+// How much of the picture a text takes with its margins, and where the letters stand in it.
+struct TextExtent {
+  cv::Size outer;
+  int ascent = 0;
+};
+
+TextExtent extent_of(const std::string& text, const Pen& pen) {
+  int below = 0;
+  const cv::Size size = cv::getTextSize(text, kFont, pen.font_scale, pen.text_line, &below);
+  return {{size.width + 2 * pen.margin, size.height + below + 2 * pen.margin}, size.height};
+}
+
+void draw_label(const std::string& text, const cv::Rect& area, const Pen& pen,
+                const cv::Scalar& ground, cv::Mat* picture) {
+  cv::rectangle(*picture, area, ground, cv::FILLED);
+  const cv::Scalar ink = is_light(ground) ? cv::Scalar(0, 0, 0) : cv::Scalar(255, 255, 255);
+  cv::putText(*picture, text,
+              {area.x + pen.margin, area.y + pen.margin + extent_of(text, pen).ascent}, kFont,
+              pen.font_scale, ink, pen.text_line, cv::LINE_AA);
+}
+
 // The labels of one picture. Earlier ones have priority.
 class Labels {
  public:
@@ -69,18 +96,13 @@ class Labels {
 
   // Draws text in a filled box above that point, or as near to it as fits into the picture.
   void draw(const std::string& text, cv::Point lower_left, const cv::Scalar& ground) {
-    int below = 0;
-    const cv::Size size = cv::getTextSize(text, kFont, pen_.font_scale, pen_.text_line, &below);
-    const cv::Size outer(size.width + 2 * pen_.margin, size.height + below + 2 * pen_.margin);
+    const cv::Size outer = extent_of(text, pen_).outer;
     const int left = std::max(0, std::min(lower_left.x, picture_.cols - outer.width));
     const int top =
         std::max(0, std::min(lower_left.y - outer.height, picture_.rows - outer.height));
     const cv::Rect area = first_free({cv::Point(left, top), outer});
     taken_.push_back(area);
-    cv::rectangle(picture_, area, ground, cv::FILLED);
-    const cv::Scalar ink = is_light(ground) ? cv::Scalar(0, 0, 0) : cv::Scalar(255, 255, 255);
-    cv::putText(picture_, text, {area.x + pen_.margin, area.y + pen_.margin + size.height}, kFont,
-                pen_.font_scale, ink, pen_.text_line, cv::LINE_AA);
+    draw_label(text, area, pen_, ground, &picture_);
   }
 
  private:
@@ -119,27 +141,97 @@ cv::Scalar colour_of(std::uint64_t number) {
   return {channel(4), channel(2), channel(0)};
 }
 
-void annotate(const FrameRecord& record, const std::vector<std::string>& class_names,
-              cv::Mat* picture) {
+// A record's coordinates in a picture of it.
+struct Scale {
+  double across;
+  double down;
+
+  cv::Rect rectangle(const Detection& box) const {
+    return {cv::Point(scaled(box.x, across), scaled(box.y, down)),
+            cv::Point(scaled(static_cast<double>(box.x) + box.width, across),
+                      scaled(static_cast<double>(box.y) + box.height, down))};
+  }
+};
+
+// A few cells for the whole box, which blend into one another: a mosaic that cannot be undone.
+void blur(const FrameRecord& record, const Scale& scale, cv::Mat* picture) {
+  constexpr int kCells = 6;  // along the longer side
+  for (const std::array<float, 4>& corners : record.blurred) {
+    const cv::Point upper_left(scaled(std::floor(corners[0]), scale.across),
+                               scaled(std::floor(corners[1]), scale.down));
+    const cv::Point lower_right(scaled(std::ceil(corners[2]), scale.across) + 1,
+                                scaled(std::ceil(corners[3]), scale.down) + 1);
+    const cv::Rect area = cv::Rect(upper_left, lower_right) & cv::Rect({0, 0}, picture->size());
+    if (area.empty()) {
+      continue;
+    }
+    const double cell = std::max(area.width, area.height) / static_cast<double>(kCells);
+    const cv::Size cells(std::max(1, static_cast<int>(area.width / cell)),
+                         std::max(1, static_cast<int>(area.height / cell)));
+    cv::Mat inside = (*picture)(area);
+    cv::Mat mosaic;
+    cv::resize(inside, mosaic, cells, 0, 0, cv::INTER_AREA);
+    cv::resize(mosaic, inside, inside.size(), 0, 0, cv::INTER_LINEAR);
+  }
+}
+
+cv::Scalar colour_of(const Detection& box) {
+  return colour_of(box.track_id ? *box.track_id : box.class_id);
+}
+
+// Text that a small box's label has is smaller than that of a large one, within what can be read and what suits
+// the picture.
+Pen label_pen(const Pen& picture, const cv::Rect& box) {
+  constexpr double kSide = 160;  // of a box whose label has letters of scale 1
+  const double side = std::min(box.width, box.height);
+  return pen_with(picture.line, std::min(picture.font_scale * 1.5, side / kSide));
+}
+
+void draw_box_labels(const FrameRecord& record, const std::vector<std::string>& class_names,
+                     const Scale& scale, cv::Mat* picture) {
   const Pen pen = pen_for(*picture);
-  const double across = static_cast<double>(picture->cols) / record.width;
-  const double down = static_cast<double>(picture->rows) / record.height;
+  std::vector<std::string> texts;
+  std::vector<LabelledBox> boxes;
+  for (const Detection& detection : record.detections) {
+    const cv::Rect box = scale.rectangle(detection);
+    texts.push_back(label_of(detection, class_names));
+    boxes.push_back({box, extent_of(texts.back(), label_pen(pen, box)).outer});
+  }
+  const std::vector<cv::Rect> areas = place_labels(boxes, picture->size());
+  for (std::size_t k = 0; k < areas.size(); ++k) {
+    const cv::Scalar colour = colour_of(record.detections[k]);
+    const cv::Rect touching(areas[k].tl() - cv::Point(1, 1), areas[k].br() + cv::Point(1, 1));
+    if ((touching & boxes[k].box).empty()) {
+      const cv::Point middle = (areas[k].tl() + areas[k].br()) / 2;
+      cv::line(*picture, middle,
+               {std::clamp(middle.x, boxes[k].box.x, boxes[k].box.br().x),
+                std::clamp(middle.y, boxes[k].box.y, boxes[k].box.br().y)},
+               colour, 1, cv::LINE_AA);
+    }
+  }
+  for (std::size_t k = 0; k < areas.size(); ++k) {
+    draw_label(texts[k], areas[k], label_pen(pen, boxes[k].box), colour_of(record.detections[k]),
+               picture);
+  }
+}
+
+void annotate(const FrameRecord& record, const std::vector<std::string>& class_names,
+              const DrawingOptions& options, cv::Mat* picture) {
+  const Scale scale = {static_cast<double>(picture->cols) / record.width,
+                       static_cast<double>(picture->rows) / record.height};
+  const int line = options.line_width > 0 ? options.line_width : pen_for(*picture).line;
+  blur(record, scale, picture);
   for (const Detection& box : record.detections) {
-    const cv::Scalar colour = colour_of(box.track_id ? *box.track_id : box.class_id);
-    const cv::Point upper_left(scaled(box.x, across), scaled(box.y, down));
-    const cv::Point lower_right(scaled(static_cast<double>(box.x) + box.width, across),
-                                scaled(static_cast<double>(box.y) + box.height, down));
-    cv::rectangle(*picture, upper_left, lower_right, colour, pen.line);
+    const cv::Scalar colour = colour_of(box);
+    cv::rectangle(*picture, scale.rectangle(box).tl(), scale.rectangle(box).br(), colour, line);
     for (const KeyPoint& point : box.key_points) {
-      cv::circle(*picture, {scaled(point.x, across), scaled(point.y, down)}, pen.line + 1, colour,
-                 cv::FILLED, cv::LINE_AA);
+      cv::circle(*picture, {scaled(point.x, scale.across), scaled(point.y, scale.down)}, line + 1,
+                 colour, cv::FILLED, cv::LINE_AA);
     }
   }
   // Labels last, so that no other box's outline runs through a text.
-  Labels labels(picture);
-  for (const Detection& box : record.detections) {
-    const cv::Scalar colour = colour_of(box.track_id ? *box.track_id : box.class_id);
-    labels.draw(label_of(box, class_names), {scaled(box.x, across), scaled(box.y, down)}, colour);
+  if (options.labels) {
+    draw_box_labels(record, class_names, scale, picture);
   }
 }
 
@@ -174,27 +266,47 @@ int outline_width(const cv::Mat& picture) {
 }
 
 void draw_caption(const std::string& text, cv::Mat* picture) {
-  Labels(picture).draw(text, {0, picture->rows}, cv::Scalar(40, 40, 40));
+  const Pen pen = pen_for(*picture);
+  std::string shown = text;
+  for (std::size_t left = text.size();
+       left > 2 && extent_of(shown, pen).outer.width > picture->cols; --left) {
+    shown = text.substr(0, left / 2) + ".." + text.substr(text.size() - (left - left / 2));
+  }
+  Labels(picture).draw(shown, {0, picture->rows}, cv::Scalar(40, 40, 40));
 }
 
-void draw_line_of_text(const std::string& text, cv::Mat* strip) {
-  const Pen pen = pen_with(1, strip->rows / 44.0);  // capitals half as high as the strip
-  // No letter is narrower than a pixel.
-  std::string shown = text.substr(0, static_cast<std::size_t>(strip->cols));
-  int below = 0;
-  cv::Size size = cv::getTextSize(shown, kFont, pen.font_scale, pen.text_line, &below);
-  for (std::size_t kept = shown.size(); size.width > strip->cols && kept > 0;) {
-    shown = text.substr(0, --kept) + "..";
-    size = cv::getTextSize(shown, kFont, pen.font_scale, pen.text_line, &below);
+std::vector<std::string> wrapped_text(const std::string& text, int width, int line_height) {
+  const Pen pen = strip_pen(line_height);
+  std::vector<std::string> lines;
+  std::string rest = text;
+  while (!rest.empty()) {
+    // No letter is narrower than a pixel.
+    std::size_t end = std::min(rest.size(), static_cast<std::size_t>(width));
+    while (end > 1 && extent_of(rest.substr(0, end), pen).outer.width - 2 * pen.margin > width) {
+      --end;
+    }
+    const std::size_t space = end < rest.size() ? rest.rfind(' ', end) : std::string::npos;
+    end = space == std::string::npos || space == 0 ? end : space;
+    lines.push_back(rest.substr(0, end));
+    rest.erase(0, std::min(rest.find_first_not_of(' ', end), rest.size()));
   }
-  cv::putText(*strip, shown, {0, (strip->rows + size.height) / 2}, kFont, pen.font_scale,
-              cv::Scalar(0, 0, 0), pen.text_line, cv::LINE_AA);
+  return lines;
+}
+
+void draw_wrapped_text(const std::string& text, int line_height, cv::Mat* strip) {
+  const Pen pen = strip_pen(line_height);
+  int top = 0;
+  for (const std::string& line : wrapped_text(text, strip->cols, line_height)) {
+    cv::putText(*strip, line, {0, top + (line_height + extent_of(line, pen).ascent) / 2}, kFont,
+                pen.font_scale, cv::Scalar(0, 0, 0), pen.text_line, cv::LINE_AA);
+    top += line_height;
+  }
 }
 
 const cv::Mat& FramePicture::annotated() {
   if (annotated_.empty()) {
     annotated_ = plain_.clone();
-    annotate(record_, class_names_, &annotated_);
+    annotate(record_, class_names_, options_, &annotated_);
   }
   return annotated_;
 }
@@ -204,7 +316,7 @@ cv::Mat FramePicture::annotated_at(cv::Size size) const {
   cv::Mat result(size, CV_8UC3, bars);
   cv::Mat inside = result(fitted(plain_.size(), size));
   cv::resize(plain_, inside, inside.size(), 0, 0, cv::INTER_AREA);
-  annotate(record_, class_names_, &inside);
+  annotate(record_, class_names_, options_, &inside);
   return result;
 }
 

@@ -14,13 +14,19 @@
 
 namespace olvex_tools {
 
+struct DrawingOptions {
+  bool labels = true;
+  int line_width = 0;  // of a box's outline, pixels of the annotated picture; 0: as suits its size
+};
+
 // One frame with its boxes drawn into it. Coordinates are scaled from the record's display size, line
-// width and text from the picture's. The annotated picture is made when first asked for.
+// width from the picture's, text from the box's within what suits the picture. What the record has to be blurred
+// cannot be recognised. The annotated picture is made when first asked for.
 class FramePicture {
  public:
   FramePicture(const FrameRecord& record, const std::vector<std::string>& class_names,
-               const cv::Mat& plain)
-      : record_(record), class_names_(class_names), plain_(plain) {}
+               const cv::Mat& plain, const DrawingOptions& options = DrawingOptions())
+      : record_(record), class_names_(class_names), plain_(plain), options_(options) {}
 
   const FrameRecord& record() const { return record_; }
   // Annotated, in the source's own size.
@@ -32,6 +38,7 @@ class FramePicture {
   const FrameRecord& record_;
   const std::vector<std::string>& class_names_;
   const cv::Mat& plain_;
+  DrawingOptions options_;
   cv::Mat annotated_;
 };
 
@@ -50,11 +57,14 @@ void draw_labels(const std::vector<Label>& labels, cv::Mat* picture);
 // The width of a box's outline that suits the picture.
 int outline_width(const cv::Mat& picture);
 
-// Draws text on a dark ground into the picture's lower left corner.
+// Draws text on a dark ground into the picture's lower left corner; of a text that is too long the middle is left out.
 void draw_caption(const std::string& text, cv::Mat* picture);
 
-// Draws black text that fits the height of a strip; text that is too long for it ends in "..".
-void draw_line_of_text(const std::string& text, cv::Mat* strip);
+// Lines of a height in which text fits a width, parted at spaces where there are any.
+std::vector<std::string> wrapped_text(const std::string& text, int width, int line_height);
+
+// Draws black text into a strip, a line below the other.
+void draw_wrapped_text(const std::string& text, int line_height, cv::Mat* strip);
 
 // Makes the folder, and those that it lies in. Throws ToolError (kInputError).
 void make_folder(const std::string& folder);

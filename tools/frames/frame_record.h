@@ -49,6 +49,8 @@ struct FrameRecord {
   int width = 0;               // display size in pixels: the frame of all coordinates
   int height = 0;
   std::vector<Detection> detections;
+  std::vector<std::array<float, 4>>
+      blurred;                         // corners of what pictures must not show, display pixels
   std::size_t dropped_candidates = 0;  // by the accelerator, beyond the image's max_boxes
   std::size_t cut_boxes = 0;           // by the library, beyond the most that it reports
   StageTimes milliseconds;

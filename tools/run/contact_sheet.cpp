@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
+#include <map>
 
 #include "tools/frames/annotation.h"
 #include "tools/common/output_file.h"
@@ -25,7 +27,7 @@ class ContactSheetWriter : public FrameWriter {
     if (seen_++ % stride_ != 0) {
       return;
     }
-    kept_.push_back(tile_of(picture));
+    kept_.push_back({tile_of(picture), picture->record().number, picture->record().source});
     if (kept_.size() == 4 * wanted_) {
       drop_every_second();
       stride_ *= 2;
@@ -40,14 +42,32 @@ class ContactSheetWriter : public FrameWriter {
   }
 
  private:
+  struct Tile {
+    cv::Mat picture;
+    long number;
+    std::string source;
+  };
+
   cv::Mat tile_of(FramePicture* picture) {
     if (tile_.empty()) {
       // Many tiles are small ones, which also bounds the memory that the kept ones take.
       tile_ = tile_size(picture->annotated().size(), columns_of(wanted_));
     }
-    cv::Mat tile = picture->annotated_at(tile_);
-    draw_caption("frame " + std::to_string(picture->record().number), &tile);
-    return tile;
+    return picture->annotated_at(tile_);
+  }
+
+  // By its file where each frame has its own, by its number where all are of one.
+  std::string caption_of(const Tile& tile) const {
+    const std::string number = "frame " + std::to_string(tile.number);
+    std::map<std::string, std::size_t> frames_of;
+    for (const Tile& kept : kept_) {
+      ++frames_of[kept.source];
+    }
+    if (frames_of.size() == 1) {
+      return number;
+    }
+    const std::string file = std::filesystem::path(tile.source).filename().string();
+    return frames_of[tile.source] == 1 ? file : file + ", " + number;
   }
 
   void drop_every_second() {
@@ -65,7 +85,9 @@ class ContactSheetWriter : public FrameWriter {
     for (std::size_t i = 0; i < count; ++i) {
       // From the first kept frame to the last one, both included.
       const std::size_t chosen = count == 1 ? 0 : i * (kept_.size() - 1) / (count - 1);
-      kept_[chosen].copyTo(grid.tile(i / columns, i % columns));
+      cv::Mat tile = grid.tile(i / columns, i % columns);
+      kept_[chosen].picture.copyTo(tile);
+      draw_caption(caption_of(kept_[chosen]), &tile);
     }
     return grid.sheet();
   }
@@ -78,7 +100,7 @@ class ContactSheetWriter : public FrameWriter {
   OutputFile file_;
   std::size_t wanted_;
   cv::Size tile_;
-  std::vector<cv::Mat> kept_;
+  std::vector<Tile> kept_;
   std::size_t seen_ = 0;
   std::size_t stride_ = 1;
 };

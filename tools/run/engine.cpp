@@ -73,6 +73,11 @@ void Engine::run(FrameJob* job) {
   detector_->run(job->converted.empty() ? &job->frame.dump : &job->converted, &record);
   remove_padding(padding, &record.detections);
   number_tracks(&record.detections);
+  for (const Detection& detection : record.detections) {
+    if (settings_.blurred.count(detection.class_id) != 0) {
+      record.blurred.push_back(detection.corners);
+    }
+  }
   const std::set<std::uint32_t>& classes = settings_.classes;
   record.detections.erase(std::remove_if(record.detections.begin(), record.detections.end(),
                                          [&](const Detection& detection) {

@@ -22,6 +22,7 @@ struct EngineSettings {
   FrameLayout layout;
   std::optional<cv::Size> display;  // pixels; nothing: each frame's own size
   std::set<std::uint32_t> classes;  // ids to report; empty: all
+  std::set<std::uint32_t> blurred;  // ids of what pictures must not show
   bool ids_restart = false;         // track ids, with each input
   bool keeps_pictures = false;      // they are written
   int engines = 1;

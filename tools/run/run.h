@@ -135,6 +135,7 @@ struct OutputOptions {
   std::size_t contact_frames = 12;
   std::string summary;  // JSON; or "-"; written by run_summary.cpp
   std::string trace;    // JSON; written by run_trace.cpp
+  DrawingOptions drawing;
 };
 
 // What stands for the name of the input in the path of an output.
@@ -173,6 +174,7 @@ class RunOutputs {
 
  private:
   std::vector<std::string> class_names_;
+  DrawingOptions drawing_;
   std::vector<std::unique_ptr<FrameWriter>> writers_;
   bool needs_picture_ = false;
 };
@@ -245,6 +247,7 @@ struct RunOptions {
   FrameReader::Settings reading;
   DetectorOptions detector;
   std::vector<std::string> classes;  // to report, by name or id; empty: all
+  std::vector<std::string> blurred;  // in pictures, by name or id
   std::string platform;              // path of a platform's library; empty: the host accelerator
   OutputOptions outputs;
   std::optional<cv::Size> display;  // pixels; nothing: each frame's own size

@@ -16,6 +16,7 @@ constexpr int kTrackFramesMost = 10;  // the tracker remembers that many frames 
 constexpr int kContactFramesMost = 400;
 constexpr int kTimeoutMost = 3600;  // seconds
 constexpr int kJobsMost = 256;
+constexpr int kLineWidthMost = 100;
 
 const char kDescription[] = "Run a model on video, pictures or a camera and write what it finds";
 
@@ -160,6 +161,21 @@ void add_input_options(OptionTable* options, CommandLine* line) {
       .range(0, kJobsMost);
 }
 
+void add_drawing_options(OptionTable* options, CommandLine* line) {
+  DrawingOptions* const drawing = &line->run.outputs.drawing;
+  options->group("Drawing, in videos, pictures and sheets");
+  options->flag("--labels,!--no-labels", &drawing->labels, "Name and score beside each box");
+  options
+      ->add("--line-width", "PIXELS", &drawing->line_width,
+            "Width of outlines; without it as suits the picture's size")
+      .range(1, kLineWidthMost);
+  options
+      ->add("--blur", "A,B", &line->run.blurred,
+            "Make boxes of these classes, by name or id, unrecognisable in every picture, also "
+            "those that --classes leaves out; what is not found or not reported is not blurred")
+      .split_at(',');
+}
+
 void add_output_options(OptionTable* options, CommandLine* line) {
   OutputOptions* const outputs = &line->run.outputs;
   options->group("Outputs (FILE|-: a file, or - for standard output)");
@@ -214,6 +230,7 @@ void add_run_command(CLI::App& application, Command* chosen) {
   add_tracking_options(&options, line.get());
   add_input_options(&options, line.get());
   add_output_options(&options, line.get());
+  add_drawing_options(&options, line.get());
 }
 
 }  // namespace olvex_tools

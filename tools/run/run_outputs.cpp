@@ -130,7 +130,7 @@ void require_separate_files(const OutputOptions& options, const std::string& log
 RunOutputs::RunOutputs(const OutputOptions& options, FILE* standard_output,
                        const std::vector<std::string>& class_names, double frames_per_second,
                        const std::function<void(const std::string&)>& notice)
-    : class_names_(class_names) {
+    : class_names_(class_names), drawing_(options.drawing) {
   if (!options.json_lines.empty()) {
     writers_.push_back(make_json_lines_writer(options.json_lines, standard_output, class_names_));
   }
@@ -154,7 +154,7 @@ RunOutputs::RunOutputs(const OutputOptions& options, FILE* standard_output,
 }
 
 void RunOutputs::write(const FrameRecord& record, const cv::Mat& picture) {
-  FramePicture frame(record, class_names_, picture);
+  FramePicture frame(record, class_names_, picture, drawing_);
   for (const auto& writer : writers_) {
     writer->write(&frame);
   }

@@ -61,7 +61,7 @@ int jobs_for(const RunOptions& options) {
 }
 
 // By name, or else by number.
-std::set<std::uint32_t> class_ids(const std::vector<std::string>& words,
+std::set<std::uint32_t> class_ids(const char* option, const std::vector<std::string>& words,
                                   const std::vector<std::string>& names) {
   std::set<std::uint32_t> ids;
   for (const std::string& word : words) {
@@ -71,7 +71,7 @@ std::set<std::uint32_t> class_ids(const std::vector<std::string>& words,
     if (named != names.end()) {
       id = static_cast<std::uint32_t>(named - names.begin());
     } else if (parsed.ec != std::errc() || parsed.ptr != word.data() + word.size()) {
-      refuse_usage("--classes " + word + ": the model names no such class" +
+      refuse_usage(option + (" " + word) + ": the model names no such class" +
                    did_you_mean(word, names) +
                    (names.empty() ? ". It names none: give numbers" : ""));
     }
@@ -132,7 +132,9 @@ class Session {
     settings.detector = at_start_pattern(options_.detector, model_);
     settings.layout = frame_layout(model_.description.input);
     settings.display = options_.display;
-    settings.classes = class_ids(options_.classes, model_.description.class_names);
+    const std::vector<std::string>& names = model_.description.class_names;
+    settings.classes = class_ids("--classes", options_.classes, names);
+    settings.blurred = class_ids("--blur", options_.blurred, names);
     settings.ids_restart =
         options_.outputs.json_lines.empty() || is_own(options_.outputs.json_lines);
     settings.engines = engines;
