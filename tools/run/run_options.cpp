@@ -4,11 +4,11 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <filesystem>
 #include <initializer_list>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "tools/common/output_file.h"
 #include "tools/common/text.h"
@@ -26,13 +26,21 @@ bool is_share(float value) {
   return value >= 0.f && value <= 1.f;
 }
 
+// Two whole numbers with that character between them, and nothing else.
+std::optional<std::pair<int, int>> numbers_around(char separator, const std::string& text) {
+  const char* const end = text.data() + text.size();
+  std::pair<int, int> numbers;
+  const auto first = std::from_chars(text.data(), end, numbers.first);
+  if (first.ec != std::errc() || first.ptr == end || *first.ptr != separator) {
+    return std::nullopt;
+  }
+  const auto second = std::from_chars(first.ptr + 1, end, numbers.second);
+  return second.ec == std::errc() && second.ptr == end ? std::make_optional(numbers) : std::nullopt;
+}
+
 cv::Size parse_display(const std::string& text) {
-  int width = 0;
-  int height = 0;
-  int used = 0;
-  const int found = std::sscanf(text.c_str(), "%5dx%5d%n", &width, &height, &used);
-  if (found != 2 || static_cast<std::size_t>(used) != text.size() || width < 1 || height < 1 ||
-      width > kDisplayMost || height > kDisplayMost) {
+  const auto [width, height] = numbers_around('x', text).value_or(std::pair(0, 0));
+  if (width < 1 || height < 1 || width > kDisplayMost || height > kDisplayMost) {
     refuse_usage("--display " + text + ": give width and height in pixels, 1 to " +
                  std::to_string(kDisplayMost) + ", as in 1920x1080");
   }
@@ -205,13 +213,12 @@ void set_start(const std::string& text, FrameSelection* selection) {
 }
 
 void set_shard(const std::string& text, FrameSelection* selection) {
-  int used = 0;
-  const int found =
-      std::sscanf(text.c_str(), "%6ld/%6ld%n", &selection->shard, &selection->shards, &used);
-  if (found != 2 || static_cast<std::size_t>(used) != text.size() || selection->shard < 1 ||
-      selection->shard > selection->shards || selection->shards > kShardsMost) {
+  const auto [shard, shards] = numbers_around('/', text).value_or(std::pair(0, 0));
+  if (shard < 1 || shard > shards || shards > kShardsMost) {
     refuse_usage("--shard " + text + ": give the part and the number of parts, as in 2/8");
   }
+  selection->shard = shard;
+  selection->shards = shards;
 }
 
 void set_selection(CommandLine* line) {
