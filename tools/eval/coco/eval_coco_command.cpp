@@ -32,8 +32,8 @@ const char kManual[] =
     "  olvex-det eval coco truth.json results.json --json - | jq .metrics.AP\n\n"
     "Metrics are fractions, as in 0.85; \"-\" is undefined: a class without truth, which no mean\n"
     "counts. The best threshold is the score with the best F1, the harmonic mean of precision and\n"
-    "recall, at overlap 0.5: what run --threshold and the library take. Pictures of the worst: "
-    "hits green on the truth in white, false boxes red, misses\n"
+    "recall, at overlap 0.5: what run --threshold and the library take.\n"
+    "Pictures of the worst: hits green on the truth in white, false boxes red, misses\n"
     "dashed yellow; frame n of the input is image n, or the number that a picture is named by, as\n"
     "with olvex-det run. Warnings name probable mistakes in the files, such as class ids that are\n"
     "numbered from 1. Exit code 1: a metric is below its --min.";

@@ -169,7 +169,7 @@ void add_eval_mot_command(CLI::App& eval, Command* chosen) {
       .split_at(',')
       .range(0, kClassMost);
   options.add("--class-map", "FILE|N=CLASS,...", &line->class_map,
-              "Classes that the numbers in TRUTH are, by id or name; - ignores; -1 is no number");
+              "Classes that the numbers in TRUTH are, by id or name; - ignores; -1: none given");
   options.add("--result-class-map", "FILE|N=CLASS,...", &line->result_class_map,
               "The same for RESULT; - leaves out");
   options.add("--class-names", "FILE", &line->class_names,
