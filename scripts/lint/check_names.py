@@ -4,6 +4,9 @@
 
 A name is a word with one of ENDINGS, with folders before it or without: some file has to end so. A word that
 starts with a folder of the root and '/' has to be a path; a part of it in capitals is any name.
+
+And no two headers of the tools, which share a namespace, define a type of the same name: the program would take
+the code of one for the other.
 """
 import pathlib
 import re
@@ -17,6 +20,7 @@ NAME = re.compile(rf"(?<![\w./*<>$}}%-])((?:\.\./)*[\w-][\w./-]*\.(?:{'|'.join(E
 # Comments of C and C++, of everything else, and the texts at the start of Python files and functions.
 C_COMMENT = re.compile(r'"(?:[^"\\\n]|\\.)*"|//[^\n]*|/\*.*?\*/', re.DOTALL)
 HASH_COMMENT = re.compile(r'''"""(?:.|\n)*?"""|"(?:[^"\\\n]|\\.)*"|\'(?:[^\'\\\n]|\\.)*\'|(?<![\w$])#[^\n]*''')
+TYPE = re.compile(r"^(?:struct|class|enum(?: class)?) (\w+)[^;\n]*\{", re.MULTILINE)
 STANDS_FOR_ANY = re.compile(r"(?:^|/)[A-Z]+(?=[./_]|$)")
 OUTSIDE = {"build", "demo-output", ".git", "__pycache__"}
 # Names that stand for any file, and those of the system.
@@ -48,6 +52,15 @@ def faults(files):
     return found
 
 
+def types_defined_twice(files):
+    headers = {}
+    for path, text in sorted(files.items()):
+        if path.startswith("tools/") and path.endswith(".h"):
+            for name in TYPE.findall(text):
+                headers.setdefault(name, []).append(path)
+    return [f"{name} is defined in {' and '.join(paths)}" for name, paths in headers.items() if len(paths) > 1]
+
+
 def read(path):
     try:
         return path.read_text()
@@ -65,6 +78,9 @@ def self_test():
     assert not faults({**files, **right}), faults({**files, **right})
     for path, text in wrong.items():
         assert len(faults({**files, path: text})) == 1, path
+    declared = {"tools/a.h": "struct Box {\n  double x;\n};\nclass Other;", "tools/b.h": "class Other : public Box {};"}
+    assert not types_defined_twice(declared)
+    assert len(types_defined_twice({**declared, "tools/c/d.h": "class Box {};"})) == 1
 
 
 def main():
@@ -75,7 +91,7 @@ def main():
     files = {path.relative_to(common.ROOT).as_posix(): read(path) for top in common.ROOT.iterdir()
              if top.name not in OUTSIDE for path in (top.rglob("*") if top.is_dir() else [top])
              if path.is_file() and not OUTSIDE.intersection(path.parts[len(common.ROOT.parts):])}
-    found = faults(files)
+    found = faults(files) + types_defined_twice(files)
     print("\n".join(found) if found else f"{len(files)} files: what their comments name is there")
     return 1 if found else 0
 

@@ -11,6 +11,9 @@ import pty
 import re
 import subprocess
 
+import cv2
+import numpy as np
+
 from tool_test import TOOL, ToolTest, main, make_network, write_cells, write_gray
 
 def box(x, y, width, height, class_id=0, score=0.5, track_id=None, points=(), name="person"):
@@ -66,6 +69,22 @@ class AnnotationTest(ToolTest):
         self.tool(*run, "--track", "--limit", 2, "--pictures", "shown", "--contact-sheet", "sheet.png",
                   "--contact-frames", 3, "--jsonl", "shown.jsonl")
         self.assert_picture_kept("run_picture.png", (self.folder / "shown/frame_000002.png").read_bytes())
+        # Blurred although it is not reported; nothing else changes but one outline.
+        self.tool(*run, "--limit", 2, "--classes", "blue", "--blur", "red", "--no-labels", "--line-width", 1,
+                  "--pictures", "blurred")
+        self.tool(*run, "--limit", 2, "--jsonl", "all.jsonl")
+        found = json.loads((self.folder / "all.jsonl").read_text().splitlines()[1])["boxes"]
+        boxes = {box["class_id"]: box for box in found}
+        left, top, width, height = (boxes[0][side] for side in ("x", "y", "width", "height"))
+        plain, blurred = (cv2.imread(str(self.folder / name)).astype(int) for name in ("pictures/02.ppm", "blurred/frame_000002.png"))
+        changed = abs(plain - blurred).max(2) > 0
+        inside = np.s_[top:top + height + 1, left:left + width + 1]
+        self.assertGreater(changed[inside].mean(), 0.3)
+        changed[inside] = False
+        rows, columns = np.nonzero(changed)
+        left, top, width, height = (boxes[2][side] for side in ("x", "y", "width", "height"))
+        self.assertEqual((left, top, left + width, top + height), (columns.min(), rows.min(), columns.max(), rows.max()))
+        self.assertFalse(changed[top + 1:top + height, left + 1:left + width].any())
         self.tool(*run, "--video", "shown.mp4")
         self.assertIn(b"avc1", (self.folder / "shown.mp4").read_bytes())  # H.264
         self.tool(*pack, "--keypoints", "points", "--no-classes")

@@ -84,8 +84,8 @@ bool PlacedFile::read(std::uint64_t place, void* bytes, std::size_t count) const
   return read_some(place, bytes, count) == count;
 }
 
-std::vector<Box> boxes_in(BoxBytes bytes) {
-  std::vector<Box> boxes;
+std::vector<ContainerBox> boxes_in(BoxBytes bytes) {
+  std::vector<ContainerBox> boxes;
   std::size_t place = 0;
   while (bytes.size() - place >= kBoxHead) {
     const std::uint64_t size = big_endian(&bytes[place], 4);
@@ -103,9 +103,9 @@ std::vector<Box> boxes_in(BoxBytes bytes) {
 
 BoxBytes box_at(BoxBytes bytes, std::initializer_list<std::string_view> path) {
   for (const std::string_view type : path) {
-    const std::vector<Box> boxes = boxes_in(bytes);
+    const std::vector<ContainerBox> boxes = boxes_in(bytes);
     const auto found = std::find_if(boxes.begin(), boxes.end(),
-                                    [type](const Box& box) { return box.type == type; });
+                                    [type](const ContainerBox& box) { return box.type == type; });
     if (found == boxes.end()) {
       return {};
     }

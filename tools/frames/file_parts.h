@@ -42,7 +42,7 @@ class PlacedFile {
 // ---- Boxes --------------------------------------------------------------------------------------
 
 // Of a box in memory: its type and what follows its head. place: of its head, in what it was found in.
-struct Box {
+struct ContainerBox {
   std::string_view type;
   std::basic_string_view<unsigned char> content;
   std::size_t place = 0;
@@ -50,7 +50,7 @@ struct Box {
 using BoxBytes = std::basic_string_view<unsigned char>;
 
 // The boxes that lie one after the other; those up to a damaged one.
-std::vector<Box> boxes_in(BoxBytes bytes);
+std::vector<ContainerBox> boxes_in(BoxBytes bytes);
 // The content of the box at the end of a path of types, the first of each; empty where there is none.
 BoxBytes box_at(BoxBytes bytes, std::initializer_list<std::string_view> path);
 

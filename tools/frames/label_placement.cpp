@@ -31,6 +31,7 @@ class Placement {
     const cv::Rect box = boxes_[index].box & picture_;
     const cv::Size label = boxes_[index].label;
     for (int distance = 0; distance <= kFarthestLabel && least_ != 0; ++distance) {
+      is_near_ = distance == 0;
       try_around(box, label, distance * label.height);
       if (distance == 0 && least_ != 0) {
         try_inside(box, label);
@@ -76,10 +77,13 @@ class Placement {
     for (int position = begin + step; position < end; position += step) {
       positions.push_back(position);
     }
-    const int reach = label + distance;
-    for (int beyond = step; beyond < reach; beyond += step) {
-      positions.push_back(std::min(begin, end) - beyond);
-      positions.push_back(std::max(begin, end) + beyond);
+    for (int position = std::min(begin, end) - step; position >= begin - label - distance;
+         position -= step) {
+      positions.push_back(position);
+    }
+    for (int position = std::max(begin, end) + step; position <= begin + length + distance;
+         position += step) {
+      positions.push_back(position);
     }
     return positions;
   }
@@ -91,7 +95,8 @@ class Placement {
       return;
     }
     const std::int64_t hidden = hidden_by(area);
-    if (least_ < 0 || hidden < least_) {
+    // Apart from its box a label is harder to read than where it hides something.
+    if (least_ < 0 || hidden == 0 || (hidden < least_ && is_near_)) {
       least_ = hidden;
       best_ = area;
     }
@@ -112,6 +117,7 @@ class Placement {
   cv::Rect picture_;
   std::vector<cv::Rect> taken_;
   std::size_t index_ = 0;
+  bool is_near_ = true;
   std::int64_t least_ = -1;  // what the best place hides; -1: there is none yet
   cv::Rect best_;
 };

@@ -84,7 +84,7 @@ std::string plain_text(BoxBytes bytes) {
   return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
-std::string rebuilt(const Box& box, const Plan& plan) {
+std::string rebuilt(const ContainerBox& box, const Plan& plan) {
   const std::string content = plain_text(box.content);
   if (box.type == "mvhd") {
     return box_text(box.type, with_number(content, plan.movie_duration, 16, 24, 8));
@@ -107,7 +107,7 @@ std::string rebuilt(const Box& box, const Plan& plan) {
   std::string inner;
   for (const std::string_view type : {"moov", "trak", "mdia", "minf", "stbl"}) {
     if (box.type == type) {
-      for (const Box& part : boxes_in(box.content)) {
+      for (const ContainerBox& part : boxes_in(box.content)) {
         inner += rebuilt(part, plan);
       }
       return box_text(box.type, inner);
@@ -213,7 +213,7 @@ class ChangedFile {
 void set_frame_times(const std::string& path, const std::vector<std::uint64_t>& times) {
   const PlacedFile file(path);
   const MovieBox movie = movie_box(file);
-  const std::vector<Box> outer = boxes_in({movie.bytes.data(), movie.bytes.size()});
+  const std::vector<ContainerBox> outer = boxes_in({movie.bytes.data(), movie.bytes.size()});
   const BoxBytes boxes = outer.empty() ? BoxBytes() : outer.front().content;
   const std::vector<std::int64_t> shown =
       shown_times(box_at(boxes, {"trak", "mdia", "minf", "stbl"}));

@@ -33,7 +33,7 @@ std::vector<std::uint64_t> in_microseconds(Times ticks, double seconds_per_tick)
 // The one track of pictures; empty where there is none or another.
 BoxBytes video_track(BoxBytes movie) {
   BoxBytes found;
-  for (const Box& box : boxes_in(movie)) {
+  for (const ContainerBox& box : boxes_in(movie)) {
     const BoxBytes handler = box_at(box.content, {"mdia", "hdlr"});
     if (box.type == "trak" && handler.size() >= 12 && std::memcmp(&handler[8], "vide", 4) == 0) {
       if (!found.empty()) {

@@ -33,7 +33,7 @@ bool holds_class_numbers(const HeadEvidence& evidence, const RowKind& kind) {
     return false;
   }
   const Treatment done = evidence.treatment({kind, 5, 1});
-  const std::optional<ValueRange> range = evidence.range({kind, 5, 1});
+  const std::optional<Interval> range = evidence.range({kind, 5, 1});
   const bool constant = range && range->least == range->most && range->most <= 1;
   return !(constant && (done.sigmoid || done.softmax) && !done.arg_max);
 }
@@ -194,7 +194,7 @@ std::vector<HeadReading> conclude_end_to_end(const HeadEvidence& evidence) {
             ": the rows hold boxes, scores and numbers of classes, but nothing says how many "
             "classes there are. Give --class-count N");
   }
-  const std::optional<ValueRange> range = evidence.range({*kind, 5, 1});
+  const std::optional<Interval> range = evidence.range({*kind, 5, 1});
   if (range && range->most >= static_cast<double>(classes)) {
     throw ToolError(kModelError,
                     evidence.question().network.path() +

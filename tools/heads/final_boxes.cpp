@@ -103,7 +103,7 @@ void conclude_final_boxes(const HeadEvidence& evidence, const Channels& box,
   const HeadOptions& options = evidence.options();
   Head& head = reading->head;
   head.boxes = evidence.part(box);
-  const std::optional<ValueRange> range = evidence.range(box);
+  const std::optional<Interval> range = evidence.range(box);
   bool corners = usual_order == qv_host::BoxOrder::kCornerPairs;
   bool fractions = usual_fractions;
   if (range) {

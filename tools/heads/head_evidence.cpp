@@ -77,19 +77,19 @@ std::vector<std::vector<float>> HeadEvidence::columns(const Channels& channels) 
   return columns;
 }
 
-std::optional<ValueRange> HeadEvidence::range(const Channels& channels) const {
-  std::optional<ValueRange> range;
+std::optional<Interval> HeadEvidence::range(const Channels& channels) const {
+  std::optional<Interval> range;
   for (const std::vector<float>& column : columns(channels)) {
     const auto [least, most] = std::minmax_element(column.begin(), column.end());
-    const ValueRange own = {static_cast<double>(*least), static_cast<double>(*most)};
-    range = range ? ValueRange{std::min(range->least, own.least), std::max(range->most, own.most)}
+    const Interval own = {static_cast<double>(*least), static_cast<double>(*most)};
+    range = range ? Interval{std::min(range->least, own.least), std::max(range->most, own.most)}
                   : own;
   }
   return range;
 }
 
 bool HeadEvidence::is_probability(const Channels& channels) const {
-  const std::optional<ValueRange> values = range(channels);
+  const std::optional<Interval> values = range(channels);
   if (values) {
     return values->least >= -kRounding && values->most <= 1 + kRounding;
   }

@@ -132,7 +132,7 @@ NamedContents contents_by_name(const std::string& output);
 
 // ---- What the families ask (head_evidence.cpp) --------------------------------------------------
 
-struct ValueRange {
+struct Interval {
   double least = 0;
   double most = 0;
 };
@@ -164,7 +164,7 @@ class HeadEvidence {
   // Scores or objectness to which sigmoid or softmax was applied.
   bool is_probability(const Channels& channels) const;
   // Of the values, where they are known.
-  std::optional<ValueRange> range(const Channels& channels) const;
+  std::optional<Interval> range(const Channels& channels) const;
   double mean(const Channels& channels) const;  // 0 where the values are not known
   // Of each row the first of the channels and the largest of the others, logits as probabilities; none where the
   // values are not known.

@@ -98,7 +98,7 @@ KindsOfParts sort_kinds(const HeadEvidence& evidence) {
 // The network makes the values of the box positive: distances of its sides, not offsets.
 bool are_distances(const HeadEvidence& evidence, const RowKind& box) {
   const Treatment done = evidence.treatment({box, 0, kBox});
-  const std::optional<ValueRange> range = evidence.range({box, 0, kBox});
+  const std::optional<Interval> range = evidence.range({box, 0, kBox});
   return (done.rectified || done.exponential) && range && range->least >= 0;
 }
 
