@@ -82,8 +82,8 @@ std::optional<Interval> HeadEvidence::range(const Channels& channels) const {
   for (const std::vector<float>& column : columns(channels)) {
     const auto [least, most] = std::minmax_element(column.begin(), column.end());
     const Interval own = {static_cast<double>(*least), static_cast<double>(*most)};
-    range = range ? Interval{std::min(range->least, own.least), std::max(range->most, own.most)}
-                  : own;
+    range =
+        range ? Interval{std::min(range->least, own.least), std::max(range->most, own.most)} : own;
   }
   return range;
 }
