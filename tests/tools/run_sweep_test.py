@@ -170,6 +170,8 @@ class RunSweepTest(ToolTest):
         for name, playable in (("a.mkv", True), ("b.avi", True), ("c.mp4", False), ("d.mov", False)):
             with self.subTest(name):
                 process = self.start_long_run("--video", name, "--coco", "coco")
+                while process.poll() is None and (self.out / name).stat().st_size == 0:
+                    time.sleep(0.01)  # the coder keeps the first 256 KiB
                 process.kill()
                 said = process.communicate()[1]
                 self.assertEqual(playable, ".mkv to keep" not in said)

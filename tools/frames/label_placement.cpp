@@ -11,6 +11,9 @@ namespace {
 
 // Hiding a label takes a box's name away, hiding a box only a part of the picture.
 constexpr std::int64_t kLabelWeight = 16;
+// Of more boxes than this each label stays at its box: there is no room apart from them, and looking for some would take
+// longer than the frame's network.
+constexpr std::size_t kCrowd = 64;
 
 class Placement {
  public:
@@ -30,7 +33,8 @@ class Placement {
     least_ = -1;
     const cv::Rect box = boxes_[index].box & picture_;
     const cv::Size label = boxes_[index].label;
-    for (int distance = 0; distance <= kFarthestLabel && least_ != 0; ++distance) {
+    const int farthest = boxes_.size() > kCrowd ? 0 : kFarthestLabel;
+    for (int distance = 0; distance <= farthest && least_ != 0; ++distance) {
       is_near_ = distance == 0;
       try_around(box, label, distance * label.height);
       if (distance == 0 && least_ != 0) {
