@@ -15,10 +15,9 @@ struct LabelledBox {
 };
 
 // The area of each label, in the order of the boxes; earlier ones choose first. Each lies in the picture, where
-// it fits into it at all: at its box's edges, else inside it, else, of a few boxes, up to kFarthestLabel label heights
-// away,
-// wherever it hides neither another box nor a label. Where there is no such place, it hides as little as it can at
-// its box.
+// it fits into it at all: at its box's edges, else inside it, else, where boxes are few, up to kFarthestLabel
+// label heights away, wherever it hides neither another box nor a label. Where there is no such place, it hides
+// as little as it can at its box.
 std::vector<cv::Rect> place_labels(const std::vector<LabelledBox>& boxes, cv::Size picture);
 
 constexpr int kFarthestLabel = 6;
