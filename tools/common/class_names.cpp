@@ -10,11 +10,10 @@ namespace olvex_tools {
 
 std::vector<std::string> read_class_names(const std::string& path) {
   const std::vector<char> bytes = read_whole_file("the class names", path);
-  std::vector<std::string> names = split(std::string(bytes.begin(), bytes.end()), '\n');
+  std::vector<std::string> names =
+      split(std::string(without_byte_order_mark({bytes.data(), bytes.size()})), '\n');
   for (std::string& name : names) {
-    if (!name.empty() && name.back() == '\r') {
-      name.pop_back();
-    }
+    name.erase(name.find_last_not_of(" \t\r") + 1);
   }
   while (!names.empty() && names.back().empty()) {
     names.pop_back();

@@ -166,7 +166,14 @@ std::string evaluation_json(Json report, const std::vector<LintFinding>& finding
 
 std::string xml_text(const std::string& text) {
   std::string result;
-  for (const char letter : one_line(valid_utf8(text))) {
+  std::string allowed = one_line(valid_utf8(text));
+  // The two characters of its first 65,536 that XML has not.
+  for (const char* const other : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
+    for (std::size_t at = allowed.find(other); at != std::string::npos; at = allowed.find(other)) {
+      allowed.replace(at, 3, "?");
+    }
+  }
+  for (const char letter : allowed) {
     switch (letter) {
       case '&':
         result += "&amp;";

@@ -103,6 +103,11 @@ std::vector<std::string> split(const std::string& text, char separator) {
   return parts;
 }
 
+std::string_view without_byte_order_mark(std::string_view text) {
+  constexpr std::string_view kMark = "\xEF\xBB\xBF";
+  return text.substr(0, kMark.size()) == kMark ? text.substr(kMark.size()) : text;
+}
+
 std::string in_lower_case(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

@@ -35,6 +35,9 @@ std::string join(const Items& items, const std::string& separator, const Describ
 // "640x384".
 std::string size_text(int width, int height);
 
+// Tables from other systems may begin with a mark that says they are UTF-8.
+std::string_view without_byte_order_mark(std::string_view text);
+
 std::vector<std::string> split(const std::string& text, char separator);
 std::string in_lower_case(std::string text);
 

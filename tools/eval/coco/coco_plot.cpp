@@ -29,7 +29,7 @@ constexpr PointValue kPointValues[] = {
 PlotSeries score_series(const std::string& name, const ScoreCurve& scores) {
   const auto& best = scores.best;
   PlotSeries series = {
-      name, best ? format("%g / %.3f", best->threshold, best->at.f1) : "-", false, {}};
+      name, best ? format("%.15g / %.3f", best->threshold, best->at.f1) : "-", false, {}};
   for (const PointValue value_of_point : kPointValues) {
     Curve curve;
     for (std::size_t i = 0; i < kScoreThresholds; ++i) {

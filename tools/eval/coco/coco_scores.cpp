@@ -22,8 +22,11 @@ ScorePoint point_of(std::size_t hits, std::size_t counted, std::size_t truths) {
 }
 
 // The number with the fewest decimals, two at least, that keeps the same detections as the lowest of their scores:
-// above the next lower one.
+// above the next lower one. Where there is none, the results end there, and what is below was not measured.
 double short_threshold(double lowest_kept, double highest_left) {
+  if (std::isinf(highest_left)) {
+    return lowest_kept;
+  }
   constexpr int kFewestDigits = 2;
   constexpr int kMostDigits = 15;
   for (int digits = kFewestDigits; digits <= kMostDigits; ++digits) {

@@ -62,6 +62,10 @@ class MapReader {
     if (const std::optional<int> class_id = whole_number(name, 0)) {
       return class_id;
     }
+    if (name.find_first_not_of("+-.0123456789") == std::string::npos) {
+      refuse("\"" + one_line(name) + "\" is no class. Give an id from 0 to " +
+             std::to_string(kClassMost) + ", a name, or - for none");
+    }
     std::vector<std::string> known;
     for (const auto& [class_id, known_name] : names_) {
       if (known_name == name) {
@@ -96,7 +100,8 @@ void read_list(const std::string& option, const std::string& text, MapReader* re
 void read_file(const std::string& path, MapReader* reader) {
   const std::vector<char> bytes = read_whole_file("the class map", path);
   std::size_t number = 0;
-  for (const std::string& line : split(std::string(bytes.begin(), bytes.end()), '\n')) {
+  for (const std::string& line :
+       split(std::string(without_byte_order_mark({bytes.data(), bytes.size()})), '\n')) {
     ++number;
     const std::string item = trimmed(line);
     if (!item.empty() && item.front() != '#') {

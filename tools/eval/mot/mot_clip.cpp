@@ -120,7 +120,10 @@ MotClip make_mot_clip(const MotFile& truth, const MotFile& result) {
       const std::size_t index = objects.at(truth_row->id);
       ClipObject& object = clip.objects[index];
       object.id = truth_row->id;
-      object.class_id = truth_row->class_id;
+      // Of the rows that count, if there are any.
+      if (!truth_row->ignored || object.present.empty()) {
+        object.class_id = truth_row->class_id;
+      }
       extend_spans(truth_row->ignored ? &object.ignored : &object.present, frame.number);
       frame.truths.push_back({index, truth_row->class_id, truth_row->box});
       ignored.push_back(truth_row->ignored);

@@ -153,12 +153,6 @@ MotRow read_result_row(const RowReader& reader, std::size_t line) {
   return row;
 }
 
-// Tables from other systems may begin with a mark that says they are UTF-8.
-std::string_view without_byte_order_mark(std::string_view text) {
-  constexpr std::string_view kMark = "\xEF\xBB\xBF";
-  return text.substr(0, kMark.size()) == kMark ? text.substr(kMark.size()) : text;
-}
-
 void require_few_boxes_in_frame(const MotFile& file) {
   for (std::size_t i = kBoxesInFrameMost; i < file.rows.size(); ++i) {
     const MotRow& row = file.rows[i];
@@ -203,6 +197,7 @@ MotFile read_rows(const char* what, const std::string& path, ReadRow read_row) {
 
 void require_sound_objects(const MotFile& truth) {
   std::map<long, const MotRow*> last_rows;
+  std::map<long, const MotRow*> counted_rows;  // the first of each
   for (const MotRow& row : truth.rows) {
     const auto [place, is_new] = last_rows.emplace(row.id, &row);
     const MotRow& last = *place->second;
@@ -212,13 +207,16 @@ void require_sound_objects(const MotFile& truth) {
              object + " has a box in frame " + std::to_string(row.frame) + " already, in row " +
                  std::to_string(last.line) + ". Remove one, or give it another id");
     }
-    if (last.class_id != row.class_id) {
+    place->second = &row;
+    // The class of a row that does not count does not matter.
+    const MotRow* const counted =
+        row.ignored ? nullptr : counted_rows.emplace(row.id, &row).first->second;
+    if (counted != nullptr && counted->class_id != row.class_id) {
       refuse(truth.path, row.line,
              object + " is of class " + std::to_string(row.class_id) + ", in row " +
-                 std::to_string(last.line) + " of class " + std::to_string(last.class_id) +
+                 std::to_string(counted->line) + " of class " + std::to_string(counted->class_id) +
                  ". Give objects of different classes different ids");
     }
-    place->second = &row;
   }
 }
 

@@ -146,16 +146,21 @@ std::array<HotaValues, kHotaThresholds> hota_curve(const HotaSums& sums) {
 
 HotaValues hota_values(const HotaSums& sums) {
   HotaValues mean;
-  constexpr double kShare = 1.0 / kHotaThresholds;
   for (const HotaValues& at : hota_curve(sums)) {
-    mean.hota += at.hota * kShare;
-    mean.detection += at.detection * kShare;
-    mean.detection_recall += at.detection_recall * kShare;
-    mean.detection_precision += at.detection_precision * kShare;
-    mean.association += at.association * kShare;
-    mean.association_recall += at.association_recall * kShare;
-    mean.association_precision += at.association_precision * kShare;
-    mean.localisation += at.localisation * kShare;
+    mean.hota += at.hota;
+    mean.detection += at.detection;
+    mean.detection_recall += at.detection_recall;
+    mean.detection_precision += at.detection_precision;
+    mean.association += at.association;
+    mean.association_recall += at.association_recall;
+    mean.association_precision += at.association_precision;
+    mean.localisation += at.localisation;
+  }
+  // Sums of ones divide to exactly 1.
+  for (double* value : {&mean.hota, &mean.detection, &mean.detection_recall,
+                        &mean.detection_precision, &mean.association, &mean.association_recall,
+                        &mean.association_precision, &mean.localisation}) {
+    *value /= kHotaThresholds;
   }
   return mean;
 }

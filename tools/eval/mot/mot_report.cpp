@@ -40,8 +40,9 @@ std::vector<TableRow> table_rows(const MotReport& report) {
   // The ends of long names tell them apart.
   for (TableRow& row : rows) {
     row.name = one_line(row.name);
-    if (row.name.size() > kNameWidest) {
-      row.name = "..." + row.name.substr(row.name.size() - kNameWidest + 3);
+    if (width_of(row.name) > kNameWidest) {
+      const std::size_t left_out = width_of(row.name) - kNameWidest + 3;
+      row.name = "..." + row.name.substr(shortened(row.name, left_out, "").size());
     }
   }
   return rows;
@@ -55,11 +56,11 @@ std::string padded(const std::string& text, std::size_t width) {
 std::vector<std::string> name_column(const std::vector<TableRow>& rows) {
   std::size_t width = 0;
   for (const TableRow& row : rows) {
-    width = std::max(width, row.name.size());
+    width = std::max(width, width_of(row.name));
   }
   std::vector<std::string> lines = {std::string(width, ' ')};
   for (const TableRow& row : rows) {
-    lines.push_back(format("%-*s", static_cast<int>(width), row.name.c_str()));
+    lines.push_back(row.name + std::string(width - width_of(row.name), ' '));
   }
   return lines;
 }
