@@ -135,7 +135,7 @@ void OutputFile::write_in_place(const std::string& text) {
 }
 
 void OutputFile::write(const std::string& text) {
-  if (failed_) {
+  if (failed_ || closed_) {
     return;
   }
   try {
@@ -169,6 +169,7 @@ void OutputFile::close() {
   if (!owned_ || failed_) {
     return;
   }
+  closed_ = true;
   if (replacement_) {
     commit();
   }

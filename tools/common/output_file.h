@@ -39,7 +39,7 @@ class OutputFile {
   // Hands the text to the system in one piece. When that fails, kLines drops what was written of
   // it, and later texts are ignored.
   void write(const std::string& text);
-  // Afterwards the file is complete; one that got no text, or whose write failed, stays as it is.
+  // Afterwards the file is complete, and later texts are ignored; one that got no text, or whose write failed, stays as it is.
   // Call it once.
   void close();
   // Whether there is a file to keep until the first text comes.
@@ -57,6 +57,7 @@ class OutputFile {
   OutputForm form_;
   bool is_file_ = true;  // or yet to be made
   bool failed_ = false;
+  bool closed_ = false;
   int descriptor_ = -1;  // when written in place
   bool owned_ = true;    // descriptor_ is to be closed
   std::optional<ReplacementFile> replacement_;

@@ -165,7 +165,8 @@ void blur(const FrameRecord& record, const Scale& scale, cv::Mat* picture) {
     if (area.empty()) {
       continue;
     }
-    const double cell = std::max(area.width, area.height) / static_cast<double>(kCells);
+    const double cell =
+        std::max(2.0, std::max(area.width, area.height) / static_cast<double>(kCells));
     const cv::Size cells(std::max(1, static_cast<int>(area.width / cell)),
                          std::max(1, static_cast<int>(area.height / cell)));
     cv::Mat inside = (*picture)(area);

@@ -13,7 +13,7 @@ namespace olvex_tools {
 
 namespace {
 
-constexpr std::size_t kMostFrames = 100000000;
+constexpr std::size_t kMostFrames = 10000000;
 
 using Times = std::vector<std::int64_t>;  // in the file's own ticks
 
@@ -202,7 +202,9 @@ class MatroskaTimes {
 
   void read_in_cluster(const Element& element) {
     if (element.id == kClusterTimestamp) {
-      cluster_ = static_cast<std::int64_t>(number(element));
+      constexpr std::uint64_t kLastExact = 1ull << 53;  // in double precision
+      is_known_ = is_known_ && number(element) <= kLastExact;
+      cluster_ = static_cast<std::int64_t>(std::min(number(element), kLastExact));
     } else if (element.id == kSimpleBlock) {
       read_block(element);
     } else if (element.id == kBlockGroup) {
@@ -246,10 +248,18 @@ std::uint64_t ticks_per_second(BoxBytes header) {
 Times shown_times(BoxBytes samples) {
   const std::vector<std::uint32_t> steps = table_of(box_at(samples, {"stts"}), 2);
   const std::vector<std::uint32_t> delays = table_of(box_at(samples, {"ctts"}), 2);
+  // Both kinds of this table have the number of samples at the same place.
+  const BoxBytes ordinary_sizes = box_at(samples, {"stsz"});
+  const BoxBytes sizes = ordinary_sizes.empty() ? box_at(samples, {"stz2"}) : ordinary_sizes;
+  constexpr std::size_t kCountPlace = 8;
+  if (sizes.size() < kCountPlace + 4) {
+    return {};
+  }
+  const std::size_t count = big_endian(&sizes[kCountPlace], 4);
   Times times;
   std::int64_t time = 0;
   for (std::size_t i = 0; i + 1 < steps.size(); i += 2) {
-    if (steps[i] > kMostFrames - times.size()) {
+    if (steps[i] > std::min(count, kMostFrames) - times.size()) {
       return {};
     }
     for (std::uint32_t k = 0; k < steps[i]; ++k) {

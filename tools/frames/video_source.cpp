@@ -38,7 +38,8 @@ class VideoSource : public CaptureSource {
     if (count >= kFewFrames && index().size() > static_cast<std::size_t>(start + count)) {
       seek(start + count);
     }
-    return position() - start + FrameSource::skip_many(start + count - position());
+    const long sought = position() - start;
+    return sought + FrameSource::skip_many(count - sought);
   }
 
   void skip_until(std::uint64_t pts) override {

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -84,21 +85,24 @@ void require_in_order(const std::string& path, Kind kind, std::string_view text,
   if (text.back() != '\n') {
     refuse_input(path, "is cut: its last line does not end. Run that shard again");
   }
-  const std::string_view first_line = text.substr(0, text.find('\n'));
-  const std::size_t last_start =
-      text.size() < 2 ? std::string_view::npos : text.rfind('\n', text.size() - 2);
-  const std::string_view last_line = text.substr(last_start + 1, text.size() - last_start - 2);
-  const Place begin = place_of(path, kind, first_line);
-  const auto before = last->find(begin.source);
-  // Rows of a frame are together, but pictures are frames of sources of their own.
-  if (before != last->end() && before->second >= begin.frame) {
-    refuse_input(path, "begins with frame " + std::to_string(begin.frame) +
-                           ", but the part before it reaches frame " +
-                           std::to_string(before->second) +
-                           ". Give the parts in the order of their shards");
+  LastFrames own;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start);
+    const Place place = place_of(path, kind, text.substr(start, end - start));
+    const auto before = last->find(place.source);
+    // Rows of a frame are together, but pictures are frames of sources of their own.
+    if (before != last->end() && before->second >= place.frame && own.count(place.source) == 0) {
+      refuse_input(path, "begins with frame " + std::to_string(place.frame) +
+                             ", but the part before it reaches frame " +
+                             std::to_string(before->second) +
+                             ". Give the parts in the order of their shards");
+    }
+    own[place.source] = place.frame;
+    start = end + 1;
   }
-  const Place end = place_of(path, kind, last_line);
-  (*last)[end.source] = end.frame;
+  for (const auto& [source, frame] : own) {
+    (*last)[source] = frame;
+  }
 }
 
 std::string_view items_of(const std::string& path, std::string_view text) {
@@ -109,16 +113,37 @@ std::string_view items_of(const std::string& path, std::string_view text) {
   return text.substr(kCocoStart.size(), text.size() - around);
 }
 
+// No picture has results in two parts.
+void require_own_pictures(const std::string& path, std::string_view items,
+                          std::set<std::string_view>* pictures) {
+  constexpr std::string_view kKey = "\"image_id\":";
+  std::set<std::string_view> own;
+  for (std::size_t at = items.find(kKey); at != std::string_view::npos; at = items.find(kKey, at)) {
+    at += kKey.size();
+    own.insert(items.substr(at, items.find_first_of(",}", at) - at));
+  }
+  for (const std::string_view picture : own) {
+    if (!pictures->insert(picture).second) {
+      refuse_input(path, "has results of picture " + std::string(picture) +
+                             ", which a part before it has, too. Give each part once");
+    }
+  }
+}
+
 int merge(const CommandLine& line) {
   Kind kind = Kind::kUnknown;
   LastFrames last;
   OutputFile output(line.output, stdout, OutputForm::kWhole);
   bool any_item = false;
+  std::string empty_part;
+  std::set<std::string_view> pictures;
+  std::vector<std::vector<char>> parts;
   for (const std::string& path : line.parts) {
-    const std::vector<char> bytes = read_whole_file("the results", path);
-    const std::string_view text(bytes.data(), bytes.size());
+    parts.push_back(read_whole_file("the results", path));
+    const std::string_view text(parts.back().data(), parts.back().size());
     const Kind found = kind_of(text);
     if (found == Kind::kUnknown) {
+      empty_part = path;
       continue;
     }
     if (kind != Kind::kUnknown && found != kind) {
@@ -126,6 +151,7 @@ int merge(const CommandLine& line) {
     }
     if (found == Kind::kCoco) {
       const std::string_view items = items_of(path, text);
+      require_own_pictures(path, items, &pictures);
       output.write((kind == Kind::kUnknown ? "[" : "") +
                    std::string(any_item && !items.empty() ? "," : "") + std::string(items));
       any_item = any_item || !items.empty();
@@ -134,6 +160,10 @@ int merge(const CommandLine& line) {
       output.write(std::string(text));
     }
     kind = found;
+  }
+  // Only MOT rows can be without any.
+  if (!empty_part.empty() && kind != Kind::kMot && kind != Kind::kUnknown) {
+    refuse_input(empty_part, "is empty: its shard was cut. Run that shard again");
   }
   output.write(kind == Kind::kCoco ? std::string(kCocoEnd) : "");
   output.close();

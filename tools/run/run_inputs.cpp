@@ -19,15 +19,6 @@ namespace {
 
 constexpr char kStandardInputPath[] = "/dev/stdin";
 
-bool is_address(const std::string& word) {
-  for (const char* scheme : {"rtsp://", "rtsps://", "http://", "https://"}) {
-    if (word.rfind(scheme, 0) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
 bool exists(const std::string& path) {
   std::error_code error;
   return fs::exists(path, error);
@@ -61,9 +52,16 @@ std::string safe_name(std::string name) {
 }
 
 // The last part of an address without its extension, or the host.
+// Behind the name and password that an address may begin with, after its scheme.
+std::size_t end_of_user(const std::string& address) {
+  const std::size_t at = address.substr(0, address.find('/')).rfind('@');
+  return at == std::string::npos ? 0 : at + 1;
+}
+
 std::string name_of_address(const std::string& address) {
   std::string path = address.substr(0, address.find_first_of("?#"));
   path = path.substr(path.find("//") + 2);
+  path.erase(0, end_of_user(path));
   while (!path.empty() && path.back() == '/') {
     path.pop_back();
   }
@@ -112,7 +110,7 @@ class InputList {
     if (word == kStandardInput) {
       inputs_.push_back(stream_input("standard input", kStandardInputPath, "stdin"));
     } else if (is_address(word)) {
-      inputs_.push_back(stream_input(word, word, name_of_address(word)));
+      inputs_.push_back(stream_input(without_secrets(word), word, name_of_address(word)));
     } else if (is_pattern(word)) {
       for (const std::string& path : fitting(word)) {
         add_path(path);
@@ -173,6 +171,28 @@ void require_there(const RunInput& input) {
 
 }  // namespace
 
+bool is_address(const std::string& word) {
+  for (const char* scheme : {"rtsp://", "rtsps://", "http://", "https://"}) {
+    if (word.rfind(scheme, 0) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string without_secrets(const std::string& input) {
+  if (!is_address(input)) {
+    return input;
+  }
+  const std::size_t start = input.find("//") + 2;
+  const std::string rest = input.substr(start);
+  const std::size_t query = rest.find('?');
+  return input.substr(0, start) +
+         rest.substr(end_of_user(rest),
+                     query == std::string::npos ? query : query - end_of_user(rest)) +
+         (query == std::string::npos ? "" : "?...");
+}
+
 std::vector<RunInput> run_inputs(const std::vector<std::string>& words) {
   if (std::count(words.begin(), words.end(), kStandardInput) > 1) {
     refuse_usage("standard input (-) can be read once only");
@@ -196,7 +216,8 @@ std::vector<RunInput> run_inputs(const std::vector<std::string>& words) {
 std::unique_ptr<FrameSource> open_run_input(const RunInput& input, const FrameLayout& layout,
                                             double picture_rate, int timeout) {
   if (input.is_stream) {
-    return make_stream_source(input.shown, input.path, timeout);
+    return make_stream_source(input.shown, input.path,
+                              input.path == kStandardInputPath ? kNoTimeout : timeout);
   }
   if (input.series.empty()) {
     return open_frame_source(input.path, layout, picture_rate);

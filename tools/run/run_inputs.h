@@ -38,6 +38,12 @@ std::unique_ptr<FrameSource> open_run_input(const RunInput& input, const FrameLa
 // The files that are read, to be kept apart from those that are written.
 std::vector<std::string> paths_of(const std::vector<RunInput>& inputs);
 
+// Whether it is read by its protocol: http://, rtsp:// and their like.
+bool is_address(const std::string& word);
+
+// As it may be written down: of an address without its user, password and query.
+std::string without_secrets(const std::string& input);
+
 }  // namespace olvex_tools
 
 #endif  // TOOLS_RUN_RUN_INPUTS_H

@@ -74,6 +74,26 @@ void check_numbers(const CommandLine& line) {
   }
 }
 
+void check_drawing(const CommandLine& line) {
+  const OutputOptions& outputs = line.run.outputs;
+  const DetectorOptions& detector = line.run.detector;
+  const bool draws =
+      !outputs.video.empty() || !outputs.pictures.empty() || !outputs.contact_sheet.empty();
+  const bool is_changed = !outputs.drawing.labels || outputs.drawing.line_width > 0;
+  if (!draws && (is_changed || !line.run.blurred.empty())) {
+    refuse_usage(
+        "--blur, --no-labels and --line-width act on pictures: add --video, --pictures or "
+        "--contact-sheet");
+  }
+  // Boxes that are held, or not reported yet, are not where the object is.
+  if (!line.run.blurred.empty() &&
+      (detector.stable || detector.ignore_static || detector.strict || detector.track_frames > 1)) {
+    refuse_usage(
+        "--blur needs every box where it was found: leave out --stable, --ignore-static, --strict "
+        "and --track-frames");
+  }
+}
+
 void check_combinations(const CommandLine& line) {
   const DetectorOptions& detector = line.run.detector;
   if (detector.strict && line.track.given() && !detector.track) {
@@ -108,6 +128,12 @@ void check_combinations(const CommandLine& line) {
   if (!line.shard.empty() && !line.duration.empty()) {
     refuse_usage(
         "--shard divides frames, which --duration does not count: give --limit in its place");
+  }
+  check_drawing(line);
+  const auto is_stream = [](const std::string& word) { return word == "-" || is_address(word); };
+  if (!line.shard.empty() &&
+      std::any_of(line.run.inputs.begin(), line.run.inputs.end(), is_stream)) {
+    refuse_usage("--shard: a stream cannot be divided. Give files");
   }
   if (line.run.log == kStandardOutput) {
     refuse_usage(
@@ -229,6 +255,9 @@ void set_selection(CommandLine* line) {
   }
   if (!line->duration.empty()) {
     selection->duration = microseconds_of("--duration", line->duration);
+    if (*selection->duration == 0) {
+      refuse_usage("--duration " + line->duration + ": no frame is that short");
+    }
   }
   if (!line->shard.empty()) {
     set_shard(line->shard, selection);

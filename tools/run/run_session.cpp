@@ -74,6 +74,9 @@ std::set<std::uint32_t> class_ids(const char* option, const std::vector<std::str
       refuse_usage(option + (" " + word) + ": the model names no such class" +
                    did_you_mean(word, names) +
                    (names.empty() ? ". It names none: give numbers" : ""));
+    } else if (!names.empty() && id >= names.size()) {
+      refuse_usage(option + (" " + word) + ": the model names " +
+                   counted(names.size(), "class", "classes") + ", numbered from 0");
     }
     ids.insert(id);
   }
@@ -258,7 +261,8 @@ class Session {
     if (job.input == input_) {
       return;
     }
-    throw_all(own_outputs_->finish());
+    // Once: what is finished must not be written again when the next input's cannot be made.
+    throw_all(std::exchange(own_outputs_, nullptr)->finish());
     input_ = job.input;
     rate_ = job.rate;
     own_outputs_ = make_outputs(own_outputs(options_.outputs, inputs_[input_].name));
@@ -267,8 +271,10 @@ class Session {
   // Each is completed, also when another one fails.
   std::vector<ToolError> finish_outputs() {
     std::vector<ToolError> failures = shared_outputs_->finish();
-    const std::vector<ToolError> more = own_outputs_->finish();
-    failures.insert(failures.end(), more.begin(), more.end());
+    if (own_outputs_ != nullptr) {
+      const std::vector<ToolError> more = own_outputs_->finish();
+      failures.insert(failures.end(), more.begin(), more.end());
+    }
     if (trace_) {
       try {
         trace_->finish();
@@ -300,7 +306,9 @@ class Session {
   RunFacts facts() const {
     RunFacts facts;
     facts.model = options_.detector.model;
-    facts.inputs = options_.inputs;
+    for (const std::string& input : options_.inputs) {
+      facts.inputs.push_back(without_secrets(input));
+    }
     facts.class_names = model_.description.class_names;
     facts.max_boxes = model_.description.decoded.max_boxes;
     facts.tracked = tracked();
@@ -350,7 +358,7 @@ class Session {
   double rate_ = reader_.frames_per_second();  // of the input that is written
   Progress progress_;
   std::unique_ptr<RunOutputs> shared_outputs_;
-  std::unique_ptr<RunOutputs> own_outputs_;  // of the input that is written
+  std::unique_ptr<RunOutputs> own_outputs_;  // of the input that is written; null between two
   RunSummary summary_;
   std::optional<OutputFile> summary_file_;
   std::optional<RunTrace> trace_;
