@@ -76,7 +76,8 @@ std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const s
 
 // An encoded stream at an address that the coder opens, called name in messages. timeout: seconds to wait for it
 // to open, and for each frame.
-constexpr int kNoTimeout = 2000000;  // seconds, 23 days: without a limit the coder takes half a minute
+constexpr int kNoTimeout =
+    2000000;  // seconds, 23 days: without a limit the coder takes half a minute
 std::unique_ptr<FrameSource> make_stream_source(const std::string& name, const std::string& address,
                                                 int timeout);
 
