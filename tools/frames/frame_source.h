@@ -74,10 +74,11 @@ std::unique_ptr<FrameSource> make_video_source(const std::string& path);
 // name as the user wrote it; device as the system knows it: /dev/videoN
 std::unique_ptr<FrameSource> make_camera_source(const std::string& name, const std::string& device);
 
+// Seconds: without a limit of 23 days the coder takes half a minute.
+constexpr int kNoTimeout = 2000000;
+
 // An encoded stream at an address that the coder opens, called name in messages. timeout: seconds to wait for it
 // to open, and for each frame.
-constexpr int kNoTimeout =
-    2000000;  // seconds, 23 days: without a limit the coder takes half a minute
 std::unique_ptr<FrameSource> make_stream_source(const std::string& name, const std::string& address,
                                                 int timeout);
 
