@@ -123,7 +123,7 @@ def without_curves(report):
 
 
 def kept_by(truth, results, classes, pictures, threshold):
-    """Hits, kept results and truth boxes of these classes, each class judged anew among the results from a score on."""
+    """Hits, kept results and truth boxes of these classes, each class judged by itself among the results from a score on."""
     hits = kept = boxes = 0
     for kind, picture in itertools.product(classes, pictures):
         here = [row for row in truth if row[:2] == (picture, kind)]

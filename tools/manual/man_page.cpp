@@ -35,7 +35,8 @@ std::string synopsis(const DescribedCommand& command) {
   std::string text = ".B " + roff(command.name) + "\n[\\fIOPTIONS\\fR]";
   for (const DescribedOption& option : command.options) {
     if (option.is_positional) {
-      const std::string name = "\\fI" + roff(option.names.front()) + "\\fR";
+      const std::string name =
+          "\\fI" + roff(option.names.front()) + "\\fR" + (option.repeats ? " ..." : "");
       text += option.is_required ? " " + name : " [" + name + "]";
     }
   }

@@ -18,6 +18,7 @@ struct DescribedOption {
   std::string group;
   bool is_positional = false;
   bool is_required = false;
+  bool repeats = false;  // a positional one: several words
 };
 
 struct DescribedCommand {

@@ -63,6 +63,7 @@ DescribedOption described(const CLI::Option& option) {
   result.help = option.get_description();
   result.group = option.get_group();
   result.is_required = option.get_required();
+  result.repeats = option.get_expected_max() > 1;
   return result;
 }
 
